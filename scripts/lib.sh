@@ -1,0 +1,32 @@
+# Shared by the scripts: where things are, how they talk. Sourced, not run.
+# shellcheck shell=bash
+set -euo pipefail
+ZOL_TOP=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+export ZOL_TOP
+# Compilations are found again from any clone of the project, not only from the one that made them.
+export CCACHE_BASEDIR="$ZOL_TOP" CCACHE_NOHASHDIR=true
+
+if [ -t 1 ]; then
+    bold=$(printf '\033[1m'); green=$(printf '\033[32m'); red=$(printf '\033[31m'); plain=$(printf '\033[0m')
+else
+    bold=''; green=''; red=''; plain=''
+fi
+
+step() { printf '%s== %s%s\n' "$bold" "$*" "$plain"; }
+good() { printf '%s%s%s\n' "$green" "$*" "$plain"; }
+die() { printf '%s%s: %s%s\n' "$red" "$(basename "$0")" "$*" "$plain" >&2; exit 1; }
+
+# Prints the comment block at the top of the calling script as its help.
+show_help() { sed -n '2,/^[^#]/{s/^# \{0,1\}//p;}' "$0"; }
+
+# Runs a command quietly; on failure shows the end of what it printed.
+quietly() {
+    local log
+    log=$(mktemp)
+    if ! "$@" >"$log" 2>&1; then
+        tail -60 "$log" >&2
+        rm -f "$log"
+        die "failed: $*"
+    fi
+    rm -f "$log"
+}
