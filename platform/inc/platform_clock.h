@@ -1,0 +1,40 @@
+#pragma once
+/// Clocks, sleeping and waiting. The one seam for time: tests link an implementation whose time stands
+/// still until they move it.
+#include <semaphore.h>
+#include <stdint.h>
+#include <time.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/// The wall clock (UTC since 1970). May be set forward or back at any time. 0 on success, else -1.
+int platform_clock_realtime(struct timespec* out);
+
+/// Nanoseconds on a clock that never jumps and starts anywhere.
+uint64_t platform_clock_steady_ns(void);
+
+/// Sleeps the calling thread for at least this long.
+void platform_sleep_us(uint64_t microseconds);
+
+/// Waits until `sem` can be taken or the wall clock reaches `deadline`. 0 when it was taken, else -1
+/// with errno (ETIMEDOUT; EINVAL at once when tv_nsec is not below 10^9).
+int platform_sem_wait_until(sem_t* sem, const struct timespec* deadline);
+
+/// One waiter, any number of ringers. A ring while nobody waits ends the next wait at once; several such
+/// rings count as one.
+typedef struct platform_alarm_s platform_alarm_t;
+
+/// Null when there is no memory. Owned by the caller, freed with platform_alarm_free.
+platform_alarm_t* platform_alarm_new(void);
+/// Nobody may wait or ring any more. Null is allowed.
+void platform_alarm_free(platform_alarm_t* alarm);
+/// Waits for a ring or for `nanoseconds` of steady time. 1 when rung, 0 when the time is over.
+int platform_alarm_wait(platform_alarm_t* alarm, uint64_t nanoseconds);
+/// Any thread; never blocks for long; allocates nothing.
+void platform_alarm_ring(platform_alarm_t* alarm);
+
+#ifdef __cplusplus
+}
+#endif

@@ -1,0 +1,56 @@
+#pragma once
+/// The configuration store: typed keys that every process may read, set and watch.
+///
+/// Keys are paths without a leading slash. Those under "db/" and "file/" survive a power cut as soon as
+/// the set has returned; those under "memory/" last until power-off. A key holds one value of one type;
+/// setting it with another type changes its type. All functions may be called from any thread.
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/// Value types of a key.
+enum vconf_type { VCONF_TYPE_NONE = 0, VCONF_TYPE_INT = 1, VCONF_TYPE_STRING = 2, VCONF_TYPE_BOOL = 3 };
+
+/// A change as it is told to a watcher. Owned by the store and valid during the callback only.
+typedef struct keynode_s {
+    const char* keyname;    ///< the key that changed
+    int type;               ///< enum vconf_type; VCONF_TYPE_NONE when the key was removed
+    int int_value;          ///< value of an int or bool (0 or 1) key at the time of the notification
+    const char* str_value;  ///< value of a string key, else null
+} keynode_t;
+
+/// Runs on the thread that runs GLib's default main context.
+typedef void (*vconf_callback_fn)(keynode_t* node, void* user_data);
+
+/// 0 on success; -1 when the key is missing, holds another type or cannot be read (then *out is untouched).
+int vconf_get_int(const char* key, int* out);
+int vconf_get_bool(const char* key, int* out);
+/// The caller frees the result with free(). Null when the key is missing, no string, or cannot be read.
+char* vconf_get_str(const char* key);
+
+/// 0 on success, else -1. The value is durable and every watcher in every process will be told.
+int vconf_set_int(const char* key, int value);
+int vconf_set_bool(const char* key, int value);
+int vconf_set_str(const char* key, const char* value);
+
+/// Removes a key. 0 on success, also when there was none; else -1.
+int vconf_unset(const char* key);
+
+/// Calls `callback` after every change of `key`, whoever made it, also when the same value is set again.
+/// Several changes may arrive as one call; the last one is never lost. The same (key, callback, user_data)
+/// may be registered several times: it is called once per change and must be withdrawn as often.
+/// 0 on success, negative on failure.
+int vconf_notify_key_changed(const char* key, vconf_callback_fn callback, void* user_data);
+
+/// Withdraws one registration. When it was the last of its kind the callback is not running and never runs
+/// again once this returns (called from inside the callback itself: it is not called again).
+/// 0 on success, -1 when there is no such registration.
+int vconf_withdraw_key_changed(const char* key, vconf_callback_fn callback, void* user_data);
+
+/// enum vconf_type of the changed key; VCONF_TYPE_NONE for a null node.
+int vconf_keynode_get_type(const keynode_t* node);
+
+#ifdef __cplusplus
+}
+#endif

@@ -1,0 +1,87 @@
+#include "platform_clock.h"
+
+#include <glib.h>
+#include <time.h>
+
+#include <cerrno>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <limits>
+#include <mutex>
+#include <new>
+
+struct platform_alarm_s {
+    std::mutex mutex;
+    std::condition_variable rang;
+    bool rung = false;
+};
+
+extern "C" {
+
+int platform_clock_realtime(struct timespec* out) {
+    return clock_gettime(CLOCK_REALTIME, out);
+}
+
+uint64_t platform_clock_steady_ns(void) {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000000U + static_cast<uint64_t>(now.tv_nsec);
+}
+
+void platform_sleep_us(uint64_t microseconds) {
+    // g_usleep takes an unsigned long, which has 32 bits on the device.
+    constexpr uint64_t kLongest = std::numeric_limits<gulong>::max();
+    g_usleep(static_cast<gulong>(std::min(microseconds, kLongest)));
+}
+
+int platform_sem_wait_until(sem_t* sem, const struct timespec* deadline) {
+    constexpr long kNsPerSecond = 1000000000;
+    if (deadline->tv_nsec < 0 || deadline->tv_nsec >= kNsPerSecond) {
+        errno = EINVAL;
+        return -1;
+    }
+    // Polling tasks ask with a deadline of now a hundred times a second: sem_timedwait would put them to
+    // sleep for it, and every such switch costs as much as the pass itself.
+    if (sem_trywait(sem) == 0) {
+        return 0;
+    }
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    if (now.tv_sec > deadline->tv_sec ||
+        (now.tv_sec == deadline->tv_sec && now.tv_nsec >= deadline->tv_nsec)) {
+        errno = ETIMEDOUT;
+        return -1;
+    }
+    int result = 0;
+    do {
+        result = sem_timedwait(sem, deadline);
+    } while (result != 0 && errno == EINTR);
+    return result;
+}
+
+platform_alarm_t* platform_alarm_new(void) {
+    return new (std::nothrow) platform_alarm_s;
+}
+
+void platform_alarm_free(platform_alarm_t* alarm) {
+    delete alarm;
+}
+
+int platform_alarm_wait(platform_alarm_t* alarm, uint64_t nanoseconds) {
+    // A year keeps the sum below the clock's range.
+    constexpr uint64_t kLongest = 365ULL * 24 * 3600 * 1000000000;
+    const std::chrono::nanoseconds time(static_cast<int64_t>(std::min(nanoseconds, kLongest)));
+    std::unique_lock<std::mutex> lock(alarm->mutex);
+    const bool rung = alarm->rang.wait_for(lock, time, [alarm] { return alarm->rung; });
+    alarm->rung = false;
+    return rung ? 1 : 0;
+}
+
+void platform_alarm_ring(platform_alarm_t* alarm) {
+    const std::lock_guard<std::mutex> lock(alarm->mutex);
+    alarm->rung = true;
+    alarm->rang.notify_one();
+}
+}

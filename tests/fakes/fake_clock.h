@@ -1,0 +1,33 @@
+#pragma once
+/// Time that stands still until a test moves it.
+#include <chrono>
+#include <cstdint>
+
+namespace fakes {
+namespace clock {
+
+/// Wall clock after Reset: seconds since 1970.
+constexpr std::int64_t kEpoch = 1700000000;
+
+/// Sets the wall clock only: the steady clock and sleepers are not moved.
+void SetWall(std::int64_t seconds, std::int64_t nanoseconds = 0);
+std::int64_t WallSeconds();
+/// Lets time pass on both clocks and wakes every sleeper whose time is over.
+void Advance(std::chrono::nanoseconds time);
+/// Lets time pass on the steady clock only: a wall clock that is not set.
+void AdvanceSteady(std::chrono::nanoseconds time);
+/// Makes platform_clock_realtime fail (return -1).
+void FailRealtime(bool fail);
+
+/// Waits until a thread sleeps or waits for exactly this long; false after ten real seconds. Threads that
+/// Advance has woken do not count.
+bool AwaitSleeper(std::chrono::nanoseconds duration, int sleepers = 1);
+
+/// By default platform_sleep_us lets the time pass by itself and returns at once; off: it blocks until
+/// Advance.
+void SleepAdvances(bool on);
+/// Sum of all platform_sleep_us since Reset, microseconds.
+std::uint64_t SleptUs();
+
+}  // namespace clock
+}  // namespace fakes

@@ -1,0 +1,22 @@
+#pragma once
+/// The device's power notifications, sent by the test.
+#include <string>
+#include <vector>
+
+namespace fakes {
+namespace device_power {
+
+/// Tells every subscriber on its own GLib context and returns when each callback has returned. False when one
+/// did not within ten real seconds.
+bool PowerOff(int reason);
+bool WakeUp(int reason);
+
+/// Waits until both notifications are subscribed; false after ten real seconds.
+bool AwaitSubscribed();
+/// What was called since Reset, in order: "subscribe_poweroff", "unsubscribe_wakeup" and so on.
+std::vector<std::string> Calls();
+/// Makes later subscriptions fail.
+void FailSubscriptions(bool fail);
+
+}  // namespace device_power
+}  // namespace fakes

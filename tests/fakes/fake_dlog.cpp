@@ -1,0 +1,88 @@
+#include "fake_dlog.h"
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdarg>
+#include <cstdio>
+#include <mutex>
+
+#include "dlog.h"
+
+namespace fakes {
+namespace dlog {
+namespace {
+
+std::mutex g_mutex;
+std::condition_variable g_changed;
+
+std::vector<LogLine>& TheLines() {
+    static auto* lines = new std::vector<LogLine>;
+    return *lines;
+}
+
+bool Contains(const LogLine& line, const std::string& part) {
+    return line.text.find(part) != std::string::npos;
+}
+
+int CountLocked(const std::string& part) {
+    return static_cast<int>(std::count_if(TheLines().begin(), TheLines().end(),
+                                          [&part](const LogLine& line) { return Contains(line, part); }));
+}
+
+}  // namespace
+
+void Clear() {
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    TheLines().clear();
+}
+
+std::vector<LogLine> Lines() {
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    return TheLines();
+}
+
+int Count(const std::string& part) {
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    return CountLocked(part);
+}
+
+bool Has(const std::string& part) {
+    return Count(part) > 0;
+}
+
+LogLine Find(const std::string& part) {
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    for (const LogLine& line : TheLines()) {
+        if (Contains(line, part)) {
+            return line;
+        }
+    }
+    return {-1, -1, "", ""};
+}
+
+bool WaitFor(const std::string& part, int times) {
+    std::unique_lock<std::mutex> lock(g_mutex);
+    return g_changed.wait_for(lock, std::chrono::seconds(10), [&] { return CountLocked(part) >= times; });
+}
+
+}  // namespace dlog
+}  // namespace fakes
+
+extern "C" {
+
+void dlog_vemit(int buffer, int priority, const char* tag, const char* format, va_list arguments) {
+    char text[4096];
+    std::vsnprintf(text, sizeof(text), format, arguments);
+    const std::lock_guard<std::mutex> lock(fakes::dlog::g_mutex);
+    fakes::dlog::TheLines().push_back({buffer, priority, tag, text});
+    fakes::dlog::g_changed.notify_all();
+}
+
+void dlog_emit(int buffer, int priority, const char* tag, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    dlog_vemit(buffer, priority, tag, format, arguments);
+    va_end(arguments);
+}
+}

@@ -1,0 +1,13 @@
+#pragma once
+/// Shared between the sources of the fakes only.
+#include "fake_dlog.h"
+
+namespace fakes {
+void ResetBtHid();
+void ResetClock();
+void ResetDiagnostics();
+void ResetDevicePower();
+void ResetRuntimeInfo();
+void ResetVconf();
+void ResetWas();
+}  // namespace fakes

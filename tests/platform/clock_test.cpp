@@ -1,0 +1,75 @@
+#include <gtest/gtest.h>
+#include <semaphore.h>
+#include <time.h>
+
+#include <cerrno>
+#include <thread>
+
+#include "platform_clock.h"
+
+namespace {
+
+/// A semaphore with a first value.
+class Semaphore {
+public:
+    explicit Semaphore(unsigned value) { sem_init(&m_sem, 0, value); }
+    ~Semaphore() { sem_destroy(&m_sem); }
+    Semaphore(const Semaphore&) = delete;
+    Semaphore& operator=(const Semaphore&) = delete;
+    sem_t* Get() { return &m_sem; }
+
+private:
+    sem_t m_sem{};
+};
+
+timespec InSeconds(time_t seconds) {
+    timespec time{};
+    EXPECT_EQ(platform_clock_realtime(&time), 0);
+    time.tv_sec += seconds;
+    return time;
+}
+
+TEST(ClockSemaphore, IsTakenEvenWhenTheDeadlineIsOver) {
+    Semaphore semaphore(1);
+    const timespec past = InSeconds(-10);
+
+    EXPECT_EQ(platform_sem_wait_until(semaphore.Get(), &past), 0);
+}
+
+TEST(ClockSemaphore, TimesOutAtOnceWhenTheDeadlineIsOver) {
+    Semaphore semaphore(0);
+    const timespec past = InSeconds(-10);
+
+    EXPECT_EQ(platform_sem_wait_until(semaphore.Get(), &past), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+}
+
+TEST(ClockSemaphore, RefusesADeadlineThatIsNoneEvenWhenItCouldBeTaken) {
+    Semaphore semaphore(1);
+    timespec wrong = InSeconds(10);
+    wrong.tv_nsec = 1000000000;
+
+    EXPECT_EQ(platform_sem_wait_until(semaphore.Get(), &wrong), -1);
+    EXPECT_EQ(errno, EINVAL);
+}
+
+TEST(ClockSemaphore, EndsItsWaitWhenItIsGiven) {
+    Semaphore semaphore(0);
+    const timespec later = InSeconds(60);
+    std::thread giver([&semaphore] { sem_post(semaphore.Get()); });
+
+    EXPECT_EQ(platform_sem_wait_until(semaphore.Get(), &later), 0);
+    giver.join();
+}
+
+TEST(ClockAlarm, ARingBeforeTheWaitEndsItAndIsUsedUp) {
+    platform_alarm_t* alarm = platform_alarm_new();
+    platform_alarm_ring(alarm);
+    platform_alarm_ring(alarm);
+
+    EXPECT_EQ(platform_alarm_wait(alarm, 60000000000U), 1);
+    EXPECT_EQ(platform_alarm_wait(alarm, 0), 0);
+    platform_alarm_free(alarm);
+}
+
+}  // namespace
