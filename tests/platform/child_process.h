@@ -1,0 +1,60 @@
+#pragma once
+/// Processes that tests start: this very program again, running one of its named bodies instead of tests.
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "unique_fd.h"
+
+namespace child {
+
+using Arguments = std::vector<std::string>;
+using Body = int (*)(const Arguments& arguments);
+
+/// Makes `body` known under a name; a static object of this type does it before main.
+class Program {
+public:
+    Program(const char* name, Body body);
+};
+
+/// A running body. Killed, if it still runs, when this goes out of scope.
+class Process {
+public:
+    /// @param root the child's ZOL_ROOT; none when empty
+    Process(const std::string& name, const Arguments& arguments, const std::string& root = "");
+    /// Runs another program of this build, found by its name.
+    static Process Of(const std::string& name, const Arguments& arguments, const std::string& root);
+    /// Runs any program; the first word is its path.
+    static Process Run(const Arguments& command, const std::string& root);
+    Process(Process&& other) noexcept;
+    Process& operator=(Process&&) = delete;
+    ~Process();
+
+    /// The next line that it prints, without its end; empty at the end of its output.
+    std::string ReadLine();
+    /// All that it still prints.
+    std::string ReadAll();
+    /// Lets a body that waits in WaitForRelease() go on.
+    void Release();
+    void Kill();
+    /// Nobody reads its output any more.
+    void CloseOutput();
+    /// Its exit status, or minus the signal that ended it.
+    int Wait();
+
+private:
+    Process() = default;
+    void Start(const Arguments& command, const std::string& root);
+
+    pid_t m_pid = -1;
+    platform::UniqueFd m_input;
+    platform::UniqueFd m_output;
+};
+
+/// In a body: returns when the test releases it or is gone.
+void WaitForRelease();
+/// In a body: a line for the test to read, at once.
+void Tell(const std::string& line);
+
+}  // namespace child

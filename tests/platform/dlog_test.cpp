@@ -1,0 +1,221 @@
+#include "dlog.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "allocation_count.h"
+#include "child_process.h"
+#include "dlog/log_file.h"
+#include "temp_folder.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using child::Process;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+
+std::vector<std::string> Lines(const std::string& path) {
+    std::ifstream file(path);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(file, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+/// Arguments: count, text. Logs the numbered text as often.
+int LogMany(const child::Arguments& arguments) {
+    for (int index = 0; index < std::atoi(arguments[0].c_str()); ++index) {
+        dlog_emit(DLOG_BUFFER_MAIN, DLOG_PRIORITY_INFO, "MANY", "%d %s", index, arguments[1].c_str());
+    }
+    child::Tell("done");
+    return 0;
+}
+const child::Program kLogMany("log-many", LogMany);
+
+/// The log of this process.
+class LogLine : public testing::Test {
+protected:
+    static std::string Path(const char* name) {
+        return std::string(std::getenv("ZOL_ROOT")) + "/var/log/zol/" + name;
+    }
+    static std::string Last(const char* name = "main.log") {
+        const std::vector<std::string> lines = Lines(Path(name));
+        return lines.empty() ? "" : lines.back();
+    }
+};
+
+TEST_F(LogLine, ShowsTimePriorityTagProcessThreadAndMessage) {
+    dlog_emit(DLOG_BUFFER_MAIN, DLOG_PRIORITY_INFO, "TAG", "%s %d", "message", 5);
+    const std::string line = Last();
+    EXPECT_THAT(line, MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} "
+                                   "I/TAG\\([0-9]+:[0-9]+\\): message 5"));
+    EXPECT_THAT(line, HasSubstr("(" + std::to_string(getpid()) + ":"));
+}
+
+TEST_F(LogLine, HasOneLetterForEachPriority) {
+    const std::pair<int, const char*> letters[] = {{DLOG_PRIORITY_VERBOSE, " V/T("},
+                                                   {DLOG_PRIORITY_DEBUG, " D/T("},
+                                                   {DLOG_PRIORITY_INFO, " I/T("},
+                                                   {DLOG_PRIORITY_WARN, " W/T("},
+                                                   {DLOG_PRIORITY_ERROR, " E/T("},
+                                                   {DLOG_PRIORITY_FATAL, " F/T("},
+                                                   {-3, " V/T("},
+                                                   {99, " F/T("}};
+    for (const auto& [priority, letter] : letters) {
+        dlog_emit(DLOG_BUFFER_MAIN, priority, "T", "x");
+        EXPECT_THAT(Last(), HasSubstr(letter));
+    }
+}
+
+TEST_F(LogLine, GoesToTheFileOfItsBuffer) {
+    dlog_emit(DLOG_BUFFER_MAIN, DLOG_PRIORITY_INFO, "T", "one");
+    dlog_emit(DLOG_BUFFER_RADIO, DLOG_PRIORITY_INFO, "T", "two");
+    dlog_emit(DLOG_BUFFER_SYSTEM, DLOG_PRIORITY_INFO, "T", "three");
+    EXPECT_THAT(Last("main.log"), EndsWith("): two"));
+    EXPECT_THAT(Last("system.log"), EndsWith("): three"));
+}
+
+TEST_F(LogLine, LosesTheLineEndOfItsMessage) {
+    const std::size_t before = Lines(Path("main.log")).size();
+    dlog_emit(DLOG_BUFFER_MAIN, DLOG_PRIORITY_INFO, "T", "text\r\n\n");
+    EXPECT_EQ(Lines(Path("main.log")).size(), before + 1);
+    EXPECT_THAT(Last(), EndsWith("): text"));
+}
+
+TEST_F(LogLine, CannotBeForgedByItsMessageOrTag) {
+    const std::size_t before = Lines(Path("main.log")).size();
+    dlog_emit(DLOG_BUFFER_MAIN, DLOG_PRIORITY_INFO, "T\nG", "a\nb\x1b[1mc\td\x7f\r.");
+    EXPECT_EQ(Lines(Path("main.log")).size(), before + 1);
+    EXPECT_THAT(Last(), HasSubstr(" I/T\\nG("));
+    EXPECT_THAT(Last(), EndsWith("): a\\nb\\x1b[1mc\td\\x7f\\x0d."));
+}
+
+TEST_F(LogLine, IsCutAt4095Bytes) {
+    dlog_emit(DLOG_BUFFER_MAIN, DLOG_PRIORITY_INFO, "T", "%s", std::string(5000, 'x').c_str());
+    EXPECT_THAT(Last(), EndsWith("): " + std::string(4095, 'x')));
+}
+
+TEST_F(LogLine, MayHaveNoTag) {
+    dlog_emit(DLOG_BUFFER_MAIN, DLOG_PRIORITY_INFO, nullptr, "x");
+    EXPECT_THAT(Last(), HasSubstr(" I/("));
+}
+
+TEST_F(LogLine, LeavesErrnoAlone) {
+    errno = ENOTTY;
+    dlog_emit(DLOG_BUFFER_MAIN, DLOG_PRIORITY_INFO, "T", "x");
+    EXPECT_EQ(errno, ENOTTY);
+}
+
+TEST_F(LogLine, OfOrdinaryLengthAllocatesNothing) {
+    const std::string message(120, 'x');
+    dlog_emit(DLOG_BUFFER_MAIN, DLOG_PRIORITY_INFO, "TAG", "%s", message.c_str());
+    const std::size_t before = AllocationCount();
+    for (int count = 0; count < 10; ++count) {
+        dlog_emit(DLOG_BUFFER_MAIN, DLOG_PRIORITY_INFO, "TAG", "%s", message.c_str());
+    }
+    EXPECT_EQ(AllocationCount(), before);
+}
+
+TEST_F(LogLine, OfManyThreadsStaysWhole) {
+    constexpr int kThreads = 3;
+    constexpr std::size_t kLines = 100;
+    const std::size_t before = Lines(Path("main.log")).size();
+    std::vector<std::thread> threads;
+    for (int index = 0; index < kThreads; ++index) {
+        threads.emplace_back([] {
+            for (std::size_t line = 0; line < kLines; ++line) {
+                dlog_emit(DLOG_BUFFER_MAIN, DLOG_PRIORITY_INFO, "THREAD", "%s",
+                          std::string(300, 'z').c_str());
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    const std::vector<std::string> lines = Lines(Path("main.log"));
+    ASSERT_EQ(lines.size(), before + kThreads * kLines);
+    for (std::size_t at = before; at < lines.size(); ++at) {
+        ASSERT_THAT(lines[at], MatchesRegex("[0-9. :-]+ I/THREAD\\([0-9]+:[0-9]+\\): z{300}"));
+    }
+}
+
+TEST_F(LogLine, OfManyProcessesStaysWhole) {
+    constexpr int kWriters = 4;
+    constexpr int kLines = 200;
+    const std::string text(600, 'y');
+    const TempFolder root;
+    std::vector<Process> writers;
+    for (int index = 0; index < kWriters; ++index) {
+        writers.emplace_back("log-many", child::Arguments{std::to_string(kLines), text}, root.Path());
+    }
+    for (Process& writer : writers) {
+        EXPECT_EQ(writer.ReadLine(), "done");
+        EXPECT_EQ(writer.Wait(), 0);
+    }
+    const std::vector<std::string> lines = Lines(root.Path() + "/var/log/zol/main.log");
+    EXPECT_EQ(lines.size(), static_cast<std::size_t>(kWriters * kLines));
+    for (const std::string& line : lines) {
+        ASSERT_THAT(line, MatchesRegex("[0-9. :-]+ I/MANY\\([0-9]+:[0-9]+\\): [0-9]+ y{600}"));
+    }
+}
+
+TEST_F(LogLine, IsDroppedWhenTheFolderCannotBeMade) {
+    const TempFolder root;
+    std::ofstream(root.Path() + "/var") << "a file where a folder should be";
+    Process writer("log-many", {"100", "text"}, root.Path());
+    EXPECT_EQ(writer.ReadLine(), "done");
+    EXPECT_EQ(writer.Wait(), 0);
+}
+
+class LogFileTurnover : public testing::Test {
+protected:
+    std::string Path(const std::string& name) const { return m_folder.Path() + "/" + name; }
+
+    TempFolder m_folder;
+};
+
+TEST_F(LogFileTurnover, KeepsTwoOldFiles) {
+    dlog::LogFile file(Path("main.log"), 10);
+    for (const char* line : {"first line\n", "second line\n", "third line\n", "fourth line\n"}) {
+        file.Write(line);
+    }
+    EXPECT_EQ(Lines(Path("main.log")), std::vector<std::string>{"fourth line"});
+    EXPECT_EQ(Lines(Path("main.1.log")), std::vector<std::string>{"third line"});
+    EXPECT_EQ(Lines(Path("main.2.log")), std::vector<std::string>{"second line"});
+    EXPECT_FALSE(fs::exists(Path("main.3.log")));
+}
+
+TEST_F(LogFileTurnover, HappensOnceForAllWhoWrite) {
+    dlog::LogFile one(Path("main.log"), 10);
+    dlog::LogFile other(Path("main.log"), 10);
+    one.Write("a\n");
+    other.Write("first line\n");
+    one.Write("second line\n");
+    other.Write("third line\n");
+    EXPECT_EQ(Lines(Path("main.log")), std::vector<std::string>{"third line"});
+    EXPECT_EQ(Lines(Path("main.1.log")), std::vector<std::string>{"second line"});
+    EXPECT_EQ(Lines(Path("main.2.log")), (std::vector<std::string>{"a", "first line"}));
+}
+
+TEST_F(LogFileTurnover, ToleratesThatTheFileIsDeleted) {
+    dlog::LogFile file(Path("main.log"), 1000);
+    file.Write("lost\n");
+    fs::remove(Path("main.log"));
+    file.Write("kept\n");
+    EXPECT_EQ(Lines(Path("main.log")), std::vector<std::string>{"kept"});
+}
+
+}  // namespace
