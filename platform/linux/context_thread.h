@@ -1,0 +1,93 @@
+#pragma once
+/// Threads that serve a GLib context of their own.
+#include <glib.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "owners.h"
+
+namespace platform {
+
+/// Lets any thread make a context run one function. Several wakes before it runs count as one.
+/// Made and destroyed while nobody dispatches the context, or on the thread that dispatches it; once
+/// destroyed there, the function never runs again.
+class WakeSource {
+public:
+    WakeSource(GMainContext* context, std::function<void()> function);
+    WakeSource(const WakeSource&) = delete;
+    WakeSource& operator=(const WakeSource&) = delete;
+
+    /// Any thread.
+    void Wake();
+
+private:
+    static gboolean Run(gpointer data);
+
+    std::function<void()> m_function;
+    GSourcePtr m_source;
+};
+
+/// Runs `function` once on the context after `milliseconds`; destroying the result cancels it.
+class ContextTimer {
+public:
+    ContextTimer() = default;
+    ContextTimer(const ContextTimer&) = delete;
+    ContextTimer& operator=(const ContextTimer&) = delete;
+
+    /// Replaces what was set before. On the context's thread.
+    void Set(GMainContext* context, unsigned milliseconds, std::function<void()> function);
+    void Cancel() { m_source.reset(); }
+    bool IsSet() const { return m_source != nullptr; }
+
+private:
+    static gboolean Run(gpointer data);
+
+    std::function<void()> m_function;
+    GSourcePtr m_source;
+};
+
+/// A thread with a context and a loop of its own; the context is its thread-default one. Start and Stop are
+/// called by one thread at a time, never by the thread itself.
+class ContextThread {
+public:
+    /// @param name as shown by the kernel, at most 15 characters
+    explicit ContextThread(std::string name);
+    ~ContextThread();
+    ContextThread(const ContextThread&) = delete;
+    ContextThread& operator=(const ContextThread&) = delete;
+
+    /// Starts the thread and returns after `begin` has run on it. `end` runs on it as its last act.
+    /// True at once when it runs already; false when the system gives no thread.
+    bool Start(std::function<void()> begin, std::function<void()> end);
+    /// Ends the loop after the work at hand and joins. Work that was posted and has not begun is dropped.
+    /// Nothing to do when it does not run.
+    void Stop();
+    /// Runs `work` on the thread, in the order of posting; dropped when the thread does not run. Any thread.
+    void Post(std::function<void()> work);
+    /// Whether the caller is this thread.
+    bool IsCurrent() const { return m_id.load() == std::this_thread::get_id(); }
+
+private:
+    void Run(const std::function<void()>& begin, const std::function<void()>& end);
+    void RunPosted();
+
+    const std::string m_name;
+    GMainContextPtr m_context;
+    GMainLoopPtr m_loop;
+    std::mutex m_mutex;  ///< guards what follows
+    std::condition_variable m_started;
+    bool m_running = false;
+    std::deque<std::function<void()>> m_posted;
+    std::unique_ptr<WakeSource> m_wake;
+    std::atomic<std::thread::id> m_id{std::thread::id()};
+    std::thread m_thread;
+};
+
+}  // namespace platform

@@ -1,0 +1,224 @@
+#include "dbus_service.h"
+
+#include <algorithm>
+#include <memory>
+#include <utility>
+
+#include "guarded.h"
+#include "platform_log.h"
+
+namespace platform {
+
+namespace {
+
+constexpr unsigned kFirstRetryMs = 100;
+constexpr unsigned kLongestRetryMs = 30000;
+constexpr auto kConnectionFlags = static_cast<GDBusConnectionFlags>(
+    G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
+
+GStringPtr SystemBusAddress(GErrorPtr& error) {
+    return GStringPtr(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, OutError(error)));
+}
+
+}  // namespace
+
+GObjectPtr<GDBusConnection> ConnectSystemBus(GErrorPtr& error) {
+    const GStringPtr address = SystemBusAddress(error);
+    if (address == nullptr) {
+        return nullptr;
+    }
+    // A connection of its own: the shared one of the process may be tied to a bus that is gone.
+    return GObjectPtr<GDBusConnection>(g_dbus_connection_new_for_address_sync(
+        address.get(), kConnectionFlags, nullptr, nullptr, OutError(error)));
+}
+
+SystemService::SystemService(Description description, Handlers handlers)
+    : m_description(std::move(description)),
+      m_handlers(std::move(handlers)),
+      m_context(g_main_context_ref_thread_default()),
+      m_retryDelay(kFirstRetryMs) {
+    Connect();
+}
+
+SystemService::~SystemService() {
+    m_closing = true;
+    m_retry.Cancel();
+    DropConnection();
+    if (m_cancellable != nullptr) {
+        g_cancellable_cancel(m_cancellable.get());
+    }
+    // GLib still holds the data of these; cancelled as they are, they end without waiting for anybody.
+    while (m_pending > 0) {
+        g_main_context_iteration(m_context.get(), TRUE);
+    }
+}
+
+void SystemService::Connect() {
+    GErrorPtr error;
+    const GStringPtr address = SystemBusAddress(error);
+    if (address == nullptr) {
+        LoseBus(ErrorText(error.get()));
+        return;
+    }
+    m_cancellable.reset(g_cancellable_new());
+    ++m_pending;
+    g_dbus_connection_new_for_address(address.get(), kConnectionFlags, nullptr, m_cancellable.get(),
+                                      ConnectedCb, this);
+}
+
+void SystemService::ConnectedCb(GObject* /*source*/, GAsyncResult* result, gpointer data) {
+    auto* self = static_cast<SystemService*>(data);
+    GErrorPtr error;
+    GObjectPtr<GDBusConnection> connection(g_dbus_connection_new_for_address_finish(result, OutError(error)));
+    --self->m_pending;
+    if (!self->m_closing) {
+        Guarded("system bus", [&] { self->OnConnected(std::move(connection), error.get()); });
+    }
+}
+
+void SystemService::OnConnected(GObjectPtr<GDBusConnection> connection, const GError* error) {
+    if (connection == nullptr) {
+        LoseBus(ErrorText(error));
+        return;
+    }
+    m_connection = std::move(connection);
+    g_dbus_connection_set_exit_on_close(m_connection.get(), FALSE);
+    m_closedHandler = g_signal_connect(m_connection.get(), "closed", G_CALLBACK(ClosedCb), this);
+    if (g_dbus_connection_is_closed(m_connection.get()) != FALSE) {
+        LoseBus("closed while connecting");
+        return;
+    }
+    m_nameWatch =
+        g_bus_watch_name_on_connection(m_connection.get(), m_description.busName.c_str(),
+                                       G_BUS_NAME_WATCHER_FLAGS_NONE, AppearedCb, VanishedCb, this, nullptr);
+}
+
+void SystemService::ClosedCb(GDBusConnection* /*connection*/, gboolean /*vanished*/, GError* error,
+                             gpointer data) {
+    auto* self = static_cast<SystemService*>(data);
+    Guarded("system bus", [&] { self->LoseBus(error != nullptr ? error->message : "connection closed"); });
+}
+
+void SystemService::AppearedCb(GDBusConnection* /*connection*/, const char* /*name*/, const char* owner,
+                               gpointer data) {
+    Guarded("system bus", [&] { static_cast<SystemService*>(data)->OnAppeared(owner); });
+}
+
+void SystemService::VanishedCb(GDBusConnection* connection, const char* /*name*/, gpointer data) {
+    // Without a connection it is the bus that went; ClosedCb sees to that.
+    if (connection != nullptr) {
+        Guarded("system bus", [&] { static_cast<SystemService*>(data)->OnVanished(); });
+    }
+}
+
+void SystemService::OnAppeared(const char* owner) {
+    m_retryDelay = kFirstRetryMs;
+    DropService();
+    m_owner = owner;
+    m_cancellable.reset(g_cancellable_new());
+    Report(State::Present, "");
+    m_handlers.appeared();
+}
+
+void SystemService::OnVanished() {
+    m_retryDelay = kFirstRetryMs;
+    Report(State::NoService, "");
+    DropService();
+}
+
+void SystemService::LoseBus(const char* reason) {
+    Report(State::NoBus, reason);
+    DropService();
+    DropConnection();
+    m_retry.Set(m_context.get(), m_retryDelay, [this] { Connect(); });
+    m_retryDelay = std::min(m_retryDelay * 2, kLongestRetryMs);
+}
+
+void SystemService::DropService() {
+    if (!Present()) {
+        return;
+    }
+    for (const Subscription& subscription : m_subscriptions) {
+        g_dbus_connection_signal_unsubscribe(m_connection.get(), subscription.id);
+    }
+    m_subscriptions.clear();
+    ++m_generation;
+    g_cancellable_cancel(m_cancellable.get());
+    m_owner.clear();
+    if (!m_closing) {
+        m_handlers.vanished();
+    }
+}
+
+void SystemService::DropConnection() {
+    DropService();
+    if (m_nameWatch != 0) {
+        g_bus_unwatch_name(std::exchange(m_nameWatch, 0));
+    }
+    if (m_connection != nullptr) {
+        g_signal_handler_disconnect(m_connection.get(), m_closedHandler);
+        m_connection.reset();
+    }
+}
+
+void SystemService::Report(State state, const char* detail) {
+    if (state == m_state) {
+        return;
+    }
+    m_state = state;
+    const char* title = m_description.title.c_str();
+    const char* purpose = m_description.purpose.c_str();
+    switch (state) {
+        case State::Present:
+            PLATFORM_LOG(INFO, "%s is there: %s work", title, purpose);
+            break;
+        case State::NoService:
+            PLATFORM_LOG(WARN, "%s is missing: no %s until it appears", title, purpose);
+            break;
+        case State::NoBus:
+            PLATFORM_LOG(WARN, "no system bus for %s (%s): no %s until it appears", title, detail, purpose);
+            break;
+        case State::Unknown:
+            break;
+    }
+}
+
+void SystemService::Subscribe(const Signal& signal, SignalFunction function) {
+    m_subscriptions.push_back({0, std::move(function)});
+    Subscription& subscription = m_subscriptions.back();
+    subscription.id = g_dbus_connection_signal_subscribe(
+        m_connection.get(), m_owner.c_str(), signal.interface, signal.name, signal.path, signal.firstArgument,
+        G_DBUS_SIGNAL_FLAGS_NONE, SignalCb, &subscription, nullptr);
+}
+
+void SystemService::SignalCb(GDBusConnection* /*connection*/, const char* /*sender*/, const char* path,
+                             const char* /*interface*/, const char* name, GVariant* parameters,
+                             gpointer data) {
+    Guarded(name, [&] { static_cast<Subscription*>(data)->function(path, parameters); });
+}
+
+void SystemService::Call(const Method& method, GVariant* arguments, const char* replyType,
+                         ReplyFunction function) {
+    auto pending = std::make_unique<PendingCall>(PendingCall{this, m_generation, std::move(function)});
+    ++m_pending;
+    g_dbus_connection_call_with_unix_fd_list(m_connection.get(), m_owner.c_str(), method.path,
+                                             method.interface, method.name, arguments,
+                                             G_VARIANT_TYPE(replyType), G_DBUS_CALL_FLAGS_NO_AUTO_START, -1,
+                                             nullptr, m_cancellable.get(), ReplyCb, pending.release());
+}
+
+void SystemService::ReplyCb(GObject* source, GAsyncResult* result, gpointer data) {
+    const std::unique_ptr<PendingCall> pending(static_cast<PendingCall*>(data));
+    SystemService* self = pending->service;
+    GErrorPtr error;
+    GUnixFDList* rawFds = nullptr;
+    const GVariantPtr value(g_dbus_connection_call_with_unix_fd_list_finish(
+        reinterpret_cast<GDBusConnection*>(source), &rawFds, result, OutError(error)));
+    const GObjectPtr<GUnixFDList> fds(rawFds);
+    --self->m_pending;
+    if (!self->m_closing && pending->generation == self->m_generation) {
+        Guarded("reply", [&] { pending->function({value.get(), fds.get(), error.get()}); });
+    }
+}
+
+}  // namespace platform
