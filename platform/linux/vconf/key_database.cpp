@@ -1,0 +1,399 @@
+#include "vconf/key_database.h"
+
+#include <sys/file.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "platform_log.h"
+#include "vconf.h"
+
+namespace keystore {
+namespace {
+
+// How long an operation waits for a lock that another process holds, and how long once one has waited in
+// vain.
+constexpr int kPatienceMs = 2000;
+constexpr int kFaultyPatienceMs = 50;
+// A file that is replaced again and again under the operation is no reason to go on for ever.
+constexpr int kMaxAttempts = 4;
+
+// The answers that are none of SQLite's: its own codes are not negative.
+constexpr int kNoStore = -1;
+
+// The write-ahead log is folded into the database every 256 pages (1 MiB) and cut back to that size.
+constexpr const char* kSettings =
+    "PRAGMA cache_size=-256; PRAGMA wal_autocheckpoint=256; PRAGMA journal_size_limit=1048576;";
+
+// `change` orders all changes of the store. A removed key keeps its row, without a value, so that its
+// removal has a place in that order.
+constexpr const char* kSchema =
+    "PRAGMA journal_mode=WAL;"
+    "CREATE TABLE keys(name TEXT PRIMARY KEY NOT NULL, type INTEGER NOT NULL, value,"
+    " change INTEGER NOT NULL) WITHOUT ROWID;"
+    "CREATE UNIQUE INDEX keys_by_change ON keys(change);";
+
+#define NEXT_CHANGE "(SELECT coalesce(max(change), 0) + 1 FROM keys)"
+constexpr const char* kGet = "SELECT type, value FROM keys WHERE name = ?1";
+constexpr const char* kSet = "INSERT INTO keys(name, type, value, change) VALUES(?1, ?2, ?3, " NEXT_CHANGE
+                             ") ON CONFLICT(name) DO UPDATE SET type = excluded.type, value = "
+                             "excluded.value, change = excluded.change";
+constexpr const char* kRemove =
+    "UPDATE keys SET type = 0, value = NULL, change = " NEXT_CHANGE " WHERE name = ?1 AND type <> 0";
+#undef NEXT_CHANGE
+constexpr const char* kEnd = "SELECT coalesce(max(change), 0) FROM keys";
+constexpr const char* kChanges =
+    "SELECT type, value, change, name FROM keys WHERE change > ?1 ORDER BY change LIMIT ?2";
+
+bool IsDamage(int code) {
+    const int primary = code & 0xff;
+    return code > 0 && (primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB);
+}
+
+/// Column 0 is the type, column 1 the value.
+Value ReadValue(Run& run) {
+    Value value;
+    value.type = static_cast<int>(run.Number(0));
+    if (value.type == VCONF_TYPE_STRING) {
+        value.text = run.Text(1);
+    } else if (value.type == VCONF_TYPE_INT || value.type == VCONF_TYPE_BOOL) {
+        value.number = static_cast<int>(run.Number(1));
+    } else {
+        value.type = VCONF_TYPE_NONE;
+    }
+    return value;
+}
+
+}  // namespace
+
+KeyDatabase::KeyDatabase(std::string folder, Durability durability)
+    : m_files(std::move(folder)), m_durability(durability) {}
+
+bool KeyDatabase::Get(std::string_view key, Value* out) {
+    bool found = false;
+    const bool read = Perform(READ, [&] {
+        Run run(m_get);
+        run.Bind(1, key);
+        const int code = run.Step();
+        if (code != SQLITE_ROW) {
+            return code;
+        }
+        *out = ReadValue(run);
+        found = out->type != VCONF_TYPE_NONE;
+        return SQLITE_DONE;
+    });
+    return read && found;
+}
+
+bool KeyDatabase::Set(std::string_view key, const Value& value) {
+    const bool stored = Perform(WRITE, [&] {
+        Run run(m_set);
+        run.Bind(1, key);
+        run.Bind(2, static_cast<std::int64_t>(value.type));
+        if (value.type == VCONF_TYPE_STRING) {
+            run.Bind(3, std::string_view(value.text));
+        } else {
+            run.Bind(3, static_cast<std::int64_t>(value.number));
+        }
+        return run.Step();
+    });
+    if (stored) {
+        m_files.RingDoorbell();
+    }
+    return stored;
+}
+
+bool KeyDatabase::Remove(std::string_view key) {
+    const bool removed = Perform(WRITE, [&] {
+        Run run(m_remove);
+        run.Bind(1, key);
+        return run.Step();
+    });
+    if (removed) {
+        m_files.RingDoorbell();
+    }
+    return removed;
+}
+
+bool KeyDatabase::End(Position* out) {
+    // Whoever watches needs the file that it will see changing.
+    return Perform(WRITE, [&] {
+        Run run(m_end);
+        const int code = run.Step();
+        if (code != SQLITE_ROW) {
+            return code;
+        }
+        *out = {m_generation, run.Number(0)};
+        return SQLITE_DONE;
+    });
+}
+
+bool KeyDatabase::ReadChanges(Position* position, std::vector<Change>* out) {
+    const std::size_t before = out->size();
+    Position reached;
+    const bool read = Perform(READ, [&] {
+        out->resize(before);
+        reached = position->generation == m_generation ? *position : Position{m_generation, 0};
+        Run run(m_changes);
+        run.Bind(1, reached.number);
+        run.Bind(2, static_cast<std::int64_t>(kMaxChanges));
+        int code = run.Step();
+        for (; code == SQLITE_ROW; code = run.Step()) {
+            reached.number = run.Number(2);
+            out->push_back({reached, std::string(run.Text(3)), ReadValue(run)});
+        }
+        return code;
+    });
+    if (!read) {
+        out->resize(before);
+        return false;
+    }
+    if (reached.generation != 0) {
+        *position = reached;
+    }
+    return true;
+}
+
+/// Runs `operation` on an open connection until it has run on the database that stands under its name and
+/// is not damaged. The operation answers with SQLITE_DONE or an error code.
+template <typename Operation>
+bool KeyDatabase::Perform(Access access, Operation operation) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    int code = SQLITE_BUSY;
+    for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
+        code = Open(access);
+        if (code == SQLITE_OK) {
+            sqlite3_busy_timeout(m_connection.get(), PatienceMs(access));
+            code = operation();
+            if (code != SQLITE_DONE) {
+                m_reason = sqlite3_errmsg(m_connection.get());
+            }
+        }
+        if (IsDamage(code)) {
+            code = ReplaceDamaged(code);
+            if (code != SQLITE_OK) {
+                break;
+            }
+        } else if (code == kNoStore ? access == READ
+                                    : code != SQLITE_DONE || access == READ || !MovedAway()) {
+            break;
+        }
+    }
+    return Judge(access, code);
+}
+
+/// SQLITE_OK with an open connection, kNoStore when there is nothing to read, else an error code.
+int KeyDatabase::Open(Access access) {
+    if (m_connection != nullptr) {
+        if (!MovedAway()) {
+            return SQLITE_OK;
+        }
+        Close();
+    }
+    const int code = OpenExisting();
+    if (code != kNoStore || access == READ) {
+        return code;
+    }
+    const int created = Create();
+    return created == SQLITE_OK ? OpenExisting() : created;
+}
+
+int KeyDatabase::OpenExisting() {
+    m_identity = m_files.Current();
+    if (!m_identity) {
+        return kNoStore;
+    }
+    platform::UniqueFd lock = m_files.Lock(LOCK_SH, PatienceMs(READ));
+    if (!lock && m_files.HasLock()) {
+        // Perhaps another process has just made it.
+        lock = m_files.Lock(LOCK_SH, PatienceMs(READ));
+    }
+    if (!lock && m_files.HasLock()) {
+        return Fail(SQLITE_BUSY, "its lock file is held by another process or cannot be opened");
+    }
+    m_identity = m_files.Current();
+    if (!m_identity) {
+        return kNoStore;
+    }
+    const int code = Connect();
+    if (code != SQLITE_OK) {
+        m_connection.reset();
+        return code;
+    }
+    ++m_generation;
+    return SQLITE_OK;
+}
+
+int KeyDatabase::Connect() {
+    if (m_identity->empty) {
+        // SQLite would take it for a new database and delete a log that lies beside it.
+        return Fail(SQLITE_NOTADB, "file is empty");
+    }
+    sqlite3* connection = nullptr;
+    const int code = sqlite3_open_v2(m_files.Database().c_str(), &connection,
+                                     SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
+    m_connection.reset(connection);
+    if (code != SQLITE_OK) {
+        return Fail(code, connection != nullptr ? sqlite3_errmsg(connection) : sqlite3_errstr(code));
+    }
+    for (const auto step : {&KeyDatabase::Configure, &KeyDatabase::CheckWhole, &KeyDatabase::PrepareAll}) {
+        const int result = (this->*step)();
+        if (result != SQLITE_OK) {
+            Close();
+            return result;
+        }
+    }
+    return SQLITE_OK;
+}
+
+int KeyDatabase::Configure() {
+    sqlite3* const connection = m_connection.get();
+    sqlite3_busy_timeout(connection, PatienceMs(READ));
+    // A process that only reads leaves the log as it is, also when it is the last to go.
+    sqlite3_db_config(connection, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+    const char* const durability =
+        m_durability == Durability::PowerCut ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=OFF";
+    for (const char* sql : {kSettings, durability}) {
+        const int code = sqlite3_exec(connection, sql, nullptr, nullptr, nullptr);
+        if (code != SQLITE_OK) {
+            return Fail(code, sqlite3_errmsg(connection));
+        }
+    }
+    return SQLITE_OK;
+}
+
+int KeyDatabase::CheckWhole() {
+    const StatementPtr check = Prepare(m_connection.get(), "PRAGMA quick_check(1)");
+    if (check == nullptr) {
+        return Fail(sqlite3_errcode(m_connection.get()), sqlite3_errmsg(m_connection.get()));
+    }
+    Run run(check);
+    const int code = run.Step();
+    if (code != SQLITE_ROW) {
+        return Fail(code, sqlite3_errmsg(m_connection.get()));
+    }
+    const std::string verdict(run.Text(0));
+    return verdict == "ok" ? SQLITE_OK : Fail(SQLITE_CORRUPT, verdict);
+}
+
+int KeyDatabase::PrepareAll() {
+    const std::pair<StatementPtr*, const char*> statements[] = {
+        {&m_get, kGet}, {&m_set, kSet}, {&m_remove, kRemove}, {&m_end, kEnd}, {&m_changes, kChanges}};
+    for (const auto& [statement, sql] : statements) {
+        *statement = Prepare(m_connection.get(), sql);
+        if (*statement == nullptr) {
+            const int code = sqlite3_errcode(m_connection.get());
+            // A sound database without the table of keys.
+            return Fail(code == SQLITE_ERROR ? SQLITE_NOTADB : code, sqlite3_errmsg(m_connection.get()));
+        }
+    }
+    return SQLITE_OK;
+}
+
+int KeyDatabase::Create() {
+    if (!m_files.MakeFolder()) {
+        return Fail(SQLITE_CANTOPEN, std::string("its folder cannot be made: ") + std::strerror(errno));
+    }
+    const platform::UniqueFd lock = m_files.Lock(LOCK_EX, PatienceMs(WRITE));
+    if (!lock) {
+        return Fail(SQLITE_BUSY, "its lock file is held by another process or cannot be made");
+    }
+    if (m_files.Current()) {
+        return SQLITE_OK;
+    }
+    if (m_files.HasLog()) {
+        // A log without its database may hold values that somebody wants back.
+        const std::string name = m_files.SetAside();
+        if (name.empty()) {
+            return Fail(SQLITE_CANTOPEN,
+                        std::string("its left-over log cannot be moved: ") + std::strerror(errno));
+        }
+        PLATFORM_LOG(ERROR, "key store %s is gone, its log is not: set aside as %s-wal, a new one is begun",
+                     m_files.Database().c_str(), name.c_str());
+    }
+    return BuildNew();
+}
+
+/// Under the exclusive lock. The database gets its name when it is complete: whoever finds it finds a whole
+/// one.
+int KeyDatabase::BuildNew() {
+    if (!m_files.BeginNew()) {
+        return Fail(SQLITE_CANTOPEN, std::string("a new one cannot be made: ") + std::strerror(errno));
+    }
+    sqlite3* raw = nullptr;
+    const int opened = sqlite3_open_v2(m_files.NewDatabase().c_str(), &raw,
+                                       SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
+    ConnectionPtr connection(raw);
+    const int code = opened == SQLITE_OK ? sqlite3_exec(raw, kSchema, nullptr, nullptr, nullptr) : opened;
+    if (code != SQLITE_OK) {
+        return Fail(code, std::string("a new one cannot be made: ") + sqlite3_errmsg(raw));
+    }
+    // Closing folds the log into the database.
+    connection.reset();
+    if (!m_files.CommitNew()) {
+        return Fail(SQLITE_CANTOPEN, std::string("a new one cannot be made: ") + std::strerror(errno));
+    }
+    return SQLITE_OK;
+}
+
+/// SQLITE_OK when a sound database stands in place of the damaged one, whoever put it there.
+int KeyDatabase::ReplaceDamaged(int code) {
+    const std::string reason = m_reason;
+    const std::optional<FileIdentity> damaged = m_identity;
+    Close();
+    const platform::UniqueFd lock = m_files.Lock(LOCK_EX, PatienceMs(WRITE));
+    if (!lock) {
+        return Fail(SQLITE_BUSY, "damaged (" + reason + "), and another process holds its lock file");
+    }
+    const std::optional<FileIdentity> current = m_files.Current();
+    if (current && damaged && !current->SameFile(*damaged)) {
+        return SQLITE_OK;
+    }
+    const std::string name = m_files.SetAside();
+    if (name.empty()) {
+        return Fail(code, "damaged (" + reason + "), and cannot be set aside: " + std::strerror(errno));
+    }
+    PLATFORM_LOG(ERROR, "key store %s is damaged (%s): set aside as %s, a new one is begun",
+                 m_files.Database().c_str(), reason.c_str(), name.c_str());
+    return BuildNew();
+}
+
+int KeyDatabase::Fail(int code, const std::string& reason) {
+    m_reason = reason;
+    return code;
+}
+
+void KeyDatabase::Close() {
+    for (StatementPtr* statement : {&m_get, &m_set, &m_remove, &m_end, &m_changes}) {
+        statement->reset();
+    }
+    m_connection.reset();
+}
+
+bool KeyDatabase::MovedAway() const {
+    const std::optional<FileIdentity> current = m_files.Current();
+    return !current || !m_identity || !current->SameFile(*m_identity);
+}
+
+int KeyDatabase::PatienceMs(Access access) const {
+    return m_faulty[access] ? kFaultyPatienceMs : kPatienceMs;
+}
+
+/// Turns the outcome into success or failure and logs the beginning of a fault.
+bool KeyDatabase::Judge(Access access, int code) {
+    if (code == SQLITE_DONE || (code == kNoStore && access == READ)) {
+        // What can be written can be read; the reverse does not hold.
+        m_faulty[READ] = false;
+        m_faulty[access] = false;
+        return true;
+    }
+    if (!m_faulty[access]) {
+        m_faulty[access] = true;
+        PLATFORM_LOG(ERROR, "key store %s cannot be %s: %s", m_files.Database().c_str(),
+                     access == READ ? "read" : "written", m_reason.c_str());
+    }
+    return false;
+}
+
+}  // namespace keystore

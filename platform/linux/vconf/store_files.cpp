@@ -1,0 +1,199 @@
+#include "vconf/store_files.h"
+
+#include <fcntl.h>
+#include <grp.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <utility>
+
+#include "folders.h"
+#include "platform_clock.h"
+
+namespace keystore {
+namespace {
+
+using platform::UniqueFd;
+
+constexpr const char* kGroup = "zol";
+constexpr const char* kDatabaseName = "vconf.db";
+constexpr const char* kLockName = "vconf.lock";
+constexpr mode_t kFileMode = 0660;
+// Files that a member of the group makes belong to the group.
+constexpr mode_t kFolderMode = S_ISGID | 0770;
+constexpr std::array<const char*, 2> kCompanions = {"-shm", "-wal"};
+constexpr std::uint64_t kLockPauseUs = 5000;
+
+gid_t GroupId() {
+    std::array<char, 4096> buffer;
+    group entry{};
+    group* found = nullptr;
+    getgrnam_r(kGroup, &entry, buffer.data(), buffer.size(), &found);
+    return found != nullptr ? found->gr_gid : static_cast<gid_t>(-1);
+}
+
+/// The group may be missing and this process may not be allowed to set it: the owner can work all the same.
+void GiveToGroup(const std::string& path) {
+    const gid_t gid = GroupId();
+    if (gid != static_cast<gid_t>(-1) && chown(path.c_str(), static_cast<uid_t>(-1), gid) != 0) {
+        errno = 0;
+    }
+}
+
+/// O_EXCL, because closing a descriptor of a file that SQLite has open in this process would drop its locks.
+bool MakeFile(const std::string& path) {
+    const UniqueFd fd(open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kFileMode));
+    if (!fd) {
+        return errno == EEXIST;
+    }
+    GiveToGroup(path);
+    return fchmod(fd.Get(), kFileMode) == 0;
+}
+
+void SyncFolder(const std::string& folder) {
+    const UniqueFd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (fd) {
+        fsync(fd.Get());
+    }
+}
+
+bool Exists(const std::string& path) {
+    struct stat status {};
+    return lstat(path.c_str(), &status) == 0;
+}
+
+bool FreeName(const std::string& path) {
+    for (const char* companion : kCompanions) {
+        if (Exists(path + companion)) {
+            return false;
+        }
+    }
+    return !Exists(path);
+}
+
+std::string DamagedName(const std::string& database) {
+    timespec now{};
+    platform_clock_realtime(&now);
+    tm utc{};
+    gmtime_r(&now.tv_sec, &utc);
+    std::array<char, 32> stamp;
+    const std::size_t length = strftime(stamp.data(), stamp.size(), "%Y%m%dT%H%M%SZ", &utc);
+    const std::string first = database + ".damaged-" + std::string(stamp.data(), length);
+    std::string name = first;
+    for (int n = 1; !FreeName(name); ++n) {
+        name = first + "-" + std::to_string(n);
+    }
+    return name;
+}
+
+}  // namespace
+
+StoreFiles::StoreFiles(std::string folder)
+    : m_folder(std::move(folder)),
+      m_database(m_folder + "/" + kDatabaseName),
+      m_newDatabase(m_database + ".new"),
+      m_lock(m_folder + "/" + kLockName),
+      m_doorbell(m_folder + "/vconf.doorbell") {}
+
+bool StoreFiles::MakeFolder() const {
+    if (!platform::MakeParentFolders(m_folder)) {
+        return false;
+    }
+    if (mkdir(m_folder.c_str(), kFolderMode & 0700) != 0) {
+        return platform::MakeFolder(m_folder);
+    }
+    GiveToGroup(m_folder);
+    return chmod(m_folder.c_str(), kFolderMode) == 0;
+}
+
+std::optional<FileIdentity> StoreFiles::Current() const {
+    struct stat status {};
+    if (stat(m_database.c_str(), &status) != 0) {
+        return std::nullopt;
+    }
+    return FileIdentity{status.st_dev, status.st_ino, status.st_size == 0};
+}
+
+bool StoreFiles::HasLog() const {
+    struct stat status {};
+    return stat((m_database + "-wal").c_str(), &status) == 0 && status.st_size > 0;
+}
+
+bool StoreFiles::HasLock() const {
+    return Exists(m_lock);
+}
+
+UniqueFd StoreFiles::Lock(int operation, int patienceMs) const {
+    if (operation == LOCK_EX && !MakeFile(m_lock)) {
+        return UniqueFd();
+    }
+    UniqueFd fd(open(m_lock.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (!fd) {
+        return fd;
+    }
+    const std::uint64_t end = platform_clock_steady_ns() + static_cast<std::uint64_t>(patienceMs) * 1000000U;
+    while (flock(fd.Get(), operation | LOCK_NB) != 0) {
+        if ((errno != EWOULDBLOCK && errno != EINTR) || platform_clock_steady_ns() >= end) {
+            return UniqueFd();
+        }
+        platform_sleep_us(kLockPauseUs);
+    }
+    return fd;
+}
+
+bool StoreFiles::BeginNew() const {
+    for (const char* leftover : {"", "-wal", "-shm", "-journal"}) {
+        if (unlink((m_newDatabase + leftover).c_str()) != 0 && errno != ENOENT) {
+            return false;
+        }
+    }
+    return MakeFile(m_newDatabase);
+}
+
+bool StoreFiles::CommitNew() const {
+    if (rename(m_newDatabase.c_str(), m_database.c_str()) != 0) {
+        return false;
+    }
+    SyncFolder(m_folder);
+    return true;
+}
+
+std::string StoreFiles::SetAside() const {
+    std::string name = DamagedName(m_database);
+    // The database goes last: a power cut in between leaves a damaged one to find again, and never a
+    // foreign write-ahead log beside a new one.
+    for (const char* companion : kCompanions) {
+        if (rename((m_database + companion).c_str(), (name + companion).c_str()) != 0 && errno != ENOENT) {
+            return std::string();
+        }
+    }
+    if (rename(m_database.c_str(), name.c_str()) != 0 && errno != ENOENT) {
+        return std::string();
+    }
+    SyncFolder(m_folder);
+    return name;
+}
+
+void StoreFiles::RingDoorbell() const {
+    // Closing a file that was open for writing is an event of its own; nothing has to be written.
+    UniqueFd fd(open(m_doorbell.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (!fd && errno == ENOENT && MakeFile(m_doorbell)) {
+        fd.Reset(open(m_doorbell.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW));
+    }
+}
+
+bool StoreFiles::IsNoise(const char* name) {
+    const std::size_t length = std::strlen(name);
+    return std::strcmp(name, kLockName) == 0 || (length > 4 && std::strcmp(name + length - 4, "-shm") == 0);
+}
+
+bool StoreFiles::IsWriteAheadLog(const char* name) {
+    return std::strcmp(name, (std::string(kDatabaseName) + "-wal").c_str()) == 0;
+}
+
+}  // namespace keystore
