@@ -1,0 +1,39 @@
+#pragma once
+/// Sleep and shutdown as logind announces them.
+#include <functional>
+#include <memory>
+
+#include "dbus_service.h"
+#include "unique_fd.h"
+
+namespace platform {
+
+/// Keeps the machine from sleeping or going off as long as somebody holds it; null when there is no lock.
+using PowerDelay = std::shared_ptr<UniqueFd>;
+
+/// Follows logind and holds a delay lock between its announcements. Lives on one thread like SystemService.
+class LogindMonitor {
+public:
+    struct Handlers {
+        /// The machine goes to standby or off (`reason`, enum device_power_reason) when `delay` is let go.
+        std::function<void(int reason, PowerDelay delay)> powerOff;
+        /// The machine is back.
+        std::function<void(int reason)> wakeUp;
+    };
+
+    explicit LogindMonitor(Handlers handlers);
+
+private:
+    void OnAppeared();
+    void OnPrepare(int reason, bool begins);
+    void TakeDelay();
+    void OnDelay(const SystemService::Reply& reply);
+
+    const Handlers m_handlers;
+    PowerDelay m_delay;
+    bool m_going = false;        ///< an announcement was made and not yet taken back
+    bool m_toldRefusal = false;  ///< a refused lock has been logged
+    SystemService m_service;     ///< last, so that it stops before what its functions use goes
+};
+
+}  // namespace platform
