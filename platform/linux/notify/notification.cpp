@@ -1,0 +1,173 @@
+#include "notification.h"
+
+#include <libnotify/notify.h>
+
+#include <cstdlib>
+#include <mutex>
+#include <new>
+#include <set>
+#include <string>
+
+#include "once_logged.h"
+#include "owners.h"
+#include "platform_log.h"
+
+struct notification_s {
+    std::string title;
+    std::string content;
+    int applist = NOTIFICATION_APPLIST_TRAY | NOTIFICATION_APPLIST_POPUP;
+    int expiryMs = NOTIFY_EXPIRES_DEFAULT;
+    platform::GObjectPtr<NotifyNotification> shown;
+};
+
+namespace platform {
+
+namespace {
+
+constexpr const char* kApplication = "zol";
+
+std::mutex g_mutex;                   ///< libnotify is not thread-safe
+std::set<notification_s*> g_handles;  ///< all that exist
+OnceLogged g_log;
+
+/// Whether there is a session bus. Asking GLib for one that is not there could start one.
+bool HasSessionBus() {
+    const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS");
+    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+    return (address != nullptr && *address != '\0') ||
+           (runtime != nullptr && g_file_test((std::string(runtime) + "/bus").c_str(), G_FILE_TEST_EXISTS));
+}
+
+/// Gives up the connection to a bus or server that is gone, so that the next post begins anew.
+void StartAnew() {
+    // What was shown holds on to the old connection, and GLib makes no new one before nobody does.
+    for (notification_s* handle : g_handles) {
+        handle->shown.reset();
+    }
+    notify_uninit();
+}
+
+/// The session bus as libnotify is going to use it. Its end must not end this process.
+GObjectPtr<GDBusConnection> SessionBus() {
+    if (!HasSessionBus()) {
+        return nullptr;
+    }
+    GErrorPtr error;
+    const auto connect = [&error] {
+        return GObjectPtr<GDBusConnection>(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, OutError(error)));
+    };
+    GObjectPtr<GDBusConnection> bus = connect();
+    if (bus != nullptr && g_dbus_connection_is_closed(bus.get()) != FALSE) {
+        bus.reset();
+        StartAnew();
+        bus = connect();
+    }
+    if (bus != nullptr) {
+        g_dbus_connection_set_exit_on_close(bus.get(), FALSE);
+    }
+    return bus;
+}
+
+void Prepare(notification_s& handle) {
+    const char* title = handle.title.c_str();
+    const char* content = handle.content.c_str();
+    if (handle.shown == nullptr) {
+        handle.shown.reset(notify_notification_new(title, content, nullptr));
+    } else {
+        notify_notification_update(handle.shown.get(), title, content, nullptr);
+    }
+    const bool popsUp = (handle.applist & NOTIFICATION_APPLIST_POPUP) != 0;
+    const bool stays = (handle.applist & NOTIFICATION_APPLIST_TRAY) != 0;
+    notify_notification_set_urgency(handle.shown.get(), popsUp ? NOTIFY_URGENCY_NORMAL : NOTIFY_URGENCY_LOW);
+    notify_notification_set_timeout(handle.shown.get(), handle.expiryMs);
+    notify_notification_set_hint(handle.shown.get(), "transient",
+                                 g_variant_new_boolean(stays ? FALSE : TRUE));
+}
+
+int Post(notification_s& handle) {
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    const GObjectPtr<GDBusConnection> bus = SessionBus();
+    GErrorPtr error;
+    bool shown = false;
+    if (bus != nullptr && (notify_is_initted() != FALSE || notify_init(kApplication) != FALSE)) {
+        Prepare(handle);
+        shown = notify_notification_show(handle.shown.get(), OutError(error)) != FALSE;
+    }
+    if (shown) {
+        g_log.Succeeded();
+        return 0;
+    }
+    if (g_log.Failed()) {
+        PLATFORM_LOG(WARN, "nobody shows notifications: %s",
+                     bus == nullptr ? "no session bus" : ErrorText(error.get()));
+    }
+    StartAnew();
+    return -1;
+}
+
+}  // namespace
+
+}  // namespace platform
+
+extern "C" {
+
+notification_h notification_create(int type) {
+    if (type != NOTIFICATION_TYPE_PLAIN) {
+        return nullptr;
+    }
+    auto* const handle = new (std::nothrow) notification_s;
+    if (handle != nullptr) {
+        const std::lock_guard<std::mutex> lock(platform::g_mutex);
+        platform::g_handles.insert(handle);
+    }
+    return handle;
+}
+
+int notification_set_text(notification_h handle, int text_type, const char* text, const char* /*key*/,
+                          int argument_type) {
+    if (handle == nullptr || text == nullptr || argument_type != NOTIFICATION_ARGUMENT_NONE) {
+        return -1;
+    }
+    if (text_type == NOTIFICATION_TEXT_TITLE) {
+        handle->title = text;
+    } else if (text_type == NOTIFICATION_TEXT_CONTENT) {
+        handle->content = text;
+    } else {
+        return -1;
+    }
+    return 0;
+}
+
+int notification_set_display_applist(notification_h handle, int flags) {
+    if (handle == nullptr || (flags & ~(NOTIFICATION_APPLIST_TRAY | NOTIFICATION_APPLIST_POPUP)) != 0) {
+        return -1;
+    }
+    handle->applist = flags;
+    return 0;
+}
+
+int notification_set_layout(notification_h handle, int layout) {
+    return handle != nullptr && layout == NOTIFICATION_LAYOUT_SINGLE ? 0 : -1;
+}
+
+int notification_set_expiry(notification_h handle, int milliseconds) {
+    if (handle == nullptr || milliseconds < 0) {
+        return -1;
+    }
+    handle->expiryMs = milliseconds;
+    return 0;
+}
+
+int notification_post(notification_h handle) {
+    return handle != nullptr ? platform::Post(*handle) : -1;
+}
+
+void notification_free(notification_h handle) {
+    if (handle != nullptr) {
+        // It stays on the screen for its time; only this process lets go of it.
+        const std::lock_guard<std::mutex> lock(platform::g_mutex);
+        platform::g_handles.erase(handle);
+        delete handle;
+    }
+}
+}
