@@ -1,0 +1,152 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+#include "child_process.h"
+#include "dlog.h"
+#include "dlog/log_file.h"
+#include "platform_clock.h"
+#include "temp_folder.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using child::Process;
+using testing::EndsWith;
+using testing::MatchesRegex;
+
+/// Arguments: buffer, priority, tag, message; any number of these.
+int LogLines(const child::Arguments& arguments) {
+    for (std::size_t at = 0; at + 3 < arguments.size(); at += 4) {
+        dlog_emit(std::atoi(arguments[at].c_str()), std::atoi(arguments[at + 1].c_str()),
+                  arguments[at + 2].c_str(), "%s", arguments[at + 3].c_str());
+    }
+    return 0;
+}
+const child::Program kLogLines("log-lines", LogLines);
+
+class DlogUtil : public testing::Test {
+protected:
+    void Log(const child::Arguments& lines) {
+        EXPECT_EQ(Process("log-lines", lines, m_folder.Path()).Wait(), 0);
+    }
+
+    Process Start(const child::Arguments& arguments) {
+        return Process::Of("dlogutil", arguments, m_folder.Path());
+    }
+
+    std::string Output(const child::Arguments& arguments) {
+        Process process = Start(arguments);
+        std::string text = process.ReadAll();
+        EXPECT_EQ(process.Wait(), 0);
+        return text;
+    }
+
+    std::string Folder() const { return m_folder.Path() + "/var/log/zol"; }
+
+    TempFolder m_folder;
+};
+
+TEST_F(DlogUtil, ShowsTheLinesOfAllBuffersByTime) {
+    Log({"0", "4", "A", "one"});
+    Log({"2", "6", "B", "two"});
+    Log({"0", "7", "C", "three"});
+    EXPECT_THAT(Output({"-d"}), MatchesRegex("[^\n]+ I/A\\([0-9]+:[0-9]+\\): one\n"
+                                             "[^\n]+ E/B\\([0-9]+:[0-9]+\\): two\n"
+                                             "[^\n]+ F/C\\([0-9]+:[0-9]+\\): three\n"));
+}
+
+TEST_F(DlogUtil, ShowsOneBufferWhenAsked) {
+    Log({"0", "4", "A", "one", "2", "4", "A", "two"});
+    EXPECT_THAT(Output({"-d", "-b", "main", "-v", "brief"}), MatchesRegex("I/A\\([0-9]+\\): one\n"));
+    EXPECT_THAT(Output({"-d", "-b", "system", "-v", "brief"}), MatchesRegex("I/A\\([0-9]+\\): two\n"));
+}
+
+TEST_F(DlogUtil, ShowsNothingWhereThereIsNoLog) {
+    EXPECT_EQ(Output({"-d"}), "");
+}
+
+TEST_F(DlogUtil, FiltersByWholeTagAndLowestPriority) {
+    Log({"0", "4", "CSFS",  "1", "0", "4", "CSFS2", "2", "0", "4", "CSF",   "3",
+         "0", "5", "OTHER", "4", "0", "6", "OTHER", "5", "0", "7", "THIRD", "6"});
+    const std::string text = Output({"-d", "-v", "brief", "CSFS", "OTHER:E"});
+    EXPECT_THAT(text, MatchesRegex("I/CSFS\\([0-9]+\\): 1\nE/OTHER\\([0-9]+\\): 5\n"));
+    EXPECT_THAT(Output({"-d", "-v", "brief", "*:F"}), MatchesRegex("F/THIRD\\([0-9]+\\): 6\n"));
+}
+
+TEST_F(DlogUtil, FollowsWhatIsLoggedLater) {
+    Log({"0", "4", "CSFS", "before"});
+    Process follower = Start({"CSFS"});
+    EXPECT_THAT(follower.ReadLine(), EndsWith("): before"));
+    Log({"0", "4", "OTHER", "x", "2", "4", "CSFS", "after"});
+    EXPECT_THAT(follower.ReadLine(), EndsWith("): after"));
+    Log({"0", "4", "CSFS", "at last"});
+    EXPECT_THAT(follower.ReadLine(), EndsWith("): at last"));
+}
+
+TEST_F(DlogUtil, WaitsForTheFirstLogFile) {
+    Process follower = Start({});
+    Log({"0", "4", "A", "first"});
+    EXPECT_THAT(follower.ReadLine(), EndsWith("): first"));
+}
+
+TEST_F(DlogUtil, FollowsWhenTheFilesAreTurnedOver) {
+    dlog::LogFile file(Folder() + "/main.log", 100);
+    const auto write = [&](int number) {
+        file.Write("2026-01-31 12:00:00.000 I/A(1:2): line " + std::to_string(number) + "\n");
+    };
+    write(0);
+    Process follower = Start({});
+    EXPECT_THAT(follower.ReadLine(), EndsWith("line 0"));
+    for (int number = 1; number < 20; ++number) {
+        write(number);
+        EXPECT_THAT(follower.ReadLine(), EndsWith("line " + std::to_string(number)));
+    }
+    EXPECT_TRUE(fs::exists(Folder() + "/main.2.log"));
+}
+
+TEST_F(DlogUtil, ReadsTheOldFilesFirst) {
+    dlog::LogFile file(Folder() + "/main.log", 1);
+    for (const char* number : {"1", "2", "3"}) {
+        file.Write(std::string("2026-01-31 12:00:00.000 I/A(1:2): ") + number + "\n");
+    }
+    EXPECT_EQ(Output({"-d", "-v", "brief"}), "I/A(1): 1\nI/A(1): 2\nI/A(1): 3\n");
+}
+
+TEST_F(DlogUtil, LeavesOutWhatIsNoLogLine) {
+    dlog::LogFile file(Folder() + "/main.log", 10000);
+    file.Write(
+        "\nrubbish\n2026-01-31 12:00:00.000 X/A(1:2): x\n2026-01-31 12:00:00.000 I/A(1:2)\n"
+        "2026-01-31 12:00:00.000 I/A(1:2): (good): one\n2026-01-31 12:00:00.000 I/A(1:2): unfinished");
+    EXPECT_EQ(Output({"-d", "-v", "brief"}), "I/A(1): (good): one\n");
+}
+
+TEST_F(DlogUtil, PutsTheMonotonicClockInFrontAsKernelTime) {
+    Log({"0", "4", "A", "x"});
+    const std::string text = Output({"-d", "-v", "kerneltime"});
+    ASSERT_THAT(text, MatchesRegex("[0-9]+\\.[0-9]{6} I/A\\([0-9]+:[0-9]+\\): x\n"));
+    const double now = static_cast<double>(platform_clock_steady_ns()) / 1e9;
+    EXPECT_NEAR(std::strtod(text.c_str(), nullptr), now, 60);
+}
+
+TEST_F(DlogUtil, EndsWhenNobodyReadsItsOutputAnyMore) {
+    Log({"0", "4", "A", "x"});
+    Process follower = Start({});
+    EXPECT_THAT(follower.ReadLine(), EndsWith("): x"));
+    follower.CloseOutput();
+    EXPECT_NE(follower.Wait(), 0);
+}
+
+TEST_F(DlogUtil, RefusesBadUsage) {
+    EXPECT_EQ(Start({"-d", "A:Q"}).Wait(), 2);
+    EXPECT_EQ(Start({"-d", "A:"}).Wait(), 2);
+    EXPECT_EQ(Start({"-d", "-b", "radio"}).Wait(), 2);
+    EXPECT_EQ(Start({"-d", "-v", "long"}).Wait(), 2);
+    EXPECT_EQ(Start({"--help"}).Wait(), 0);
+}
+
+}  // namespace

@@ -1,0 +1,107 @@
+#include <poll.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <ctime>
+
+#include "log_buffer_files.h"
+#include "source.h"
+
+namespace dlogutil {
+namespace {
+
+// While there is no folder there is nothing to be woken by.
+constexpr int kMissingFolderMs = 1000;
+constexpr std::uint32_t kEvents = IN_MODIFY | IN_CREATE | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF;
+
+std::int64_t ClockUs(clockid_t clock) {
+    timespec now{};
+    clock_gettime(clock, &now);
+    return static_cast<std::int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
+}
+
+class FileSource : public Source {
+public:
+    FileSource(std::string folder, const std::vector<std::string>& buffers)
+        : m_folder(std::move(folder)), m_inotify(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
+        for (const std::string& buffer : buffers) {
+            m_buffers.emplace_back(m_folder + "/" + buffer + ".log");
+        }
+        WatchFolder();
+    }
+    ~FileSource() override { close(m_inotify); }
+
+    bool Drain(const std::function<void(const Record&)>& sink) override {
+        const std::int64_t steadyMinusWall = ClockUs(CLOCK_MONOTONIC) - ClockUs(CLOCK_REALTIME);
+        for (LogBufferFiles& buffer : m_buffers) {
+            buffer.Discover();
+        }
+        while (LogBufferFiles* earliest = Earliest()) {
+            Record record = *earliest->Peek();
+            record.steadyUs = record.wallUs + steadyMinusWall;
+            sink(record);
+            earliest->Pop();
+        }
+        return true;
+    }
+
+    bool Wait() override {
+        if (m_watch < 0) {
+            WatchFolder();
+        }
+        const bool going = WaitForInput(m_inotify, m_watch < 0 ? kMissingFolderMs : -1);
+        TakeEvents();
+        return going;
+    }
+
+private:
+    void WatchFolder() { m_watch = inotify_add_watch(m_inotify, m_folder.c_str(), kEvents); }
+
+    /// What has happened does not matter, unless it is the end of the folder.
+    void TakeEvents() {
+        alignas(inotify_event) std::array<char, 4096> events;
+        for (ssize_t length = 0; (length = read(m_inotify, events.data(), events.size())) > 0;) {
+            for (std::size_t at = 0; at < static_cast<std::size_t>(length);) {
+                const auto* event = reinterpret_cast<const inotify_event*>(events.data() + at);
+                at += sizeof(inotify_event) + event->len;
+                if (event->wd == m_watch && (event->mask & (IN_DELETE_SELF | IN_MOVE_SELF)) != 0) {
+                    inotify_rm_watch(m_inotify, m_watch);
+                    m_watch = -1;
+                }
+            }
+        }
+    }
+
+    LogBufferFiles* Earliest() {
+        LogBufferFiles* earliest = nullptr;
+        for (LogBufferFiles& buffer : m_buffers) {
+            const Record* record = buffer.Peek();
+            if (record != nullptr && (earliest == nullptr || record->wallUs < earliest->Peek()->wallUs)) {
+                earliest = &buffer;
+            }
+        }
+        return earliest;
+    }
+
+    const std::string m_folder;
+    const int m_inotify;
+    int m_watch = -1;
+    std::vector<LogBufferFiles> m_buffers;
+};
+
+}  // namespace
+
+std::unique_ptr<Source> MakeFileSource(const std::string& folder, const std::vector<std::string>& buffers) {
+    return std::make_unique<FileSource>(folder, buffers);
+}
+
+bool WaitForInput(int fd, int timeoutMs) {
+    // No events are asked of the output: that its reader is gone is reported all the same.
+    std::array<pollfd, 2> fds = {pollfd{fd, POLLIN, 0}, pollfd{STDOUT_FILENO, 0, 0}};
+    const int ready = poll(fds.data(), fds.size(), timeoutMs);
+    return (ready >= 0 || errno == EINTR) && (fds[1].revents & (POLLERR | POLLHUP)) == 0;
+}
+
+}  // namespace dlogutil
