@@ -1,0 +1,23 @@
+#pragma once
+/// Scoped lock.
+#include "CCMutex.h"
+
+/// Holds a mutex as long as it lives. A mutex that is null or not created is left alone.
+class CCAutoLock {
+public:
+    explicit CCAutoLock(CCMutex* mutex) : m_mutex(mutex != nullptr && mutex->FlagCreate() ? mutex : nullptr) {
+        if (m_mutex != nullptr) {
+            m_mutex->Lock();
+        }
+    }
+    virtual ~CCAutoLock() {
+        if (m_mutex != nullptr) {
+            m_mutex->Unlock();
+        }
+    }
+    CCAutoLock(const CCAutoLock&) = delete;
+    CCAutoLock& operator=(const CCAutoLock&) = delete;
+
+private:
+    CCMutex* m_mutex;
+};

@@ -1,0 +1,100 @@
+#include <glib.h>
+
+#include <mutex>
+
+#include "CSmartAutoLock.h"
+
+namespace {
+constexpr unsigned kReportIntervalMs = 5000;
+}  // namespace
+
+/// The living scoped locks. A scoped lock may end on its own thread while the main loop is about to report
+/// it, so the watchdog looks it up and reports under the lock that the end has to take.
+struct CSmartAutoLock::Registry {
+    std::mutex mutex;
+    CSmartAutoLock* first = nullptr;
+
+    static Registry& The() {
+        static auto* registry = new Registry;  // scoped locks may outlive static objects
+        return *registry;
+    }
+
+    void Add(CSmartAutoLock* lock) {
+        lock->m_next = first;
+        if (first != nullptr) {
+            first->m_previous = lock;
+        }
+        first = lock;
+    }
+
+    void Remove(const CSmartAutoLock* lock) {
+        (lock->m_previous != nullptr ? lock->m_previous->m_next : first) = lock->m_next;
+        if (lock->m_next != nullptr) {
+            lock->m_next->m_previous = lock->m_previous;
+        }
+    }
+
+    bool Holds(const void* lock) const {
+        const CSmartAutoLock* living = first;
+        while (living != nullptr && living != lock) {
+            living = living->m_next;
+        }
+        return living != nullptr;
+    }
+};
+
+CSmartAutoLock::CSmartAutoLock(CCMutex* mutex, void* tag)
+    : m_mutex(mutex != nullptr && mutex->FlagCreate() ? mutex : nullptr) {
+    if (m_mutex == nullptr) {
+        return;
+    }
+    m_threadId = ThreadId();
+    m_tag = tag;
+    {
+        const std::lock_guard<std::mutex> guard(Registry::The().mutex);
+        Registry::The().Add(this);
+        m_sourceId = g_timeout_add(kReportIntervalMs, sm_CbTimeout, this);
+    }
+    m_mutex->Lock();
+}
+
+CSmartAutoLock::~CSmartAutoLock() {
+    if (m_mutex == nullptr) {
+        return;
+    }
+    {
+        const std::lock_guard<std::mutex> guard(Registry::The().mutex);
+        Registry::The().Remove(this);
+        g_source_remove(m_sourceId);
+    }
+    m_mutex->Unlock();
+}
+
+int CSmartAutoLock::sm_CbTimeout(void* data) {
+    if (data == nullptr) {
+        return FALSE;
+    }
+    const std::lock_guard<std::mutex> guard(Registry::The().mutex);
+    // A source that was removed after the main loop had picked it may stand for an earlier lock that lived at
+    // the same address.
+    GSource* source = g_main_current_source();
+    if ((source != nullptr && g_source_is_destroyed(source) != FALSE) || !Registry::The().Holds(data)) {
+        return FALSE;
+    }
+    static_cast<const CSmartAutoLock*>(data)->Report();
+    return TRUE;
+}
+
+void CSmartAutoLock::Report() const {
+    const unsigned long locker = m_mutex->LockerId();
+    const bool own = locker == m_threadId || locker == 0;
+    if (own && m_tag != nullptr) {
+        _PRINT(LOG_TYPE_E, "[CSmartAutoLock][%p] Th[%lx] takes too long", m_tag, m_threadId);
+    } else if (own) {
+        _PRINT(LOG_TYPE_E, "[CSmartAutoLock] Th[%lx] takes too long", m_threadId);
+    } else if (m_tag != nullptr) {
+        _PRINT(LOG_TYPE_E, "[CSmartAutoLock][%p] Th[%lx] is blocked by Th[%lx]", m_tag, m_threadId, locker);
+    } else {
+        _PRINT(LOG_TYPE_E, "[CSmartAutoLock] Th[%lx] is blocked by Th[%lx]", m_threadId, locker);
+    }
+}

@@ -1,0 +1,223 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <future>
+#include <memory>
+#include <thread>
+
+#include "CCAutoLock.h"
+#include "CCMutex.h"
+#include "CCSemaphore.h"
+#include "death.h"
+#include "fake_clock.h"
+#include "log_fixture.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+
+/// Runs `action` on another thread and returns its result.
+template <class Action>
+auto Elsewhere(Action action) {
+    return std::async(std::launch::async, action).get();
+}
+
+class Semaphore : public RuntimeLog {
+protected:
+    ~Semaphore() override {
+        if (m_semaphore.FlagCreate()) {
+            m_semaphore.Destroy();
+        }
+    }
+    CCSemaphore m_semaphore;
+};
+
+TEST_F(Semaphore, CanBeTakenAsOftenAsItsValueAndEveryGive) {
+    ASSERT_TRUE(m_semaphore.Create(2));
+    EXPECT_TRUE(m_semaphore.Take());
+    EXPECT_TRUE(m_semaphore.Try(0));
+    EXPECT_FALSE(m_semaphore.Try(0));
+    EXPECT_TRUE(m_semaphore.Give());
+    EXPECT_TRUE(m_semaphore.Try(0));
+}
+
+TEST_F(Semaphore, AGiveWakesTheThreadThatWaits) {
+    ASSERT_TRUE(m_semaphore.Create(0));
+    std::thread taker([this] { m_semaphore.Take(); });
+    m_semaphore.Give();
+    taker.join();
+    EXPECT_FALSE(m_semaphore.Try(0));
+}
+
+TEST_F(Semaphore, AWaitWhoseMillisecondsPassTheSecondFailsAtOnce) {
+    ASSERT_TRUE(m_semaphore.Create(1));
+    fakes::clock::SetWall(fakes::clock::kEpoch, 600000000);
+    EXPECT_FALSE(m_semaphore.Try(1500)) << "even though it could be taken";
+    EXPECT_TRUE(m_semaphore.Try(1399));
+}
+
+TEST_F(Semaphore, AWaitWhoseMillisecondsStayInTheSecondLastsItsTime) {
+    ASSERT_TRUE(m_semaphore.Create(0));
+    fakes::clock::SetWall(fakes::clock::kEpoch, 400000000);
+    std::future<bool> taken = std::async(std::launch::async, [this] { return m_semaphore.Try(1500); });
+    EXPECT_TRUE(fakes::clock::AwaitSleeper(milliseconds(1500)));
+    fakes::clock::Advance(milliseconds(1500));
+    EXPECT_FALSE(taken.get());
+}
+
+TEST_F(Semaphore, AGiveEndsATimedWait) {
+    ASSERT_TRUE(m_semaphore.Create(0));
+    std::future<bool> taken = std::async(std::launch::async, [this] { return m_semaphore.Try(500); });
+    EXPECT_TRUE(fakes::clock::AwaitSleeper(milliseconds(500)));
+    m_semaphore.Give();
+    EXPECT_TRUE(taken.get());
+}
+
+TEST_F(Semaphore, AValueThePlatformRefusesIsAFailedCreate) {
+    EXPECT_FALSE(m_semaphore.Create(0x80000000U));
+    EXPECT_FALSE(m_semaphore.FlagCreate());
+    EXPECT_TRUE(m_semaphore.Create(0));
+}
+
+TEST_F(Semaphore, CanBeCreatedAgainAfterDestroy) {
+    ASSERT_TRUE(m_semaphore.Create(0));
+    m_semaphore.Destroy();
+    ASSERT_TRUE(m_semaphore.Create(1));
+    EXPECT_TRUE(m_semaphore.Try(0));
+}
+
+TEST_F(Semaphore, UsedOutsideOfCreateAndDestroyItEndsTheProcess) {
+    const auto ends = [](auto operation) {
+        SurviveAssertions();  // each ending process takes the test's machine with it
+        EXPECT_EXIT(operation(), testing::ExitedWithCode(0), "");
+    };
+    ends([this] { m_semaphore.Destroy(); });
+    ends([this] { m_semaphore.Take(); });
+    ends([this] { m_semaphore.Give(); });
+    ends([this] { m_semaphore.Try(0); });
+    ASSERT_TRUE(m_semaphore.Create(0));
+    ends([this] { m_semaphore.Create(0); });
+}
+
+TEST_F(Semaphore, ThatIsDestructedBeforeDestroyCrashesTheProcess) {
+    EXPECT_EXIT(
+        {
+            CCSemaphore forgotten;
+            forgotten.Create(0);
+        },
+        Crashed, "");
+}
+
+class Mutex : public RuntimeLog {
+protected:
+    Mutex() { EXPECT_TRUE(m_mutex.Create()); }
+    ~Mutex() override { m_mutex.Destroy(); }
+    /// Whether another thread could take it now.
+    bool Free() {
+        return Elsewhere([this] { return m_mutex.Try(0) && m_mutex.Unlock(); });
+    }
+    CCMutex m_mutex;
+};
+
+TEST_F(Mutex, LockedThreeTimesNeedsThreeUnlocks) {
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_TRUE(m_mutex.Lock());
+    }
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_FALSE(Free());
+        EXPECT_TRUE(m_mutex.Unlock());
+    }
+    EXPECT_TRUE(Free());
+    EXPECT_FALSE(m_mutex.Unlock()) << "a fourth";
+}
+
+TEST_F(Mutex, ATryOfTheHolderCountsToo) {
+    EXPECT_TRUE(m_mutex.Try(0));
+    EXPECT_TRUE(m_mutex.Try(0));
+    EXPECT_TRUE(m_mutex.Unlock());
+    EXPECT_FALSE(Free());
+    EXPECT_TRUE(m_mutex.Unlock());
+    EXPECT_TRUE(Free());
+}
+
+TEST_F(Mutex, UnlockByAThreadThatDoesNotHoldItChangesNothing) {
+    m_mutex.Lock();
+    EXPECT_FALSE(Elsewhere([this] { return m_mutex.Unlock(); }));
+    EXPECT_EQ(m_mutex.LockerId(), ThreadId());
+    EXPECT_FALSE(Free());
+    m_mutex.Unlock();
+}
+
+TEST_F(Mutex, NamesItsHolder) {
+    EXPECT_EQ(m_mutex.LockerId(), 0U);
+    m_mutex.Lock();
+    EXPECT_EQ(m_mutex.LockerId(), ThreadId());
+    EXPECT_EQ(Elsewhere([this] { return m_mutex.LockerId(); }), ThreadId());
+    m_mutex.Unlock();
+    EXPECT_EQ(m_mutex.LockerId(), 0U);
+}
+
+TEST_F(Mutex, ATimedTryOfAHeldMutexGivesUp) {
+    m_mutex.Lock();
+    std::future<bool> taken = std::async(std::launch::async, [this] { return m_mutex.Try(200); });
+    EXPECT_TRUE(fakes::clock::AwaitSleeper(milliseconds(200)));
+    fakes::clock::Advance(milliseconds(200));
+    EXPECT_FALSE(taken.get());
+    m_mutex.Unlock();
+}
+
+TEST_F(Mutex, KeepsThreadsApart) {
+    int value = 0;
+    const auto count = [&] {
+        for (int i = 0; i < 1000; ++i) {
+            const CCAutoLock lock(&m_mutex);
+            ++value;
+        }
+    };
+    std::thread other(count);
+    count();
+    other.join();
+    EXPECT_EQ(value, 2000);
+}
+
+TEST_F(Mutex, AScopedLockHoldsItAsLongAsItLives) {
+    {
+        const CCAutoLock lock(&m_mutex);
+        EXPECT_FALSE(Free());
+    }
+    EXPECT_TRUE(Free());
+}
+
+TEST_F(Mutex, AScopedLockLeavesAMutexAloneThatIsNotCreated) {
+    CCMutex other;
+    { const CCAutoLock lock(&other); }
+    { const CCAutoLock lock(nullptr); }
+    EXPECT_TRUE(fakes::dlog::Lines().empty());
+}
+
+TEST_F(Mutex, UsedOutsideOfCreateAndDestroyItAsserts) {
+    SurviveAssertions();
+    CCMutex other;
+    EXPECT_FALSE(other.Lock());
+    EXPECT_FALSE(other.Unlock());
+    EXPECT_FALSE(other.Try(0));
+    EXPECT_EQ(other.LockerId(), 0U);
+    other.Destroy();
+    EXPECT_FALSE(m_mutex.Create());
+
+    for (const char* place : {"m [core/src/Mutex:48]", "m [core/src/Mutex:67]", "m [core/src/Mutex:87]",
+                              "m [core/src/Mutex:109]", "m [core/src/Mutex:37]", "!m [core/src/Mutex:15]"}) {
+        EXPECT_EQ(fakes::dlog::Count(std::string("ASSERT: ") + place), 1) << place;
+    }
+}
+
+TEST_F(Mutex, ThatIsDestructedBeforeDestroyCrashesTheProcess) {
+    EXPECT_EXIT(
+        {
+            CCMutex forgotten;
+            forgotten.Create();
+        },
+        Crashed, "");
+}
+
+}  // namespace

@@ -1,0 +1,169 @@
+#include <glib.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdio>
+#include <new>
+#include <string>
+#include <thread>
+
+#include "CSmartAutoLock.h"
+#include "log_fixture.h"
+
+namespace {
+
+constexpr gint64 kInterval = 5000000;  // microseconds
+
+/// A scoped lock whose address is known before its constructor returns.
+class Place {
+public:
+    void* Address() { return m_memory; }
+    void Lock(CCMutex* mutex, void* tag) { m_lock = new (m_memory) CSmartAutoLock(mutex, tag); }
+    void Unlock() { m_lock->~CSmartAutoLock(); }
+
+private:
+    alignas(CSmartAutoLock) unsigned char m_memory[sizeof(CSmartAutoLock)] = {};
+    CSmartAutoLock* m_lock = nullptr;
+};
+
+class LockWatchdog : public RuntimeLog {
+protected:
+    LockWatchdog() { EXPECT_TRUE(m_mutex.Create()); }
+    ~LockWatchdog() override { m_mutex.Destroy(); }
+
+    static GSource* Source(void* lock) { return g_main_context_find_source_by_user_data(nullptr, lock); }
+
+    /// Lets the five seconds of the watchdog pass. Returns whether it really waits for five.
+    static bool PassInterval(void* lock) {
+        GSource* source = Source(lock);
+        const gint64 left = source != nullptr ? g_source_get_ready_time(source) - g_get_monotonic_time() : -1;
+        if (left > kInterval) {
+            return false;
+        }
+        g_source_set_ready_time(source, 0);
+        const gint64 before = g_get_monotonic_time();
+        g_main_context_iteration(nullptr, FALSE);
+        const gint64 next = g_source_get_ready_time(source);
+        return next >= before + kInterval && next <= g_get_monotonic_time() + kInterval;
+    }
+
+    static std::string Hex(unsigned long id) {
+        char text[32];
+        std::snprintf(text, sizeof(text), "%lx", id);
+        return text;
+    }
+    static std::string Pointer(const void* tag) {
+        char text[32];
+        std::snprintf(text, sizeof(text), "%p", tag);
+        return text;
+    }
+
+    CCMutex m_mutex;
+};
+
+TEST_F(LockWatchdog, ALockHeldForTwelveSecondsTakesTooLongTwice) {
+    Place lock;
+    lock.Lock(&m_mutex, &m_mutex);
+    EXPECT_TRUE(PassInterval(lock.Address())) << "at 5 seconds";
+    EXPECT_TRUE(PassInterval(lock.Address())) << "at 10 seconds";
+    g_main_context_iteration(nullptr, FALSE);  // at 12: not due
+    lock.Unlock();
+
+    EXPECT_EQ(fakes::dlog::Count("[CSmartAutoLock][" + Pointer(&m_mutex) + "] Th[" + Hex(ThreadId()) +
+                                 "] takes too long"),
+              2);
+    EXPECT_EQ(fakes::dlog::Lines().size(), 2U);
+    EXPECT_EQ(Source(lock.Address()), nullptr);
+    EXPECT_EQ(m_mutex.LockerId(), 0U);
+}
+
+TEST_F(LockWatchdog, WithoutATagTheReportHasNone) {
+    Place lock;
+    lock.Lock(&m_mutex, nullptr);
+    EXPECT_TRUE(PassInterval(lock.Address()));
+    lock.Unlock();
+    EXPECT_TRUE(fakes::dlog::Has("[CSmartAutoLock] Th[" + Hex(ThreadId()) + "] takes too long"));
+}
+
+TEST_F(LockWatchdog, AThreadThatWaitsIsBlockedByTheHolder) {
+    m_mutex.Lock();
+    Place tagged;
+    Place plain;
+    std::atomic<unsigned long> waiter{0};
+    std::thread other([&] {
+        waiter = ThreadId();
+        tagged.Lock(&m_mutex, &waiter);
+        plain.Lock(&m_mutex, nullptr);
+        plain.Unlock();
+        tagged.Unlock();
+    });
+    while (Source(tagged.Address()) == nullptr) {
+        std::this_thread::yield();
+    }
+    EXPECT_TRUE(PassInterval(tagged.Address()));
+    EXPECT_TRUE(PassInterval(tagged.Address()));
+    EXPECT_EQ(fakes::dlog::Count("[CSmartAutoLock][" + Pointer(&waiter) + "] Th[" + Hex(waiter) +
+                                 "] is blocked by Th[" + Hex(ThreadId()) + "]"),
+              2);
+    m_mutex.Unlock();
+    other.join();
+}
+
+TEST_F(LockWatchdog, WithoutATagTheBlockedReportHasNone) {
+    m_mutex.Lock();
+    Place lock;
+    std::atomic<unsigned long> waiter{0};
+    std::thread other([&] {
+        waiter = ThreadId();
+        lock.Lock(&m_mutex, nullptr);
+        lock.Unlock();
+    });
+    while (Source(lock.Address()) == nullptr) {
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(CSmartAutoLock::sm_CbTimeout(lock.Address()), TRUE);
+    EXPECT_TRUE(fakes::dlog::Has("[CSmartAutoLock] Th[" + Hex(waiter) + "] is blocked by Th[" +
+                                 Hex(ThreadId()) + "]"));
+    m_mutex.Unlock();
+    other.join();
+}
+
+TEST_F(LockWatchdog, AMutexThatIsNotCreatedGetsNeitherLockNorWatchdog) {
+    CCMutex other;
+    CSmartAutoLock lock(&other, nullptr);
+    CSmartAutoLock none(nullptr, nullptr);
+    EXPECT_EQ(Source(&lock), nullptr);
+    EXPECT_EQ(CSmartAutoLock::sm_CbTimeout(&lock), FALSE);
+    EXPECT_EQ(CSmartAutoLock::sm_CbTimeout(&none), FALSE);
+    EXPECT_EQ(CSmartAutoLock::sm_CbTimeout(nullptr), FALSE);
+    EXPECT_TRUE(fakes::dlog::Lines().empty());
+}
+
+TEST_F(LockWatchdog, ALockThatHasEndedIsNotReported) {
+    Place lock;
+    lock.Lock(&m_mutex, nullptr);
+    lock.Unlock();
+    EXPECT_EQ(CSmartAutoLock::sm_CbTimeout(lock.Address()), FALSE);
+    EXPECT_TRUE(fakes::dlog::Lines().empty());
+}
+
+TEST_F(LockWatchdog, ALockMayEndOnItsThreadWhileTheMainLoopReportsIt) {
+    std::atomic<bool> done{false};
+    Place lock;
+    std::thread other([&] {
+        for (int i = 0; i < 300; ++i) {
+            lock.Lock(&m_mutex, nullptr);
+            lock.Unlock();
+        }
+        done = true;
+    });
+    while (!done) {
+        CSmartAutoLock::sm_CbTimeout(lock.Address());
+        g_main_context_iteration(nullptr, FALSE);
+    }
+    other.join();
+    EXPECT_EQ(CSmartAutoLock::sm_CbTimeout(lock.Address()), FALSE);
+}
+
+}  // namespace

@@ -1,0 +1,42 @@
+#include <gtest/gtest.h>
+
+#include "CCTime.h"
+#include "fake_clock.h"
+#include "fakes.h"
+
+namespace {
+
+class Time : public testing::Test {
+protected:
+    Time() { fakes::Reset(); }
+};
+
+TEST_F(Time, TheStampsReadTheWallClockInTheirUnits) {
+    fakes::clock::SetWall(1700000000, 123456789);
+
+    EXPECT_EQ(CCTime::CurrentUtc(), 1700000000123456789U);
+    EXPECT_EQ(CCTime::UTick(), 1700000000123456U);
+    EXPECT_EQ(CCTime::Tick(), 1700000000123U);
+    EXPECT_EQ(UTick(), CCTime::UTick());
+}
+
+TEST_F(Time, AClockThatIsSetBackMovesTheStampsBack) {
+    const std::uint64_t before = CCTime::Tick();
+
+    fakes::clock::SetWall(fakes::clock::kEpoch - 60);
+
+    EXPECT_EQ(CCTime::Tick(), before - 60000);
+}
+
+TEST_F(Time, SleepTakesMillisecondsInA32BitProduct) {
+    CCTime::Sleep(1500);
+    EXPECT_EQ(fakes::clock::SleptUs(), 1500000U);
+
+    CCTime::USleep(7);
+    EXPECT_EQ(fakes::clock::SleptUs(), 1500007U);
+
+    CCTime::Sleep(4294968);  // 4294968000 us is 704 us more than 32 bits hold
+    EXPECT_EQ(fakes::clock::SleptUs(), 1500007U + 704U);
+}
+
+}  // namespace
