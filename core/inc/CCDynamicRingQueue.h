@@ -1,0 +1,30 @@
+#pragma once
+/// An unbounded queue of pointers whose reader blocks.
+#include "CCSemaphore.h"
+
+/// Adding allocates a node; taken nodes are freed by the next Add. The pointers are not owned. For one adding
+/// and one getting thread; several writers need a lock of their own around Add.
+class CCDynamicRingQueue : public CCSemaphore {
+public:
+    CCDynamicRingQueue();
+    /// Asserts that the queue is destroyed.
+    ~CCDynamicRingQueue() override;
+    CCDynamicRingQueue(const CCDynamicRingQueue&) = delete;
+    CCDynamicRingQueue& operator=(const CCDynamicRingQueue&) = delete;
+
+    /// False when memory or the semaphore is missing.
+    bool Create();
+    /// Frees every node, taken or not.
+    void Destroy() override;
+
+    /// False when there is no memory.
+    bool Add(void* value);
+    /// Takes the oldest pointer, waiting at most `ms` milliseconds. False when there is none.
+    bool Get(void** out, int ms);
+
+private:
+    struct TSNode;
+    struct TSRecord;
+
+    TSRecord* m;
+};

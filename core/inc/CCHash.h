@@ -1,0 +1,44 @@
+#pragma once
+/// The common mechanics of the chained hash tables. Use CCIntegerHash, CCInt64Hash or CCStringHash.
+#include <cstdint>
+
+#include "IPosition.h"
+
+/// All nodes stand in one doubly linked chain, bucket after bucket, so a walk visits every node without
+/// scanning empty buckets. The cursor (the current node) is set by Add, Find and SetPosition. After Remove it
+/// stands in the gap, so that SetPosition(POS_CURRENT, 1) goes on with the node that followed.
+///
+/// `Keys` says how keys are hashed, compared, copied and freed and how a failed assertion is reported; each
+/// kind is defined beside its table. The data are not owned. One thread at a time, or under the owner's lock.
+template <class Key, class Keys>
+class CCHash : public IPosition {
+public:
+    CCHash(const CCHash&) = delete;
+    CCHash& operator=(const CCHash&) = delete;
+
+    /// The current node's data; null, after an assertion, when nothing is current, and null after Remove.
+    const void* Data() const;
+    /// Takes the current node out. False when nothing is current.
+    bool Remove();
+    bool SetPosition(EPosState state, long index) override;
+    /// Number of nodes.
+    unsigned long Count() const;
+    /// Releases the nodes and the table.
+    virtual void Destroy();
+
+protected:
+    CCHash();
+    /// Asserts that the table is destroyed.
+    ~CCHash() override;
+
+    bool t_Create(unsigned long sizeOfTable, Keys keys);
+    bool t_Add(Key key, const void* data);
+    bool t_Find(Key key);
+    Key t_Key() const;
+
+private:
+    struct TSNode;
+    struct TSRecord;
+
+    TSRecord* m;
+};

@@ -1,0 +1,29 @@
+#pragma once
+/// A bounded queue of pointers whose reader blocks.
+#include "CCSemaphore.h"
+
+/// Holds at most `count` - 1 pointers, which it does not own. For one adding and one getting thread; several
+/// writers need a lock of their own around Add.
+class CCRingQueue : public CCSemaphore {
+public:
+    CCRingQueue();
+    /// Asserts that the queue is destroyed.
+    ~CCRingQueue() override;
+    CCRingQueue(const CCRingQueue&) = delete;
+    CCRingQueue& operator=(const CCRingQueue&) = delete;
+
+    /// False when `count` is 0 or memory or the semaphore is missing.
+    bool Create(unsigned count);
+    /// Pointers still queued are dropped.
+    void Destroy() override;
+
+    /// False when the queue is full.
+    bool Add(void* value);
+    /// Takes the oldest pointer, waiting at most `ms` milliseconds. False when there is none.
+    bool Get(void** out, int ms);
+
+private:
+    struct TSRecord;
+
+    TSRecord* m;
+};

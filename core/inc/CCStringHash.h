@@ -1,0 +1,22 @@
+#pragma once
+/// A hash table from strings, or from byte strings of one length, to data.
+#include "CCHash.h"
+
+struct TSStringKeys;
+extern template class CCHash<const void*, TSStringKeys>;
+
+/// As CCIntegerHash, with keys that each node keeps a copy of. A failed assertion ends the process;
+/// one of them is that the table is empty when it is destroyed.
+class CCStringHash : public CCHash<const void*, TSStringKeys> {
+public:
+    /// The key length of NUL-terminated keys.
+    static constexpr unsigned long kNulTerminated = static_cast<unsigned long>(-1);
+
+    /// @param keyLength bytes of every key, or kNulTerminated
+    bool Create(unsigned long sizeOfTable, unsigned long keyLength);
+    /// False without memory.
+    bool Add(const void* key, const void* data);
+    bool Find(const void* key);
+    /// The current node's copy of its key; null after Remove.
+    const void* Key() const;
+};
