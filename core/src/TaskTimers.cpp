@@ -1,0 +1,161 @@
+#include <algorithm>
+#include <new>
+
+#include "CCAutoLock.h"
+#include "CCTime.h"
+#include "Logging.h"
+#include "TaskRecord.h"
+
+namespace {
+
+constexpr const char* kSource = "core/src/Task";
+
+// The largest 32-bit wait, compared with moments since 1970: on a clock that is set every moment lies behind
+// it, and the loop polls.
+constexpr std::uint64_t kLongestWait = 4294967295U;
+
+struct TimerEvents {
+    const CCHandler* handler;
+    const void* timer;
+};
+
+bool IsEventOfTimer(const void* element, const void* context) {
+    const auto* event = static_cast<const CSEvent*>(element);
+    const auto* wanted = static_cast<const TimerEvents*>(context);
+    return event->isTimer && event->receiver == wanted->handler && event->param.p == wanted->timer;
+}
+
+}  // namespace
+
+CCTask::TSTimer* CCTask::TSTask::FindTimer(const CCHandler* owner, unsigned long id) {
+    for (bool more = timers.SetPosition(IPosition::POS_HEAD, 0); more;
+         more = timers.SetPosition(IPosition::POS_CURRENT, 1)) {
+        auto* timer = static_cast<TSTimer*>(timers.Data());
+        if (AssertAtsc3(timer != nullptr, "obj", kSource, 639) && timer->id == id &&
+            timer->handler == owner) {
+            return timer;
+        }
+    }
+    return nullptr;
+}
+
+CCTask::TSTimer* CCTask::TSTask::FindTimer(const CSEvent& event) {
+    for (bool more = timers.SetPosition(IPosition::POS_HEAD, 0); more;
+         more = timers.SetPosition(IPosition::POS_CURRENT, 1)) {
+        auto* timer = static_cast<TSTimer*>(timers.Data());
+        if (timer == event.param.p && timer->serial == event.param.l[1]) {
+            return timer;
+        }
+    }
+    return nullptr;
+}
+
+CCTask::TSTask::~TSTask() {
+    while (timers.SetPosition(IPosition::POS_HEAD, 0)) {
+        delete static_cast<TSTimer*>(timers.Data());
+        timers.Remove();
+    }
+    if (timerMutex.FlagCreate()) {
+        timerMutex.Destroy();
+    }
+}
+
+std::uint64_t CCTask::t_InsertTimerEvent() {
+    const std::shared_ptr<TSTask> record = m;
+    const std::uint64_t now = CCTime::Tick();
+    record->nextDue = TSTask::kNothingDue;
+    {
+        const CCAutoLock lock(&record->timerMutex);
+        std::unique_lock<std::mutex> list(record->timersLock);
+        long index = 0;
+        for (bool more = record->timers.SetPosition(IPosition::POS_HEAD, 0); more;
+             more = record->timers.SetPosition(IPosition::POS_HEAD, ++index)) {
+            auto* timer = static_cast<TSTimer*>(record->timers.Data());
+            std::uint64_t due = timer->last + timer->interval;
+            if (now >= due) {
+                const bool post = !timer->queued;
+                timer->queued = true;
+                timer->last = now;
+                due = now + timer->interval;
+                if (post) {
+                    // Whoever posts it may set a timer, here or on another thread.
+                    CCHandler* handler = timer->handler;
+                    list.unlock();
+                    t_SendTimerEvent(handler, timer);
+                    list.lock();
+                }
+            }
+            record->nextDue = std::min(record->nextDue, due);
+        }
+    }
+    const std::uint64_t next = std::min(kLongestWait, record->nextDue);
+    const std::uint64_t later = CCTime::Tick();
+    return next > later ? next - later : 0;
+}
+
+void CCTask::t_SendTimerEvent(CCHandler* handler, void* timer) {
+    CSEvent event;
+    event.receiver = handler;
+    event.isTimer = true;
+    event.param.l[1] = static_cast<const TSTimer*>(timer)->serial;
+    event.param.p = timer;
+    Send(&event, false);
+}
+
+void CCTask::t_HandleTimerEvent(const CSEvent* event) {
+    unsigned long id = 0;
+    {
+        const std::lock_guard<std::mutex> list(m->timersLock);
+        TSTimer* timer = m->FindTimer(*event);
+        if (timer == nullptr) {
+            return;  // killed by another thread after its event was taken from the queue
+        }
+        timer->queued = false;
+        id = static_cast<unsigned long>(timer->id);
+    }
+    event->receiver->t_OnTimer(id);
+}
+
+bool CCTask::t_SetTimer(CCHandler* handler, unsigned long id, unsigned long ms) {
+    const std::shared_ptr<TSTask> record = m_Record();
+    if (!AssertAtsc3(record != nullptr, "m", kSource, 589) ||
+        !AssertAtsc3(handler != nullptr, "handler", kSource, 590) ||
+        !AssertAtsc3(ms > 0, "ms > 0", kSource, 591)) {
+        return false;
+    }
+    {
+        const std::lock_guard<std::mutex> list(record->timersLock);
+        if (TSTimer* timer = record->FindTimer(handler, id)) {
+            timer->interval = ms;
+            timer->last = CCTime::Tick();
+        } else {
+            timer = new (std::nothrow) TSTimer{handler, id, ms, CCTime::Tick(), false, record->nextSerial++};
+            record->timers.SetPosition(IPosition::POS_TAIL, 0);
+            if (timer == nullptr || !record->timers.Add(timer, CCList::ADD_AFTER)) {
+                delete timer;
+                return false;
+            }
+        }
+    }
+    platform_alarm_ring(record->alarm.get());
+    return true;
+}
+
+bool CCTask::t_KillTimer(CCHandler* handler, unsigned long id) {
+    const std::shared_ptr<TSTask> record = m_Record();
+    if (!AssertAtsc3(record != nullptr, "m", kSource, 631) ||
+        !AssertAtsc3(handler != nullptr, "handler", kSource, 632)) {
+        return false;
+    }
+    const CCAutoLock lock(&record->timerMutex);
+    const std::lock_guard<std::mutex> list(record->timersLock);
+    TSTimer* timer = record->FindTimer(handler, id);
+    if (timer == nullptr) {
+        return false;
+    }
+    const TimerEvents queued{handler, timer};
+    RemoveIf(&IsEventOfTimer, &queued);
+    record->timers.Remove();
+    delete timer;
+    return true;
+}
