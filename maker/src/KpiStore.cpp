@@ -1,0 +1,305 @@
+#include "KpiStore.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+#include <string_view>
+
+#include "FileDescriptor.h"
+#include "MakerLog.h"
+#include "TSFileSystem.h"
+#include "device_path.h"
+#include "device_paths.h"
+#include "platform_clock.h"
+
+namespace KPILogFramework {
+namespace {
+
+constexpr mode_t kFileMode = 0640;
+constexpr std::uint64_t kBusyStepUs = 20000;  // between two looks at a locked database
+constexpr int kBusySteps = 100;               // 2 s in all
+constexpr int kMaxDamaged = 16;               // damaged databases that are kept; then there is no log
+constexpr const char* kSidecars[] = {"", "-wal", "-shm"};
+
+constexpr const char* kSetup =
+    // Only a synced journal survives a power cut; short ones keep the flash usage low.
+    "PRAGMA synchronous = FULL;"
+    "PRAGMA wal_autocheckpoint = 128;"
+    "PRAGMA cache_size = -256;"
+    "BEGIN IMMEDIATE;"
+    "CREATE TABLE IF NOT EXISTS event ("
+    " sequence INTEGER PRIMARY KEY AUTOINCREMENT, time INTEGER NOT NULL, type TEXT NOT NULL,"
+    " category TEXT NOT NULL, event_id TEXT NOT NULL, description TEXT NOT NULL);"
+    "CREATE TABLE IF NOT EXISTS dropped (one INTEGER PRIMARY KEY CHECK (one = 1), count INTEGER NOT NULL);"
+    "INSERT OR IGNORE INTO dropped VALUES (1, 0);"
+    "COMMIT;";
+constexpr const char* kInsert =
+    "INSERT INTO event (time, type, category, event_id, description) VALUES (?, ?, ?, ?, ?)";
+constexpr const char* kSelect =
+    "SELECT sequence, time, type, category, event_id, description FROM event ORDER BY sequence";
+
+int WaitWhileBusy(void* /*unused*/, int steps) {
+    if (steps >= kBusySteps) {
+        return 0;
+    }
+    platform_sleep_us(kBusyStepUs);
+    return 1;
+}
+
+bool IsDamage(int result) {
+    // A schema that is not ours (SQLITE_ERROR) is as useless as a broken page.
+    const int primary = result & 0xff;
+    return primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB || primary == SQLITE_ERROR;
+}
+
+ino_t InodeOf(const std::string& path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 ? status.st_ino : 0;
+}
+
+/// SQLite would make the file readable for everyone. The descriptor is closed before the first connection
+/// exists, since closing it later would drop the connection's locks.
+bool MakeFile(const std::string& path) {
+    const maker::FileDescriptor file(
+        open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kFileMode));
+    return file || errno == EEXIST;
+}
+
+std::string Text(sqlite3_stmt* statement, int column) {
+    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement, column));
+    return text != nullptr
+               ? std::string(text, static_cast<std::size_t>(sqlite3_column_bytes(statement, column)))
+               : std::string();
+}
+
+void BindText(sqlite3_stmt* statement, int index, const std::string& text) {
+    sqlite3_bind_text64(statement, index, text.data(), text.size(), SQLITE_STATIC, SQLITE_UTF8);
+}
+
+/// Null when the statement does not fit the schema or the database cannot be read.
+maker::StatementPtr PrepareStatement(sqlite3* database, const char* sql) {
+    sqlite3_stmt* statement = nullptr;
+    sqlite3_prepare_v2(database, sql, -1, &statement, nullptr);
+    return maker::StatementPtr(statement);
+}
+
+}  // namespace
+
+void CLogger::Store::Close() {
+    m_database.reset();
+    m_inode = 0;
+    m_writable = false;
+}
+
+int CLogger::Store::Execute(const char* sql) {
+    return sqlite3_exec(m_database.get(), sql, nullptr, nullptr, nullptr);
+}
+
+int CLogger::Store::Connect(const std::string& path, int flags) {
+    Close();
+    sqlite3* database = nullptr;
+    const int result =
+        sqlite3_open_v2(path.c_str(), &database, flags | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_NOMUTEX, nullptr);
+    m_database.reset(database);
+    if (result != SQLITE_OK) {
+        return result;
+    }
+    m_inode = InodeOf(path);
+    sqlite3_busy_handler(database, WaitWhileBusy, nullptr);
+    // Readers that may not write the folder need the journal's files to be there.
+    int keep = 1;
+    sqlite3_file_control(database, "main", SQLITE_FCNTL_PERSIST_WAL, &keep);
+    return SQLITE_OK;
+}
+
+int CLogger::Store::CheckPages() {
+    const maker::StatementPtr check = PrepareStatement(m_database.get(), "PRAGMA quick_check(1)");
+    if (check == nullptr || sqlite3_step(check.get()) != SQLITE_ROW) {
+        return sqlite3_errcode(m_database.get());
+    }
+    return Text(check.get(), 0) == "ok" ? SQLITE_OK : SQLITE_CORRUPT;
+}
+
+int CLogger::Store::Prepare() {
+    int result = Execute("PRAGMA journal_mode = WAL");
+    if (result == SQLITE_OK) {
+        result = CheckPages();
+    }
+    if (result == SQLITE_OK) {
+        result = Execute(kSetup);
+    }
+    if (result == SQLITE_OK && PrepareStatement(m_database.get(), kInsert) == nullptr) {
+        result = sqlite3_errcode(m_database.get());
+    }
+    return result;
+}
+
+bool CLogger::Store::SetAside(const std::string& path) {
+    const ino_t damaged = m_inode;
+    Close();
+    if (InodeOf(path) != damaged) {
+        return true;  // another process was faster
+    }
+    for (int number = 1; number <= kMaxDamaged; ++number) {
+        const std::string aside = path + ".damaged-" + std::to_string(number);
+        if (access(aside.c_str(), F_OK) == 0) {
+            continue;
+        }
+        bool moved = true;
+        for (const char* sidecar : kSidecars) {
+            moved = (rename((path + sidecar).c_str(), (aside + sidecar).c_str()) == 0 || errno == ENOENT) &&
+                    moved;
+        }
+        MAKER_ERROR("the KPI log %s is damaged, %s %s.damaged-%d", ZOL_PATH_KPI_DB,
+                    moved ? "set aside as" : "and could not be set aside as", ZOL_PATH_KPI_DB, number);
+        return moved;
+    }
+    MAKER_ERROR("the KPI log %s is damaged, and %d earlier ones lie beside it", ZOL_PATH_KPI_DB, kMaxDamaged);
+    return false;
+}
+
+int CLogger::Store::OpenForWriting() {
+    const std::string path = DevicePath(ZOL_PATH_KPI_DB);
+    if (m_writable && m_inode == InodeOf(path)) {
+        return RESULT_SUCCESS;
+    }
+    Close();
+    constexpr int kAttempts = 2;  // the second one on a new database
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        if (!TSFileSystem::MakeDir(ZOL_PATH_STATE_DIR, true) || !MakeFile(path)) {
+            break;
+        }
+        int result = Connect(path, SQLITE_OPEN_READWRITE);
+        if (result == SQLITE_OK) {
+            result = Prepare();
+        }
+        if (result == SQLITE_OK) {
+            m_writable = true;
+            return RESULT_SUCCESS;
+        }
+        MAKER_ERROR("cannot open the KPI log %s: %s", ZOL_PATH_KPI_DB, sqlite3_errstr(result));
+        if (!IsDamage(result) || !SetAside(path)) {
+            break;
+        }
+    }
+    Close();
+    return RESULT_NO_STORE;
+}
+
+int CLogger::Store::Insert(const std::string& type, const std::string& category, const std::string& eventId,
+                           const std::string& description) {
+    const maker::StatementPtr insert = PrepareStatement(m_database.get(), kInsert);
+    if (insert == nullptr) {
+        return sqlite3_errcode(m_database.get());
+    }
+    timespec now{};
+    platform_clock_realtime(&now);
+    sqlite3_bind_int64(insert.get(), 1, now.tv_sec);
+    BindText(insert.get(), 2, type);
+    BindText(insert.get(), 3, category);
+    BindText(insert.get(), 4, eventId);
+    BindText(insert.get(), 5, description);
+    const int result = sqlite3_step(insert.get());
+    return result == SQLITE_DONE ? SQLITE_OK : result;
+}
+
+int CLogger::Store::DropOldest() {
+    const std::string drop = "DELETE FROM event WHERE sequence <= (SELECT max(sequence) FROM event) - " +
+                             std::to_string(MAX_EVENTS) + "; UPDATE dropped SET count = count + changes()";
+    return Execute(drop.c_str());
+}
+
+int CLogger::Store::Add(const std::string& type, const std::string& category, const std::string& eventId,
+                        const std::string& description) {
+    constexpr int kAttempts = 2;  // the second one on a new database
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        const int opened = OpenForWriting();
+        if (opened != RESULT_SUCCESS) {
+            return opened;
+        }
+        int result = Execute("BEGIN IMMEDIATE");
+        if (result == SQLITE_OK) {
+            result = Insert(type, category, eventId, description);
+        }
+        if (result == SQLITE_OK) {
+            result = DropOldest();
+        }
+        if (result == SQLITE_OK) {
+            result = Execute("COMMIT");
+        }
+        if (result == SQLITE_OK) {
+            return RESULT_SUCCESS;
+        }
+        MAKER_ERROR("cannot write the KPI log %s: %s", ZOL_PATH_KPI_DB, sqlite3_errmsg(m_database.get()));
+        Execute("ROLLBACK");
+        if (!IsDamage(result) || !SetAside(DevicePath(ZOL_PATH_KPI_DB))) {
+            break;
+        }
+    }
+    return RESULT_WRITE_FAILED;
+}
+
+bool CLogger::Store::HoldsTables() {
+    const maker::StatementPtr select = PrepareStatement(
+        m_database.get(), "SELECT count(*) FROM sqlite_master WHERE name IN ('event', 'dropped')");
+    // What cannot even be asked is for the caller to find out and report.
+    return select == nullptr || sqlite3_step(select.get()) != SQLITE_ROW ||
+           sqlite3_column_int(select.get(), 0) == 2;
+}
+
+CLogger::Store::EPresence CLogger::Store::OpenExisting() {
+    const std::string path = DevicePath(ZOL_PATH_KPI_DB);
+    const ino_t inode = InodeOf(path);
+    if (inode == 0) {
+        Close();
+        return errno == ENOENT ? EPresence::ABSENT : EPresence::FAILED;
+    }
+    if (m_database != nullptr && m_inode == inode) {
+        return HoldsTables() ? EPresence::OPEN : EPresence::ABSENT;
+    }
+    // SQLite falls back to reading when this process may not write.
+    if (Connect(path, SQLITE_OPEN_READWRITE) != SQLITE_OK) {
+        MAKER_ERROR("cannot open the KPI log %s: %s", ZOL_PATH_KPI_DB, sqlite3_errmsg(m_database.get()));
+        Close();
+        return EPresence::FAILED;
+    }
+    return HoldsTables() ? EPresence::OPEN : EPresence::ABSENT;
+}
+
+bool CLogger::Store::List(std::vector<TSKpiEvent>& events) {
+    events.clear();
+    const EPresence presence = OpenExisting();
+    if (presence != EPresence::OPEN) {
+        return presence == EPresence::ABSENT;
+    }
+    const maker::StatementPtr select = PrepareStatement(m_database.get(), kSelect);
+    int result = select != nullptr ? SQLITE_ROW : SQLITE_ERROR;
+    while (select != nullptr && (result = sqlite3_step(select.get())) == SQLITE_ROW) {
+        sqlite3_stmt* row = select.get();
+        events.push_back({sqlite3_column_int64(row, 0), sqlite3_column_int64(row, 1), Text(row, 2),
+                          Text(row, 3), Text(row, 4), Text(row, 5)});
+    }
+    if (result != SQLITE_DONE) {
+        MAKER_ERROR("cannot read the KPI log %s: %s", ZOL_PATH_KPI_DB, sqlite3_errmsg(m_database.get()));
+    }
+    return result == SQLITE_DONE;
+}
+
+std::int64_t CLogger::Store::Dropped() {
+    const EPresence presence = OpenExisting();
+    if (presence != EPresence::OPEN) {
+        return presence == EPresence::ABSENT ? 0 : -1;
+    }
+    const maker::StatementPtr select = PrepareStatement(m_database.get(), "SELECT count FROM dropped");
+    if (select == nullptr || sqlite3_step(select.get()) != SQLITE_ROW) {
+        MAKER_ERROR("cannot read the KPI log %s: %s", ZOL_PATH_KPI_DB, sqlite3_errmsg(m_database.get()));
+        return -1;
+    }
+    return sqlite3_column_int64(select.get(), 0);
+}
+
+}  // namespace KPILogFramework

@@ -1,0 +1,45 @@
+#pragma once
+/// The database behind the KPI event log.
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "KPILogFramework.h"
+#include "Sqlite.h"
+
+namespace KPILogFramework {
+
+/// One connection, opened when it is first needed and again when the file was replaced. Not thread-safe.
+class CLogger::Store {
+public:
+    /// Appends one event and drops what is over the limit, all or nothing. @return a RESULT_ code.
+    int Add(const std::string& type, const std::string& category, const std::string& eventId,
+            const std::string& description);
+    bool List(std::vector<TSKpiEvent>& events);
+    std::int64_t Dropped();
+
+private:
+    enum class EPresence { OPEN, ABSENT, FAILED };
+
+    EPresence OpenExisting();
+    /// False while another process has made the file and not yet what is in it.
+    bool HoldsTables();
+    int OpenForWriting();
+    int Connect(const std::string& path, int flags);
+    int Prepare();
+    int CheckPages();
+    int Insert(const std::string& type, const std::string& category, const std::string& eventId,
+               const std::string& description);
+    int DropOldest();
+    int Execute(const char* sql);
+    bool SetAside(const std::string& path);
+    void Close();
+
+    maker::DatabasePtr m_database;
+    ino_t m_inode = 0;  // of the file behind the connection
+    bool m_writable = false;
+};
+
+}  // namespace KPILogFramework

@@ -1,0 +1,370 @@
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "KPILogFramework.h"
+#include "TSFileSystem.h"
+#include "device_paths.h"
+#include "fake_clock.h"
+#include "fake_dlog.h"
+#include "fakes.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using KPILogFramework::CLogger;
+using KPILogFramework::TSKpiEvent;
+
+/// Another process at the same database.
+class OtherConnection {
+public:
+    OtherConnection() {
+        sqlite3* database = nullptr;
+        sqlite3_open((fakes::Root() + ZOL_PATH_KPI_DB).c_str(), &database);
+        m_database.reset(database);
+    }
+    bool Run(const std::string& sql) {
+        return sqlite3_exec(m_database.get(), sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK;
+    }
+
+private:
+    std::unique_ptr<sqlite3, int (*)(sqlite3*)> m_database{nullptr, sqlite3_close};
+};
+
+class KpiLog : public testing::Test {
+protected:
+    KpiLog() { fakes::Reset(); }
+
+    static std::string Host(const std::string& suffix = "") {
+        return fakes::Root() + ZOL_PATH_KPI_DB + suffix;
+    }
+    static int Add(const std::string& description) {
+        return CLogger::GetInstance().AddEventLogSync("20_errdata", "ZOL", "EV007", description);
+    }
+    static std::vector<TSKpiEvent> List() {
+        std::vector<TSKpiEvent> events;
+        EXPECT_TRUE(CLogger::GetInstance().ListEvents(events));
+        return events;
+    }
+    static std::int64_t Dropped() { return CLogger::GetInstance().DroppedEvents(); }
+
+    /// Many events at the price of one.
+    static void Fill(int events) {
+        ASSERT_TRUE(OtherConnection().Run(
+            "WITH RECURSIVE n(i) AS (VALUES (1) UNION ALL SELECT i + 1 FROM n WHERE i < " +
+            std::to_string(events) +
+            ") INSERT INTO event (time, type, category, event_id, description) SELECT i, 't', 'c', 'e', i "
+            "FROM n"));
+    }
+};
+
+TEST_F(KpiLog, AnEventIsStoredWithItsFourTextsAndTheWallClock) {
+    fakes::clock::SetWall(1700000055);
+
+    EXPECT_EQ(Add("key=a;value=1;"), 1);
+
+    const std::vector<TSKpiEvent> events = List();
+    ASSERT_EQ(events.size(), 1U);
+    EXPECT_EQ(events[0].sequence, 1);
+    EXPECT_EQ(events[0].timeSeconds, 1700000055);
+    EXPECT_EQ(events[0].type, "20_errdata");
+    EXPECT_EQ(events[0].category, "ZOL");
+    EXPECT_EQ(events[0].eventId, "EV007");
+    EXPECT_EQ(events[0].description, "key=a;value=1;");
+}
+
+TEST_F(KpiLog, EventsAreListedOldestFirstEvenWhenTheClockGoesBack) {
+    Add("first");
+    fakes::clock::SetWall(1);
+    Add("second");
+
+    const std::vector<TSKpiEvent> events = List();
+    ASSERT_EQ(events.size(), 2U);
+    EXPECT_EQ(events[0].description, "first");
+    EXPECT_EQ(events[1].description, "second");
+    EXPECT_EQ(events[1].sequence, 2);
+}
+
+TEST_F(KpiLog, TextIsKeptByteForByte) {
+    const std::string text = std::string("it's \"quoted\"; DROP TABLE event; \xc3\xa9") + '\0' + "tail";
+
+    EXPECT_EQ(Add(text), 1);
+    EXPECT_EQ(Add(""), 1);
+
+    ASSERT_EQ(List().size(), 2U);
+    EXPECT_EQ(List()[0].description, text);
+    EXPECT_EQ(List()[1].description, "");
+}
+
+TEST_F(KpiLog, WithoutAStoreTheListIsEmptyAndNothingIsMade) {
+    EXPECT_TRUE(List().empty());
+    EXPECT_EQ(Dropped(), 0);
+
+    EXPECT_FALSE(fs::exists(Host()));
+}
+
+TEST_F(KpiLog, AStoreThatIsJustBeingMadeIsAnEmptyList) {
+    // Another process has made the file and not yet its tables.
+    fakes::WriteDeviceFile(ZOL_PATH_KPI_DB, "");
+
+    EXPECT_TRUE(List().empty());
+    EXPECT_EQ(Dropped(), 0);
+    EXPECT_FALSE(fakes::dlog::Has("cannot read the KPI log"));
+}
+
+TEST_F(KpiLog, TheFileMayBeReadByOwnerAndGroupOnly) {
+    Add("x");
+
+    for (const char* sidecar : {"", "-wal", "-shm"}) {
+        struct stat status {};
+        ASSERT_EQ(stat(Host(sidecar).c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode & 0137, 0U) << sidecar;
+    }
+}
+
+TEST_F(KpiLog, AFullLogDropsItsOldestEventsAndCountsThem) {
+    Add("1");
+    Fill(CLogger::MAX_EVENTS - 1);
+    EXPECT_EQ(Dropped(), 0);
+
+    Add("one too many");
+    EXPECT_EQ(Dropped(), 1);
+    Add("two too many");
+
+    const std::vector<TSKpiEvent> events = List();
+    ASSERT_EQ(events.size(), static_cast<std::size_t>(CLogger::MAX_EVENTS));
+    EXPECT_EQ(Dropped(), 2);
+    EXPECT_EQ(events.front().sequence, 3);
+    EXPECT_EQ(events.back().sequence, CLogger::MAX_EVENTS + 2);
+    EXPECT_EQ(events.back().description, "two too many");
+}
+
+TEST_F(KpiLog, ALogThatCannotCountWhatItDropsDropsNothing) {
+    Add("1");
+    Fill(CLogger::MAX_EVENTS - 1);
+    ASSERT_TRUE(OtherConnection().Run(
+        "CREATE TRIGGER stop BEFORE UPDATE ON dropped BEGIN SELECT RAISE(ABORT, 'no'); END"));
+
+    EXPECT_NE(Add("one too many"), CLogger::RESULT_SUCCESS);
+
+    EXPECT_EQ(List().front().sequence, 1);
+    EXPECT_EQ(List().size(), static_cast<std::size_t>(CLogger::MAX_EVENTS));
+}
+
+TEST_F(KpiLog, EventsOfSeveralThreadsAreAllStored) {
+    constexpr int kThreads = 4;
+    constexpr int kEvents = 25;
+    std::vector<std::thread> threads;
+    threads.reserve(kThreads);
+    for (int i = 0; i < kThreads; ++i) {
+        threads.emplace_back([i] {
+            for (int event = 0; event < kEvents; ++event) {
+                EXPECT_EQ(Add(std::to_string(i * kEvents + event)), 1);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+
+    std::set<std::string> descriptions;
+    for (const TSKpiEvent& event : List()) {
+        descriptions.insert(event.description);
+    }
+    EXPECT_EQ(descriptions.size(), static_cast<std::size_t>(kThreads * kEvents));
+}
+
+TEST_F(KpiLog, AFileThatIsNoDatabaseIsSetAsideAndANewLogIsBegun) {
+    const std::string garbage(10000, '#');
+    fakes::WriteDeviceFile(ZOL_PATH_KPI_DB, garbage);
+
+    EXPECT_EQ(Add("after"), 1);
+
+    EXPECT_EQ(List().size(), 1U);
+    EXPECT_EQ(fakes::ReadDeviceFile(ZOL_PATH_KPI_DB ".damaged-1"), garbage);
+    EXPECT_TRUE(fakes::dlog::Has("is damaged, set aside as " ZOL_PATH_KPI_DB ".damaged-1"));
+}
+
+TEST_F(KpiLog, ADatabaseWithABrokenPageIsSetAside) {
+    Add("x");
+    Fill(5000);
+    ASSERT_TRUE(OtherConnection().Run("PRAGMA wal_checkpoint(TRUNCATE)"));
+    const auto size = static_cast<std::size_t>(fs::file_size(Host()));
+    std::string content = fakes::ReadDeviceFile(ZOL_PATH_KPI_DB);
+    content.replace(size / 2, 8192, std::string(8192, '\xff'));
+    fakes::Reset();
+    fakes::WriteDeviceFile(ZOL_PATH_KPI_DB, content);
+
+    EXPECT_EQ(Add("after"), 1);
+
+    EXPECT_EQ(List().size(), 1U);
+    EXPECT_EQ(fs::file_size(Host(".damaged-1")), size);
+}
+
+TEST_F(KpiLog, AnEarlierDamagedLogIsNeverOverwritten) {
+    fakes::WriteDeviceFile(ZOL_PATH_KPI_DB ".damaged-1", "evidence");
+    fakes::WriteDeviceFile(ZOL_PATH_KPI_DB,
+                           "garbage that is long enough to be looked at as a database header");
+
+    EXPECT_EQ(Add("after"), 1);
+
+    EXPECT_EQ(fakes::ReadDeviceFile(ZOL_PATH_KPI_DB ".damaged-1"), "evidence");
+    EXPECT_TRUE(fs::exists(Host(".damaged-2")));
+}
+
+TEST_F(KpiLog, DamageThatHappensAgainAndAgainDoesNotFillTheFlash) {
+    for (int i = 1; i <= 16; ++i) {
+        fakes::WriteDeviceFile(ZOL_PATH_KPI_DB ".damaged-" + std::to_string(i), "evidence");
+    }
+    const std::string garbage(4096, '#');
+    fakes::WriteDeviceFile(ZOL_PATH_KPI_DB, garbage);
+
+    EXPECT_EQ(Add("after"), CLogger::RESULT_NO_STORE);
+
+    EXPECT_EQ(fakes::ReadDeviceFile(ZOL_PATH_KPI_DB), garbage);
+}
+
+TEST_F(KpiLog, ReadingADamagedLogFailsAndLeavesItAlone) {
+    const std::string garbage(4096, '#');
+    fakes::WriteDeviceFile(ZOL_PATH_KPI_DB, garbage);
+    std::vector<TSKpiEvent> events;
+
+    EXPECT_FALSE(CLogger::GetInstance().ListEvents(events));
+    EXPECT_EQ(Dropped(), -1);
+
+    EXPECT_EQ(fakes::ReadDeviceFile(ZOL_PATH_KPI_DB), garbage);
+}
+
+TEST_F(KpiLog, ADatabaseOfSomebodyElsesShapeIsSetAside) {
+    fakes::MakeDeviceFolder(ZOL_PATH_STATE_DIR);
+    ASSERT_TRUE(OtherConnection().Run("CREATE TABLE event (something TEXT)"));
+
+    EXPECT_EQ(Add("after"), 1);
+
+    EXPECT_EQ(List().size(), 1U);
+    EXPECT_TRUE(fs::exists(Host(".damaged-1")));
+}
+
+TEST_F(KpiLog, ALogThatStaysLockedIsGivenUpAfterTwoSeconds) {
+    Add("before");
+    OtherConnection other;
+    ASSERT_TRUE(other.Run("BEGIN EXCLUSIVE"));
+
+    EXPECT_EQ(Add("lost"), CLogger::RESULT_WRITE_FAILED);
+    EXPECT_EQ(fakes::clock::SleptUs(), 2000000U);
+    EXPECT_EQ(List().size(), 1U);
+
+    ASSERT_TRUE(other.Run("COMMIT"));
+    EXPECT_EQ(Add("kept"), 1);
+    EXPECT_EQ(List().size(), 2U);
+}
+
+TEST_F(KpiLog, ALockThatIsReleasedInTimeDelaysTheEventOnly) {
+    Add("before");
+    OtherConnection other;
+    ASSERT_TRUE(other.Run("BEGIN EXCLUSIVE"));
+    fakes::clock::SleepAdvances(false);
+    int result = 0;
+    std::thread writer([&result] { result = Add("late"); });
+    ASSERT_TRUE(fakes::clock::AwaitSleeper(std::chrono::milliseconds(20)));
+
+    ASSERT_TRUE(other.Run("COMMIT"));
+    fakes::clock::SleepAdvances(true);
+    fakes::clock::Advance(std::chrono::milliseconds(20));
+    writer.join();
+
+    EXPECT_EQ(result, 1);
+    EXPECT_EQ(List().size(), 2U);
+}
+
+/// No file of this process may grow beyond `bytes` while this lives.
+class FullDisk {
+public:
+    explicit FullDisk(rlim_t bytes) {
+        m_signal = std::signal(SIGXFSZ, SIG_IGN);
+        getrlimit(RLIMIT_FSIZE, &m_before);
+        const rlimit limit{bytes, m_before.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~FullDisk() {
+        setrlimit(RLIMIT_FSIZE, &m_before);
+        std::signal(SIGXFSZ, m_signal);
+    }
+    FullDisk(const FullDisk&) = delete;
+    FullDisk& operator=(const FullDisk&) = delete;
+
+private:
+    rlimit m_before{};
+    void (*m_signal)(int) = SIG_DFL;
+};
+
+TEST_F(KpiLog, AFullDiskLosesTheEventAndNothingElse) {
+    EXPECT_EQ(Add("before"), 1);
+    int result = 0;
+    {
+        const FullDisk full(fs::file_size(Host("-wal")));
+        result = Add("lost");
+    }
+    EXPECT_EQ(result, CLogger::RESULT_WRITE_FAILED);
+    EXPECT_TRUE(fakes::dlog::Has("cannot write the KPI log " ZOL_PATH_KPI_DB));
+
+    EXPECT_EQ(Add("after"), 1);
+    const std::vector<TSKpiEvent> events = List();
+    ASSERT_EQ(events.size(), 2U);
+    EXPECT_EQ(events[0].description, "before");
+    EXPECT_EQ(events[1].description, "after");
+    EXPECT_FALSE(fs::exists(Host(".damaged-1")));
+}
+
+TEST_F(KpiLog, ADiskThatIsFullFromTheStartMeansNoStore) {
+    int result = 0;
+    {
+        const FullDisk full(0);
+        result = Add("lost");
+    }
+    EXPECT_EQ(result, CLogger::RESULT_NO_STORE);
+
+    EXPECT_EQ(Add("after"), 1);
+    EXPECT_EQ(List().size(), 1U);
+}
+
+TEST_F(KpiLog, AStateFolderThatCannotBeMadeMeansNoStore) {
+    fakes::WriteDeviceFile(ZOL_PATH_STATE_DIR, "a file in its place");
+
+    EXPECT_EQ(Add("lost"), CLogger::RESULT_NO_STORE);
+}
+
+TEST_F(KpiLog, ALinkInPlaceOfTheDatabaseIsRefused) {
+    fakes::MakeDeviceFolder(ZOL_PATH_STATE_DIR);
+    fakes::WriteDeviceFile("/etc/precious", "");
+    fs::create_symlink(fakes::Root() + "/etc/precious", Host());
+
+    EXPECT_EQ(Add("lost"), CLogger::RESULT_NO_STORE);
+
+    EXPECT_EQ(fs::file_size(fakes::Root() + "/etc/precious"), 0U);
+    EXPECT_TRUE(fs::is_symlink(Host()));
+}
+
+TEST_F(KpiLog, ALogThatWasRemovedIsBegunAnew) {
+    Add("before");
+    for (const char* sidecar : {"", "-wal", "-shm"}) {
+        fs::remove(Host(sidecar));
+    }
+
+    EXPECT_EQ(Add("after"), 1);
+
+    ASSERT_EQ(List().size(), 1U);
+    EXPECT_EQ(List()[0].description, "after");
+}
+
+}  // namespace
