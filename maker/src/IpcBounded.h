@@ -1,0 +1,14 @@
+#pragma once
+/// Waits for the bus that end in time, also when the bus has stopped reading.
+#include "IpcGio.h"
+
+namespace zol::ipc {
+
+/// Waits until all that was sent is written, at most `milliseconds`.
+void FlushWithin(GDBusConnection* connection, unsigned milliseconds);
+
+/// Connects within `milliseconds`. The connection's callbacks run on the thread-default main context of the
+/// caller, which is not iterated meanwhile. Null with `error` set when it does not come about.
+GConnectionPtr ConnectWithin(bool sessionBus, unsigned milliseconds, GErrorPtr& error);
+
+}  // namespace zol::ipc

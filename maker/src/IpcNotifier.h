@@ -1,0 +1,55 @@
+#pragma once
+/// Notifications from the server to its subscribers.
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include "IpcRound.h"
+
+namespace zol::ipc {
+
+/// Sends notifications and waits for the replies. Made and destroyed on the thread that dispatches GLib's
+/// default main context.
+class IpcNotifier {
+public:
+    /// Waits on the dispatching thread that may lie inside one another.
+    static constexpr int kMaxNestedWaits = 8;
+
+    /// Starts a round on the dispatching thread.
+    using Begin = std::function<void(IpcRound& round)>;
+
+    explicit IpcNotifier(Begin begin);
+    /// Ends all waits, and returns when no other thread waits any more.
+    ~IpcNotifier();
+    IpcNotifier(const IpcNotifier&) = delete;
+    IpcNotifier& operator=(const IpcNotifier&) = delete;
+
+    /// See IDbusServer::SendNotification. Any thread.
+    int Send(int code, int timeoutMs);
+    /// See IDbusServer::CancelNotifications. Any thread.
+    void Cancel();
+
+private:
+    static gboolean BeginWaitingCb(gpointer data);
+    bool OnDispatchThread() const;
+    static void ServeUntilEnded(const IpcRound& round, int timeoutMs);
+    void BeginWaiting();
+
+    const Begin m_begin;
+    const std::thread::id m_home;
+    std::mutex m_mutex;
+    std::condition_variable m_left;
+    // Guarded by m_mutex.
+    bool m_cancelled = false;
+    int m_blockedThreads = 0;
+    int m_nestedWaits = 0;
+    std::set<std::shared_ptr<IpcRound>> m_rounds;
+    std::deque<std::shared_ptr<IpcRound>> m_waiting;
+    const Handle<IpcNotifier> m_handle;
+};
+
+}  // namespace zol::ipc

@@ -1,0 +1,52 @@
+#pragma once
+/// One notification under way.
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "IpcSubscribers.h"
+
+namespace zol::ipc {
+
+/// Asks a number of subscribers at the same time and counts their replies. Begin and the answers run on the
+/// thread that dispatches GLib's default main context, everything else on any thread.
+class IpcRound : public std::enable_shared_from_this<IpcRound> {
+public:
+    explicit IpcRound(int code) : m_code(code), m_cancellable(g_cancellable_new()) {}
+    IpcRound(const IpcRound&) = delete;
+    IpcRound& operator=(const IpcRound&) = delete;
+
+    /// Sends the code to all of `subscribers`. A round that is closed already sends nothing.
+    void Begin(GDBusConnection* connection, const std::vector<Subscriber>& subscribers);
+
+    /// Ends the round: answers that come from now on do not count.
+    void Close();
+
+    /// All have answered, or the round is closed.
+    bool Ended() const;
+
+    /// Blocks until Ended or `timeoutMs` is over (-1: without limit). Not on the dispatching thread.
+    void Wait(int timeoutMs);
+
+    /// Replies so far.
+    int Replies() const;
+
+private:
+    static void AnswerCb(GObject* source, GAsyncResult* result, gpointer data);
+    void Ask(GDBusConnection* connection, const Subscriber& subscriber);
+    void OnAnswer(bool reply);
+    bool EndedLocked() const { return m_closed || (m_begun && m_open == 0); }
+
+    const int m_code;
+    const GCancellablePtr m_cancellable;
+    mutable std::mutex m_mutex;
+    std::condition_variable m_ended;
+    // Guarded by m_mutex.
+    bool m_begun = false;
+    bool m_closed = false;
+    std::size_t m_open = 0;
+    int m_replies = 0;
+};
+
+}  // namespace zol::ipc

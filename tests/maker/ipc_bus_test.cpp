@@ -1,0 +1,265 @@
+/// The IPC and its bus: missing, lost, paused, back again; the name taken and freed; a daemon that restarts.
+#include <gmock/gmock.h>
+
+#include "dlog.h"
+#include "ipc_fixture.h"
+
+namespace {
+
+using EResult = zol::TCDbusClient::EResult;
+using fakes::dlog::Count;
+using fakes::dlog::Has;
+using test::Bytes;
+using test::CallOnce;
+using test::Peer;
+using test::PrivateBus;
+using test::ServeUntil;
+using test::SubscribedClient;
+
+constexpr const char* kName = "org.zol.Daemon1";
+
+class IpcBus : public test::OnPrivateBus {};
+
+class IpcWithoutBus : public test::OnPrivateBus {
+protected:
+    IpcWithoutBus() : OnPrivateBus(PrivateBus::EStart::LATER) {}
+};
+
+TEST_F(IpcWithoutBus, TheServerSaysItOnceAndServesWhenTheBusComes) {
+    zol::TCDbusServer server(false);
+    test::RegisterEcho(server);
+    ASSERT_TRUE(ServeUntil([] { return Has("IPC: cannot reach the bus"); }));
+    test::ServeFor(400);  // two more attempts
+    EXPECT_EQ(Count("IPC: "), 1);
+    EXPECT_EQ(fakes::dlog::Find("IPC: ").priority, DLOG_PRIORITY_ERROR);
+
+    m_bus.Start();
+
+    ASSERT_TRUE(ServeUntil([] { return Has("IPC: serving: org.zol.Daemon1"); }));
+    EXPECT_EQ(fakes::dlog::Find("IPC: serving").priority, DLOG_PRIORITY_INFO);
+    EXPECT_EQ(CallOnce(test::kEcho, {1}).result, EResult::HANDLED);
+}
+
+TEST_F(IpcWithoutBus, TheServerNotifiesNobodyAndGoes) {
+    zol::TCDbusServer server(false);
+
+    EXPECT_EQ(server.SendNotification(5, -1), 0);
+}
+
+TEST_F(IpcWithoutBus, TheClientSaysUnreachable) {
+    zol::TCDbusClient client(false);
+    Bytes reply;
+
+    EXPECT_EQ(client.Call(test::kEcho, {1}, reply, -1), EResult::UNREACHABLE);
+    EXPECT_NE(client.LastError(), "");
+    EXPECT_FALSE(client.Subscribe([](int) { return true; }));
+    EXPECT_NE(client.LastError(), "");
+}
+
+TEST_F(IpcWithoutBus, AClientThatFailedConnectsWhenTheBusIsThere) {
+    zol::TCDbusClient client(false);
+    Bytes reply;
+    ASSERT_EQ(client.Call(test::kEcho, {1}, reply, -1), EResult::UNREACHABLE);
+    m_bus.Start();
+    const auto server = Serving();
+    test::RegisterEcho(*server);
+
+    EResult result = EResult::FAILED;
+    test::ServeWhile([&] { result = client.Call(test::kEcho, {1}, reply, -1); });
+
+    EXPECT_EQ(result, EResult::HANDLED);
+    EXPECT_EQ(client.LastError(), "");
+}
+
+TEST_F(IpcBus, AnAddressThatMakesNoSenseIsLoggedOnceAndTheDaemonComesUp) {
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", "nonsense", 1);
+    zol::TCDbusServer server(false);
+
+    EXPECT_TRUE(ServeUntil([] { return Has("IPC: cannot reach the bus"); }));
+    EXPECT_EQ(Count("IPC: "), 1);
+}
+
+TEST_F(IpcBus, WithoutADaemonTheClientSaysUnreachable) {
+    zol::TCDbusClient client(false);
+    Bytes reply;
+
+    EXPECT_EQ(client.Call(test::kEcho, {1}, reply, -1), EResult::UNREACHABLE);
+    EXPECT_THAT(client.LastError(), testing::HasSubstr(kName));
+    EXPECT_FALSE(client.Subscribe([](int) { return true; }));
+}
+
+TEST_F(IpcBus, ABusThatGoesAndComesBackIsLoggedOnceEachAndServedAgain) {
+    const auto server = Serving();
+    test::RegisterEcho(*server);
+    fakes::dlog::Clear();
+
+    m_bus.Stop();
+    ASSERT_TRUE(ServeUntil([] { return Has("IPC: lost the bus"); }));
+    test::ServeFor(400);  // attempts that fail stay silent
+    EXPECT_EQ(Count("IPC: "), 1);
+    m_bus.Start();
+    ASSERT_TRUE(ServeUntil([] { return Has("IPC: serving"); }));
+
+    EXPECT_EQ(Count("IPC: "), 2);
+    EXPECT_EQ(CallOnce(test::kEcho, {1}).result, EResult::HANDLED);
+}
+
+TEST_F(IpcBus, SubscribersOfALostBusAreForgottenAndTheWaitForThemEnds) {
+    const auto server = Serving();
+    Peer hanging;
+    ASSERT_EQ(hanging.SubscribeAndHang("/a"), "");
+    test::After(0, [this] { m_bus.Stop(); });
+
+    EXPECT_EQ(server->SendNotification(5, -1), 0);
+    EXPECT_TRUE(ServeUntil([] { return Has("IPC: lost the bus"); }));
+    EXPECT_EQ(server->SendNotification(5, -1), 0);
+}
+
+TEST_F(IpcBus, SubscribersOfALostBusTakeNoRoomFromThoseOfTheNext) {
+    const auto server = Serving();
+    std::vector<std::unique_ptr<Peer>> peers;
+    for (int i = 0; i < 16; ++i) {
+        peers.push_back(std::make_unique<Peer>());
+        for (const char* path : {"/a", "/b", "/c", "/d"}) {
+            ASSERT_EQ(peers.back()->SubscribeAndReply(path), "");
+        }
+    }
+
+    m_bus.Stop();
+    ASSERT_TRUE(ServeUntil([] { return Has("IPC: lost the bus"); }));
+    m_bus.Start();
+    ASSERT_TRUE(ServeUntil([] { return Count("IPC: serving") == 2; }));
+
+    Peer newcomer;
+    EXPECT_EQ(newcomer.SubscribeAndReply("/a"), "");
+    EXPECT_EQ(server->SendNotification(5, -1), 1);
+}
+
+TEST_F(IpcBus, AClientSurvivesItsBus) {
+    const auto server = Serving();
+    test::RegisterEcho(*server);
+    zol::TCDbusClient client(false);
+    Bytes reply;
+    EResult result = EResult::FAILED;
+    const auto call = [&] { test::ServeWhile([&] { result = client.Call(4, {1}, reply, -1); }); };
+    call();
+    ASSERT_EQ(result, EResult::HANDLED);
+
+    m_bus.Stop();
+    ASSERT_TRUE(ServeUntil([] { return Has("IPC: lost the bus"); }));
+    call();
+    EXPECT_EQ(result, EResult::UNREACHABLE);
+    m_bus.Start();
+    ASSERT_TRUE(ServeUntil([] { return Count("IPC: serving") == 2; }));
+    call();
+
+    EXPECT_EQ(result, EResult::HANDLED);
+}
+
+TEST_F(IpcBus, ASubscriberSubscribesAgainWhenTheDaemonRestarts) {
+    auto server = Serving();
+    SubscribedClient client([](int) { return true; });
+    ASSERT_TRUE(client.Subscribed());
+    ASSERT_EQ(server->SendNotification(5, -1), 1);
+
+    server.reset();
+    server = Serving();
+
+    EXPECT_TRUE(ServeUntil([&] { return server->SendNotification(5, -1) == 1; }));
+}
+
+TEST_F(IpcBus, ASubscriberSubscribesAgainWhenTheBusRestarts) {
+    const auto server = Serving();
+    SubscribedClient client([](int) { return true; });
+    ASSERT_TRUE(client.Subscribed());
+
+    m_bus.Stop();
+    ASSERT_TRUE(ServeUntil([] { return Has("IPC: lost the bus"); }));
+    m_bus.Start();
+
+    EXPECT_TRUE(ServeUntil([&] { return server->SendNotification(5, -1) == 1; }));
+}
+
+TEST_F(IpcBus, ANameThatIsTakenIsLoggedOnceAndServedWhenItIsFreed) {
+    Peer squatter;
+    ASSERT_TRUE(squatter.OwnName(kName));
+    zol::TCDbusServer server(false);
+    test::RegisterEcho(server);
+    ASSERT_TRUE(ServeUntil([] { return Has("IPC: the name is taken"); }));
+    EXPECT_EQ(Count("IPC: "), 1);
+    EXPECT_EQ(fakes::dlog::Find("IPC: ").priority, DLOG_PRIORITY_ERROR);
+
+    squatter.ReleaseName(kName);
+
+    ASSERT_TRUE(ServeUntil([] { return Has("IPC: serving"); }));
+    EXPECT_EQ(Count("IPC: "), 2);
+    EXPECT_EQ(CallOnce(test::kEcho, {1}).result, EResult::HANDLED);
+}
+
+TEST_F(IpcBus, TheNameIsFreeOnceTheServerIsGone) {
+    Serving();
+    Peer successor;
+
+    EXPECT_TRUE(ServeUntil([&] { return successor.OwnName(kName); }));
+}
+
+TEST_F(IpcBus, APausedBusHoldsUpNeitherTheServerNorTheClient) {
+    m_bus.Pause();
+    {
+        zol::TCDbusServer server(false);
+        test::ServeFor(20);
+        zol::TCDbusClient client(false);
+        Bytes reply;
+        EXPECT_EQ(client.Call(test::kEcho, {1}, reply, 50), EResult::UNREACHABLE);
+        EXPECT_NE(client.LastError(), "");
+    }
+    m_bus.Resume();
+    test::ServeFor(20);
+
+    const auto server = Serving();
+    test::RegisterEcho(*server);
+    EXPECT_EQ(CallOnce(test::kEcho, {1}).result, EResult::HANDLED);
+}
+
+TEST_F(IpcBus, AServerGoesInTimeFromABusThatStoppedReading) {
+    auto server = Serving();
+    m_bus.Pause();
+
+    server.reset();
+
+    m_bus.Resume();
+    Peer successor;
+    EXPECT_TRUE(ServeUntil([&] { return successor.OwnName(kName); }));
+}
+
+TEST_F(IpcBus, AServerThatGoesWhileItConnectsLeavesNothingBehind) {
+    { const zol::TCDbusServer server(false); }
+    test::ServeFor(20);
+
+    EXPECT_EQ(Count("IPC: "), 0);
+    Peer successor;
+    EXPECT_TRUE(successor.OwnName(kName));
+}
+
+TEST_F(IpcBus, ACallThatIsStillWaitingWhenTheServerGoesIsAnsweredWithAnError) {
+    auto server = Serving();
+    test::RegisterEcho(*server);
+    EResult result = EResult::HANDLED;
+    std::atomic<bool> asked{false};
+    std::thread caller([&] {
+        zol::TCDbusClient client(false);
+        Bytes reply;
+        asked = true;
+        result = client.Call(test::kEcho, {1}, reply, -1);
+    });
+    while (!asked) {
+        std::this_thread::yield();
+    }
+
+    server.reset();  // without serving: the call is on its way or queued
+    test::ServeWhile([&] { caller.join(); });
+
+    EXPECT_NE(result, EResult::HANDLED);
+}
+
+}  // namespace

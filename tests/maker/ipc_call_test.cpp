@@ -1,0 +1,228 @@
+/// Calls of the IPC, through the real client class, the real server and a real bus.
+#include <gmock/gmock.h>
+
+#include <stdexcept>
+
+#include "dlog.h"
+#include "ipc_fixture.h"
+
+namespace {
+
+using EResult = zol::TCDbusClient::EResult;
+using test::Bytes;
+using test::CallOnce;
+using test::Outcome;
+using testing::HasSubstr;
+
+constexpr std::size_t kMiB = std::size_t{1024} * 1024;
+
+class IpcCall : public test::OnPrivateBus {
+protected:
+    IpcCall() : m_server(Serving()) { test::RegisterEcho(*m_server); }
+
+    std::unique_ptr<zol::TCDbusServer> m_server;
+};
+
+GVariant* Arguments(int code, std::size_t size) {
+    const Bytes bytes(size, 1);
+    return g_variant_new("(i@ay)", code,
+                         g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, bytes.data(), bytes.size(), 1));
+}
+
+TEST_F(IpcCall, AHandledCallCarriesItsBytesBothWays) {
+    const Bytes request = {0, 1, 255, 0, 7};
+
+    const Outcome outcome = CallOnce(test::kEcho, request);
+
+    EXPECT_EQ(outcome.result, EResult::HANDLED);
+    EXPECT_EQ(outcome.reply, request);
+    EXPECT_EQ(outcome.error, "");
+}
+
+TEST_F(IpcCall, AnEmptyRequestReachesTheHandler) {
+    const Outcome outcome = CallOnce(test::kEcho, {});
+
+    EXPECT_EQ(outcome.result, EResult::HANDLED);
+    EXPECT_TRUE(outcome.reply.empty());
+}
+
+TEST_F(IpcCall, ARequestOfAMebibyteArrivesWhole) {
+    Bytes request(kMiB);
+    for (std::size_t i = 0; i < request.size(); ++i) {
+        request[i] = static_cast<unsigned char>(i * 31 + i / 256);
+    }
+
+    const Outcome outcome = CallOnce(test::kEcho, request);
+
+    EXPECT_EQ(outcome.result, EResult::HANDLED);
+    EXPECT_EQ(outcome.reply, request);
+}
+
+TEST_F(IpcCall, AFunctionCodeWithoutHandlerIsRefused) {
+    const Outcome outcome = CallOnce(5, {1, 2, 3});
+
+    EXPECT_EQ(outcome.result, EResult::REFUSED);
+    EXPECT_TRUE(outcome.reply.empty());
+    EXPECT_THAT(outcome.error, HasSubstr("function code 5"));
+}
+
+TEST_F(IpcCall, ARefusingHandlerLosesItsReply) {
+    m_server->RegisterNativeCall(9, [](const Bytes&, Bytes& out) {
+        out = {1, 2, 3};
+        return false;
+    });
+
+    const Outcome outcome = CallOnce(9, {1});
+
+    EXPECT_EQ(outcome.result, EResult::REFUSED);
+    EXPECT_TRUE(outcome.reply.empty());
+}
+
+TEST_F(IpcCall, AnEmptyHandlerRefuses) {
+    m_server->RegisterNativeCall(test::kEcho, nullptr);
+
+    EXPECT_EQ(CallOnce(test::kEcho, {1}).result, EResult::REFUSED);
+}
+
+TEST_F(IpcCall, ALaterHandlerReplacesAnEarlierOne) {
+    m_server->RegisterNativeCall(test::kEcho, [](const Bytes&, Bytes& out) {
+        out = {42};
+        return true;
+    });
+
+    EXPECT_EQ(CallOnce(test::kEcho, {1}).reply, Bytes{42});
+}
+
+TEST_F(IpcCall, HandlersMayBeRegisteredFromAnyThreadWhileCallsRun) {
+    std::atomic<bool> stop{false};
+    std::thread registrar([&] {
+        for (int code = 100; !stop; code = code < 200 ? code + 1 : 100) {
+            m_server->RegisterNativeCall(code, [](const Bytes&, Bytes&) { return true; });
+        }
+    });
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_EQ(CallOnce(test::kEcho, {1}).result, EResult::HANDLED);
+    }
+    stop = true;
+    registrar.join();
+}
+
+TEST_F(IpcCall, TheRequestLimitItselfIsStillServed) {
+    m_server->RegisterNativeCall(9, [](const Bytes& in, Bytes& out) {
+        out = {static_cast<unsigned char>(in.size() == 16 * kMiB)};
+        return true;
+    });
+
+    EXPECT_EQ(CallOnce(9, Bytes(16 * kMiB)).reply, Bytes{1});
+}
+
+TEST_F(IpcCall, AByteOverTheLimitIsRefusedByTheServer) {
+    test::Peer peer;
+    bool reached = false;
+    m_server->RegisterNativeCall(9, [&](const Bytes&, Bytes&) { return reached = true; });
+
+    EXPECT_EQ(peer.Call("Call", Arguments(9, 16 * kMiB + 1)), "org.zol.Error.TooLarge");
+    EXPECT_FALSE(reached);
+    EXPECT_EQ(peer.Call("Call", Arguments(9, 3)), "");
+    EXPECT_TRUE(reached);
+}
+
+TEST_F(IpcCall, AByteOverTheLimitIsRefusedByTheClientBeforeTheBusCutsItOff) {
+    const Outcome outcome = CallOnce(test::kEcho, Bytes(16 * kMiB + 1));
+
+    EXPECT_EQ(outcome.result, EResult::FAILED);
+    EXPECT_THAT(outcome.error, HasSubstr("org.zol.Error.TooLarge"));
+}
+
+TEST_F(IpcCall, AReplyOverTheLimitBecomesAnError) {
+    m_server->RegisterNativeCall(9, [](const Bytes&, Bytes& out) {
+        out.resize(16 * kMiB + 1);
+        return true;
+    });
+
+    const Outcome outcome = CallOnce(9, {1});
+
+    EXPECT_EQ(outcome.result, EResult::FAILED);
+    EXPECT_THAT(outcome.error, HasSubstr("org.zol.Error.TooLarge"));
+}
+
+TEST_F(IpcCall, AnExceptionBecomesAnErrorAndOneLogLineAndTheServerLivesOn) {
+    m_server->RegisterNativeCall(
+        9, [](const Bytes&, Bytes&) -> bool { throw std::runtime_error("input stream error"); });
+
+    const Outcome outcome = CallOnce(9, {1});
+
+    EXPECT_EQ(outcome.result, EResult::FAILED);
+    EXPECT_EQ(outcome.error, "org.zol.Error.Failed: input stream error");
+    EXPECT_EQ(fakes::dlog::Count("the handler of function code 9 failed: input stream error"), 1);
+    const fakes::LogLine line = fakes::dlog::Find("the handler of function code 9");
+    EXPECT_EQ(line.priority, DLOG_PRIORITY_ERROR);
+    EXPECT_EQ(line.buffer, DLOG_BUFFER_MAIN);
+    EXPECT_EQ(line.tag, "ZOLMAKER");
+    EXPECT_EQ(CallOnce(test::kEcho, {1}).result, EResult::HANDLED);
+}
+
+TEST_F(IpcCall, AnExceptionOfAnyTypeIsCaught) {
+    m_server->RegisterNativeCall(9, [](const Bytes&, Bytes&) -> bool { throw 17; });
+
+    const Outcome outcome = CallOnce(9, {1});
+
+    EXPECT_EQ(outcome.result, EResult::FAILED);
+    EXPECT_THAT(outcome.error, HasSubstr("org.zol.Error.Failed"));
+    EXPECT_EQ(CallOnce(test::kEcho, {1}).result, EResult::HANDLED);
+}
+
+TEST_F(IpcCall, AnExceptionTextThatIsNotUtf8StillReachesTheCaller) {
+    m_server->RegisterNativeCall(
+        9, [](const Bytes&, Bytes&) -> bool { throw std::runtime_error("x\xff\xfey"); });
+
+    const Outcome outcome = CallOnce(9, {1});
+
+    EXPECT_EQ(outcome.result, EResult::FAILED);
+    EXPECT_THAT(outcome.error, HasSubstr("org.zol.Error.Failed: x"));
+}
+
+TEST_F(IpcCall, ACallWithTheWrongTypesIsRefusedByTheBusLayer) {
+    test::Peer peer;
+
+    EXPECT_EQ(peer.Call("Call", g_variant_new("(s)", "policy")), "org.freedesktop.DBus.Error.InvalidArgs");
+    EXPECT_EQ(peer.Call("Subscribe", g_variant_new("(s)", "no path")),
+              "org.freedesktop.DBus.Error.InvalidArgs");
+    EXPECT_EQ(peer.Call("Destroy", nullptr), "org.freedesktop.DBus.Error.UnknownMethod");
+}
+
+TEST_F(IpcCall, AHandlerThatServesTheMainContextServesOtherCallsMeanwhile) {
+    m_server->RegisterNativeCall(9, [](const Bytes&, Bytes& out) {
+        const Outcome inner = CallOnce(test::kEcho, {3});
+        out = inner.reply;
+        return inner.result == EResult::HANDLED;
+    });
+
+    const Outcome outcome = CallOnce(9, {1});
+
+    EXPECT_EQ(outcome.result, EResult::HANDLED);
+    EXPECT_EQ(outcome.reply, Bytes{3});
+}
+
+TEST_F(IpcCall, ACallThatIsNotAnsweredInTimeIsUnreachable) {
+    Bytes reply;
+    zol::TCDbusClient client(false);
+
+    // Nobody serves the main context.
+    EXPECT_EQ(client.Call(test::kEcho, {1}, reply, 50), EResult::UNREACHABLE);
+
+    EXPECT_NE(client.LastError(), "");
+}
+
+TEST_F(IpcCall, OneClientMakesManyCalls) {
+    test::ServeWhile([] {
+        zol::TCDbusClient client(false);
+        for (unsigned char i = 0; i < 50; ++i) {
+            Bytes reply = {9, 9, 9};
+            EXPECT_EQ(client.Call(test::kEcho, {i}, reply, -1), EResult::HANDLED);
+            EXPECT_EQ(reply, Bytes{i});
+        }
+    });
+}
+
+}  // namespace
