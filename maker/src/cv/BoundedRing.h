@@ -1,0 +1,79 @@
+#pragma once
+/// The newest entries of a stream, in memory that never grows.
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <vector>
+
+namespace cv {
+
+/// Entries have positions that count up from 0 for ever. Any thread.
+template <class T>
+class BoundedRing {
+public:
+    explicit BoundedRing(std::size_t capacity) : m_capacity(capacity) {}
+
+    /// Takes the memory; may throw std::bad_alloc. Entries that come before it are lost and counted.
+    void Allocate() {
+        const Lock lock(m_mutex);
+        m_entries.resize(m_capacity);
+    }
+
+    void Push(const T& entry) {
+        const Lock lock(m_mutex);
+        if (m_entries.empty()) {
+            ++m_lost;
+            return;
+        }
+        if (m_end - m_begin == m_capacity) {
+            ++m_begin;
+            ++m_lost;
+        }
+        m_entries[static_cast<std::size_t>(m_end++ % m_capacity)] = entry;
+    }
+
+    /// A copy, oldest first; may throw std::bad_alloc. In `end`, unless it is null, the position behind the
+    /// newest entry.
+    std::vector<T> Items(std::uint64_t* end) const {
+        const Lock lock(m_mutex);
+        std::vector<T> items;
+        items.reserve(static_cast<std::size_t>(m_end - m_begin));
+        for (std::uint64_t position = m_begin; position != m_end; ++position) {
+            items.push_back(m_entries[static_cast<std::size_t>(position % m_capacity)]);
+        }
+        if (end != nullptr) {
+            *end = m_end;
+        }
+        return items;
+    }
+
+    void DiscardBefore(std::uint64_t end) {
+        const Lock lock(m_mutex);
+        m_begin = std::clamp(end, m_begin, m_end);
+    }
+
+    void Clear() {
+        const Lock lock(m_mutex);
+        m_begin = m_end;
+        m_lost = 0;
+    }
+
+    /// Entries that newer ones have replaced since the beginning or Clear.
+    std::uint64_t Lost() const {
+        const Lock lock(m_mutex);
+        return m_lost;
+    }
+
+private:
+    using Lock = std::lock_guard<std::mutex>;
+
+    const std::size_t m_capacity;
+    mutable std::mutex m_mutex;  // guards all below
+    std::vector<T> m_entries;
+    std::uint64_t m_begin = 0;
+    std::uint64_t m_end = 0;
+    std::uint64_t m_lost = 0;
+};
+
+}  // namespace cv

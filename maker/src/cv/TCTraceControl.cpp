@@ -1,0 +1,93 @@
+#include "cv/TCTraceControl.h"
+
+#include <exception>
+
+#include "../MakerLog.h"
+#include "../WholeFile.h"
+#include "TSFileSystem.h"
+#include "TraceJson.h"
+#include "cv/TCScopeHandler.h"
+#include "cv/TCTrapPattern.h"
+#include "platform_clock.h"
+
+namespace cv {
+namespace {
+
+constexpr mode_t kFileMode = 0644;  // testers copy it as any user
+
+/// Everything recorded up to one moment.
+struct Snapshot {
+    TSDump dump;
+    std::uint64_t eventsEnd = 0;
+    std::uint64_t matchesEnd = 0;
+};
+
+Snapshot Take(bool withTraps) {
+    Snapshot snapshot;
+    TSDump& dump = snapshot.dump;
+    dump.events = TCScopeHandler::Instance().Events(&snapshot.eventsEnd);
+    dump.overwritten = TCScopeHandler::Instance().Overwritten();
+    if (withTraps) {
+        dump.matches = TCTrapPattern::Instance().Items(&snapshot.matchesEnd);
+        dump.dropped = TCTrapPattern::Instance().Dropped();
+    }
+    timespec now{};
+    platform_clock_realtime(&now);
+    dump.wallSeconds = now.tv_sec;
+    dump.steadyNs = platform_clock_steady_ns();
+    return snapshot;
+}
+
+bool WriteInto(const std::string& folder, const std::string& text) {
+    const std::string path =
+        folder + (folder.empty() || folder.back() != '/' ? "/" : "") + TCTraceControl::DUMP_NAME;
+    if (!TSFileSystem::MakeDir(folder, true) || !maker::WriteWholeFile(path, text, kFileMode)) {
+        MAKER_ERROR("the trace dump cannot be saved in %s", folder.c_str());
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool TCTraceControl::IsActive() const {
+    return TCScopeHandler::IsActive();
+}
+
+bool TCTraceControl::SetActive(bool active) {
+    return TCScopeHandler::Instance().SetActive(active);
+}
+
+int TCTraceControl::Reload() {
+    return TCScopeHandler::Instance().Reload();
+}
+
+bool TCTraceControl::SaveDump(const std::string& sourceFolder, const std::string& destinationFolder,
+                              int withTraps, int clear) {
+    const std::lock_guard<std::mutex> lock(m_dumpMutex);
+    try {
+        const Snapshot snapshot = Take(withTraps != 0);
+        const std::string text = TraceJson(snapshot.dump);
+        if (!WriteInto(sourceFolder, text) || !WriteInto(destinationFolder, text)) {
+            return false;
+        }
+        if (clear != 0) {
+            TCScopeHandler::Instance().DiscardBefore(snapshot.eventsEnd);
+            TCTrapPattern::Instance().DiscardBefore(snapshot.matchesEnd);
+        }
+        return true;
+    } catch (const std::exception& error) {
+        MAKER_ERROR("the trace dump cannot be saved: %s", error.what());
+        return false;
+    }
+}
+
+namespace api {
+
+TCTraceControl* GetControl() {
+    static auto* control = new TCTraceControl;
+    return control;
+}
+
+}  // namespace api
+}  // namespace cv

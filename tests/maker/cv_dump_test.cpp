@@ -1,0 +1,291 @@
+#include <gmock/gmock.h>
+#include <json/json.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "cv_fixture.h"
+#include "fake_clock.h"
+#include "fake_dlog.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using cv::TSCallItemHelper;
+
+constexpr const char* kSource = ZOL_PATH_TRACE_DUMP;
+constexpr const char* kSourceFile = ZOL_PATH_TRACE_DUMP "trace.json";
+constexpr const char* kStick = "/media/usb/dumpCV/";
+constexpr const char* kStickFile = "/media/usb/dumpCV/trace.json";
+constexpr uid_t kOther = 65534;
+
+void Work(std::string_view text) {
+    CV_TRACE_SCOPE(scope);
+    TSCallItemHelper::StoreText(scope, text);
+    TSCallItemHelper::StoreFixed(scope, std::int32_t{-3});
+    TSCallItemHelper::StoreFixed(scope, std::uint64_t{18446744073709551615U});
+    fakes::clock::Advance(std::chrono::microseconds(40));
+}
+
+class Dump : public CvFixture {
+protected:
+    Dump() {
+        chmod((fakes::Root() + "/tmp").c_str(), 01777);
+        Handler().SetActive(true);
+    }
+
+    static bool Save(int withTraps = 1, int clear = 1) {
+        return cv::api::GetControl()->SaveDump(kSource, kStick, withTraps, clear);
+    }
+    static Json::Value Parse(const std::string& path) {
+        Json::CharReaderBuilder builder;
+        builder["strictRoot"] = true;
+        builder["allowComments"] = false;
+        builder["failIfExtra"] = true;
+        const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+        const std::string text = fakes::ReadDeviceFile(path);
+        Json::Value document;
+        std::string errors;
+        EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &document, &errors)) << errors;
+        return document;
+    }
+    /// The entries of one phase.
+    static std::vector<Json::Value> Entries(const std::string& phase) {
+        std::vector<Json::Value> found;
+        const Json::Value document = Parse(kStickFile);
+        for (const Json::Value& entry : document["traceEvents"]) {
+            if (entry["ph"] == phase) {
+                found.push_back(entry);
+            }
+        }
+        return found;
+    }
+    static std::string Host(const std::string& path) { return fakes::Root() + path; }
+};
+
+TEST_F(Dump, IsTheSameFileInBothFolders) {
+    Work("text");
+
+    EXPECT_TRUE(Save());
+
+    EXPECT_FALSE(fakes::ReadDeviceFile(kSourceFile).empty());
+    EXPECT_EQ(fakes::ReadDeviceFile(kSourceFile), fakes::ReadDeviceFile(kStickFile));
+    EXPECT_TRUE(fakes::dlog::Lines().empty());
+}
+
+TEST_F(Dump, AScopeIsACompleteEventWithItsItemsAsArguments) {
+    Work("text");
+    ASSERT_TRUE(Save());
+
+    const std::vector<Json::Value> events = Entries("X");
+    ASSERT_EQ(events.size(), 1U);
+    EXPECT_EQ(events[0]["name"], "Work");
+    EXPECT_EQ(events[0]["dur"].asUInt64(), 40U);
+    EXPECT_TRUE(events[0]["ts"].isUInt64());
+    EXPECT_EQ(events[0]["pid"], getpid());
+    EXPECT_TRUE(events[0]["tid"].isInt());
+    EXPECT_EQ(events[0]["args"]["item0"], "text");
+    EXPECT_EQ(events[0]["args"]["item1"], -3);
+    EXPECT_EQ(events[0]["args"]["item2"].asUInt64(), 18446744073709551615U);
+    EXPECT_THAT(events[0]["args"]["file"].asString(), testing::EndsWith("cv_dump_test.cpp"));
+}
+
+TEST_F(Dump, TextThatIsNoJsonIsEscaped) {
+    const std::string text = std::string("\"\\</script>\n\x01 \xc3\xa9") + '\0' + "end";
+    Work(text);
+    ASSERT_TRUE(Save());
+
+    EXPECT_EQ(Entries("X").at(0)["args"]["item0"].asString(), text);
+}
+
+TEST_F(Dump, BytesThatAreNoTextDoNotSpoilTheFile) {
+    Work("\xff\xfe broken \xc3");
+    Work(std::string(400, '\xe2'));
+    ASSERT_TRUE(Save());
+
+    ASSERT_EQ(Entries("X").size(), 2U);
+    EXPECT_THAT(Entries("X")[0]["args"]["item0"].asString(), testing::HasSubstr(" broken "));
+    EXPECT_EQ(Entries("X")[1]["args"]["item0_cut"], true);
+}
+
+TEST_F(Dump, AnEmptyRecordingIsAFileThatOpens) {
+    ASSERT_TRUE(Save());
+
+    EXPECT_TRUE(Entries("X").empty());
+    ASSERT_EQ(Entries("M").size(), 1U);
+    EXPECT_EQ(Entries("M")[0]["args"]["name"], "zol");
+}
+
+TEST_F(Dump, TheFileSaysWhatItLacksAndWhenItWasMade) {
+    for (std::size_t i = 0; i < cv::TCScopeHandler::MAX_EVENTS + 5; ++i) {
+        Work("x");
+    }
+    fakes::clock::SetWall(1700000123);
+    ASSERT_TRUE(Save());
+
+    const Json::Value other = Parse(kStickFile)["otherData"];
+    EXPECT_EQ(other["events_overwritten"], 5);
+    EXPECT_EQ(other["wall_clock_s"].asInt64(), 1700000123);
+}
+
+TEST_F(Dump, MatchedTrapsAreMarksWhenTheyAreAskedFor) {
+    LoadTraps("found cv_dump_test:Work 0 text == needle\n");
+    Work("needle");
+
+    ASSERT_TRUE(Save(0, 0));
+    EXPECT_TRUE(Entries("i").empty());
+
+    ASSERT_TRUE(Save(1, 0));
+    ASSERT_EQ(Entries("i").size(), 1U);
+    EXPECT_EQ(Entries("i")[0]["name"], "found");
+    EXPECT_EQ(Entries("i")[0]["s"], "t");
+    EXPECT_EQ(Entries("i")[0]["args"]["value"], "needle");
+    EXPECT_EQ(Entries("i")[0]["args"]["function"], "Work");
+}
+
+TEST_F(Dump, TheRecordingIsEmptiedOnlyWhenThatIsAskedForAndBothFilesAreWritten) {
+    LoadTraps("found cv_dump_test:Work 0 text == needle\n");
+    Work("needle");
+
+    ASSERT_TRUE(Save(1, 0));
+    EXPECT_EQ(Events().size(), 1U);
+    EXPECT_EQ(Matches().size(), 1U);
+
+    fs::remove_all(Host("/media"));
+    fakes::WriteDeviceFile("/media", "in the way");
+    ASSERT_FALSE(Save(1, 1));
+    EXPECT_EQ(Events().size(), 1U);
+
+    fs::remove(Host("/media"));
+    ASSERT_TRUE(Save(1, 1));
+    EXPECT_TRUE(Events().empty());
+    EXPECT_TRUE(Matches().empty());
+}
+
+TEST_F(Dump, TrapsThatWereNotSavedAreNotEmptied) {
+    LoadTraps("found cv_dump_test:Work 0 text == needle\n");
+    Work("needle");
+
+    ASSERT_TRUE(Save(0, 1));
+
+    EXPECT_TRUE(Events().empty());
+    EXPECT_EQ(Matches().size(), 1U);
+}
+
+TEST_F(Dump, FoldersThatExistAreUsedAndAnEarlierDumpIsReplaced) {
+    fakes::WriteDeviceFile(kStickFile, std::string(100000, 'x'));
+    fakes::WriteDeviceFile("/media/usb/dumpCV/other", "stays");
+    fakes::WriteDeviceFile(kSourceFile, "old");
+    Work("new");
+
+    EXPECT_TRUE(Save());
+
+    EXPECT_EQ(Entries("X").size(), 1U);
+    EXPECT_EQ(fakes::ReadDeviceFile("/media/usb/dumpCV/other"), "stays");
+}
+
+TEST_F(Dump, ADestinationThatIsALinkIsRefusedAndLogged) {
+    fakes::MakeDeviceFolder("/media/usb");
+    fakes::MakeDeviceFolder("/etc/target");
+    fs::create_directory_symlink(Host("/etc/target"), Host("/media/usb/dumpCV"));
+
+    EXPECT_FALSE(Save());
+
+    EXPECT_TRUE(fs::is_empty(Host("/etc/target")));
+    EXPECT_TRUE(fakes::dlog::Has("\"dumpCV\" is a link"));
+    EXPECT_TRUE(fakes::dlog::Has(std::string("the trace dump cannot be saved in ") + kStick));
+}
+
+TEST_F(Dump, ASourceThatIsALinkIsRefusedBeforeAnythingIsWritten) {
+    fakes::MakeDeviceFolder("/etc/target");
+    fs::create_directory_symlink(Host("/etc/target"), Host("/tmp/zol"));
+
+    EXPECT_FALSE(Save());
+
+    EXPECT_TRUE(fs::is_empty(Host("/etc/target")));
+    EXPECT_FALSE(fs::exists(Host("/media")));
+}
+
+TEST_F(Dump, AFileInTheFolderThatIsALinkIsReplacedAndNotFollowed) {
+    fakes::WriteDeviceFile("/etc/precious", "keep");
+    fakes::MakeDeviceFolder(kStick);
+    fs::create_symlink(Host("/etc/precious"), Host(kStickFile));
+    fs::create_symlink(Host("/etc/precious"), Host(kStickFile) + ".part");
+
+    EXPECT_TRUE(Save());
+
+    EXPECT_EQ(fakes::ReadDeviceFile("/etc/precious"), "keep");
+    EXPECT_FALSE(fs::is_symlink(Host(kStickFile)));
+}
+
+TEST_F(Dump, ADestinationThatCannotBeWrittenIsLoggedAndLeavesNoPartBehind) {
+    fakes::MakeDeviceFolder(kStickFile);
+
+    EXPECT_FALSE(Save());
+
+    EXPECT_TRUE(fakes::dlog::Has(std::string("cannot write ") + kStickFile));
+    EXPECT_FALSE(fs::exists(Host(kStickFile) + ".part"));
+    EXPECT_TRUE(fs::exists(Host(kSourceFile)));
+}
+
+TEST_F(Dump, AFolderWithoutPermissionIsLogged) {
+    fakes::MakeDeviceFolder(kStick);
+    fs::permissions(Host(kStick), fs::perms(0555));
+    const bool root = geteuid() == 0;
+    if (root) {
+        // Root may write everywhere, so this is somebody else's attempt.
+        chmod(fakes::Root().c_str(), 0755);
+        ASSERT_EQ(seteuid(kOther), 0);
+    }
+    const bool saved = Save();
+    if (root) {
+        ASSERT_EQ(seteuid(0), 0);
+    }
+
+    EXPECT_FALSE(saved);
+    EXPECT_TRUE(fakes::dlog::Has(std::string("the trace dump cannot be saved in ") + kStick));
+    fs::permissions(Host(kStick), fs::perms(0755));
+}
+
+TEST_F(Dump, DumpsAreSavedWhileOthersRecordAndSave) {
+    std::thread recorder([] {
+        for (int i = 0; i < 300; ++i) {
+            Work("text");
+        }
+    });
+    std::thread saver([] {
+        for (int i = 0; i < 5; ++i) {
+            EXPECT_TRUE(Save(1, 1));
+        }
+    });
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_TRUE(Save(1, 0));
+    }
+    recorder.join();
+    saver.join();
+    ASSERT_TRUE(Save(1, 1));
+
+    Parse(kStickFile);
+    EXPECT_TRUE(Events().empty());
+}
+
+TEST_F(Dump, TheControlSwitchesTracing) {
+    cv::TCTraceControl* control = cv::api::GetControl();
+    ASSERT_NE(control, nullptr);
+    EXPECT_EQ(control, cv::api::GetControl());
+
+    EXPECT_TRUE(control->SetActive(false));
+    EXPECT_FALSE(control->IsActive());
+    Work("unseen");
+    EXPECT_TRUE(Events().empty());
+    EXPECT_TRUE(control->SetActive(true));
+    EXPECT_TRUE(control->IsActive());
+    EXPECT_EQ(control->Reload(), 0);
+    EXPECT_FALSE(control->IsActive());
+}
+
+}  // namespace
