@@ -1,0 +1,409 @@
+#include "ZOLPolicyParser.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "dlog.h"
+#include "fake_dlog.h"
+#include "fakes.h"
+
+namespace {
+
+using zol::TCPolicyParser;
+using zol::ZOLPolicy;
+
+const char* const kExample =
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+    "<zolitem numofzol=\"1\">\n"
+    "  <zol_expired_time time=\"2592000\"/>\n"
+    "  <zols key=\"db/menu/picture/backlight\" condition=\"BETWEEN\" type=\"INT\" greater=\"5\" "
+    "less=\"15\"/>\n"
+    "  <monitor kind=\"3\" name=\"remote\" method=\"31\" duration=\"10\" repetition=\"5\"/>\n"
+    "  <monitor kind=\"1\" id=\"org.kaldo.example\" name=\"Example\" method=\"11\" duration=\"60\" "
+    "repetition=\"3\" reserve1=\"null\"/>\n"
+    "</zolitem>\n";
+
+class PolicyParser : public testing::Test {
+protected:
+    PolicyParser() { fakes::Reset(); }
+
+    /// Parses into a fresh policy and expects success.
+    ZOLPolicy Parse(const std::string& xml) {
+        ZOLPolicy policy;
+        EXPECT_TRUE(m_parser.Parse(xml, policy)) << xml.substr(0, 200);
+        return policy;
+    }
+    void ExpectRefused(const std::string& xml, const std::string& reason) {
+        ZOLPolicy policy;
+        EXPECT_FALSE(m_parser.Parse(xml, policy));
+        EXPECT_TRUE(fakes::dlog::Has(reason)) << reason;
+        EXPECT_EQ(fakes::dlog::Find(reason).priority, DLOG_PRIORITY_ERROR);
+        EXPECT_EQ(fakes::dlog::Count("Parsing failed."), 1);
+    }
+
+    TCPolicyParser m_parser;
+};
+
+TEST_F(PolicyParser, ReadsEveryAttributeOfTheExample) {
+    const ZOLPolicy policy = Parse(kExample);
+
+    EXPECT_EQ(policy.version, -1);
+    EXPECT_EQ(policy.numOfZol, 1);
+    EXPECT_EQ(policy.expiredTime, 2592000U);
+    EXPECT_EQ(policy.text, "");
+    ASSERT_EQ(policy.vconfMonitors.size(), 1U);
+    EXPECT_EQ(policy.vconfMonitors[0].key, "db/menu/picture/backlight");
+    EXPECT_EQ(policy.vconfMonitors[0].condition, "BETWEEN");
+    EXPECT_EQ(policy.vconfMonitors[0].type, "INT");
+    EXPECT_EQ(policy.vconfMonitors[0].greater, 5);
+    EXPECT_EQ(policy.vconfMonitors[0].less, 15);
+    ASSERT_EQ(policy.policyMonitors.size(), 2U);
+    EXPECT_EQ(policy.policyMonitors[0].type, 3);
+    EXPECT_EQ(policy.policyMonitors[0].name, "remote");
+    EXPECT_EQ(policy.policyMonitors[0].method, 31);
+    EXPECT_EQ(policy.policyMonitors[1].id, "org.kaldo.example");
+    EXPECT_EQ(policy.policyMonitors[1].duration, 60);
+    EXPECT_EQ(policy.policyMonitors[1].repetition, 3);
+}
+
+TEST_F(PolicyParser, ReadsTagsAndAttributesInAnyCase) {
+    const ZOLPolicy policy = Parse("<ZOLS KEY=\"k\" Condition=\"IS\" TYPE=\"INT\" intvalue=\"3\"/>");
+
+    ASSERT_EQ(policy.vconfMonitors.size(), 1U);
+    EXPECT_EQ(policy.vconfMonitors[0].key, "k");
+    EXPECT_EQ(policy.vconfMonitors[0].condition, "IS");
+    EXPECT_EQ(policy.vconfMonitors[0].type, "INT");
+    EXPECT_EQ(policy.vconfMonitors[0].intValue, 3);
+}
+
+TEST_F(PolicyParser, TakesAttributeValuesAsTheyAreWritten) {
+    const ZOLPolicy policy =
+        Parse("<zols key=\" K \" condition=\"is\" type=\"Int\" strvalue=\"&lt;&#228;&gt;\"/>");
+
+    EXPECT_EQ(policy.vconfMonitors.at(0).key, " K ");
+    EXPECT_EQ(policy.vconfMonitors.at(0).condition, "is");
+    EXPECT_EQ(policy.vconfMonitors.at(0).type, "Int");
+    EXPECT_EQ(policy.vconfMonitors.at(0).strValue, "<\xC3\xA4>");
+}
+
+TEST_F(PolicyParser, GivesAbsentAttributesTheirDefaults) {
+    const ZOLPolicy policy = Parse("<a><zols/><monitor/></a>");
+
+    EXPECT_EQ(policy.numOfZol, 0);
+    EXPECT_EQ(policy.expiredTime, 0U);
+    EXPECT_EQ(policy.vconfMonitors.at(0).key, "");
+    EXPECT_EQ(policy.vconfMonitors.at(0).strValue, "null");
+    EXPECT_EQ(policy.vconfMonitors.at(0).intValue, -1);
+    EXPECT_EQ(policy.vconfMonitors.at(0).greater, -1);
+    EXPECT_EQ(policy.vconfMonitors.at(0).less, -1);
+    EXPECT_EQ(policy.policyMonitors.at(0).type, 0);
+    EXPECT_EQ(policy.policyMonitors.at(0).id, "");
+    EXPECT_EQ(policy.policyMonitors.at(0).name, "");
+    EXPECT_EQ(policy.policyMonitors.at(0).method, 0);
+    EXPECT_EQ(policy.policyMonitors.at(0).duration, 0);
+    EXPECT_EQ(policy.policyMonitors.at(0).repetition, 0);
+    EXPECT_EQ(policy.policyMonitors.at(0).reserve1, "null");
+}
+
+TEST_F(PolicyParser, AnExpiryBeyondThirtyTwoBitsStaysAtTheHighestNumber) {
+    EXPECT_EQ(Parse("<zol_expired_time time=\"4294967295\"/>").expiredTime, 4294967295U);
+    EXPECT_EQ(Parse("<zol_expired_time time=\"4294967296\"/>").expiredTime, 4294967295U);
+    EXPECT_EQ(Parse("<zol_expired_time time=\"99999999999999999999\"/>").expiredTime, 4294967295U);
+}
+
+TEST_F(PolicyParser, AnExpiryWithoutDigitsIsZero) {
+    EXPECT_EQ(Parse("<zol_expired_time time=\"abc\"/>").expiredTime, 0U);
+}
+
+TEST_F(PolicyParser, TheLastExpiryCountsAlsoWhenItHasNoTime) {
+    EXPECT_EQ(Parse("<a><zol_expired_time time=\"5\"/><zol_expired_time time=\"9\"/></a>").expiredTime, 9U);
+    EXPECT_EQ(Parse("<a><zol_expired_time time=\"5\"/><zol_expired_time/></a>").expiredTime, 0U);
+}
+
+TEST_F(PolicyParser, TheLastItemCountWins) {
+    EXPECT_EQ(Parse("<zolitem numofzol=\"4\"><zolitem/></zolitem>").numOfZol, 0);
+    EXPECT_EQ(Parse("<zolitem><zolitem numofzol=\"12x\"/></zolitem>").numOfZol, 12);
+}
+
+TEST_F(PolicyParser, ANumberIsReadUpToItsFirstLetter) {
+    EXPECT_EQ(Parse("<zols intvalue=\"7x\"/>").vconfMonitors.at(0).intValue, 7);
+    EXPECT_EQ(Parse("<zols intvalue=\"x7\"/>").vconfMonitors.at(0).intValue, -1);
+}
+
+TEST_F(PolicyParser, NumbersThatOverflowBecomeTheNearestLimit) {
+    const ZOLPolicy policy = Parse(
+        "<a><zols intvalue=\"99999999999\" greater=\"-99999999999\" less=\"2147483648\"/>"
+        "<monitor kind=\"4294967297\" duration=\"-2147483649\"/></a>");
+
+    EXPECT_EQ(policy.vconfMonitors.at(0).intValue, 2147483647);
+    EXPECT_EQ(policy.vconfMonitors.at(0).greater, -2147483647 - 1);
+    EXPECT_EQ(policy.vconfMonitors.at(0).less, 2147483647);
+    EXPECT_EQ(policy.policyMonitors.at(0).type, 2147483647);
+    EXPECT_EQ(policy.policyMonitors.at(0).duration, -2147483647 - 1);
+}
+
+TEST_F(PolicyParser, UnknownWordsAndCodesAreKeptForTheCheckOfItems) {
+    const ZOLPolicy policy =
+        Parse("<a><zols condition=\"ALMOST\" type=\"FLOAT\"/><monitor kind=\"77\" method=\"-5\"/></a>");
+
+    EXPECT_EQ(policy.vconfMonitors.at(0).condition, "ALMOST");
+    EXPECT_EQ(policy.vconfMonitors.at(0).type, "FLOAT");
+    EXPECT_EQ(policy.policyMonitors.at(0).type, 77);
+    EXPECT_EQ(policy.policyMonitors.at(0).method, -5);
+}
+
+TEST_F(PolicyParser, UnknownElementsAndTheirAttributesAreIgnored) {
+    const ZOLPolicy policy =
+        Parse("<policy><zolss key=\"a\"/><zol key=\"b\"/><m:zols xmlns:m=\"u\"/></policy>");
+
+    EXPECT_TRUE(policy.vconfMonitors.empty());
+    EXPECT_TRUE(policy.policyMonitors.empty());
+}
+
+TEST_F(PolicyParser, ItemsAreReadWhereverTheyStandAndInDocumentOrder) {
+    const ZOLPolicy policy = Parse(
+        "<a><zols key=\"1\"><b><zols key=\"2\"/></b></zols><monitor id=\"x\"><zols "
+        "key=\"3\"/></monitor></a>");
+
+    ASSERT_EQ(policy.vconfMonitors.size(), 3U);
+    EXPECT_EQ(policy.vconfMonitors[0].key, "1");
+    EXPECT_EQ(policy.vconfMonitors[1].key, "2");
+    EXPECT_EQ(policy.vconfMonitors[2].key, "3");
+    EXPECT_EQ(policy.policyMonitors.size(), 1U);
+}
+
+TEST_F(PolicyParser, TextInsideAnyElementIsIgnored) {
+    const ZOLPolicy policy = Parse(
+        "<zolitem numofzol=\"2\">one<zols key=\"k\">two<![CDATA[<zols key=\"no\"/>]]></zols>three"
+        "<!-- <zols/> --></zolitem>");
+
+    EXPECT_EQ(policy.numOfZol, 2);
+    ASSERT_EQ(policy.vconfMonitors.size(), 1U);
+    EXPECT_EQ(policy.vconfMonitors[0].strValue, "null");
+    EXPECT_FALSE(fakes::dlog::Has("invalid parameters"));
+}
+
+TEST_F(PolicyParser, ADocumentWithoutVconfItemsGivesAnEmptyList) {
+    EXPECT_TRUE(Parse("<zolitem numofzol=\"0\"><monitor kind=\"3\"/></zolitem>").vconfMonitors.empty());
+}
+
+TEST_F(PolicyParser, AnEmptyDocumentIsAPolicyWithoutItems) {
+    const ZOLPolicy policy = Parse("");
+
+    EXPECT_TRUE(policy.vconfMonitors.empty());
+    EXPECT_EQ(policy.numOfZol, 0);
+}
+
+TEST_F(PolicyParser, ADocumentCutBeforeItsEndGivesTheItemsSeenSoFar) {
+    const ZOLPolicy policy = Parse("<zolitem numofzol=\"3\"><zols key=\"1\"/><zols key=\"2\"/>");
+
+    EXPECT_EQ(policy.numOfZol, 3);
+    EXPECT_EQ(policy.vconfMonitors.size(), 2U);
+}
+
+int CountOf(const std::string& text, const std::string& part) {
+    int count = 0;
+    for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+TEST_F(PolicyParser, ADocumentCutAtAnyByteGivesExactlyTheTagsThatWereComplete) {
+    std::string whole = kExample;
+    whole.insert(whole.find("  <monitor"),
+                 "<zols key=\"\xC3\xA4\xE2\x82\xAC\"/><!-- c --><![CDATA[d]]>&#65;");
+    for (std::size_t length = 0; length <= whole.size(); ++length) {
+        const std::string cut = whole.substr(0, length);
+        const ZOLPolicy policy = Parse(cut);
+        const int items = static_cast<int>(policy.vconfMonitors.size() + policy.policyMonitors.size());
+        const int expiry = policy.expiredTime != 0 ? 1 : 0;
+        ASSERT_EQ(items + expiry, CountOf(cut, "/>")) << cut;
+    }
+}
+
+TEST_F(PolicyParser, MalformedTextFailsWithItsPlace) {
+    ExpectRefused("<zolitem>\n<zols key=\"k\"></zolitem>",
+                  "Error while parsing policy: mismatched tag, line: 2, col: 16");
+}
+
+TEST_F(PolicyParser, EveryKindOfMalformedTextFails) {
+    for (const char* xml : {"no xml", "<zols key=k/>", "<zols key=\"1\" key=\"2\"/>", "<a/><b/>",
+                            "<a>&unknown;</a>", "<a>\xFF</a>", "<zols key=\"<\"/>", "<a></b>",
+                            "<?xml version=\"1.0\" encoding=\"KOI-42\"?><a/>", "<a>\x01</a>"}) {
+        ZOLPolicy policy;
+        EXPECT_FALSE(m_parser.Parse(xml, policy)) << xml;
+    }
+}
+
+TEST_F(PolicyParser, BytesThatAreNoTextFail) {
+    ZOLPolicy policy;
+    EXPECT_FALSE(m_parser.Parse(std::string("<a>\0</a>", 8), policy));
+    EXPECT_FALSE(m_parser.Parse(std::string(4096, '\0'), policy));
+}
+
+TEST_F(PolicyParser, ItemsBeforeAnErrorStayInTheRecord) {
+    ZOLPolicy policy;
+    EXPECT_FALSE(m_parser.Parse("<a><zols key=\"1\"/><monitor/></b>", policy));
+
+    EXPECT_EQ(policy.vconfMonitors.size(), 1U);
+    EXPECT_EQ(policy.policyMonitors.size(), 1U);
+}
+
+TEST_F(PolicyParser, ASecondParseIntoOneRecordEmptiesOnlyTheVconfItems) {
+    ZOLPolicy policy;
+    EXPECT_TRUE(m_parser.Parse(kExample, policy));
+    EXPECT_TRUE(m_parser.Parse("<zols key=\"new\"/>", policy));
+
+    ASSERT_EQ(policy.vconfMonitors.size(), 1U);
+    EXPECT_EQ(policy.vconfMonitors[0].key, "new");
+    EXPECT_EQ(policy.policyMonitors.size(), 2U);
+    EXPECT_EQ(policy.numOfZol, 1);
+    EXPECT_EQ(policy.expiredTime, 2592000U);
+}
+
+TEST_F(PolicyParser, EveryItemReachesTheSystemLogAsAnError) {
+    Parse(kExample);
+
+    for (const char* line :
+         {"MONITORINFO_CNT [1]",
+          "key[db/menu/picture/backlight], condition[BETWEEN], type[INT], intValue[-1], strValue[null], "
+          "greater[5], less[15]",
+          "MONITOR_TYPE[3] MONITOR_ID[] MONITOR_NAME[remote] MONITOR_METHOD[31] MONITOR_DURATION[10] "
+          "MONITOR_REPETITION[5] reserve1[null]",
+          "clear current element (zols)", "clear current element ()"}) {
+        EXPECT_EQ(fakes::dlog::Find(line).priority, DLOG_PRIORITY_ERROR) << line;
+        EXPECT_EQ(fakes::dlog::Find(line).buffer, DLOG_BUFFER_SYSTEM) << line;
+    }
+    EXPECT_EQ(fakes::dlog::Count("clear current element (monitor)"), 2);
+}
+
+std::string ManyItems(int count) {
+    std::string xml = "<zolitem numofzol=\"" + std::to_string(count) + "\">";
+    for (int item = 0; item < count; ++item) {
+        xml +=
+            "<zols key=\"db/k" + std::to_string(item) + "\" condition=\"IS\" type=\"INT\" intvalue=\"1\"/>";
+    }
+    return xml + "</zolitem>";
+}
+
+TEST_F(PolicyParser, TenThousandItemsAreReadInOrder) {
+    const ZOLPolicy policy = Parse(ManyItems(10000));
+
+    ASSERT_EQ(policy.vconfMonitors.size(), 10000U);
+    EXPECT_EQ(policy.vconfMonitors[9999].key, "db/k9999");
+}
+
+TEST_F(PolicyParser, AMegabyteOfNestingIsReadToItsInnermostItem) {
+    constexpr int kDepth = 150000;
+    std::string xml;
+    std::string end;
+    for (int level = 0; level < kDepth; ++level) {
+        xml += "<a>";
+        end += "</a>";
+    }
+    const ZOLPolicy policy = Parse(xml + "<zols key=\"deep\"/>" + end);
+
+    ASSERT_EQ(policy.vconfMonitors.size(), 1U);
+    EXPECT_EQ(policy.vconfMonitors[0].key, "deep");
+    EXPECT_EQ(Parse(xml).vconfMonitors.size(), 0U);
+}
+
+TEST_F(PolicyParser, ATextLongerThanTheLimitIsRefused) {
+    std::string xml = "<zols/>";
+    xml.resize(zol::kMaxPolicyBytes, ' ');
+    Parse(xml);
+
+    xml += ' ';
+    ExpectRefused(xml, "Policy of 16777217 bytes refused, at most 16777216 are read");
+}
+
+TEST_F(PolicyParser, AnEntityOfTheDocumentIsPutIn) {
+    const ZOLPolicy policy = Parse("<!DOCTYPE a [<!ENTITY k \"db/key\">]><zols key=\"&k;/1\"/>");
+
+    EXPECT_EQ(policy.vconfMonitors.at(0).key, "db/key/1");
+}
+
+TEST_F(PolicyParser, EntitiesThatMultiplyAreRefused) {
+    std::string dtd = "<!ENTITY e0 \"0123456789012345678901234567890123456789\">";
+    for (int level = 1; level <= 12; ++level) {
+        dtd += "<!ENTITY e" + std::to_string(level) + " \"";
+        for (int times = 0; times < 10; ++times) {
+            dtd += "&e" + std::to_string(level - 1) + ";";
+        }
+        dtd += "\">";
+    }
+    ExpectRefused("<!DOCTYPE a [" + dtd + "]><zols key=\"&e12;\"/>", "Error while parsing policy: ");
+}
+
+TEST_F(PolicyParser, AnEntityInsideItselfIsRefused) {
+    ExpectRefused("<!DOCTYPE a [<!ENTITY a \"&b;\"><!ENTITY b \"&a;\">]><zols key=\"&a;\"/>",
+                  "Error while parsing policy: recursive entity reference");
+}
+
+TEST_F(PolicyParser, ALongChainOfEntitiesIsRefusedBeforeItCanExhaustTheStack) {
+    std::string dtd = "<!ENTITY e0 \"x\">";
+    for (int level = 1; level < 100000; ++level) {
+        dtd += "<!ENTITY e" + std::to_string(level) + " \"&e" + std::to_string(level - 1) + ";\">";
+    }
+    ExpectRefused("<!DOCTYPE a [" + dtd + "]><a>&e99999;</a>", "Error while parsing policy: parsing aborted");
+}
+
+TEST_F(PolicyParser, DefaultedAttributesThatOutgrowTheTextAreRefused) {
+    std::string xml = "<!DOCTYPE a [<!ATTLIST b c CDATA \"" + std::string(1U << 20U, 'x') + "\">]><a>";
+    for (int element = 0; element < 100; ++element) {
+        xml += "<b/>";
+    }
+    ExpectRefused(xml, "Error while parsing policy: parsing aborted");
+}
+
+TEST_F(PolicyParser, ItemsThatOutgrowTheirTextAreRefused) {
+    constexpr int kItems = 220000;
+    std::string xml = "<a>";
+    for (int item = 0; item < kItems; ++item) {
+        xml += "<zols/>";
+    }
+    ExpectRefused(xml, "Error while parsing policy: parsing aborted");
+}
+
+TEST_F(PolicyParser, AMillionLinesInAnElementWithANameOfAMebibyteEndBeforeTheTimeLimit) {
+    const std::string name(1U << 20U, 'n');
+    const std::string lines(1U << 20U, '\n');
+
+    EXPECT_TRUE(Parse("<" + name + ">" + lines + "</" + name + ">").vconfMonitors.empty());
+}
+
+TEST_F(PolicyParser, AnExternalEntityIsNeverOpened) {
+    fakes::WriteDeviceFile("/etc/secret", "<zols key=\"stolen\"/>");
+    const ZOLPolicy policy = Parse("<!DOCTYPE a [<!ENTITY x SYSTEM \"" + fakes::Root() +
+                                   "/etc/secret\">]><a>&x;<zols key=\"own\"/></a>");
+
+    ASSERT_EQ(policy.vconfMonitors.size(), 1U);
+    EXPECT_EQ(policy.vconfMonitors[0].key, "own");
+}
+
+TEST_F(PolicyParser, OneParserServesSeveralThreads) {
+    std::atomic<int> items{0};
+    constexpr int kThreads = 4;
+    std::vector<std::thread> threads;
+    threads.reserve(kThreads);
+    for (int thread = 0; thread < kThreads; ++thread) {
+        threads.emplace_back([&] {
+            for (int round = 0; round < 20; ++round) {
+                ZOLPolicy policy;
+                m_parser.Parse(kExample, policy);
+                items += static_cast<int>(policy.policyMonitors.size());
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(items, kThreads * 20 * 2);
+}
+
+}  // namespace

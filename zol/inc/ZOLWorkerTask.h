@@ -1,0 +1,12 @@
+#pragma once
+/// Starting and ending a worker: an object that is a task and the receiver of its own events.
+
+class CCHandler;
+class CCTask;
+
+/// Starts the task and binds the handler to it; both are bases of one worker. A failure is logged under
+/// `source` and `line`, undone, and comes back as false.
+bool StartWorkerTask(CCTask& task, CCHandler& handler, const char* name, const char* source, int line);
+
+/// Drops the worker's events, ends its loop and its task. Only after a successful start, not on its thread.
+void EndWorkerTask(CCTask& task, CCHandler& handler);
