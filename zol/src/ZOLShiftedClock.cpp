@@ -1,0 +1,70 @@
+#include "ZOLShiftedClock.h"
+
+#include <boost/date_time/gregorian/gregorian_types.hpp>
+#include <boost/date_time/posix_time/posix_time.hpp>
+#include <ctime>
+
+#include "CTimeUtil.h"
+#include "ZOLLog.h"
+#include "ZOLStoredNumber.h"
+
+namespace zol {
+namespace {
+
+constexpr const char* kLogModule = "zol::TCRelativeTime";
+
+std::int64_t SecondsSince1970(const tm& utc) {
+    const boost::posix_time::ptime epoch(boost::gregorian::date(1970, 1, 1));
+    const boost::posix_time::time_duration since = boost::posix_time::ptime_from_tm(utc) - epoch;
+    // total_seconds() is 32 bits wide on some builds of the library; ticks never are.
+    return static_cast<std::int64_t>(since.ticks()) / boost::posix_time::time_duration::ticks_per_second();
+}
+
+/// A shift that was stored wrongly may be anything: the sum wraps instead of being undefined.
+std::int64_t WrappingSum(std::int64_t a, std::int64_t b) {
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) + static_cast<std::uint64_t>(b));
+}
+
+}  // namespace
+
+std::int64_t TCShiftedClock::GetCurrentTime() const {
+    ZOL_LOG(LOG_DEBUG, "Getting current time");
+    const time_t now = CTimeUtil::GetCurrentTime();
+    // Stays zeroed for a time that has no calendar date; the date library then throws.
+    tm local{};
+    localtime_r(&now, &local);
+    return WrappingSum(SecondsSince1970(CTimeUtil::ConvertToUTCTime(local)),
+                       m_timeShift.load(std::memory_order_relaxed));
+}
+
+void TCShiftedClock::AccumulateTimeShift(long long seconds) {
+    m_timeShift.fetch_add(seconds, std::memory_order_relaxed);
+}
+
+void TCShiftedClock::StoreTimeShift() const {
+    WriteStoredNumber(KEY_CLOCK_DIFF, m_timeShift.load(std::memory_order_relaxed));
+}
+
+void TCShiftedClock::LoadTimeShift() {
+    std::int64_t shift = 0;
+    switch (ReadStoredNumber(KEY_CLOCK_DIFF, shift)) {
+        case EStoredNumber::LOADED:
+            m_timeShift.store(shift, std::memory_order_relaxed);
+            break;
+        case EStoredNumber::MISSING:
+            break;
+        case EStoredNumber::STREAM_FAILED:
+            ZOL_LOG(LOG_ERROR, "Could not stream time shift from string");
+            break;
+        case EStoredNumber::CONVERT_FAILED:
+            ZOL_LOG(LOG_ERROR, "Could not convert time shift");
+            break;
+    }
+}
+
+void TCShiftedClock::ResetTimeShift() {
+    m_timeShift.store(0, std::memory_order_relaxed);
+    StoreTimeShift();
+}
+
+}  // namespace zol
