@@ -1,0 +1,75 @@
+#pragma once
+/// A notify manager on a device with identifiers, for the tests of its reports, texts and paths.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "CSEvent.h"
+#include "ZOLInformationStorage.h"
+#include "ZOLNotifyManager.h"
+#include "fake_vconf.h"
+#include "fakes.h"
+
+constexpr const char* kKey = "db/zol/send_zol_files_path";
+constexpr const char* kFolder = "/tmp/zol/tg-1_1700000000";
+constexpr const char* kIdentifiers = "{tgid=tg-1;lcid=lc-1;evid=1700000000;";
+constexpr const char* kTail =
+    "chip_id=;sn=;series=;platform=;test_step=;micomtv=;micomjp=;is_shop_mode=;checksum=;is_sw_modify=;"
+    "serdes_err_accum=;serdes_err_delta=;serdes_reset_accum=;serdes_reset_delta=;wifi_no_detect_accum=;"
+    "wifi_no_detect_delta=;wifi_detach_accum=;wifi_detach_delta=;bt_type=;bt_name=;bt_rssi=;"
+    "bt_no_detect_accum=;bt_detach_accum=}";
+
+/// The task with its description builders in reach.
+class NotifyUnderTest : public TCNotifyManager {
+public:
+    NotifyUnderTest() = default;
+    ~NotifyUnderTest() override { Shutdown(); }
+    NotifyUnderTest(const NotifyUnderTest&) = delete;
+    NotifyUnderTest& operator=(const NotifyUnderTest&) = delete;
+
+    using TCNotifyManager::m_GetKpiDescription;
+    void LoseKpiManager() { m_pKpiManager.reset(); }
+};
+
+inline zol::ZOLVconfMonitor Key(const std::string& key) {
+    zol::ZOLVconfMonitor item;
+    item.key = key;
+    return item;
+}
+
+class NotifyFixture : public testing::Test {
+protected:
+    NotifyFixture() {
+        fakes::Reset();
+        fakes::vconf::SetString("db/comss/hwduid", "HW-1");
+        fakes::WriteDeviceFile("/proc/global_uniqueID", "tg-1");
+        fakes::WriteDeviceFile("/proc/life_cycleID", "lc-1");
+        SetMonitors({});
+        m_notify = std::make_unique<NotifyUnderTest>();
+    }
+
+    static void SetMonitors(const std::vector<zol::ZOLPolicyMonitor>& monitors) {
+        zol::TCInformationStorage::Instance()->SetZOLMonitorInformation(
+            static_cast<unsigned>(monitors.size()), monitors);
+    }
+
+    /// What the task does with an event, on this thread.
+    void Handle(std::uint32_t type, long index = 0) {
+        CSEvent event;
+        event.receiver = m_notify.get();
+        event.type = type;
+        event.param.l[0] = index;
+        EXPECT_TRUE(m_notify->t_OnEvent(&event));
+    }
+    void HandleHit(const std::string& key, int value, const std::string& text = "null") {
+        m_notify->AddNotify(Key(key), value, text);
+        Handle(NOTIFY_ZOL_VCONF);
+    }
+
+    static std::string PublishedPath() { return fakes::vconf::GetString(kKey); }
+    static void CollectorEmptiesTheKey() { fakes::vconf::SetString(kKey, ""); }
+
+    std::unique_ptr<NotifyUnderTest> m_notify;
+};

@@ -1,0 +1,372 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <json/json.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include "dlog.h"
+#include "fake_clock.h"
+#include "fake_dlog.h"
+#include "fake_vconf.h"
+#include "fakes.h"
+#include "kpi_events.h"
+#include "notify_fixture.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+using NotifyManager = NotifyFixture;
+using NotifyTask = NotifyFixture;
+using NotifyManagerDeathTest = NotifyFixture;
+
+TEST_F(NotifyManager, ItsConstructionEmptiesAndWatchesTheKey) {
+    m_notify.reset();
+    fakes::vconf::SetString(kKey, "/tmp/zol/old");
+    fakes::dlog::Clear();
+
+    m_notify = std::make_unique<NotifyUnderTest>();
+
+    EXPECT_EQ(PublishedPath(), "");
+    EXPECT_EQ(fakes::vconf::Registrations(kKey), 1);
+    EXPECT_EQ(fakes::dlog::Find("TCNotifyManager()").priority, DLOG_PRIORITY_ERROR);
+    EXPECT_EQ(fakes::dlog::Find("> success").priority, DLOG_PRIORITY_ERROR);
+}
+
+TEST_F(NotifyManager, AKeyThatCanBeNeitherWrittenNorWatchedIsLogged) {
+    m_notify.reset();
+    fakes::dlog::Clear();
+    fakes::vconf::Fail(kKey, fakes::vconf::FAIL_SET | fakes::vconf::FAIL_NOTIFY);
+
+    m_notify = std::make_unique<NotifyUnderTest>();
+
+    EXPECT_EQ(fakes::dlog::Find("vconf_set_str fail").priority, DLOG_PRIORITY_ERROR);
+    EXPECT_EQ(fakes::dlog::Find("> fail").priority, DLOG_PRIORITY_ERROR);
+}
+
+TEST_F(NotifyManager, ItsEndWithdrawsTheWatch) {
+    m_notify.reset();
+
+    EXPECT_EQ(fakes::vconf::Registrations(kKey), 0);
+}
+
+TEST_F(NotifyManager, ThreePendingHitsSendThreeEventsAndPublishOnePath) {
+    for (const char* key : {"db/a", "db/b", "db/c"}) {
+        m_notify->AddNotify(Key(key), 5, "null");
+    }
+    Handle(NOTIFY_ZOL_VCONF);
+
+    const std::string same = kIdentifiers;
+    EXPECT_THAT(SentKpiDescriptions(),
+                ElementsAre(HasSubstr(same + "key=db/a;"), HasSubstr(same + "key=db/b;"),
+                            HasSubstr(same + "key=db/c;")));
+    EXPECT_EQ(PublishedPath(), kFolder);
+    EXPECT_EQ(fakes::dlog::Count("vconf_set_str success"), 1);
+}
+
+TEST_F(NotifyManager, TheEventsGoOutUnderTheirFixedNames) {
+    HandleHit("db/a", 5);
+
+    std::vector<KPILogFramework::TSKpiEvent> events;
+    ASSERT_TRUE(KPILogFramework::CLogger::GetInstance().ListEvents(events));
+    ASSERT_EQ(events.size(), 1U);
+    EXPECT_EQ(events[0].type, "20_errdata");
+    EXPECT_EQ(events[0].category, "ZOL");
+    EXPECT_EQ(events[0].eventId, "EV007");
+}
+
+TEST_F(NotifyManager, WithoutPendingHitsTheFolderIsMadeAndPublishedAllTheSame) {
+    Handle(NOTIFY_ZOL_VCONF);
+
+    EXPECT_THAT(SentKpiDescriptions(), IsEmpty());
+    EXPECT_TRUE(fakes::DeviceFileExists(std::string(kFolder) + "/header.json"));
+    EXPECT_EQ(PublishedPath(), kFolder);
+}
+
+TEST_F(NotifyManager, AHitIsReportedOnce) {
+    HandleHit("db/a", 5);
+    Handle(NOTIFY_ZOL_VCONF);
+
+    EXPECT_EQ(SentKpiDescriptions().size(), 1U);
+}
+
+TEST_F(NotifyManager, AHitIsLoggedWhenItIsQueued) {
+    m_notify->AddNotify(Key("db/a"), -1, "on");
+
+    EXPECT_EQ(fakes::dlog::Find("key[db/a], intValue[-1], strValue[on]").priority, DLOG_PRIORITY_ERROR);
+}
+
+TEST_F(NotifyManager, TheHeaderHoldsTheIdentifiersInTheWritersDefaultForm) {
+    Handle(NOTIFY_ZOL_VCONF);
+
+    Json::Value expected;
+    expected["idtype"] = "HWDUID";
+    expected["id"] = "HW-1";
+    expected["category"] = "ZOL";
+    expected["tgid"] = "tg-1";
+    expected["lcid"] = "lc-1";
+    expected["evid"] = "1700000000";
+    expected["Content-Type"] = "multipart/form-data";
+    EXPECT_EQ(fakes::ReadDeviceFile(std::string(kFolder) + "/header.json"),
+              Json::writeString(Json::StreamWriterBuilder(), expected));
+    EXPECT_EQ(fakes::dlog::Find("header.json created").priority, DLOG_PRIORITY_INFO);
+}
+
+TEST_F(NotifyManager, AnIdentifierWithQuotesStaysOneJsonString) {
+    fakes::vconf::SetString("db/comss/hwduid", "a\"b\\c");
+
+    Handle(NOTIFY_ZOL_VCONF);
+
+    Json::Value header;
+    std::istringstream file(fakes::ReadDeviceFile(std::string(kFolder) + "/header.json"));
+    ASSERT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), file, &header, nullptr));
+    EXPECT_EQ(header["id"].asString(), "a\"b\\c");
+    EXPECT_EQ(header.size(), 7U);
+}
+
+TEST_F(NotifyManager, AMissingTgidGivesAFolderOfThatName) {
+    std::filesystem::remove(fakes::Root() + "/proc/global_uniqueID");
+
+    Handle(NOTIFY_ZOL_VCONF);
+
+    EXPECT_EQ(PublishedPath(), "/tmp/zol/NULL_1700000000");
+    EXPECT_TRUE(fakes::DeviceFileExists("/tmp/zol/NULL_1700000000/header.json"));
+}
+
+TEST_F(NotifyManager, TheLineFeedOfATgidIsPartOfTheFolderName) {
+    fakes::WriteDeviceFile("/proc/global_uniqueID", "tg-1\n");
+
+    Handle(NOTIFY_ZOL_VCONF);
+
+    EXPECT_EQ(PublishedPath(), "/tmp/zol/tg-1\n_1700000000");
+    EXPECT_TRUE(fakes::DeviceFileExists("/tmp/zol/tg-1\n_1700000000/header.json"));
+}
+
+TEST_F(NotifyManager, TwoReportsWithinASecondShareAFolder) {
+    HandleHit("db/a", 5);
+    CollectorEmptiesTheKey();
+    HandleHit("db/b", 5);
+
+    EXPECT_EQ(PublishedPath(), kFolder);
+    EXPECT_EQ(SentKpiDescriptions().size(), 2U);
+}
+
+TEST_F(NotifyManager, AReportRootThatIsALinkIsRefusedAndTheHitsWait) {
+    fakes::MakeDeviceFolder("/tmp/elsewhere");
+    std::filesystem::create_symlink(fakes::Root() + "/tmp/elsewhere", fakes::Root() + "/tmp/zol");
+
+    HandleHit("db/a", 5);
+    EXPECT_EQ(PublishedPath(), "");
+    EXPECT_THAT(SentKpiDescriptions(), IsEmpty());
+    EXPECT_TRUE(std::filesystem::is_empty(fakes::Root() + "/tmp/elsewhere"));
+
+    std::filesystem::remove(fakes::Root() + "/tmp/zol");
+    HandleHit("db/b", 5);
+    EXPECT_THAT(SentKpiDescriptions(), ElementsAre(HasSubstr("key=db/a;"), HasSubstr("key=db/b;")));
+}
+
+TEST_F(NotifyManager, AReportRootThatAStrangerPutThereIsRefused) {
+    constexpr uid_t kStranger = 65534;
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can give a folder away";
+    }
+    ASSERT_EQ(chmod((fakes::Root() + "/tmp").c_str(), 01777), 0);
+    fakes::MakeDeviceFolder("/tmp/zol");
+    ASSERT_EQ(chown((fakes::Root() + "/tmp/zol").c_str(), kStranger, kStranger), 0);
+
+    HandleHit("db/a", 5);
+
+    EXPECT_EQ(PublishedPath(), "");
+    EXPECT_THAT(SentKpiDescriptions(), IsEmpty());
+    EXPECT_TRUE(std::filesystem::is_empty(fakes::Root() + "/tmp/zol"));
+}
+
+TEST_F(NotifyManager, AHeaderThatCannotBeOpenedEndsTheReport) {
+    fakes::MakeDeviceFolder(std::string(kFolder) + "/header.json");
+
+    HandleHit("db/a", 5);
+
+    EXPECT_EQ(fakes::dlog::Find("file open failed").priority, DLOG_PRIORITY_ERROR);
+    EXPECT_THAT(SentKpiDescriptions(), IsEmpty());
+    EXPECT_EQ(PublishedPath(), "");
+}
+
+TEST_F(NotifyManager, ALinkInTheHeadersPlaceIsNotFollowed) {
+    fakes::WriteDeviceFile("/etc/precious", "kept");
+    fakes::MakeDeviceFolder(kFolder);
+    std::filesystem::create_symlink(fakes::Root() + "/etc/precious",
+                                    fakes::Root() + kFolder + "/header.json");
+
+    HandleHit("db/a", 5);
+
+    EXPECT_EQ(fakes::ReadDeviceFile("/etc/precious"), "kept");
+    EXPECT_EQ(fakes::dlog::Find("file open failed").priority, DLOG_PRIORITY_ERROR);
+}
+
+TEST_F(NotifyManager, TheHeaderMayBeReadByTheCollectorWhateverTheUmask) {
+    const mode_t old = umask(0077);
+    HandleHit("db/a", 5);
+    umask(old);
+
+    struct stat status {};
+    ASSERT_EQ(stat((fakes::Root() + kFolder + "/header.json").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777U, 0644U);
+}
+
+TEST_F(NotifyManager, AnEventLogThatRefusesDoesNotKeepThePathBack) {
+    fakes::WriteDeviceFile("/var/lib/zol", "a file where the folder should be");
+
+    HandleHit("db/a", 5);
+
+    EXPECT_TRUE(fakes::dlog::Has("could not send event log"));
+    EXPECT_EQ(PublishedPath(), kFolder);
+}
+
+TEST_F(NotifyManager, WithoutAKpiManagerNothingIsMadeOrSent) {
+    m_notify->LoseKpiManager();
+
+    HandleHit("db/a", 5);
+
+    EXPECT_EQ(fakes::dlog::Find("m_pKpiManager is NULL").priority, DLOG_PRIORITY_ERROR);
+    EXPECT_FALSE(fakes::DeviceFileExists("/tmp/zol"));
+    EXPECT_EQ(PublishedPath(), "");
+}
+
+TEST_F(NotifyManager, EachEventIsLoggedWithItsType) {
+    SetMonitors({zol::ZOLPolicyMonitor()});
+    Handle(NOTIFY_ZOL_VCONF);
+    Handle(NOTIFY_ZOL_MONITOR, 0);
+
+    for (const char* text : {"[TCNotifyManager::t_OnEvent] TYPE:0",
+                             "[TCNotifyManager::t_OnEvent] event->type is NOTIFY_ZOL_VCONF",
+                             "[TCNotifyManager::t_OnEvent] TYPE:1",
+                             "[TCNotifyManager::t_OnEvent] event->type is NOTIFY_ZOL_MONITOR",
+                             "[TCNotifyManager::t_OnEvent] event->param.l[0] is 0"}) {
+        EXPECT_EQ(fakes::dlog::Find(text).priority, DLOG_PRIORITY_INFO) << text;
+    }
+}
+
+TEST_F(NotifyManagerDeathTest, EventType2StopsTheProgram) {
+    fakes::WriteDeviceFile("/dev/console", "");
+    EXPECT_DEATH(Handle(2), "");
+}
+
+TEST_F(NotifyManagerDeathTest, ANullEventStopsTheProgram) {
+    fakes::WriteDeviceFile("/dev/console", "");
+    EXPECT_DEATH(m_notify->t_OnEvent(nullptr), "");
+}
+
+TEST_F(NotifyManager, AForgivingImageReportsAnUnknownEventAndGoesOn) {
+    fakes::WriteDeviceFile("/dev/console", "");
+    fakes::WriteDeviceFile("/etc/release", "");
+
+    Handle(2);
+    EXPECT_TRUE(m_notify->t_OnEvent(nullptr));
+
+    EXPECT_TRUE(fakes::dlog::Has("!\"[TCNotifyManager] Unknown Event Type\" [zol/src/ZOLNotifyManager:"));
+    EXPECT_TRUE(fakes::dlog::Has("ASSERT: event [zol/src/ZOLNotifyManager:"));
+    EXPECT_EQ(PublishedPath(), "");
+}
+
+TEST_F(NotifyTask, APostedEventIsHandledOnTheTask) {
+    ASSERT_TRUE(m_notify->Create());
+    m_notify->AddNotify(Key("db/a"), 5, "null");
+    CSEvent event;
+    event.receiver = m_notify.get();
+    event.type = NOTIFY_ZOL_VCONF;
+
+    ASSERT_TRUE(CCTask::Send(&event, false));
+
+    ASSERT_TRUE(fakes::dlog::WaitFor("vconf_set_str success"));
+    EXPECT_EQ(PublishedPath(), kFolder);
+    EXPECT_STREQ(m_notify->Name(), "ZolNotifyManager");
+}
+
+TEST_F(NotifyTask, ItsLifeIsLogged) {
+    ASSERT_TRUE(m_notify->Create());
+    m_notify->Destroy();
+
+    for (const char* text : {"[TCNotifyManager] Create", "[TCNotifyManager] Created",
+                             "[TCNotifyManager] Destroy", "[TCNotifyManager] Destroyed"}) {
+        EXPECT_EQ(fakes::dlog::Find(text).priority, DLOG_PRIORITY_INFO) << text;
+    }
+}
+
+TEST_F(NotifyTask, DestroyEndsTheTaskAndKeepsTheWatch) {
+    ASSERT_TRUE(m_notify->Create());
+    m_notify->Destroy();
+
+    EXPECT_EQ(fakes::vconf::Registrations(kKey), 1);
+    CSEvent event;
+    event.receiver = m_notify.get();
+    EXPECT_FALSE(CCTask::Send(&event, false));
+}
+
+TEST_F(NotifyTask, ShutdownMayBeCalledTwiceAndAfterDestroy) {
+    ASSERT_TRUE(m_notify->Create());
+    m_notify->Shutdown();
+    m_notify->Shutdown();
+    EXPECT_EQ(fakes::dlog::Count("[TCNotifyManager] Destroyed"), 1);
+    EXPECT_EQ(fakes::vconf::Registrations(kKey), 0);
+}
+
+/// A collector that takes every path as soon as it is told of it.
+class Collector {
+public:
+    Collector() { vconf_notify_key_changed(kKey, Take, this); }
+    ~Collector() { vconf_withdraw_key_changed(kKey, Take, this); }
+    Collector(const Collector&) = delete;
+    Collector& operator=(const Collector&) = delete;
+
+    std::vector<std::string> m_taken;
+
+private:
+    static void Take(keynode_t* /*node*/, void* self) {
+        const std::string path = fakes::vconf::GetString(kKey);
+        if (!path.empty()) {
+            static_cast<Collector*>(self)->m_taken.push_back(path);
+            vconf_set_str(kKey, "");
+        }
+    }
+};
+
+TEST_F(NotifyTask, NoPathIsLostWhenReportsAndTheCollectorMeet) {
+    constexpr std::size_t kReports = 40;
+    const Collector collector;
+    ASSERT_TRUE(m_notify->Create());
+
+    std::thread reporter([this] {
+        for (std::size_t report = 0; report < kReports; ++report) {
+            CSEvent event;
+            event.receiver = m_notify.get();
+            event.type = NOTIFY_ZOL_VCONF;
+            m_notify->AddNotify(Key("db/a"), 5, "null");
+            // Synchronous: each report then has a second, and so a folder, of its own.
+            CCTask::Send(&event, true);
+            fakes::clock::Advance(1s);
+        }
+    });
+    const auto patience = std::chrono::steady_clock::now() + 30s;
+    while (collector.m_taken.size() < kReports && std::chrono::steady_clock::now() < patience) {
+        fakes::vconf::Deliver();
+        std::this_thread::yield();
+    }
+    reporter.join();
+
+    EXPECT_EQ(std::set<std::string>(collector.m_taken.begin(), collector.m_taken.end()).size(), kReports);
+    EXPECT_EQ(collector.m_taken.size(), kReports);
+    EXPECT_EQ(SentKpiDescriptions().size(), kReports);
+}
+
+}  // namespace

@@ -1,0 +1,199 @@
+#include <gmock/gmock.h>
+
+#include <chrono>
+#include <string>
+
+#include "dlog.h"
+#include "fake_clock.h"
+#include "fake_dlog.h"
+#include "kpi_events.h"
+#include "notify_fixture.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+using KpiDescription = NotifyFixture;
+using PathQueue = NotifyFixture;
+
+TEST_F(KpiDescription, AVconfHitNamesKeyAndValueBeforeTheMonitorItems) {
+    HandleHit("db/menu/picture/backlight", 5);
+
+    const std::string expected =
+        std::string(kIdentifiers) +
+        "key=db/menu/picture/"
+        "backlight;value=5;zol_error_type=;app_id=;app_name=;zol_duration=;zol_repetion=;" +
+        kTail;
+    EXPECT_THAT(SentKpiDescriptions(), ElementsAre(expected));
+    EXPECT_EQ(fakes::dlog::Find("kpiDesc : " + expected).priority, DLOG_PRIORITY_ERROR);
+}
+
+TEST_F(KpiDescription, AMonitorHitNamesTheMonitorBeforeKeyAndValue) {
+    zol::ZOLPolicyMonitor first;
+    zol::ZOLPolicyMonitor second;
+    second.type = 1;
+    second.id = "org.example.app";
+    second.name = "Example";
+    second.duration = 60;
+    second.repetition = 3;
+    SetMonitors({first, second});
+
+    Handle(NOTIFY_ZOL_MONITOR, 1);
+
+    EXPECT_THAT(SentKpiDescriptions(),
+                ElementsAre(std::string(kIdentifiers) +
+                            "zol_error_type=1;app_id=org.example.app;app_name=Example;zol_duration=60;"
+                            "zol_repetion=3;key=;value=;" +
+                            kTail));
+    EXPECT_EQ(PublishedPath(), kFolder);
+}
+
+TEST_F(KpiDescription, AMonitorHitLeavesTheQueuedVconfHitsAlone) {
+    SetMonitors({zol::ZOLPolicyMonitor()});
+    m_notify->AddNotify(Key("db/a"), 5, "null");
+
+    Handle(NOTIFY_ZOL_MONITOR, 0);
+    EXPECT_EQ(SentKpiDescriptions().size(), 1U);
+
+    Handle(NOTIFY_ZOL_VCONF);
+    EXPECT_EQ(SentKpiDescriptions().size(), 2U);
+}
+
+TEST_F(KpiDescription, AMonitorIndexOutsideTheListSendsNothing) {
+    SetMonitors({zol::ZOLPolicyMonitor()});
+
+    Handle(NOTIFY_ZOL_MONITOR, 1);
+    Handle(NOTIFY_ZOL_MONITOR, -2);
+
+    EXPECT_THAT(SentKpiDescriptions(), IsEmpty());
+    EXPECT_TRUE(fakes::dlog::Has("no monitor at index 1 of 1, nothing is sent"));
+    EXPECT_TRUE(fakes::dlog::Has("no monitor at index -2 of 1, nothing is sent"));
+}
+
+TEST_F(KpiDescription, MinusOneWithATextGivesTheText) {
+    HandleHit("db/a", -1, "on");
+
+    EXPECT_THAT(SentKpiDescriptions(), ElementsAre(HasSubstr("value=on;")));
+}
+
+TEST_F(KpiDescription, AnIntegerGivesTheIntegerWhateverTheTextHolds) {
+    HandleHit("db/a", 5, "on");
+
+    EXPECT_THAT(SentKpiDescriptions(), ElementsAre(HasSubstr("value=5;")));
+}
+
+TEST_F(KpiDescription, NegativeNumbersAreWrittenAsUnsignedOnes) {
+    HandleHit("db/a", -2);
+
+    EXPECT_THAT(SentKpiDescriptions(), ElementsAre(HasSubstr("value=4294967294;")));
+}
+
+TEST_F(KpiDescription, WithoutAKpiManagerItIsAPairOfBraces) {
+    m_notify->LoseKpiManager();
+
+    EXPECT_EQ(m_notify->m_GetKpiDescription("db/a", 5, "on"), "{}");
+    EXPECT_EQ(m_notify->m_GetKpiDescription(0), "{}");
+}
+
+TEST_F(PathQueue, ASecondPathWaitsUntilTheCollectorHasEmptiedTheKey) {
+    Handle(NOTIFY_ZOL_VCONF);
+    fakes::clock::Advance(1s);
+    Handle(NOTIFY_ZOL_VCONF);
+
+    EXPECT_EQ(PublishedPath(), kFolder);
+    EXPECT_EQ(fakes::dlog::Find("vconfkey is not empty, add current path to list").priority,
+              DLOG_PRIORITY_ERROR);
+
+    CollectorEmptiesTheKey();
+    EXPECT_EQ(PublishedPath(), "/tmp/zol/tg-1_1700000001");
+    EXPECT_TRUE(fakes::dlog::Has("vconfkey is empty"));
+
+    CollectorEmptiesTheKey();
+    EXPECT_EQ(PublishedPath(), "");
+    EXPECT_EQ(fakes::dlog::Find("m_notiPathList is empty, return").priority, DLOG_PRIORITY_ERROR);
+}
+
+TEST_F(PathQueue, WaitingPathsGoOutInTheirOrder) {
+    for (int report = 0; report < 4; ++report) {
+        Handle(NOTIFY_ZOL_VCONF);
+        fakes::clock::Advance(1s);
+    }
+    for (const char* second : {"0", "1", "2", "3"}) {
+        EXPECT_EQ(PublishedPath(), std::string("/tmp/zol/tg-1_170000000") + second);
+        CollectorEmptiesTheKey();
+    }
+    EXPECT_EQ(PublishedPath(), "");
+}
+
+TEST_F(PathQueue, AKeyThatCannotBeReadDropsThePath) {
+    fakes::vconf::Fail(kKey, fakes::vconf::FAIL_GET);
+    Handle(NOTIFY_ZOL_VCONF);
+    EXPECT_EQ(fakes::dlog::Find("vconf_get_str fail").priority, DLOG_PRIORITY_ERROR);
+
+    fakes::vconf::Fail(kKey, fakes::vconf::FAIL_NONE);
+    CollectorEmptiesTheKey();
+    EXPECT_EQ(PublishedPath(), "");
+}
+
+TEST_F(PathQueue, AKeyThatCannotBeWrittenIsLogged) {
+    fakes::vconf::Fail(kKey, fakes::vconf::FAIL_SET);
+
+    Handle(NOTIFY_ZOL_VCONF);
+
+    EXPECT_EQ(fakes::dlog::Find("vconf_set_str fail").priority, DLOG_PRIORITY_ERROR);
+    EXPECT_EQ(PublishedPath(), "");
+}
+
+TEST_F(PathQueue, AChangeToAnotherPathIsIgnored) {
+    fakes::dlog::Clear();
+
+    fakes::vconf::SetString(kKey, "/tmp/zol/of_somebody_else");
+
+    EXPECT_TRUE(fakes::dlog::Lines().empty());
+}
+
+TEST_F(PathQueue, ARemovedKeyIsLoggedAndThePathsGoOnWaiting) {
+    Handle(NOTIFY_ZOL_VCONF);
+    fakes::clock::Advance(1s);
+    Handle(NOTIFY_ZOL_VCONF);
+
+    fakes::vconf::Unset(kKey);
+    EXPECT_TRUE(fakes::dlog::Has("vconf_get_str fail"));
+
+    CollectorEmptiesTheKey();
+    EXPECT_EQ(PublishedPath(), "/tmp/zol/tg-1_1700000001");
+}
+
+TEST_F(PathQueue, WaitingForTheCollectorEndsAtOnceWithAnEmptyKey) {
+    m_notify->m_CheckVconfKey();
+
+    EXPECT_EQ(fakes::dlog::Find("vconfkey is empty, exit").priority, DLOG_PRIORITY_ERROR);
+    EXPECT_EQ(fakes::clock::SleptUs(), 0U);
+}
+
+TEST_F(PathQueue, WaitingForTheCollectorEndsAtOnceWithAKeyThatCannotBeRead) {
+    fakes::vconf::Fail(kKey, fakes::vconf::FAIL_GET);
+
+    m_notify->m_CheckVconfKey();
+
+    EXPECT_EQ(fakes::dlog::Count("vconf_get_str fail"), 1);
+    EXPECT_EQ(fakes::clock::SleptUs(), 0U);
+}
+
+TEST_F(PathQueue, WaitingForTheCollectorGivesUpAfter900Seconds) {
+    fakes::vconf::SetString(kKey, "/tmp/zol/never_taken");
+
+    m_notify->m_CheckVconfKey();
+
+    EXPECT_EQ(fakes::clock::SleptUs(), 900U * 1000000U);
+    EXPECT_EQ(fakes::dlog::Count("vconfkey is not empty, waiting["), 900);
+    EXPECT_EQ(fakes::dlog::Count("waiting[900]"), 1);
+    EXPECT_EQ(fakes::dlog::Count("waiting[1]"), 1);
+    EXPECT_FALSE(fakes::dlog::Has("waiting[0]"));
+    EXPECT_FALSE(fakes::dlog::Has("vconfkey is empty, exit"));
+}
+
+}  // namespace
