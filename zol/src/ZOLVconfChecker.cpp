@@ -1,0 +1,267 @@
+#include "ZOLVconfChecker.h"
+
+#include <utility>
+
+#include "ZOLCallbackException.h"
+#include "ZOLLog.h"
+#include "ZOLNotifyManager.h"
+#include "ZOLVconfString.h"
+#include "ZOLWorkerTask.h"
+
+namespace zol {
+namespace {
+
+constexpr const char* kLogModule = "zol::TCVconfChecker";
+constexpr const char* kSource = "zol/src/ZOLVconfChecker";
+
+constexpr const char* kTaskName = "ZOLVconfChecker";
+
+/// What is reported of a value that the rule did not give out.
+constexpr int kNoInteger = -1;
+constexpr const char* kNoText = "null";
+
+using Lock = std::lock_guard<std::mutex>;
+
+}  // namespace
+
+TCVconfChecker::TCVconfChecker(TCNotifyManager* notify, std::vector<ZOLVconfMonitor> items)
+    : m_pNotify(notify), m_monitorList(std::move(items)) {
+    for (std::size_t position = 0; position < m_monitorList.size(); ++position) {
+        m_firstItem.Add(m_monitorList[position].key, position);
+    }
+    m_Init();
+}
+
+TCVconfChecker::~TCVconfChecker() {
+    TCVconfChecker::Shutdown();
+}
+
+void TCVconfChecker::m_Init() {
+    const Lock lock(m_mutex);
+    m_conditionMap = {{"IS", CONDITION_IS},
+                      {"NOT", CONDITION_NOT},
+                      {"GREATER", CONDITION_GREATER},
+                      {"LESS", CONDITION_LESS},
+                      {"BETWEEN", CONDITION_BETWEEN}};
+    m_valueTypeMap = {{"INT", VALUE_TYPE_INT}, {"STRING", VALUE_TYPE_STRING}};
+}
+
+bool TCVconfChecker::Create() {
+    ZOL_LOG(LOG_INFO, "[TCVconfChecker] Create");
+    if (!StartWorkerTask(*this, *this, kTaskName, kSource, __LINE__)) {
+        return false;
+    }
+    m_isCreated = true;
+    ZOL_LOG(LOG_INFO, "[TCVconfChecker] Created");
+    return true;
+}
+
+void TCVconfChecker::Destroy() {
+    ZOL_LOG(LOG_INFO, "[TCVconfChecker] Destroy");
+    m_isCreated = false;
+    EndWorkerTask(*this, *this);
+    ZOL_LOG(LOG_INFO, "[TCVconfChecker] Destroyed");
+}
+
+void TCVconfChecker::Shutdown() {
+    std::vector<std::string> keys;
+    {
+        const Lock lock(m_mutex);
+        keys.swap(m_registeredKeys);
+    }
+    // Without the lock: the withdrawal waits for a running callback, which takes it.
+    for (const std::string& key : keys) {
+        vconf_withdraw_key_changed(key.c_str(), m_KeyChangedCb, this);
+    }
+    if (m_isCreated) {
+        TCVconfChecker::Destroy();
+    }
+}
+
+bool TCVconfChecker::t_OnEvent(const CSEvent* /*event*/) {
+    return true;
+}
+
+void TCVconfChecker::CheckNow(const std::vector<ZOLVconfMonitor>& items) {
+    for (const ZOLVconfMonitor& item : items) {
+        if (!m_CheckItem(item, m_GetValueType(item.type) == VALUE_TYPE_STRING)) {
+            m_Register(item.key);
+        }
+    }
+    if (m_bNotifyPending) {
+        Notify();
+        m_bNotifyPending = false;
+    }
+}
+
+void TCVconfChecker::m_Register(const std::string& key) {
+    if (vconf_notify_key_changed(key.c_str(), m_KeyChangedCb, this) < 0) {
+        ZOL_LOG(LOG_ERROR, "[%s] failed", key.c_str());
+        return;
+    }
+    {
+        const Lock lock(m_mutex);
+        m_registeredKeys.push_back(key);
+    }
+    ZOL_LOG(LOG_ERROR, "[%s] registered", key.c_str());
+}
+
+void TCVconfChecker::m_KeyChangedCb(keynode_t* node, void* userData) {
+    if (node == nullptr || userData == nullptr || node->keyname == nullptr) {
+        return;
+    }
+    ZOL_LOG(LOG_ERROR, "[m_KeyChangedCb] key : %s", node->keyname);
+    try {
+        auto* self = static_cast<TCVconfChecker*>(userData);
+        if (self->m_Check(node)) {
+            ZOL_LOG(LOG_ERROR, "found on list!");
+            self->Notify();
+        }
+    } catch (...) {
+        LogCallbackException(kLogModule);
+    }
+}
+
+bool TCVconfChecker::m_Check(const keynode_t* node) {
+    if (node == nullptr || node->keyname == nullptr) {
+        return false;
+    }
+    const std::size_t position = m_firstItem.Find(node->keyname);
+    if (position == TCKeyIndex::NOT_FOUND) {
+        return false;
+    }
+    ZOL_LOG(LOG_ERROR, "find!");
+    // The key's own type decides, whatever the item says.
+    switch (vconf_keynode_get_type(node)) {
+        case VCONF_TYPE_STRING:
+            return m_CheckItem(m_monitorList[position], true);
+        case VCONF_TYPE_INT:
+            return m_CheckItem(m_monitorList[position], false);
+        default:
+            return false;
+    }
+}
+
+bool TCVconfChecker::m_CheckItem(const ZOLVconfMonitor& item, bool isString) {
+    int value = kNoInteger;
+    std::string text = kNoText;
+    bool holds = false;
+    if (isString) {
+        holds = m_CheckStringType(item.key, item.condition, item.strValue, text);
+    } else if (m_GetCondition(item.condition) == CONDITION_BETWEEN) {
+        holds = m_CheckIntType(item.key, item.greater, item.less, value);
+    } else {
+        holds = m_CheckIntType(item.key, item.condition, item.intValue, value);
+    }
+    if (holds) {
+        m_AddNotify(item, value, text);
+    }
+    return holds;
+}
+
+bool TCVconfChecker::m_CheckIntType(const std::string& key, const std::string& condition, int value,
+                                    int& out) {
+    int read = 0;
+    if (vconf_get_int(key.c_str(), &read) != 0) {
+        ZOL_LOG(LOG_ERROR, "vconf_get_int() fail");
+        return false;
+    }
+    out = read;
+    const int code = m_GetCondition(condition);
+    // Each text in full, so that a search for what a log shows finds its place.
+    if (code == CONDITION_IS && read == value) {
+        ZOL_LOG(LOG_ERROR, "[m_CheckIntType] vconfValue[%d] == value[%d], send event to notify", read, value);
+        return true;
+    }
+    if (code == CONDITION_NOT && read != value) {
+        ZOL_LOG(LOG_ERROR, "[m_CheckIntType] vconfValue[%d] != value[%d], send event to notify", read, value);
+        return true;
+    }
+    if (code == CONDITION_GREATER && read > value) {
+        ZOL_LOG(LOG_ERROR, "[m_CheckIntType] vconfValue[%d] > value[%d], send event to notify", read, value);
+        return true;
+    }
+    if (code == CONDITION_LESS && read < value) {
+        ZOL_LOG(LOG_ERROR, "[m_CheckIntType] vconfValue[%d] < value[%d], send event to notify", read, value);
+        return true;
+    }
+    if (code < CONDITION_IS || code > CONDITION_LESS) {
+        ZOL_LOG(LOG_ERROR, "[m_CheckIntType] condition[%d]", code);
+    }
+    return false;
+}
+
+bool TCVconfChecker::m_CheckIntType(const std::string& key, int greater, int less, int& out) {
+    int read = 0;
+    if (vconf_get_int(key.c_str(), &read) != 0) {
+        ZOL_LOG(LOG_ERROR, "vconf_get_int() fail");
+        return false;
+    }
+    if (greater < read && read < less) {
+        // The value is deliberately not given out: a hit of this rule is reported as -1.
+        ZOL_LOG(LOG_ERROR, "[m_CheckIntType] greater[%d] < vconfValue[%d] < less[%d], send event to notify",
+                greater, read, less);
+        return true;
+    }
+    out = read;
+    return false;
+}
+
+bool TCVconfChecker::m_CheckStringType(const std::string& key, const std::string& condition,
+                                       const std::string& strValue, std::string& out) {
+    const VconfString read = GetVconfString(key.c_str());
+    if (read == nullptr) {
+        ZOL_LOG(LOG_ERROR, "vconf_get_str() fail");
+        return false;
+    }
+    out = read.get();
+    const int code = m_GetCondition(condition);
+    ZOL_LOG(LOG_ERROR, "[m_CheckStringType] vconfValue[%s] condition[%d] strValue[%s]", out.c_str(), code,
+            strValue.c_str());
+    const bool isEqual = out == strValue;
+    if (isEqual && code == CONDITION_IS) {
+        ZOL_LOG(LOG_ERROR, "[m_CheckStringType] vconfValue[%s] == strValue[%s], send event to notify",
+                out.c_str(), strValue.c_str());
+        return true;
+    }
+    if (!isEqual && code == CONDITION_NOT) {
+        ZOL_LOG(LOG_ERROR, "[m_CheckStringType] vconfValue[%s] != strValue[%s], send event to notify",
+                out.c_str(), strValue.c_str());
+        return true;
+    }
+    return false;
+}
+
+int TCVconfChecker::m_GetCondition(const std::string& word) {
+    // Inserts on a miss: an unknown word is code 0 from then on.
+    const Lock lock(m_mutex);
+    return m_conditionMap[word];
+}
+
+int TCVconfChecker::m_GetValueType(const std::string& word) {
+    const Lock lock(m_mutex);
+    return m_valueTypeMap[word];
+}
+
+void TCVconfChecker::m_AddNotify(ZOLVconfMonitor item, int value, std::string text) {
+    if (m_pNotify != nullptr) {
+        m_pNotify->AddNotify(std::move(item), value, std::move(text));
+    }
+    m_bNotifyPending = true;
+}
+
+void TCVconfChecker::Notify() {
+    ZOL_LOG(LOG_ERROR, "m_Notify() CALL");
+    if (m_pNotify == nullptr) {
+        ZOL_LOG(LOG_ERROR, "m_pNotify is NULL");
+        return;
+    }
+    CSEvent event;
+    event.receiver = m_pNotify;
+    event.type = NOTIFY_ZOL_VCONF;
+    if (!CCTask::Send(&event, false)) {
+        ZOL_LOG(LOG_ERROR, "Send() fail");
+    }
+}
+
+}  // namespace zol
