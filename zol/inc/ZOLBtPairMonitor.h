@@ -1,0 +1,65 @@
+#pragma once
+/// Watches the connections of the smart remote.
+#include <cstdint>
+#include <string>
+
+#include "CCHandler.h"
+#include "CCTask.h"
+#include "CSEvent.h"
+#include "ZOLMonitorInformation.h"
+#include "bt_hid.h"
+
+class TCNotifyManager;
+
+/// Method 31 counts connects and disconnects alike by the repetition rule. Method 32 reports every connect of
+/// the remote that was connected last before it.
+///
+/// Construct, Create, StartMonitoring once; from then on only the platform's callback drives it, on the
+/// platform's thread. Its own task handles nothing.
+class TCBtPairMonitor : public TCMonitorInformation, public CCTask, public CCHandler {
+public:
+    /// vconf string key, written by the platform: id of the remote that was connected last.
+    static constexpr const char* KEY_LAST_CONNECTED = "file/bluetooth/bt_last_connected_smart_rc";
+    /// Ignore time of a rule that gives none, seconds.
+    static constexpr int kDefaultIgnoreTime = 10;
+
+    /// @param ignoreTime seconds; a callback at most this long after the one before it, counted or not, does
+    ///                   not count. 0: kDefaultIgnoreTime. A negative one ignores nothing.
+    TCBtPairMonitor(TCNotifyManager* notify, int durationMinutes, int repetition, int method, int ignoreTime,
+                    int index);
+    /// Shutdown. Neither on the task's own thread nor from inside the callback.
+    ~TCBtPairMonitor() override;
+    TCBtPairMonitor(const TCBtPairMonitor&) = delete;
+    TCBtPairMonitor& operator=(const TCBtPairMonitor&) = delete;
+
+    /// Starts the task. False, and logged, when it cannot.
+    bool Create();
+    /// Registers for the remote's connections. False, and logged, when the method is unknown or the platform
+    /// refuses.
+    bool StartMonitoring();
+    bool RegisterBtCallback();
+    /// Ends the task and withdraws the callback, which is not running when this returns. May be called more
+    /// than once, from where the destructor may.
+    void Shutdown();
+
+    /// The callbacks of methods 31 and 32. `userData` is the monitor; `device` is not looked at.
+    static void BtCountingCb(bool connected, bt_device_info_s* device, void* userData);
+    static void BtLastConnectedCb(bool connected, bt_device_info_s* device, void* userData);
+
+    /// The task gets no events of its own: always false.
+    bool t_OnEvent(const CSEvent* event) override;
+
+private:
+    static bt_hid_smart_rc_connection_cb m_CallbackOf(int method);
+
+    bool m_CheckIgnoreTime(std::int64_t now);
+    bool m_CompareLastConnected();
+    void m_StoreLastConnected();
+
+    bool m_bCalled;  ///< there has been a counting callback: m_lastCallTime means something
+    std::int64_t m_lastCallTime;
+    std::string m_LastConnectedId;
+    std::int32_t m_ignoreTime;
+    bool m_bCreated;
+    bool m_bRegistered;
+};

@@ -1,0 +1,75 @@
+#pragma once
+/// The counting record that every behaviour monitor carries, and the rule it counts by.
+#include <cstdint>
+
+#include "ZOLLog.h"
+
+class TCNotifyManager;
+
+/// What a monitor says while it counts, and where the lines appear to come from.
+struct TSRepetitionTexts {
+    const char* module;    ///< as the debug channel shows it
+    const char* file;      ///< source path
+    const char* function;  ///< the callback that counts
+    int line;
+    const char* expired;  ///< the period is over, a new one begins
+    const char* count;    ///< stands in front of the current count
+    const char* hit;
+    const char* sent;     ///< the hit was posted
+    const char* notSent;  ///< the hit is lost; the only line at ERROR
+};
+
+/// One repetition rule with its running count. Not thread-safe: the platform callback that feeds it is its
+/// only writer.
+///
+/// A counting period opens with an event and lasts for the rule's duration, its last second included. It does
+/// not slide: an event after its end opens a new one. Reaching the repetition makes a hit and closes it.
+class TCMonitorInformation {
+public:
+    /// @param notify          receiver of the hits, not owned, must outlive this object; null: hits are lost
+    /// @param durationMinutes length of the counting period; kept in seconds, and held at the limits of 32
+    /// bits
+    ///                        (68 years). With a negative one a later event never falls into the period.
+    /// @param repetition      count that makes a hit; 1 and below make every event a hit
+    /// @param method          selects the monitor's mode
+    /// @param index           position of the rule among the policy's behaviour items, from 0
+    TCMonitorInformation(TCNotifyManager* notify, int durationMinutes, int repetition, int method, int index);
+
+    /// Whether a counting period is open.
+    void SetFirstCalled(bool isOpen) { m_bFirstCalled = isOpen; }
+    bool GetFirstCalled() const { return m_bFirstCalled; }
+
+    /// Start of the counting period, seconds since 1970.
+    void SetFirstCallTime(std::int64_t seconds) { m_firstCallTime = seconds; }
+    std::int64_t GetFirstCallTime() const { return m_firstCallTime; }
+    /// Last second of the counting period.
+    std::int64_t GetExpiredTime() const { return m_firstCallTime + m_duration; }
+
+    int GetMethod() const { return m_method; }
+    int GetPolicyRepetition() const { return m_policyRepetition; }
+    /// Events counted in the current period.
+    int GetCurrentRepetition() const { return m_currentRepetition; }
+    void ResetRepetition() { m_currentRepetition = 0; }
+    void AddRepetition() { ++m_currentRepetition; }
+
+    /// The wall clock in seconds since 1970; -1 when it cannot be read.
+    static std::int64_t GetCurrentTime();
+
+    /// Counts one event at `now` and posts a hit when it is one. Whatever becomes of the post, the count is
+    /// then 0 and the period closed.
+    void CountEvent(std::int64_t now, const TSRepetitionTexts& texts);
+
+    /// Posts NOTIFY_ZOL_MONITOR with this rule's index. False when there is no notify manager or its queue is
+    /// full; the hit is then lost and the caller logs it.
+    bool NotifyZOL();
+
+private:
+    TCNotifyManager* m_pNotify;
+    std::int64_t m_firstCallTime;
+    bool m_bFirstCalled;
+    std::int32_t m_duration;
+    std::int32_t m_policyRepetition;
+    std::int32_t m_currentRepetition;
+    std::int32_t m_monitorIndex;
+    std::int32_t m_method;
+};

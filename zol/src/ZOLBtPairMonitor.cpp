@@ -1,0 +1,174 @@
+#include "ZOLBtPairMonitor.h"
+
+#include "ZOLCallbackException.h"
+#include "ZOLPolicy.h"
+#include "ZOLVconfString.h"
+#include "ZOLWorkerTask.h"
+
+namespace {
+
+constexpr const char* kLogModule = "TCBtPairMonitor";
+constexpr const char* kSource = "zol/src/ZOLBtPairMonitor";
+constexpr const char* kTaskName = "BtMonitor";
+
+constexpr TSRepetitionTexts kTexts = {
+    kLogModule,
+    __FILE__,
+    "BtCountingCb",
+    __LINE__,
+    "[BtMonitor] CurrentTime > ExpiredTime, set now time to FirstCallTime",
+    "[BtMonitor] BtCountingCb(), Current Repetition : ",
+    "[BtMonitor] abnormal behavior, send to Notifier",
+    "[BtMonitor] Send Event success",
+    "[BtMonitor] Send Event fail",
+};
+
+/// The id that the platform published; null, and logged, when it cannot be read.
+zol::VconfString ReadLastConnected() {
+    zol::VconfString id = zol::GetVconfString(TCBtPairMonitor::KEY_LAST_CONNECTED);
+    if (id == nullptr) {
+        ZOL_LOG(LOG_ERROR, "vconf_get_str fail");
+    }
+    return id;
+}
+
+}  // namespace
+
+TCBtPairMonitor::TCBtPairMonitor(TCNotifyManager* notify, int durationMinutes, int repetition, int method,
+                                 int ignoreTime, int index)
+    : TCMonitorInformation(notify, durationMinutes, repetition, method, index),
+      m_bCalled(false),
+      m_lastCallTime(0),
+      m_ignoreTime(ignoreTime),
+      m_bCreated(false),
+      m_bRegistered(false) {
+    ZOL_LOG(LOG_ERROR, "ignoreTime is %d", ignoreTime);
+    if (m_ignoreTime == 0) {
+        ZOL_LOG(LOG_ERROR, "set default ignoreTime");
+        m_ignoreTime = kDefaultIgnoreTime;
+    }
+    m_StoreLastConnected();
+}
+
+TCBtPairMonitor::~TCBtPairMonitor() {
+    Shutdown();
+}
+
+bool TCBtPairMonitor::Create() {
+    ZOL_LOG(LOG_INFO, "[BtPairMonitor] Create");
+    if (!StartWorkerTask(*this, *this, kTaskName, kSource, __LINE__)) {
+        return false;
+    }
+    m_bCreated = true;
+    ZOL_LOG(LOG_INFO, "[BtPairMonitor] Created : %lu", CCTask::Id());
+    return true;
+}
+
+bool TCBtPairMonitor::StartMonitoring() {
+    if (!RegisterBtCallback()) {
+        ZOL_LOG(LOG_ERROR, "[BtMonitor] RegisterBtCallback() fail");
+        return false;
+    }
+    return true;
+}
+
+bt_hid_smart_rc_connection_cb TCBtPairMonitor::m_CallbackOf(int method) {
+    switch (method) {
+        case zol::METHOD_BT_COUNTING:
+            return BtCountingCb;
+        case zol::METHOD_BT_LAST_CONNECTED:
+            return BtLastConnectedCb;
+        default:
+            return nullptr;
+    }
+}
+
+bool TCBtPairMonitor::RegisterBtCallback() {
+    const bt_hid_smart_rc_connection_cb callback = m_CallbackOf(GetMethod());
+    const int result = callback == nullptr ? -1 : bt_hid_set_smart_rc_connection_cb(callback, this);
+    if (result != 0) {
+        ZOL_LOG(LOG_ERROR, "[BtMonitor] fail to register bt callback, return [%d]", result);
+        return false;
+    }
+    m_bRegistered = true;
+    ZOL_LOG(LOG_INFO, "[BtMonitor] success to register bt callback.");
+    return true;
+}
+
+void TCBtPairMonitor::Shutdown() {
+    if (m_bRegistered) {
+        bt_hid_unset_smart_rc_connection_cb(m_CallbackOf(GetMethod()), this);
+        m_bRegistered = false;
+    }
+    if (m_bCreated) {
+        EndWorkerTask(*this, *this);
+        m_bCreated = false;
+    }
+}
+
+void TCBtPairMonitor::BtCountingCb(bool connected, bt_device_info_s* /*device*/, void* userData) try {
+    ZOL_LOG(LOG_INFO, "[BtMonitor] BtCountingCb() called, connected : %d", connected);
+    auto* const monitor = static_cast<TCBtPairMonitor*>(userData);
+    if (monitor == nullptr) {
+        ZOL_LOG(LOG_INFO, "[BtMonitor] BtCountingCb() called, pMonitor is NULL");
+        return;
+    }
+    const std::int64_t now = GetCurrentTime();
+    if (monitor->m_CheckIgnoreTime(now)) {
+        ZOL_LOG(LOG_INFO, "[BtMonitor] BtCountingCb() called between ignoreTime, return");
+        return;
+    }
+    monitor->CountEvent(now, kTexts);
+} catch (...) {
+    zol::LogCallbackException(kLogModule);
+}
+
+void TCBtPairMonitor::BtLastConnectedCb(bool connected, bt_device_info_s* /*device*/, void* userData) try {
+    ZOL_LOG(LOG_INFO, "[BtMonitor] BtLastConnectedCb() called, connected : %d", connected);
+    auto* const monitor = static_cast<TCBtPairMonitor*>(userData);
+    if (monitor == nullptr) {
+        ZOL_LOG(LOG_INFO, "[BtMonitor] BtLastConnectedCb() called, pMonitor is NULL");
+    } else if (!connected) {
+        monitor->m_StoreLastConnected();
+    } else if (monitor->m_CompareLastConnected()) {
+        monitor->NotifyZOL();
+    }
+} catch (...) {
+    zol::LogCallbackException(kLogModule);
+}
+
+bool TCBtPairMonitor::t_OnEvent(const CSEvent* /*event*/) {
+    ZOL_LOG(LOG_INFO, "[BtMonitor] t_OnEvent");
+    return false;
+}
+
+bool TCBtPairMonitor::m_CheckIgnoreTime(std::int64_t now) {
+    const bool isIgnored = m_bCalled && m_lastCallTime + m_ignoreTime >= now;
+    m_bCalled = true;
+    m_lastCallTime = now;
+    return isIgnored;
+}
+
+bool TCBtPairMonitor::m_CompareLastConnected() {
+    const zol::VconfString current = ReadLastConnected();
+    if (current == nullptr) {
+        return false;
+    }
+    if (m_LastConnectedId.empty()) {
+        ZOL_LOG(LOG_ERROR, "m_LastConnectedId is empty, first pairing case");
+        return false;
+    }
+    if (m_LastConnectedId == current.get()) {
+        ZOL_LOG(LOG_ERROR, "m_LastConnectedId is same as currentId, abnormal case");
+        return true;
+    }
+    ZOL_LOG(LOG_ERROR, "m_LastConnectedId is different as currentId, new rc pairing case");
+    return false;
+}
+
+void TCBtPairMonitor::m_StoreLastConnected() {
+    const zol::VconfString current = ReadLastConnected();
+    if (current != nullptr) {
+        m_LastConnectedId = current.get();
+    }
+}

@@ -1,0 +1,79 @@
+#include "ZOLMonitorInformation.h"
+
+#include <algorithm>
+#include <limits>
+
+#include "CSEvent.h"
+#include "ZOLNotifyManager.h"
+#include "platform_clock.h"
+
+namespace {
+
+constexpr const char* kLogModule = "TCMonitorInformation";
+constexpr std::int64_t kSecondsPerMinute = 60;
+
+/// Held at the limits of 32 bits, so that a rule means the same on machines of any width.
+std::int32_t ToSeconds(int minutes) {
+    using Limits = std::numeric_limits<std::int32_t>;
+    return static_cast<std::int32_t>(
+        std::clamp<std::int64_t>(minutes * kSecondsPerMinute, Limits::min(), Limits::max()));
+}
+
+}  // namespace
+
+TCMonitorInformation::TCMonitorInformation(TCNotifyManager* notify, int durationMinutes, int repetition,
+                                           int method, int index)
+    : m_pNotify(notify),
+      m_firstCallTime(0),
+      m_bFirstCalled(false),
+      m_duration(ToSeconds(durationMinutes)),
+      m_policyRepetition(repetition),
+      m_currentRepetition(0),
+      m_monitorIndex(index),
+      m_method(method) {}
+
+std::int64_t TCMonitorInformation::GetCurrentTime() {
+    timespec now{};
+    return platform_clock_realtime(&now) == 0 ? now.tv_sec : -1;
+}
+
+void TCMonitorInformation::CountEvent(std::int64_t now, const TSRepetitionTexts& texts) {
+    const auto say = [&texts](zol::ELogPriority priority, const char* text) {
+        zol::WriteLog(priority, texts.module, texts.file, texts.function, texts.line, "%s", text);
+    };
+    if (m_bFirstCalled && now > GetExpiredTime()) {
+        say(zol::LOG_INFO, texts.expired);
+        ResetRepetition();
+        SetFirstCallTime(now);
+    } else if (!m_bFirstCalled) {
+        SetFirstCallTime(now);
+        SetFirstCalled(true);
+    }
+    AddRepetition();
+    zol::WriteLog(zol::LOG_INFO, texts.module, texts.file, texts.function, texts.line, "%s%d", texts.count,
+                  GetCurrentRepetition());
+    if (GetPolicyRepetition() > GetCurrentRepetition()) {
+        return;
+    }
+    say(zol::LOG_INFO, texts.hit);
+    if (NotifyZOL()) {
+        say(zol::LOG_INFO, texts.sent);
+    } else {
+        say(zol::LOG_ERROR, texts.notSent);
+    }
+    ResetRepetition();
+    SetFirstCalled(false);
+}
+
+bool TCMonitorInformation::NotifyZOL() {
+    ZOL_LOG(LOG_ERROR, "NotifyZOL() CALL");
+    if (m_pNotify == nullptr) {
+        ZOL_LOG(LOG_ERROR, "m_pNotify is NULL");
+        return false;
+    }
+    CSEvent event;
+    event.receiver = m_pNotify;
+    event.type = NOTIFY_ZOL_MONITOR;
+    event.param.l[0] = m_monitorIndex;
+    return CCTask::Send(&event, false);
+}
