@@ -1,0 +1,214 @@
+#include "ZOLAppInstallMonitor.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "dlog.h"
+#include "fake_was.h"
+#include "monitor_fixture.h"
+
+namespace {
+
+using fakes::was::Install;
+using fakes::was::RegisteredIds;
+
+constexpr int kMethod = 11;
+constexpr int kIndex = 3;
+constexpr std::int64_t kMinute = 60;  // seconds
+constexpr const char* kId = "org.kaldo.example";
+constexpr const char* kCount = "[InstallMonitor] AppInstallCb(), Current Repetition : ";
+
+class AppInstallMonitor : public MonitorFixture {
+protected:
+    /// A monitor of 60 minutes that is created but not started.
+    TCAppInstallMonitor& Make(const std::string& id = kId, int repetition = 2) {
+        m_monitor = std::make_unique<TCAppInstallMonitor>(&m_notify, id, 60, repetition, kMethod, kIndex);
+        EXPECT_TRUE(m_monitor->Create());
+        return *m_monitor;
+    }
+    TCAppInstallMonitor& Start(const std::string& id = kId, int repetition = 2) {
+        Make(id, repetition);
+        EXPECT_TRUE(m_monitor->StartMonitoring());
+        return *m_monitor;
+    }
+    static void InstallAt(std::initializer_list<std::int64_t> seconds) {
+        for (const std::int64_t second : seconds) {
+            At(second);
+            EXPECT_EQ(Install(kId), 1);
+        }
+    }
+    bool Post(std::uint32_t type) {
+        CSEvent event;
+        event.receiver = m_monitor.get();
+        event.type = type;
+        return CCTask::Send(&event, true);
+    }
+
+    std::unique_ptr<TCAppInstallMonitor> m_monitor;
+};
+
+TEST_F(AppInstallMonitor, TwoInstallsThirtyMinutesApartAreAHit) {
+    Start();
+    InstallAt({0, 30 * kMinute});
+    EXPECT_EQ(m_notify.Hits(), Hits({kIndex}));
+}
+
+TEST_F(AppInstallMonitor, TwoInstallsSixtyOneMinutesApartAreNone) {
+    TCAppInstallMonitor& monitor = Start();
+    InstallAt({0, 61 * kMinute});
+    EXPECT_EQ(m_notify.Hits(), Hits());
+    EXPECT_EQ(monitor.GetCurrentRepetition(), 1);
+    EXPECT_EQ(PriorityOf("[InstallMonitor] CurrentTime > ExpireTime, set now time to FirstCallTime"),
+              DLOG_PRIORITY_INFO);
+}
+
+TEST_F(AppInstallMonitor, AnInstallExactlyAtTheEndStillCounts) {
+    Start();
+    InstallAt({0, 60 * kMinute});
+    EXPECT_EQ(m_notify.Hits(), Hits({kIndex}));
+}
+
+TEST_F(AppInstallMonitor, AnInstallOneSecondAfterTheEndDoesNotCount) {
+    Start();
+    InstallAt({0, 60 * kMinute + 1});
+    EXPECT_EQ(m_notify.Hits(), Hits());
+}
+
+TEST_F(AppInstallMonitor, InstallsOfOneSecondAllCount) {
+    Start(kId, 3);
+    InstallAt({7, 7, 7});
+    EXPECT_EQ(m_notify.Hits(), Hits({kIndex}));
+}
+
+TEST_F(AppInstallMonitor, OtherEventsChangeNothing) {
+    TCAppInstallMonitor& monitor = Start(kId, 1);
+    for (const int code : {0, 1, 99, 101, 200}) {
+        Install(kId, static_cast<was_notify_event_e>(code));
+    }
+    EXPECT_EQ(m_notify.Hits(), Hits());
+    EXPECT_EQ(monitor.GetCurrentRepetition(), 0);
+    EXPECT_FALSE(monitor.GetFirstCalled());
+    EXPECT_EQ(Logged("[InstallMonitor] AppInstallCb(), event : 200"), 1);
+}
+
+TEST_F(AppInstallMonitor, AHitIsLoggedSentAndTheCountBeginsAgain) {
+    Start();
+    InstallAt({0, 1, 2});
+    EXPECT_EQ(Logged(std::string(kCount) + "1"), 2);
+    EXPECT_EQ(Logged(std::string(kCount) + "2"), 1);
+    EXPECT_EQ(PriorityOf("[InstallMonitor] abnormal behavior, send to Notifier"), DLOG_PRIORITY_INFO);
+    EXPECT_EQ(PriorityOf("[InstallMonitor] Send Event success"), DLOG_PRIORITY_INFO);
+    EXPECT_NE(fakes::dlog::Find(kCount).text.find("ZOLAppInstallMonitor: AppInstallCb("), std::string::npos);
+}
+
+TEST_F(AppInstallMonitor, AStormOfHitsFillsTheQueueAndTheRestIsLoggedAsLost) {
+    Start(kId, 1);
+    m_notify.Hold();
+    for (int i = 0; i < 10000; ++i) {
+        Install(kId);
+    }
+    EXPECT_EQ(Logged("[InstallMonitor] Send Event success"), static_cast<int>(kQueueLength));
+    EXPECT_EQ(Logged("[InstallMonitor] Send Event fail"), 10000 - static_cast<int>(kQueueLength));
+    EXPECT_EQ(PriorityOf("[InstallMonitor] Send Event fail"), DLOG_PRIORITY_ERROR);
+    m_notify.ReleaseAndDrain();
+    EXPECT_EQ(m_notify.Hits(), Hits(kQueueLength, kIndex));
+}
+
+TEST_F(AppInstallMonitor, IdsAreCutTo127Characters) {
+    for (const std::size_t length : {127U, 128U, 1000U}) {
+        Start(std::string(length, 'a'));
+        EXPECT_EQ(RegisteredIds(), std::vector<std::string>({std::string(127, 'a')})) << length;
+        m_monitor.reset();
+    }
+}
+
+TEST_F(AppInstallMonitor, IdsThatCouldLeaveTheApplicationsFoldersAreNotWatched) {
+    for (const char* const id : {"../evil", "a/b", ".."}) {
+        EXPECT_FALSE(Make(id).StartMonitoring()) << id;
+    }
+    EXPECT_TRUE(RegisteredIds().empty());
+}
+
+TEST_F(AppInstallMonitor, ARefusalOfTheServiceIsLoggedWithItsResult) {
+    fakes::was::FailRegistrations(kId, -5);
+    EXPECT_FALSE(Make().StartMonitoring());
+    EXPECT_EQ(PriorityOf("[InstallMonitor] RegisterCallback() fail, return [-5]"), DLOG_PRIORITY_ERROR);
+    EXPECT_EQ(Logged("[InstallMonitor] RegisterCallback() fail"), 2);
+}
+
+TEST_F(AppInstallMonitor, SaysWhatItWatches) {
+    Make();
+    EXPECT_EQ(PriorityOf("[INSTALL MONITOR] org.kaldo.example, 60, 2, 11"), DLOG_PRIORITY_INFO);
+    EXPECT_STREQ(m_monitor->Name(), "InstallMonitor");
+    EXPECT_EQ(Logged("[TCAppInstallMonitor] Created : " + std::to_string(m_monitor->Id())), 1);
+}
+
+TEST_F(AppInstallMonitor, ACallbackWithoutAMonitorIsAnError) {
+    TCAppInstallMonitor::AppInstallCb(kId, WAS_NOTIFY_INSTALL_COMPLETED, 0, 0, nullptr);
+    EXPECT_EQ(PriorityOf("[InstallMonitor] AppInstallCb() called, pMonitor is NULL"), DLOG_PRIORITY_ERROR);
+}
+
+TEST_F(AppInstallMonitor, AnEventOfTypeZeroStartsItOnItsOwnTask) {
+    Make();
+    EXPECT_TRUE(Post(0));
+    EXPECT_EQ(RegisteredIds(), std::vector<std::string>({kId}));
+    EXPECT_EQ(Logged("[TCAppInstallMonitor::t_OnEvent] TYPE:0"), 1);
+    EXPECT_EQ(Logged("[TCAppInstallMonitor::t_OnEvent] monitoring start"), 1);
+}
+
+TEST_F(AppInstallMonitor, AStartThroughItsTaskThatIsRefusedIsLogged) {
+    fakes::was::FailRegistrations(kId, -1);
+    Make();
+    EXPECT_TRUE(Post(0));
+    EXPECT_EQ(Logged("[InstallMonitor] RegisterCallback() fail"), 2);
+}
+
+TEST_F(AppInstallMonitor, AnUnknownEventAsserts) {
+    Make();
+    Post(1);
+    EXPECT_EQ(Logged("ASSERT: !\"[TCAppInstallMonitor] Unknown Event Type\" [zol/src/ZOLAppInstallMonitor"),
+              1);
+    m_monitor->t_OnEvent(nullptr);
+    EXPECT_EQ(Logged("ASSERT: event [zol/src/ZOLAppInstallMonitor"), 1);
+}
+
+TEST_F(AppInstallMonitor, CreatedTwiceItSaysWhichCheckFailed) {
+    EXPECT_FALSE(Make().Create());
+    EXPECT_EQ(Logged("CCTask::Create(\"InstallMonitor\")"), 1);
+}
+
+TEST_F(AppInstallMonitor, ShutdownWithdrawsItsRegistrationOnly) {
+    Start();
+    TCAppInstallMonitor other(&m_notify, "other", 60, 2, kMethod, 0);
+    ASSERT_TRUE(other.StartMonitoring());
+    m_monitor->Shutdown();
+    EXPECT_EQ(RegisteredIds(), std::vector<std::string>({"other"}));
+    m_monitor->Shutdown();
+}
+
+TEST_F(AppInstallMonitor, CallbacksMayArriveWhileItShutsDown) {
+    Start(kId, 1);
+    std::atomic<int> installs{0};
+    std::thread service([&installs] {
+        while (Install(kId) > 0) {
+            ++installs;
+        }
+    });
+    while (installs < 10) {
+        std::this_thread::yield();
+    }
+    m_monitor.reset();
+    service.join();
+    EXPECT_TRUE(RegisteredIds().empty());
+    EXPECT_EQ(Logged("[InstallMonitor] abnormal behavior, send to Notifier"), installs);
+}
+
+}  // namespace

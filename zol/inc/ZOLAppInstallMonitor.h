@@ -1,0 +1,50 @@
+#pragma once
+/// Watches the installation of one web application.
+#include <atomic>
+#include <string>
+
+#include "CCHandler.h"
+#include "CCTask.h"
+#include "CSEvent.h"
+#include "ZOLMonitorInformation.h"
+#include "was.h"
+
+class TCNotifyManager;
+
+/// Counts completed installs by the repetition rule.
+///
+/// Construct, Create, StartMonitoring once; from then on only the web-app service's callback drives it, on
+/// the service's thread.
+class TCAppInstallMonitor : public TCMonitorInformation, public CCTask, public CCHandler {
+public:
+    /// @param id application id; the service is asked for its first 127 characters
+    TCAppInstallMonitor(TCNotifyManager* notify, std::string id, int durationMinutes, int repetition,
+                        int method, int index);
+    /// Shutdown. Neither on the task's own thread nor from inside the callback.
+    ~TCAppInstallMonitor() override;
+    TCAppInstallMonitor(const TCAppInstallMonitor&) = delete;
+    TCAppInstallMonitor& operator=(const TCAppInstallMonitor&) = delete;
+
+    /// Starts the task. False, and logged, when it cannot.
+    bool Create();
+    /// Registers with the web-app service. False, and logged, when it refuses.
+    bool StartMonitoring();
+    /// Ends the task and withdraws the callback, which is not running when this returns. May be called more
+    /// than once, from where the destructor may.
+    void Shutdown();
+
+    /// `userData` is the monitor. The id is not compared: the service reports only what was registered.
+    static void AppInstallCb(const char* appId, was_notify_event_e event, int value1, int value2,
+                             void* userData);
+
+    /// Type 0 registers with the service, on the task's thread, in place of StartMonitoring; any other type
+    /// is a failed assertion (false where that returns).
+    bool t_OnEvent(const CSEvent* event) override;
+
+private:
+    bool m_RegisterCallback();
+
+    const std::string m_appId;
+    bool m_bCreated;
+    std::atomic<bool> m_bRegistered;
+};

@@ -1,0 +1,66 @@
+#pragma once
+/// Turns the behaviour items of the current policy into running monitors.
+#include <map>
+#include <memory>
+#include <string>
+
+#include "CCHandler.h"
+#include "CCTask.h"
+#include "CSEvent.h"
+
+class TCAppInstallMonitor;
+class TCBtPairMonitor;
+class TCNotifyManager;
+
+namespace zol {
+struct ZOLPolicyMonitor;
+}
+
+/// Construct, Create, StartMonitoring once, Shutdown. The monitors report by themselves, on the platform's
+/// threads. The policy is watched by at most one pairing monitor and one install monitor per application id:
+/// the first item wins.
+class TCMonitorManager : public CCTask, public CCHandler {
+public:
+    /// @param notify receiver of the hits; not owned, must outlive this object. Null: every hit is lost.
+    explicit TCMonitorManager(TCNotifyManager* notify);
+    /// Shutdown. Neither on a task's own thread nor from inside a platform callback.
+    ~TCMonitorManager() override;
+    TCMonitorManager(const TCMonitorManager&) = delete;
+    TCMonitorManager& operator=(const TCMonitorManager&) = delete;
+
+    /// Starts the task. False, and logged, when it cannot.
+    bool Create();
+
+    /// Builds a monitor for every item in the information storage that can be watched, and starts them: the
+    /// pairing monitor, then the install monitors in the order of their ids. An item that is refused is
+    /// logged and skipped. False when a monitor cannot start; those behind it are then not started either.
+    bool StartMonitoring();
+
+    /// Destroys the notify manager and forgets it; no more than that: monitors and tasks go on. Asserts that
+    /// there is one. Shutdown is what ends everything.
+    void Destroy() override;
+
+    /// Withdraws every platform callback, ends the monitors' tasks and this one's, and frees the monitors.
+    /// When it returns no callback is running. The notify manager is left alone. May be called more than
+    /// once, from where the destructor may.
+    void Shutdown();
+
+    /// Accepts type 0 and does nothing; any other type is a failed assertion (false where that returns).
+    bool t_OnEvent(const CSEvent* event) override;
+
+private:
+    void m_Init();
+    void m_InitItem(const zol::ZOLPolicyMonitor& item, int index);
+    bool m_BtPairInit(int duration, int repetition, int method, int ignoreTime, int index);
+    bool m_AppInstallInit(std::string id, int duration, int repetition, int method, int index);
+    bool m_StartBtPairMonitoring();
+    bool m_StartAppInstallMonitoring(TCAppInstallMonitor* monitor);
+
+    TCNotifyManager* m_pNotify;
+    std::unique_ptr<TCBtPairMonitor> m_pBtPairMonitor;
+    std::map<std::string, std::unique_ptr<TCAppInstallMonitor>> m_appInstallMonitors;
+    bool m_bBtPair;
+    bool m_bAppInstall;
+    bool m_bAppLaunch;  ///< reserved; never set
+    bool m_bCreated;
+};
