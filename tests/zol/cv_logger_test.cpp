@@ -1,0 +1,275 @@
+#include "ZOLCVLogger.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "TCDebug.h"
+#include "cv/TCScopeHandler.h"
+#include "cv/TCTrapPattern.h"
+#include "device_paths.h"
+#include "fake_dlog.h"
+#include "fake_vconf.h"
+#include "fakes.h"
+
+namespace {
+
+constexpr const char* kFocus = "memory/boot/dyboost/lumo_onfocus";
+constexpr const char* kSelect = "memory/boot/dyboost/lumo_onselect";
+constexpr const char* kLaunch = "db/factory/RSC_Launch";
+constexpr const char* kForeground = "db/factory/RSC_FG";
+constexpr const char* kBackground = "db/factory/RSC_BG";
+constexpr const char* kVolume = "file/private/sound/volume/Master";
+
+class UsageLogger : public testing::Test {
+protected:
+    UsageLogger() {
+        fakes::Reset();
+        Tracing().Reload();
+        Tracing().Clear();
+        cv::TCTrapPattern::Instance().Clear();
+        Tracing().SetActive(true);
+        m_logger = std::make_unique<zol::TCCVLogger>();
+    }
+    ~UsageLogger() override { Tracing().SetActive(false); }
+
+    static cv::TCScopeHandler& Tracing() { return cv::TCScopeHandler::Instance(); }
+    static std::vector<cv::TSEvent> Events() { return Tracing().Events(); }
+
+    static void SetRsc(int launch, int foreground, int background) {
+        fakes::vconf::SetInt(kForeground, foreground);
+        fakes::vconf::SetInt(kBackground, background);
+        fakes::vconf::SetInt(kLaunch, launch);
+    }
+
+    std::unique_ptr<zol::TCCVLogger> m_logger;
+};
+
+TEST_F(UsageLogger, WatchesItsFiveKeysAndSaysSo) {
+    for (const char* key : {kFocus, kSelect, kLaunch, kForeground, kBackground}) {
+        EXPECT_EQ(fakes::vconf::Registrations(key), 1) << key;
+    }
+    EXPECT_EQ(fakes::vconf::Registrations(), 5);
+
+    ASSERT_EQ(fakes::dlog::Lines().size(), 2U);
+    EXPECT_EQ(fakes::dlog::Find("[TCCVLogger] start").priority, 4);
+    EXPECT_EQ(fakes::dlog::Find("m_LoggingCsfs() end").priority, 4);
+}
+
+TEST_F(UsageLogger, ItsLinesNameItOnTheSecondChannel) {
+    TCDebug::EnableFileLog(true);
+
+    fakes::vconf::SetString(kFocus, "tile");
+    m_logger->LogVolumeLevel();
+
+    TCDebug::EnableFileLog(false);
+    const std::string log = fakes::ReadDeviceFile("/var/log/zol/debug.log");
+    EXPECT_NE(log.find("zol::CVLogger m_ScreenScrollCb("), std::string::npos) << log;
+    EXPECT_NE(log.find("zol::CVLogger LogVolumeLevel("), std::string::npos) << log;
+}
+
+TEST_F(UsageLogger, WithdrawsItsCallbacksWithoutAWordWhenItGoes) {
+    fakes::dlog::Clear();
+
+    m_logger.reset();
+    fakes::vconf::SetString(kFocus, "late");
+
+    EXPECT_EQ(fakes::vconf::Registrations(), 0);
+    EXPECT_TRUE(fakes::dlog::Lines().empty());
+    EXPECT_TRUE(Events().empty());
+}
+
+TEST_F(UsageLogger, AKeyThatCannotBeWatchedIsLoggedAndTheOthersAreWatched) {
+    m_logger.reset();
+    fakes::dlog::Clear();
+    for (const char* key : {kFocus, kSelect, kLaunch, kForeground}) {
+        fakes::vconf::Fail(key, fakes::vconf::FAIL_NOTIFY);
+    }
+
+    m_logger = std::make_unique<zol::TCCVLogger>();
+
+    EXPECT_EQ(fakes::dlog::Count("register m_ScreenScrollCb fail"), 1);
+    EXPECT_EQ(fakes::dlog::Count("register m_ScreenSelectCb fail"), 1);
+    EXPECT_EQ(fakes::dlog::Count("register m_GetRSCCb about VCONFKEY_RSC_LAUNCH fail"), 1);
+    EXPECT_EQ(fakes::dlog::Count("register m_GetRSCCb about VCONFKEY_RSC_FG fail"), 1);
+    EXPECT_EQ(fakes::dlog::Count("m_LoggingCsfs() end"), 1);
+    EXPECT_EQ(fakes::vconf::Registrations(), 1);
+}
+
+TEST_F(UsageLogger, TheBackgroundKeysFailureIsReportedWithTheForegroundsMessage) {
+    m_logger.reset();
+    fakes::dlog::Clear();
+    fakes::vconf::Fail(kBackground, fakes::vconf::FAIL_NOTIFY);
+
+    m_logger = std::make_unique<zol::TCCVLogger>();
+
+    EXPECT_EQ(fakes::dlog::Count("register m_GetRSCCb about VCONFKEY_RSC_FG fail"), 1);
+    EXPECT_EQ(fakes::vconf::Registrations(kForeground), 1);
+}
+
+TEST_F(UsageLogger, AFocusChangeIsLoggedAndRecordedWithItsText) {
+    fakes::vconf::SetString(kFocus, "home_%s_button");
+
+    const fakes::LogLine line = fakes::dlog::Find("home_%s_button");
+    EXPECT_EQ(line.priority, 4);
+    EXPECT_NE(line.text.find(": m_ScreenScrollCb("), std::string::npos);
+    ASSERT_EQ(Events().size(), 1U);
+    const cv::TSEvent event = Events()[0];
+    EXPECT_STREQ(event.site->function, "m_ScreenScrollCb");
+    ASSERT_EQ(event.itemCount, 1);
+    EXPECT_EQ(event.TextOf(event.items[0]), "home_%s_button");
+}
+
+TEST_F(UsageLogger, ASelectionIsLoggedAndRecordedWithItsText) {
+    fakes::vconf::SetString(kSelect, "store");
+
+    EXPECT_NE(fakes::dlog::Find("store").text.find(": m_ScreenSelectCb("), std::string::npos);
+    ASSERT_EQ(Events().size(), 1U);
+    const cv::TSEvent event = Events()[0];
+    EXPECT_STREQ(event.site->function, "m_ScreenSelectCb");
+    EXPECT_EQ(event.TextOf(event.items[0]), "store");
+}
+
+TEST_F(UsageLogger, AChangeOfAnUnsetOrUnreadableFocusKeyLogsThatTheValueIsNullAndRecordsNothing) {
+    fakes::vconf::SetString(kFocus, "x");
+    Tracing().Clear();
+
+    fakes::vconf::Unset(kFocus);
+    EXPECT_EQ(fakes::dlog::Count("value is null"), 1);
+    fakes::vconf::SetInt(kFocus, 5);
+    EXPECT_EQ(fakes::dlog::Count("value is null"), 2);
+    fakes::vconf::Fail(kSelect, fakes::vconf::FAIL_GET);
+    fakes::vconf::SetString(kSelect, "x");
+    EXPECT_EQ(fakes::dlog::Count("value is null"), 3);
+
+    EXPECT_TRUE(Events().empty());
+}
+
+TEST_F(UsageLogger, AnRscChangeIsLoggedAndRecordedWithItsTextAndThreeNumbers) {
+    SetRsc(1, -2, 3);
+
+    EXPECT_EQ(fakes::dlog::Count("iRSC_Launch = 1, iRSC_FG = -2, iRSC_BG = 3"), 1);
+    ASSERT_EQ(Events().size(), 1U);
+    const cv::TSEvent event = Events()[0];
+    ASSERT_EQ(event.itemCount, 4);
+    EXPECT_EQ(event.TextOf(event.items[0]), "Change RSC vconf value");
+    EXPECT_EQ(event.items[0].size, 22U);
+    const std::vector<std::int64_t> expected = {1, -2, 3};
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        EXPECT_EQ(static_cast<std::int64_t>(event.items[i + 1].bits), expected[i]);
+        EXPECT_EQ(event.items[i + 1].size, 4U);
+    }
+}
+
+TEST_F(UsageLogger, EachOfTheThreeRscKeysReportsAllThree) {
+    SetRsc(1, 2, 3);
+    for (const char* key : {kLaunch, kForeground, kBackground}) {
+        Tracing().Clear();
+        fakes::vconf::SetInt(key, 9);
+        EXPECT_EQ(Events().size(), 1U) << key;
+    }
+}
+
+TEST_F(UsageLogger, AnRscKeyThatCannotBeReadLogsThatTheValueIsNullAndRecordsNothing) {
+    SetRsc(1, 2, 3);
+    for (const char* missing : {kLaunch, kForeground, kBackground}) {
+        fakes::vconf::Fail(missing, fakes::vconf::FAIL_GET);
+        Tracing().Clear();
+        fakes::dlog::Clear();
+
+        fakes::vconf::SetInt(kLaunch, 4);
+
+        EXPECT_EQ(fakes::dlog::Count("value is null"), 1) << missing;
+        EXPECT_FALSE(fakes::dlog::Has("iRSC_Launch")) << missing;
+        EXPECT_TRUE(Events().empty()) << missing;
+        fakes::vconf::Fail(missing, fakes::vconf::FAIL_NONE);
+    }
+}
+
+TEST_F(UsageLogger, ACallbackWithoutNodeOrUserDataDoesNothing) {
+    SetRsc(1, 2, 3);
+    fakes::vconf::SetString(kFocus, "x");
+    fakes::vconf::SetString(kSelect, "x");
+    fakes::dlog::Clear();
+    Tracing().Clear();
+    keynode_t node{kFocus, VCONF_TYPE_STRING, 0, "x"};
+
+    for (const vconf_callback_fn callback :
+         {zol::TCCVLogger::m_ScreenScrollCb, zol::TCCVLogger::m_ScreenSelectCb,
+          zol::TCCVLogger::m_GetRSCCb}) {
+        callback(nullptr, m_logger.get());
+        callback(&node, nullptr);
+    }
+
+    EXPECT_TRUE(fakes::dlog::Lines().empty());
+    EXPECT_TRUE(Events().empty());
+}
+
+TEST_F(UsageLogger, TheVolumeLevelIsRecordedInFourBytesAndLogged) {
+    fakes::vconf::SetInt(kVolume, 42);
+
+    m_logger->LogVolumeLevel();
+
+    EXPECT_EQ(fakes::dlog::Count("volume level : 42"), 1);
+    ASSERT_EQ(Events().size(), 1U);
+    EXPECT_EQ(Events()[0].items[0].size, 4U);
+    EXPECT_EQ(Events()[0].items[0].bits, 42U);
+}
+
+TEST_F(UsageLogger, AVolumeThatCannotBeReadIsMinusOne) {
+    m_logger->LogVolumeLevel();
+
+    EXPECT_EQ(fakes::dlog::Count("volume level : -1"), 1);
+    EXPECT_EQ(static_cast<std::int64_t>(Events().at(0).items[0].bits), -1);
+}
+
+TEST_F(UsageLogger, AVolumeThatMeetsATrapConditionIsQueued) {
+    fakes::WriteDeviceFile(ZOL_PATH_TRAP_CONF,
+                           "loud ZOLCVLogger:LogVolumeLevel 0 signed > 80\n"
+                           "none ZOLCVLogger:LogVolumeLevel 0 unsigned == 4294967295\n"
+                           "text ZOLCVLogger:LogVolumeLevel 0 text == 81\n");
+    ASSERT_EQ(Tracing().Reload(), 3);
+
+    m_logger->LogVolumeLevel();
+    fakes::vconf::SetInt(kVolume, 80);
+    m_logger->LogVolumeLevel();
+    fakes::vconf::SetInt(kVolume, 81);
+    m_logger->LogVolumeLevel();
+
+    const std::vector<cv::TSTrapMatch> matches = cv::TCTrapPattern::Instance().Items();
+    ASSERT_EQ(matches.size(), 3U);
+    EXPECT_STREQ(matches[0].name, "none");
+    EXPECT_STREQ(matches[1].name, "loud");
+    EXPECT_STREQ(matches[2].name, "text");
+}
+
+TEST_F(UsageLogger, AFocusThatMeetsATrapConditionIsQueued) {
+    fakes::WriteDeviceFile(ZOL_PATH_TRAP_CONF, "shop ZOLCVLogger:m_ScreenScrollCb 0 text begins store\n");
+    ASSERT_EQ(Tracing().Reload(), 1);
+
+    fakes::vconf::SetString(kFocus, "home");
+    fakes::vconf::SetString(kFocus, "store_tile");
+
+    ASSERT_EQ(cv::TCTrapPattern::Instance().Items().size(), 1U);
+    EXPECT_STREQ(cv::TCTrapPattern::Instance().Items()[0].value, "store_tile");
+}
+
+TEST_F(UsageLogger, WithTracingInactiveEveryCallbackStillLogsAndRecordsNothing) {
+    Tracing().SetActive(false);
+
+    fakes::vconf::SetString(kFocus, "focus_text");
+    fakes::vconf::SetString(kSelect, "select_text");
+    SetRsc(1, 2, 3);
+    m_logger->LogVolumeLevel();
+
+    EXPECT_TRUE(fakes::dlog::Has("focus_text"));
+    EXPECT_TRUE(fakes::dlog::Has("select_text"));
+    EXPECT_TRUE(fakes::dlog::Has("iRSC_Launch = 1, iRSC_FG = 2, iRSC_BG = 3"));
+    EXPECT_TRUE(fakes::dlog::Has("volume level : -1"));
+    EXPECT_TRUE(Events().empty());
+}
+
+}  // namespace
