@@ -1,0 +1,229 @@
+/// The stored policy under bad conditions: disks that are full, paths that are no files, content that is
+/// none.
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <string>
+
+#include "ZOLPolicyParser.h"
+#include "device_path.h"
+#include "dlog.h"
+#include "fake_dlog.h"
+#include "policy_manager_fixture.h"
+
+namespace {
+
+using fakes::dlog::Has;
+
+constexpr const char* kTemporary = ZOL_PATH_POLICY ".new";
+
+class StoredPolicyFile : public PolicyManagerTest {
+protected:
+    StoredPolicyFile() { fakes::MakeDeviceFolder(ZOL_PATH_STATE_DIR); }
+
+    static std::string Mapped(const std::string& path) { return DevicePath(path); }
+
+    /// Pushes a policy that cannot be stored, over one that is.
+    void ExpectRefusedAndOldKept(const std::string& reason) {
+        EXPECT_FALSE(m_manager->UpdatePolicy(PolicyFor("db/new")));
+        EXPECT_EQ(StoredPolicy(), PolicyFor("db/old"));
+        EXPECT_EQ(fakes::dlog::Find(reason).priority, DLOG_PRIORITY_ERROR) << reason;
+        EXPECT_EQ(fakes::dlog::Find("Something went wrong with storing of policy").priority,
+                  DLOG_PRIORITY_ERROR);
+        EXPECT_EQ(fakes::vconf::GetInt(kRunningKey), 0);
+    }
+    void ExpectNotLoaded(const std::string& reason, int priority) {
+        Start();
+        zol::ZOLPolicy policy;
+        EXPECT_FALSE(m_manager->LoadPolicy(policy));
+        EXPECT_EQ(fakes::dlog::Find(reason).priority, priority) << reason;
+        EXPECT_EQ(fakes::vconf::GetInt(kRunningKey), 0);
+    }
+};
+
+/// While it lives no file of this process grows beyond `bytes`: a disk that is full.
+class FullDisk {
+public:
+    explicit FullDisk(rlim_t bytes) : m_handler(std::signal(SIGXFSZ, SIG_IGN)) {
+        getrlimit(RLIMIT_FSIZE, &m_limit);
+        const rlimit limit{bytes, m_limit.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~FullDisk() {
+        setrlimit(RLIMIT_FSIZE, &m_limit);
+        std::signal(SIGXFSZ, m_handler);
+    }
+    FullDisk(const FullDisk&) = delete;
+    FullDisk& operator=(const FullDisk&) = delete;
+
+private:
+    rlimit m_limit{};
+    void (*m_handler)(int);
+};
+
+/// While it lives the process has no privilege over files.
+class Unprivileged {
+public:
+    Unprivileged() : m_user(geteuid()) { m_isOk = m_user != 0 || seteuid(65534) == 0; }
+    ~Unprivileged() { m_isOk = seteuid(m_user) == 0; }
+    Unprivileged(const Unprivileged&) = delete;
+    Unprivileged& operator=(const Unprivileged&) = delete;
+
+private:
+    uid_t m_user;
+    bool m_isOk;
+};
+
+TEST_F(StoredPolicyFile, BelongsToThePolicyAccountAndIsNotForEveryone) {
+    const mode_t mask = umask(022);
+    Start().UpdatePolicy(PolicyFor("db/a"));
+    umask(mask);
+
+    struct stat status = {};
+    ASSERT_EQ(stat(Mapped(ZOL_PATH_POLICY).c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777U, 0640U);
+    if (geteuid() == 0) {
+        EXPECT_EQ(status.st_uid, 951U);
+        EXPECT_EQ(status.st_gid, 951U);
+    }
+}
+
+TEST_F(StoredPolicyFile, LeavesNothingBesideIt) {
+    Start().UpdatePolicy(PolicyFor("db/a"));
+    EXPECT_FALSE(fakes::DeviceFileExists(kTemporary));
+}
+
+TEST_F(StoredPolicyFile, AFullDiskLeavesTheOldPolicy) {
+    StartWith(PolicyFor("db/old"));
+    {
+        const FullDisk disk(50);
+        EXPECT_FALSE(m_manager->UpdatePolicy(PolicyFor("db/old")));
+    }
+    EXPECT_EQ(StoredPolicy(), PolicyFor("db/old"));
+    const std::string line = "Written policy size differs from expected, written: 50, expected: " +
+                             std::to_string(PolicyFor("db/old").size());
+    EXPECT_EQ(fakes::dlog::Find(line).priority, DLOG_PRIORITY_ERROR);
+    EXPECT_FALSE(Has("Policy written, size: "));
+    EXPECT_FALSE(fakes::DeviceFileExists(kTemporary));
+    EXPECT_EQ(fakes::vconf::GetInt(kRunningKey), 0);
+}
+
+TEST_F(StoredPolicyFile, ATemporaryFileThatCannotBeMadeLeavesTheOldPolicy) {
+    StartWith(PolicyFor("db/old"));
+    fakes::MakeDeviceFolder(kTemporary);
+    ExpectRefusedAndOldKept("Unable to create file /var/lib/zol/policy.xml, errno 21");
+}
+
+TEST_F(StoredPolicyFile, ALinkInThePlaceOfTheTemporaryFileIsNotFollowed) {
+    StartWith(PolicyFor("db/old"));
+    fakes::WriteDeviceFile("/etc/victim", "untouched");
+    ASSERT_EQ(symlink(Mapped("/etc/victim").c_str(), Mapped(kTemporary).c_str()), 0);
+
+    ExpectRefusedAndOldKept("Unable to create file /var/lib/zol/policy.xml, errno 40");
+    EXPECT_EQ(fakes::ReadDeviceFile("/etc/victim"), "untouched");
+}
+
+TEST_F(StoredPolicyFile, AFileThatCannotBeSyncedLeavesTheOldPolicy) {
+    StartWith(PolicyFor("db/old"));
+    // Pipes take every write and cannot be synced.
+    ASSERT_EQ(mkfifo(Mapped(kTemporary).c_str(), 0600), 0);
+    std::FILE* reader = std::fopen(Mapped(kTemporary).c_str(), "r+e");
+    ASSERT_NE(reader, nullptr);
+
+    ExpectRefusedAndOldKept("Could not sync file: Invalid argument");
+    EXPECT_TRUE(Has("Policy written, size: "));
+    EXPECT_FALSE(fakes::DeviceFileExists(kTemporary));
+    std::fclose(reader);
+}
+
+TEST_F(StoredPolicyFile, AFolderThatIsGoneRefusesTheUpdate) {
+    Start();
+    ASSERT_EQ(rmdir(Mapped(ZOL_PATH_STATE_DIR).c_str()), 0);
+    EXPECT_FALSE(m_manager->UpdatePolicy(PolicyFor("db/a")));
+    EXPECT_TRUE(Has("Unable to create file /var/lib/zol/policy.xml, errno 2"));
+}
+
+TEST_F(StoredPolicyFile, AHalfWrittenFileOfAPowerCutIsPassedOverAndOverwritten) {
+    fakes::WriteDeviceFile(kTemporary, PolicyFor("db/half").substr(0, 60) + std::string(5000, ' '));
+    StartWith(PolicyFor("db/old"));
+    EXPECT_EQ(fakes::vconf::Registrations("db/old"), 1);
+
+    EXPECT_TRUE(m_manager->UpdatePolicy(PolicyFor("db/new")));
+    EXPECT_EQ(StoredPolicy(), PolicyFor("db/new"));
+    EXPECT_FALSE(fakes::DeviceFileExists(kTemporary));
+}
+
+TEST_F(StoredPolicyFile, AFolderInItsPlaceIsNeitherReadNorReplaced) {
+    fakes::MakeDeviceFolder(ZOL_PATH_POLICY);
+    ExpectNotLoaded("Unable to open policy /var/lib/zol/policy.xml, errno: 21, message: Is a directory",
+                    DLOG_PRIORITY_DEBUG);
+
+    EXPECT_FALSE(m_manager->UpdatePolicy(PolicyFor("db/a")));
+    EXPECT_TRUE(Has("Unable to replace file /var/lib/zol/policy.xml, errno 21"));
+    EXPECT_FALSE(fakes::DeviceFileExists(kTemporary));
+}
+
+TEST_F(StoredPolicyFile, APipeInItsPlaceDoesNotHoldUpTheStart) {
+    ASSERT_EQ(mkfifo(Mapped(ZOL_PATH_POLICY).c_str(), 0600), 0);
+    ExpectNotLoaded("Unable to open policy /var/lib/zol/policy.xml, errno: 22, message: Invalid argument",
+                    DLOG_PRIORITY_DEBUG);
+}
+
+TEST_F(StoredPolicyFile, AFileThatMayNotBeReadIsLogged) {
+    Start();
+    StorePolicy(PolicyFor("db/a"));
+    for (const char* folder : {"", "/var", "/var/lib", ZOL_PATH_STATE_DIR}) {
+        ASSERT_EQ(chmod((fakes::Root() + folder).c_str(), 0755), 0);
+    }
+    ASSERT_EQ(chmod(Mapped(ZOL_PATH_POLICY).c_str(), 0), 0);
+    {
+        const Unprivileged unprivileged;
+        zol::ZOLPolicy policy;
+        EXPECT_FALSE(m_manager->LoadPolicy(policy));
+    }
+    EXPECT_EQ(fakes::dlog::Find(
+                  "Unable to open policy /var/lib/zol/policy.xml, errno: 13, message: Permission denied")
+                  .priority,
+              DLOG_PRIORITY_DEBUG);
+}
+
+TEST_F(StoredPolicyFile, AFileThatGivesFewerBytesThanItSaysIsRefused) {
+    // Attributes of the kernel call themselves a page long.
+    const char* const shorter = "/sys/kernel/mm/transparent_hugepage/enabled";
+    if (access(shorter, R_OK) != 0) {
+        GTEST_SKIP() << "this kernel has no such file";
+    }
+    ASSERT_EQ(symlink(shorter, Mapped(ZOL_PATH_POLICY).c_str()), 0);
+    ExpectNotLoaded("expected size 4096", DLOG_PRIORITY_DEBUG);
+}
+
+TEST_F(StoredPolicyFile, AFileLongerThanAnyPolicyIsRefusedUnread) {
+    StorePolicy("");
+    ASSERT_EQ(truncate(Mapped(ZOL_PATH_POLICY).c_str(), zol::kMaxPolicyBytes + 1), 0);
+    ExpectNotLoaded("Policy /var/lib/zol/policy.xml of 16777217 bytes refused, at most 16777216 are read",
+                    DLOG_PRIORITY_ERROR);
+}
+
+TEST_F(StoredPolicyFile, AMalformedFileStartsNothing) {
+    StorePolicy("<zolitem><zols</zolitem>");
+    ExpectNotLoaded("Parsing failed.", DLOG_PRIORITY_ERROR);
+}
+
+TEST_F(StoredPolicyFile, ATruncatedFileStillAppliesTheItemsItHolds) {
+    const std::string whole = "<zolitem numofzol=\"2\">" + ItemFor("db/a") + ItemFor("db/b") + "</zolitem>";
+    StartWith(whole.substr(0, whole.find("db/b") + 2));
+
+    EXPECT_EQ(fakes::vconf::Registrations("db/a"), 1);
+    EXPECT_EQ(fakes::vconf::Registrations("db/b"), 0);
+    EXPECT_TRUE(IsRunning());
+}
+
+TEST_F(StoredPolicyFile, AnEmptyFileIsAPolicyWithoutItems) {
+    StartWith("");
+    EXPECT_TRUE(Has("policy_monitorCnt is zero"));
+    EXPECT_FALSE(IsRunning());
+}
+
+}  // namespace

@@ -1,0 +1,394 @@
+#include <boost/thread/thread.hpp>
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "ZOLCVLogger.h"
+#include "dlog.h"
+#include "fake_clock.h"
+#include "fake_dlog.h"
+#include "policy_manager_fixture.h"
+
+namespace {
+
+using fakes::dlog::Count;
+using fakes::dlog::Has;
+using testing::Return;
+
+class PolicyManager : public PolicyManagerTest {
+protected:
+    /// Starts without a stored policy and hands it the first one.
+    zol::TCPolicyManager& StartAndPush(const std::string& xml) {
+        zol::TCPolicyManager& manager = Start();
+        fakes::dlog::Clear();
+        EXPECT_TRUE(manager.UpdatePolicy(xml));
+        return manager;
+    }
+    static void ExpectLogged(const std::string& text, int priority) {
+        EXPECT_EQ(fakes::dlog::Find(text).priority, priority) << text;
+    }
+    /// That these parts were logged, in this order.
+    static void ExpectLoggedInOrder(const std::vector<std::string>& parts) {
+        std::size_t next = 0;
+        for (const fakes::LogLine& line : fakes::dlog::Lines()) {
+            if (next < parts.size() && line.text.find(parts[next]) != std::string::npos) {
+                ++next;
+            }
+        }
+        EXPECT_EQ(next, parts.size()) << "missing: " << (next < parts.size() ? parts[next] : "");
+    }
+};
+
+std::string Document(const std::string& items, int count = 1) {
+    return "<zolitem numofzol=\"" + std::to_string(count) + "\">" + items + "</zolitem>";
+}
+
+TEST_F(PolicyManager, WithoutAStoredPolicyNothingRuns) {
+    Start();
+
+    ExpectLogged("Policy /var/lib/zol/policy.xml does not exist", DLOG_PRIORITY_DEBUG);
+    EXPECT_EQ(fakes::vconf::GetInt(kRunningKey), 0);
+    EXPECT_EQ(fakes::vconf::Registrations(), 0);
+    EXPECT_FALSE(Has("TCNotifyManager()"));
+    EXPECT_FALSE(Has("Current policy:"));
+}
+
+TEST_F(PolicyManager, AFlagLeftByTheLastProcessIsClearedAtEveryStart) {
+    fakes::vconf::SetBool(kRunningKey, true);
+    Start();
+
+    EXPECT_FALSE(IsRunning());
+}
+
+TEST_F(PolicyManager, AStoredPolicyIsAppliedAtStart) {
+    StartWith(PolicyFor("db/a"));
+
+    EXPECT_TRUE(IsRunning());
+    EXPECT_EQ(fakes::vconf::Registrations("db/a"), 1);
+    EXPECT_EQ(Applied().vconfMonitors.at(0).key, "db/a");
+}
+
+TEST_F(PolicyManager, AStartBuildsTheSchedulerClearsTheFlagAppliesAndThenShowsThePolicy) {
+    StartWith(PolicyFor("db/a"));
+
+    ExpectLoggedInOrder(
+        {"Loading start time from vconf", "vconf_set_bool(db/zol/corvel_policy) : 0 sucessful",
+         "Set policy information.", "bye", "vconfPolicyCount[1]", "monitorList[0]", "totalCount[1]",
+         "TCNotifyManager()", "[TCVconfChecker] Create", "[db/a] registered",
+         "vconf_set_bool(db/zol/corvel_policy) : 1 sucessful", "Current policy:", "monitorInfo cnt = 1",
+         "key[db/a], condition[IS], type[INT], intValue[1], strValue[null]"});
+    ExpectLogged("Set policy information.", DLOG_PRIORITY_ERROR);
+    ExpectLogged("vconfPolicyCount[1]", DLOG_PRIORITY_ERROR);
+    ExpectLogged("Current policy:", DLOG_PRIORITY_ERROR);
+}
+
+TEST_F(PolicyManager, AStartThatIsInterruptedWhileMakingItsFoldersGoesOn) {
+    fakes::MakeDeviceFolder(ZOL_PATH_STATE_DIR);
+    StorePolicy(PolicyFor("db/a"));
+    boost::thread starter([this] {
+        while (!boost::this_thread::interruption_requested()) {
+            boost::this_thread::yield();
+        }
+        Start();
+    });
+    starter.interrupt();
+    starter.join();
+
+    ExpectLogged("TCDirsManager::Initialize interrupted", DLOG_PRIORITY_ERROR);
+    EXPECT_TRUE(IsRunning());
+}
+
+TEST_F(PolicyManager, AReloadedPolicyKeepsItsStart) {
+    fakes::vconf::SetString(zol::TCScheduler::KEY_START_TIME, "1600000000");
+    StartWith(PolicyFor("db/a"));
+
+    EXPECT_EQ(fakes::vconf::GetString(zol::TCScheduler::KEY_START_TIME), "1600000000");
+}
+
+TEST_F(PolicyManager, AFlagThatCannotBeReadAtStartCountsAsRunning) {
+    fakes::vconf::Fail(kRunningKey, fakes::vconf::FAIL_GET);
+    StartWith(PolicyFor("db/a"));
+
+    ExpectLogged("vconf_get_bool(db/zol/corvel_policy) failed", DLOG_PRIORITY_ERROR);
+    ExpectLogged("Monitoring is already running.", DLOG_PRIORITY_ERROR);
+    EXPECT_FALSE(Has("TCNotifyManager()"));
+    EXPECT_TRUE(Applied().vconfMonitors.empty());
+}
+
+TEST_F(PolicyManager, AFlagThatCannotBeWrittenIsLogged) {
+    fakes::vconf::Fail(kRunningKey, fakes::vconf::FAIL_SET);
+    Start();
+
+    ExpectLogged("vconf_set_bool(db/zol/corvel_policy) failed\n", DLOG_PRIORITY_ERROR);
+}
+
+TEST_F(PolicyManager, AnUpdateIsStoredByteForByteAndApplied) {
+    const std::string xml = "\xEF\xBB\xBF<?xml version=\"1.0\"?>\r\n\t" + PolicyFor("db/\xC3\xA4") + "\r\n\n";
+    StartAndPush(xml);
+
+    EXPECT_EQ(StoredPolicy(), xml);
+    EXPECT_TRUE(IsRunning());
+    EXPECT_EQ(fakes::vconf::Registrations("db/\xC3\xA4"), 1);
+    ExpectLoggedInOrder({"Policy update", "Storing policy",
+                         "Policy written, size: " + std::to_string(xml.size()), "Update policy information.",
+                         "vconfPolicyCount[1]", "vconf_set_bool(db/zol/corvel_policy) : 1 sucessful"});
+    ExpectLogged("Policy update", DLOG_PRIORITY_ERROR);
+    ExpectLogged("Update policy information.", DLOG_PRIORITY_ERROR);
+    ExpectLogged("Policy written, size: ", DLOG_PRIORITY_DEBUG);
+}
+
+TEST_F(PolicyManager, AnUpdateStartsThePolicyNow) {
+    Start();
+    fakes::vconf::SetString(zol::TCScheduler::KEY_START_TIME, "1");
+    m_manager->UpdatePolicy(PolicyFor("db/a"));
+
+    EXPECT_EQ(fakes::vconf::GetString(zol::TCScheduler::KEY_START_TIME),
+              std::to_string(m_clock.GetCurrentTime()));
+    EXPECT_EQ(fakes::vconf::GetString(zol::TCScheduler::KEY_FIRST_BOOT_TIME), "0");
+}
+
+TEST_F(PolicyManager, AnUpdateWritesTheVersionThatDocumentsDoNotCarry) {
+    StartAndPush(PolicyFor("db/a"));
+    EXPECT_EQ(fakes::vconf::GetInt("db/private/tvs-cv/policy_version"), -1);
+}
+
+TEST_F(PolicyManager, AnAppliedUpdateTakesThePowerOnMarkOff) {
+    fakes::vconf::SetBool(kPowerOnKey, true);
+    StartAndPush(PolicyFor("db/a"));
+    EXPECT_EQ(fakes::vconf::GetInt(kPowerOnKey), 0);
+}
+
+TEST_F(PolicyManager, APowerOnMarkThatCannotBeTakenOffIsLogged) {
+    fakes::vconf::Fail(kPowerOnKey, fakes::vconf::FAIL_SET);
+    StartAndPush(PolicyFor("db/a"));
+    ExpectLogged("Unable to set db/private/tvs-cv/power_on_prepared", DLOG_PRIORITY_ERROR);
+}
+
+TEST_F(PolicyManager, APolicyOfMonitorsAloneIsCommandsOnly) {
+    StartWith(PolicyFor("db/a"));
+    fakes::vconf::SetBool(kPowerOnKey, true);
+    EXPECT_TRUE(m_manager->UpdatePolicy(Document("<monitor kind=\"3\" method=\"31\"/>")));
+
+    ExpectLogged("Policy contains commands only, old policy should be left intact", DLOG_PRIORITY_DEBUG);
+    EXPECT_EQ(StoredPolicy(), PolicyFor("db/a"));
+    EXPECT_EQ(fakes::vconf::GetInt(kRunningKey), 0);
+    EXPECT_EQ(fakes::vconf::GetInt(kPowerOnKey), 0);
+    EXPECT_EQ(Applied().vconfMonitors.at(0).key, "db/a");
+    EXPECT_EQ(fakes::vconf::Registrations("db/a"), 1);
+}
+
+TEST_F(PolicyManager, AnEmptyDocumentIsCommandsOnly) {
+    StartAndPush("");
+    EXPECT_TRUE(Has("Policy contains commands only"));
+    EXPECT_FALSE(fakes::DeviceFileExists(ZOL_PATH_POLICY));
+}
+
+TEST_F(PolicyManager, AMalformedUpdateIsRefusedAndClearsTheFlag) {
+    StartWith(PolicyFor("db/a"));
+    fakes::vconf::SetBool(kPowerOnKey, true);
+    EXPECT_FALSE(m_manager->UpdatePolicy(PolicyFor("db/b") + "</zolitem>"));
+    EXPECT_FALSE(m_manager->UpdatePolicy("<zolitem></zol>"));
+
+    ExpectLogged("Error occurred while parsing policy, policy update failed", DLOG_PRIORITY_ERROR);
+    EXPECT_EQ(StoredPolicy(), PolicyFor("db/a"));
+    EXPECT_EQ(fakes::vconf::GetInt(kRunningKey), 0);
+    EXPECT_EQ(fakes::vconf::GetInt(kPowerOnKey), 0);
+}
+
+TEST_F(PolicyManager, AnUpdateWhileMonitoringRunsIsStoredAndWaitsForTheNextStart) {
+    StartWith(PolicyFor("db/a"));
+    fakes::vconf::SetBool(kPowerOnKey, true);
+    fakes::dlog::Clear();
+    EXPECT_TRUE(m_manager->UpdatePolicy(PolicyFor("db/b")));
+
+    EXPECT_EQ(StoredPolicy(), PolicyFor("db/b"));
+    ExpectLogged("Monitoring is already running.", DLOG_PRIORITY_ERROR);
+    EXPECT_EQ(Applied().vconfMonitors.at(0).key, "db/a");
+    EXPECT_EQ(fakes::vconf::Registrations("db/b"), 0);
+    EXPECT_EQ(fakes::vconf::GetInt(kPowerOnKey), 1);
+    EXPECT_TRUE(IsRunning());
+
+    Start();
+    EXPECT_EQ(Applied().vconfMonitors.at(0).key, "db/b");
+    EXPECT_EQ(fakes::vconf::Registrations("db/a"), 0);
+    EXPECT_EQ(fakes::vconf::Registrations("db/b"), 1);
+}
+
+TEST_F(PolicyManager, AnUpdateIsStoredButNeverAppliedWhenTheFlagCannotBeRead) {
+    Start();
+    fakes::vconf::Fail(kRunningKey, fakes::vconf::FAIL_GET);
+    EXPECT_TRUE(m_manager->UpdatePolicy(PolicyFor("db/a")));
+    EXPECT_TRUE(m_manager->UpdatePolicy(PolicyFor("db/b")));
+
+    EXPECT_EQ(StoredPolicy(), PolicyFor("db/b"));
+    EXPECT_FALSE(Has("TCNotifyManager()"));
+    EXPECT_TRUE(Applied().vconfMonitors.empty());
+}
+
+TEST_F(PolicyManager, AnUpdateAfterACommandsOnlyOneMakesAFurtherSetOfTasks) {
+    StartWith(PolicyFor("db/a"));
+    EXPECT_TRUE(m_manager->UpdatePolicy(Document("")));
+    EXPECT_TRUE(m_manager->UpdatePolicy(PolicyFor("db/b")));
+
+    EXPECT_EQ(Count("TCNotifyManager()"), 2);
+    EXPECT_EQ(fakes::vconf::Registrations("db/a"), 1);
+    EXPECT_EQ(fakes::vconf::Registrations("db/b"), 1);
+    EXPECT_TRUE(IsRunning());
+}
+
+TEST_F(PolicyManager, InvalidItemsAreTakenOutBeforeAnythingIsWatched) {
+    StartAndPush(
+        Document("<zols key=\"greater\" condition=\"GREATER\" type=\"INT\" greater=\"10\"/>"
+                 "<zols key=\"between\" condition=\"BETWEEN\" type=\"INT\" greater=\"-1\" less=\"7\"/>"
+                 "<zols key=\"string\" condition=\"IS\" type=\"STRING\"/>"
+                 "<monitor kind=\"3\" method=\"33\"/>",
+                 9));
+
+    ASSERT_EQ(Applied().vconfMonitors.size(), 1U);
+    EXPECT_EQ(Applied().vconfMonitors[0].key, "between");
+    EXPECT_TRUE(Applied().policyMonitors.empty());
+    EXPECT_EQ(Applied().count, 0U);  // the monitors were counted last
+    EXPECT_EQ(Count("removed"), 3);
+    ExpectLogged("removed", DLOG_PRIORITY_ERROR);
+    ExpectLogged("ZOL_BT_PAIR, method is not valid [33]", DLOG_PRIORITY_ERROR);
+    ExpectLoggedInOrder({"vconfPolicyCount[1]", "monitorList[0]", "totalCount[1]"});
+}
+
+TEST_F(PolicyManager, APolicyOfInvalidItemsOnlyMakesNoTask) {
+    StartAndPush(
+        Document("<zols key=\"a\" condition=\"is\" type=\"INT\" intvalue=\"1\"/>"
+                 "<monitor kind=\"1\" method=\"12\"/>"));
+
+    ExpectLogged("policy_monitorCnt is zero", DLOG_PRIORITY_ERROR);
+    EXPECT_FALSE(Has("TCNotifyManager()"));
+    EXPECT_EQ(fakes::vconf::GetInt(kRunningKey), 0);
+    EXPECT_EQ(fakes::vconf::Registrations(), 0);
+}
+
+TEST_F(PolicyManager, AnItemThatHoldsAlreadyIsReportedAtOnceAndNotWatched) {
+    fakes::vconf::SetInt("db/a", 1);
+    StartAndPush(Document(ItemFor("db/a") + ItemFor("db/b")));
+
+    EXPECT_EQ(Count("m_Notify() CALL"), 1);
+    EXPECT_EQ(fakes::vconf::Registrations("db/a"), 0);
+    EXPECT_EQ(fakes::vconf::Registrations("db/b"), 1);
+}
+
+TEST_F(PolicyManager, TenThousandItemsAreStoredAndWatched) {
+    std::string items;
+    for (int item = 0; item < 10000; ++item) {
+        items += ItemFor("db/k" + std::to_string(item));
+    }
+    StartAndPush(Document(items, 10000));
+
+    EXPECT_EQ(StoredPolicy(), Document(items, 10000));
+    EXPECT_EQ(Applied().vconfMonitors.size(), 10000U);
+    EXPECT_EQ(fakes::vconf::Registrations("db/k9999"), 1);
+    EXPECT_TRUE(Has("vconfPolicyCount[10000]"));
+}
+
+TEST_F(PolicyManager, AtItsEndEveryCallbackIsWithdrawn) {
+    StartWith(PolicyFor("db/a"));
+    m_manager->UpdatePolicy("");
+    m_manager->UpdatePolicy(PolicyFor("db/b"));
+    Stop();
+
+    EXPECT_EQ(fakes::vconf::Registrations(), 0);
+}
+
+TEST_F(PolicyManager, ExpiryEndsInALineInTheLogAndNothingElse) {
+    StartAndPush(Document("<zol_expired_time time=\"10\"/>" + ItemFor("db/a")));
+    for (int step = 0; step < 6; ++step) {
+        ASSERT_TRUE(fakes::clock::AwaitSleeper(std::chrono::seconds(5)));
+        fakes::clock::Advance(std::chrono::seconds(5));
+    }
+    ASSERT_TRUE(fakes::dlog::WaitFor("Disabled ZOL due to scheduled event!"));
+
+    ExpectLogged("Removing policy", DLOG_PRIORITY_ERROR);
+    EXPECT_TRUE(IsRunning());
+    EXPECT_TRUE(fakes::DeviceFileExists(ZOL_PATH_POLICY));
+    EXPECT_EQ(fakes::vconf::Registrations("db/a"), 1);
+}
+
+TEST_F(PolicyManager, TellsWhetherAPolicyIsStored) {
+    Start();
+    EXPECT_FALSE(m_manager->IsPolicyExists());
+    ExpectLogged("Policy files does not exists", DLOG_PRIORITY_DEBUG);
+    m_manager->RemoveExpiredPolicy();
+    EXPECT_FALSE(Has("need to check ExpiredPolicy !!!"));
+
+    StorePolicy(PolicyFor("db/a"));
+    EXPECT_TRUE(m_manager->IsPolicyExists());
+    ExpectLogged("policy file exists !!!", DLOG_PRIORITY_ERROR);
+    m_manager->RemoveExpiredPolicy();
+    ExpectLogged("need to check ExpiredPolicy !!!", DLOG_PRIORITY_ERROR);
+    EXPECT_EQ(StoredPolicy(), PolicyFor("db/a"));
+}
+
+TEST_F(PolicyManager, PreparingPowerOnSetsTheMark) {
+    Start().PreparePowerOn(false);
+
+    EXPECT_EQ(fakes::vconf::GetInt(kPowerOnKey), 1);
+    ExpectLoggedInOrder({"Preparing power on", "Power on prepared"});
+    ExpectLogged("Power on prepared", DLOG_PRIORITY_DEBUG);
+}
+
+TEST_F(PolicyManager, CheckingThePreparationTakesTheMarkOff) {
+    Start().PreparePowerOn(false);
+    fakes::dlog::Clear();
+    m_manager->PreparePowerOn(true);
+
+    EXPECT_EQ(fakes::vconf::GetInt(kPowerOnKey), 0);
+    ExpectLogged("Power on already prepared", DLOG_PRIORITY_DEBUG);
+    EXPECT_FALSE(Has("Power on prepared"));
+}
+
+TEST_F(PolicyManager, CheckingWithoutAPreparationLeavesNoMark) {
+    Start().PreparePowerOn(true);
+
+    EXPECT_EQ(fakes::vconf::GetInt(kPowerOnKey), 0);
+    EXPECT_TRUE(Has("Power on prepared"));
+    EXPECT_FALSE(Has("Power on already prepared"));
+}
+
+TEST_F(PolicyManager, APreparationThatCannotBeReadOrWrittenGoesOn) {
+    Start();
+    fakes::vconf::SetBool(kPowerOnKey, true);
+    fakes::vconf::Fail(kPowerOnKey, fakes::vconf::FAIL_GET | fakes::vconf::FAIL_SET);
+    m_manager->PreparePowerOn(true);
+    m_manager->PreparePowerOn(false);
+
+    EXPECT_EQ(Count("Unable to set db/private/tvs-cv/power_on_prepared"), 2);
+    EXPECT_EQ(Count("Power on prepared"), 2);
+    EXPECT_FALSE(Has("Power on already prepared"));
+}
+
+TEST_F(PolicyManager, EveryReloadAsksTheUsageLoggerForTheVolumeFirst) {
+    zol::TCCVLogger logger;
+    zol::TCPolicyManager manager(m_clock, nullptr, &logger);
+    ExpectLoggedInOrder({"LogVolumeLevel(", "Policy /var/lib/zol/policy.xml does not exist"});
+
+    fakes::dlog::Clear();
+    manager.ReloadSchedule();
+    ExpectLoggedInOrder({"LogVolumeLevel(", "Policy /var/lib/zol/policy.xml does not exist"});
+}
+
+TEST_F(PolicyManager, PowerOffIsToldToEveryClientWithoutATimeLimit) {
+    EXPECT_CALL(m_server, SendNotification(5, -1)).WillOnce(Return(1)).WillOnce(Return(7));
+    EXPECT_TRUE(Start().NotifyPowerOff());
+    EXPECT_TRUE(m_manager->NotifyPowerOff());
+}
+
+TEST_F(PolicyManager, PowerOffThatNobodyAnswersIsLogged) {
+    EXPECT_CALL(m_server, SendNotification(5, -1)).WillOnce(Return(0));
+    EXPECT_FALSE(Start().NotifyPowerOff());
+    ExpectLogged("No application responded to power off notification!", DLOG_PRIORITY_DEBUG);
+}
+
+TEST_F(PolicyManager, PowerOffWithoutAServerIsLogged) {
+    zol::TCPolicyManager manager(m_clock, nullptr, nullptr);
+    EXPECT_FALSE(manager.NotifyPowerOff());
+    ExpectLogged("Dbus server is null!", DLOG_PRIORITY_DEBUG);
+}
+
+}  // namespace

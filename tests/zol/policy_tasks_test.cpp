@@ -1,0 +1,162 @@
+/// The tasks that the policy manager makes for a policy, and what it does when one cannot start.
+#include <dlfcn.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <cerrno>
+#include <string>
+#include <vector>
+
+#include "dlog.h"
+#include "fake_bt_hid.h"
+#include "fake_dlog.h"
+#include "fake_was.h"
+#include "policy_manager_fixture.h"
+
+namespace {
+
+/// How many threads may still be made before one fails; negative: all.
+std::atomic<int> g_threadsLeft{-1};
+
+}  // namespace
+
+/// Stands before the C library's, for the whole test program.
+extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*),
+                              void* argument) noexcept {
+    using Create = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+    static const auto create = reinterpret_cast<Create>(dlsym(RTLD_NEXT, "pthread_create"));
+    if (g_threadsLeft >= 0 && g_threadsLeft-- == 0) {
+        return EAGAIN;
+    }
+    return create(thread, attributes, entry, argument);
+}
+
+namespace {
+
+using fakes::dlog::Has;
+
+const char* const kPairing =
+    "<monitor kind=\"3\" name=\"remote\" method=\"31\" duration=\"10\" repetition=\"5\"/>";
+const char* const kInstall =
+    "<monitor kind=\"1\" id=\"org.app\" name=\"App\" method=\"11\" duration=\"60\" repetition=\"3\"/>";
+
+class PolicyTasks : public PolicyManagerTest {
+protected:
+    ~PolicyTasks() override { g_threadsLeft = -1; }
+
+    /// Pushes a policy of these items to a manager that has none, with room for so many threads.
+    void Push(const std::string& items, int threads = -1) {
+        Start();
+        g_threadsLeft = threads;
+        EXPECT_TRUE(m_manager->UpdatePolicy("<zolitem>" + items + "</zolitem>"));
+        g_threadsLeft = -1;
+    }
+    static void ExpectNotRunning(const std::string& reason) {
+        EXPECT_EQ(fakes::dlog::Find(reason).priority, DLOG_PRIORITY_ERROR) << reason;
+        EXPECT_EQ(fakes::vconf::GetInt(kRunningKey), 0);
+    }
+    static void ExpectFailedCheck(const std::string& source, const std::string& expression) {
+        const std::string line = fakes::dlog::Find("_CHECK FAIL: " + source + ":").text;
+        EXPECT_NE(line.find(", " + expression), std::string::npos) << line;
+    }
+};
+
+TEST_F(PolicyTasks, BothKindsOfItemsAreWatchedTheKeysFirst) {
+    Push(ItemFor("db/a") + kPairing + kInstall);
+
+    EXPECT_TRUE(IsRunning());
+    EXPECT_EQ(fakes::vconf::Registrations("db/a"), 1);
+    EXPECT_EQ(fakes::bt_hid::Registrations(), 1);
+    EXPECT_EQ(fakes::was::RegisteredIds(), std::vector<std::string>{"org.app"});
+    EXPECT_TRUE(Has("totalCount[3]"));
+
+    std::vector<std::string> order;
+    for (const fakes::LogLine& line : fakes::dlog::Lines()) {
+        for (const char* step :
+             {"[TCNotifyManager] Created", "[db/a] registered", "[TCMonitorManager] Created"}) {
+            if (line.text.find(step) != std::string::npos) {
+                order.emplace_back(step);
+            }
+        }
+    }
+    EXPECT_EQ(order, (std::vector<std::string>{"[TCNotifyManager] Created", "[db/a] registered",
+                                               "[TCMonitorManager] Created"}));
+}
+
+TEST_F(PolicyTasks, WithoutAValidMonitorThereIsNoMonitorManager) {
+    Push(ItemFor("db/a") + "<monitor kind=\"3\" method=\"30\"/>");
+
+    EXPECT_TRUE(IsRunning());
+    EXPECT_FALSE(Has("[TCMonitorManager] Create"));
+    EXPECT_EQ(fakes::bt_hid::Registrations(), 0);
+}
+
+TEST_F(PolicyTasks, WithoutAValidKeyThereIsNoChecker) {
+    Push(std::string("<zols key=\"db/a\" condition=\"IS\" type=\"INT\"/>") + kPairing);
+
+    EXPECT_TRUE(IsRunning());
+    EXPECT_FALSE(Has("[TCVconfChecker] Create"));
+    EXPECT_EQ(fakes::bt_hid::Registrations(), 1);
+}
+
+TEST_F(PolicyTasks, AStoredPolicyOfMonitorsAloneIsWatchedAtStart) {
+    StartWith("<zolitem>" + std::string(kPairing) + "</zolitem>");
+
+    EXPECT_TRUE(IsRunning());
+    EXPECT_EQ(fakes::bt_hid::Registrations(), 1);
+}
+
+TEST_F(PolicyTasks, AMonitorThatCannotStartLeavesTheFlagSet) {
+    fakes::bt_hid::FailRegistrations(-1);
+    Push(ItemFor("db/a") + kPairing);
+
+    EXPECT_TRUE(IsRunning());
+}
+
+TEST_F(PolicyTasks, ANotifyTaskThatCannotStartStopsTheRest) {
+    Push(ItemFor("db/a") + kPairing, 0);
+
+    ExpectNotRunning("pNotify is NULL or failed to create");
+    ExpectFailedCheck("zol/src/ZOLNotifyManager", "CCTask::Create(\"ZolNotifyManager\")");
+    EXPECT_EQ(fakes::vconf::Registrations("db/a"), 0);
+    EXPECT_EQ(fakes::bt_hid::Registrations(), 0);
+}
+
+TEST_F(PolicyTasks, ACheckerThatCannotStartStopsTheRest) {
+    Push(ItemFor("db/a") + kPairing, 1);
+
+    ExpectNotRunning("pVconfMonitor is NULL or failed to create");
+    ExpectFailedCheck("zol/src/ZOLVconfChecker", "CCTask::Create(\"ZOLVconfChecker\")");
+    EXPECT_EQ(fakes::vconf::Registrations("db/a"), 0);
+    EXPECT_EQ(fakes::bt_hid::Registrations(), 0);
+}
+
+TEST_F(PolicyTasks, AMonitorManagerThatCannotStartLeavesTheKeysWatched) {
+    Push(ItemFor("db/a") + kPairing, 2);
+
+    ExpectNotRunning("pMonitor is NULL or failed to create");
+    EXPECT_EQ(fakes::vconf::Registrations("db/a"), 1);
+    EXPECT_EQ(fakes::bt_hid::Registrations(), 0);
+}
+
+TEST_F(PolicyTasks, AnUpdateAfterAFailedStartMakesANewSet) {
+    Push(ItemFor("db/a"), 0);
+    EXPECT_TRUE(m_manager->UpdatePolicy(PolicyFor("db/b")));
+
+    EXPECT_TRUE(IsRunning());
+    EXPECT_EQ(fakes::vconf::Registrations("db/b"), 1);
+}
+
+TEST_F(PolicyTasks, AtTheEndEveryPlatformCallbackOfEverySetIsWithdrawn) {
+    Push(ItemFor("db/a") + kPairing + kInstall);
+    EXPECT_TRUE(m_manager->UpdatePolicy("<zolitem/>"));
+    EXPECT_TRUE(m_manager->UpdatePolicy("<zolitem>" + ItemFor("db/b") + kInstall + "</zolitem>"));
+    EXPECT_EQ(fakes::was::RegisteredIds().size(), 2U);
+    Stop();
+
+    EXPECT_EQ(fakes::vconf::Registrations(), 0);
+    EXPECT_EQ(fakes::bt_hid::Registrations(), 0);
+    EXPECT_TRUE(fakes::was::RegisteredIds().empty());
+}
+
+}  // namespace
