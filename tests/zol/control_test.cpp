@@ -1,0 +1,185 @@
+#include "ZOLControl.h"
+
+#include <boost/archive/archive_exception.hpp>
+#include <boost/archive/binary_iarchive.hpp>
+#include <boost/archive/binary_oarchive.hpp>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <map>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "IControl.h"
+#include "TCIpcSerializationUtil.h"
+#include "ZOLControlNative.h"
+#include "dlog.h"
+#include "fake_dlog.h"
+#include "policy_manager_fixture.h"
+
+namespace {
+
+using boost::archive::archive_exception;
+using Bytes = std::vector<unsigned char>;
+
+/// Keeps what was registered, as the IPC server would.
+class FakeDbus : public zol::IDbus {
+public:
+    void RegisterNativeCall(int functionCode, zol::NativeCallHandler handler) override {
+        m_handlers[functionCode] = std::move(handler);
+    }
+    std::map<int, zol::NativeCallHandler> m_handlers;
+};
+
+class Control : public PolicyManagerTest {
+protected:
+    Control() : m_control(m_dbus, Start()) { fakes::dlog::Clear(); }
+
+    /// A call as the server makes it.
+    bool Call(const Bytes& in, Bytes& out) { return m_dbus.m_handlers.at(4)(in, out); }
+    std::int32_t Answer(const std::string& xml);
+    void ExpectRefused(const Bytes& in);
+
+    FakeDbus m_dbus;
+    zol::TCControlNative m_control;
+};
+
+Bytes Request(const std::string& text) {
+    std::stringstream stream;
+    {
+        boost::archive::binary_oarchive archive(stream);
+        archive << text;
+    }
+    Bytes bytes;
+    TCIpcSerializationUtil::ConvertData(stream, bytes);
+    return bytes;
+}
+
+/// A request whose string, or whose signature at position 0, announces another length.
+Bytes Announcing(std::size_t length, std::size_t position) {
+    Bytes bytes = Request("text");
+    std::memcpy(bytes.data() + position, &length, sizeof(length));
+    return bytes;
+}
+std::size_t StringPosition() {
+    return Request("").size() - sizeof(std::size_t);
+}
+
+std::int32_t Control::Answer(const std::string& xml) {
+    Bytes out;
+    EXPECT_TRUE(Call(Request(xml), out));
+    std::stringstream stream;
+    TCIpcSerializationUtil::ConvertData(out, stream);
+    boost::archive::binary_iarchive archive(stream);
+    std::int32_t answer = -1;
+    archive >> answer;
+    EXPECT_EQ(stream.rdbuf()->in_avail(), 0);
+    return answer;
+}
+
+void Control::ExpectRefused(const Bytes& in) {
+    Bytes out;
+    EXPECT_THROW(Call(in, out), archive_exception) << in.size() << " bytes";
+    EXPECT_TRUE(out.empty());
+    EXPECT_FALSE(fakes::dlog::Has("Policy set api invoked"));
+}
+
+TEST_F(Control, OnlyThePolicySettingCallIsRegistered) {
+    EXPECT_EQ(m_dbus.m_handlers.size(), 1U);
+    EXPECT_EQ(m_dbus.m_handlers.count(4), 1U);
+    EXPECT_EQ(zol::IControl_FC::SET_POLICY, 4);
+}
+
+TEST_F(Control, AnyOtherCodeIsRefusedWithoutAReply) {
+    for (const int code : {5, 3, 0, -1}) {
+        Bytes out;
+        EXPECT_FALSE(m_control.m_OnCallReceived(code, Request(PolicyFor("db/a")), out)) << code;
+        EXPECT_TRUE(out.empty());
+    }
+    EXPECT_FALSE(fakes::dlog::Has("Policy set api invoked"));
+}
+
+TEST_F(Control, ACallWithoutBytesIsRefusedWithoutAReply) {
+    Bytes out;
+    EXPECT_FALSE(Call({}, out));
+    EXPECT_TRUE(out.empty());
+    EXPECT_EQ(fakes::dlog::Find("error: no input").priority, DLOG_PRIORITY_DEBUG);
+}
+
+TEST_F(Control, AnAcceptedPolicyIsAnsweredWithOne) {
+    EXPECT_EQ(Answer(PolicyFor("db/a")), 1);
+    EXPECT_EQ(fakes::dlog::Find("Policy set api invoked").priority, DLOG_PRIORITY_DEBUG);
+    EXPECT_EQ(StoredPolicy(), PolicyFor("db/a"));
+    EXPECT_TRUE(IsRunning());
+}
+
+TEST_F(Control, ARefusedPolicyIsAHandledCallAnsweredWithZero) {
+    EXPECT_EQ(Answer("<zolitem></zols>"), 0);
+}
+
+TEST_F(Control, APolicyThatCannotBeStoredIsAnsweredWithZero) {
+    fakes::MakeDeviceFolder(ZOL_PATH_POLICY ".new");
+    EXPECT_EQ(Answer(PolicyFor("db/a")), 0);
+}
+
+TEST_F(Control, AnEmptyStringIsACommandsOnlyPolicy) {
+    EXPECT_EQ(Answer(""), 1);
+    EXPECT_TRUE(fakes::dlog::Has("Policy contains commands only"));
+}
+
+TEST_F(Control, ACommandsOnlyPolicyIsAnsweredWithOne) {
+    EXPECT_EQ(Answer("<zolitem><monitor kind=\"3\" method=\"31\"/></zolitem>"), 1);
+}
+
+TEST_F(Control, APolicyMayHoldAnyByte) {
+    const std::string xml("<a>\0</a>", 8);
+    EXPECT_EQ(Answer(xml), 0);
+    EXPECT_TRUE(fakes::dlog::Has("Error while parsing policy"));
+}
+
+TEST_F(Control, ARequestCutAtAnyByteIsRefused) {
+    const Bytes whole = Request(PolicyFor("db/a"));
+    for (std::size_t length = 1; length < whole.size(); ++length) {
+        ExpectRefused(Bytes(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(length)));
+    }
+}
+
+TEST_F(Control, RandomBytesAreRefused) {
+    std::mt19937 random(20231114);  // always the same bytes
+    for (int round = 0; round < 2000; ++round) {
+        Bytes bytes(1 + random() % 300);
+        for (unsigned char& byte : bytes) {
+            byte = static_cast<unsigned char>(random());
+        }
+        ExpectRefused(bytes);
+    }
+}
+
+TEST_F(Control, AStringThatAnnouncesMoreThanItCarriesIsRefusedBeforeRoomIsMade) {
+    const std::size_t huge = std::size_t{1} << (sizeof(std::size_t) * 8 - 4);
+    for (const std::size_t announced : {huge, std::numeric_limits<std::size_t>::max(), std::size_t{5}}) {
+        ExpectRefused(Announcing(announced, StringPosition()));
+        EXPECT_TRUE(
+            fakes::dlog::Has("Request announces " + std::to_string(announced) + " bytes and carries 4"));
+    }
+}
+
+TEST_F(Control, ASignatureThatAnnouncesMoreThanItCarriesIsRefusedBeforeRoomIsMade) {
+    const std::size_t huge = std::size_t{1} << (sizeof(std::size_t) * 8 - 4);
+    for (const std::size_t announced : {huge, std::numeric_limits<std::size_t>::max(), std::size_t{1000}}) {
+        fakes::dlog::Clear();
+        ExpectRefused(Announcing(announced, 0));
+        EXPECT_TRUE(fakes::dlog::Has("Request announces " + std::to_string(announced) + " bytes"));
+    }
+}
+
+TEST_F(Control, BytesBehindTheStringAreIgnored) {
+    Bytes bytes = Request("");
+    bytes.insert(bytes.end(), 100, 0xFF);
+    Bytes out;
+    EXPECT_TRUE(Call(bytes, out));
+}
+
+}  // namespace

@@ -1,0 +1,20 @@
+#include "ZOLControl.h"
+
+#include "ZOLLog.h"
+#include "ZOLPolicyManager.h"
+
+namespace zol {
+namespace {
+
+constexpr const char* kLogModule = "zol::TCControl";
+
+}  // namespace
+
+TCControl::TCControl(TCPolicyManager& manager) : m_manager(manager) {}
+
+bool TCControl::SetPolicy(const std::string& xml) {
+    ZOL_LOG(LOG_DEBUG, "Policy set api invoked");
+    return m_manager.UpdatePolicy(xml);
+}
+
+}  // namespace zol
