@@ -1,0 +1,171 @@
+#include "ZOLPowerUtils.h"
+
+#include <boost/bind.hpp>
+
+#include "TCDebug.h"
+#include "ZOLCallbackException.h"
+#include "ZOLLog.h"
+#include "ZOLPolicyManager.h"
+#include "device_power.h"
+#include "platform_clock.h"
+
+namespace zol {
+namespace {
+
+constexpr const char* kLogModule = "ZOLPowerUtils";
+constexpr const char* kSource = "zol/src/ZOLPowerUtils";
+constexpr double kNsPerSecond = 1000000000;
+
+using Lock = std::lock_guard<std::mutex>;
+
+/// The object behind a callback's user data; null, and reported, when there is none.
+ZOLPowerUtils* Validated(void* data, unsigned line) {
+    if (data == nullptr) {
+        TCDebug::Assert(kSource, line);
+    }
+    return static_cast<ZOLPowerUtils*>(data);
+}
+
+gboolean QuitLoopOfThisContext(gpointer loop) {
+    g_main_loop_quit(static_cast<GMainLoop*>(loop));
+    return G_SOURCE_REMOVE;
+}
+
+void LogUnlessSubscribed(int result, const char* what) {
+    if (result < 0) {
+        ZOL_LOG(LOG_ERROR, "Unable to subscribe to %s notifications: %d", what, result);
+    }
+}
+
+}  // namespace
+
+ZOLPowerUtils::ZOLPowerUtils(TCPolicyManager* policyManager) : m_pPolicyManager(policyManager) {
+    m_powerThread = boost::thread(boost::bind(&ZOLPowerUtils::m_PowerOffThread, this));
+}
+
+// NOLINTNEXTLINE(bugprone-exception-escape): a thread that joins itself is beyond help
+ZOLPowerUtils::~ZOLPowerUtils() {
+    g_timeout_add(0, m_StopMainLoop, this);
+    // The default context is not served any more when the daemon ends, so the stop must not depend on it.
+    m_QuitLoop();
+    {
+        const boost::this_thread::disable_interruption uninterrupted;
+        m_powerThread.join();
+    }
+    // Nobody adds a source any more; those still waiting must not find a dead object.
+    while (g_source_remove_by_user_data(this) != FALSE) {
+    }
+}
+
+void ZOLPowerUtils::m_PowerOffThread() {
+    GMainContext* context = g_main_context_new();
+    m_loop = g_main_loop_new(context, FALSE);
+    {
+        const Lock lock(m_stateMutex);
+        m_context = context;
+    }
+    g_main_context_push_thread_default(context);
+
+    LogUnlessSubscribed(device_power_subscribe_poweroff(PowerOffCallback, this), "power-off");
+    LogUnlessSubscribed(device_power_subscribe_wakeup(m_PreWakeUpCallback, this), "wake-up");
+    m_RunLoop();
+    device_power_unsubscribe_wakeup(m_PreWakeUpCallback);
+    device_power_unsubscribe_poweroff(PowerOffCallback);
+
+    g_main_context_pop_thread_default(context);
+    g_main_context_unref(context);
+    g_main_loop_unref(m_loop);
+}
+
+void ZOLPowerUtils::m_RunLoop() {
+    {
+        const Lock lock(m_stateMutex);
+        if (m_isStopRequested) {
+            return;
+        }
+        m_state = STATE_RUNNING;
+    }
+    g_main_loop_run(m_loop);
+    const Lock lock(m_stateMutex);
+    m_state = STATE_ENDED;
+}
+
+void ZOLPowerUtils::m_QuitLoop() {
+    const Lock lock(m_stateMutex);
+    m_isStopRequested = true;
+    if (m_state != STATE_RUNNING) {
+        return;
+    }
+    // The loop may be about to run and would then forget a quit; a source of its context waits for it.
+    GSource* source = g_idle_source_new();
+    g_source_set_priority(source, G_PRIORITY_HIGH);
+    g_source_set_callback(source, QuitLoopOfThisContext, m_loop, nullptr);
+    g_source_attach(source, m_context);
+    g_source_unref(source);
+}
+
+int ZOLPowerUtils::PowerOffCallback(int /*reason*/, void* data) {
+    ZOLPowerUtils* self = Validated(data, __LINE__);
+    if (self == nullptr) {
+        return 0;
+    }
+    try {
+        self->m_PowerOffCallback();
+    } catch (...) {
+        LogCallbackException(kLogModule);
+    }
+    return 0;
+}
+
+int ZOLPowerUtils::m_PreWakeUpCallback(int /*reason*/, void* data) {
+    if (Validated(data, __LINE__) != nullptr) {
+        g_main_context_invoke(nullptr, m_MainContextPreWakeUp, data);
+    }
+    return 0;
+}
+
+gboolean ZOLPowerUtils::m_MainContextPowerOff(void* data) {
+    const ZOLPowerUtils* self = Validated(data, __LINE__);
+    if (self == nullptr) {
+        return G_SOURCE_REMOVE;
+    }
+    try {
+        self->m_pPolicyManager->NotifyPowerOff();
+    } catch (...) {
+        LogCallbackException(kLogModule);
+    }
+    return G_SOURCE_REMOVE;
+}
+
+gboolean ZOLPowerUtils::m_MainContextPreWakeUp(void* data) {
+    const ZOLPowerUtils* self = Validated(data, __LINE__);
+    if (self == nullptr) {
+        return G_SOURCE_REMOVE;
+    }
+    try {
+        self->m_pPolicyManager->PreparePowerOn(false);
+        self->m_pPolicyManager->GetScheduler().SetLastWakeUpTime();
+    } catch (...) {
+        LogCallbackException(kLogModule);
+    }
+    return G_SOURCE_REMOVE;
+}
+
+gboolean ZOLPowerUtils::m_StopMainLoop(void* data) {
+    ZOLPowerUtils* self = Validated(data, __LINE__);
+    if (self != nullptr) {
+        self->m_QuitLoop();
+    }
+    return G_SOURCE_REMOVE;
+}
+
+void ZOLPowerUtils::m_PowerOffCallback() {
+    ZOL_LOG(LOG_ERROR, "Starting power off callback!");
+    const Lock lock(m_powerOffMutex);
+    m_powerOffStart = platform_clock_steady_ns();
+    g_main_context_invoke(nullptr, m_MainContextPowerOff, this);
+    m_powerOffDuration = static_cast<double>(platform_clock_steady_ns() - m_powerOffStart) / kNsPerSecond;
+    ZOL_LOG(LOG_ERROR, "Power off callback successfuly executed! Time taken: %f seconds", m_powerOffDuration);
+}
+
+}  // namespace zol
