@@ -1,0 +1,68 @@
+#include "ZOLView.h"
+
+#include <gmock/gmock.h>
+
+#include "fake_diagnostics.h"
+#include "fake_dlog.h"
+#include "fakes.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class View : public testing::Test {
+protected:
+    View() { fakes::Reset(); }
+};
+
+TEST_F(View, ShowPostsTitleAndContent) {
+    TCView view("Title", "Content");
+
+    view.Show();
+
+    EXPECT_THAT(fakes::notification::Posted(), ElementsAre("Title|Content"));
+    EXPECT_THAT(fakes::notification::Settings(),
+                ElementsAre("text TITLE", "text CONTENT", "applist 17", "layout 1"));
+    EXPECT_EQ(fakes::dlog::Find("[DEMO] TCView() START").priority, 6);
+    EXPECT_TRUE(fakes::dlog::Has("setting is done"));
+    EXPECT_TRUE(fakes::dlog::Has("[DEMO] TCView() END"));
+}
+
+TEST_F(View, AViewWhoseCreationFailedPostsNothing) {
+    fakes::notification::Fail(fakes::notification::FAIL_CREATE);
+    TCView view("Title", "Content");
+
+    view.Show();
+
+    EXPECT_THAT(fakes::notification::Posted(), IsEmpty());
+    EXPECT_TRUE(fakes::dlog::Has("m_Noti is NULL"));
+    EXPECT_FALSE(fakes::dlog::Has("setting is done"));
+}
+
+TEST_F(View, AViewWhoseLayoutCallFailedLogsBothAndPosts) {
+    fakes::notification::Fail(fakes::notification::FAIL_LAYOUT);
+    TCView view("Title", "Content");
+
+    view.Show();
+
+    EXPECT_TRUE(fakes::dlog::Has("setting is fail"));
+    EXPECT_TRUE(fakes::dlog::Has("setting is done"));
+    EXPECT_THAT(fakes::notification::Posted(), ElementsAre("Title|Content"));
+}
+
+TEST_F(View, ADefaultViewPostsNothing) {
+    TCView view;
+
+    view.Show();
+
+    EXPECT_THAT(fakes::notification::Posted(), IsEmpty());
+}
+
+TEST_F(View, TheHandleIsReleasedWithTheView) {
+    { const TCView view("Title", "Content"); }
+
+    EXPECT_EQ(fakes::notification::Handles(), 0);
+}
+
+}  // namespace
