@@ -1,0 +1,307 @@
+#include "ZOLTestRecording.h"
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+
+#include "Logging.h"
+#include "TSFileSystem.h"
+#include "ZOLLog.h"
+#include "ZOLPipelineEnd.h"
+#include "ZOLShellQuote.h"
+#include "ZOLWorkerTask.h"
+#include "cv/TCTraceControl.h"
+#include "device_path.h"
+#include "device_paths.h"
+#include "display_capture.h"
+#include "platform_clock.h"
+#include "usb_device.h"
+#include "vconf.h"
+
+namespace {
+
+constexpr const char* kLogModule = "zol::KeyInputManager";
+constexpr const char* kSource = "zol/src/ZOLTestRecording";
+constexpr int kCreateLine = 45;
+constexpr unsigned long kStackSize = 8192;  ///< bytes
+
+constexpr KeyComb kStartCombination = 95;
+constexpr KeyComb kStopCombination = 96;
+
+constexpr const char* kStateKey = "db/window_system/system_state";  ///< 1 while a recording runs, else 0
+constexpr int kRecording = 1;
+constexpr int kIdle = 0;
+
+constexpr const char* kScenarioFile = "/recorded_scenario.txt";
+constexpr const char* kFocusLog = "/csfs_log.txt";
+constexpr const char* kCaptureFolder = "/ScreenCapture/";
+constexpr const char* kDumpFolder = "/dumpCV/";
+constexpr const char* kArchive = "testrecording.tar.gz";
+constexpr std::array<const char*, 4> kArchiveEntries{"recorded_scenario.txt", "csfs_log.txt", "dumpCV",
+                                                     "ScreenCapture"};
+
+constexpr const char* kStartToast =
+    "app_launcher -s org.kaldo.alert-syspopup type \"toast\" text \"Recording started...\" timeout 5";
+constexpr const char* kStopToast =
+    "app_launcher -s org.kaldo.alert-syspopup type \"toast\" text \"Recording finishing...\" timeout 10";
+
+/// How long a stop waits, in milliseconds, until the last focus lines are on the stick.
+constexpr int kFocusLogEndMs = 5000;
+
+constexpr int kCaptureWidth = 960;   ///< pixels
+constexpr int kCaptureHeight = 540;  ///< pixels
+constexpr int kCaptureQuality = 100;
+
+/// The local time as year, month, day, hour, minute, second without separators.
+std::string TimeStamp() {
+    timespec now{};
+    platform_clock_realtime(&now);
+    tm local{};
+    localtime_r(&now.tv_sec, &local);
+    // Room for whatever an int can print, so that nothing is ever cut.
+    std::array<char, 80> text{};
+    std::snprintf(text.data(), text.size(), "%04d%02d%02d%02d%02d%02d", local.tm_year + 1900,
+                  local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
+    return text.data();
+}
+
+/// The USB storage service, open for as long as this lives.
+class UsbService {
+public:
+    UsbService() : m_open(usb_device_init() == 0) {}
+    ~UsbService() {
+        if (m_open) {
+            usb_device_fini();
+        }
+    }
+    UsbService(const UsbService&) = delete;
+    UsbService& operator=(const UsbService&) = delete;
+    bool Open() const { return m_open; }
+
+private:
+    bool m_open;
+};
+
+/// The end of the focus log's writers, which outlive the shell that starts them.
+zol::PipelineEnd& FocusLogEnd() {
+    static auto* const end = new zol::PipelineEnd;
+    return *end;
+}
+
+}  // namespace
+
+std::atomic<bool> TCTestRecording::m_testflag{false};
+
+bool TCTestRecording::Create() {
+    return StartWorkerTask(*this, *this, "ZOLTestRecording", kSource, kCreateLine);
+}
+
+void TCTestRecording::Destroy() {
+    removeKeyCombinationHandler();
+    ZOL_LOG(LOG_ERROR, "[TCTestRecording] Destroy");
+    EndWorkerTask(*this, *this);
+}
+
+void TCTestRecording::setKeyCombinationHandler() {
+    if (KeyCombination_Initialize() != 0) {
+        return;
+    }
+    std::array<int, KEY_COMBINATION_COUNT> combinations{};
+    combinations[kStartCombination] = 1;
+    combinations[kStopCombination] = 1;
+    KeyCombination_Set_CombinationList(combinations.data(), KEY_COMBINATION_COUNT);
+    KeyCombination_Register_Handler(keyCombinationHandlerCb, nullptr);
+}
+
+void TCTestRecording::removeKeyCombinationHandler() {
+    KeyCombination_Delete_Handler(keyCombinationHandlerCb);
+    KeyCombination_Finalize();
+}
+
+bool TCTestRecording::t_OnEvent(const CSEvent* /*event*/) {
+    ZOL_LOG(LOG_ERROR, "[TestRecording] t_OnEvent");
+    return false;
+}
+
+void TCTestRecording::keyCombinationHandlerCb(KeyComb id, void* /*userData*/) {
+    try {
+        if (id == kStartCombination) {
+            m_Start();
+        } else if (id == kStopCombination) {
+            m_Stop();
+        }
+    } catch (...) {
+        ZOL_LOG(LOG_ERROR, "[TestRecording] exception while handling combination %d", id);
+    }
+}
+
+void TCTestRecording::m_Start() {
+    if (m_testflag.load(std::memory_order_relaxed)) {
+        ZOL_LOG(LOG_ERROR, "[TestRecording] Already recording...");
+        return;
+    }
+    ZOL_LOG(LOG_ERROR, "[TestRecording] Start recording...");
+    m_RecordingState(kRecording);
+    if (m_runShell(kStartToast) == -1) {
+        ZOL_LOG(LOG_ERROR, "[TestRecording] Fail to run shell");
+    }
+}
+
+void TCTestRecording::m_Stop() {
+    if (!m_testflag.load(std::memory_order_relaxed)) {
+        ZOL_LOG(LOG_ERROR, "[TestRecording] Recording hasn't been run yet.");
+        return;
+    }
+    ZOL_LOG(LOG_ERROR, "[TestRecording] Stop recording...");
+    if (m_runShell(kStopToast) == -1) {
+        // The recording stays active: the tester may try again.
+        ZOL_LOG(LOG_ERROR, "[TestRecording] Fail to run shell");
+        return;
+    }
+    m_RecordingState(kIdle);
+    m_Make_tarfile();
+}
+
+void TCTestRecording::m_RecordingState(int state) {
+    const std::string usb = m_get_usb_device_path();
+    if (usb.empty()) {
+        ZOL_LOG(LOG_ERROR, "[TestRecording] Fail to get USB Path");
+        return;
+    }
+    if (vconf_set_int(kStateKey, state) != 0) {
+        ZOL_LOG(LOG_ERROR, "[TestRecording] vconf set failed for : %d", state);
+        return;
+    }
+    ZOL_LOG(LOG_ERROR, "[TestRecording] value of %s is %d", kStateKey, state);
+    if (state == kRecording) {
+        m_testflag.store(true, std::memory_order_relaxed);
+        const std::string scenario = usb + kScenarioFile;
+        if (TSFileSystem::FileExists(scenario) && !TSFileSystem::RemoveFile(scenario)) {
+            ZOL_LOG(LOG_ERROR, "Failed to remove recorded scenario file! Dir: %s", scenario.c_str());
+            return;
+        }
+        m_EnableDlog(usb);
+    } else if (state == kIdle) {
+        m_testflag.store(false, std::memory_order_relaxed);
+        m_DisableDlog();
+        m_ScreenCapture(usb + kCaptureFolder);
+        m_saveDumpWrapper(ZOL_PATH_TRACE_DUMP, usb + kDumpFolder);
+    }
+}
+
+void TCTestRecording::m_EnableDlog(const std::string& dir) {
+    const std::string log = dir + kFocusLog;
+    if (TSFileSystem::FileExists(log) && !TSFileSystem::RemoveFile(log)) {
+        ZOL_LOG(LOG_ERROR, "Failed to remove recorded scenario file! Dir: %s", log.c_str());
+        return;
+    }
+    const std::string command =
+        "dlogutil -v kerneltime CSFS | grep OnFocused > " + zol::ShellQuote(log) + "&";
+    ZOL_LOG(LOG_ERROR, "[TestRecording] StartDlog cmd is %s", command.c_str());
+    m_runShell(command, FocusLogEnd().Open());
+    FocusLogEnd().Started();
+}
+
+void TCTestRecording::m_DisableDlog() {
+    m_runShell("killall dlogutil");
+    // The filter behind it writes what it still holds only now; the archive must not be made before.
+    if (!FocusLogEnd().Wait(kFocusLogEndMs)) {
+        ZOL_LOG(LOG_ERROR, "[TestRecording] the focus log is still being written");
+    }
+}
+
+void TCTestRecording::m_ScreenCapture(const std::string& dir) {
+    if (TSFileSystem::FolderExists(dir) && !TSFileSystem::RemoveFolder(dir)) {
+        ZOL_LOG(LOG_ERROR, "Failed to remove Screen Capture directory! Dir: %s", dir.c_str());
+        return;
+    }
+    if (!TSFileSystem::MakeDir(dir, true)) {
+        ZOL_LOG(LOG_ERROR, "Failed to create Screen Capture directory! Dir: %s", dir.c_str());
+        return;
+    }
+    const std::string now = TimeStamp();
+    ZOL_LOG(LOG_ERROR, "[TestRecording] now time is %s", now.c_str());
+    const std::string file = dir + "Capturefile_" + now;
+    const dc_capture_request request{file.c_str(),     kCaptureWidth,  kCaptureHeight, DC_PLANE_ALL,
+                                     DC_ROTATION_NONE, DC_FORMAT_JPEG, kCaptureQuality};
+    if (dc_request_capture_to_file_sync(&request) != 0) {
+        ZOL_LOG(LOG_ERROR, "[TestRecording] dc_request_capture_to_file_sync failed");
+    }
+}
+
+void TCTestRecording::m_saveDumpWrapper(const std::string& source, const std::string& destination) {
+    if (TSFileSystem::FolderExists(destination) && !TSFileSystem::RemoveFolder(destination)) {
+        ZOL_LOG(LOG_ERROR, "Failed to remove Screen Capture directory! Dir: %s", destination.c_str());
+        return;
+    }
+    if (cv::TCTraceControl* control = cv::api::GetControl()) {
+        control->SaveDump(source, destination, 1, 1);
+    }
+}
+
+void TCTestRecording::m_Make_tarfile() {
+    const std::string usb = m_get_usb_device_path();
+    if (usb.empty()) {
+        ZOL_LOG(LOG_ERROR, "[TestRecording] Fail to get USB Path");
+        return;
+    }
+    std::string command = "tar -cvzf " + zol::ShellQuote(usb + "/" + kArchive);
+    for (const char* entry : kArchiveEntries) {
+        command += " -C " + zol::ShellQuote(usb) + " " + entry;
+    }
+    m_runShell(command);
+    ZOL_LOG(LOG_INFO, "[TestRecording] Done making tar file.");
+}
+
+std::string TCTestRecording::m_get_usb_device_path() {
+    const UsbService service;
+    if (!service.Open()) {
+        ZOL_LOG(LOG_ERROR, "[TestRecording] failed to initialize usb device\n");
+        return "";
+    }
+    usb_device_list_t* list = nullptr;
+    if (usb_device_get_device_list(USB_DEVICE_MASS_STORAGE, &list) != 0) {
+        ZOL_LOG(LOG_ERROR, "[TestRecording]failed to get mass storage list from usb-server\n");
+        return "";
+    }
+    usb_device_t* device = usb_device_list_get_first(list);
+    if (device == nullptr) {
+        ZOL_LOG(LOG_ERROR, "[TestRecording] failed to get USB device");
+        return "";
+    }
+    std::array<char, 4096> path{};
+    if (usb_device_get_mountpath(device, path.data(), path.size()) != 0) {
+        return "";
+    }
+    // Where it lies on this machine: the shell's commands know of no mapping, and mapping twice changes
+    // nothing.
+    return DevicePath(path.data());
+}
+
+int TCTestRecording::m_runShell(const std::string& command, int inherited) {
+    const char* const text = command.c_str();
+    // vfork: the daemon is large and the shell replaces the child at once.
+    const pid_t child = vfork();  // NOLINT(clang-analyzer-security.insecureAPI.vfork)
+    if (child == 0) {
+        if (inherited >= 0) {
+            // The child shares the memory but has its own table of descriptors.
+            fcntl(inherited, F_SETFD, 0);  // NOLINT(clang-analyzer-unix.Vfork)
+        }
+        execl("/bin/sh", "sh", "-c", text, static_cast<char*>(nullptr));
+        _exit(1);
+    }
+    if (child < 0) {
+        return -1;
+    }
+    int status = 0;
+    pid_t ended = 0;
+    do {
+        ended = waitpid(child, &status, 0);
+    } while (ended < 0 && errno == EINTR);
+    return ended == child ? status : -1;
+}
