@@ -1,0 +1,5 @@
+#include "zol_daemon.h"
+
+int main() {
+    return zol_daemon::main();
+}
