@@ -1,0 +1,26 @@
+#pragma once
+/// The commands of zolctl. Each adds itself to the command line and stores, when it was chosen, what is to be
+/// done; main runs that once parsing is over.
+#include <functional>
+
+namespace CLI {
+class App;
+}
+
+namespace zolctl {
+
+/// Exit statuses of every command.
+enum EExit {
+    EXIT_OK = 0,
+    EXIT_REFUSED = 1,     ///< the daemon refused, or what was asked for is not there
+    EXIT_UNREACHABLE = 2  ///< daemon or store not reachable, or bad usage
+};
+
+/// The chosen command; returns an exit status.
+using Action = std::function<int()>;
+
+void AddPolicyCommand(CLI::App& app, Action& action);
+void AddVconfCommand(CLI::App& app, Action& action);
+void AddKpiCommand(CLI::App& app, Action& action);
+
+}  // namespace zolctl

@@ -1,0 +1,75 @@
+#include <json/json.h>
+#include <time.h>
+
+#include <CLI/CLI.hpp>
+#include <array>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "KPILogFramework.h"
+#include "commands.h"
+
+namespace zolctl {
+namespace {
+
+std::string UtcTime(std::int64_t seconds) {
+    const auto time = static_cast<time_t>(seconds);
+    tm parts{};
+    gmtime_r(&time, &parts);
+    std::array<char, 32> text{};
+    strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts);
+    return text.data();
+}
+
+void PrintText(const std::vector<KPILogFramework::TSKpiEvent>& events) {
+    for (const auto& event : events) {
+        std::cout << event.sequence << '\t' << UtcTime(event.timeSeconds) << '\t' << event.type << '\t'
+                  << event.category << '\t' << event.eventId << '\t' << event.description << '\n';
+    }
+}
+
+void PrintJson(const std::vector<KPILogFramework::TSKpiEvent>& events) {
+    Json::Value list(Json::arrayValue);
+    for (const auto& event : events) {
+        Json::Value one;
+        one["sequence"] = Json::Int64(event.sequence);
+        one["time"] = UtcTime(event.timeSeconds);
+        one["type"] = event.type;
+        one["category"] = event.category;
+        one["event_id"] = event.eventId;
+        one["description"] = event.description;
+        list.append(one);
+    }
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "  ";
+    std::cout << Json::writeString(builder, list) << '\n';
+}
+
+int List(bool json) {
+    auto& logger = KPILogFramework::CLogger::GetInstance();
+    std::vector<KPILogFramework::TSKpiEvent> events;
+    if (!logger.ListEvents(events)) {
+        std::cerr << "zolctl: the event log cannot be read\n";
+        return EXIT_UNREACHABLE;
+    }
+    json ? PrintJson(events) : PrintText(events);
+    if (const std::int64_t dropped = logger.DroppedEvents(); dropped > 0) {
+        std::cerr << "zolctl: " << dropped << " older events were dropped\n";
+    }
+    return EXIT_OK;
+}
+
+}  // namespace
+
+void AddKpiCommand(CLI::App& app, Action& action) {
+    CLI::App* kpi = app.add_subcommand("kpi", "Events that the daemon reported");
+    kpi->require_subcommand(1);
+    CLI::App* list = kpi->add_subcommand("list", "Print the events sent, oldest first");
+    auto json = std::make_shared<bool>(false);
+    list->add_flag("--json", *json, "As a JSON array");
+    list->callback([json, &action] { action = [json] { return List(*json); }; });
+}
+
+}  // namespace zolctl
