@@ -1,0 +1,118 @@
+/// The clock of the daemon that the end-to-end tests steer: the product's daemon with this in place of the
+/// platform's clock. ZOL_TEST_CLOCK_SPEED says how many seconds pass here while one passes outside.
+#include <glib.h>
+#include <time.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <mutex>
+#include <new>
+
+#include "platform_clock.h"
+
+namespace {
+
+constexpr uint64_t kNsPerSecond = 1000000000;
+/// Waits below this are the runtime's own pauses, whose length nobody watches; they stay as they are.
+constexpr uint64_t kShortestSteered = kNsPerSecond;
+
+uint64_t Speed() {
+    static const uint64_t speed = [] {
+        const char* text = std::getenv("ZOL_TEST_CLOCK_SPEED");
+        return text != nullptr ? std::max<uint64_t>(1, std::strtoull(text, nullptr, 10)) : 1;
+    }();
+    return speed;
+}
+
+uint64_t RealNs(clockid_t clock) {
+    timespec now{};
+    clock_gettime(clock, &now);
+    return static_cast<uint64_t>(now.tv_sec) * kNsPerSecond + static_cast<uint64_t>(now.tv_nsec);
+}
+
+uint64_t StartNs() {
+    static const uint64_t start = RealNs(CLOCK_MONOTONIC);
+    return start;
+}
+
+uint64_t PassedNs() {
+    const uint64_t start = StartNs();
+    return (RealNs(CLOCK_MONOTONIC) - start) * Speed();
+}
+
+uint64_t WallNs() {
+    static const uint64_t start = RealNs(CLOCK_REALTIME);
+    return start + PassedNs();
+}
+
+uint64_t RealLength(uint64_t nanoseconds) {
+    return nanoseconds < kShortestSteered ? nanoseconds : nanoseconds / Speed();
+}
+
+}  // namespace
+
+struct platform_alarm_s {
+    std::mutex mutex;
+    std::condition_variable rang;
+    bool rung = false;
+};
+
+extern "C" {
+
+int platform_clock_realtime(struct timespec* out) {
+    const uint64_t now = WallNs();
+    out->tv_sec = static_cast<time_t>(now / kNsPerSecond);
+    out->tv_nsec = static_cast<long>(now % kNsPerSecond);
+    return 0;
+}
+
+uint64_t platform_clock_steady_ns(void) {
+    return PassedNs();
+}
+
+void platform_sleep_us(uint64_t microseconds) {
+    g_usleep(static_cast<gulong>(RealLength(microseconds * 1000) / 1000));
+}
+
+int platform_sem_wait_until(sem_t* sem, const struct timespec* deadline) {
+    if (deadline->tv_nsec < 0 || static_cast<uint64_t>(deadline->tv_nsec) >= kNsPerSecond) {
+        errno = EINVAL;
+        return -1;
+    }
+    const uint64_t until =
+        static_cast<uint64_t>(deadline->tv_sec) * kNsPerSecond + static_cast<uint64_t>(deadline->tv_nsec);
+    while (sem_trywait(sem) != 0) {
+        if (WallNs() >= until) {
+            errno = ETIMEDOUT;
+            return -1;
+        }
+        g_usleep(1000);
+    }
+    return 0;
+}
+
+platform_alarm_t* platform_alarm_new(void) {
+    return new (std::nothrow) platform_alarm_s;
+}
+
+void platform_alarm_free(platform_alarm_t* alarm) {
+    delete alarm;
+}
+
+int platform_alarm_wait(platform_alarm_t* alarm, uint64_t nanoseconds) {
+    std::unique_lock<std::mutex> lock(alarm->mutex);
+    const std::chrono::nanoseconds time(static_cast<int64_t>(RealLength(nanoseconds)));
+    const bool rung = alarm->rang.wait_for(lock, time, [alarm] { return alarm->rung; });
+    alarm->rung = false;
+    return rung ? 1 : 0;
+}
+
+void platform_alarm_ring(platform_alarm_t* alarm) {
+    const std::lock_guard<std::mutex> lock(alarm->mutex);
+    alarm->rung = true;
+    alarm->rang.notify_one();
+}
+}

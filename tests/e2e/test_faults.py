@@ -1,0 +1,276 @@
+"""Bad input and broken surroundings: the daemon refuses, says so, and lives on."""
+import json
+import os
+import sqlite3
+import struct
+
+import dbus
+import pytest
+
+from conftest import BUS_NAME, HANDOVER_KEY, RUNNING_KEY, int_rule, policy, wait_for
+
+KEY = "db/menu/picture/backlight"
+RULE = int_rule(KEY, "IS", 3)
+
+SIGNATURE = b"serialization::archive"
+# Library version, then the sizes of int, long, float and double, and the byte order.
+ARCHIVE_HEADER = (struct.pack("<Q", len(SIGNATURE)) + SIGNATURE + struct.pack("<H", 18) + bytes([4, 8, 4, 8]) +
+                  struct.pack("<I", 1))
+
+
+def archive(text, announced=None):
+    data = text.encode()
+    return ARCHIVE_HEADER + struct.pack("<Q", len(data) if announced is None else announced) + data
+
+
+class Caller:
+    """Calls the daemon with any bytes."""
+
+    def __init__(self, machine):
+        connection = dbus.bus.BusConnection(machine.bus.address)
+        self.daemon = dbus.Interface(connection.get_object(BUS_NAME, "/org/zol/Daemon1"), "org.zol.Native1")
+
+    def call(self, code, data):
+        handled, reply = self.daemon.Call(dbus.Int32(code), dbus.ByteArray(data), timeout=60)
+        return bool(handled), bytes(reply)
+
+
+@pytest.fixture
+def caller(machine, daemon):
+    return Caller(machine)
+
+
+def still_serving(machine):
+    return machine.push(policy(RULE)).returncode == 0
+
+
+def test_the_archive_of_these_tests_is_one_that_the_daemon_takes(machine, caller):
+    handled, reply = caller.call(4, archive(policy(RULE)))
+
+    assert handled
+    assert reply == ARCHIVE_HEADER + struct.pack("<i", 1)
+
+
+def test_a_request_without_bytes_is_not_handled(machine, caller):
+    assert caller.call(4, b"") == (False, b"")
+    machine.wait_log("error: no input")
+
+
+def test_function_code_5_is_not_handled(machine, caller):
+    assert caller.call(5, archive(policy(RULE))) == (False, b"")
+
+
+@pytest.mark.parametrize("data", [
+    b"\x00", os.urandom(16), os.urandom(4096), archive(policy(RULE))[:40], archive(policy(RULE))[:-1],
+    archive("", announced=2**60), struct.pack("<Q", 2**60) + SIGNATURE, archive("x", announced=2**32)],
+    ids=["one byte", "16 random bytes", "4096 random bytes", "cut in the header", "last byte missing",
+         "a string of 2^60 bytes", "a signature of 2^60 bytes", "a string of 4 GiB"])
+def test_a_request_that_is_no_archive_is_answered_with_an_error(machine, daemon, caller, data):
+    with pytest.raises(dbus.DBusException) as error:
+        caller.call(4, data)
+
+    assert error.value.get_dbus_name().startswith("org.zol.Error")
+    assert still_serving(machine)
+
+
+def test_malformed_policies_are_refused_and_the_stored_one_stays(machine, daemon):
+    document = policy(RULE)
+    machine.push(document)
+
+    for bad in ("<zolitem><zols></zolitem>", "no xml at all", "\x01\x02\x03", '<a b="1" b="2"/>', "<a>&unknown;</a>"):
+        pushed = machine.push(bad)
+        assert pushed.returncode == 1, bad
+        assert pushed.stderr.count("\n") == 1
+
+    assert machine.path("/var/lib/zol/policy.xml").read_text() == document
+
+
+def test_an_empty_document_counts_as_commands_only(machine, daemon):
+    assert machine.push("").returncode == 0
+    assert not machine.path("/var/lib/zol/policy.xml").exists()
+
+
+def test_a_megabyte_of_nesting_does_not_hurt(machine, daemon):
+    assert machine.push("<a>" * 350000).returncode in (0, 1)
+    assert still_serving(machine)
+
+
+def test_a_policy_of_ten_thousand_items_works(machine, daemon):
+    rules = [int_rule(f"db/many/{i}", "IS", 3) for i in range(10000)]
+    assert machine.push(policy(*rules)).returncode == 0
+
+    machine.set("db/many/9999", "3", "int")
+
+    assert [event["items"]["key"] for event in wait_for(machine.kpi)] == ["db/many/9999"]
+
+
+def test_zolctl_says_when_the_daemon_is_not_there(machine):
+    for arguments in (("policy", "push", "-"), ("policy", "push", "/does/not/exist"), ("policy",), ("nonsense",),
+                      ("vconf", "set", "k", "x", "--type", "int")):
+        result = machine.zolctl(*arguments, stdin="<a/>", check=2)
+        assert result.stderr
+
+
+@pytest.mark.parametrize("file, why", [("/dev/zero", "larger than"), ("/", "cannot read")])
+def test_zolctl_refuses_what_is_no_document(machine, daemon, file, why):
+    assert why in machine.zolctl("policy", "push", file, check=2).stderr
+
+
+def test_a_device_without_identifiers_reports_null(machine):
+    machine.path("/proc/global_uniqueID").unlink()
+    machine.path("/proc/life_cycleID").unlink()
+    daemon = machine.start_daemon()
+    machine.set(KEY, "3", "int")
+
+    machine.push(policy(RULE))
+
+    folder = machine.published()
+    header = json.loads((folder / "header.json").read_text())
+    assert (header["id"], header["tgid"], header["lcid"]) == ("NULL", "NULL", "NULL")
+    assert folder.name.startswith("NULL_")
+    machine.wait_log("file open failed. again for tgid value (3)")
+    assert daemon.stop() == 0
+
+
+def test_a_report_root_that_is_a_link_is_refused(machine, daemon):
+    elsewhere = machine.folder / "elsewhere"
+    elsewhere.mkdir()
+    machine.path("/tmp/zol").symlink_to(elsewhere)
+    machine.set(KEY, "3", "int")
+
+    machine.push(policy(RULE))
+
+    wait_for(lambda: "/tmp/zol" in machine.log("main"), "a line about the link")
+    assert list(elsewhere.iterdir()) == []
+    assert machine.get(HANDOVER_KEY) == ""
+    assert machine.kpi() == []
+
+
+def test_a_policy_file_that_is_a_folder_leaves_the_daemon_without_a_policy(machine):
+    machine.path("/var/lib/zol/policy.xml").mkdir(parents=True)
+
+    daemon = machine.start_daemon()
+
+    assert machine.get(RUNNING_KEY) == "false"
+    assert daemon.stop() == 0
+
+
+def test_a_truncated_policy_file_counts_up_to_the_cut(machine):
+    machine.path("/var/lib/zol").mkdir(parents=True)
+    document = policy(RULE, int_rule("db/lost", "IS", 1))
+    machine.path("/var/lib/zol/policy.xml").write_text(document[:document.index("db/lost")])
+    daemon = machine.start_daemon()
+
+    machine.set(KEY, "3", "int")
+
+    assert machine.published().exists()
+    assert daemon.stop() == 0
+
+
+def test_a_missing_store_is_made_anew(machine):
+    daemon = machine.start_daemon()
+    assert machine.path("/var/lib/zol/vconf/vconf.db").exists()
+    assert daemon.stop() == 0
+
+
+def test_a_damaged_store_is_set_aside_and_the_daemon_comes_up(machine):
+    store = machine.path("/var/lib/zol/vconf")
+    store.mkdir(parents=True)
+    (store / "vconf.db").write_bytes(b"SQLite format 3\0" + os.urandom(8192))
+
+    daemon = machine.start_daemon()
+
+    aside = [file for file in store.iterdir() if ".damaged-" in file.name]
+    assert len(aside) == 1 and aside[0].stat().st_size == 8208
+    assert machine.get(RUNNING_KEY) == "false"
+    wait_for(lambda: "damaged" in machine.log("main"), "a line about the damaged store")
+    machine.push(policy(RULE))
+    machine.set(KEY, "3", "int")
+    assert machine.published().exists()
+    assert daemon.stop() == 0
+
+
+def test_a_locked_store_does_not_keep_the_daemon_from_coming_up(machine):
+    machine.set(KEY, "1", "int")
+    holder = sqlite3.connect(machine.path("/var/lib/zol/vconf/vconf.db"), isolation_level=None)
+    holder.execute("BEGIN IMMEDIATE")
+
+    daemon = machine.start_daemon()
+
+    wait_for(lambda: "locked" in machine.log("main"), "a line about the locked store")
+    holder.execute("ROLLBACK")
+    assert still_serving(machine)
+    assert daemon.stop() == 0
+
+
+def test_a_name_that_is_taken_is_served_once_it_is_free(machine):
+    # A connection of its own: the name goes with it.
+    connection = dbus.bus.BusConnection(machine.bus.address)
+    connection.request_name(BUS_NAME, dbus.bus.NAME_FLAG_DO_NOT_QUEUE)
+    daemon = machine.start_daemon(wait=False)
+    wait_for(lambda: BUS_NAME in machine.log("main"), "a line about the name")
+
+    connection.release_name(BUS_NAME)
+
+    wait_for(lambda: machine.push(policy(RULE)).returncode == 0, "the daemon to serve")
+    assert daemon.stop() == 0
+
+
+def test_a_bus_that_goes_away_and_comes_back_is_served_again(machine):
+    daemon = machine.start_daemon()
+    machine.push(policy(RULE))
+    machine.bus.stop()
+    machine.set(KEY, "3", "int")
+    assert machine.collect().exists()
+
+    machine.bus.start()
+
+    daemon.wait_until_serving()
+    assert still_serving(machine)
+    assert daemon.stop() == 0
+
+
+def test_a_daemon_that_starts_without_a_bus_comes_alive_with_it(machine):
+    machine.bus.stop()
+    daemon = machine.start_daemon(wait=False)
+    wait_for(lambda: machine.get(RUNNING_KEY) == "false", "the daemon's start")
+
+    machine.bus.start()
+
+    daemon.wait_until_serving()
+    assert daemon.stop() == 0
+
+
+def test_a_daemon_without_a_bus_ends_in_order(machine):
+    machine.bus.stop()
+    daemon = machine.start_daemon(wait=False)
+    wait_for(lambda: machine.get(RUNNING_KEY) == "false", "the daemon's start")
+
+    assert daemon.stop() == 0
+
+
+def test_a_trap_file_of_nonsense_is_told_by_line_and_the_good_line_counts(machine):
+    machine.path("/etc/zol").mkdir()
+    machine.path("/etc/zol/traps.conf").write_bytes(
+        b"\x00\xff\x01 nonsense\nbad S:F eight signed > 1\nloud ZOLCVLogger:LogVolumeLevel 0 signed > 80\n"
+        b"# fine\nname nowhere\n")
+    daemon = machine.start_daemon()
+
+    for line in (1, 2, 5):
+        machine.wait_log(f"/etc/zol/traps.conf: line {line} skipped: ", name="main")
+    assert machine.log("main").count("skipped: ") == 3
+    assert still_serving(machine)
+    assert daemon.stop() == 0
+
+
+@pytest.mark.parametrize("make", [lambda path: path.mkdir(), lambda path: path.symlink_to("/etc/hostname"),
+                                  lambda path: path.write_text("#" * 70000)],
+                         ids=["a folder", "a link", "too large"])
+def test_a_trap_file_that_is_no_trap_file_is_told_and_harms_nothing(machine, make):
+    machine.path("/etc/zol").mkdir()
+    make(machine.path("/etc/zol/traps.conf"))
+    daemon = machine.start_daemon()
+
+    machine.wait_log("/etc/zol/traps.conf", name="main")
+    assert still_serving(machine)
+    assert daemon.stop() == 0

@@ -1,0 +1,112 @@
+"""Standby, wake-up and power-off on a mocked power service."""
+import pathlib
+import subprocess
+
+import pytest
+
+from conftest import int_rule, policy, wait_for
+from services import Logind
+
+KEY = "db/menu/picture/backlight"
+PREPARED = "db/private/tvs-cv/power_on_prepared"
+RULE = int_rule(KEY, "IS", 3)
+ALIVE = "logind is there: power notifications work"
+MISSING = "logind is missing"
+
+
+class Subscriber:
+    """A client of the daemon's notifications, a process of its own."""
+
+    def __init__(self, machine, behaviour):
+        script = pathlib.Path(__file__).with_name("subscriber.py")
+        self.process = machine.start("/usr/bin/python3", script, machine.bus.address, behaviour,
+                                     stdout=subprocess.PIPE, text=True)
+        assert self.next_line() == "subscribed"
+
+    def next_line(self):
+        return self.process.stdout.readline().rstrip("\n")
+
+
+@pytest.fixture
+def logind(machine):
+    return Logind(machine)
+
+
+@pytest.fixture
+def listening(machine, logind):
+    """A daemon that hears the power service."""
+    daemon = machine.start_daemon()
+    machine.wait_log(ALIVE, name="main")
+    yield daemon
+    if daemon.process.poll() is None:
+        assert daemon.stop() == 0
+
+
+def test_subscribers_are_told_before_standby(machine, logind, listening):
+    subscribers = [Subscriber(machine, "answer") for _ in range(2)]
+
+    logind.prepare_for_sleep(True)
+
+    assert [subscriber.next_line() for subscriber in subscribers] == ["code 5", "code 5"]
+    machine.wait_log("Power off callback successfuly executed!")
+
+
+def test_subscribers_are_told_before_the_machine_goes_off(machine, logind, listening):
+    subscriber = Subscriber(machine, "answer")
+
+    logind.prepare_for_shutdown()
+
+    assert subscriber.next_line() == "code 5"
+
+
+def test_nobody_subscribed_is_logged_and_no_harm(machine, logind, listening):
+    logind.prepare_for_sleep(True)
+
+    machine.wait_log("No application responded to power off notification!")
+
+
+def test_a_wake_up_prepares_power_on(machine, logind, listening):
+    assert machine.push(policy(RULE)).returncode == 0
+    assert machine.get(PREPARED) == "false"
+
+    logind.prepare_for_sleep(True)
+    logind.prepare_for_sleep(False)
+
+    wait_for(lambda: machine.get(PREPARED) == "true", "the prepared power-on")
+    assert machine.push(policy()).returncode == 0
+    assert machine.get(PREPARED) == "false"
+
+
+def test_a_subscriber_that_never_answers_stops_nothing(machine, logind, listening):
+    hanging = Subscriber(machine, "hang")
+    logind.prepare_for_sleep(True)
+    assert hanging.next_line() == "code 5"
+
+    assert machine.push(policy(RULE)).returncode == 0
+    machine.set(KEY, "3", "int")
+    assert machine.collect().joinpath("header.json").exists()
+    machine.wait_log("m_notiPathList is empty, return")
+
+    assert listening.stop() == 0
+
+
+def test_a_subscriber_that_dies_counts_as_no_reply(machine, logind, listening):
+    hanging = Subscriber(machine, "hang")
+    logind.prepare_for_sleep(True)
+    assert hanging.next_line() == "code 5"
+
+    hanging.process.kill()
+
+    machine.wait_log("No application responded to power off notification!")
+
+
+def test_a_power_service_that_comes_late_and_comes_back_is_heard(machine, daemon):
+    subscriber = Subscriber(machine, "answer")
+
+    for turn in (1, 2):
+        logind = Logind(machine)
+        machine.wait_log(ALIVE, times=turn, name="main")
+        logind.prepare_for_sleep(True)
+        assert subscriber.next_line() == "code 5"
+        logind.stop()
+        machine.wait_log(MISSING, times=turn + 1, name="main")
