@@ -1,0 +1,54 @@
+/// Parsing a policy of 10,000 items, beside bare expat over the same bytes with empty handlers.
+#include <benchmark/benchmark.h>
+#include <expat.h>
+
+#include <string>
+
+#include "ZOLPolicy.h"
+#include "ZOLPolicyParser.h"
+
+namespace {
+
+std::string Document(int items) {
+    std::string text = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<zolitem numofzol=\"" +
+                       std::to_string(items) + "\">\n<zol_expired_time time=\"2592000\"/>\n";
+    for (int i = 0; i < items; ++i) {
+        text += "<zols key=\"db/menu/group" + std::to_string(i / 100) + "/key" + std::to_string(i) +
+                "\" condition=\"BETWEEN\" type=\"INT\" greater=\"5\" less=\"15\"/>\n";
+    }
+    return text + "</zolitem>\n";
+}
+
+void PolicyParser(benchmark::State& state) {
+    const std::string document = Document(10000);
+    const zol::TCPolicyParser parser;
+    for (auto _ : state) {
+        zol::ZOLPolicy policy;
+        benchmark::DoNotOptimize(parser.Parse(document, policy));
+    }
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) *
+                            static_cast<std::int64_t>(document.size()));
+}
+BENCHMARK(PolicyParser)->Unit(benchmark::kMillisecond);
+
+void XMLCALL IgnoreStart(void* /*data*/, const XML_Char* /*name*/, const XML_Char** /*attributes*/) {}
+void XMLCALL IgnoreEnd(void* /*data*/, const XML_Char* /*name*/) {}
+void XMLCALL IgnoreText(void* /*data*/, const XML_Char* /*text*/, int /*length*/) {}
+
+void BareExpat(benchmark::State& state) {
+    const std::string document = Document(10000);
+    for (auto _ : state) {
+        XML_Parser parser = XML_ParserCreate(nullptr);
+        XML_SetElementHandler(parser, IgnoreStart, IgnoreEnd);
+        XML_SetCharacterDataHandler(parser, IgnoreText);
+        benchmark::DoNotOptimize(XML_Parse(parser, document.data(), static_cast<int>(document.size()), 0));
+        XML_ParserFree(parser);
+    }
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) *
+                            static_cast<std::int64_t>(document.size()));
+}
+BENCHMARK(BareExpat)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();
