@@ -175,18 +175,26 @@ bool KeyDatabase::Perform(Access access, Operation operation) {
             if (code != SQLITE_OK) {
                 break;
             }
-        } else if (code == kNoStore ? access == READ
-                                    : code != SQLITE_DONE || access == READ || !MovedAway()) {
+        } else if (IsFinal(access, code)) {
             break;
         }
     }
     return Judge(access, code);
 }
 
+/// True when another attempt would change nothing. What failed, or was written, while the file was replaced
+/// says nothing about the one that stands there now.
+bool KeyDatabase::IsFinal(Access access, int code) const {
+    if (access == READ && (code == SQLITE_DONE || code == kNoStore)) {
+        return true;
+    }
+    return code != kNoStore && !Replaced();
+}
+
 /// SQLITE_OK with an open connection, kNoStore when there is nothing to read, else an error code.
 int KeyDatabase::Open(Access access) {
     if (m_connection != nullptr) {
-        if (!MovedAway()) {
+        if (!Replaced()) {
             return SQLITE_OK;
         }
         Close();
@@ -371,9 +379,10 @@ void KeyDatabase::Close() {
     m_connection.reset();
 }
 
-bool KeyDatabase::MovedAway() const {
+/// True when the file that was found last is no longer the one under its name.
+bool KeyDatabase::Replaced() const {
     const std::optional<FileIdentity> current = m_files.Current();
-    return !current || !m_identity || !current->SameFile(*m_identity);
+    return m_identity && (!current || !current->SameFile(*m_identity));
 }
 
 int KeyDatabase::PatienceMs(Access access) const {

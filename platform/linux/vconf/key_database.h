@@ -83,7 +83,8 @@ private:
     int ReplaceDamaged(int code);
     int Fail(int code, const std::string& reason);
     void Close();
-    bool MovedAway() const;
+    bool IsFinal(Access access, int code) const;
+    bool Replaced() const;
     int PatienceMs(Access access) const;
     bool Judge(Access access, int code);
 
