@@ -3,9 +3,11 @@
 #include <sqlite3.h>
 #include <sys/file.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <set>
 #include <string>
@@ -279,6 +281,41 @@ TEST_F(DamagedStore, ReplacedByAnotherProcessIsNoticedByThoseWhoHaveItOpen) {
     EXPECT_EQ(GetInt("db/k"), 77);
     ASSERT_TRUE(SetInt("db/k", 79));
     EXPECT_TRUE(ServeUntil([&] { return first.number == 79; }));
+}
+
+using ForeignEntry = KeyStoreTest;
+
+TEST_F(ForeignEntry, InTheDoorbellsPlaceGivesWayAndNobodyWaitsForIt) {
+    Heard heard;
+    ASSERT_TRUE(SetInt("db/k", 1));
+    ASSERT_TRUE(Store().Watch("db/k", &Heard::Callback, &heard));
+    const std::string doorbell = DurableFolder() + "/vconf.doorbell";
+    const std::string elsewhere = Root() + "/elsewhere";
+    Overwrite(elsewhere, "kept");
+    const auto pipe = [&] { ASSERT_EQ(mkfifo(doorbell.c_str(), 0600), 0); };
+    const auto link = [&] { fs::create_symlink(elsewhere, doorbell); };
+    int value = 1;
+    for (const std::function<void()>& put : {std::function<void()>(pipe), std::function<void()>(link)}) {
+        fs::remove(doorbell);
+        put();
+        ++value;
+        EXPECT_EQ(InAnotherProcess({"int", "db/k", std::to_string(value)}), "0\n");
+        EXPECT_TRUE(ServeUntil([&] { return heard.number == value; }));
+        EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(doorbell)));
+    }
+    EXPECT_EQ(Contents(elsewhere), "kept");
+}
+
+TEST_F(ForeignEntry, InTheLocksPlaceIsNoLockAndGivesWayToOne) {
+    ASSERT_TRUE(SetInt("db/k", 1));
+    const std::string lock = DurableFolder() + "/vconf.lock";
+    fs::remove(lock);
+    ASSERT_EQ(mkfifo(lock.c_str(), 0600), 0);
+    EXPECT_EQ(InAnotherProcess({"get", "db/k", "int", "db/k", "2"}), "int 1\n0\n");
+    Reopen();
+    fs::remove(Database());
+    EXPECT_TRUE(SetInt("db/k", 3));
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(lock)));
 }
 
 TEST_F(DamagedStore, IsNoticedWhileItIsInUse) {

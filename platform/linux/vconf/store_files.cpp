@@ -38,21 +38,50 @@ gid_t GroupId() {
 }
 
 /// The group may be missing and this process may not be allowed to set it: the owner can work all the same.
-void GiveToGroup(const std::string& path) {
+/// By descriptor: members of the group may put something else under the name at any moment.
+void GiveToGroup(const UniqueFd& fd) {
     const gid_t gid = GroupId();
-    if (gid != static_cast<gid_t>(-1) && chown(path.c_str(), static_cast<uid_t>(-1), gid) != 0) {
+    if (gid != static_cast<gid_t>(-1) && fchown(fd.Get(), static_cast<uid_t>(-1), gid) != 0) {
         errno = 0;
     }
 }
 
+bool IsRegular(const std::string& path) {
+    struct stat status {};
+    return lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+}
+
+/// Nothing when there is something else than a regular file, which could be waited for without end.
+UniqueFd OpenRegular(const std::string& path, int access) {
+    UniqueFd fd(open(path.c_str(), access | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW));
+    struct stat status {};
+    if (fd && (fstat(fd.Get(), &status) != 0 || !S_ISREG(status.st_mode))) {
+        fd.Reset();
+    }
+    return fd;
+}
+
+/// Makes the file unless it is there; what is no regular file does not belong under the name and gives way.
 /// O_EXCL, because closing a descriptor of a file that SQLite has open in this process would drop its locks.
 bool MakeFile(const std::string& path) {
-    const UniqueFd fd(open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kFileMode));
-    if (!fd) {
-        return errno == EEXIST;
+    constexpr int kAttempts = 2;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        const UniqueFd fd(open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kFileMode));
+        if (fd) {
+            GiveToGroup(fd);
+            return fchmod(fd.Get(), kFileMode) == 0;
+        }
+        if (errno != EEXIST) {
+            return false;
+        }
+        if (IsRegular(path)) {
+            return true;
+        }
+        if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+            return false;
+        }
     }
-    GiveToGroup(path);
-    return fchmod(fd.Get(), kFileMode) == 0;
+    return false;
 }
 
 void SyncFolder(const std::string& folder) {
@@ -107,8 +136,12 @@ bool StoreFiles::MakeFolder() const {
     if (mkdir(m_folder.c_str(), kFolderMode & 0700) != 0) {
         return platform::MakeFolder(m_folder);
     }
-    GiveToGroup(m_folder);
-    return chmod(m_folder.c_str(), kFolderMode) == 0;
+    const UniqueFd fd(open(m_folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
+    if (!fd) {
+        return false;
+    }
+    GiveToGroup(fd);
+    return fchmod(fd.Get(), kFolderMode) == 0;
 }
 
 std::optional<FileIdentity> StoreFiles::Current() const {
@@ -125,14 +158,14 @@ bool StoreFiles::HasLog() const {
 }
 
 bool StoreFiles::HasLock() const {
-    return Exists(m_lock);
+    return IsRegular(m_lock);
 }
 
 UniqueFd StoreFiles::Lock(int operation, int patienceMs) const {
     if (operation == LOCK_EX && !MakeFile(m_lock)) {
         return UniqueFd();
     }
-    UniqueFd fd(open(m_lock.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    UniqueFd fd = OpenRegular(m_lock, O_RDONLY);
     if (!fd) {
         return fd;
     }
@@ -181,9 +214,9 @@ std::string StoreFiles::SetAside() const {
 
 void StoreFiles::RingDoorbell() const {
     // Closing a file that was open for writing is an event of its own; nothing has to be written.
-    UniqueFd fd(open(m_doorbell.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW));
-    if (!fd && errno == ENOENT && MakeFile(m_doorbell)) {
-        fd.Reset(open(m_doorbell.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW));
+    // Making one rings it too.
+    if (!OpenRegular(m_doorbell, O_WRONLY) && !IsRegular(m_doorbell)) {
+        MakeFile(m_doorbell);
     }
 }
 
