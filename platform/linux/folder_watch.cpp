@@ -76,14 +76,25 @@ void FolderWatch::Read() {
 void FolderWatch::Handle(const inotify_event& event, const char* name) {
     if ((event.mask & IN_Q_OVERFLOW) != 0) {
         PLATFORM_LOG(WARN, "events of watched folders were lost; looking at all of them");
-        for (std::size_t i = 0; i < m_folders.size(); ++i) {
-            Attach(i);
-        }
+        LookAgain();
         m_handlers.overflowed();
     } else if ((event.mask & kFolderGone) != 0) {
         LoseWatch(event.wd);
     } else {
         HandleEntry(event.wd, name, event.mask);
+    }
+}
+
+/// Among the events that were lost may have been those of folders that went and came.
+void FolderWatch::LookAgain() {
+    for (std::size_t i = 0; i < m_folders.size(); ++i) {
+        const Folder& folder = m_folders[i];
+        // The descriptor of a folder stays the same for as long as it is watched.
+        if (folder.state != State::Waiting &&
+            inotify_add_watch(m_inotify.Get(), folder.path.c_str(), m_mask) != folder.watch) {
+            LoseWatch(folder.watch);
+        }
+        Attach(i);
     }
 }
 
@@ -134,6 +145,15 @@ void FolderWatch::Attach(std::size_t index) {
             return;
         }
     }
+    if (m_folders[index].state == State::Waiting) {
+        TellFailure(m_folders[index].path);
+    }
+}
+
+void FolderWatch::TellFailure(const std::string& path) {
+    if (!std::exchange(m_toldFailure, true)) {
+        PLATFORM_LOG(ERROR, "cannot watch %s: %s", path.c_str(), std::strerror(errno));
+    }
 }
 
 /// False when it must look again: the next folder on the way appeared before its parent was watched.
@@ -149,9 +169,7 @@ bool FolderWatch::AttachOnce(std::size_t index) {
         watch = inotify_add_watch(m_inotify.Get(), path.c_str(), m_mask);
     }
     if (watch < 0) {
-        if (!std::exchange(m_toldFailure, true)) {
-            PLATFORM_LOG(ERROR, "cannot watch %s: %s", folder.path.c_str(), std::strerror(errno));
-        }
+        TellFailure(folder.path);
         return true;
     }
     if (awaited.empty()) {

@@ -16,7 +16,8 @@ struct inotify_event;
 namespace platform {
 
 /// Watches folders with inotify. For a folder that does not exist its nearest existing parent is watched
-/// until it appears. Two paths of one folder count as the first of them.
+/// until it appears. Two paths of one folder count as the first of them. A file system that is mounted over a
+/// folder, and a parent further up that is moved away, are not noticed: inotify has no events for them.
 ///
 /// Made, used and destroyed on the thread that runs its thread-default main context; everything is delivered
 /// there.
@@ -57,10 +58,12 @@ private:
     static gboolean ReadCb(gint fd, GIOCondition condition, gpointer data);
     void Read();
     void Handle(const inotify_event& event, const char* name);
+    void LookAgain();
     void LoseWatch(int watch);
     void HandleEntry(int watch, const std::string& name, std::uint32_t mask);
     void Attach(std::size_t index);
     bool AttachOnce(std::size_t index);
+    void TellFailure(const std::string& path);
     bool IsWatched(int watch) const;
 
     std::vector<Folder> m_folders;

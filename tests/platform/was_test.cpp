@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -29,6 +30,27 @@ void WriteDown(const char* appId, was_notify_event_e event, int value1, int valu
 void Write(const fs::path& file, const std::string& content) {
     std::ofstream(file, std::ios::trunc) << content;
 }
+
+/// A registration for "gate" whose callback holds up all events until the gate is opened.
+struct Gate {
+    Reports<int> entered;
+    Reports<int> opened;
+
+    static void Callback(const char* /*appId*/, was_notify_event_e /*event*/, int /*value1*/, int /*value2*/,
+                         void* userData) {
+        auto* self = static_cast<Gate*>(userData);
+        self->entered.Add(1);
+        self->opened.WaitFor(1);
+    }
+    was_install_status_request Request() {
+        was_install_status_request request{};
+        std::strcpy(request.app_id, "gate");
+        request.callback = Callback;
+        request.user_data = this;
+        return request;
+    }
+    void Open() { opened.Add(1); }
+};
 
 class WebApps : public testing::Test {
 protected:
@@ -60,6 +82,17 @@ protected:
         EXPECT_EQ(all.back(), "fence 100");
         all.pop_back();
         return all;
+    }
+    /// More events than the kernel keeps for one watcher.
+    void LoseEvents() const {
+        int limit = 0;
+        std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> limit;
+        ASSERT_GT(limit, 0);
+        Write(System() / "a", "");
+        for (int events = 0; events <= limit; events += 4) {
+            fs::rename(System() / "a", System() / "b");
+            fs::rename(System() / "b", System() / "a");
+        }
     }
     void MonitorAppAndFence() {
         ASSERT_EQ(Monitor("app"), 0);
@@ -217,6 +250,41 @@ TEST_F(WebApps, OneFolderUnderTwoNamesIsOneFolder) {
     Write(System() / "app.desktop", "content");
 
     EXPECT_THAT(UpToFence(1), ElementsAre("app 100"));
+}
+
+TEST_F(WebApps, AnAppInAFolderWithTwoNamesIsGoneWhenItIsRemoved) {
+    MakeFolders();
+    fs::create_directory_symlink(folder.Path() + "/system", folder.Path() + "/more");
+    Write(System() / "app.desktop", "content");
+    MonitorAppAndFence();
+
+    fs::remove(System() / "app.desktop");
+    EXPECT_THAT(reports.WaitFor(1), ElementsAre("app 200"));
+    Write(System() / "app.desktop", "content");
+
+    EXPECT_THAT(UpToFence(2), ElementsAre("app 200", "app 100"));
+}
+
+TEST_F(WebApps, WhatHappenedWhenEventsWereLostIsToldOnce) {
+    MakeFolders();
+    fs::create_directory_symlink(folder.Path() + "/system", folder.Path() + "/more");
+    MonitorAppAndFence();
+    Gate gate;
+    ASSERT_EQ(was_monitor_webapp_install_status(gate.Request()), 0);
+    Write(System() / "gate.desktop", "content");
+    gate.entered.WaitFor(1);
+
+    // Told before the events are lost; then one that can only be found by looking, and a folder that went.
+    Write(System() / "app.desktop", "content");
+    LoseEvents();
+    fs::rename(User(), folder.Path() + "/away");
+    fs::create_directories(User());
+    gate.Open();
+
+    EXPECT_THAT(reports.WaitFor(1), ElementsAre("app 100"));
+    EXPECT_TRUE(log.WaitFor("events of watched folders were lost"));
+    EXPECT_THAT(UpToFence(1), ElementsAre("app 100"));
+    EXPECT_EQ(was_unmonitor_webapp_install_status(Gate::Callback, &gate), 0);
 }
 
 TEST_F(WebApps, OtherFilesAndOtherIdsAreNotTold) {

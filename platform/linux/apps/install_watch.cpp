@@ -146,8 +146,14 @@ void InstallWatch::OnFinished(const std::string& id, Entries& entries, std::size
     const Signature now = Read(FilePath(folder, id));
     // Gone again: the event of its removal follows. Unchanged: opened for writing, nothing written; or the
     // event of an earlier step of one that has been told.
-    if (now.present && !(now == entry.known)) {
-        entry.known = now;
+    if (!now.present || now == entry.known) {
+        return;
+    }
+    // Known from another folder: that one is this one under another name.
+    const bool told =
+        std::any_of(entries.begin(), entries.end(), [&](const Entry& other) { return other.known == now; });
+    entry.known = now;
+    if (!told) {
         m_event(id, true);
     }
 }
@@ -158,11 +164,16 @@ void InstallWatch::OnGone(const std::string& id, Entries& entries, std::size_t f
         return;
     }
     entries[folder].known = {};
-    const bool elsewhere =
-        std::any_of(entries.begin(), entries.end(), [](const Entry& entry) { return entry.known.present; });
-    if (!elsewhere) {
-        m_event(id, false);
+    // The files are asked, not what is known of them: a second name of this folder has no events of its own.
+    for (std::size_t other = 0; other < entries.size(); ++other) {
+        if (Read(FilePath(other, id)).present) {
+            return;
+        }
     }
+    for (Entry& entry : entries) {
+        entry.known = {};
+    }
+    m_event(id, false);
 }
 
 void InstallWatch::Look(std::size_t folder) {
