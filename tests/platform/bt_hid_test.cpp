@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -86,9 +87,17 @@ public:
             "<node><interface name='org.freedesktop.DBus.ObjectManager'><method name='GetManagedObjects'>"
             "<arg type='a{oa{sa{sv}}}' direction='out'/></method></interface></node>",
             [this](const std::string&, const std::string&, GVariant*, GDBusMethodInvocation* invocation) {
+                if (m_refusals > 0) {
+                    --m_refusals;
+                    g_dbus_method_invocation_return_dbus_error(invocation, "org.bluez.Error.NotReady",
+                                                               "busy");
+                    return;
+                }
                 g_dbus_method_invocation_return_value(invocation, Objects());
             });
     }
+    /// How often it does not list its devices before it does.
+    void Refuse(int times) { m_refusals = times; }
     void Stop() { m_service.reset(); }
 
 private:
@@ -125,6 +134,7 @@ private:
 
     std::mutex m_mutex;
     std::map<std::string, Device> m_devices;
+    std::atomic<int> m_refusals{0};
     std::unique_ptr<FakeService> m_service;
 };
 
@@ -325,6 +335,18 @@ TEST_F(SmartRemote, AServiceThatComesLateIsOneLogLineAndThenWorks) {
     EXPECT_EQ(log.Count("BlueZ is missing"), 1);
 }
 
+TEST_F(SmartRemote, AServiceThatDoesNotListItsDevicesIsAskedAgain) {
+    bluez.Add(kA, false);
+    bluez.Refuse(2);
+    bluez.Start();
+    Watch();
+
+    bluez.Connect(kA);
+
+    EXPECT_THAT(reports.WaitFor(1), ElementsAre(Connected(kA)));
+    EXPECT_EQ(log.Count("BlueZ does not list its devices"), 1);
+}
+
 TEST_F(SmartRemote, TheLatestCallbackHasTheSlot) {
     Reports<std::string> others;
     bluez.Add(kA, false);
@@ -354,8 +376,15 @@ TEST_F(SmartRemote, WithdrawingDuringAStormEndsIt) {
     EXPECT_EQ(bt_hid_unset_smart_rc_connection_cb(WriteDown, &reports), 0);
     const std::size_t told = reports.Now().size();
     bluez.Connect(kA);
+    // Whoever hears of a later change proves that the earlier one has been passed over.
+    Reports<std::string> later;
+    ASSERT_EQ(bt_hid_set_smart_rc_connection_cb(WriteDown, &later), 0);
+    WaitUntilKnown();
+    bluez.Disconnect(kA);
+    EXPECT_THAT(later.WaitFor(1), ElementsAre(Disconnected(kA, kA)));
 
     EXPECT_EQ(reports.Now().size(), told);
+    EXPECT_EQ(bt_hid_unset_smart_rc_connection_cb(WriteDown, &later), 0);
     EXPECT_EQ(bt_hid_set_smart_rc_connection_cb(nullptr, nullptr), -1);
 }
 

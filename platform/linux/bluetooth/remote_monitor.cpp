@@ -13,6 +13,9 @@ constexpr const char* kDevice = "org.bluez.Device1";
 constexpr const char* kObjectManager = "org.freedesktop.DBus.ObjectManager";
 constexpr const char* kProperties = "org.freedesktop.DBus.Properties";
 
+constexpr unsigned kFirstRetryMs = 100;
+constexpr unsigned kLastRetryMs = 30000;
+
 /// The properties of the device among an object's interfaces (a{sa{sv}}); null when it is no device.
 GVariantPtr DeviceProperties(GVariant* interfaces) {
     return GVariantPtr(g_variant_lookup_value(interfaces, kDevice, G_VARIANT_TYPE_VARDICT));
@@ -23,7 +26,8 @@ GVariantPtr DeviceProperties(GVariant* interfaces) {
 RemoteMonitor::RemoteMonitor(EventFunction event, BaselineFunction baseline)
     : m_event(std::move(event)),
       m_baseline(std::move(baseline)),
-      m_service({"org.bluez", "BlueZ", "remote control connections"}, {[this] { OnAppeared(); }, [] {}}) {}
+      m_service({"org.bluez", "BlueZ", "remote control connections"},
+                {[this] { OnAppeared(); }, [this] { m_retry.Cancel(); }}) {}
 
 void RemoteMonitor::OnAppeared() {
     m_service.Subscribe(
@@ -35,15 +39,30 @@ void RemoteMonitor::OnAppeared() {
     m_service.Subscribe(
         {nullptr, kProperties, "PropertiesChanged", kDevice},
         [this](const char* path, GVariant* parameters) { OnPropertiesChanged(path, parameters); });
+    m_retryDelayMs = kFirstRetryMs;
+    AskForDevices();
+}
+
+void RemoteMonitor::AskForDevices() {
     m_service.Call({"/", kObjectManager, "GetManagedObjects"}, nullptr, "(a{oa{sa{sv}}})",
                    [this](const SystemService::Reply& reply) { OnObjects(reply); });
 }
 
+void RemoteMonitor::AskAgainLater() {
+    const GMainContextPtr context(g_main_context_ref_thread_default());
+    m_retry.Set(context.get(), m_retryDelayMs, [this] { AskForDevices(); });
+    m_retryDelayMs = std::min(2 * m_retryDelayMs, kLastRetryMs);
+}
+
 void RemoteMonitor::OnObjects(const SystemService::Reply& reply) {
     if (reply.value == nullptr) {
-        PLATFORM_LOG(ERROR, "BlueZ does not list its devices: %s", ErrorText(reply.error));
+        if (m_listing.Failed()) {
+            PLATFORM_LOG(ERROR, "BlueZ does not list its devices: %s; asking again", ErrorText(reply.error));
+        }
+        AskAgainLater();
         return;
     }
+    m_listing.Succeeded();
     Devices fresh;
     const GVariantPtr objects(g_variant_get_child_value(reply.value, 0));
     for (gsize i = 0; i < g_variant_n_children(objects.get()); ++i) {

@@ -7,6 +7,7 @@
 
 #include "bluetooth/bluetooth_device.h"
 #include "dbus_service.h"
+#include "once_logged.h"
 
 namespace platform {
 
@@ -14,7 +15,8 @@ namespace platform {
 ///
 /// What is connected when BlueZ is read for the first time is told to `baseline` and is no event. When BlueZ
 /// vanishes nothing is told; when it is back its devices are compared with what was known, and each real
-/// difference is one event, disconnects first.
+/// difference is one event, disconnects first. A BlueZ that is there but does not list its devices (busy
+/// while the machine starts) is asked again after 100 ms, then doubling up to 30 s.
 class RemoteMonitor {
 public:
     using EventFunction = std::function<void(const BluetoothDevice& device)>;
@@ -28,6 +30,8 @@ private:
     using Devices = std::map<std::string, BluetoothDevice>;  ///< by object path
 
     void OnAppeared();
+    void AskForDevices();
+    void AskAgainLater();
     void OnObjects(const SystemService::Reply& reply);
     void OnInterfacesAdded(GVariant* parameters);
     void OnInterfacesRemoved(GVariant* parameters);
@@ -40,7 +44,10 @@ private:
     const BaselineFunction m_baseline;
     bool m_haveBaseline = false;
     Devices m_devices;
-    SystemService m_service;  ///< last, so that it stops before what its functions use goes
+    OnceLogged m_listing;
+    ContextTimer m_retry;
+    unsigned m_retryDelayMs = 0;  ///< until the next time it is asked; doubles
+    SystemService m_service;      ///< last, so that it stops before what its functions use goes
 };
 
 }  // namespace platform
