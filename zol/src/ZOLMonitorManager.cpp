@@ -76,6 +76,9 @@ bool TCMonitorManager::StartMonitoring() {
     }
     if (m_bAppInstall) {
         for (const auto& [id, monitor] : m_appInstallMonitors) {
+            if (monitor == nullptr) {
+                continue;
+            }
             if (!m_StartAppInstallMonitoring(monitor.get())) {
                 ZOL_LOG(LOG_ERROR, "fail to start APP INSTALL");
                 return false;
@@ -190,6 +193,8 @@ bool TCMonitorManager::m_AppInstallInit(std::string id, int duration, int repeti
     }
     if (!monitor->Create()) {
         ZOL_LOG(LOG_ERROR, "new TCAppInstallMonitor()->Create() fail");
+        // The id stays taken: the first item of an id counts, also when it cannot be monitored.
+        monitor.reset();
         return false;
     }
     return true;
