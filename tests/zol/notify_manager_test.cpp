@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <set>
@@ -160,6 +161,31 @@ TEST_F(NotifyManager, TwoReportsWithinASecondShareAFolder) {
 
     EXPECT_EQ(PublishedPath(), kFolder);
     EXPECT_EQ(SentKpiDescriptions().size(), 2U);
+}
+
+TEST_F(NotifyManager, ASecondReportOfASecondLeavesTheHeaderToItsReader) {
+    const std::filesystem::path header = fakes::Root() + kFolder + "/header.json";
+    Handle(NOTIFY_ZOL_VCONF);
+    const auto before = std::filesystem::last_write_time(header) - std::chrono::hours(1);
+    std::filesystem::last_write_time(header, before);
+
+    Handle(NOTIFY_ZOL_VCONF);
+
+    EXPECT_EQ(std::filesystem::last_write_time(header), before);
+}
+
+TEST_F(NotifyManager, ASecondReportOfASecondWithOtherIdentifiersReplacesTheHeader) {
+    fakes::WriteDeviceFile("/proc/life_cycleID", "long-ident");
+    Handle(NOTIFY_ZOL_VCONF);
+    const std::string path = std::string(kFolder) + "/header.json";
+    const std::string first = fakes::ReadDeviceFile(path);
+    fakes::WriteDeviceFile("/proc/life_cycleID", "short");
+
+    Handle(NOTIFY_ZOL_VCONF);
+
+    std::string expected = first;
+    expected.replace(expected.find("long-ident"), std::strlen("long-ident"), "short");
+    EXPECT_EQ(fakes::ReadDeviceFile(path), expected);
 }
 
 TEST_F(NotifyManager, AReportRootThatIsALinkIsRefusedAndTheHitsWait) {

@@ -90,9 +90,10 @@ private:
 
     std::mutex m_hitMutex;                           ///< m_vconfNotiList; never held while calling out
     std::vector<TSVconfNotifyItem> m_vconfNotiList;  ///< hits of the next NOTIFY_ZOL_VCONF
-    /// m_notiPathList, and reading and then writing the key: the task and the vconf callback must not both
-    /// find the key empty and overwrite each other's path. vconf's get and set call nobody back.
-    std::mutex m_publishMutex;
+    /// m_notiPathList, and reading and then writing the key: tasks and vconf callbacks must not find the key
+    /// empty together and overwrite each other's path. Of the process, because a policy that comes while an
+    /// earlier one's tasks live on has a notify manager of its own. vconf's get and set call nobody back.
+    static std::mutex s_publishMutex;
     std::list<std::string> m_notiPathList;  ///< paths that wait for the key to become empty
     bool m_isWatching = false;
     bool m_isCreated = false;

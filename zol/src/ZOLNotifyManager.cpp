@@ -78,19 +78,31 @@ struct CloseFile {
 };
 using FilePtr = std::unique_ptr<std::FILE, CloseFile>;
 
-/// Created or emptied, never through a link. The process's umask is not to hide a report from its collector.
+/// Created when it is missing, never through a link. The process's umask is not to hide a report from its
+/// collector.
 FilePtr OpenForReaders(const std::string& path) {
-    const int descriptor =
-        open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, kHeaderMode);
+    const int descriptor = open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kHeaderMode);
     if (descriptor < 0) {
         return nullptr;
     }
     fchmod(descriptor, kHeaderMode);
-    FilePtr file(fdopen(descriptor, "w"));
+    FilePtr file(fdopen(descriptor, "r+"));
     if (file == nullptr) {
         close(descriptor);
     }
     return file;
+}
+
+/// Events of one second share a folder, and the collector may be reading it already: a file that is right
+/// stays as it is.
+void SetContent(std::FILE* file, const std::string& text) {
+    std::string content(text.size() + 1, '\0');
+    content.resize(std::fread(content.data(), 1, content.size(), file));
+    if (content != text) {
+        std::rewind(file);
+        [[maybe_unused]] const int ignored = ftruncate(fileno(file), 0);
+        std::fputs(text.c_str(), file);
+    }
 }
 
 std::string Item(const char* name, const std::string& value) {
@@ -98,6 +110,8 @@ std::string Item(const char* name, const std::string& value) {
 }
 
 }  // namespace
+
+std::mutex TCNotifyManager::s_publishMutex;
 
 TCNotifyManager::TCNotifyManager() {
     ZOL_LOG(LOG_ERROR, "TCNotifyManager()");
@@ -208,7 +222,7 @@ bool TCNotifyManager::m_CreateHeaderInfo(const char* path) {
     const std::unique_ptr<Json::StreamWriter> writer(Json::StreamWriterBuilder().newStreamWriter());
     std::ostringstream text;
     writer->write(header, &text);
-    std::fputs(text.str().c_str(), file.get());
+    SetContent(file.get(), text.str());
     // Closed before the path is published: the collector must find the file whole.
     file.reset();
     ZOL_LOG(LOG_INFO, "header.json created");
@@ -310,7 +324,7 @@ void TCNotifyManager::m_RegisterVconfKey() {
 }
 
 void TCNotifyManager::m_UpdateVconfKey(const char* path) {
-    const std::lock_guard<std::mutex> lock(m_publishMutex);
+    const std::lock_guard<std::mutex> lock(s_publishMutex);
     m_UpdateVconfKeyLocked(path);
 }
 
@@ -357,7 +371,7 @@ void TCNotifyManager::m_OnKeyChanged() {
 }
 
 void TCNotifyManager::m_NotifyFromList() {
-    const std::lock_guard<std::mutex> lock(m_publishMutex);
+    const std::lock_guard<std::mutex> lock(s_publishMutex);
     if (m_notiPathList.empty()) {
         ZOL_LOG(LOG_ERROR, "m_notiPathList is empty, return");
         return;
