@@ -26,6 +26,8 @@ public:
     static constexpr int RESULT_NO_STORE = -1;      ///< the database cannot be opened
     static constexpr int RESULT_WRITE_FAILED = -2;  ///< full disk, locked for too long, damaged
     static constexpr int MAX_EVENTS = 10000;
+    /// Of flash, the newest event always being kept: a watched text may be long, and the flash is small.
+    static constexpr std::int64_t MAX_BYTES = std::int64_t{16} * 1024 * 1024;
 
     /// The only instance; never freed.
     static CLogger& GetInstance();

@@ -4,9 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
+#include <iterator>
 #include <string_view>
 
 #include "FileDescriptor.h"
@@ -23,7 +25,9 @@ constexpr mode_t kFileMode = 0640;
 constexpr std::uint64_t kBusyStepUs = 20000;  // between two looks at a locked database
 constexpr int kBusySteps = 100;               // 2 s in all
 constexpr int kMaxDamaged = 16;               // damaged databases that are kept; then there is no log
-constexpr const char* kSidecars[] = {"", "-wal", "-shm"};
+// In the order in which they are moved: a power cut in between leaves a damaged database to find again, and
+// never a foreign journal beside a new one.
+constexpr const char* kEndings[] = {"-shm", "-wal", ""};
 
 constexpr const char* kSetup =
     // Only a synced journal survives a power cut; short ones keep the flash usage low.
@@ -56,9 +60,49 @@ bool IsDamage(int result) {
     return primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB || primary == SQLITE_ERROR;
 }
 
+bool Exists(const std::string& path) {
+    return access(path.c_str(), F_OK) == 0;
+}
+
+/// A name under which nothing lies yet; empty when so many damaged ones are kept already.
+std::string FreeName(const std::string& path) {
+    for (int number = 1; number <= kMaxDamaged; ++number) {
+        const std::string ending = ".damaged-" + std::to_string(number);
+        if (std::none_of(std::begin(kEndings), std::end(kEndings),
+                         [&](const char* file) { return Exists(path + ending + file); })) {
+            return ending;
+        }
+    }
+    return std::string();
+}
+
+/// @param fault what log lines say of it
+bool MoveAside(const std::string& path, const char* fault) {
+    const std::string name = FreeName(path);
+    if (name.empty()) {
+        MAKER_ERROR("the KPI log %s is %s, and %d earlier ones lie beside it", ZOL_PATH_KPI_DB, fault,
+                    kMaxDamaged);
+        return false;
+    }
+    const std::string aside = path + name;
+    const bool moved = std::all_of(std::begin(kEndings), std::end(kEndings), [&](const char* file) {
+        return rename((path + file).c_str(), (aside + file).c_str()) == 0 || errno == ENOENT;
+    });
+    MAKER_ERROR("the KPI log %s is %s, %s %s%s", ZOL_PATH_KPI_DB, fault,
+                moved ? "set aside as" : "and could not be set aside as", ZOL_PATH_KPI_DB, name.c_str());
+    return moved;
+}
+
 ino_t InodeOf(const std::string& path) {
     struct stat status {};
     return stat(path.c_str(), &status) == 0 ? status.st_ino : 0;
+}
+
+/// SQLite would delete a journal that it finds beside a new database; it may hold events.
+bool KeepLeftOverJournal(const std::string& path) {
+    struct stat journal {};
+    return Exists(path) || stat((path + "-wal").c_str(), &journal) != 0 || journal.st_size == 0 ||
+           MoveAside(path, "gone and its journal is not");
 }
 
 /// SQLite would make the file readable for everyone. The descriptor is closed before the first connection
@@ -144,22 +188,7 @@ bool CLogger::Store::SetAside(const std::string& path) {
     if (InodeOf(path) != damaged) {
         return true;  // another process was faster
     }
-    for (int number = 1; number <= kMaxDamaged; ++number) {
-        const std::string aside = path + ".damaged-" + std::to_string(number);
-        if (access(aside.c_str(), F_OK) == 0) {
-            continue;
-        }
-        bool moved = true;
-        for (const char* sidecar : kSidecars) {
-            moved = (rename((path + sidecar).c_str(), (aside + sidecar).c_str()) == 0 || errno == ENOENT) &&
-                    moved;
-        }
-        MAKER_ERROR("the KPI log %s is damaged, %s %s.damaged-%d", ZOL_PATH_KPI_DB,
-                    moved ? "set aside as" : "and could not be set aside as", ZOL_PATH_KPI_DB, number);
-        return moved;
-    }
-    MAKER_ERROR("the KPI log %s is damaged, and %d earlier ones lie beside it", ZOL_PATH_KPI_DB, kMaxDamaged);
-    return false;
+    return MoveAside(path, "damaged");
 }
 
 int CLogger::Store::OpenForWriting() {
@@ -170,7 +199,8 @@ int CLogger::Store::OpenForWriting() {
     Close();
     constexpr int kAttempts = 2;  // the second one on a new database
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        if (!TSFileSystem::MakeDir(ZOL_PATH_STATE_DIR, true) || !MakeFile(path)) {
+        if (!TSFileSystem::MakeDir(ZOL_PATH_STATE_DIR, true) || !KeepLeftOverJournal(path) ||
+            !MakeFile(path)) {
             break;
         }
         int result = Connect(path, SQLITE_OPEN_READWRITE);
@@ -207,10 +237,30 @@ int CLogger::Store::Insert(const std::string& type, const std::string& category,
     return result == SQLITE_DONE ? SQLITE_OK : result;
 }
 
-int CLogger::Store::DropOldest() {
-    const std::string drop = "DELETE FROM event WHERE sequence <= (SELECT max(sequence) FROM event) - " +
-                             std::to_string(MAX_EVENTS) + "; UPDATE dropped SET count = count + changes()";
+std::int64_t CLogger::Store::Number(const char* sql) {
+    const maker::StatementPtr query = PrepareStatement(m_database.get(), sql);
+    return query != nullptr && sqlite3_step(query.get()) == SQLITE_ROW ? sqlite3_column_int64(query.get(), 0)
+                                                                       : 0;
+}
+
+/// Deletes the events up to a sequence number, given as an expression, but never the newest one.
+int CLogger::Store::DropUpTo(const std::string& last) {
+    const std::string drop =
+        "DELETE FROM event WHERE sequence < (SELECT max(sequence) FROM event)"
+        " AND sequence <= " +
+        last + "; UPDATE dropped SET count = count + changes()";
     return Execute(drop.c_str());
+}
+
+int CLogger::Store::DropOldest() {
+    int result = DropUpTo("(SELECT max(sequence) FROM event) - " + std::to_string(MAX_EVENTS));
+    const auto usedBytes = [this] {
+        return (Number("PRAGMA page_count") - Number("PRAGMA freelist_count")) * Number("PRAGMA page_size");
+    };
+    while (result == SQLITE_OK && usedBytes() > MAX_BYTES && Number("SELECT count(*) > 1 FROM event") != 0) {
+        result = DropUpTo("(SELECT min(sequence) FROM event)");
+    }
+    return result;
 }
 
 int CLogger::Store::Add(const std::string& type, const std::string& category, const std::string& eventId,
@@ -253,10 +303,12 @@ bool CLogger::Store::HoldsTables() {
 
 CLogger::Store::EPresence CLogger::Store::OpenExisting() {
     const std::string path = DevicePath(ZOL_PATH_KPI_DB);
+    errno = 0;
     const ino_t inode = InodeOf(path);
     if (inode == 0) {
+        const int error = errno;
         Close();
-        return errno == ENOENT ? EPresence::ABSENT : EPresence::FAILED;
+        return error == ENOENT ? EPresence::ABSENT : EPresence::FAILED;
     }
     if (m_database != nullptr && m_inode == inode) {
         return HoldsTables() ? EPresence::OPEN : EPresence::ABSENT;

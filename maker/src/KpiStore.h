@@ -33,6 +33,8 @@ private:
     int Insert(const std::string& type, const std::string& category, const std::string& eventId,
                const std::string& description);
     int DropOldest();
+    int DropUpTo(const std::string& last);
+    std::int64_t Number(const char* sql);
     int Execute(const char* sql);
     bool SetAside(const std::string& path);
     void Close();

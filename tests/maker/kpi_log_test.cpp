@@ -149,6 +149,24 @@ TEST_F(KpiLog, AFullLogDropsItsOldestEventsAndCountsThem) {
     EXPECT_EQ(events.back().description, "two too many");
 }
 
+TEST_F(KpiLog, LongEventsDropTheOldestSoonerAndNeverTheNewest) {
+    constexpr std::size_t kMiB = std::size_t{1024} * 1024;
+    constexpr int kEvents = 24;
+    for (int i = 0; i < kEvents; ++i) {
+        ASSERT_EQ(Add(std::string(kMiB, 'a')), CLogger::RESULT_SUCCESS);
+    }
+    const std::vector<TSKpiEvent> events = List();
+    EXPECT_EQ(events.size(), 15U);  // what is not text takes a part of the sixteenth
+    EXPECT_EQ(events.back().sequence, kEvents);
+    EXPECT_EQ(Dropped(), kEvents - 15);
+    EXPECT_LT(fs::file_size(Host()), static_cast<std::uintmax_t>(CLogger::MAX_BYTES) + 2 * kMiB);
+
+    ASSERT_EQ(Add(std::string(static_cast<std::size_t>(CLogger::MAX_BYTES) + 1, 'b')),
+              CLogger::RESULT_SUCCESS);
+    ASSERT_EQ(List().size(), 1U);
+    EXPECT_EQ(List().front().description.front(), 'b');
+}
+
 TEST_F(KpiLog, ALogThatCannotCountWhatItDropsDropsNothing) {
     Add("1");
     Fill(CLogger::MAX_EVENTS - 1);
@@ -219,6 +237,25 @@ TEST_F(KpiLog, AnEarlierDamagedLogIsNeverOverwritten) {
     EXPECT_EQ(Add("after"), 1);
 
     EXPECT_EQ(fakes::ReadDeviceFile(ZOL_PATH_KPI_DB ".damaged-1"), "evidence");
+    EXPECT_TRUE(fs::exists(Host(".damaged-2")));
+}
+
+TEST_F(KpiLog, AJournalWithoutItsDatabaseIsKept) {
+    fakes::WriteDeviceFile(ZOL_PATH_KPI_DB "-wal", "evidence");
+
+    EXPECT_EQ(Add("after"), 1);
+
+    EXPECT_EQ(fakes::ReadDeviceFile(ZOL_PATH_KPI_DB ".damaged-1-wal"), "evidence");
+    EXPECT_EQ(List().size(), 1U);
+}
+
+TEST_F(KpiLog, ASettingAsideThatWasCutShortIsNotOverwritten) {
+    fakes::WriteDeviceFile(ZOL_PATH_KPI_DB ".damaged-1-wal", "evidence");
+    fakes::WriteDeviceFile(ZOL_PATH_KPI_DB, std::string(4096, '#'));
+
+    EXPECT_EQ(Add("after"), 1);
+
+    EXPECT_EQ(fakes::ReadDeviceFile(ZOL_PATH_KPI_DB ".damaged-1-wal"), "evidence");
     EXPECT_TRUE(fs::exists(Host(".damaged-2")));
 }
 
