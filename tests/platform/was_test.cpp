@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -35,12 +36,14 @@ void Write(const fs::path& file, const std::string& content) {
 struct Gate {
     Reports<int> entered;
     Reports<int> opened;
+    std::atomic<bool> left{false};
 
     static void Callback(const char* /*appId*/, was_notify_event_e /*event*/, int /*value1*/, int /*value2*/,
                          void* userData) {
         auto* self = static_cast<Gate*>(userData);
         self->entered.Add(1);
         self->opened.WaitFor(1);
+        self->left = true;
     }
     was_install_status_request Request() {
         was_install_status_request request{};
@@ -339,26 +342,47 @@ TEST_F(WebApps, WithdrawingEndsTheReportsOfThatRegistrationOnly) {
 }
 
 TEST_F(WebApps, WithdrawingWaitsForACallbackThatRuns) {
-    struct Slow {
-        Reports<int> began;
-        std::atomic<bool> ended{false};
-    } slow;
-    const auto callback = [](const char*, was_notify_event_e, int, int, void* data) {
-        auto* self = static_cast<Slow*>(data);
-        self->began.Add(1);
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        self->ended = true;
-    };
     MakeFolders();
-    was_install_status_request request = Request("app", reports);
-    request.callback = callback;
-    request.user_data = &slow;
-    ASSERT_EQ(was_monitor_webapp_install_status(request), 0);
-    Write(User() / "app.desktop", "content");
-    slow.began.WaitFor(1);
+    Gate gate;
+    ASSERT_EQ(was_monitor_webapp_install_status(gate.Request()), 0);
+    Write(User() / "gate.desktop", "content");
+    gate.entered.WaitFor(1);
 
-    EXPECT_EQ(was_unmonitor_webapp_install_status(callback, &slow), 0);
-    EXPECT_TRUE(slow.ended);
+    Reports<int> leaving;
+    bool leftBeforeTheEnd = true;
+    std::thread withdrawing([&] {
+        leaving.Add(1);
+        EXPECT_EQ(was_unmonitor_webapp_install_status(Gate::Callback, &gate), 0);
+        leftBeforeTheEnd = !gate.left;
+    });
+    leaving.WaitFor(1);
+    gate.Open();
+    withdrawing.join();
+    EXPECT_FALSE(leftBeforeTheEnd);
+}
+
+TEST_F(WebApps, WithdrawingDuringAStormEndsIt) {
+    MakeFolders();
+    MonitorAppAndFence();
+    Reports<std::string> storm;
+    ASSERT_EQ(was_monitor_webapp_install_status(Request("storm", storm)), 0);
+    std::atomic<bool> enough{false};
+    std::thread writer([&] {
+        while (!enough) {
+            Write(User() / "storm.tmp", "content");
+            fs::rename(User() / "storm.tmp", User() / "storm.desktop");
+        }
+    });
+    storm.WaitFor(1);
+
+    EXPECT_EQ(was_unmonitor_webapp_install_status(WriteDown, &storm), 0);
+    const std::size_t told = storm.Now().size();
+    Write(User() / "app.desktop", "content");
+    EXPECT_THAT(reports.WaitFor(1), ElementsAre("app 100"));
+    enough = true;
+    writer.join();
+
+    EXPECT_EQ(storm.Now().size(), told);
 }
 
 TEST(ApplicationsFolders, TheUsersFolderComesFirstAndRelativeOnesAreIgnored) {

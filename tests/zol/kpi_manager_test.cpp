@@ -272,4 +272,13 @@ TEST_F(KpiManager, AnEventThatIsSentStandsInTheEventLog) {
     EXPECT_EQ(fakes::dlog::Find("sent 19_errdata KPI").priority, DLOG_PRIORITY_ERROR);
 }
 
+TEST_F(KpiManager, AnEventThatCannotBeSentIsLoggedWithTheReasonOfTheEventLog) {
+    fakes::WriteDeviceFile("/var/lib/zol", "a file where the folder should be");
+
+    EXPECT_FALSE(m_kpi.SendKPI("20_errdata", "ZOL", "EV007", "{a=1;}"));
+
+    EXPECT_EQ(fakes::dlog::Find("ERR(-1): could not send event log").priority, DLOG_PRIORITY_ERROR);
+    EXPECT_FALSE(fakes::dlog::Has("sent 19_errdata KPI"));
+}
+
 }  // namespace

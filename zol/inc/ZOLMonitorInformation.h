@@ -60,7 +60,7 @@ public:
     void CountEvent(std::int64_t now, const TSRepetitionTexts& texts);
 
     /// Posts NOTIFY_ZOL_MONITOR with this rule's index. False when there is no notify manager or its queue is
-    /// full; the hit is then lost and the caller logs it.
+    /// full; the hit is then lost. CountEvent logs that, the caller of a single hit need not.
     bool NotifyZOL();
 
 private:
