@@ -71,20 +71,21 @@ TEST_F(UsageLogger, ItsLinesNameItOnTheSecondChannel) {
     EXPECT_NE(log.find("zol::CVLogger LogVolumeLevel("), std::string::npos) << log;
 }
 
-TEST_F(UsageLogger, WithdrawsItsCallbacksWithoutAWordWhenItGoes) {
+TEST_F(UsageLogger, ItsCallbacksStayRegisteredWhenItGoesAndReportOn) {
     fakes::dlog::Clear();
 
     m_logger.reset();
+    EXPECT_TRUE(fakes::dlog::Lines().empty());
     fakes::vconf::SetString(kFocus, "late");
 
-    EXPECT_EQ(fakes::vconf::Registrations(), 0);
-    EXPECT_TRUE(fakes::dlog::Lines().empty());
-    EXPECT_TRUE(Events().empty());
+    EXPECT_EQ(fakes::vconf::Registrations(), 5);
+    EXPECT_EQ(fakes::dlog::Count("late"), 1);
+    ASSERT_EQ(Events().size(), 1U);
+    EXPECT_EQ(Events()[0].TextOf(Events()[0].items[0]), "late");
 }
 
 TEST_F(UsageLogger, AKeyThatCannotBeWatchedIsLoggedAndTheOthersAreWatched) {
-    m_logger.reset();
-    fakes::dlog::Clear();
+    fakes::Reset();
     for (const char* key : {kFocus, kSelect, kLaunch, kForeground}) {
         fakes::vconf::Fail(key, fakes::vconf::FAIL_NOTIFY);
     }
@@ -100,8 +101,7 @@ TEST_F(UsageLogger, AKeyThatCannotBeWatchedIsLoggedAndTheOthersAreWatched) {
 }
 
 TEST_F(UsageLogger, TheBackgroundKeysFailureIsReportedWithTheForegroundsMessage) {
-    m_logger.reset();
-    fakes::dlog::Clear();
+    fakes::Reset();
     fakes::vconf::Fail(kBackground, fakes::vconf::FAIL_NOTIFY);
 
     m_logger = std::make_unique<zol::TCCVLogger>();

@@ -4,15 +4,16 @@
 
 namespace zol {
 
-/// Watches five keys from construction to destruction and keeps no state. The callbacks run on the thread
-/// that delivers changes of keys; LogVolumeLevel may be called on any thread. Nothing here throws.
+/// Watches five keys from construction on and keeps no state. The callbacks run on the thread that delivers
+/// changes of keys; LogVolumeLevel may be called on any thread. Nothing here throws.
 class TCCVLogger {
 public:
     /// Registers the callbacks; a key that cannot be watched is logged and the others are watched all the
     /// same.
     TCCVLogger();
-    /// Withdraws the callbacks without a word: none of them runs any more.
-    ~TCCVLogger();
+    /// The callbacks stay registered and go on reporting: they look at no member, the pointer to this object
+    /// is only a mark for them.
+    ~TCCVLogger() = default;
     TCCVLogger(const TCCVLogger&) = delete;
     TCCVLogger& operator=(const TCCVLogger&) = delete;
 

@@ -59,12 +59,6 @@ TCCVLogger::TCCVLogger() {
     m_LoggingCsfs();
 }
 
-TCCVLogger::~TCCVLogger() {
-    for (const Watch& watch : kWatches) {
-        vconf_withdraw_key_changed(watch.key, watch.callback, this);
-    }
-}
-
 void TCCVLogger::m_LoggingCsfs() {
     for (const Watch& watch : kWatches) {
         if (vconf_notify_key_changed(watch.key, watch.callback, this) < 0) {
