@@ -25,7 +25,8 @@ public:
 
     /// Applies the switches in list order. Only "coredump" has an effect; the other four names are accepted
     /// and reserved. An unknown name, or a key that cannot be written, is logged and the rest goes on.
-    void SetAllDebugData(const std::vector<ZOLDebugData>& items);
+    /// The list is the callee's own, so that a caller may change its own meanwhile on another thread.
+    void SetAllDebugData(std::vector<ZOLDebugData> items);
 
 private:
     ZOLDataManager() = default;

@@ -48,7 +48,9 @@ ZOLDataManager* ZOLDataManager::Instance() {
     return m_pInstance;
 }
 
-void ZOLDataManager::SetAllDebugData(const std::vector<ZOLDebugData>& items) {
+// By value is the interface that other components build against.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
+void ZOLDataManager::SetAllDebugData(std::vector<ZOLDebugData> items) {
     const boost::lock_guard<boost::recursive_mutex> lock(m_IDM_mutex);
     for (const ZOLDebugData& item : items) {
         Apply(item);
