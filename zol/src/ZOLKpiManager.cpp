@@ -161,7 +161,7 @@ void TCKpiManager::m_GetEvid() {
 
 void TCKpiManager::m_GetChipId() {
     m_information[KPI_CHIP_ID] = kUnknown;
-    const FilePtr file(std::fopen(DevicePath(ZOL_PATH_CHIP_ID).c_str(), "rt"));
+    const FilePtr file(std::fopen(DevicePath(ZOL_PATH_CHIP_ID).c_str(), "rte"));
     if (file == nullptr) {
         return;
     }
