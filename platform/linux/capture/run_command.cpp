@@ -45,7 +45,9 @@ int WaitFor(pid_t child, unsigned timeoutMs) {
         platform_sleep_us(std::uint64_t{kLookMs} * 1000U);
     }
     kill(child, SIGKILL);
-    waitpid(child, &status, 0);
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+        // A child that is not waited for stays a zombie for as long as the daemon runs.
+    }
     return -1;
 }
 
