@@ -89,7 +89,15 @@ TEST(MountedUsbDrives, ObjectsWithoutTheExpectedPropertiesAreLeftOut) {
 
 class UsbStick : public testing::Test {
 protected:
-    UsbStick() { bus.Start(); }
+    UsbStick() {
+        bus.Start();
+        // After a success every fault is told again, whatever an earlier test has left behind.
+        StartUDisks("");
+        EXPECT_EQ(usb_device_init(), 0);
+        EXPECT_EQ(First(), nullptr);
+        usb_device_fini();
+        StopUDisks();
+    }
     ~UsbStick() override { usb_device_fini(); }
 
     void StartUDisks(const std::string& objects) {
@@ -103,6 +111,7 @@ protected:
                     invocation, g_variant_new("(@a{oa{sa{sv}}})", Parse(m_objects).get()));
             });
     }
+    void StopUDisks() { m_service.reset(); }
     static std::string Root() { return std::filesystem::canonical(std::getenv("ZOL_ROOT")).string(); }
     /// The first device of the list; null when there is none.
     static usb_device_t* First() {
@@ -166,6 +175,35 @@ TEST_F(UsbStick, WithoutABusNothingBegins) {
     EXPECT_LT(usb_device_init(), 0);
     EXPECT_LT(usb_device_get_device_list(USB_DEVICE_MASS_STORAGE, &list), 0);
     EXPECT_EQ(log.Count("no system bus for UDisks2"), 1);
+}
+
+TEST_F(UsbStick, ABusThatComesBackWithoutTheServiceIsAnotherFault) {
+    bus.Stop();
+    EXPECT_LT(usb_device_init(), 0);
+    EXPECT_LT(usb_device_init(), 0);
+    bus.Start();
+    usb_device_list_t* list = nullptr;
+
+    EXPECT_EQ(usb_device_init(), 0);
+    EXPECT_LT(usb_device_get_device_list(USB_DEVICE_MASS_STORAGE, &list), 0);
+
+    EXPECT_EQ(log.Count("no system bus for UDisks2"), 1);
+    EXPECT_EQ(log.Count("UDisks2 does not answer"), 1);
+}
+
+TEST_F(UsbStick, AFaultThatReturnsAfterASuccessIsToldAgain) {
+    for (int episode = 0; episode < 2; ++episode) {
+        bus.Stop();
+        EXPECT_LT(usb_device_init(), 0);
+        bus.Start();
+        StartUDisks("");
+        ASSERT_EQ(usb_device_init(), 0);
+        EXPECT_EQ(First(), nullptr);
+        StopUDisks();
+        usb_device_fini();
+    }
+
+    EXPECT_EQ(log.Count("no system bus for UDisks2"), 2);
 }
 
 TEST_F(UsbStick, OnlyMassStorageIsListed) {

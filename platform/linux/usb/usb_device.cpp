@@ -48,7 +48,7 @@ public:
             m_bus = ConnectSystemBus(error);
         }
         if (m_bus == nullptr) {
-            return Fail("no system bus for UDisks2", error.get());
+            return Fail(m_noBus, "no system bus for UDisks2", error.get());
         }
         g_dbus_connection_set_exit_on_close(m_bus.get(), FALSE);
         return 0;
@@ -66,9 +66,10 @@ public:
                                         G_VARIANT_TYPE("(a{oa{sa{sv}}})"), G_DBUS_CALL_FLAGS_NONE,
                                         kCallTimeoutMs, nullptr, OutError(error)));
         if (reply == nullptr) {
-            return Fail("UDisks2 does not answer", error.get());
+            return Fail(m_noAnswer, "UDisks2 does not answer", error.get());
         }
-        m_log.Succeeded();
+        m_noBus.Succeeded();
+        m_noAnswer.Succeeded();
         const GVariantPtr objects(g_variant_get_child_value(reply.get(), 0));
         auto result = std::make_unique<usb_device_list_s>();
         for (std::string& mount : MountedUsbDrives(objects.get())) {
@@ -88,8 +89,8 @@ public:
     }
 
 private:
-    int Fail(const char* what, const GError* error) {
-        if (m_log.Failed()) {
+    static int Fail(OnceLogged& fault, const char* what, const GError* error) {
+        if (fault.Failed()) {
             PLATFORM_LOG(WARN, "%s (%s): no USB storage until it does", what, ErrorText(error));
         }
         return -1;
@@ -98,7 +99,9 @@ private:
     std::mutex m_mutex;
     GObjectPtr<GDBusConnection> m_bus;
     std::vector<std::unique_ptr<usb_device_list_s>> m_lists;
-    OnceLogged m_log;
+    // One each: a bus that comes back without the service is another fault, and is told.
+    OnceLogged m_noBus;
+    OnceLogged m_noAnswer;
 };
 
 UsbStorage& Storage() {
