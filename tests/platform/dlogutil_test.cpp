@@ -1,15 +1,20 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <string>
 
 #include "child_process.h"
 #include "dlog.h"
 #include "dlog/log_file.h"
 #include "platform_clock.h"
+#include "private_bus.h"
 #include "temp_folder.h"
+#include "unique_fd.h"
 
 namespace fs = std::filesystem;
 
@@ -92,6 +97,36 @@ TEST_F(DlogUtil, WaitsForTheFirstLogFile) {
     Process follower = Start({});
     Log({"0", "4", "A", "first"});
     EXPECT_THAT(follower.ReadLine(), EndsWith("): first"));
+}
+
+TEST_F(DlogUtil, ShowsWhatWasLoggedBetweenALookAtANewFolderAndItsWatch) {
+    Log({"0", "4", "A", "before"});
+    const std::string prepared = m_folder.Path() + "/prepared";
+    fs::create_directory(prepared);
+    // Who opens a pipe that nobody writes waits: these hold the follower behind main.log and behind
+    // system.log.
+    for (const char* pipe : {"/main.1.log", "/system.log"}) {
+        ASSERT_EQ(mkfifo((prepared + pipe).c_str(), 0600), 0);
+    }
+    Process follower = Start({});
+    EXPECT_THAT(follower.ReadLine(), EndsWith("): before"));
+    fs::rename(Folder(), m_folder.Path() + "/old");
+    fs::rename(prepared, Folder());
+
+    EXPECT_TRUE(Eventually([&] {
+        const platform::UniqueFd writer(
+            open((Folder() + "/main.1.log").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+        return static_cast<bool>(writer);
+    }));
+    // It has missed main.log by now, and cannot watch the folder yet.
+    fs::remove(Folder() + "/main.1.log");
+    std::ofstream(Folder() + "/main.log") << "2026-01-31 12:00:00.000 I/A(1:2): between\n";
+    const std::string moved = m_folder.Path() + "/moved";
+    fs::rename(Folder() + "/system.log", moved);
+    platform::UniqueFd writer(open(moved.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    writer.Reset();
+
+    EXPECT_THAT(follower.ReadLine(), EndsWith("): between"));
 }
 
 TEST_F(DlogUtil, FollowsWhenTheFilesAreTurnedOver) {

@@ -48,8 +48,9 @@ public:
     }
 
     bool Wait() override {
-        if (m_watch < 0) {
-            WatchFolder();
+        if (m_watch < 0 && WatchFolder()) {
+            // What was logged between the last look and the watch wakes nobody.
+            return true;
         }
         const bool going = WaitForInput(m_inotify, m_watch < 0 ? kMissingFolderMs : -1);
         TakeEvents();
@@ -57,7 +58,10 @@ public:
     }
 
 private:
-    void WatchFolder() { m_watch = inotify_add_watch(m_inotify, m_folder.c_str(), kEvents); }
+    bool WatchFolder() {
+        m_watch = inotify_add_watch(m_inotify, m_folder.c_str(), kEvents);
+        return m_watch >= 0;
+    }
 
     /// What has happened does not matter, unless it is the end of the folder.
     void TakeEvents() {
