@@ -1,6 +1,8 @@
 #include <syslog.h>
+#include <systemd/sd-id128.h>
 #include <systemd/sd-journal.h>
 
+#include <array>
 #include <cstdlib>
 #include <string_view>
 
@@ -101,6 +103,13 @@ std::unique_ptr<Source> MakeJournalSource(const std::vector<std::string>& buffer
         return nullptr;
     }
     JournalPtr journal(raw);
+    // A journal that outlives power-off holds earlier boots, whose monotonic times mean nothing beside these.
+    sd_id128_t boot{};
+    if (sd_id128_get_boot(&boot) < 0) {
+        return nullptr;
+    }
+    std::array<char, SD_ID128_STRING_MAX> bootId{};
+    Match(raw, "_BOOT_ID", {sd_id128_to_string(boot, bootId.data())});
     Match(raw, "SYSLOG_IDENTIFIER", tags);
     if (buffers.size() == 1 || tags.empty()) {
         Match(raw, "DLOG_BUFFER", buffers);
