@@ -115,7 +115,7 @@ TEST(CombinationTracker, ADeviceThatGoesLetsGoOfItsKeys) {
 
 /// The other process: the key-combination service on mocked input devices. It tells where they are, then each
 /// id that fires, until it is released.
-int ServeKeys(const child::Arguments& wanted) {
+int Serve(const child::Arguments& wanted, KeyCombination_Handler handler) {
     const std::string mocked = Environment("UMOCKDEV_DIR");
     fs::create_directories(mocked + "/dev/input");
     fs::create_directories(DevicePath("/dev"));
@@ -124,9 +124,6 @@ int ServeKeys(const child::Arguments& wanted) {
     for (const std::string& id : wanted) {
         list.at(static_cast<std::size_t>(std::atoi(id.c_str()))) = 1;
     }
-    const auto handler = [](KeyComb id, void* data) {
-        child::Tell(*static_cast<const char*>(data) + std::to_string(id));
-    };
     char mark = '#';
     if (KeyCombination_Initialize() != 0 ||
         KeyCombination_Set_CombinationList(list.data(), KEY_COMBINATION_COUNT) != 0 ||
@@ -141,7 +138,25 @@ int ServeKeys(const child::Arguments& wanted) {
     return ended ? 0 : 2;
 }
 
+void TellId(KeyComb id, void* data) {
+    child::Tell(*static_cast<const char*>(data) + std::to_string(id));
+}
+
+int ServeKeys(const child::Arguments& wanted) {
+    return Serve(wanted, TellId);
+}
+
+/// The handler tries to end the service that it is called by.
+int ServeKeysAndEndInside(const child::Arguments& wanted) {
+    return Serve(wanted, [](KeyComb id, void* data) {
+        if (KeyCombination_Finalize() < 0) {
+            TellId(id, data);
+        }
+    });
+}
+
 const child::Program kKeys("keys", ServeKeys);
+const child::Program kKeysEndingInside("keys-ending-inside", ServeKeysAndEndInside);
 
 /// Hexadecimal text of a bit set of the kernel's size for `count` bits.
 std::string Bits(unsigned count, const std::vector<unsigned>& set) {
@@ -232,16 +247,28 @@ protected:
         setenv("ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=0", 1);
     }
     /// @param held keys that the device event1 says are held whenever it is asked
-    void Start(const std::vector<unsigned>& held = {}) {
+    void Start(const std::vector<unsigned>& held = {}, const std::string& program = "keys") {
         Mock("event1", held);
         Mock("event2", {});
-        m_command.insert(m_command.end(), {"--", m_self, "--child", "keys", "95", "96"});
+        m_command.insert(m_command.end(), {"--", m_self, "--child", program, "95", "96"});
         m_process = std::make_unique<child::Process>(child::Process::Run(m_command, m_root.Path()));
         m_folder = m_process->ReadLine() + "/dev/input";
     }
-    void WriteTable(const std::string& text) const {
+    /// Where the table is; its folder exists.
+    std::string Table() const {
         fs::create_directories(m_root.Path() + "/etc/zol");
-        std::ofstream(m_root.Path() + "/etc/zol/keycombination.conf") << text;
+        return m_root.Path() + "/etc/zol/keycombination.conf";
+    }
+    void WriteTable(const std::string& text) const { std::ofstream(Table()) << text; }
+    /// The service comes up with the built-in table and says why.
+    void ExpectBuiltInTable(const std::string& why) {
+        Start();
+        EXPECT_TRUE(IsLogged("/etc/zol/keycombination.conf: " + why + ": the built-in table holds"));
+        Keyboard keyboard(m_folder, "event1");
+        keyboard.Press(KEY_RED);
+        keyboard.Press(KEY_GREEN);
+        EXPECT_EQ(NextId(), "#95");
+        End();
     }
     std::string NextId() { return m_process->ReadLine(); }
     bool IsLogged(const std::string& text) const {
@@ -345,6 +372,40 @@ TEST_F(KeyService, TheTableFileSaysWhichKeys) {
     keyboard.Press(KEY_R);
     keyboard.Press(KEY_S);
 
+    EXPECT_EQ(NextId(), "#96");
+    End();
+}
+
+TEST_F(KeyService, APipeInTheTablesPlaceHoldsNobodyUp) {
+    ASSERT_EQ(mkfifo(Table().c_str(), 0600), 0);
+    ExpectBuiltInTable("not a regular file");
+}
+
+TEST_F(KeyService, AFolderInTheTablesPlaceIsNoEmptyTable) {
+    fs::create_directory(Table());
+    ExpectBuiltInTable("not a regular file");
+}
+
+TEST_F(KeyService, ATableThatCannotBeOpenedIsTold) {
+    // A link to itself: nobody can open it, root neither.
+    fs::create_symlink("keycombination.conf", Table());
+    ExpectBuiltInTable("Too many levels of symbolic links");
+}
+
+TEST_F(KeyService, ATableThatIsNoneByItsSizeIsNotRead) {
+    WriteTable(std::string(65537, '#'));
+    ExpectBuiltInTable("more than 65536 bytes");
+}
+
+TEST_F(KeyService, AHandlerCannotEndTheServiceThatCallsIt) {
+    Start({}, "keys-ending-inside");
+    Keyboard keyboard(m_folder, "event1");
+
+    keyboard.Press(KEY_RED);
+    keyboard.Press(KEY_GREEN);
+    keyboard.Press(KEY_BLUE);
+
+    EXPECT_EQ(NextId(), "#95");
     EXPECT_EQ(NextId(), "#96");
     End();
 }

@@ -1,9 +1,15 @@
 #include "key_combination.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <array>
-#include <fstream>
+#include <cerrno>
+#include <cstring>
 #include <mutex>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -13,6 +19,7 @@
 #include "keys/combinations.h"
 #include "keys/input_devices.h"
 #include "platform_log.h"
+#include "unique_fd.h"
 
 namespace platform {
 
@@ -20,13 +27,39 @@ namespace {
 
 constexpr const char* kInputFolder = "/dev/input";
 
+constexpr off_t kLargestTable = 65536;  ///< bytes
+
+/// Reads the table's file. Empty when that went well, else what was wrong.
+std::string ReadTable(int file, std::string& text) {
+    struct stat status {};
+    if (fstat(file, &status) != 0 || !S_ISREG(status.st_mode)) {
+        return "not a regular file";
+    }
+    if (status.st_size > kLargestTable) {
+        return "more than " + std::to_string(kLargestTable) + " bytes";
+    }
+    text.resize(static_cast<std::size_t>(status.st_size));
+    const ssize_t length = pread(file, text.data(), text.size(), 0);
+    text.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
+    return length < 0 ? std::strerror(errno) : "";
+}
+
 std::vector<Combination> LoadCombinations() {
-    std::ifstream file(DevicePath(ZOL_PATH_KEY_COMBINATIONS));
-    if (!file) {
+    // Without O_NONBLOCK a pipe in the file's place would hold up the service's start for good.
+    const UniqueFd file(
+        open(DevicePath(ZOL_PATH_KEY_COMBINATIONS).c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!file && errno == ENOENT) {
         return DefaultCombinations();
     }
+    std::string text;
+    const std::string failure = file ? ReadTable(file.Get(), text) : std::strerror(errno);
+    if (!failure.empty()) {
+        PLATFORM_LOG(ERROR, "%s: %s: the built-in table holds", ZOL_PATH_KEY_COMBINATIONS, failure.c_str());
+        return DefaultCombinations();
+    }
+    std::istringstream table(text);
     std::vector<std::string> complaints;
-    std::vector<Combination> combinations = ReadCombinations(file, complaints);
+    std::vector<Combination> combinations = ReadCombinations(table, complaints);
     for (const std::string& complaint : complaints) {
         PLATFORM_LOG(ERROR, "%s: %s", ZOL_PATH_KEY_COMBINATIONS, complaint.c_str());
     }
@@ -78,6 +111,10 @@ public:
     }
 
     int Finalize() {
+        if (m_thread.IsCurrent()) {
+            // A handler would wait for its own end.
+            return -1;
+        }
         const std::lock_guard<std::mutex> life(m_life);
         if (!m_initialized) {
             return -1;
