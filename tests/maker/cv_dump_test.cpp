@@ -19,6 +19,7 @@ using cv::TSCallItemHelper;
 
 constexpr const char* kSource = ZOL_PATH_TRACE_DUMP;
 constexpr const char* kSourceFile = ZOL_PATH_TRACE_DUMP "trace.json";
+constexpr const char* kStickRoot = "/media/usb";
 constexpr const char* kStick = "/media/usb/dumpCV/";
 constexpr const char* kStickFile = "/media/usb/dumpCV/trace.json";
 constexpr uid_t kOther = 65534;
@@ -35,6 +36,7 @@ class Dump : public CvFixture {
 protected:
     Dump() {
         chmod((fakes::Root() + "/tmp").c_str(), 01777);
+        fakes::MakeDeviceFolder(kStickRoot);
         Handler().SetActive(true);
     }
 
@@ -161,6 +163,7 @@ TEST_F(Dump, TheRecordingIsEmptiedOnlyWhenThatIsAskedForAndBothFilesAreWritten) 
     EXPECT_EQ(Events().size(), 1U);
 
     fs::remove(Host("/media"));
+    fakes::MakeDeviceFolder(kStickRoot);
     ASSERT_TRUE(Save(1, 1));
     EXPECT_TRUE(Events().empty());
     EXPECT_TRUE(Matches().empty());
@@ -189,7 +192,6 @@ TEST_F(Dump, FoldersThatExistAreUsedAndAnEarlierDumpIsReplaced) {
 }
 
 TEST_F(Dump, ADestinationThatIsALinkIsRefusedAndLogged) {
-    fakes::MakeDeviceFolder("/media/usb");
     fakes::MakeDeviceFolder("/etc/target");
     fs::create_directory_symlink(Host("/etc/target"), Host("/media/usb/dumpCV"));
 
@@ -207,7 +209,18 @@ TEST_F(Dump, ASourceThatIsALinkIsRefusedBeforeAnythingIsWritten) {
     EXPECT_FALSE(Save());
 
     EXPECT_TRUE(fs::is_empty(Host("/etc/target")));
+    EXPECT_TRUE(fs::is_empty(Host(kStickRoot)));
+}
+
+TEST_F(Dump, AStickThatIsGoneIsNotMadeAnew) {
+    fs::remove_all(Host("/media"));
+    Work("text");
+
+    EXPECT_FALSE(Save());
+
     EXPECT_FALSE(fs::exists(Host("/media")));
+    EXPECT_TRUE(fakes::dlog::Has(std::string("the trace dump cannot be saved in ") + kStick));
+    EXPECT_EQ(Events().size(), 1U);
 }
 
 TEST_F(Dump, AFileInTheFolderThatIsALinkIsReplacedAndNotFollowed) {

@@ -38,10 +38,10 @@ Snapshot Take(bool withTraps) {
     return snapshot;
 }
 
-bool WriteInto(const std::string& folder, const std::string& text) {
+bool WriteInto(const std::string& folder, bool withParents, const std::string& text) {
     const std::string path =
         folder + (folder.empty() || folder.back() != '/' ? "/" : "") + TCTraceControl::DUMP_NAME;
-    if (!TSFileSystem::MakeDir(folder, true) || !maker::WriteWholeFile(path, text, kFileMode)) {
+    if (!TSFileSystem::MakeDir(folder, withParents) || !maker::WriteWholeFile(path, text, kFileMode)) {
         MAKER_ERROR("the trace dump cannot be saved in %s", folder.c_str());
         return false;
     }
@@ -68,7 +68,8 @@ bool TCTraceControl::SaveDump(const std::string& sourceFolder, const std::string
     try {
         const Snapshot snapshot = Take(withTraps != 0);
         const std::string text = TraceJson(snapshot.dump);
-        if (!WriteInto(sourceFolder, text) || !WriteInto(destinationFolder, text)) {
+        // Where a stick was unplugged, its mount point must not be made anew on the internal flash.
+        if (!WriteInto(sourceFolder, true, text) || !WriteInto(destinationFolder, false, text)) {
             return false;
         }
         if (clear != 0) {
