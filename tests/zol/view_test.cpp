@@ -25,8 +25,8 @@ TEST_F(View, ShowPostsTitleAndContent) {
     EXPECT_THAT(fakes::notification::Settings(),
                 ElementsAre("text TITLE", "text CONTENT", "applist 17", "layout 1"));
     EXPECT_EQ(fakes::dlog::Find("[DEMO] TCView() START").priority, 6);
-    EXPECT_TRUE(fakes::dlog::Has("setting is done"));
-    EXPECT_TRUE(fakes::dlog::Has("[DEMO] TCView() END"));
+    EXPECT_EQ(fakes::dlog::Find("setting is done").priority, 6);
+    EXPECT_EQ(fakes::dlog::Find("[DEMO] TCView() END").priority, 6);
 }
 
 TEST_F(View, AViewWhoseCreationFailedPostsNothing) {
@@ -36,7 +36,7 @@ TEST_F(View, AViewWhoseCreationFailedPostsNothing) {
     view.Show();
 
     EXPECT_THAT(fakes::notification::Posted(), IsEmpty());
-    EXPECT_TRUE(fakes::dlog::Has("m_Noti is NULL"));
+    EXPECT_EQ(fakes::dlog::Find("m_Noti is NULL").priority, 6);
     EXPECT_FALSE(fakes::dlog::Has("setting is done"));
 }
 
@@ -46,7 +46,7 @@ TEST_F(View, AViewWhoseLayoutCallFailedLogsBothAndPosts) {
 
     view.Show();
 
-    EXPECT_TRUE(fakes::dlog::Has("setting is fail"));
+    EXPECT_EQ(fakes::dlog::Find("setting is fail").priority, 6);
     EXPECT_TRUE(fakes::dlog::Has("setting is done"));
     EXPECT_THAT(fakes::notification::Posted(), ElementsAre("Title|Content"));
 }
