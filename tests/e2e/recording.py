@@ -19,6 +19,18 @@ BITS = {"EVIOCGPROP": 32, "EVIOCGBIT(0)": 32, "EVIOCGBIT(1)": 768, "EVIOCGBIT(2)
         "EVIOCGBIT(4)": 8, "EVIOCGBIT(5)": 17, "EVIOCGBIT(17)": 16, "EVIOCGBIT(18)": 8, "EVIOCGBIT(21)": 128,
         "EVIOCGKEY": 768, "EVIOCGLED": 16, "EVIOCGSW": 17}
 
+# Runs the real program of its name where no file can grow: its writes fail. What it says of that goes through a pipe.
+FULL = """#!/usr/bin/python3
+import os, resource, subprocess, sys
+os.environ["PATH"] = os.environ["PATH"].partition(":")[2]
+run = subprocess.run([os.path.basename(sys.argv[0]), *sys.argv[1:]], stderr=subprocess.PIPE, restore_signals=False,
+                     preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (0, 0)))
+sys.stderr.buffer.write(run.stderr)
+sys.exit(run.returncode)
+"""
+# What writes to the stick from the daemon's shell.
+WRITERS = "grep", "tar"
+
 # The real one would end those of the whole computer.
 KILLALL = """#!/bin/sh
 echo "$*" >> "$ZOL_ROOT/killed"
@@ -132,6 +144,15 @@ class Recorder:
         """A program that the daemon's shell finds before all others."""
         (self.tools / name).write_text(script)
         (self.tools / name).chmod(0o755)
+
+    def fill_stick(self):
+        """Whatever the daemon's shell writes fails as it does on a full stick."""
+        for name in WRITERS:
+            self.add_tool(name, FULL)
+
+    def empty_stick(self):
+        for name in WRITERS:
+            (self.tools / name).unlink()
 
     def start(self, wrapper=()):
         self.daemon = self.machine.start_daemon(wrapper=self.keyboard.wrapper(wrapper))

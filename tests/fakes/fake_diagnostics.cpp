@@ -3,6 +3,7 @@
 #include <cstring>
 #include <fstream>
 
+#include "device_path.h"
 #include "fake_internal.h"
 #include "key_combination.h"
 #include "notification.h"
@@ -166,7 +167,7 @@ int dc_request_capture_to_file_sync(const dc_capture_request* request) {
     if (g_state.failCapture) {
         return -1;
     }
-    std::ofstream(request->file) << "picture";
+    std::ofstream(DevicePath(request->file)) << "picture";
     return 0;
 }
 

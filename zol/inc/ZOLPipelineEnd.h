@@ -23,6 +23,7 @@ public:
     bool Wait(int timeoutMs);
 
 private:
+    bool AreGone() const;
     void Close();
 
     std::mutex m_mutex;

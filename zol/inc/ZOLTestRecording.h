@@ -24,7 +24,7 @@ public:
 
     /// Begins to listen to the two combinations. Nothing happens where the service refuses.
     void setKeyCombinationHandler();
-    /// Stops listening; no handler is running when it returns, unless it is called from one.
+    /// Stops listening; no handler is running when it returns. Not from inside a handler.
     void removeKeyCombinationHandler();
 
     /// What the key-combination service calls; the user data is not used.
@@ -42,7 +42,7 @@ private:
     static void m_ScreenCapture(const std::string& dir);
     static void m_saveDumpWrapper(const std::string& source, const std::string& destination);
     static void m_Make_tarfile();
-    /// The stick's mount path; empty when there is none.
+    /// The stick's mount path, a path of the device; empty when there is none.
     static std::string m_get_usb_device_path();
     /// Runs a command in the shell and waits for it. The wait status; -1 when no process could be made or
     /// waited for.

@@ -5,11 +5,16 @@
 #include <unistd.h>
 
 #include <array>
-#include <cerrno>
+#include <cstdint>
 #include <utility>
+
+#include "platform_clock.h"
 
 namespace zol {
 namespace {
+
+/// How often a wait looks, in microseconds: nobody who ends a recording notices.
+constexpr std::uint64_t kLookUs = 10000;
 
 void CloseEnd(int& fd) {
     if (fd >= 0) {
@@ -42,16 +47,20 @@ void PipelineEnd::Started() {
 
 bool PipelineEnd::Wait(int timeoutMs) {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    // Nothing is ever written: the only event is that the last writing end is closed.
-    pollfd end{m_reading, 0, 0};
-    int ready = 1;
-    if (m_reading >= 0) {
-        do {
-            ready = poll(&end, 1, timeoutMs);
-        } while (ready < 0 && errno == EINTR);
+    const std::uint64_t end = platform_clock_steady_ns() + static_cast<std::uint64_t>(timeoutMs) * 1000000;
+    bool gone = AreGone();
+    while (!gone && platform_clock_steady_ns() < end) {
+        platform_sleep_us(kLookUs);
+        gone = AreGone();
     }
     Close();
-    return ready == 1;
+    return gone;
+}
+
+bool PipelineEnd::AreGone() const {
+    // Nothing is ever written: the only event is that the last writing end is closed.
+    pollfd end{m_reading, 0, 0};
+    return m_reading < 0 || poll(&end, 1, 0) == 1;
 }
 
 void PipelineEnd::Close() {

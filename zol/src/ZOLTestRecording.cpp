@@ -1,6 +1,7 @@
 #include "ZOLTestRecording.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -9,7 +10,6 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "Logging.h"
 #include "TSFileSystem.h"
 #include "ZOLLog.h"
 #include "ZOLPipelineEnd.h"
@@ -28,7 +28,6 @@ namespace {
 constexpr const char* kLogModule = "zol::KeyInputManager";
 constexpr const char* kSource = "zol/src/ZOLTestRecording";
 constexpr int kCreateLine = 45;
-constexpr unsigned long kStackSize = 8192;  ///< bytes
 
 constexpr KeyComb kStartCombination = 95;
 constexpr KeyComb kStopCombination = 96;
@@ -86,6 +85,29 @@ public:
 private:
     bool m_open;
 };
+
+/// Makes way for a file that is written anew: removes the old one, and a link, device or pipe in its place,
+/// which would send what is written elsewhere. A folder stays; nothing can be written into that. False when
+/// something is left that can.
+bool MakeWay(const std::string& path) {
+    struct stat status {};
+    return lstat(DevicePath(path).c_str(), &status) != 0 || S_ISDIR(status.st_mode) ||
+           TSFileSystem::RemoveFile(path);
+}
+
+/// The shell's command that follows the focus lines of the platform log into a file in the background.
+std::string FocusLogCommand(const std::string& file) {
+    return "dlogutil -v kerneltime CSFS | grep OnFocused > " + zol::ShellQuote(file) + "&";
+}
+
+/// The shell's command that packs what is in a folder.
+std::string ArchiveCommand(const std::string& folder) {
+    std::string command = "tar -cvzf " + zol::ShellQuote(folder + "/" + kArchive);
+    for (const char* entry : kArchiveEntries) {
+        command += " -C " + zol::ShellQuote(folder) + " " + entry;
+    }
+    return command;
+}
 
 /// The end of the focus log's writers, which outlive the shell that starts them.
 zol::PipelineEnd& FocusLogEnd() {
@@ -181,7 +203,7 @@ void TCTestRecording::m_RecordingState(int state) {
     if (state == kRecording) {
         m_testflag.store(true, std::memory_order_relaxed);
         const std::string scenario = usb + kScenarioFile;
-        if (TSFileSystem::FileExists(scenario) && !TSFileSystem::RemoveFile(scenario)) {
+        if (!MakeWay(scenario)) {
             ZOL_LOG(LOG_ERROR, "Failed to remove recorded scenario file! Dir: %s", scenario.c_str());
             return;
         }
@@ -196,14 +218,12 @@ void TCTestRecording::m_RecordingState(int state) {
 
 void TCTestRecording::m_EnableDlog(const std::string& dir) {
     const std::string log = dir + kFocusLog;
-    if (TSFileSystem::FileExists(log) && !TSFileSystem::RemoveFile(log)) {
+    if (!MakeWay(log)) {
         ZOL_LOG(LOG_ERROR, "Failed to remove recorded scenario file! Dir: %s", log.c_str());
         return;
     }
-    const std::string command =
-        "dlogutil -v kerneltime CSFS | grep OnFocused > " + zol::ShellQuote(log) + "&";
-    ZOL_LOG(LOG_ERROR, "[TestRecording] StartDlog cmd is %s", command.c_str());
-    m_runShell(command, FocusLogEnd().Open());
+    ZOL_LOG(LOG_ERROR, "[TestRecording] StartDlog cmd is %s", FocusLogCommand(log).c_str());
+    m_runShell(FocusLogCommand(DevicePath(log)), FocusLogEnd().Open());
     FocusLogEnd().Started();
 }
 
@@ -220,7 +240,8 @@ void TCTestRecording::m_ScreenCapture(const std::string& dir) {
         ZOL_LOG(LOG_ERROR, "Failed to remove Screen Capture directory! Dir: %s", dir.c_str());
         return;
     }
-    if (!TSFileSystem::MakeDir(dir, true)) {
+    // Without parents: where the stick was, its folder must not be made anew on the internal flash.
+    if (!TSFileSystem::MakeDir(dir, false)) {
         ZOL_LOG(LOG_ERROR, "Failed to create Screen Capture directory! Dir: %s", dir.c_str());
         return;
     }
@@ -250,11 +271,12 @@ void TCTestRecording::m_Make_tarfile() {
         ZOL_LOG(LOG_ERROR, "[TestRecording] Fail to get USB Path");
         return;
     }
-    std::string command = "tar -cvzf " + zol::ShellQuote(usb + "/" + kArchive);
-    for (const char* entry : kArchiveEntries) {
-        command += " -C " + zol::ShellQuote(usb) + " " + entry;
+    const std::string archive = usb + "/" + kArchive;
+    if (!MakeWay(archive)) {
+        ZOL_LOG(LOG_ERROR, "[TestRecording] Failed to remove the old archive! Dir: %s", archive.c_str());
+        return;
     }
-    m_runShell(command);
+    m_runShell(ArchiveCommand(DevicePath(usb)));
     ZOL_LOG(LOG_INFO, "[TestRecording] Done making tar file.");
 }
 
@@ -278,9 +300,7 @@ std::string TCTestRecording::m_get_usb_device_path() {
     if (usb_device_get_mountpath(device, path.data(), path.size()) != 0) {
         return "";
     }
-    // Where it lies on this machine: the shell's commands know of no mapping, and mapping twice changes
-    // nothing.
-    return DevicePath(path.data());
+    return path.data();
 }
 
 int TCTestRecording::m_runShell(const std::string& command, int inherited) {

@@ -1,0 +1,309 @@
+#include <gmock/gmock.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include "fake_dlog.h"
+#include "test_recording_fixture.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+using TestRecordingFaults = RecordingFixture;
+
+/// Lets every vfork of the calling thread fail for good; false where the system cannot do that.
+bool RefuseVfork() {
+#ifdef __NR_vfork
+    sock_filter code[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                          BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_vfork, 0, 1),
+                          BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EAGAIN),
+                          BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+    const sock_fprog program{sizeof(code) / sizeof(code[0]), code};
+    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+           prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+#else
+    return false;
+#endif
+}
+
+/// While this lives nothing can be removed from a folder, by root neither.
+class Protected {
+public:
+    explicit Protected(const std::string& folder) : m_folder(folder) {
+        chmod(m_folder.c_str(), 0555);
+        if (m_root) {
+            // Root may write everywhere, so this is somebody else's attempt.
+            chmod(fakes::Root().c_str(), 0755);
+            EXPECT_EQ(seteuid(kOther), 0);
+        }
+    }
+    ~Protected() {
+        if (m_root) {
+            EXPECT_EQ(seteuid(0), 0);
+        }
+        chmod(m_folder.c_str(), 0755);
+    }
+    Protected(const Protected&) = delete;
+    Protected& operator=(const Protected&) = delete;
+
+private:
+    static constexpr uid_t kOther = 65534;
+    const std::string m_folder;
+    const bool m_root = geteuid() == 0;
+};
+
+TEST_F(TestRecordingFaults, EveryFailureOfTheUsbServiceIsToldAndTheServiceClosed) {
+    fakes::usb::Fail(fakes::usb::FAIL_INIT);
+    Start();
+    EXPECT_TRUE(fakes::dlog::Has("[TestRecording] failed to initialize usb device\n"));
+
+    fakes::usb::Fail(fakes::usb::FAIL_LIST);
+    Start();
+    EXPECT_TRUE(fakes::dlog::Has("[TestRecording]failed to get mass storage list from usb-server\n"));
+
+    fakes::usb::Fail(fakes::usb::FAIL_MOUNTPATH);
+    Start();
+    EXPECT_EQ(fakes::dlog::Count("[TestRecording] Fail to get USB Path"), 3);
+    EXPECT_EQ(fakes::usb::OpenServices(), 0);
+}
+
+TEST_F(TestRecordingFaults, AStateThatCannotBeWrittenStartsNothing) {
+    fakes::vconf::Fail(kStateKey, fakes::vconf::FAIL_SET);
+
+    Start();
+    Stop();
+
+    EXPECT_TRUE(fakes::dlog::Has("[TestRecording] vconf set failed for : 1"));
+    EXPECT_TRUE(fakes::dlog::Has("[TestRecording] Recording hasn't been run yet."));
+}
+
+TEST_F(TestRecordingFaults, AFollowerThatDoesNotEndIsToldAndTheRestIsPacked) {
+    Tool("dlogutil", kLingering);
+    fakes::keys::Press(kStart);
+
+    Stop();
+
+    EXPECT_TRUE(fakes::dlog::Has("[TestRecording] the focus log is still being written"));
+    EXPECT_THAT(ListArchive(), HasSubstr("dumpCV/"));
+}
+
+TEST_F(TestRecordingFaults, TheArchiveHoldsWhatExistsWhenTheRestIsMissing) {
+    fakes::capture::Fail(true);
+    Start();
+    std::ofstream(m_stick + "/csfs_log.txt") << "focus";
+
+    Stop();
+
+    EXPECT_TRUE(fakes::dlog::Has("[TestRecording] dc_request_capture_to_file_sync failed"));
+    const std::string names = ListArchive();
+    EXPECT_THAT(names, HasSubstr("csfs_log.txt"));
+    EXPECT_THAT(names, HasSubstr("ScreenCapture/"));
+    EXPECT_THAT(names, testing::Not(HasSubstr("recorded_scenario.txt")));
+}
+
+TEST_F(TestRecordingFaults, AStickThatVanishesEndsTheRecordingWithoutAnArchive) {
+    Start();
+    fakes::usb::SetStick("");
+
+    Stop();
+
+    EXPECT_EQ(fakes::dlog::Count("[TestRecording] Fail to get USB Path"), 2);
+    EXPECT_FALSE(fs::exists(m_stick + "/testrecording.tar.gz"));
+    // The state could not be told; the recording goes on until there is a stick again.
+    EXPECT_EQ(fakes::vconf::GetInt(kStateKey), 1);
+}
+
+TEST_F(TestRecordingFaults, AStickWithAFolderInTheScenariosPlaceRecordsAllTheSame) {
+    // A folder is no file: it is left alone and packed.
+    fs::create_directories(m_stick + "/recorded_scenario.txt");
+
+    Start();
+
+    EXPECT_TRUE(Recording());
+    EXPECT_TRUE(fakes::dlog::Has("StartDlog cmd is"));
+}
+
+TEST_F(TestRecordingFaults, AShellThatCannotBeAwaitedKeepsTheRecordingActive) {
+    Start();
+    // The kernel reaps the shell by itself then, and waiting for it fails.
+    std::signal(SIGCHLD, SIG_IGN);
+
+    Stop();
+
+    std::signal(SIGCHLD, SIG_DFL);
+    EXPECT_TRUE(fakes::dlog::Has("[TestRecording] Fail to run shell"));
+    EXPECT_EQ(fakes::vconf::GetInt(kStateKey), 1);
+    EXPECT_FALSE(fs::exists(m_stick + "/testrecording.tar.gz"));
+}
+
+TEST_F(TestRecordingFaults, AToastThatFailsDoesNotKeepTheRecordingFromEnding) {
+    Tool("app_launcher", "exit 3");
+    Start();
+
+    Stop();
+
+    EXPECT_FALSE(fakes::dlog::Has("[TestRecording] Fail to run shell"));
+    EXPECT_EQ(fakes::vconf::GetInt(kStateKey), 0);
+    EXPECT_TRUE(fs::exists(m_stick + "/testrecording.tar.gz"));
+}
+
+TEST_F(TestRecordingFaults, OnAStickThatTakesNothingEachFailingStepIsToldAndTheRecordingEnds) {
+    // Nobody can make a file there, root neither.
+    fs::remove_all(m_stick);
+    fs::create_directory_symlink("/proc/self/fdinfo", m_stick);
+    Start();
+
+    Stop();
+
+    EXPECT_TRUE(
+        fakes::dlog::Has("Failed to create Screen Capture directory! Dir: " + m_device + "/ScreenCapture/"));
+    EXPECT_TRUE(fakes::dlog::Has("the trace dump cannot be saved in"));
+    EXPECT_EQ(fakes::vconf::GetInt(kStateKey), 0);
+    fs::remove(m_stick);
+}
+
+TEST_F(TestRecordingFaults, AStateThatCannotBeWrittenAtTheEndLeavesTheRecordingActive) {
+    Start();
+    fakes::vconf::Fail(kStateKey, fakes::vconf::FAIL_SET);
+
+    Stop();
+
+    EXPECT_EQ(fakes::dlog::Find("[TestRecording] vconf set failed for : 0").priority, 6);
+    EXPECT_TRUE(Recording());
+    EXPECT_TRUE(fs::exists(m_stick + "/testrecording.tar.gz"));
+    fakes::vconf::Fail(kStateKey, fakes::vconf::FAIL_NONE);
+    Start();
+    EXPECT_TRUE(fakes::dlog::Has("[TestRecording] Already recording..."));
+}
+
+TEST_F(TestRecordingFaults, AShellThatCannotBeStartedIsToldByBothToasts) {
+    bool refused = false;
+    std::thread([&] {
+        refused = RefuseVfork();
+        if (refused) {
+            Start();
+            Stop();
+        }
+    }).join();
+    if (!refused) {
+        GTEST_SKIP() << "the system cannot refuse vfork";
+    }
+
+    EXPECT_EQ(fakes::dlog::Count("[TestRecording] Fail to run shell"), 2);
+    EXPECT_EQ(fakes::dlog::Find("[TestRecording] Fail to run shell").priority, 6);
+    EXPECT_TRUE(Recording());
+    EXPECT_THAT(ToolCalls(), IsEmpty());
+}
+
+TEST_F(TestRecordingFaults, AnOldScenarioOrFocusLogThatCannotBeRemovedKeepsTheFocusLogFromBegin) {
+    for (const char* name : {"/recorded_scenario.txt", "/csfs_log.txt"}) {
+        std::ofstream(m_stick + name) << "old";
+        fakes::dlog::Clear();
+        {
+            const Protected stick(m_stick);
+            Start();
+        }
+
+        EXPECT_EQ(
+            fakes::dlog::Find("Failed to remove recorded scenario file! Dir: " + m_device + name).priority,
+            6);
+        EXPECT_FALSE(fakes::dlog::Has("StartDlog cmd is"));
+        EXPECT_EQ(Read(m_stick + name), "old");
+        EXPECT_TRUE(Recording());
+        Stop();
+        fs::remove(m_stick + name);
+    }
+}
+
+TEST_F(TestRecordingFaults, FoldersThatAreLinksAreToldAndNotFollowed) {
+    fakes::WriteDeviceFile("/etc/target/precious", "keep");
+    Start();
+    for (const char* name : {"/ScreenCapture", "/dumpCV"}) {
+        fs::create_directory_symlink(fakes::Root() + "/etc/target", m_stick + name);
+    }
+
+    Stop();
+
+    for (const char* name : {"/ScreenCapture/", "/dumpCV/"}) {
+        const std::string line = "Failed to remove Screen Capture directory! Dir: " + m_device + name;
+        EXPECT_EQ(fakes::dlog::Find(line).priority, 6) << name;
+    }
+    EXPECT_EQ(fakes::ReadDeviceFile("/etc/target/precious"), "keep");
+    EXPECT_EQ(std::distance(fs::directory_iterator(fakes::Root() + "/etc/target"), {}), 1);
+    EXPECT_THAT(fakes::capture::Requests(), IsEmpty());
+}
+
+TEST_F(TestRecordingFaults, LinksThatCameWithTheStickAreReplacedAndNotFollowed) {
+    fakes::WriteDeviceFile("/etc/precious", "keep");
+    const std::string precious = fakes::Root() + "/etc/precious";
+    const std::string unborn = fakes::Root() + "/etc/unborn";
+    for (const std::string& target : {precious, unborn, std::string("/dev/full")}) {
+        for (const char* name : {"/recorded_scenario.txt", "/csfs_log.txt", "/testrecording.tar.gz"}) {
+            fs::remove(m_stick + name);
+            fs::create_symlink(target, m_stick + name);
+        }
+        Start();
+        EXPECT_FALSE(fs::is_symlink(m_stick + "/recorded_scenario.txt")) << target;
+        Stop();
+
+        EXPECT_EQ(fs::symlink_status(m_stick + "/csfs_log.txt").type(), fs::file_type::regular) << target;
+        EXPECT_THAT(ListArchive(), HasSubstr("csfs_log.txt")) << target;
+    }
+    EXPECT_EQ(fakes::ReadDeviceFile("/etc/precious"), "keep");
+    EXPECT_FALSE(fs::exists(unborn));
+}
+
+TEST_F(TestRecordingFaults, PipesInTheFilesPlacesHoldNobodyUp) {
+    for (const char* name : {"/csfs_log.txt", "/testrecording.tar.gz"}) {
+        ASSERT_EQ(mkfifo((m_stick + name).c_str(), 0600), 0);
+    }
+    Start();
+
+    Stop();
+
+    EXPECT_THAT(ListArchive(), HasSubstr("csfs_log.txt"));
+}
+
+TEST_F(TestRecordingFaults, ALinkInTheArchivesPlaceThatCannotBeRemovedIsToldAndNothingIsPacked) {
+    fakes::WriteDeviceFile("/etc/precious", "keep");
+    Start();
+    fs::create_symlink(fakes::Root() + "/etc/precious", m_stick + "/testrecording.tar.gz");
+    {
+        const Protected stick(m_stick);
+        Stop();
+    }
+
+    EXPECT_TRUE(fakes::dlog::Has("[TestRecording] Failed to remove the old archive! Dir: " + m_device +
+                                 "/testrecording.tar.gz"));
+    EXPECT_FALSE(fakes::dlog::Has("Done making tar file."));
+    EXPECT_EQ(fakes::ReadDeviceFile("/etc/precious"), "keep");
+}
+
+TEST_F(TestRecordingFaults, AStickThatVanishesWhileTheRecordingEndsIsNotMadeAnew) {
+    Tool("killall", "rm -r '" + m_stick + "'");
+    Start();
+
+    Stop();
+
+    EXPECT_FALSE(fs::exists(m_stick));
+    EXPECT_TRUE(
+        fakes::dlog::Has("Failed to create Screen Capture directory! Dir: " + m_device + "/ScreenCapture/"));
+    EXPECT_TRUE(fakes::dlog::Has("the trace dump cannot be saved in " + m_device + "/dumpCV/"));
+}
+
+}  // namespace
