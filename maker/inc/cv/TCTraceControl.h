@@ -16,7 +16,8 @@ public:
     int Reload();
 
     /// Saves the recording as DUMP_NAME, in the Chrome trace-event JSON format, in both folders. They are
-    /// device paths and made when they are missing; one that is a link or could be a stranger's is refused.
+    /// device paths and made when they are missing, the destination only where its parent exists (a stick may
+    /// be gone); one that is a link or could be a stranger's is refused.
     /// Each file is replaced whole or not at all.
     /// @param sourceFolder      the library's own folder; written first
     /// @param destinationFolder where the copy goes, such as a USB stick
