@@ -141,7 +141,8 @@ bool StoreFiles::MakeFolder() const {
         return false;
     }
     GiveToGroup(fd);
-    return fchmod(fd.Get(), kFolderMode) == 0;
+    // A confined service may not set the bit; the files made here are given to the group one by one as well.
+    return fchmod(fd.Get(), kFolderMode) == 0 || fchmod(fd.Get(), kFolderMode & 0777) == 0;
 }
 
 std::optional<FileIdentity> StoreFiles::Current() const {
