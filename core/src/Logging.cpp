@@ -259,6 +259,7 @@ void SendDebugMsgs(ELogWay way, ELogType type, const char* text) {
     switch (way) {
         case LOG_WAY_PRINT:
             std::printf("%s", text);
+            std::fflush(stdout);  // the line may be the last one before a crash
             break;
         case LOG_WAY_UDP:
             SendUdp(text);

@@ -1,7 +1,8 @@
 #pragma once
-/// How a process that was crashed on purpose ends.
+/// How a process that was crashed on purpose ends, and what it says.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <csignal>
 
@@ -13,4 +14,11 @@ inline bool Crashed(int status) {
 #else
     return WIFSIGNALED(status) && WTERMSIG(status) == SIGSEGV;
 #endif
+}
+
+/// For the child of EXPECT_EXIT: runs `action` with standard output where the report can be matched.
+template <class Action>
+void Reporting(Action action) {
+    dup2(STDERR_FILENO, STDOUT_FILENO);
+    action();
 }

@@ -7,12 +7,14 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <set>
 #include <thread>
 #include <vector>
 
 #include "Logging.h"
 #include "allocation_counter.h"
+#include "death.h"
 #include "fake_clock.h"
 #include "log_fixture.h"
 
@@ -102,6 +104,26 @@ TEST_F(Log, LinesCanGoToStandardOutput) {
 
     EXPECT_THAT(GetCapturedStdout(), EndsWith("ZOL--> on the screen\n"));
     EXPECT_TRUE(fakes::dlog::Lines().empty());
+}
+
+TEST_F(Log, ALineBeforeACrashReachesStandardOutput) {
+    Configure("PRINT\nZ:E\n");
+    std::FILE* const output = std::tmpfile();
+    ASSERT_NE(output, nullptr);
+    EXPECT_EXIT(
+        {
+            dup2(fileno(output), STDOUT_FILENO);
+            _PRINT(1, "before the crash");
+            __ASSERT_ATSC3("a == b", "core/src/X", 7);
+        },
+        Crashed, "");
+
+    char text[1024] = {};
+    std::rewind(output);
+    std::fread(text, 1, sizeof(text) - 1, output);
+    std::fclose(output);
+    EXPECT_THAT(text, HasSubstr("ZOL--> before the crash\n"));
+    EXPECT_THAT(text, EndsWith("ZOL--> ASSERT: a == b [core/src/X:7]\n"));
 }
 
 TEST_F(Log, AnUnknownWayDropsTheLine) {
