@@ -78,7 +78,7 @@ void WriteReport(std::FILE* console, const char* expression, const char* file, i
 void CrashUnlessForgiving() {
     char path[PATH_MAX];
     device_path_map(ZOL_PATH_RELEASE_MARKER, path, sizeof(path));
-    const FilePtr marker(std::fopen(path, "rb+"));
+    const FilePtr marker(std::fopen(path, "rb+e"));
     if (!marker) {
         Crash();
     }

@@ -319,7 +319,7 @@ int g_LoadLogConfig() {
     if (device_path_map(ZOL_PATH_GST_LOG_CONF, path, sizeof(path)) == 0) {
         return 0;
     }
-    std::FILE* file = std::fopen(path, "rb");
+    std::FILE* file = std::fopen(path, "rbe");
     if (file == nullptr) {
         return 0;
     }
