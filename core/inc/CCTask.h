@@ -57,10 +57,6 @@ public:
     /// synchronously block for ever.
     static bool Send(CSEvent* event, bool sync);
 
-    /// Ends the loop after the current event and returns when that is settled; while the queue is full it
-    /// waits for room. Always true.
-    virtual bool ExitLoop();
-
     /// True when the task has got to this request within `ms` milliseconds (CCSemaphore::Try). From the
     /// task's own thread it cannot.
     bool Ping(unsigned long ms);
@@ -79,8 +75,11 @@ public:
 protected:
     friend class CCHandler;
 
-    /// The thread's body: t_OnStart, the loop, t_OnStop.
-    virtual void t_Main();
+    /// t_OnStart, the loop, t_OnStop. What ThreadBody, the first of the virtual operations, runs.
+    void t_Main();
+
+    // The order of the virtual operations is part of the binary interface: those of CCThread, then these.
+
     /// Posts the event of a due timer. A full queue loses it, and the timer fires no more.
     virtual void t_SendTimerEvent(CCHandler* handler, void* timer);
     /// Takes one event, waiting at most `timeout` milliseconds (2^32 - 1: the default timeout), and hands it
@@ -92,8 +91,15 @@ protected:
     virtual void t_OnIdle();
     /// On the task's thread after the loop.
     virtual void t_OnStop();
-    /// On the task's thread, between the callbacks of CALLBACK_EXIT. False is logged and changes nothing
+
+public:
+    /// Ends the loop after the current event and returns when that is settled; while the queue is full it
+    /// waits for room. Always true.
+    virtual bool ExitLoop();
+
+protected:
     /// else.
+    /// On the task's thread, between the callbacks of CALLBACK_EXIT. False is logged and changes nothing
     virtual bool OnExit(const CSEvent* event);
 
     /// Posts an event for every timer that is due. Returns how many milliseconds t_ExecuteEvent may wait: 0
