@@ -20,7 +20,7 @@ struct CCTask::TSTimer {
     std::uint64_t interval;  // milliseconds
     std::uint64_t last;      // CCTime::Tick() when it was set or last fired
     bool queued;             // an event for it is queued and not yet handled
-    long serial;             // travels with the event: a later timer may lie at the same address
+    std::uint32_t serial;    // travels with the event: a later timer may lie at the same address
 };
 
 struct CCTask::TSTask {
@@ -62,7 +62,7 @@ struct CCTask::TSTask {
     // Guards list and records for a few instructions at a time. timerMutex is held while timer events are
     // posted and must not be taken by those who set timers.
     std::mutex timersLock;
-    long nextSerial = 0;
+    std::uint32_t nextSerial = 0;
     CCMutex timerMutex;
     TFCallback before = nullptr;
     TFCallback after = nullptr;

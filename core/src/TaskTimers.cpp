@@ -43,7 +43,7 @@ CCTask::TSTimer* CCTask::TSTask::FindTimer(const CSEvent& event) {
     for (bool more = timers.SetPosition(IPosition::POS_HEAD, 0); more;
          more = timers.SetPosition(IPosition::POS_CURRENT, 1)) {
         auto* timer = static_cast<TSTimer*>(timers.Data());
-        if (timer == event.param.p && timer->serial == event.param.l[1]) {
+        if (timer == event.param.p && timer->serial == static_cast<std::uint32_t>(event.param.l[1])) {
             return timer;
         }
     }
@@ -97,7 +97,7 @@ void CCTask::t_SendTimerEvent(CCHandler* handler, void* timer) {
     CSEvent event;
     event.receiver = handler;
     event.isTimer = true;
-    event.param.l[1] = static_cast<const TSTimer*>(timer)->serial;
+    event.param.l[1] = static_cast<long>(static_cast<const TSTimer*>(timer)->serial);
     event.param.p = timer;
     Send(&event, false);
 }
