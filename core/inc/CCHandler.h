@@ -25,8 +25,9 @@ protected:
 
 public:
     /// Drops the events still queued for this handler and unbinds it; what arrives later is dropped by the
-    /// task. Its timers are not killed; they stop at their next event. Any thread, but an operation of the
-    /// handler may just be running on the task's thread.
+    /// task, and the sender of a synchronous event so dropped is never released. Its timers are not killed;
+    /// they stop at their next event. Any thread, but an operation of the handler may just be running on the
+    /// task's thread.
     virtual void Destroy();
 
     /// Binds the handler to `task`, which must outlive the binding. True; false where an assertion returned.

@@ -54,7 +54,8 @@ public:
     /// events). Synchronously: returns when the event has been handled; called on the receiver's own thread
     /// it runs the handler right away. When the loop ends meanwhile the sender is released with true; a loop
     /// that has ended takes no more synchronous events (false). Two tasks that send to each other
-    /// synchronously block for ever.
+    /// synchronously block for ever, and so does the sender of a synchronous event that is dropped because
+    /// CCHandler::Destroy unbinds its receiver first.
     static bool Send(CSEvent* event, bool sync);
 
     /// True when the task has got to this request within `ms` milliseconds (CCSemaphore::Try). From the
@@ -98,8 +99,8 @@ public:
     virtual bool ExitLoop();
 
 protected:
-    /// else.
     /// On the task's thread, between the callbacks of CALLBACK_EXIT. False is logged and changes nothing
+    /// else.
     virtual bool OnExit(const CSEvent* event);
 
     /// Posts an event for every timer that is due. Returns how many milliseconds t_ExecuteEvent may wait: 0

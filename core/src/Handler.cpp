@@ -21,24 +21,28 @@ bool CCHandler::Create(const CCTask* task) {
 }
 
 void CCHandler::Destroy() {
-    if (AssertAtsc3(FlagCreate(), "FlagCreate() == true", kSource, 52)) {
-        m_task.load()->m_Unbind(this);
+    // Read once, here and below: another thread may unbind the handler behind the check.
+    CCTask* const task = m_task.load(std::memory_order_acquire);
+    if (AssertAtsc3(task != nullptr, "FlagCreate() == true", kSource, 52)) {
+        task->m_Unbind(this);
     }
 }
 
 CCTask* CCHandler::Task() const {
-    AssertAtsc3(FlagCreate(), "FlagCreate() == true", kSource, 70);
-    return m_task.load(std::memory_order_acquire);
+    CCTask* const task = m_task.load(std::memory_order_acquire);
+    AssertAtsc3(task != nullptr, "FlagCreate() == true", kSource, 70);
+    return task;
 }
 
 bool CCHandler::SetTimer(unsigned long id, unsigned long ms) {
-    return AssertAtsc3(FlagCreate(), "FlagCreate() == true", kSource, 78) &&
-           m_task.load()->t_SetTimer(this, id, ms);
+    CCTask* const task = m_task.load(std::memory_order_acquire);
+    return AssertAtsc3(task != nullptr, "FlagCreate() == true", kSource, 78) &&
+           task->t_SetTimer(this, id, ms);
 }
 
 bool CCHandler::KillTimer(unsigned long id) {
-    return AssertAtsc3(FlagCreate(), "FlagCreate() == true", kSource, 86) &&
-           m_task.load()->t_KillTimer(this, id);
+    CCTask* const task = m_task.load(std::memory_order_acquire);
+    return AssertAtsc3(task != nullptr, "FlagCreate() == true", kSource, 86) && task->t_KillTimer(this, id);
 }
 
 void CCHandler::t_OnTimer(unsigned long /*id*/) {}

@@ -65,7 +65,7 @@ bool CCTask::TSTask::CInternalHandler::Create(CCTask* task, TSTask* record) {
 
 void CCTask::TSTask::CInternalHandler::Destroy() {
     if (AssertAtsc3(m != nullptr, "m", kSource, 93)) {
-        CCHandler::Destroy();
+        m_owner->m_DropEvents(m);
         m = nullptr;
     }
 }
@@ -136,7 +136,6 @@ void CCTask::Destroy() {
     CCThread::Destroy();
     // A task that destroys itself does not wait for its thread: the loop ends behind the current event.
     record->exit = true;
-    m_DropEvents(record.get());
     record->handler.Destroy();
     const std::lock_guard<std::mutex> lock(m_lock);
     CCFixedRingQueue::Destroy();
@@ -146,11 +145,15 @@ void CCTask::Destroy() {
 void CCTask::m_DropEvents(TSTask* record) {
     const std::lock_guard<std::mutex> lock(m_lock);
     record->ended = true;
+    // Under the same lock as the rest: a ping that was queued behind it would never be released.
+    CCHandler* const internal = &record->handler;
+    internal->m_task = nullptr;
     CSEvent event;
     while (Get(&event, 0)) {
-        if (event.receiver == &record->handler && event.type == TSTask::CInternalHandler::EVENT_PING) {
+        if (event.receiver == internal && event.type == TSTask::CInternalHandler::EVENT_PING) {
             AnswerPing(event);
         }
+        ReleaseSender(&event, nullptr);
     }
 }
 

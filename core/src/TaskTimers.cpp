@@ -154,7 +154,12 @@ bool CCTask::t_KillTimer(CCHandler* handler, unsigned long id) {
         return false;
     }
     const TimerEvents queued{handler, timer};
-    RemoveIf(&IsEventOfTimer, &queued);
+    {
+        const std::lock_guard<std::mutex> queue(m_lock);
+        if (m == record) {
+            RemoveIf(&IsEventOfTimer, &queued);
+        }
+    }
     record->timers.Remove();
     delete timer;
     return true;

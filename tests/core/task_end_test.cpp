@@ -1,0 +1,106 @@
+#include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <thread>
+
+#include "CCTask.h"
+#include "test_task.h"
+
+namespace {
+
+/// Others go on using a task while it ends.
+class TaskEnd : public TaskFixture {
+protected:
+    static constexpr int kRounds = 50;
+
+    TaskEnd() { SurviveAssertions(); }
+
+    static pid_t ThisThread() { return static_cast<pid_t>(syscall(SYS_gettid)); }
+    /// Waits until the thread is no more.
+    static void AwaitEnd(pid_t thread) {
+        while (syscall(SYS_tgkill, getpid(), thread, 0) == 0) {
+            std::this_thread::yield();
+        }
+    }
+};
+
+TEST_F(TaskEnd, TimersMayBeKilledMeanwhile) {
+    for (int round = 0; round < kRounds; ++round) {
+        TestTask task;
+        ASSERT_TRUE(task.Create());
+        Counter rounds;
+        std::thread other([&] {
+            while (task.SetTimer(1, 1000)) {
+                task.KillTimer(1);
+                rounds.Add();
+            }
+        });
+        ASSERT_TRUE(rounds.Await(1));
+        task.ExitLoop();
+        task.CCTask::Destroy();
+        other.join();
+        task.CCHandler::Destroy();
+    }
+}
+
+TEST_F(TaskEnd, APingMeanwhileLeavesNothingBehind) {
+    for (int round = 0; round < kRounds; ++round) {
+        TestTask task;
+        ASSERT_TRUE(task.Create());
+        Counter rounds;
+        std::thread other([&] {
+            while (task.CCTask::FlagCreate()) {
+                task.Ping(0);
+                rounds.Add();
+            }
+        });
+        ASSERT_TRUE(rounds.Await(1));
+        task.Destroy();
+        other.join();
+    }
+}
+
+TEST_F(TaskEnd, AHandlerMayBeUnboundWhileItsTimersAreKilled) {
+    TestTask task;
+    ASSERT_TRUE(task.Create());
+    for (int round = 0; round < kRounds; ++round) {
+        TestTask handler;
+        ASSERT_TRUE(handler.CCHandler::Create(&task));
+        std::thread other([&] { handler.KillTimer(1); });
+        handler.CCHandler::Destroy();
+        other.join();
+    }
+    task.Destroy();
+}
+
+TEST_F(TaskEnd, ASynchronousSenderIsReleasedByATaskThatDestroysItself) {
+    TestTask task;
+    Counter stopped;
+    Gate gate;
+    pid_t thread = 0;
+    task.onStop = [&] { stopped.Add(); };
+    task.onCall = [&] {
+        thread = ThisThread();
+        gate.Pass();
+        task.CCTask::Destroy();
+    };
+    ASSERT_TRUE(task.Create());
+    ASSERT_TRUE(task.Post(EVENT_CALL));
+    ASSERT_TRUE(gate.AwaitArrival());
+    std::thread sender([&] { task.Post(EVENT_COUNT, true); });
+    while (task.Size() == 0) {
+        std::this_thread::yield();
+    }
+
+    gate.Open();
+    sender.join();
+
+    ASSERT_TRUE(stopped.Await(1));
+    AwaitEnd(thread);
+    EXPECT_FALSE(task.CCTask::FlagCreate());
+    EXPECT_EQ(task.count.Value(), 0);
+    task.CCHandler::Destroy();
+}
+
+}  // namespace
