@@ -14,11 +14,13 @@ struct CSEvent {
     std::uint32_t type = 0;  ///< event code; the receiver's class owns the codes
     bool isTimer = false;    ///< set by the runtime for timer events
     /// What it means is up to the event code. The pointer lies in the place of l[0].
-    union UParam {
+    union alignas(8) UParam {
         long l[2];  ///< 32 bits each on the device
         void* p;    ///< not owned
     } param = {{0, 0}};
 };
+
+static_assert(sizeof(void*) != 4 || sizeof(CSEvent) == 32, "the size of a queue's slot on the device");
 
 static_assert(std::is_trivially_copyable<CSEvent>::value, "the queue copies events as bytes");
 static_assert(sizeof(void*) <= sizeof(CSEvent::UParam), "a pointer is a parameter");
