@@ -18,8 +18,6 @@ public:
     static int sm_CbTimeout(void* data);
 
 private:
-    void Report() const;
-
     CCMutex* m_mutex;
     unsigned m_sourceId = 0;
     unsigned long m_threadId = 0;  // who constructed it, 0 without a mutex
@@ -28,4 +26,5 @@ private:
     CSmartAutoLock* m_previous = nullptr;
     CSmartAutoLock* m_next = nullptr;
     struct Registry;
+    struct TSReport;
 };

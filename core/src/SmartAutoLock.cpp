@@ -9,7 +9,8 @@ constexpr unsigned kReportIntervalMs = 5000;
 }  // namespace
 
 /// The living scoped locks. A scoped lock may end on its own thread while the main loop is about to report
-/// it, so the watchdog looks it up and reports under the lock that the end has to take.
+/// it, so the watchdog looks it up under the lock that the end has to take. It logs outside: whoever ends a
+/// scoped lock still holds the mutex, and a log may take its time.
 struct CSmartAutoLock::Registry {
     std::mutex mutex;
     CSmartAutoLock* first = nullptr;
@@ -43,6 +44,15 @@ struct CSmartAutoLock::Registry {
     }
 };
 
+/// What the watchdog saw.
+struct CSmartAutoLock::TSReport {
+    void* tag;
+    unsigned long thread;
+    unsigned long locker;
+
+    void Log() const;
+};
+
 CSmartAutoLock::CSmartAutoLock(CCMutex* mutex, void* tag)
     : m_mutex(mutex != nullptr && mutex->FlagCreate() ? mutex : nullptr) {
     if (m_mutex == nullptr) {
@@ -62,39 +72,42 @@ CSmartAutoLock::~CSmartAutoLock() {
     if (m_mutex == nullptr) {
         return;
     }
-    {
-        const std::lock_guard<std::mutex> guard(Registry::The().mutex);
-        Registry::The().Remove(this);
-        g_source_remove(m_sourceId);
-    }
+    // Both in one: once it is unlocked the mutex may be destroyed, and the watchdog must not look at it then.
+    const std::lock_guard<std::mutex> guard(Registry::The().mutex);
     m_mutex->Unlock();
+    Registry::The().Remove(this);
+    g_source_remove(m_sourceId);
 }
 
 int CSmartAutoLock::sm_CbTimeout(void* data) {
     if (data == nullptr) {
         return FALSE;
     }
-    const std::lock_guard<std::mutex> guard(Registry::The().mutex);
-    // A source that was removed after the main loop had picked it may stand for an earlier lock that lived at
-    // the same address.
-    GSource* source = g_main_current_source();
-    if ((source != nullptr && g_source_is_destroyed(source) != FALSE) || !Registry::The().Holds(data)) {
-        return FALSE;
+    TSReport report{};
+    {
+        const std::lock_guard<std::mutex> guard(Registry::The().mutex);
+        // A source that was removed after the main loop had picked it may stand for an earlier lock that
+        // lived at the same address.
+        GSource* source = g_main_current_source();
+        if ((source != nullptr && g_source_is_destroyed(source) != FALSE) || !Registry::The().Holds(data)) {
+            return FALSE;
+        }
+        const auto* lock = static_cast<const CSmartAutoLock*>(data);
+        report = {lock->m_tag, lock->m_threadId, lock->m_mutex->LockerId()};
     }
-    static_cast<const CSmartAutoLock*>(data)->Report();
+    report.Log();
     return TRUE;
 }
 
-void CSmartAutoLock::Report() const {
-    const unsigned long locker = m_mutex->LockerId();
-    const bool own = locker == m_threadId || locker == 0;
-    if (own && m_tag != nullptr) {
-        _PRINT(LOG_TYPE_E, "[CSmartAutoLock][%p] Th[%lx] takes too long", m_tag, m_threadId);
+void CSmartAutoLock::TSReport::Log() const {
+    const bool own = locker == thread || locker == 0;
+    if (own && tag != nullptr) {
+        _PRINT(LOG_TYPE_E, "[CSmartAutoLock][%p] Th[%lx] takes too long", tag, thread);
     } else if (own) {
-        _PRINT(LOG_TYPE_E, "[CSmartAutoLock] Th[%lx] takes too long", m_threadId);
-    } else if (m_tag != nullptr) {
-        _PRINT(LOG_TYPE_E, "[CSmartAutoLock][%p] Th[%lx] is blocked by Th[%lx]", m_tag, m_threadId, locker);
+        _PRINT(LOG_TYPE_E, "[CSmartAutoLock] Th[%lx] takes too long", thread);
+    } else if (tag != nullptr) {
+        _PRINT(LOG_TYPE_E, "[CSmartAutoLock][%p] Th[%lx] is blocked by Th[%lx]", tag, thread, locker);
     } else {
-        _PRINT(LOG_TYPE_E, "[CSmartAutoLock] Th[%lx] is blocked by Th[%lx]", m_threadId, locker);
+        _PRINT(LOG_TYPE_E, "[CSmartAutoLock] Th[%lx] is blocked by Th[%lx]", thread, locker);
     }
 }

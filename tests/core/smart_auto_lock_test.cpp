@@ -1,6 +1,8 @@
+#include <fcntl.h>
 #include <glib.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
@@ -9,6 +11,7 @@
 #include <thread>
 
 #include "CSmartAutoLock.h"
+#include "gate.h"
 #include "log_fixture.h"
 
 namespace {
@@ -29,8 +32,11 @@ private:
 
 class LockWatchdog : public RuntimeLog {
 protected:
-    LockWatchdog() { EXPECT_TRUE(m_mutex.Create()); }
-    ~LockWatchdog() override { m_mutex.Destroy(); }
+    LockWatchdog() { EXPECT_TRUE(m_mutex.Create() && m_other.Create()); }
+    ~LockWatchdog() override {
+        m_mutex.Destroy();
+        m_other.Destroy();
+    }
 
     static GSource* Source(void* lock) { return g_main_context_find_source_by_user_data(nullptr, lock); }
 
@@ -60,6 +66,7 @@ protected:
     }
 
     CCMutex m_mutex;
+    CCMutex m_other;
 };
 
 TEST_F(LockWatchdog, ALockHeldForTwelveSecondsTakesTooLongTwice) {
@@ -146,6 +153,64 @@ TEST_F(LockWatchdog, ALockThatHasEndedIsNotReported) {
     lock.Unlock();
     EXPECT_EQ(CSmartAutoLock::sm_CbTimeout(lock.Address()), FALSE);
     EXPECT_TRUE(fakes::dlog::Lines().empty());
+}
+
+/// Standard output that takes nothing until it is drained.
+class StuckOutput {
+public:
+    StuckOutput() : m_kept(dup(STDOUT_FILENO)) {
+        std::fflush(stdout);
+        EXPECT_EQ(pipe2(m_pipe, O_CLOEXEC | O_NONBLOCK), 0);
+        const char full[4096] = {};
+        while (write(m_pipe[1], full, sizeof(full)) > 0) {
+        }
+        fcntl(m_pipe[1], F_SETFL, 0);
+        dup2(m_pipe[1], STDOUT_FILENO);
+    }
+    ~StuckOutput() {
+        dup2(m_kept, STDOUT_FILENO);
+        for (const int fd : {m_kept, m_pipe[0], m_pipe[1]}) {
+            close(fd);
+        }
+    }
+    StuckOutput(const StuckOutput&) = delete;
+    StuckOutput& operator=(const StuckOutput&) = delete;
+
+    void Drain() {
+        char full[4096];
+        while (read(m_pipe[0], full, sizeof(full)) > 0) {
+        }
+    }
+
+private:
+    int m_kept;
+    int m_pipe[2] = {-1, -1};
+};
+
+TEST_F(LockWatchdog, ALockEndsWhileItsReportIsStuckInTheLog) {
+    Configure("PRINT\nZ:E\n");
+    Place lock;
+    lock.Lock(&m_mutex, nullptr);
+    Counter ended;
+    bool hasEnded = false;
+    {
+        g_seqNum = 0;
+        StuckOutput output;
+        std::thread mainLoop([&] { CSmartAutoLock::sm_CbTimeout(lock.Address()); });
+        while (g_seqNum == 0) {  // taken when the line is made, just before it gets stuck
+            std::this_thread::yield();
+        }
+        std::thread other([&] {
+            { CSmartAutoLock second(&m_other, nullptr); }
+            ended.Add();
+        });
+        hasEnded = ended.Await(1);
+        output.Drain();
+        mainLoop.join();
+        other.join();
+    }
+    lock.Unlock();
+    EXPECT_TRUE(hasEnded);
 }
 
 TEST_F(LockWatchdog, ALockMayEndOnItsThreadWhileTheMainLoopReportsIt) {
