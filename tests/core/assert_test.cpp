@@ -1,7 +1,14 @@
+#include <execinfo.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
+#include <string>
 
 #include "Logging.h"
 #include "death.h"
@@ -10,13 +17,29 @@
 namespace {
 
 namespace fs = std::filesystem;
+using testing::EndsWith;
 using testing::HasSubstr;
+using testing::StartsWith;
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
+
+/// How many frames the last call stack had whose symbols were asked for.
+int g_frames = 0;
 
 class Assertion : public RuntimeLog {
 protected:
     static void MakeConsole() { fakes::WriteDeviceFile("/dev/console", ""); }
+    /// What a failed assertion writes to the console.
+    static std::string Report() {
+        MakeConsole();
+        __ASSERT_ATSC3("a == b", "core/src/X", 7);
+        return fakes::ReadDeviceFile("/dev/console");
+    }
+    /// A report from below so many calls.
+    __attribute__((noinline)) static std::string DeepReport(volatile int calls) {
+        std::string report = calls > 0 ? DeepReport(calls - 1) : Report();
+        return report;
+    }
 };
 
 TEST_F(Assertion, CrashesOnAnImageWithoutTheReleaseMarker) {
@@ -38,17 +61,35 @@ TEST_F(Assertion, CrashesWhereTheReleaseMarkerCannotBeOpenedForUpdate) {
 
 TEST_F(Assertion, ReportsOnTheConsole) {
     SurviveAssertions();
-    MakeConsole();
-    __ASSERT_ATSC3("a == b", "core/src/X", 7);
+    prctl(PR_SET_NAME, "reporter");
 
-    const std::string report = fakes::ReadDeviceFile("/dev/console");
-    char thread[64];
-    std::snprintf(thread, sizeof(thread), "Posix Thread ID: 0x%08lx\n", ThreadId());
-    EXPECT_THAT(report, HasSubstr("This sentence is redirected to a serial output. \n"
-                                  "Assertion failed: core/src/X (7) - a == b\n"
-                                  "Debug information:\n" +
-                                  std::string(thread) + "Linux Thread ID:   "));
-    EXPECT_THAT(report, HasSubstr("Callstack:\n"));
+    char threads[128];
+    std::snprintf(threads, sizeof(threads),
+                  "Posix Thread ID: 0x%08lx\nLinux Thread ID:   %8ld (reporter)\nCallstack:\n", ThreadId(),
+                  static_cast<long>(syscall(SYS_gettid)));
+    EXPECT_THAT(Report(), StartsWith("This sentence is redirected to a serial output. \n"
+                                     "Assertion failed: core/src/X (7) - a == b\n"
+                                     "Debug information:\n" +
+                                     std::string(threads)));
+}
+
+TEST_F(Assertion, ReportsTheCallStackFromTheSecondFrameToTheLast) {
+    SurviveAssertions();
+
+    const std::string report = Report();
+
+    ASSERT_GT(g_frames, 1);
+    std::string frames;
+    for (int index = 1; index < g_frames; ++index) {
+        frames += "frame " + std::to_string(index) + "\n";
+    }
+    EXPECT_THAT(report, EndsWith(")\nCallstack:\n" + frames));
+}
+
+TEST_F(Assertion, ReportsAtMostAHundredFrames) {
+    SurviveAssertions();
+
+    EXPECT_THAT(DeepReport(200), EndsWith("\nframe 99\n"));
 }
 
 TEST_F(Assertion, LeavesNoConsoleBehindWhereThereIsNone) {
@@ -70,12 +111,8 @@ TEST_F(Assertion, ReturnsAtOnceWhenTheConsoleIsALink) {
 
 TEST_F(Assertion, TheEndingKindEndsWithStatusZeroOnAForgivingImage) {
     SurviveAssertions();
-    EXPECT_EXIT(
-        {
-            dup2(STDERR_FILENO, STDOUT_FILENO);
-            __ASSERT("!m", "core/src/Semaphore", 15);
-        },
-        testing::ExitedWithCode(0), "\\[core/src/Semaphore:15\\] ASSERT: !m");
+    EXPECT_EXIT(Reporting([] { __ASSERT("!m", "core/src/Semaphore", 15); }), testing::ExitedWithCode(0),
+                "\\[core/src/Semaphore:15\\] ASSERT: !m");
 }
 
 TEST_F(Assertion, TheEndingKindCrashesElsewhere) {
@@ -149,3 +186,18 @@ TEST_F(CanonicalPath, TheCheckRefusesAPathThroughAFolderThatIsMissing) {
 }
 
 }  // namespace
+
+/// In place of the system's, whose texts depend on the machine: every frame shows its place in the stack.
+extern "C" char** backtrace_symbols(void* const* /*frames*/, int count) noexcept {
+    constexpr std::size_t kLength = 20;
+    const auto number = static_cast<std::size_t>(count);
+    g_frames = count;
+    // One block of memory, as the caller frees it: the pointers and behind them the texts.
+    auto** const symbols = static_cast<char**>(std::malloc(number * (sizeof(char*) + kLength)));
+    char* text = reinterpret_cast<char*>(symbols + number);
+    for (int index = 0; index < count; ++index, text += kLength) {
+        std::snprintf(text, kLength, "frame %d", index);
+        symbols[index] = text;
+    }
+    return symbols;
+}

@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <map>
@@ -10,6 +9,7 @@
 #include "CCIntegerHash.h"
 #include "CCStringHash.h"
 #include "container_fixture.h"
+#include "death.h"
 
 namespace {
 
@@ -274,15 +274,7 @@ TEST_F(Int64Hash, HashesAllEightBytes) {
     hash.Destroy();
 }
 
-class StringHash : public ContainerFixture {
-protected:
-    /// Runs in a child of its own, where the report can be matched.
-    template <class Action>
-    static void ReportingTo(int stream, Action action) {
-        dup2(stream, STDOUT_FILENO);
-        action();
-    }
-};
+class StringHash : public ContainerFixture {};
 
 TEST_F(StringHash, KeepsACopyOfEachKey) {
     CCStringHash hash;
@@ -341,7 +333,7 @@ TEST_F(StringHashDeathTest, DestroyedWithNodesLeftItEndsTheProcess) {
         hash.Add("left", nullptr);
         hash.Destroy();
     };
-    EXPECT_EXIT(ReportingTo(STDERR_FILENO, destroyFull), testing::ExitedWithCode(0),
+    EXPECT_EXIT(Reporting(destroyFull), testing::ExitedWithCode(0),
                 "\\[core/src/StringHash:72\\] ASSERT: m->size == 0");
 }
 
@@ -350,8 +342,7 @@ TEST_F(StringHashDeathTest, DestroyedBeforeCreateItEndsTheProcess) {
         CCStringHash hash;
         hash.Destroy();
     };
-    EXPECT_EXIT(ReportingTo(STDERR_FILENO, destroyNew), testing::ExitedWithCode(0),
-                "\\[core/src/StringHash:71\\] ASSERT: m");
+    EXPECT_EXIT(Reporting(destroyNew), testing::ExitedWithCode(0), "\\[core/src/StringHash:71\\] ASSERT: m");
 }
 
 }  // namespace

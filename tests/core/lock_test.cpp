@@ -3,6 +3,7 @@
 #include <chrono>
 #include <future>
 #include <memory>
+#include <string>
 #include <thread>
 
 #include "CCAutoLock.h"
@@ -87,25 +88,24 @@ TEST_F(Semaphore, CanBeCreatedAgainAfterDestroy) {
 }
 
 TEST_F(Semaphore, UsedOutsideOfCreateAndDestroyItEndsTheProcess) {
-    const auto ends = [](auto operation) {
+    const auto ends = [](auto operation, const std::string& report) {
         SurviveAssertions();  // each ending process takes the test's machine with it
-        EXPECT_EXIT(operation(), testing::ExitedWithCode(0), "");
+        EXPECT_EXIT(Reporting(operation), testing::ExitedWithCode(0), report);
     };
-    ends([this] { m_semaphore.Destroy(); });
-    ends([this] { m_semaphore.Take(); });
-    ends([this] { m_semaphore.Give(); });
-    ends([this] { m_semaphore.Try(0); });
+    ends([this] { m_semaphore.Destroy(); }, "\\[core/src/Semaphore:35\\] ASSERT: m$");
+    ends([this] { m_semaphore.Take(); }, "\\[core/src/Semaphore:45\\] ASSERT: m$");
+    ends([this] { m_semaphore.Give(); }, "\\[core/src/Semaphore:54\\] ASSERT: m$");
+    ends([this] { m_semaphore.Try(0); }, "\\[core/src/Semaphore:63\\] ASSERT: m$");
     ASSERT_TRUE(m_semaphore.Create(0));
-    ends([this] { m_semaphore.Create(0); });
+    ends([this] { m_semaphore.Create(0); }, "\\[core/src/Semaphore:15\\] ASSERT: !m$");
 }
 
 TEST_F(Semaphore, ThatIsDestructedBeforeDestroyCrashesTheProcess) {
-    EXPECT_EXIT(
-        {
-            CCSemaphore forgotten;
-            forgotten.Create(0);
-        },
-        Crashed, "");
+    const auto forget = [] {
+        CCSemaphore forgotten;
+        forgotten.Create(0);
+    };
+    EXPECT_EXIT(Reporting(forget), Crashed, "\\[core/inc/Semaphore:30\\] ASSERT: !m");
 }
 
 class Mutex : public RuntimeLog {
@@ -212,12 +212,12 @@ TEST_F(Mutex, UsedOutsideOfCreateAndDestroyItAsserts) {
 }
 
 TEST_F(Mutex, ThatIsDestructedBeforeDestroyCrashesTheProcess) {
-    EXPECT_EXIT(
-        {
-            CCMutex forgotten;
-            forgotten.Create();
-        },
-        Crashed, "");
+    Configure("PRINT\nZ:E\n");
+    const auto forget = [] {
+        CCMutex forgotten;
+        forgotten.Create();
+    };
+    EXPECT_EXIT(Reporting(forget), Crashed, "ASSERT: !m \\[core/inc/Mutex:30\\]");
 }
 
 }  // namespace

@@ -389,6 +389,11 @@ TEST_F(Task, AHandlerAssertsItsBinding) {
             << line;
     }
     EXPECT_EQ(Asserted("FlagCreate() == false [core/src/Handler:26]"), 1);
+    {
+        TestTask forgotten;
+        ASSERT_TRUE(forgotten.CCHandler::Create(&m_task));
+    }
+    EXPECT_EQ(Asserted("FlagCreate() == false [core/inc/Handler:37]"), 1);
 }
 
 TEST_F(Task, ManyThreadsMaySendAtOnce) {

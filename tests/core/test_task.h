@@ -47,6 +47,7 @@ public:
 
     using CCTask::t_ExecuteEvent;
     using CCTask::t_InsertTimerEvent;
+    using CCTask::t_KillTimer;
     using CCTask::t_SetTimer;
 
 protected:

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <time.h>
 
 #include "CCTime.h"
 #include "fake_clock.h"
@@ -37,6 +38,34 @@ TEST_F(Time, SleepTakesMillisecondsInA32BitProduct) {
 
     CCTime::Sleep(4294968);  // 4294968000 us is 704 us more than 32 bits hold
     EXPECT_EQ(fakes::clock::SleptUs(), 1500007U + 704U);
+}
+
+TEST_F(Time, TheThreadsTicksAreMillisecondsOfItsOwnProcessorTime) {
+    const auto used = [] {
+        timespec time{};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+        return static_cast<std::uint64_t>(time.tv_sec) * 1000U +
+               static_cast<std::uint64_t>(time.tv_nsec) / 1000000U;
+    };
+    const std::uint64_t first = used();
+    const std::uint64_t tick = CCTime::ThreadTick();
+    EXPECT_GE(tick, first);
+    EXPECT_LE(tick, used());
+
+    while (CCTime::ThreadTick() < tick + 2) {  // works, so that it moves
+    }
+    EXPECT_GE(used(), tick + 2);
+    const std::uint64_t later = ustick();
+    EXPECT_GE(later, tick + 2);
+    EXPECT_LE(later, used());
+}
+
+TEST_F(Time, TheThreadsTicksDoNotFollowTheWallClock) {
+    const std::uint64_t before = CCTime::ThreadTick();
+
+    fakes::clock::Advance(std::chrono::hours(1));
+
+    EXPECT_LT(CCTime::ThreadTick(), before + 3600000U);
 }
 
 }  // namespace

@@ -166,6 +166,19 @@ TEST_F(Timer, WithoutAHandlerAsserts) {
     SurviveAssertions();
     EXPECT_FALSE(m_task.t_SetTimer(nullptr, 1, 1));
     EXPECT_EQ(Asserted("handler [core/src/Task:590]"), 1);
+    EXPECT_FALSE(m_task.t_KillTimer(nullptr, 1));
+    EXPECT_EQ(Asserted("handler [core/src/Task:632]"), 1);
+}
+
+TEST_F(Timer, OfATaskThatIsNotThereAsserts) {
+    SurviveAssertions();
+    TestTask other;
+    ASSERT_TRUE(other.CCHandler::Create(&other));
+    EXPECT_FALSE(other.SetTimer(1, 1));
+    EXPECT_EQ(Asserted("m [core/src/Task:589]"), 1);
+    EXPECT_FALSE(other.KillTimer(1));
+    EXPECT_EQ(Asserted("m [core/src/Task:631]"), 1);
+    other.CCHandler::Destroy();
 }
 
 TEST_F(Timer, OfAHandlerThatIsUnboundFiresNoMore) {
