@@ -18,8 +18,6 @@
 namespace {
 
 constexpr const char* kJournalSocket = "/run/systemd/journal/socket";
-// With the ending zero.
-constexpr std::size_t kMaxMessage = 4096;
 
 using SinkPtr = std::shared_ptr<spdlog::sinks::sink>;
 
@@ -61,7 +59,7 @@ spdlog::level::level_enum Level(int priority) {
 }
 
 void Emit(int buffer, int priority, const char* tag, const char* format, va_list arguments) {
-    std::array<char, kMaxMessage> message;
+    std::array<char, dlog::kMaxMessage> message;
     // The analyzer loses track of a list that was begun by the caller's caller.
     // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
     const int written = std::vsnprintf(message.data(), message.size(), format, arguments);

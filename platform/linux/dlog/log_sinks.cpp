@@ -18,6 +18,9 @@ namespace {
 // What the flash of a television can spare: three files of this size for each buffer.
 constexpr std::int64_t kMaxFileBytes = std::int64_t{2} * 1024 * 1024;
 
+// A line of the longest message with what stands before it. One with many escapes makes the buffer grow once.
+constexpr std::size_t kLineBytes = kMaxMessage + 256;
+
 constexpr const char* kLetters = "VDIWEF";
 constexpr std::array<int, 6> kSyslogPriorities = {LOG_DEBUG,   LOG_DEBUG, LOG_INFO,
                                                   LOG_WARNING, LOG_ERR,   LOG_CRIT};
@@ -77,30 +80,35 @@ std::unique_ptr<spdlog::formatter> LineFormatter::clone() const {
 }
 
 FileSink::FileSink(const std::string& path)
-    : base_sink(std::make_unique<LineFormatter>()), m_file(path, kMaxFileBytes) {}
-
-void FileSink::sink_it_(const spdlog::details::log_msg& message) {
-    spdlog::memory_buf_t line;
-    formatter_->format(message, line);
-    m_file.Write({line.data(), line.size()});
+    : base_sink(std::make_unique<LineFormatter>()), m_file(path, kMaxFileBytes) {
+    m_line.reserve(kLineBytes);
 }
 
-JournalSink::JournalSink(const char* bufferName) : m_bufferName(bufferName) {}
+void FileSink::sink_it_(const spdlog::details::log_msg& message) {
+    m_line.clear();
+    formatter_->format(message, m_line);
+    m_file.Write({m_line.data(), m_line.size()});
+}
+
+JournalSink::JournalSink(const char* bufferName) : m_bufferName(bufferName) {
+    m_message.reserve(kLineBytes);
+}
 
 void JournalSink::sink_it_(const spdlog::details::log_msg& message) {
     const auto field = [](spdlog::memory_buf_t& buffer, std::string_view name, auto value) {
         fmt::format_to(std::back_inserter(buffer), "{}={}", name, value);
         return iovec{buffer.data(), buffer.size()};
     };
-    std::array<spdlog::memory_buf_t, 6> buffers;
+    m_message.clear();
+    std::array<spdlog::memory_buf_t, 5> buffers;
     const std::array<iovec, 6> fields = {
-        field(buffers[0], "MESSAGE", std::string_view(message.payload.data(), message.payload.size())),
-        field(buffers[1], "PRIORITY", kSyslogPriorities[LevelIndex(message.level)]),
-        field(buffers[2], "SYSLOG_IDENTIFIER",
+        field(m_message, "MESSAGE", std::string_view(message.payload.data(), message.payload.size())),
+        field(buffers[0], "PRIORITY", kSyslogPriorities[LevelIndex(message.level)]),
+        field(buffers[1], "SYSLOG_IDENTIFIER",
               std::string_view(message.logger_name.data(), message.logger_name.size())),
-        field(buffers[3], "DLOG_BUFFER", m_bufferName),
-        field(buffers[4], "DLOG_PRIORITY", PriorityLetter(message.level)),
-        field(buffers[5], "TID", message.thread_id)};
+        field(buffers[2], "DLOG_BUFFER", m_bufferName),
+        field(buffers[3], "DLOG_PRIORITY", PriorityLetter(message.level)),
+        field(buffers[4], "TID", message.thread_id)};
     sd_journal_sendv(fields.data(), static_cast<int>(fields.size()));
 }
 

@@ -2,6 +2,7 @@
 #include <spdlog/formatter.h>
 #include <spdlog/sinks/base_sink.h>
 
+#include <cstddef>
 #include <ctime>
 #include <memory>
 #include <mutex>
@@ -11,6 +12,9 @@
 #include "dlog/log_file.h"
 
 namespace dlog {
+
+/// Bytes of the longest message, the ending zero included.
+constexpr std::size_t kMaxMessage = 4096;
 
 /// Letter of a priority, kept in spdlog's levels trace to critical: V D I W E F.
 char PriorityLetter(spdlog::level::level_enum level);
@@ -41,6 +45,7 @@ protected:
 
 private:
     LogFile m_file;
+    spdlog::memory_buf_t m_line;  // kept, as are those below, so that no line needs memory
 };
 
 /// Sends messages to the journal: the tag as SYSLOG_IDENTIFIER, the buffer's name as DLOG_BUFFER, the
@@ -55,6 +60,7 @@ protected:
 
 private:
     const char* const m_bufferName;
+    spdlog::memory_buf_t m_message;
 };
 
 }  // namespace dlog
