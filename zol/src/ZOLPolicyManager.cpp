@@ -100,13 +100,14 @@ bool ReadPolicy(const std::string& path, std::string& text) {
     return true;
 }
 
+/// @param caller the function that the log names for each item removed
 template <typename Item, typename Check>
-void RemoveInvalid(unsigned& count, std::vector<Item>& items, Check isValid) {
+void RemoveInvalid(const char* caller, unsigned& count, std::vector<Item>& items, Check isValid) {
     const auto isRefused = [&](const Item& item) {
         if (isValid(item)) {
             return false;
         }
-        ZOL_LOG(LOG_ERROR, "removed");
+        WriteLog(LOG_ERROR, kLogModule, __FILE__, caller, __LINE__, "removed");
         return true;
     };
     items.erase(std::remove_if(items.begin(), items.end(), isRefused), items.end());
@@ -305,11 +306,12 @@ bool TCPolicyManager::m_CreateTasks(const std::vector<ZOLVconfMonitor>& vconfIte
 }
 
 void TCPolicyManager::m_RemoveInvalidVconfPolicy(unsigned& count, std::vector<ZOLVconfMonitor>& items) {
-    RemoveInvalid(count, items, [this](const ZOLVconfMonitor& item) { return m_CheckThisVconfPolicy(item); });
+    RemoveInvalid(__func__, count, items,
+                  [this](const ZOLVconfMonitor& item) { return m_CheckThisVconfPolicy(item); });
 }
 
 void TCPolicyManager::m_RemoveInvalidMonitorPolicy(unsigned& count, std::vector<ZOLPolicyMonitor>& items) {
-    RemoveInvalid(count, items,
+    RemoveInvalid(__func__, count, items,
                   [this](const ZOLPolicyMonitor& item) { return m_CheckThisMonitorPolicy(item); });
 }
 
