@@ -17,7 +17,7 @@ public:
     /// Bytes of stack a thread gets at least, whatever was asked for. The requests of this system (8192) lie
     /// below what the C library accepts, and the deepest roads of a task need much more: a report written
     /// through jsoncpp, a key set through SQLite, a D-Bus call, and in each of them log lines that take up to
-    /// 6 KiB of stack. It is address space only: pages that are never touched cost no memory.
+    /// 10 KiB of stack. It is address space only: pages that are never touched cost no memory.
     static constexpr unsigned long kStackFloor = 256UL * 1024;
 
     CCThread();

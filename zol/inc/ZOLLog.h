@@ -15,7 +15,8 @@ enum ELogPriority {
     LOG_ERROR = DLOG_PRIORITY_ERROR
 };
 
-/// Writes one line; use ZOL_LOG. Any thread. Allocates nothing; a message is cut at 2047 bytes.
+/// Writes one line; use ZOL_LOG. Any thread. Allocates nothing; the platform log cuts the whole line at 4095
+/// bytes, the debug channel as TCDebug says.
 /// @param file source path; folder and ending are left out of the line
 void WriteLog(ELogPriority priority, const char* module, const char* file, const char* function, int line,
               const char* format, ...) __attribute__((format(printf, 6, 7)));

@@ -10,7 +10,8 @@
 namespace zol {
 namespace {
 
-constexpr std::size_t kMaxMessage = 2048;
+// What the platform log takes of a line, the ending zero included.
+constexpr std::size_t kMaxMessage = 4096;
 constexpr const char* kTag = "ZOL";
 
 struct BaseName {
