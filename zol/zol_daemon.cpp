@@ -1,10 +1,5 @@
 #include "zol_daemon.h"
 
-#include <glib-unix.h>
-
-#include <array>
-#include <csignal>
-
 #include "TCDbusServer.h"
 #include "TCDebug.h"
 #include "ZOLCVLogger.h"
@@ -14,41 +9,10 @@
 #include "ZOLPowerUtils.h"
 #include "ZOLShiftedClock.h"
 #include "ZOLTestRecording.h"
+#include "zol_quit_signals.h"
 
 namespace zol_daemon {
 namespace {
-
-/// Catches the signals that end the daemon, on the default main context, for as long as it lives.
-class QuitSignals {
-public:
-    /// @param loop null when there is none: signals are then caught and have no effect
-    QuitSignals(GMainLoop* loop, zol::IDbusServer& server)
-        : m_loop(loop),
-          m_server(server),
-          m_sources{g_unix_signal_add(SIGTERM, OnSignal, this), g_unix_signal_add(SIGINT, OnSignal, this)} {}
-    ~QuitSignals() {
-        for (const guint source : m_sources) {
-            g_source_remove(source);
-        }
-    }
-    QuitSignals(const QuitSignals&) = delete;
-    QuitSignals& operator=(const QuitSignals&) = delete;
-
-private:
-    /// Ends a wait for clients too, or one that never answers would hold up the teardown.
-    static gboolean OnSignal(gpointer data) {
-        auto* self = static_cast<QuitSignals*>(data);
-        self->m_server.CancelNotifications();
-        if (self->m_loop != nullptr) {
-            g_main_loop_quit(self->m_loop);
-        }
-        return G_SOURCE_CONTINUE;
-    }
-
-    GMainLoop* m_loop;
-    zol::IDbusServer& m_server;
-    std::array<guint, 2> m_sources;
-};
 
 /// The classes of the product.
 struct RealParts {

@@ -1,4 +1,7 @@
 """The order in which the daemon builds its objects, as its log tells it."""
+import os
+import signal
+
 from conftest import int_rule, policy
 
 KEY = "db/menu/picture/backlight"
@@ -55,3 +58,16 @@ def test_a_product_image_starts_without_the_recorder(machine):
     assert daemon.stop() == 0
     assert DEBUG_IMAGE not in machine.log()
     assert "no input device" not in machine.log("main")
+
+
+def test_signals_behind_the_first_one_leave_the_teardown_and_its_status_alone(machine):
+    daemon = machine.start_daemon()
+    assert machine.push(policy(int_rule(KEY, "IS", 3))).returncode == 0
+
+    while daemon.process.poll() is None:
+        os.kill(daemon.pid(), signal.SIGTERM)
+        os.kill(daemon.pid(), signal.SIGINT)
+
+    assert daemon.process.returncode == 0, daemon.output()
+    machine.wait_log("Destroyed")
+    assert daemon.stop() == 0

@@ -49,7 +49,10 @@ struct FakeServer : Part {
     explicit FakeServer(bool testMode) : Part("server") { EXPECT_FALSE(testMode); }
 };
 struct FakeSignals : Part {
-    FakeSignals(GMainLoop* /*loop*/, FakeServer&) : Part("signals") {}
+    explicit FakeSignals(GMainLoop* /*loop*/) : Part("signals") {}
+    static void SetServer(const FakeServer* server) {
+        g_trace.steps.emplace_back(server != nullptr ? "signal server" : "spare server");
+    }
 };
 /// Clock, logger and control adapter need no clean-up: only their coming is traced.
 struct FakeClock {
@@ -126,10 +129,10 @@ protected:
 TEST_F(Daemon, StartUpAndTeardownHappenInOneFixedOrder) {
     EXPECT_EQ(Run(), 0);
 
-    EXPECT_THAT(g_trace.steps,
-                ElementsAre("arenas 1", "mmap threshold 32768", "new loop", "file log on", "+server",
-                            "+signals", "+clock", "load shift", "+logger", "+manager", "storage", "+power",
-                            "+control", "run", "-signals", "-power", "-manager", "-server"));
+    EXPECT_THAT(g_trace.steps, ElementsAre("arenas 1", "mmap threshold 32768", "new loop", "+signals",
+                                           "file log on", "+server", "signal server", "+clock", "load shift",
+                                           "+logger", "+manager", "storage", "+power", "+control", "run",
+                                           "-power", "-manager", "spare server", "-server"));
     EXPECT_THAT(Messages(), ElementsAre("Malloc options set correctly!", "Create g_main_loop",
                                         "test mode is on", "Dbus server created. Testmode: 0"));
 }
@@ -176,11 +179,11 @@ TEST_F(Daemon, AnEmptyFileMakesADebugImage) {
 
     Run();
 
-    EXPECT_THAT(
-        g_trace.steps,
-        ElementsAre("arenas 1", "mmap threshold 32768", "new loop", "file log on", "+server", "+signals",
-                    "+clock", "load shift", "+logger", "+manager", "storage", "+power", "+control",
-                    "+recording", "key combinations", "run", "-signals", "-power", "-manager", "-server"));
+    EXPECT_THAT(g_trace.steps,
+                ElementsAre("arenas 1", "mmap threshold 32768", "new loop", "+signals", "file log on",
+                            "+server", "signal server", "+clock", "load shift", "+logger", "+manager",
+                            "storage", "+power", "+control", "+recording", "key combinations", "run",
+                            "-power", "-manager", "spare server", "-server"));
     EXPECT_EQ(fakes::dlog::Find("Debug Image!").priority, DLOG_PRIORITY_DEBUG);
 }
 
@@ -197,10 +200,10 @@ TEST_F(Daemon, WithoutAMainLoopEverythingIsBuiltReportedAndTakenDown) {
 
     EXPECT_EQ(Run(), 0);
 
-    EXPECT_THAT(g_trace.steps,
-                ElementsAre("arenas 1", "mmap threshold 32768", "new loop", "file log on", "+server",
-                            "+signals", "+clock", "load shift", "+logger", "+manager", "storage", "+power",
-                            "+control", "-signals", "-power", "-manager", "-server"));
+    EXPECT_THAT(g_trace.steps, ElementsAre("arenas 1", "mmap threshold 32768", "new loop", "+signals",
+                                           "file log on", "+server", "signal server", "+clock", "load shift",
+                                           "+logger", "+manager", "storage", "+power", "+control", "-power",
+                                           "-manager", "spare server", "-server"));
     EXPECT_THAT(Messages(),
                 ElementsAre("Malloc options set correctly!", "Create g_main_loop", "test mode is on",
                             "Dbus server created. Testmode: 0", "failed to create g_main_loop"));
@@ -212,9 +215,9 @@ TEST_F(Daemon, AnExceptionOutOfThePolicyManagerDestroysOnlyTheServer) {
 
     EXPECT_EQ(Run(), 0);
 
-    EXPECT_THAT(g_trace.steps,
-                ElementsAre("arenas 1", "mmap threshold 32768", "new loop", "file log on", "+server",
-                            "+signals", "+clock", "load shift", "+logger", "-signals", "-server"));
+    EXPECT_THAT(g_trace.steps, ElementsAre("arenas 1", "mmap threshold 32768", "new loop", "+signals",
+                                           "file log on", "+server", "signal server", "+clock", "load shift",
+                                           "+logger", "spare server", "-server"));
     EXPECT_EQ(Messages().back(), "ZOL error");
     EXPECT_EQ(fakes::dlog::Find("ZOL error").priority, DLOG_PRIORITY_ERROR);
 }
@@ -224,9 +227,10 @@ TEST_F(Daemon, AnExceptionOutOfThePowerHooksDestroysManagerThenServer) {
 
     EXPECT_EQ(Run(), 0);
 
-    EXPECT_THAT(g_trace.steps, ElementsAre("arenas 1", "mmap threshold 32768", "new loop", "file log on",
-                                           "+server", "+signals", "+clock", "load shift", "+logger",
-                                           "+manager", "storage", "-manager", "-signals", "-server"));
+    EXPECT_THAT(g_trace.steps,
+                ElementsAre("arenas 1", "mmap threshold 32768", "new loop", "+signals", "file log on",
+                            "+server", "signal server", "+clock", "load shift", "+logger", "+manager",
+                            "storage", "-manager", "spare server", "-server"));
 }
 
 TEST_F(Daemon, AnInterruptedThreadIsReportedAsSuch) {
@@ -235,7 +239,8 @@ TEST_F(Daemon, AnInterruptedThreadIsReportedAsSuch) {
 
     EXPECT_EQ(Run(), 0);
 
-    EXPECT_THAT(g_trace.steps, ElementsAre("arenas 1", "mmap threshold 32768", "new loop", "file log on"));
+    EXPECT_THAT(g_trace.steps,
+                ElementsAre("arenas 1", "mmap threshold 32768", "new loop", "+signals", "file log on"));
     EXPECT_EQ(Messages().back(), "boost::thread_interrupted");
 }
 

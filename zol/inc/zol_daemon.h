@@ -50,10 +50,37 @@ void StartTestRecording() {
     recording->setKeyCombinationHandler();
 }
 
+/// Catches the signals that end the daemon, to the end of the process: none of them may end it with a status
+/// of its own, not even while or after the teardown runs.
+template <class Parts>
+typename Parts::QuitSignals& CatchSignals(GMainLoop* loop) {
+    [[gnu::used]] static typename Parts::QuitSignals* signals = nullptr;
+    signals = new typename Parts::QuitSignals(loop);
+    return *signals;
+}
+
+/// Lets a signal end the server's waits for clients as long as this lives.
+template <class Parts>
+class SignalledServer {
+public:
+    SignalledServer(typename Parts::QuitSignals& signals, typename Parts::Server& server)
+        : m_signals(signals) {
+        m_signals.SetServer(&server);
+    }
+    ~SignalledServer() { m_signals.SetServer(nullptr); }
+    SignalledServer(const SignalledServer&) = delete;
+    SignalledServer& operator=(const SignalledServer&) = delete;
+
+private:
+    typename Parts::QuitSignals& m_signals;
+};
+
 /// Builds everything, runs `loop` (null: reports that and goes on to the teardown), takes everything down.
 /// What is thrown leaves with the objects built so far destroyed in reverse order.
 template <class Parts>
 void Serve(GMainLoop* loop) {
+    // From here on a signal that ends the daemon waits for the main loop, and so for an orderly teardown.
+    typename Parts::QuitSignals& signals = CatchSignals<Parts>(loop);
     Parts::EnableFileLog(true);
 
     constexpr bool kTestMode = false;
@@ -61,9 +88,8 @@ void Serve(GMainLoop* loop) {
     server.emplace(kTestMode);
     DAEMON_LOG(LOG_DEBUG, "Dbus server created. Testmode: %d", kTestMode ? 1 : 0);
 
-    // From here on a signal that ends the daemon waits for the main loop, and so for an orderly teardown.
-    std::optional<typename Parts::QuitSignals> signals;
-    signals.emplace(loop, *server);
+    std::optional<SignalledServer<Parts>> signalled;
+    signalled.emplace(signals, *server);
 
     typename Parts::Clock clock;
     clock.LoadTimeShift();
@@ -85,10 +111,9 @@ void Serve(GMainLoop* loop) {
         DAEMON_LOG(LOG_ERROR, "failed to create g_main_loop");
     }
 
-    // A second signal may cut the teardown short.
-    signals.reset();
     power.reset();
     manager.reset();
+    signalled.reset();
     server.reset();
 }
 

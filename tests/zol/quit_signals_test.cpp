@@ -1,0 +1,81 @@
+#include "zol_quit_signals.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <stdexcept>
+
+#include "fake_dlog.h"
+#include "fakes.h"
+
+namespace {
+
+class MockServer : public zol::IDbusServer {
+public:
+    MOCK_METHOD(int, SendNotification, (int code, int timeoutMs), (override));
+    MOCK_METHOD(void, CancelNotifications, (), (override));
+};
+
+struct FreeLoop {
+    void operator()(GMainLoop* loop) const { g_main_loop_unref(loop); }
+};
+
+class QuitSignals : public testing::TestWithParam<int> {
+protected:
+    QuitSignals() { fakes::Reset(); }
+
+    /// A signal that is caught, and its callback.
+    static void Signal() {
+        ASSERT_EQ(raise(GetParam()), 0);
+        g_main_context_iteration(nullptr, TRUE);
+    }
+    /// A signal while the main loop runs; returns when that has been quit.
+    void RunAndSignal() {
+        ASSERT_EQ(raise(GetParam()), 0);
+        g_main_loop_run(m_loop.get());
+    }
+
+    std::unique_ptr<GMainLoop, FreeLoop> m_loop{g_main_loop_new(nullptr, FALSE)};
+    zol_daemon::QuitSignals m_signals{m_loop.get()};
+    testing::StrictMock<MockServer> m_server;
+};
+
+TEST_P(QuitSignals, EndTheMainLoopAndTheServersWaits) {
+    m_signals.SetServer(&m_server);
+    EXPECT_CALL(m_server, CancelNotifications());
+
+    RunAndSignal();
+}
+
+TEST_P(QuitSignals, EndTheMainLoopEvenWhenTheServerFails) {
+    m_signals.SetServer(&m_server);
+    EXPECT_CALL(m_server, CancelNotifications()).WillOnce(testing::Throw(std::runtime_error("no memory")));
+
+    RunAndSignal();
+
+    EXPECT_EQ(fakes::dlog::Find("callback failed: no memory").priority, DLOG_PRIORITY_ERROR);
+}
+
+TEST_P(QuitSignals, LeaveAServerAloneThatIsAboutToGo) {
+    m_signals.SetServer(&m_server);
+    m_signals.SetServer(nullptr);
+
+    RunAndSignal();
+}
+
+TEST_P(QuitSignals, AreCaughtAgainAndAgain) {
+    RunAndSignal();
+    Signal();
+    Signal();
+}
+
+TEST_P(QuitSignals, HaveNoEffectWithoutAMainLoop) {
+    const zol_daemon::QuitSignals others(nullptr);
+    Signal();
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, QuitSignals, testing::Values(SIGTERM, SIGINT),
+                         [](const auto& number) { return number.param == SIGTERM ? "Term" : "Int"; });
+
+}  // namespace
