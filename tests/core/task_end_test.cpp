@@ -99,6 +99,7 @@ TEST_F(TaskEnd, ASynchronousSenderIsReleasedByATaskThatDestroysItself) {
     ASSERT_TRUE(stopped.Await(1));
     AwaitEnd(thread);
     EXPECT_FALSE(task.CCTask::FlagCreate());
+    EXPECT_FALSE(task.Post(EVENT_COUNT, true));
     EXPECT_EQ(task.count.Value(), 0);
     task.CCHandler::Destroy();
 }
