@@ -1,5 +1,7 @@
 #include "ZOLPolicyParser.h"
 
+#include <dlfcn.h>
+#include <expat.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -10,6 +12,20 @@
 #include "dlog.h"
 #include "fake_dlog.h"
 #include "fakes.h"
+
+namespace {
+
+/// Memory is too short for a parser, on this thread.
+thread_local bool t_failCreate = false;
+
+}  // namespace
+
+/// Stands before the library's, for the whole test program.
+extern "C" XML_Parser XML_ParserCreate(const XML_Char* encoding) {
+    using Create = XML_Parser (*)(const XML_Char*);
+    static const auto create = reinterpret_cast<Create>(dlsym(RTLD_NEXT, "XML_ParserCreate"));
+    return t_failCreate ? nullptr : create(encoding);
+}
 
 namespace {
 
@@ -370,6 +386,49 @@ TEST_F(PolicyParser, ItemsThatOutgrowTheirTextAreRefused) {
     ExpectRefused(xml, "Error while parsing policy: parsing aborted");
 }
 
+std::string ElementWithAttributes(int count) {
+    std::string xml = "<zols key=\"k\"";
+    for (int attribute = 1; attribute < count; ++attribute) {
+        xml += " a" + std::to_string(attribute) + "=\"\"";
+    }
+    return xml + "/>";
+}
+
+TEST_F(PolicyParser, AnElementHasRoomForAThousandAttributes) {
+    EXPECT_EQ(Parse(ElementWithAttributes(1000)).vconfMonitors.at(0).key, "k");
+
+    ExpectRefused(ElementWithAttributes(1001), "Error while parsing policy: parsing aborted");
+}
+
+TEST_F(PolicyParser, EmptyAttributesThatOutgrowTheirTextAreRefused) {
+    constexpr int kElements = 21000;
+    std::string xml = "<!DOCTYPE a [<!ATTLIST b";
+    for (int attribute = 0; attribute < zol::kMaxDeclarations; ++attribute) {
+        xml += " a" + std::to_string(attribute) + " CDATA \"\"";
+    }
+    xml += ">]><a>";
+    for (int element = 0; element < kElements; ++element) {
+        xml += "<b/>";
+    }
+    ExpectRefused(xml, "Error while parsing policy: parsing aborted");
+}
+
+TEST_F(PolicyParser, NestingThatOutgrowsItsTextIsRefused) {
+    std::string xml;
+    for (int level = 0; level < 300000; ++level) {
+        xml += "<a>";
+    }
+    ExpectRefused(xml, "Error while parsing policy: parsing aborted");
+}
+
+TEST_F(PolicyParser, ElementsThatAreClosedAgainCostNothing) {
+    std::string xml = "<a>";
+    for (int element = 0; element < 300000; ++element) {
+        xml += "<b/>";
+    }
+    EXPECT_EQ(Parse(xml + "<zols key=\"last\"/></a>").vconfMonitors.at(0).key, "last");
+}
+
 TEST_F(PolicyParser, AMillionLinesInAnElementWithANameOfAMebibyteEndBeforeTheTimeLimit) {
     const std::string name(1U << 20U, 'n');
     const std::string lines(1U << 20U, '\n');
@@ -384,6 +443,18 @@ TEST_F(PolicyParser, AnExternalEntityIsNeverOpened) {
 
     ASSERT_EQ(policy.vconfMonitors.size(), 1U);
     EXPECT_EQ(policy.vconfMonitors[0].key, "own");
+}
+
+TEST_F(PolicyParser, AParserThatCannotBeMadeIsLoggedAndTheItemsAreGone) {
+    ZOLPolicy policy = Parse("<a><zols/><monitor/></a>");
+    t_failCreate = true;
+    EXPECT_FALSE(m_parser.Parse(kExample, policy));
+    t_failCreate = false;
+
+    EXPECT_EQ(fakes::dlog::Find("Couldnt create parser").priority, DLOG_PRIORITY_ERROR);
+    EXPECT_FALSE(fakes::dlog::Has("Parsing failed."));
+    EXPECT_TRUE(policy.vconfMonitors.empty());
+    EXPECT_EQ(policy.policyMonitors.size(), 1U);
 }
 
 TEST_F(PolicyParser, OneParserServesSeveralThreads) {

@@ -19,6 +19,9 @@ constexpr std::size_t kMaxPolicyBytes = std::size_t{16} * 1024 * 1024;
 /// expansion of entities inside entities can go.
 constexpr int kMaxDeclarations = 100;
 
+/// The most attributes that one element may have, those that the DTD gives it included.
+constexpr int kMaxAttributes = 1000;
+
 /// Reads the four tags that mean something (zolitem, zols, zol_expired_time, monitor) wherever they stand;
 /// every other element and all text is passed over. Tag and attribute names may be spelled in any case.
 /// Values are taken as they are: whether an item makes sense is for ZOLPolicyValidation.
@@ -34,8 +37,9 @@ public:
     /// emptied first. A text that merely ends too early is no error; what stood before the cut is kept.
     ///
     /// False, with the reason logged, when the text is malformed, longer than kMaxPolicyBytes, declares
-    /// more than kMaxDeclarations, or holds more than twice kMaxPolicyBytes of attributes and items, and when
-    /// memory runs out. `policy` then holds what was read so far. Throws nothing from inside expat.
+    /// more than kMaxDeclarations, gives an element more than kMaxAttributes, or holds more than twice
+    /// kMaxPolicyBytes of attributes, items and open elements, and when memory runs out. `policy` then holds
+    /// what was read so far. Throws nothing from inside expat.
     bool Parse(const std::string& xml, ZOLPolicy& policy) const;
 
 private:

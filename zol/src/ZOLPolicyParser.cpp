@@ -2,6 +2,7 @@
 
 #include <expat.h>
 
+#include <cstring>
 #include <memory>
 #include <type_traits>
 #include <utility>
@@ -15,11 +16,20 @@ namespace {
 constexpr const char* kLogModule = "zol::TCPolicyParser";
 
 // What is read may take more memory than the text: defaulted attributes, which expat's own limit on expansion
-// does not count, and items with few attributes or none.
+// does not count, items with few attributes or none, and elements inside elements. What each of them is
+// charged is one number, so that every machine takes the same policies.
 constexpr std::size_t kMaxRecordBytes = 2 * kMaxPolicyBytes;
-/// What an item takes beside its texts, rounded up; one number, so that every machine takes the same
-/// policies.
+/// What an item takes beside its texts, rounded up.
 constexpr std::size_t kItemBytes = 160;
+/// What an attribute is charged beside its texts. Its memory is only lent while its element is read; the
+/// charge, which stays, bounds the work that defaulted attributes can make of small elements.
+constexpr std::size_t kAttributeBytes = 16;
+
+/// What expat keeps of an element for as long as it is open.
+std::size_t OpenElementBytes(const XML_Char* name) {
+    constexpr std::size_t kBesideTheName = 128;
+    return kBesideTheName + std::strlen(name);
+}
 
 struct FreeParser {
     void operator()(XML_Parser parser) const { XML_ParserFree(parser); }
@@ -77,10 +87,14 @@ bool TCPolicyParser::TSCallbacks::Charge(TSParseContext& context, std::size_t by
 
 TCAttributes TCPolicyParser::TSCallbacks::Collect(TSParseContext& context, const XML_Char** attributes) {
     TCAttributes collected;
-    for (; attributes[0] != nullptr && attributes[1] != nullptr; attributes += 2) {
+    for (int count = 1; attributes[0] != nullptr && attributes[1] != nullptr; attributes += 2, ++count) {
         const std::string name = attributes[0];
         const std::string value = attributes[1];
-        if (!Charge(context, name.size() + value.size())) {
+        if (count > kMaxAttributes) {
+            XML_StopParser(context.expat, XML_FALSE);
+            break;
+        }
+        if (!Charge(context, kAttributeBytes + name.size() + value.size())) {
             break;
         }
         collected.Insert(name, value);
@@ -92,6 +106,9 @@ void TCPolicyParser::TSCallbacks::StartElement(void* userData, const XML_Char* n
                                                const XML_Char** attributes) {
     auto* context = static_cast<TSParseContext*>(userData);
     if (context == nullptr || name == nullptr || attributes == nullptr) {
+        return;
+    }
+    if (!Charge(*context, OpenElementBytes(name))) {
         return;
     }
     Guard(context, [&] {
@@ -108,11 +125,12 @@ void TCPolicyParser::TSCallbacks::StartElement(void* userData, const XML_Char* n
     });
 }
 
-void TCPolicyParser::TSCallbacks::EndElement(void* userData, const XML_Char* /*name*/) {
+void TCPolicyParser::TSCallbacks::EndElement(void* userData, const XML_Char* name) {
     auto* context = static_cast<TSParseContext*>(userData);
     if (context == nullptr) {
         return;
     }
+    context->recordBytes -= OpenElementBytes(name);
     ZOL_LOG(LOG_ERROR, "clear current element (%s)", context->currentElement.c_str());
     context->currentElement.clear();
 }
