@@ -1,6 +1,10 @@
 #include "ZOLShiftedClock.h"
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
+
+#include <ctime>
+#include <stdexcept>
 
 #include "dlog.h"
 #include "fake_clock.h"
@@ -8,6 +12,23 @@
 #include "fake_vconf.h"
 #include "fakes.h"
 #include "time_zone.h"
+
+namespace {
+
+/// No moment has a calendar date, on this thread. No clock of this machine goes that far.
+thread_local bool t_isBeyondCalendar = false;
+
+/// Its name in the C library, which has two where long is too short for the time.
+constexpr const char* kLocaltime = sizeof(time_t) > sizeof(long) ? "__localtime64_r" : "localtime_r";
+
+}  // namespace
+
+/// Stands before the C library's, for the whole test program.
+extern "C" tm* localtime_r(const time_t* moment, tm* local) noexcept {
+    using Convert = tm* (*)(const time_t*, tm*);
+    static const auto convert = reinterpret_cast<Convert>(dlsym(RTLD_NEXT, kLocaltime));
+    return t_isBeyondCalendar ? nullptr : convert(moment, local);
+}
 
 namespace {
 
@@ -63,6 +84,12 @@ TEST_F(ShiftedClock, PolicyTimeIsTheSameInEveryZone) {
         fakes::clock::SetWall(1698541200);
         EXPECT_EQ(m_clock.GetCurrentTime(), 1698541200) << zone;
     }
+}
+
+TEST_F(ShiftedClock, AMomentWithoutACalendarDateIsRefusedByTheDateLibrary) {
+    t_isBeyondCalendar = true;
+    EXPECT_THROW(m_clock.GetCurrentTime(), std::out_of_range);
+    t_isBeyondCalendar = false;
 }
 
 TEST_F(ShiftedClock, AccumulatedSecondsAddUpAndAreNotStored) {

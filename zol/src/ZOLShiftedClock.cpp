@@ -30,11 +30,12 @@ std::int64_t WrappingSum(std::int64_t a, std::int64_t b) {
 std::int64_t TCShiftedClock::GetCurrentTime() const {
     ZOL_LOG(LOG_DEBUG, "Getting current time");
     const time_t now = CTimeUtil::GetCurrentTime();
-    // Stays zeroed for a time that has no calendar date; the date library then throws.
     tm local{};
-    localtime_r(&now, &local);
-    return WrappingSum(SecondsSince1970(CTimeUtil::ConvertToUTCTime(local)),
-                       m_timeShift.load(std::memory_order_relaxed));
+    // A moment without a calendar date stays a record of zeros, which the date library refuses with its
+    // exception. The conversion would make it a day of 1899.
+    const bool hasDate = localtime_r(&now, &local) != nullptr;
+    const tm utc = hasDate ? CTimeUtil::ConvertToUTCTime(local) : tm{};
+    return WrappingSum(SecondsSince1970(utc), m_timeShift.load(std::memory_order_relaxed));
 }
 
 void TCShiftedClock::AccumulateTimeShift(long long seconds) {
