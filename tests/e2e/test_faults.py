@@ -104,11 +104,26 @@ def test_a_policy_of_ten_thousand_items_works(machine, daemon):
     assert [event["items"]["key"] for event in wait_for(machine.kpi)] == ["db/many/9999"]
 
 
-def test_zolctl_says_when_the_daemon_is_not_there(machine):
-    for arguments in (("policy", "push", "-"), ("policy", "push", "/does/not/exist"), ("policy",), ("nonsense",),
-                      ("vconf", "set", "k", "x", "--type", "int")):
-        result = machine.zolctl(*arguments, stdin="<a/>", check=2)
-        assert result.stderr
+@pytest.mark.parametrize("arguments", [("policy", "push", "-"), ("policy", "push", "/does/not/exist"),
+                                       ("vconf", "set", "k", "x", "--type", "int")], ids=" ".join)
+def test_zolctl_says_in_one_line_why_it_failed(machine, arguments):
+    result = machine.zolctl(*arguments, stdin="<a/>", check=2)
+
+    assert result.stderr.startswith("zolctl: ")
+    assert result.stderr.count("\n") == 1
+
+
+@pytest.mark.parametrize("arguments", [
+    (), ("nonsense",), ("--nonsense",), ("policy",), ("policy", "push"), ("policy", "push", "a", "b"),
+    ("policy", "push", "a", "b\nc"), ("policy", "pull"), ("vconf",), ("vconf", "get"), ("vconf", "set", "k"),
+    ("vconf", "set", "k", "1", "--type", "float"), ("vconf", "watch"), ("kpi",), ("kpi", "list", "--xml")],
+    ids=" ".join)
+def test_bad_usage_of_zolctl_is_told_in_one_line(machine, arguments):
+    result = machine.zolctl(*arguments, check=2)
+
+    assert result.stdout == ""
+    assert result.stderr.startswith("zolctl: ")
+    assert result.stderr.count("\n") == 1
 
 
 @pytest.mark.parametrize("file, why", [("/dev/zero", "larger than"), ("/", "cannot read")])

@@ -10,6 +10,7 @@
 
 #include "KPILogFramework.h"
 #include "commands.h"
+#include "one_line.h"
 
 namespace zolctl {
 namespace {
@@ -26,7 +27,7 @@ std::string UtcTime(std::int64_t seconds) {
 void PrintText(const std::vector<KPILogFramework::TSKpiEvent>& events) {
     for (const auto& event : events) {
         std::cout << event.sequence << '\t' << UtcTime(event.timeSeconds) << '\t' << event.type << '\t'
-                  << event.category << '\t' << event.eventId << '\t' << event.description << '\n';
+                  << event.category << '\t' << event.eventId << '\t' << OneLine(event.description) << '\n';
     }
 }
 

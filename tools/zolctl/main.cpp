@@ -3,6 +3,7 @@
 #include <iostream>
 
 #include "commands.h"
+#include "one_line.h"
 
 namespace {
 
@@ -10,6 +11,9 @@ int Run(int argc, char** argv) {
     CLI::App app{
         "Talks to the policy daemon: pushes policies, reads and watches keys, lists reported events."};
     app.require_subcommand(1);
+    app.failure_message([](const CLI::App* /*app*/, const CLI::Error& error) {
+        return "zolctl: " + zolctl::OneLine(error.what()) + " (see zolctl --help)\n";
+    });
     zolctl::Action action;
     zolctl::AddPolicyCommand(app, action);
     zolctl::AddVconfCommand(app, action);
@@ -28,7 +32,7 @@ int main(int argc, char** argv) {
     try {
         return Run(argc, argv);
     } catch (const std::exception& error) {
-        std::cerr << "zolctl: " << error.what() << '\n';
+        std::cerr << "zolctl: " << zolctl::OneLine(error.what()) << '\n';
         return zolctl::EXIT_UNREACHABLE;
     }
 }

@@ -15,6 +15,7 @@
 #include "TCDbusClient.h"
 #include "TCIpcSerializationUtil.h"
 #include "commands.h"
+#include "one_line.h"
 
 namespace zolctl {
 namespace {
@@ -39,11 +40,11 @@ std::optional<std::string> ReadDocument(const std::string& file) {
         text.append(block.data(), static_cast<std::size_t>(input->gcount()));
     }
     if (input->bad() || (file != "-" && !opened.is_open())) {
-        std::cerr << "zolctl: cannot read " << file << '\n';
+        std::cerr << "zolctl: cannot read " << OneLine(file) << '\n';
         return std::nullopt;
     }
     if (text.size() > kMaxPolicy) {
-        std::cerr << "zolctl: " << file << " is larger than " << kMaxPolicy << " bytes\n";
+        std::cerr << "zolctl: " << OneLine(file) << " is larger than " << kMaxPolicy << " bytes\n";
         return std::nullopt;
     }
     return text;
@@ -86,12 +87,12 @@ int Push(const std::string& file) {
             std::cerr << "zolctl: refused: the daemon does not take policies\n";
             return EXIT_REFUSED;
         case zol::TCDbusClient::EResult::FAILED:
-            std::cerr << "zolctl: refused: " << client.LastError() << '\n';
+            std::cerr << "zolctl: refused: " << OneLine(client.LastError()) << '\n';
             return EXIT_REFUSED;
         case zol::TCDbusClient::EResult::UNREACHABLE:
             break;
     }
-    std::cerr << "zolctl: the daemon cannot be reached: " << client.LastError() << '\n';
+    std::cerr << "zolctl: the daemon cannot be reached: " << OneLine(client.LastError()) << '\n';
     return EXIT_UNREACHABLE;
 }
 

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "one_line.h"
 #include "vconf.h"
 
 namespace zolctl {
@@ -50,30 +51,6 @@ Value Read(const std::string& key) {
     return value;
 }
 
-/// One line, whatever the text holds: tab, line feed and backslash are shown as in C.
-std::string Escaped(const std::string& text) {
-    std::string line;
-    for (const char c : text) {
-        switch (c) {
-            case '\t':
-                line += "\\t";
-                break;
-            case '\n':
-                line += "\\n";
-                break;
-            case '\r':
-                line += "\\r";
-                break;
-            case '\\':
-                line += "\\\\";
-                break;
-            default:
-                line += c;
-        }
-    }
-    return line;
-}
-
 std::string Shown(const Value& value) {
     switch (value.type) {
         case VCONF_TYPE_INT:
@@ -81,14 +58,14 @@ std::string Shown(const Value& value) {
         case VCONF_TYPE_BOOL:
             return value.number != 0 ? "true" : "false";
         default:
-            return Escaped(value.text);
+            return OneLine(value.text);
     }
 }
 
 int Get(const std::string& key) {
     const Value value = Read(key);
     if (value.type == VCONF_TYPE_NONE) {
-        std::cerr << "zolctl: no such key: " << key << '\n';
+        std::cerr << "zolctl: no such key: " << OneLine(key) << '\n';
         return EXIT_REFUSED;
     }
     std::cout << (value.type == VCONF_TYPE_STRING ? value.text : Shown(value)) << '\n';
@@ -119,14 +96,14 @@ int Set(const std::string& key, const std::string& text, const std::string& type
     int number = 0;
     if ((type == VCONF_TYPE_INT && !ParseInt(text, number)) ||
         (type == VCONF_TYPE_BOOL && !ParseBool(text, number))) {
-        std::cerr << "zolctl: not a value of type " << TypeName(type) << ": " << text << '\n';
+        std::cerr << "zolctl: not a value of type " << TypeName(type) << ": " << OneLine(text) << '\n';
         return EXIT_UNREACHABLE;
     }
     const int result = type == VCONF_TYPE_INT    ? vconf_set_int(key.c_str(), number)
                        : type == VCONF_TYPE_BOOL ? vconf_set_bool(key.c_str(), number)
                                                  : vconf_set_str(key.c_str(), text.c_str());
     if (result != 0) {
-        std::cerr << "zolctl: cannot set " << key << '\n';
+        std::cerr << "zolctl: cannot set " << OneLine(key) << '\n';
         return EXIT_UNREACHABLE;
     }
     return EXIT_OK;
@@ -137,7 +114,7 @@ void PrintChange(keynode_t* node, void* /*userData*/) {
     value.type = vconf_keynode_get_type(node);
     value.number = node->int_value;
     value.text = node->str_value != nullptr ? node->str_value : "";
-    std::cout << node->keyname << '\t' << TypeName(value.type) << '\t' << Shown(value) << std::endl;
+    std::cout << OneLine(node->keyname) << '\t' << TypeName(value.type) << '\t' << Shown(value) << std::endl;
 }
 
 gboolean Quit(gpointer loop) {
@@ -148,7 +125,7 @@ gboolean Quit(gpointer loop) {
 int Watch(const std::vector<std::string>& keys) {
     for (const std::string& key : keys) {
         if (vconf_notify_key_changed(key.c_str(), PrintChange, nullptr) < 0) {
-            std::cerr << "zolctl: cannot watch " << key << '\n';
+            std::cerr << "zolctl: cannot watch " << OneLine(key) << '\n';
             return EXIT_UNREACHABLE;
         }
     }

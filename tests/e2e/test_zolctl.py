@@ -1,0 +1,109 @@
+"""What zolctl prints: changes of watched keys, reported events, pushed files."""
+import re
+import signal
+import subprocess
+
+import pytest
+
+from conftest import BIN, int_rule, policy, string_rule, wait_for
+
+NUMBER = "db/menu/picture/backlight"
+TEXT = "file/menu/mode"
+SWITCH = "db/menu/eco"
+NASTY = "one\ttwo\nthree\rfour\\n"
+NASTY_SHOWN = r"one\ttwo\nthree\rfour\\n"
+
+
+class Watcher:
+    """A zolctl that watches keys, ready when it is made."""
+
+    def __init__(self, machine, *keys):
+        self.process = machine.start(BIN / "zolctl", "vconf", "watch", *keys, stdout=subprocess.PIPE,
+                                     stderr=subprocess.PIPE, text=True)
+        self.greeting = self.process.stderr.readline()
+
+    def next_change(self):
+        return self.process.stdout.readline()
+
+    def stop(self, how):
+        """The exit status and what was printed last."""
+        self.process.send_signal(how)
+        output, errors = self.process.communicate(timeout=60)
+        return self.process.returncode, output + errors
+
+
+def test_a_watch_prints_key_type_and_value_of_every_change(machine):
+    watcher = Watcher(machine, NUMBER, TEXT, SWITCH)
+    assert watcher.greeting == "watching 3 keys\n"
+
+    for key, value, kind in ((NUMBER, "-7", "int"), (TEXT, "shop", "string"), (SWITCH, "true", "bool"),
+                             (SWITCH, "false", "bool"), (NUMBER, "8", "int"), (TEXT, "", "string")):
+        machine.set(key, value, kind)
+        assert watcher.next_change() == f"{key}\t{kind}\t{value}\n"
+
+    assert watcher.stop(signal.SIGTERM) == (0, "")
+
+
+def test_a_watch_tells_of_its_keys_only(machine):
+    watcher = Watcher(machine, NUMBER)
+    assert watcher.greeting == "watching 1 key\n"
+
+    machine.set(TEXT, "shop", "string")
+    machine.set(NUMBER, "1", "int")
+
+    assert watcher.next_change() == f"{NUMBER}\tint\t1\n"
+    assert watcher.stop(signal.SIGINT) == (0, "")
+
+
+def test_a_watched_text_of_several_lines_is_printed_as_one(machine):
+    watcher = Watcher(machine, TEXT)
+
+    machine.set(TEXT, NASTY, "string")
+
+    assert watcher.next_change() == f"{TEXT}\tstring\t{NASTY_SHOWN}\n"
+    assert watcher.stop(signal.SIGTERM) == (0, "")
+
+
+@pytest.mark.parametrize("how", [signal.SIGINT, signal.SIGTERM])
+def test_a_watch_ends_in_order_when_it_is_interrupted(machine, how):
+    assert Watcher(machine, NUMBER).stop(how) == (0, "")
+
+
+def test_a_policy_is_pushed_from_a_file(machine, daemon):
+    document = policy(int_rule(NUMBER, "IS", 3))
+    file = machine.folder / "pushed.xml"
+    file.write_text(document)
+
+    pushed = machine.zolctl("policy", "push", file, check=0)
+
+    assert (pushed.stdout, pushed.stderr) == ("accepted\n", "")
+    assert machine.path("/var/lib/zol/policy.xml").read_text() == document
+
+
+def test_reported_events_are_listed_oldest_first_in_tab_separated_columns(machine, daemon):
+    machine.push(policy(int_rule(NUMBER, "IS", 3)))
+    for turn in (1, 2):
+        machine.set(NUMBER, "3", "int")
+        wait_for(lambda turn=turn: len(machine.kpi()) == turn, f"{turn} events")
+        machine.set(NUMBER, "0", "int")
+
+    listed = machine.zolctl("kpi", "list", check=0)
+
+    rows = [line.split("\t") for line in listed.stdout.splitlines()]
+    assert [row[0] for row in rows] == [str(event["sequence"]) for event in machine.kpi()]
+    for row, event in zip(rows, machine.kpi()):
+        assert row[1:] == [event["time"], "20_errdata", "ZOL", "EV007", event["description"]]
+        assert re.fullmatch(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ", row[1])
+    assert listed.stderr == ""
+
+
+def test_a_watched_text_of_several_lines_does_not_forge_an_event(machine, daemon):
+    machine.push(policy(string_rule(TEXT, "NOT", "home")))
+    machine.set(TEXT, NASTY, "string")
+    wait_for(machine.kpi, "an event")
+
+    rows = machine.zolctl("kpi", "list", check=0).stdout.split("\n")
+
+    assert len(rows) == 2 and rows[1] == ""
+    assert rows[0].count("\t") == 5
+    assert f"value={NASTY_SHOWN};" in rows[0]
