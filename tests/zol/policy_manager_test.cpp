@@ -15,6 +15,8 @@ using fakes::dlog::Count;
 using fakes::dlog::Has;
 using testing::Return;
 
+constexpr const char* kVersionKey = "db/private/tvs-cv/policy_version";
+
 class PolicyManager : public PolicyManagerTest {
 protected:
     /// Starts without a stored policy and hands it the first one.
@@ -23,6 +25,23 @@ protected:
         fakes::dlog::Clear();
         EXPECT_TRUE(manager.UpdatePolicy(xml));
         return manager;
+    }
+    /// Marks the moments of the policy that is stored.
+    static void MarkSchedule() {
+        fakes::vconf::SetString(zol::TCScheduler::KEY_START_TIME, "11");
+        fakes::vconf::SetString(zol::TCScheduler::KEY_FIRST_BOOT_TIME, "22");
+        fakes::vconf::SetInt(kVersionKey, 33);
+    }
+    static void ExpectScheduleUntouched() {
+        EXPECT_EQ(fakes::vconf::GetString(zol::TCScheduler::KEY_START_TIME), "11");
+        EXPECT_EQ(fakes::vconf::GetString(zol::TCScheduler::KEY_FIRST_BOOT_TIME), "22");
+        EXPECT_EQ(fakes::vconf::GetInt(kVersionKey), 33);
+    }
+    static void LetOneSchedulerPassGoBy() {
+        for (int step = 0; step < 6; ++step) {
+            ASSERT_TRUE(fakes::clock::AwaitSleeper(std::chrono::seconds(5)));
+            fakes::clock::Advance(std::chrono::seconds(5));
+        }
     }
     static void ExpectLogged(const std::string& text, int priority) {
         EXPECT_EQ(fakes::dlog::Find(text).priority, priority) << text;
@@ -149,7 +168,7 @@ TEST_F(PolicyManager, AnUpdateStartsThePolicyNow) {
 
 TEST_F(PolicyManager, AnUpdateWritesTheVersionThatDocumentsDoNotCarry) {
     StartAndPush(PolicyFor("db/a"));
-    EXPECT_EQ(fakes::vconf::GetInt("db/private/tvs-cv/policy_version"), -1);
+    EXPECT_EQ(fakes::vconf::GetInt(kVersionKey), -1);
 }
 
 TEST_F(PolicyManager, AnAppliedUpdateTakesThePowerOnMarkOff) {
@@ -166,6 +185,7 @@ TEST_F(PolicyManager, APowerOnMarkThatCannotBeTakenOffIsLogged) {
 
 TEST_F(PolicyManager, APolicyOfMonitorsAloneIsCommandsOnly) {
     StartWith(PolicyFor("db/a"));
+    MarkSchedule();
     fakes::vconf::SetBool(kPowerOnKey, true);
     EXPECT_TRUE(m_manager->UpdatePolicy(Document("<monitor kind=\"3\" method=\"31\"/>")));
 
@@ -175,6 +195,7 @@ TEST_F(PolicyManager, APolicyOfMonitorsAloneIsCommandsOnly) {
     EXPECT_EQ(fakes::vconf::GetInt(kPowerOnKey), 0);
     EXPECT_EQ(Applied().vconfMonitors.at(0).key, "db/a");
     EXPECT_EQ(fakes::vconf::Registrations("db/a"), 1);
+    ExpectScheduleUntouched();
 }
 
 TEST_F(PolicyManager, AnEmptyDocumentIsCommandsOnly) {
@@ -197,6 +218,7 @@ TEST_F(PolicyManager, AMalformedUpdateIsRefusedAndClearsTheFlag) {
 
 TEST_F(PolicyManager, AnUpdateWhileMonitoringRunsIsStoredAndWaitsForTheNextStart) {
     StartWith(PolicyFor("db/a"));
+    MarkSchedule();
     fakes::vconf::SetBool(kPowerOnKey, true);
     fakes::dlog::Clear();
     EXPECT_TRUE(m_manager->UpdatePolicy(PolicyFor("db/b")));
@@ -207,6 +229,7 @@ TEST_F(PolicyManager, AnUpdateWhileMonitoringRunsIsStoredAndWaitsForTheNextStart
     EXPECT_EQ(fakes::vconf::Registrations("db/b"), 0);
     EXPECT_EQ(fakes::vconf::GetInt(kPowerOnKey), 1);
     EXPECT_TRUE(IsRunning());
+    ExpectScheduleUntouched();
 
     Start();
     EXPECT_EQ(Applied().vconfMonitors.at(0).key, "db/b");
@@ -298,16 +321,31 @@ TEST_F(PolicyManager, AtItsEndEveryCallbackIsWithdrawn) {
 
 TEST_F(PolicyManager, ExpiryEndsInALineInTheLogAndNothingElse) {
     StartAndPush(Document("<zol_expired_time time=\"10\"/>" + ItemFor("db/a")));
-    for (int step = 0; step < 6; ++step) {
-        ASSERT_TRUE(fakes::clock::AwaitSleeper(std::chrono::seconds(5)));
-        fakes::clock::Advance(std::chrono::seconds(5));
-    }
+    LetOneSchedulerPassGoBy();
     ASSERT_TRUE(fakes::dlog::WaitFor("Disabled ZOL due to scheduled event!"));
 
     ExpectLogged("Removing policy", DLOG_PRIORITY_ERROR);
     EXPECT_TRUE(IsRunning());
     EXPECT_TRUE(fakes::DeviceFileExists(ZOL_PATH_POLICY));
     EXPECT_EQ(fakes::vconf::Registrations("db/a"), 1);
+}
+
+TEST_F(PolicyManager, AStoredPolicyThatIsOverdueAtStartExpires) {
+    fakes::vconf::SetString(zol::TCScheduler::KEY_START_TIME, std::to_string(fakes::clock::kEpoch - 2000));
+    StartWith(PolicyFor("db/a"));
+    LetOneSchedulerPassGoBy();
+
+    EXPECT_TRUE(fakes::dlog::WaitFor("Removing policy"));
+    EXPECT_TRUE(IsRunning());
+}
+
+TEST_F(PolicyManager, AStoredPolicyThatIsNotOverdueAtStartDoesNotExpire) {
+    fakes::vconf::SetString(zol::TCScheduler::KEY_START_TIME, std::to_string(fakes::clock::kEpoch - 900));
+    StartWith(PolicyFor("db/a"));
+    LetOneSchedulerPassGoBy();
+    ASSERT_TRUE(fakes::clock::AwaitSleeper(std::chrono::seconds(5)));
+
+    EXPECT_FALSE(Has("Removing policy"));
 }
 
 TEST_F(PolicyManager, TellsWhetherAPolicyIsStored) {
