@@ -1,17 +1,73 @@
 /// The stored policy under bad conditions: disks that are full, paths that are no files, content that is
 /// none.
+#include <dlfcn.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "ZOLPolicyParser.h"
 #include "device_path.h"
 #include "dlog.h"
 #include "fake_dlog.h"
 #include "policy_manager_fixture.h"
+
+namespace {
+
+/// What this thread makes last, while it is set.
+thread_local std::vector<std::string>* t_durableSteps = nullptr;
+/// The next file that this thread closes loses what it held: a disk that fails late.
+thread_local bool t_failNextClose = false;
+
+std::string SyncStep(int descriptor) {
+    struct stat status = {};
+    if (fstat(descriptor, &status) != 0) {
+        return "sync of nothing";
+    }
+    return S_ISDIR(status.st_mode) ? "sync folder" : "sync " + std::to_string(status.st_size) + " bytes";
+}
+
+std::string NameOf(const std::string& path) {
+    return path.substr(path.find_last_of('/') + 1);
+}
+
+void Record(const std::string& step) {
+    if (t_durableSteps != nullptr) {
+        t_durableSteps->push_back(step);
+    }
+}
+
+}  // namespace
+
+// These stand before the C library's, for the whole test program.
+
+extern "C" int fsync(int descriptor) {
+    static const auto next = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "fsync"));
+    Record(SyncStep(descriptor));
+    return next(descriptor);
+}
+
+extern "C" int rename(const char* from, const char* to) noexcept {
+    static const auto next = reinterpret_cast<int (*)(const char*, const char*)>(dlsym(RTLD_NEXT, "rename"));
+    Record("rename " + NameOf(from) + " to " + NameOf(to));
+    return next(from, to);
+}
+
+extern "C" int fclose(std::FILE* file) {
+    static const auto next = reinterpret_cast<int (*)(std::FILE*)>(dlsym(RTLD_NEXT, "fclose"));
+    const int result = next(file);
+    if (std::exchange(t_failNextClose, false)) {
+        errno = EIO;
+        return EOF;
+    }
+    return result;
+}
 
 namespace {
 
@@ -27,12 +83,14 @@ protected:
 
     /// Pushes a policy that cannot be stored, over one that is.
     void ExpectRefusedAndOldKept(const std::string& reason) {
+        fakes::vconf::SetBool(kPowerOnKey, true);
         EXPECT_FALSE(m_manager->UpdatePolicy(PolicyFor("db/new")));
         EXPECT_EQ(StoredPolicy(), PolicyFor("db/old"));
         EXPECT_EQ(fakes::dlog::Find(reason).priority, DLOG_PRIORITY_ERROR) << reason;
         EXPECT_EQ(fakes::dlog::Find("Something went wrong with storing of policy").priority,
                   DLOG_PRIORITY_ERROR);
         EXPECT_EQ(fakes::vconf::GetInt(kRunningKey), 0);
+        EXPECT_EQ(fakes::vconf::GetInt(kPowerOnKey), 0);
     }
     void ExpectNotLoaded(const std::string& reason, int priority) {
         Start();
@@ -136,6 +194,27 @@ TEST_F(StoredPolicyFile, AFileThatCannotBeSyncedLeavesTheOldPolicy) {
     EXPECT_TRUE(Has("Policy written, size: "));
     EXPECT_FALSE(fakes::DeviceFileExists(kTemporary));
     std::fclose(reader);
+}
+
+TEST_F(StoredPolicyFile, AFileThatCannotBeClosedLeavesTheOldPolicy) {
+    StartWith(PolicyFor("db/old"));
+    t_failNextClose = true;
+
+    ExpectRefusedAndOldKept("Could not close file: Input/output error");
+    EXPECT_TRUE(Has("Policy written, size: "));
+    EXPECT_FALSE(fakes::DeviceFileExists(kTemporary));
+}
+
+TEST_F(StoredPolicyFile, IsWrittenSyncedMovedIntoPlaceAndMadeToLastInThatOrder) {
+    Start();
+    const std::string xml = PolicyFor("db/a");
+    std::vector<std::string> steps;
+    t_durableSteps = &steps;
+    EXPECT_TRUE(m_manager->UpdatePolicy(xml));
+    t_durableSteps = nullptr;
+
+    EXPECT_EQ(steps, (std::vector<std::string>{"sync " + std::to_string(xml.size()) + " bytes",
+                                               "rename policy.xml.new to policy.xml", "sync folder"}));
 }
 
 TEST_F(StoredPolicyFile, AFolderThatIsGoneRefusesTheUpdate) {
