@@ -1,88 +1,19 @@
-#include "ZOLScheduler.h"
-
-#include <gtest/gtest.h>
-
-#include <atomic>
 #include <chrono>
-#include <memory>
+#include <future>
 #include <stdexcept>
 
-#include "ZOLShiftedClock.h"
 #include "dlog.h"
-#include "fake_clock.h"
 #include "fake_dlog.h"
 #include "fake_vconf.h"
-#include "fakes.h"
+#include "scheduler_fixture.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-using zol::EScheduleEventType;
-using zol::SCHEDULE_EVENT_DISABLE;
-using zol::TCScheduler;
 using zol::TIME_BASE_FIRST_BOOT;
 using zol::TIME_BASE_START;
-using zol::TSEventTime;
-
-constexpr const char* kStartKey = "db/private/zol/policy_time";
-constexpr const char* kFirstBootKey = "db/private/zol/policy_first_boot_time";
-constexpr const char* kShiftKey = "db/private/zol/clock_diff";
-constexpr int kStepsOfAPass = 6;
-
-class Scheduler : public testing::Test {
-protected:
-    Scheduler() {
-        fakes::Reset();
-        fakes::clock::SetWall(1000);
-    }
-
-    /// The first pass has begun when this returns.
-    void Start() {
-        Start([this] { ++m_disabled; });
-    }
-    void Start(boost::function<void()> callback) {
-        m_scheduler = std::make_unique<TCScheduler>(callback, m_clock);
-        AwaitSleep();
-    }
-    void Stop() { m_scheduler.reset(); }
-
-    void SetEvent(zol::ETimeBase base, std::int64_t offset, bool isNewPolicy = true) {
-        m_scheduler->SetSchedule({{SCHEDULE_EVENT_DISABLE, TSEventTime{base, offset}}}, isNewPolicy);
-    }
-
-    void AwaitSleep() { ASSERT_TRUE(fakes::clock::AwaitSleeper(5s)); }
-
-    void LetStepsPass(int steps) {
-        for (int step = 0; step < steps; ++step) {
-            AwaitSleep();
-            fakes::clock::Advance(5s);
-        }
-    }
-    void LetStepsPassOnAStandingClock(int steps) {
-        for (int step = 0; step < steps; ++step) {
-            AwaitSleep();
-            fakes::clock::AdvanceSteady(5s);
-        }
-    }
-    /// Ends the running pass; the next one has begun, its due events fired, when this returns.
-    void FinishPass() {
-        LetStepsPass(kStepsOfAPass);
-        AwaitSleep();
-    }
-    void FinishPassOnAStandingClock() {
-        LetStepsPassOnAStandingClock(kStepsOfAPass);
-        AwaitSleep();
-    }
-
-    std::int64_t PolicyTime() { return m_clock.GetCurrentTime(); }
-
-    zol::TCShiftedClock m_clock;
-    std::atomic<int> m_disabled{0};
-    std::unique_ptr<TCScheduler> m_scheduler;
-};
 
 using Schedule = Scheduler;
-using ClockPass = Scheduler;
 using StoredMoments = Scheduler;
 
 TEST_F(Schedule, APolicySetAt1000With3600IsDueAtTheFirstCheckAfter4600) {
@@ -212,6 +143,26 @@ TEST_F(Schedule, APolicyThatIsOnlyLoadedAgainKeepsItsStart) {
     EXPECT_EQ(m_scheduler->GetTimeElapsed(), 600);
 }
 
+TEST_F(Schedule, ATableThatComesDuringTheCallbackWaitsAndIsNotEmptiedWithTheOldOne) {
+    std::future<void> newTable;
+    Start([this, &newTable] {
+        if (++m_disabled == 1) {
+            newTable = std::async(std::launch::async,
+                                  [this] { SetEvent(TIME_BASE_START, -1, /*isNewPolicy=*/false); });
+            // Long enough for a call that nothing holds up.
+            EXPECT_EQ(newTable.wait_for(20ms), std::future_status::timeout);
+        }
+    });
+    SetEvent(TIME_BASE_START, 0);
+    FinishPass();
+    ASSERT_EQ(m_disabled, 1);
+    newTable.get();
+
+    FinishPass();
+
+    EXPECT_EQ(m_disabled, 2);
+}
+
 TEST_F(Schedule, ACallbackThatThrowsIsLoggedAndTheThreadGoesOn) {
     Start([this] {
         ++m_disabled;
@@ -243,209 +194,6 @@ TEST_F(Schedule, AnInterruptedCallbackEndsTheThreadAndTheDestructorStillJoins) {
     Stop();
 
     EXPECT_EQ(m_disabled, 1);
-}
-
-TEST_F(ClockPass, ANormalPassChangesNothing) {
-    Start();
-
-    FinishPass();
-
-    EXPECT_EQ(PolicyTime(), 1030);
-    EXPECT_FALSE(fakes::dlog::Has("Time is not set"));
-}
-
-TEST_F(ClockPass, AClockSetForwardBy4000SecondsLeavesPolicyTimeWhereThePassBegan) {
-    Start();
-    fakes::clock::SetWall(5000);
-
-    FinishPass();
-
-    EXPECT_EQ(PolicyTime(), 1000);
-    EXPECT_EQ(PolicyTime() - fakes::clock::WallSeconds(), -4030);
-}
-
-TEST_F(ClockPass, AClockSetBackLeavesPolicyTimeWhereThePassBegan) {
-    fakes::clock::SetWall(100000);
-    Start();
-    fakes::clock::SetWall(1000);
-
-    FinishPass();
-
-    EXPECT_EQ(PolicyTime(), 100000);
-}
-
-TEST_F(ClockPass, FortySecondsAreNoJumpAndFortyOneAre) {
-    Start();
-    fakes::clock::SetWall(1010);
-    FinishPass();
-    EXPECT_EQ(PolicyTime(), 1040);
-
-    fakes::clock::SetWall(1051);
-    FinishPass();
-    EXPECT_EQ(PolicyTime(), 1040);
-}
-
-TEST_F(ClockPass, TheCorrectionIsNotStored) {
-    Start();
-    fakes::clock::SetWall(5000);
-
-    FinishPass();
-
-    EXPECT_FALSE(fakes::vconf::Exists(kShiftKey));
-}
-
-TEST_F(ClockPass, AWakeUpInsideThePassMakesTheJumpTimeThatPassed) {
-    Start();
-    fakes::clock::SetWall(5000);
-    m_scheduler->SetLastWakeUpTime();
-
-    FinishPass();
-
-    EXPECT_EQ(PolicyTime(), 5030);
-}
-
-TEST_F(ClockPass, AWakeUpAtTheFirstSecondOfThePassIsInside) {
-    Start();
-    m_scheduler->SetLastWakeUpTime();
-    fakes::clock::SetWall(5000);
-
-    FinishPass();
-
-    EXPECT_EQ(PolicyTime(), 5030);
-}
-
-TEST_F(ClockPass, AWakeUpAtTheLastSecondOfThePassIsInside) {
-    Start();
-    fakes::clock::SetWall(5000);
-    m_scheduler->SetLastWakeUpTime();
-
-    FinishPassOnAStandingClock();
-
-    EXPECT_EQ(PolicyTime(), 5000);
-}
-
-TEST_F(ClockPass, AWakeUpBeforeThePassesTimesDoesNotExcuseAJump) {
-    Start();
-    fakes::clock::SetWall(999);
-    m_scheduler->SetLastWakeUpTime();
-    fakes::clock::SetWall(5000);
-
-    FinishPass();
-
-    EXPECT_EQ(PolicyTime(), 1000);
-}
-
-TEST_F(ClockPass, AWakeUpAfterThePassesTimesDoesNotExcuseAJump) {
-    Start();
-    fakes::clock::SetWall(9000);
-    m_scheduler->SetLastWakeUpTime();
-    fakes::clock::SetWall(5000);
-
-    FinishPass();
-
-    EXPECT_EQ(PolicyTime(), 1000);
-}
-
-TEST_F(ClockPass, AWakeUpIsForgottenAfterItsPass) {
-    Start();
-    fakes::clock::SetWall(1100);
-    m_scheduler->SetLastWakeUpTime();
-    fakes::clock::SetWall(1000);
-    FinishPass();
-
-    // 1100 lies inside this pass, but it was told before the pass began.
-    fakes::clock::SetWall(5000);
-    FinishPass();
-
-    EXPECT_EQ(PolicyTime(), 1030);
-}
-
-TEST_F(ClockPass, AStandingClockIsHelpedOnByTheTimeSlept) {
-    Start();
-
-    FinishPassOnAStandingClock();
-
-    EXPECT_EQ(fakes::dlog::Count("Time is not set"), 1);
-    EXPECT_EQ(fakes::dlog::Find("Time is not set").priority, DLOG_PRIORITY_DEBUG);
-    EXPECT_EQ(PolicyTime(), 1030);
-}
-
-TEST_F(ClockPass, APassEndedAfterTenSecondsToleratesTwenty) {
-    Start();
-    LetStepsPass(2);
-    AwaitSleep();
-    fakes::clock::SetWall(1020);
-
-    Stop();
-
-    EXPECT_EQ(PolicyTime(), 1020);
-}
-
-TEST_F(ClockPass, APassEndedAfterTenSecondsTakesOutTwentyOne) {
-    Start();
-    LetStepsPass(2);
-    AwaitSleep();
-    fakes::clock::SetWall(1021);
-
-    Stop();
-
-    EXPECT_EQ(PolicyTime(), 1000);
-}
-
-TEST_F(ClockPass, AStepThatIsCutShortDoesNotCountAsSlept) {
-    Start();
-    LetStepsPassOnAStandingClock(2);
-    AwaitSleep();
-
-    Stop();
-
-    EXPECT_EQ(PolicyTime(), 1010);
-}
-
-TEST_F(ClockPass, TheDestructorDoesNotWaitForTheSleep) {
-    for (int round = 0; round < 20; ++round) {
-        m_scheduler = std::make_unique<TCScheduler>(boost::function<void()>(), m_clock);
-        Stop();
-    }
-    EXPECT_EQ(fakes::clock::WallSeconds(), 1000);
-}
-
-/// Outside the calendar for as long as the test says.
-class BrokenClock : public zol::TCShiftedClock {
-public:
-    std::int64_t GetCurrentTime() const override {
-        if (m_broken) {
-            throw std::out_of_range("Year is out of valid range");
-        }
-        return TCShiftedClock::GetCurrentTime();
-    }
-    std::atomic<bool> m_broken{false};
-};
-
-TEST_F(ClockPass, AClockOutsideTheCalendarIsLoggedAndTriedAgainEveryFiveSeconds) {
-    BrokenClock clock;
-    m_scheduler = std::make_unique<TCScheduler>([this] { ++m_disabled; }, clock);
-    AwaitSleep();
-    SetEvent(TIME_BASE_START, 0);
-
-    clock.m_broken = true;
-    FinishPass();
-    LetStepsPass(1);
-    ASSERT_TRUE(fakes::dlog::WaitFor("Scheduler pass failed: Year is out of valid range", 2));
-    AwaitSleep();
-    clock.m_broken = false;
-    LetStepsPass(1);
-    AwaitSleep();
-
-    EXPECT_EQ(m_disabled, 1);
-    Stop();
-}
-
-TEST_F(ClockPass, AClockThatFailsAtStartUpFailsTheConstructorAndLeavesNoThread) {
-    BrokenClock clock;
-    clock.m_broken = true;
-
-    EXPECT_THROW(TCScheduler(boost::function<void()>(), clock), std::out_of_range);
 }
 
 TEST_F(StoredMoments, TheFirstStartAfterANewPolicyBecomesTheFirstBoot) {
