@@ -21,10 +21,11 @@ thread_local bool t_failCreate = false;
 }  // namespace
 
 /// Stands before the library's, for the whole test program.
-extern "C" XML_Parser XML_ParserCreate(const XML_Char* encoding) {
-    using Create = XML_Parser (*)(const XML_Char*);
-    static const auto create = reinterpret_cast<Create>(dlsym(RTLD_NEXT, "XML_ParserCreate"));
-    return t_failCreate ? nullptr : create(encoding);
+extern "C" XML_Parser XML_ParserCreate_MM(const XML_Char* encoding, const XML_Memory_Handling_Suite* memory,
+                                          const XML_Char* separator) {
+    using Create = XML_Parser (*)(const XML_Char*, const XML_Memory_Handling_Suite*, const XML_Char*);
+    static const auto create = reinterpret_cast<Create>(dlsym(RTLD_NEXT, "XML_ParserCreate_MM"));
+    return t_failCreate ? nullptr : create(encoding, memory, separator);
 }
 
 namespace {
@@ -419,6 +420,12 @@ TEST_F(PolicyParser, NestingThatOutgrowsItsTextIsRefused) {
         xml += "<a>";
     }
     ExpectRefused(xml, "Error while parsing policy: parsing aborted");
+}
+
+TEST_F(PolicyParser, ATagThatTakesTooMuchMemoryIsRefusedAndTheNextDocumentIsRead) {
+    ExpectRefused(ElementWithAttributes(1250000), "Error while parsing policy: out of memory");
+
+    EXPECT_EQ(Parse("<zols key=\"next\"/>").vconfMonitors.at(0).key, "next");
 }
 
 TEST_F(PolicyParser, ElementsThatAreClosedAgainCostNothing) {

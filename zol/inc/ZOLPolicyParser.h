@@ -38,7 +38,8 @@ public:
     ///
     /// False, with the reason logged, when the text is malformed, longer than kMaxPolicyBytes, declares
     /// more than kMaxDeclarations, gives an element more than kMaxAttributes, or holds more than twice
-    /// kMaxPolicyBytes of attributes, items and open elements, and when memory runs out. `policy` then holds
+    /// kMaxPolicyBytes of attributes, items and open elements, when the XML library would need more than four
+    /// times kMaxPolicyBytes of memory to read it, and when memory runs out. `policy` then holds
     /// what was read so far. Throws nothing from inside expat.
     bool Parse(const std::string& xml, ZOLPolicy& policy) const;
 

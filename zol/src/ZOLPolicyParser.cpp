@@ -1,7 +1,10 @@
 #include "ZOLPolicyParser.h"
 
 #include <expat.h>
+#include <malloc.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <type_traits>
@@ -29,6 +32,38 @@ constexpr std::size_t kAttributeBytes = 16;
 std::size_t OpenElementBytes(const XML_Char* name) {
     constexpr std::size_t kBesideTheName = 128;
     return kBesideTheName + std::strlen(name);
+}
+
+// expat copies the text, keeps every name that it has met, and takes in all attributes of a tag before it
+// calls anybody. None of that can be charged, so what it allocates is bounded instead. Its functions get no
+// context; a parser lives and dies on one thread.
+constexpr std::size_t kMaxExpatBytes = 4 * kMaxPolicyBytes;
+thread_local std::size_t t_expatBytes = 0;
+
+void FreeForExpat(void* block) {
+    t_expatBytes -= malloc_usable_size(block);
+    std::free(block);
+}
+
+void* ReallocateForExpat(void* block, std::size_t size) {
+    const std::size_t others = t_expatBytes - malloc_usable_size(block);
+    if (size > kMaxExpatBytes - std::min(others, kMaxExpatBytes)) {
+        return nullptr;
+    }
+    void* moved = std::realloc(block, size);
+    if (moved != nullptr) {
+        t_expatBytes = others + malloc_usable_size(moved);
+    }
+    return moved;
+}
+
+void* AllocateForExpat(std::size_t size) {
+    return ReallocateForExpat(nullptr, size);
+}
+
+XML_Parser CreateParser() {
+    const XML_Memory_Handling_Suite bounded{&AllocateForExpat, &ReallocateForExpat, &FreeForExpat};
+    return XML_ParserCreate_MM(nullptr, &bounded, nullptr);
 }
 
 struct FreeParser {
@@ -202,7 +237,7 @@ bool TCPolicyParser::Parse(const std::string& xml, ZOLPolicy& policy) const {
         ZOL_LOG(LOG_ERROR, "Parsing failed.");
         return false;
     }
-    ParserPtr parser(XML_ParserCreate(nullptr));
+    ParserPtr parser(CreateParser());
     if (parser == nullptr) {
         ZOL_LOG(LOG_ERROR, "Couldnt create parser");
         return false;
