@@ -11,9 +11,9 @@
 #include <memory>
 #include <thread>
 
-#include "CCHandler.h"
-#include "CCTask.h"
-#include "CSEvent.h"
+#include "Event.h"
+#include "Handler.h"
+#include "Task.h"
 
 namespace {
 

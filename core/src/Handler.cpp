@@ -1,7 +1,7 @@
-#include "CCHandler.h"
+#include "Handler.h"
 
-#include "CCTask.h"
 #include "Logging.h"
+#include "Task.h"
 
 namespace {
 constexpr const char* kSource = "core/src/Handler";

@@ -1,4 +1,4 @@
-#include "Hash.h"
+#include "HashBodies.h"
 
 namespace {
 

@@ -1,7 +1,8 @@
+#include "Int64Hash.h"
+
 #include <cstdint>
 
-#include "CCInt64Hash.h"
-#include "Hash.h"
+#include "HashBodies.h"
 #include "Logging.h"
 
 struct TSInt64Keys : TSPlainKeys<std::uint64_t> {

@@ -1,7 +1,8 @@
+#include "IntegerHash.h"
+
 #include <cstdint>
 
-#include "CCIntegerHash.h"
-#include "Hash.h"
+#include "HashBodies.h"
 #include "Logging.h"
 
 struct TSIntegerKeys : TSPlainKeys<std::uint32_t> {

@@ -1,6 +1,7 @@
+#include "List.h"
+
 #include <new>
 
-#include "CCList.h"
 #include "Cursor.h"
 #include "Logging.h"
 

@@ -1,9 +1,10 @@
+#include "Mutex.h"
+
 #include <atomic>
 #include <cstdint>
 #include <new>
 
-#include "CCMutex.h"
-#include "CCSemaphore.h"
+#include "Semaphore.h"
 
 namespace {
 constexpr const char* kSource = "core/src/Mutex";

@@ -1,8 +1,9 @@
+#include "PointerArray.h"
+
 #include <algorithm>
 #include <climits>
 #include <new>
 
-#include "CCPointerArray.h"
 #include "Logging.h"
 
 namespace {

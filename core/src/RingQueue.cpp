@@ -1,3 +1,5 @@
+#include "RingQueue.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -5,11 +7,10 @@
 #include <mutex>
 #include <new>
 
-#include "CCDynamicRingQueue.h"
-#include "CCFixedRingQueue.h"
-#include "CCMutex.h"
-#include "CCRingQueue.h"
+#include "DynamicRingQueue.h"
+#include "FixedRingQueue.h"
 #include "Logging.h"
+#include "Mutex.h"
 
 namespace {
 

@@ -1,10 +1,11 @@
+#include "Semaphore.h"
+
 #include <semaphore.h>
 
 #include <cerrno>
 #include <ctime>
 #include <new>
 
-#include "CCSemaphore.h"
 #include "platform_clock.h"
 
 namespace {

@@ -1,8 +1,8 @@
+#include "SmartAutoLock.h"
+
 #include <glib.h>
 
 #include <mutex>
-
-#include "CSmartAutoLock.h"
 
 namespace {
 constexpr unsigned kReportIntervalMs = 5000;

@@ -1,9 +1,10 @@
+#include "StringHash.h"
+
 #include <cstdint>
 #include <cstring>
 #include <new>
 
-#include "CCStringHash.h"
-#include "Hash.h"
+#include "HashBodies.h"
 #include "Logging.h"
 
 struct TSStringKeys {

@@ -2,11 +2,11 @@
 #include <cstring>
 #include <new>
 
-#include "CCSemaphore.h"
-#include "CCTime.h"
 #include "Logging.h"
 #include "Record.h"
+#include "Semaphore.h"
 #include "TaskRecord.h"
+#include "Time.h"
 
 namespace {
 

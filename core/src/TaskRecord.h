@@ -7,10 +7,10 @@
 #include <memory>
 #include <mutex>
 
-#include "CCHandler.h"
-#include "CCList.h"
-#include "CCMutex.h"
-#include "CCTask.h"
+#include "Handler.h"
+#include "List.h"
+#include "Mutex.h"
+#include "Task.h"
 #include "platform_clock.h"
 
 /// One per handler and timer id.

@@ -1,10 +1,10 @@
 #include <algorithm>
 #include <new>
 
-#include "CCAutoLock.h"
-#include "CCTime.h"
+#include "AutoLock.h"
 #include "Logging.h"
 #include "TaskRecord.h"
+#include "Time.h"
 
 namespace {
 

@@ -1,3 +1,5 @@
+#include "Thread.h"
+
 #include <pthread.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -9,10 +11,9 @@
 #include <cstdint>
 #include <cstring>
 
-#include "CCSemaphore.h"
-#include "CCThread.h"
 #include "Logging.h"
 #include "Record.h"
+#include "Semaphore.h"
 
 namespace {
 

@@ -1,6 +1,7 @@
+#include "Time.h"
+
 #include <time.h>
 
-#include "CCTime.h"
 #include "platform_clock.h"
 
 namespace {

@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
-#include "CCInt64Hash.h"
-#include "CCIntegerHash.h"
-#include "CCStringHash.h"
+#include "Int64Hash.h"
+#include "IntegerHash.h"
+#include "StringHash.h"
 #include "container_fixture.h"
 #include "death.h"
 

@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "CCList.h"
+#include "List.h"
 #include "container_fixture.h"
 
 namespace {

@@ -6,9 +6,9 @@
 #include <string>
 #include <thread>
 
-#include "CCAutoLock.h"
-#include "CCMutex.h"
-#include "CCSemaphore.h"
+#include "AutoLock.h"
+#include "Mutex.h"
+#include "Semaphore.h"
 #include "death.h"
 #include "fake_clock.h"
 #include "log_fixture.h"

@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "CCPointerArray.h"
+#include "PointerArray.h"
 #include "container_fixture.h"
 
 namespace {

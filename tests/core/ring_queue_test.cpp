@@ -8,9 +8,9 @@
 #include <thread>
 #include <vector>
 
-#include "CCDynamicRingQueue.h"
-#include "CCFixedRingQueue.h"
-#include "CCRingQueue.h"
+#include "DynamicRingQueue.h"
+#include "FixedRingQueue.h"
+#include "RingQueue.h"
 #include "allocation_counter.h"
 #include "container_fixture.h"
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <thread>
 
-#include "CSmartAutoLock.h"
+#include "SmartAutoLock.h"
 #include "gate.h"
 #include "log_fixture.h"
 

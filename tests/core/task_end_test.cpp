@@ -4,7 +4,7 @@
 
 #include <thread>
 
-#include "CCTask.h"
+#include "Task.h"
 #include "test_task.h"
 
 namespace {

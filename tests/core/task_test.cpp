@@ -1,4 +1,4 @@
-#include "CCTask.h"
+#include "Task.h"
 
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
@@ -10,9 +10,9 @@
 #include <thread>
 #include <vector>
 
-#include "CCHandler.h"
-#include "CCSemaphore.h"
-#include "CCTime.h"
+#include "Handler.h"
+#include "Semaphore.h"
+#include "Time.h"
 #include "allocation_counter.h"
 #include "test_task.h"
 

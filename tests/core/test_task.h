@@ -5,8 +5,8 @@
 #include <chrono>
 #include <functional>
 
-#include "CCHandler.h"
-#include "CCTask.h"
+#include "Handler.h"
+#include "Task.h"
 #include "fake_clock.h"
 #include "gate.h"
 #include "log_fixture.h"

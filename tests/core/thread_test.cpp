@@ -11,7 +11,7 @@
 #include <string>
 #include <thread>
 
-#include "CCThread.h"
+#include "Thread.h"
 #include "gate.h"
 #include "log_fixture.h"
 

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 #include <time.h>
 
-#include "CCTime.h"
+#include "Time.h"
 #include "fake_clock.h"
 #include "fakes.h"
 

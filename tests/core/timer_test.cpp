@@ -4,7 +4,7 @@
 #include <thread>
 #include <vector>
 
-#include "CCTask.h"
+#include "Task.h"
 #include "fake_clock.h"
 #include "test_task.h"
 

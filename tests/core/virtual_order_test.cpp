@@ -4,7 +4,7 @@
 #include <cstring>
 #include <vector>
 
-#include "CCTask.h"
+#include "Task.h"
 
 namespace {
 

@@ -9,8 +9,8 @@
 #include <thread>
 #include <vector>
 
-#include "CCTask.h"
-#include "CSEvent.h"
+#include "Event.h"
+#include "Task.h"
 #include "ZOLNotifyManager.h"
 #include "fake_clock.h"
 #include "fake_dlog.h"

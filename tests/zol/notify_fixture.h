@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "CSEvent.h"
+#include "Event.h"
 #include "ZOLInformationStorage.h"
 #include "ZOLNotifyManager.h"
 #include "fake_vconf.h"

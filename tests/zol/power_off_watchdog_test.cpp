@@ -16,9 +16,9 @@
 #include <string>
 #include <thread>
 
-#include "CCMutex.h"
-#include "CSmartAutoLock.h"
 #include "Logging.h"
+#include "Mutex.h"
+#include "SmartAutoLock.h"
 #include "TCDbusClient.h"
 #include "TCDbusServer.h"
 #include "ZOLPolicyManager.h"

@@ -3,9 +3,9 @@
 #include <cstdint>
 #include <string>
 
-#include "CCHandler.h"
-#include "CCTask.h"
-#include "CSEvent.h"
+#include "Event.h"
+#include "Handler.h"
+#include "Task.h"
 #include "ZOLMonitorInformation.h"
 #include "bt_hid.h"
 

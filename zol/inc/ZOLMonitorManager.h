@@ -4,9 +4,9 @@
 #include <memory>
 #include <string>
 
-#include "CCHandler.h"
-#include "CCTask.h"
-#include "CSEvent.h"
+#include "Event.h"
+#include "Handler.h"
+#include "Task.h"
 
 class TCAppInstallMonitor;
 class TCBtPairMonitor;

@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "CCHandler.h"
-#include "CCTask.h"
-#include "CSEvent.h"
+#include "Event.h"
+#include "Handler.h"
+#include "Task.h"
 #include "ZOLKpiManager.h"
 #include "ZOLPolicy.h"
 #include "vconf.h"

@@ -3,9 +3,9 @@
 #include <atomic>
 #include <string>
 
-#include "CCHandler.h"
-#include "CCTask.h"
-#include "CSEvent.h"
+#include "Event.h"
+#include "Handler.h"
+#include "Task.h"
 #include "key_combination.h"
 
 /// Combination 95 starts a recording, 96 ends it and packs focus log, screen capture, trace dump and scenario

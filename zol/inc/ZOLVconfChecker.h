@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "CCHandler.h"
-#include "CCTask.h"
-#include "CSEvent.h"
+#include "Event.h"
+#include "Handler.h"
+#include "Task.h"
 #include "ZOLKeyIndex.h"
 #include "ZOLPolicy.h"
 #include "vconf.h"

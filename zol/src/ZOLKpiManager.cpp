@@ -10,8 +10,8 @@
 #include <memory>
 #include <utility>
 
-#include "CCTime.h"
 #include "KPILogFramework.h"
+#include "Time.h"
 #include "ZOLLog.h"
 #include "ZOLVconfString.h"
 #include "device_path.h"

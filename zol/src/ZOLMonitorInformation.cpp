@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <limits>
 
-#include "CSEvent.h"
+#include "Event.h"
 #include "ZOLNotifyManager.h"
 #include "platform_clock.h"
 

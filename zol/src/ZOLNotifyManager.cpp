@@ -10,9 +10,9 @@
 #include <sstream>
 #include <utility>
 
-#include "CCTime.h"
 #include "Logging.h"
 #include "TSFileSystem.h"
+#include "Time.h"
 #include "ZOLCallbackException.h"
 #include "ZOLInformationStorage.h"
 #include "ZOLLog.h"

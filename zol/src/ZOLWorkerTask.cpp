@@ -3,9 +3,9 @@
 #include <array>
 #include <cstdio>
 
-#include "CCHandler.h"
-#include "CCTask.h"
+#include "Handler.h"
 #include "Logging.h"
+#include "Task.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 #pragma once
 /// Scoped lock.
-#include "CCMutex.h"
+#include "Mutex.h"
 
 /// Holds a mutex as long as it lives. A mutex that is null or not created is left alone.
 class CCAutoLock {

@@ -2,7 +2,7 @@
 /// A hash table from 64-bit keys to data.
 #include <cstdint>
 
-#include "CCHash.h"
+#include "Hash.h"
 
 struct TSInt64Keys;
 extern template class CCHash<std::uint64_t, TSInt64Keys>;

@@ -10,8 +10,8 @@
 #include <new>
 #include <utility>
 
-#include "CCHash.h"
 #include "Cursor.h"
+#include "Hash.h"
 #include "TSChain.h"
 
 /// One step of the hash over a key's bytes.

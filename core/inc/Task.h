@@ -5,9 +5,9 @@
 #include <memory>
 #include <mutex>
 
-#include "CCFixedRingQueue.h"
-#include "CCThread.h"
-#include "CSEvent.h"
+#include "Event.h"
+#include "FixedRingQueue.h"
+#include "Thread.h"
 
 class CCHandler;
 

@@ -1,6 +1,6 @@
 #pragma once
 /// An unbounded queue of pointers whose reader blocks.
-#include "CCSemaphore.h"
+#include "Semaphore.h"
 
 /// Adding allocates a node; taken nodes are freed by the next Add. The pointers are not owned. For one adding
 /// and one getting thread; several writers need a lock of their own around Add.

@@ -1,6 +1,6 @@
 #pragma once
 /// Scoped lock with a watchdog.
-#include "CCMutex.h"
+#include "Mutex.h"
 
 /// Holds a mutex as long as it lives, and lets the GLib main loop of the default context report every five
 /// seconds that the lock is waited for or held too long. Without a running main loop the lock works the same

@@ -1,6 +1,6 @@
 #pragma once
 /// A hash table from strings, or from byte strings of one length, to data.
-#include "CCHash.h"
+#include "Hash.h"
 
 struct TSStringKeys;
 extern template class CCHash<const void*, TSStringKeys>;

@@ -1,6 +1,6 @@
 #pragma once
 /// A bounded queue of pointers whose reader blocks.
-#include "CCSemaphore.h"
+#include "Semaphore.h"
 
 /// Holds at most `count` - 1 pointers, which it does not own. For one adding and one getting thread; several
 /// writers need a lock of their own around Add.

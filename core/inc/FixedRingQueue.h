@@ -1,6 +1,6 @@
 #pragma once
 /// A bounded queue of fixed-size elements whose reader blocks: the event queue of every task.
-#include "CCSemaphore.h"
+#include "Semaphore.h"
 
 /// Elements are copied in and out as bytes; every buffer is allocated by Create, so Add and Get never
 /// allocate. One slot always stays free: the queue holds at most `count` - 1 elements. The inherited

@@ -2,7 +2,7 @@
 /// A hash table from 32-bit keys to data.
 #include <cstdint>
 
-#include "CCHash.h"
+#include "Hash.h"
 
 struct TSIntegerKeys;
 extern template class CCHash<std::uint32_t, TSIntegerKeys>;
