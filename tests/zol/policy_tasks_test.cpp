@@ -131,6 +131,18 @@ TEST_F(PolicyTasks, ACheckerThatCannotStartStopsTheRest) {
     EXPECT_EQ(fakes::bt_hid::Registrations(), 0);
 }
 
+TEST_F(PolicyTasks, AnInstallMonitorThatCannotStartIsLeftOutAndTheOthersAreWatched) {
+    const std::string other =
+        "<monitor kind=\"1\" id=\"org.other\" name=\"Other\" method=\"11\" duration=\"60\" "
+        "repetition=\"3\"/>";
+    Push(ItemFor("db/a") + kInstall + kInstall + other, 3);
+
+    EXPECT_TRUE(IsRunning());
+    EXPECT_TRUE(Has("new TCAppInstallMonitor()->Create() fail"));
+    EXPECT_TRUE(Has("AppId key is already exist. return false"));
+    EXPECT_EQ(fakes::was::RegisteredIds(), std::vector<std::string>{"org.other"});
+}
+
 TEST_F(PolicyTasks, AMonitorManagerThatCannotStartLeavesTheKeysWatched) {
     Push(ItemFor("db/a") + kPairing, 2);
 
