@@ -118,9 +118,10 @@ TEST_F(Log, ALineBeforeACrashReachesStandardOutput) {
         },
         Crashed, "");
 
-    char text[1024] = {};
+    char text[1024];
     std::rewind(output);
-    std::fread(text, 1, sizeof(text) - 1, output);
+    const std::size_t length = std::fread(text, 1, sizeof(text) - 1, output);
+    text[length] = '\0';
     std::fclose(output);
     EXPECT_THAT(text, HasSubstr("ZOL--> before the crash\n"));
     EXPECT_THAT(text, EndsWith("ZOL--> ASSERT: a == b [core/src/X:7]\n"));
