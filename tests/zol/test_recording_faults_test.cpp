@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <sched.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -26,11 +27,17 @@ using testing::IsEmpty;
 
 using TestRecordingFaults = RecordingFixture;
 
-/// Lets every vfork of the calling thread fail for good; false where the system cannot do that.
-bool RefuseVfork() {
-#ifdef __NR_vfork
+/// Lets the calling thread make no process any more; false where the system cannot do that. The thread
+/// checker forks where the code vforks.
+bool RefuseProcesses() {
+#if defined(__NR_vfork) && defined(__NR_fork)
+    constexpr auto kFlags = offsetof(seccomp_data, args);
     sock_filter code[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-                          BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_vfork, 0, 1),
+                          BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_vfork, 4, 0),
+                          BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_fork, 3, 0),
+                          BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_clone, 0, 3),
+                          BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kFlags),
+                          BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, CLONE_THREAD, 1, 0),
                           BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EAGAIN),
                           BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
     const sock_fprog program{sizeof(code) / sizeof(code[0]), code};
@@ -194,14 +201,14 @@ TEST_F(TestRecordingFaults, AStateThatCannotBeWrittenAtTheEndLeavesTheRecordingA
 TEST_F(TestRecordingFaults, AShellThatCannotBeStartedIsToldByBothToasts) {
     bool refused = false;
     std::thread([&] {
-        refused = RefuseVfork();
+        refused = RefuseProcesses();
         if (refused) {
             Start();
             Stop();
         }
     }).join();
     if (!refused) {
-        GTEST_SKIP() << "the system cannot refuse vfork";
+        GTEST_SKIP() << "the system cannot refuse a thread its processes";
     }
 
     EXPECT_EQ(fakes::dlog::Count("[TestRecording] Fail to run shell"), 2);
