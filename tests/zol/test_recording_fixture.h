@@ -1,15 +1,15 @@
 #pragma once
 /// A test recorder with a stick, keys to press and tools that stand in for those that it calls.
+#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
+#include <unistd.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ZOLShellQuote.h"
@@ -30,21 +30,38 @@ constexpr const char* kStopToast =
 /// A tool that runs for as long as its file exists: at the latest the test's end ends it.
 inline const std::string kLingering = "while [ -e \"$0\" ]; do sleep 0.1; done; ";
 
-/// All processes that are started while this lives, whoever started them.
+/// All processes that are started while this lives, whoever started them: they inherit the end of a pipe.
 class Offspring {
 public:
-    // Whoever loses its parent becomes this process's child.
-    Offspring() { EXPECT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0), 0); }
-    ~Offspring() { prctl(PR_SET_CHILD_SUBREAPER, 0, 0, 0, 0); }
+    Offspring() { Open(); }
+    ~Offspring() { Close(); }
     Offspring(const Offspring&) = delete;
     Offspring& operator=(const Offspring&) = delete;
 
     /// Waits until those that were started so far are gone. Not while the recorder runs a command.
     static void AwaitEnd() {
-        while (waitpid(-1, nullptr, 0) > 0) {
-        }
-        EXPECT_EQ(errno, ECHILD);
+        close(std::exchange(s_inherited, -1));
+        char nothing = 0;
+        EXPECT_EQ(read(s_reading, &nothing, 1), 0);
+        Close();
+        Open();
     }
+
+private:
+    static void Open() {
+        int ends[2] = {-1, -1};
+        ASSERT_EQ(pipe(ends), 0);
+        s_reading = ends[0];
+        s_inherited = ends[1];
+        fcntl(s_reading, F_SETFD, FD_CLOEXEC);
+    }
+    static void Close() {
+        close(std::exchange(s_reading, -1));
+        close(std::exchange(s_inherited, -1));
+    }
+
+    static inline int s_reading = -1;
+    static inline int s_inherited = -1;
 };
 
 /// The tools note how they were called.
