@@ -67,7 +67,7 @@ bool Exists(const std::string& path) {
 /// A name under which nothing lies yet; empty when so many damaged ones are kept already.
 std::string FreeName(const std::string& path) {
     for (int number = 1; number <= kMaxDamaged; ++number) {
-        const std::string ending = ".damaged-" + std::to_string(number);
+        std::string ending = ".damaged-" + std::to_string(number);
         if (std::none_of(std::begin(kEndings), std::end(kEndings),
                          [&](const char* file) { return Exists(path + ending + file); })) {
             return ending;

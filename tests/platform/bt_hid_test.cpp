@@ -164,6 +164,12 @@ protected:
         ASSERT_EQ(bt_hid_set_smart_rc_connection_cb(WriteDown, &reports), 0);
         WaitUntilKnown();
     }
+    /// As most tests begin: a remote is known and not connected.
+    void WatchRemoteA() {
+        bluez.Add(kA, false);
+        bluez.Start();
+        Watch();
+    }
     void WaitUntilKnown() { ASSERT_TRUE(log.WaitFor("watching the Bluetooth devices", ++m_looks)); }
 
     PlatformLog log;
@@ -177,9 +183,7 @@ private:
 
 TEST_F(SmartRemote, TheNewIdIsPublishedBeforeTheConnectIsTold) {
     ASSERT_EQ(vconf_set_str(kKey, kB), 0);
-    bluez.Add(kA, false);
-    bluez.Start();
-    Watch();
+    WatchRemoteA();
 
     bluez.Connect(kA);
 
@@ -224,9 +228,7 @@ TEST_F(SmartRemote, AmongSeveralConnectedRemotesThePublishedOneStays) {
 }
 
 TEST_F(SmartRemote, ADeviceThatIsRemovedWhileConnectedIsADisconnect) {
-    bluez.Add(kA, false);
-    bluez.Start();
-    Watch();
+    WatchRemoteA();
 
     bluez.Connect(kA);
     bluez.Remove(kA);
@@ -259,9 +261,7 @@ TEST_F(SmartRemote, ADeviceThatTurnsOutToBeARemoteWhileConnectedConnectsThen) {
 }
 
 TEST_F(SmartRemote, AValueThatIsKnownAlreadyIsNoEvent) {
-    bluez.Add(kA, false);
-    bluez.Start();
-    Watch();
+    WatchRemoteA();
 
     bluez.Connect(kA);
     bluez.Connect(kA);
@@ -272,9 +272,7 @@ TEST_F(SmartRemote, AValueThatIsKnownAlreadyIsNoEvent) {
 
 TEST_F(SmartRemote, AStormOfConnectsArrivesWholeAndInOrder) {
     constexpr std::size_t kConnects = 1000;
-    bluez.Add(kA, false);
-    bluez.Start();
-    Watch();
+    WatchRemoteA();
 
     for (std::size_t i = 0; i < kConnects; ++i) {
         bluez.Connect(kA);
@@ -289,9 +287,7 @@ TEST_F(SmartRemote, AStormOfConnectsArrivesWholeAndInOrder) {
 }
 
 TEST_F(SmartRemote, ARestartOfTheServiceIsNoEventWhileTheLinkStays) {
-    bluez.Add(kA, false);
-    bluez.Start();
-    Watch();
+    WatchRemoteA();
     bluez.Connect(kA);
     reports.WaitFor(1);
 
@@ -349,9 +345,7 @@ TEST_F(SmartRemote, AServiceThatDoesNotListItsDevicesIsAskedAgain) {
 
 TEST_F(SmartRemote, TheLatestCallbackHasTheSlot) {
     Reports<std::string> others;
-    bluez.Add(kA, false);
-    bluez.Start();
-    Watch();
+    WatchRemoteA();
     ASSERT_EQ(bt_hid_set_smart_rc_connection_cb(WriteDown, &others), 0);
 
     EXPECT_EQ(bt_hid_unset_smart_rc_connection_cb(WriteDown, &reports), -1);
@@ -364,9 +358,7 @@ TEST_F(SmartRemote, TheLatestCallbackHasTheSlot) {
 }
 
 TEST_F(SmartRemote, WithdrawingDuringAStormEndsIt) {
-    bluez.Add(kA, false);
-    bluez.Start();
-    Watch();
+    WatchRemoteA();
     for (int i = 0; i < 100; ++i) {
         bluez.Connect(kA);
         bluez.Disconnect(kA);
