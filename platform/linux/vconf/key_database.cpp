@@ -18,6 +18,7 @@ constexpr int kPatienceMs = 2000;
 constexpr int kFaultyPatienceMs = 50;
 // A file that is replaced again and again under the operation is no reason to go on for ever.
 constexpr int kMaxAttempts = 4;
+constexpr int kLockLooks = 2;
 
 // The answers that are none of SQLite's: its own codes are not negative.
 constexpr int kNoStore = -1;
@@ -27,8 +28,10 @@ constexpr const char* kSettings =
     "PRAGMA cache_size=-256; PRAGMA wal_autocheckpoint=256; PRAGMA journal_size_limit=1048576;";
 
 // `change` orders all changes of the store. A removed key keeps its row, without a value, so that its
-// removal has a place in that order.
+// removal has a place in that order. Made without flushes, under a name that nobody opens: other processes
+// wait for the end of it, and the finished file is flushed before it gets its own name.
 constexpr const char* kSchema =
+    "PRAGMA synchronous=OFF;"
     "PRAGMA journal_mode=WAL;"
     "CREATE TABLE keys(name TEXT PRIMARY KEY NOT NULL, type INTEGER NOT NULL, value,"
     " change INTEGER NOT NULL) WITHOUT ROWID;"
@@ -172,7 +175,7 @@ bool KeyDatabase::Perform(Access access, Operation operation) {
         }
         if (IsDamage(code)) {
             code = ReplaceDamaged(code);
-            if (code != SQLITE_OK) {
+            if (code != SQLITE_OK && !Replaced()) {
                 break;
             }
         } else if (IsFinal(access, code)) {
@@ -212,13 +215,14 @@ int KeyDatabase::OpenExisting() {
     if (!m_identity) {
         return kNoStore;
     }
-    platform::UniqueFd lock = m_files.Lock(LOCK_SH, PatienceMs(READ));
-    if (!lock && m_files.HasLock()) {
-        // Perhaps another process has just made it.
+    // Without a lock file nobody replaces anything yet. Another process may make it at any moment: what then
+    // happens to the file shows in its identity.
+    platform::UniqueFd lock;
+    for (int looks = 0; !lock && m_files.HasLock(); ++looks) {
+        if (looks == kLockLooks) {
+            return Fail(SQLITE_BUSY, "its lock file is held by another process or cannot be opened");
+        }
         lock = m_files.Lock(LOCK_SH, PatienceMs(READ));
-    }
-    if (!lock && m_files.HasLock()) {
-        return Fail(SQLITE_BUSY, "its lock file is held by another process or cannot be opened");
     }
     m_identity = m_files.Current();
     if (!m_identity) {

@@ -190,6 +190,10 @@ bool StoreFiles::BeginNew() const {
 }
 
 bool StoreFiles::CommitNew() const {
+    const UniqueFd fd(open(m_newDatabase.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (!fd || fsync(fd.Get()) != 0) {
+        return false;
+    }
     if (rename(m_newDatabase.c_str(), m_database.c_str()) != 0) {
         return false;
     }

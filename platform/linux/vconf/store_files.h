@@ -48,7 +48,7 @@ public:
 
     /// Makes an empty NewDatabase(), whatever an interrupted earlier attempt left behind. False with errno.
     bool BeginNew() const;
-    /// Gives NewDatabase() its name, durably. False with errno.
+    /// Gives NewDatabase(), which nobody has open, its name, content and name durably. False with errno.
     bool CommitNew() const;
 
     /// Renames the database, or what is left of it, to "vconf.db.damaged-<UTC time>[-n]", its "-wal" and
