@@ -1,8 +1,9 @@
 #pragma once
 /// Stops threads at a chosen point of a test.
-#include <chrono>
 #include <condition_variable>
 #include <mutex>
+
+#include "fakes.h"
 
 class Gate {
 public:
@@ -20,10 +21,10 @@ public:
         ++m_passes;
         m_changed.notify_all();
     }
-    /// Waits until so many have come to the gate altogether; false after ten seconds.
+    /// Waits until so many have come to the gate altogether; false when patience ends.
     bool AwaitArrival(int arrivals = 1) {
         std::unique_lock<std::mutex> lock(m_mutex);
-        return m_changed.wait_for(lock, std::chrono::seconds(10), [&] { return m_arrived >= arrivals; });
+        return m_changed.wait_for(lock, fakes::kPatience, [&] { return m_arrived >= arrivals; });
     }
 
 private:
@@ -45,10 +46,10 @@ public:
         const std::lock_guard<std::mutex> lock(m_mutex);
         return m_value;
     }
-    /// False after ten seconds.
+    /// False when patience ends.
     bool Await(int value) {
         std::unique_lock<std::mutex> lock(m_mutex);
-        return m_changed.wait_for(lock, std::chrono::seconds(10), [&] { return m_value >= value; });
+        return m_changed.wait_for(lock, fakes::kPatience, [&] { return m_value >= value; });
     }
 
 private:

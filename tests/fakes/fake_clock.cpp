@@ -25,6 +25,7 @@ struct Sleeper {
     std::uint64_t until;
     std::int64_t duration;
     bool over = false;
+    const bool* rung = nullptr;  // of the alarm that ends it; null for none
 };
 
 struct State {
@@ -54,10 +55,11 @@ void MoveLocked(State& state, nanoseconds wall, nanoseconds steady) {
 
 /// Waits on the steady clock until `duration` is over or `ended` holds; true when `ended` holds.
 template <class Ended>
-bool WaitLocked(State& state, std::unique_lock<std::mutex>& lock, std::uint64_t duration, Ended ended) {
+bool WaitLocked(State& state, std::unique_lock<std::mutex>& lock, std::uint64_t duration, Ended ended,
+                const bool* rung = nullptr) {
     const auto self = state.sleepers.insert(
         state.sleepers.end(),
-        {state.steadyNs + duration, static_cast<std::int64_t>(duration), duration == 0});
+        {state.steadyNs + duration, static_cast<std::int64_t>(duration), duration == 0, rung});
     state.changed.notify_all();
     state.changed.wait(lock, [&] { return self->over || ended(); });
     state.sleepers.erase(self);
@@ -107,9 +109,10 @@ void FailRealtime(bool fail) {
 bool AwaitSleeper(nanoseconds duration, int sleepers) {
     State& state = The();
     std::unique_lock<std::mutex> lock(state.mutex);
-    return state.changed.wait_for(lock, std::chrono::seconds(10), [&] {
+    return state.changed.wait_for(lock, kPatience, [&] {
         return std::count_if(state.sleepers.begin(), state.sleepers.end(), [&](const Sleeper& sleeper) {
-                   return !sleeper.over && sleeper.duration == duration.count();
+                   return !sleeper.over && (sleeper.rung == nullptr || !*sleeper.rung) &&
+                          sleeper.duration == duration.count();
                }) >= sleepers;
     });
 }
@@ -193,7 +196,8 @@ void platform_alarm_free(platform_alarm_t* alarm) {
 int platform_alarm_wait(platform_alarm_t* alarm, uint64_t nanosecondsToWait) {
     fakes::State& state = fakes::The();
     std::unique_lock<std::mutex> lock(state.mutex);
-    const bool rung = fakes::WaitLocked(state, lock, nanosecondsToWait, [alarm] { return alarm->rung; });
+    const bool rung = fakes::WaitLocked(
+        state, lock, nanosecondsToWait, [alarm] { return alarm->rung; }, &alarm->rung);
     alarm->rung = false;
     return rung ? 1 : 0;
 }

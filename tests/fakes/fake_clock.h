@@ -19,7 +19,7 @@ void AdvanceSteady(std::chrono::nanoseconds time);
 /// Makes platform_clock_realtime fail (return -1).
 void FailRealtime(bool fail);
 
-/// Waits until a thread sleeps or waits for exactly this long; false after ten real seconds. Threads that
+/// Waits until a thread sleeps or waits for exactly this long; false when fakes::kPatience ends. Threads that
 /// Advance has woken do not count.
 bool AwaitSleeper(std::chrono::nanoseconds duration, int sleepers = 1);
 

@@ -15,8 +15,6 @@
 namespace fakes {
 namespace {
 
-constexpr std::chrono::seconds kPatience{10};
-
 enum Kind { POWER_OFF, WAKE_UP };
 
 struct FreeContext {

@@ -11,7 +11,7 @@ namespace device_power {
 bool PowerOff(int reason);
 bool WakeUp(int reason);
 
-/// Waits until both notifications are subscribed; false after ten real seconds.
+/// Waits until both notifications are subscribed; false when fakes::kPatience ends.
 bool AwaitSubscribed();
 /// What was called since Reset, in order: "subscribe_poweroff", "unsubscribe_wakeup" and so on.
 std::vector<std::string> Calls();

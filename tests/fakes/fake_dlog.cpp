@@ -8,6 +8,7 @@
 #include <mutex>
 
 #include "dlog.h"
+#include "fakes.h"
 
 namespace fakes {
 namespace dlog {
@@ -63,7 +64,7 @@ LogLine Find(const std::string& part) {
 
 bool WaitFor(const std::string& part, int times) {
     std::unique_lock<std::mutex> lock(g_mutex);
-    return g_changed.wait_for(lock, std::chrono::seconds(10), [&] { return CountLocked(part) >= times; });
+    return g_changed.wait_for(lock, kPatience, [&] { return CountLocked(part) >= times; });
 }
 
 }  // namespace dlog

@@ -1,6 +1,7 @@
 #pragma once
 /// Shared between the sources of the fakes only.
 #include "fake_dlog.h"
+#include "fakes.h"
 
 namespace fakes {
 void ResetBtHid();

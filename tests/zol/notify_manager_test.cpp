@@ -383,7 +383,7 @@ TEST_F(NotifyTask, NoPathIsLostWhenReportsAndTheCollectorMeet) {
             fakes::clock::Advance(1s);
         }
     });
-    const auto patience = std::chrono::steady_clock::now() + 30s;
+    const auto patience = std::chrono::steady_clock::now() + fakes::kPatience;
     while (collector.m_taken.size() < kReports && std::chrono::steady_clock::now() < patience) {
         fakes::vconf::Deliver();
         std::this_thread::yield();

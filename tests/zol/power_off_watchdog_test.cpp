@@ -72,9 +72,9 @@ private:
     GPid m_pid = -1;
 };
 
-/// Serves the default main context until `done` holds; false after ten real seconds.
+/// Serves the default main context until `done` holds; false when fakes::kPatience ends.
 bool ServeUntil(const std::function<bool()>& done) {
-    const auto patience = std::chrono::steady_clock::now() + 10s;
+    const auto patience = std::chrono::steady_clock::now() + fakes::kPatience;
     while (!done()) {
         if (std::chrono::steady_clock::now() > patience) {
             return false;
@@ -97,8 +97,8 @@ public:
     HangingClient& operator=(const HangingClient&) = delete;
 
     bool IsSubscribed() const { return m_isSubscribed; }
-    /// False after ten real seconds.
-    bool AwaitAsked() { return m_asked.get_future().wait_for(10s) == std::future_status::ready; }
+    /// False when fakes::kPatience ends.
+    bool AwaitAsked() { return m_asked.get_future().wait_for(fakes::kPatience) == std::future_status::ready; }
     void LetGo() { m_isLetGo = true; }
 
 private:
@@ -147,10 +147,10 @@ public:
     HeldLock(const HeldLock&) = delete;
     HeldLock& operator=(const HeldLock&) = delete;
 
-    /// Lets five seconds after five seconds pass until the watchdog has reported so often; false after ten
-    /// real seconds.
+    /// Lets five seconds after five seconds pass until the watchdog has reported so often; false when
+    /// fakes::kPatience ends.
     bool AwaitReports(int count) {
-        const auto patience = std::chrono::steady_clock::now() + 10s;
+        const auto patience = std::chrono::steady_clock::now() + fakes::kPatience;
         while (fakes::dlog::Count("takes too long") < count) {
             GSource* source = g_main_context_find_source_by_user_data(nullptr, m_lock.get());
             if (source == nullptr || std::chrono::steady_clock::now() > patience) {

@@ -47,9 +47,9 @@ public:
     MainLoop(const MainLoop&) = delete;
     MainLoop& operator=(const MainLoop&) = delete;
 
-    /// Serves the context until `done` holds; false after ten real seconds.
+    /// Serves the context until `done` holds; false when patience ends.
     static bool ServeUntil(const std::function<bool()>& done) {
-        const auto patience = std::chrono::steady_clock::now() + 10s;
+        const auto patience = std::chrono::steady_clock::now() + fakes::kPatience;
         while (!done()) {
             if (std::chrono::steady_clock::now() > patience) {
                 return false;
