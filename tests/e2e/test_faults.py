@@ -191,7 +191,7 @@ def test_a_missing_store_is_made_anew(machine):
 def test_a_damaged_store_is_set_aside_and_the_daemon_comes_up(machine):
     store = machine.path("/var/lib/zol/vconf")
     store.mkdir(parents=True)
-    (store / "vconf.db").write_bytes(b"SQLite format 3\0" + os.urandom(8192))
+    (store / "vconf.db").write_bytes(b"SQLite format 3\0" + b"\xa5" * 8192)
 
     daemon = machine.start_daemon()
 

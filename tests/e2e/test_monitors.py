@@ -158,7 +158,7 @@ def applications(machine):
 
 
 def desktop_file(turn):
-    return f"[Desktop Entry]\nType=Application\nName=Example {turn}\nExec=example\n"
+    return f"[Desktop Entry]\nType=Application\nName=Example {'x' * turn}\nExec=example\n"
 
 
 def by_write(folder, turn):

@@ -86,6 +86,7 @@ def test_reported_events_are_listed_oldest_first_in_tab_separated_columns(machin
         machine.set(NUMBER, "3", "int")
         wait_for(lambda turn=turn: len(machine.kpi()) == turn, f"{turn} events")
         machine.set(NUMBER, "0", "int")
+        machine.wait_log(f"[m_KeyChangedCb] key : {NUMBER}", times=2 * turn)
 
     listed = machine.zolctl("kpi", "list", check=0)
 
