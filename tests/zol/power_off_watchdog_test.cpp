@@ -26,6 +26,7 @@
 #include "ZOLShiftedClock.h"
 #include "fake_dlog.h"
 #include "fakes.h"
+#include "main_context.h"
 
 namespace {
 
@@ -71,19 +72,6 @@ private:
 
     GPid m_pid = -1;
 };
-
-/// Serves the default main context until `done` holds; false when fakes::kPatience ends.
-bool ServeUntil(const std::function<bool()>& done) {
-    const auto patience = std::chrono::steady_clock::now() + fakes::kPatience;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > patience) {
-            return false;
-        }
-        g_main_context_iteration(nullptr, FALSE);
-        std::this_thread::yield();
-    }
-    return true;
-}
 
 /// A client that hangs in the notification it gets until it is let go.
 class HangingClient {

@@ -20,6 +20,7 @@
 #include "fake_dlog.h"
 #include "fake_vconf.h"
 #include "fakes.h"
+#include "main_context.h"
 
 namespace {
 
@@ -47,18 +48,6 @@ public:
     MainLoop(const MainLoop&) = delete;
     MainLoop& operator=(const MainLoop&) = delete;
 
-    /// Serves the context until `done` holds; false when patience ends.
-    static bool ServeUntil(const std::function<bool()>& done) {
-        const auto patience = std::chrono::steady_clock::now() + fakes::kPatience;
-        while (!done()) {
-            if (std::chrono::steady_clock::now() > patience) {
-                return false;
-            }
-            g_main_context_iteration(nullptr, FALSE);
-            std::this_thread::yield();
-        }
-        return true;
-    }
     static void ServeAllThatWaits() {
         while (g_main_context_iteration(nullptr, FALSE) != FALSE) {
         }
@@ -123,7 +112,7 @@ TEST_F(PowerOff, TellsTheClientsOnTheMainContext) {
     ASSERT_TRUE(fakes::device_power::PowerOff(DEVICE_POWER_STANDBY));
     EXPECT_EQ(teller, std::thread::id()) << "the power thread only queues";
 
-    ASSERT_TRUE(MainLoop::ServeUntil([&teller] { return teller != std::thread::id(); }));
+    ASSERT_TRUE(ServeUntil([&teller] { return teller != std::thread::id(); }));
     EXPECT_EQ(teller, std::this_thread::get_id());
 }
 
@@ -155,7 +144,7 @@ TEST_F(PowerOff, FromAnotherThreadTheTimedSpanHoldsTheQueuingOnly) {
     EXPECT_TRUE(fakes::dlog::Has("successfuly executed! Time taken: 0.000000 seconds"));
     EXPECT_FALSE(isTold);
 
-    EXPECT_TRUE(MainLoop::ServeUntil([&isTold] { return isTold; }));
+    EXPECT_TRUE(ServeUntil([&isTold] { return isTold; }));
 }
 
 TEST_F(PowerOff, TwoHandOversDoNotOverlap) {
@@ -183,14 +172,14 @@ TEST_F(PowerOff, AClientThatNeverAnswersKeepsNeitherThePowerThreadNorTheMainCont
     EXPECT_CALL(m_server, SendNotification).WillOnce(InvokeWithoutArgs([&isOver] {
         // The server's wait: it serves the main context.
         EXPECT_TRUE(fakes::device_power::WakeUp(DEVICE_POWER_STANDBY));
-        EXPECT_TRUE(MainLoop::ServeUntil(IsPrepared));
+        EXPECT_TRUE(ServeUntil(IsPrepared));
         isOver = true;
         return 0;
     }));
 
     ASSERT_TRUE(fakes::device_power::PowerOff(DEVICE_POWER_STANDBY));
 
-    EXPECT_TRUE(MainLoop::ServeUntil([&isOver] { return isOver; }));
+    EXPECT_TRUE(ServeUntil([&isOver] { return isOver; }));
     EXPECT_TRUE(IsPrepared());
 }
 
@@ -209,7 +198,7 @@ TEST_F(WakeUp, MarksThePowerOnAsPreparedOnTheMainContext) {
     ASSERT_TRUE(fakes::device_power::WakeUp(DEVICE_POWER_STANDBY));
     EXPECT_FALSE(IsPrepared());
 
-    EXPECT_TRUE(MainLoop::ServeUntil(IsPrepared));
+    EXPECT_TRUE(ServeUntil(IsPrepared));
 }
 
 TEST_F(WakeUp, MakesTheTimeInStandbyTimeThatPassed) {
@@ -257,7 +246,7 @@ TEST_F(PowerThread, EndsBySourceOfTheMainContextToo) {
 
     EXPECT_EQ(ZOLPowerUtils::m_StopMainLoop(m_power.get()), 0);
 
-    EXPECT_TRUE(MainLoop::ServeUntil([] { return fakes::device_power::Calls().size() == 4; }));
+    EXPECT_TRUE(ServeUntil([] { return fakes::device_power::Calls().size() == 4; }));
     EXPECT_EQ(ZOLPowerUtils::m_StopMainLoop(m_power.get()), 0);
 }
 
