@@ -4,7 +4,7 @@
 #include <mutex>
 #include <utility>
 
-#include "../MakerLog.h"
+#include "MakerLog.h"
 #include "BoundedRing.h"
 #include "TSFileSystem.h"
 #include "TrapFile.h"

@@ -2,8 +2,8 @@
 
 #include <exception>
 
-#include "../MakerLog.h"
-#include "../WholeFile.h"
+#include "MakerLog.h"
+#include "WholeFile.h"
 #include "TSFileSystem.h"
 #include "TraceJson.h"
 #include "cv/TCScopeHandler.h"

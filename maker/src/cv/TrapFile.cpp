@@ -11,8 +11,8 @@
 #include <system_error>
 #include <utility>
 
-#include "../FileDescriptor.h"
-#include "../MakerLog.h"
+#include "FileDescriptor.h"
+#include "MakerLog.h"
 #include "cv/TCTrapPattern.h"
 #include "device_path.h"
 #include "device_paths.h"
