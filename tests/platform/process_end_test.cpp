@@ -5,9 +5,9 @@
 #include <cstdlib>
 #include <string>
 
-#include "capture/capture_tools.h"
 #include "child_process.h"
 #include "device_path.h"
+#include "display_capture/capture_tools.h"
 #include "temp_folder.h"
 #include "vconf.h"
 

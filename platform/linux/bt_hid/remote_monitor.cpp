@@ -1,0 +1,163 @@
+#include "bt_hid/remote_monitor.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "platform_log.h"
+
+namespace platform {
+
+namespace {
+
+constexpr const char* kDevice = "org.bluez.Device1";
+constexpr const char* kObjectManager = "org.freedesktop.DBus.ObjectManager";
+constexpr const char* kProperties = "org.freedesktop.DBus.Properties";
+
+constexpr unsigned kFirstRetryMs = 100;
+constexpr unsigned kLastRetryMs = 30000;
+
+/// The properties of the device among an object's interfaces (a{sa{sv}}); null when it is no device.
+GVariantPtr DeviceProperties(GVariant* interfaces) {
+    return GVariantPtr(g_variant_lookup_value(interfaces, kDevice, G_VARIANT_TYPE_VARDICT));
+}
+
+}  // namespace
+
+RemoteMonitor::RemoteMonitor(EventFunction event, BaselineFunction baseline)
+    : m_event(std::move(event)),
+      m_baseline(std::move(baseline)),
+      m_service({"org.bluez", "BlueZ", "remote control connections"},
+                {[this] { OnAppeared(); }, [this] { m_retry.Cancel(); }}) {}
+
+void RemoteMonitor::OnAppeared() {
+    m_service.Subscribe(
+        {nullptr, kObjectManager, "InterfacesAdded", nullptr},
+        [this](const char* /*path*/, GVariant* parameters) { OnInterfacesAdded(parameters); });
+    m_service.Subscribe(
+        {nullptr, kObjectManager, "InterfacesRemoved", nullptr},
+        [this](const char* /*path*/, GVariant* parameters) { OnInterfacesRemoved(parameters); });
+    m_service.Subscribe(
+        {nullptr, kProperties, "PropertiesChanged", kDevice},
+        [this](const char* path, GVariant* parameters) { OnPropertiesChanged(path, parameters); });
+    m_retryDelayMs = kFirstRetryMs;
+    AskForDevices();
+}
+
+void RemoteMonitor::AskForDevices() {
+    m_service.Call({"/", kObjectManager, "GetManagedObjects"}, nullptr, "(a{oa{sa{sv}}})",
+                   [this](const SystemService::Reply& reply) { OnObjects(reply); });
+}
+
+void RemoteMonitor::AskAgainLater() {
+    const GMainContextPtr context(g_main_context_ref_thread_default());
+    m_retry.Set(context.get(), m_retryDelayMs, [this] { AskForDevices(); });
+    m_retryDelayMs = std::min(2 * m_retryDelayMs, kLastRetryMs);
+}
+
+void RemoteMonitor::OnObjects(const SystemService::Reply& reply) {
+    if (reply.value == nullptr) {
+        if (m_listing.Failed()) {
+            PLATFORM_LOG(ERROR, "BlueZ does not list its devices: %s; asking again", ErrorText(reply.error));
+        }
+        AskAgainLater();
+        return;
+    }
+    m_listing.Succeeded();
+    Devices fresh;
+    const GVariantPtr objects(g_variant_get_child_value(reply.value, 0));
+    for (gsize i = 0; i < g_variant_n_children(objects.get()); ++i) {
+        const char* path = nullptr;
+        GVariant* interfaces = nullptr;
+        g_variant_get_child(objects.get(), i, "{&o@a{sa{sv}}}", &path, &interfaces);
+        const GVariantPtr owner(interfaces);
+        const GVariantPtr properties = DeviceProperties(interfaces);
+        if (properties != nullptr) {
+            fresh[path].Update(properties.get());
+        }
+    }
+    Compare(std::move(fresh));
+}
+
+void RemoteMonitor::Compare(Devices fresh) {
+    const Devices before = std::exchange(m_devices, std::move(fresh));
+    const auto connectedIn = [](const Devices& devices, const std::string& path) {
+        const auto found = devices.find(path);
+        return found != devices.end() && found->second.IsConnectedRemoteControl();
+    };
+    std::vector<std::string> addresses;
+    std::vector<BluetoothDevice> changed;
+    for (const auto& [path, device] : before) {
+        if (device.IsConnectedRemoteControl() && !connectedIn(m_devices, path)) {
+            Tell(device, false);
+        }
+    }
+    for (const auto& [path, device] : m_devices) {
+        if (device.IsConnectedRemoteControl()) {
+            addresses.push_back(device.address);
+            if (!connectedIn(before, path)) {
+                changed.push_back(device);
+            }
+        }
+    }
+    PLATFORM_LOG(INFO, "watching the Bluetooth devices: %zu known, %zu remote controls connected",
+                 m_devices.size(), addresses.size());
+    if (!std::exchange(m_haveBaseline, true)) {
+        m_baseline(addresses);
+        return;
+    }
+    for (const BluetoothDevice& device : changed) {
+        Tell(device, true);
+    }
+}
+
+void RemoteMonitor::OnInterfacesAdded(GVariant* parameters) {
+    const char* path = nullptr;
+    GVariant* interfaces = nullptr;
+    g_variant_get(parameters, "(&o@a{sa{sv}})", &path, &interfaces);
+    const GVariantPtr owner(interfaces);
+    const GVariantPtr properties = DeviceProperties(interfaces);
+    if (properties != nullptr) {
+        Update(m_devices[path], properties.get());
+    }
+}
+
+void RemoteMonitor::OnInterfacesRemoved(GVariant* parameters) {
+    const char* path = nullptr;
+    const char** interfaces = nullptr;
+    g_variant_get(parameters, "(&o^a&s)", &path, &interfaces);
+    const std::unique_ptr<const char*, FreeWith<g_free>> owner(interfaces);
+    const auto found = m_devices.find(path);
+    if (found == m_devices.end() || g_strv_contains(interfaces, kDevice) == FALSE) {
+        return;
+    }
+    const BluetoothDevice device = std::move(found->second);
+    m_devices.erase(found);
+    if (device.IsConnectedRemoteControl()) {
+        Tell(device, false);
+    }
+}
+
+void RemoteMonitor::OnPropertiesChanged(const char* path, GVariant* parameters) {
+    const auto found = m_devices.find(path);
+    // An unknown device is in the list that was asked for; its properties come with it.
+    if (found != m_devices.end()) {
+        const GVariantPtr properties(g_variant_get_child_value(parameters, 1));
+        Update(found->second, properties.get());
+    }
+}
+
+void RemoteMonitor::Update(BluetoothDevice& device, GVariant* properties) {
+    const bool before = device.IsConnectedRemoteControl();
+    device.Update(properties);
+    const bool now = device.IsConnectedRemoteControl();
+    if (before != now) {
+        Tell(device, now);
+    }
+}
+
+void RemoteMonitor::Tell(BluetoothDevice device, bool connected) const {
+    device.connected = connected;
+    m_event(device);
+}
+
+}  // namespace platform

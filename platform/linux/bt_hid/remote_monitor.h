@@ -1,0 +1,53 @@
+#pragma once
+/// Connections of remote controls as BlueZ reports them.
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "bt_hid/bluetooth_device.h"
+#include "dbus_service.h"
+#include "once_logged.h"
+
+namespace platform {
+
+/// Follows BlueZ's devices. Lives on one thread like SystemService.
+///
+/// What is connected when BlueZ is read for the first time is told to `baseline` and is no event. When BlueZ
+/// vanishes nothing is told; when it is back its devices are compared with what was known, and each real
+/// difference is one event, disconnects first. A BlueZ that is there but does not list its devices (busy
+/// while the machine starts) is asked again after 100 ms, then doubling up to 30 s.
+class RemoteMonitor {
+public:
+    using EventFunction = std::function<void(const BluetoothDevice& device)>;
+    /// Addresses of the connected remote controls.
+    using BaselineFunction = std::function<void(const std::vector<std::string>& addresses)>;
+
+    /// @param event a remote control connected or (`connected` false) disconnected
+    RemoteMonitor(EventFunction event, BaselineFunction baseline);
+
+private:
+    using Devices = std::map<std::string, BluetoothDevice>;  ///< by object path
+
+    void OnAppeared();
+    void AskForDevices();
+    void AskAgainLater();
+    void OnObjects(const SystemService::Reply& reply);
+    void OnInterfacesAdded(GVariant* parameters);
+    void OnInterfacesRemoved(GVariant* parameters);
+    void OnPropertiesChanged(const char* path, GVariant* parameters);
+    void Update(BluetoothDevice& device, GVariant* properties);
+    void Compare(Devices fresh);
+    void Tell(BluetoothDevice device, bool connected) const;
+
+    const EventFunction m_event;
+    const BaselineFunction m_baseline;
+    bool m_haveBaseline = false;
+    Devices m_devices;
+    OnceLogged m_listing;
+    ContextTimer m_retry;
+    unsigned m_retryDelayMs = 0;  ///< until the next time it is asked; doubles
+    SystemService m_service;      ///< last, so that it stops before what its functions use goes
+};
+
+}  // namespace platform

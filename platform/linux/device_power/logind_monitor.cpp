@@ -1,0 +1,82 @@
+#include "device_power/logind_monitor.h"
+
+#include <utility>
+
+#include "device_power.h"
+#include "platform_log.h"
+
+namespace platform {
+
+namespace {
+
+constexpr const char* kPath = "/org/freedesktop/login1";
+constexpr const char* kManager = "org.freedesktop.login1.Manager";
+
+}  // namespace
+
+LogindMonitor::LogindMonitor(Handlers handlers)
+    : m_handlers(std::move(handlers)),
+      m_service({"org.freedesktop.login1", "logind", "power notifications"},
+                {[this] { OnAppeared(); }, [this] { m_delay.reset(); }}) {}
+
+void LogindMonitor::OnAppeared() {
+    static constexpr struct {
+        const char* signal;
+        int reason;
+    } kAnnouncements[] = {{"PrepareForSleep", DEVICE_POWER_STANDBY},
+                          {"PrepareForShutdown", DEVICE_POWER_SHUTDOWN}};
+    for (const auto& announcement : kAnnouncements) {
+        m_service.Subscribe({kPath, kManager, announcement.signal, nullptr},
+                            [this, reason = announcement.reason](const char* /*path*/, GVariant* parameters) {
+                                gboolean begins = FALSE;
+                                g_variant_get(parameters, "(b)", &begins);
+                                OnPrepare(reason, begins != FALSE);
+                            });
+    }
+    m_going = false;
+    TakeDelay();
+}
+
+void LogindMonitor::OnPrepare(int reason, bool begins) {
+    m_going = begins;
+    if (begins) {
+        m_handlers.powerOff(reason, std::exchange(m_delay, nullptr));
+        return;
+    }
+    TakeDelay();
+    // A shutdown that is called off wakes nobody: the machine never went.
+    if (reason == DEVICE_POWER_STANDBY) {
+        m_handlers.wakeUp(reason);
+    }
+}
+
+void LogindMonitor::TakeDelay() {
+    m_service.Call({kPath, kManager, "Inhibit"},
+                   g_variant_new("(ssss)", "sleep:shutdown", "zol", "Power-off work is done first", "delay"),
+                   "(h)", [this](const SystemService::Reply& reply) { OnDelay(reply); });
+}
+
+void LogindMonitor::OnDelay(const SystemService::Reply& reply) {
+    UniqueFd lock;
+    GErrorPtr error;
+    const char* reason = ErrorText(reply.error);
+    if (reply.value != nullptr && reply.fds != nullptr) {
+        gint32 index = 0;
+        g_variant_get(reply.value, "(h)", &index);
+        lock.Reset(g_unix_fd_list_get(reply.fds, index, OutError(error)));
+        reason = ErrorText(error.get());
+    }
+    if (!lock) {
+        if (!std::exchange(m_toldRefusal, true)) {
+            PLATFORM_LOG(WARN, "logind gives no delay lock (%s): power-off work may come too late", reason);
+        }
+        return;
+    }
+    m_toldRefusal = false;
+    // A lock that comes after the announcement would only hold up what nobody asked to hold up.
+    if (!m_going) {
+        m_delay = std::make_shared<UniqueFd>(std::move(lock));
+    }
+}
+
+}  // namespace platform
