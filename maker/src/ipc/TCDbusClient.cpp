@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "IpcBounded.h"
+#include "Bounded.h"
 
 namespace zol {
 namespace {

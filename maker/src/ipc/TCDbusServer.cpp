@@ -6,9 +6,9 @@
 #include <string>
 #include <utility>
 
-#include "IpcBusLink.h"
-#include "IpcNotifier.h"
-#include "IpcSubscribers.h"
+#include "BusLink.h"
+#include "Notifier.h"
+#include "Subscribers.h"
 
 namespace zol {
 namespace {

@@ -2,8 +2,8 @@
 
 #include <exception>
 
-#include "KpiStore.h"
 #include "MakerLog.h"
+#include "Store.h"
 
 namespace KPILogFramework {
 namespace {

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "ZOLLog.h"
+#include "Log.h"
 #include "fake_dlog.h"
 #include "fakes.h"
 

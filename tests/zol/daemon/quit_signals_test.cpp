@@ -1,4 +1,4 @@
-#include "zol_quit_signals.h"
+#include "QuitSignals.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

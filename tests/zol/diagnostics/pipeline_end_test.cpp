@@ -1,4 +1,4 @@
-#include "ZOLPipelineEnd.h"
+#include "PipelineEnd.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "ZOLShellQuote.h"
+#include "ShellQuote.h"
 
 #include <gtest/gtest.h>
 

@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "ZOLShellQuote.h"
+#include "ShellQuote.h"
 #include "ZOLTestRecording.h"
 #include "fake_diagnostics.h"
 #include "fake_vconf.h"

@@ -1,4 +1,4 @@
-#include "ZOLKeyIndex.h"
+#include "KeyIndex.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "ZOLPolicyValidation.h"
+#include "PolicyValidation.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 #include "ZOLControl.h"
 
-#include "ZOLLog.h"
+#include "Log.h"
 #include "ZOLPolicyManager.h"
 
 namespace zol {

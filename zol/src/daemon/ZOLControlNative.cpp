@@ -10,8 +10,8 @@
 
 #include "IControl.h"
 #include "IDbus.h"
+#include "Log.h"
 #include "TCIpcSerializationUtil.h"
-#include "ZOLLog.h"
 
 namespace zol {
 namespace {

@@ -17,11 +17,11 @@
 
 #include "IControl.h"
 #include "IDbus.h"
+#include "Log.h"
 #include "ReplacementFile.h"
 #include "TCDirsManager.h"
 #include "ZOLCVLogger.h"
 #include "ZOLInformationStorage.h"
-#include "ZOLLog.h"
 #include "ZOLMonitorManager.h"
 #include "ZOLNotifyManager.h"
 #include "ZOLPolicyParser.h"

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "PolicyValidation.h"
 #include "ZOLPolicy.h"
-#include "ZOLPolicyValidation.h"
 #include "ZOLScheduler.h"
 
 namespace zol {

@@ -2,9 +2,9 @@
 
 #include <boost/bind.hpp>
 
+#include "CallbackException.h"
+#include "Log.h"
 #include "TCDebug.h"
-#include "ZOLCallbackException.h"
-#include "ZOLLog.h"
 #include "ZOLPolicyManager.h"
 #include "device_power.h"
 #include "platform_clock.h"

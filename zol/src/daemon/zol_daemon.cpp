@@ -1,5 +1,6 @@
 #include "zol_daemon.h"
 
+#include "QuitSignals.h"
 #include "TCDbusServer.h"
 #include "TCDebug.h"
 #include "ZOLCVLogger.h"
@@ -9,7 +10,6 @@
 #include "ZOLPowerUtils.h"
 #include "ZOLShiftedClock.h"
 #include "ZOLTestRecording.h"
-#include "zol_quit_signals.h"
 
 namespace zol_daemon {
 namespace {

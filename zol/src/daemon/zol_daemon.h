@@ -11,7 +11,7 @@
 
 #include <boost/thread/exceptions.hpp>
 
-#include "ZOLLog.h"
+#include "Log.h"
 #include "device_path.h"
 #include "device_paths.h"
 

@@ -2,8 +2,8 @@
 
 #include <cstdint>
 
-#include "ZOLLog.h"
-#include "ZOLVconfString.h"
+#include "Log.h"
+#include "VconfString.h"
 #include "cv/TCScopeContainer.h"
 #include "cv/TSCallItem.h"
 

@@ -10,11 +10,11 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "Log.h"
+#include "PipelineEnd.h"
+#include "ShellQuote.h"
 #include "TSFileSystem.h"
-#include "ZOLLog.h"
-#include "ZOLPipelineEnd.h"
-#include "ZOLShellQuote.h"
-#include "ZOLWorkerTask.h"
+#include "WorkerTask.h"
 #include "cv/TCTraceControl.h"
 #include "device_path.h"
 #include "device_paths.h"

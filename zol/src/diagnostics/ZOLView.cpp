@@ -1,6 +1,6 @@
 #include "ZOLView.h"
 
-#include "ZOLLog.h"
+#include "Log.h"
 
 namespace {
 constexpr const char* kLogModule = "TCView";

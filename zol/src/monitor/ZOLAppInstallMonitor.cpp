@@ -2,9 +2,9 @@
 
 #include <utility>
 
+#include "CallbackException.h"
 #include "Logging.h"
-#include "ZOLCallbackException.h"
-#include "ZOLWorkerTask.h"
+#include "WorkerTask.h"
 
 namespace {
 

@@ -1,9 +1,9 @@
 #include "ZOLBtPairMonitor.h"
 
-#include "ZOLCallbackException.h"
+#include "CallbackException.h"
+#include "VconfString.h"
+#include "WorkerTask.h"
 #include "ZOLPolicy.h"
-#include "ZOLVconfString.h"
-#include "ZOLWorkerTask.h"
 
 namespace {
 

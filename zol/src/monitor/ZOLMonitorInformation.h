@@ -2,7 +2,7 @@
 /// The counting record that every behaviour monitor carries, and the rule it counts by.
 #include <cstdint>
 
-#include "ZOLLog.h"
+#include "Log.h"
 
 class TCNotifyManager;
 

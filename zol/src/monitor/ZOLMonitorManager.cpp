@@ -9,14 +9,14 @@
 #include <utility>
 #include <vector>
 
+#include "Log.h"
 #include "Logging.h"
+#include "WorkerTask.h"
 #include "ZOLAppInstallMonitor.h"
 #include "ZOLBtPairMonitor.h"
 #include "ZOLInformationStorage.h"
-#include "ZOLLog.h"
 #include "ZOLNotifyManager.h"
 #include "ZOLPolicy.h"
-#include "ZOLWorkerTask.h"
 
 namespace {
 

@@ -2,11 +2,11 @@
 
 #include <utility>
 
-#include "ZOLCallbackException.h"
-#include "ZOLLog.h"
+#include "CallbackException.h"
+#include "Log.h"
+#include "VconfString.h"
+#include "WorkerTask.h"
 #include "ZOLNotifyManager.h"
-#include "ZOLVconfString.h"
-#include "ZOLWorkerTask.h"
 
 namespace zol {
 namespace {

@@ -9,8 +9,8 @@
 
 #include "Event.h"
 #include "Handler.h"
+#include "KeyIndex.h"
 #include "Task.h"
-#include "ZOLKeyIndex.h"
 #include "ZOLPolicy.h"
 #include "vconf.h"
 

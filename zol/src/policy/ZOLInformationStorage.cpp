@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "ZOLLog.h"
+#include "Log.h"
 #include "vconf.h"
 
 namespace zol {

@@ -10,8 +10,8 @@
 #include <type_traits>
 #include <utility>
 
-#include "ZOLLog.h"
-#include "ZOLPolicyAttributes.h"
+#include "Log.h"
+#include "PolicyAttributes.h"
 
 namespace zol {
 namespace {

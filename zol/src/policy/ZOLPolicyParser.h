@@ -24,7 +24,7 @@ constexpr int kMaxAttributes = 1000;
 
 /// Reads the four tags that mean something (zolitem, zols, zol_expired_time, monitor) wherever they stand;
 /// every other element and all text is passed over. Tag and attribute names may be spelled in any case.
-/// Values are taken as they are: whether an item makes sense is for ZOLPolicyValidation.
+/// Values are taken as they are: whether an item makes sense is for PolicyValidation.h.
 ///
 /// Parse is const and may run on several threads at once.
 class TCPolicyParser {

@@ -4,7 +4,7 @@
 #include <boost/thread/lock_guard.hpp>
 #include <iterator>
 
-#include "ZOLLog.h"
+#include "Log.h"
 #include "vconf.h"
 
 namespace zol {

@@ -11,9 +11,9 @@
 #include <utility>
 
 #include "KPILogFramework.h"
+#include "Log.h"
 #include "Time.h"
-#include "ZOLLog.h"
-#include "ZOLVconfString.h"
+#include "VconfString.h"
 #include "device_path.h"
 #include "device_paths.h"
 #include "platform_clock.h"

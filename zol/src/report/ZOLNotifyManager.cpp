@@ -10,14 +10,14 @@
 #include <sstream>
 #include <utility>
 
+#include "CallbackException.h"
+#include "Log.h"
 #include "Logging.h"
 #include "TSFileSystem.h"
 #include "Time.h"
-#include "ZOLCallbackException.h"
+#include "VconfString.h"
+#include "WorkerTask.h"
 #include "ZOLInformationStorage.h"
-#include "ZOLLog.h"
-#include "ZOLVconfString.h"
-#include "ZOLWorkerTask.h"
 #include "device_path.h"
 #include "device_paths.h"
 

@@ -6,9 +6,9 @@
 #include <new>
 #include <utility>
 
-#include "ZOLLog.h"
+#include "Log.h"
+#include "StoredNumber.h"
 #include "ZOLShiftedClock.h"
-#include "ZOLStoredNumber.h"
 
 namespace zol {
 namespace {

@@ -5,8 +5,8 @@
 #include <ctime>
 
 #include "CTimeUtil.h"
-#include "ZOLLog.h"
-#include "ZOLStoredNumber.h"
+#include "Log.h"
+#include "StoredNumber.h"
 
 namespace zol {
 namespace {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "IpcGio.h"
+#include "Gio.h"
 
 namespace zol::ipc {
 

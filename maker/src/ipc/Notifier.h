@@ -8,7 +8,7 @@
 #include <set>
 #include <thread>
 
-#include "IpcRound.h"
+#include "Round.h"
 
 namespace zol::ipc {
 

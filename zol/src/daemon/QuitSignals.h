@@ -5,8 +5,8 @@
 #include <array>
 #include <csignal>
 
+#include "CallbackException.h"
 #include "IDbus.h"
-#include "ZOLCallbackException.h"
 
 namespace zol_daemon {
 

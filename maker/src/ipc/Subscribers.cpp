@@ -1,4 +1,4 @@
-#include "IpcSubscribers.h"
+#include "Subscribers.h"
 
 #include <algorithm>
 

@@ -1,6 +1,6 @@
-#include "ZOLPolicyValidation.h"
+#include "PolicyValidation.h"
 
-#include "ZOLLog.h"
+#include "Log.h"
 
 namespace zol {
 namespace {

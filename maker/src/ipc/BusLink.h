@@ -2,7 +2,7 @@
 /// The server's place on the bus.
 #include <functional>
 
-#include "IpcGio.h"
+#include "Gio.h"
 
 namespace zol::ipc {
 

@@ -1,6 +1,6 @@
 #pragma once
 /// Waits for the bus that end in time, also when the bus has stopped reading.
-#include "IpcGio.h"
+#include "Gio.h"
 
 namespace zol::ipc {
 

@@ -1,4 +1,4 @@
-#include "ZOLLog.h"
+#include "Log.h"
 
 #include <array>
 #include <cstdarg>

@@ -1,4 +1,4 @@
-#include "KpiStore.h"
+#include "Store.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

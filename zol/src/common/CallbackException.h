@@ -2,7 +2,7 @@
 /// The wall between a C platform and what C++ may throw.
 #include <exception>
 
-#include "ZOLLog.h"
+#include "Log.h"
 
 namespace zol {
 

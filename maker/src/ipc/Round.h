@@ -5,7 +5,7 @@
 #include <mutex>
 #include <vector>
 
-#include "IpcSubscribers.h"
+#include "Subscribers.h"
 
 namespace zol::ipc {
 

@@ -1,4 +1,4 @@
-#include "ZOLWorkerTask.h"
+#include "WorkerTask.h"
 
 #include <array>
 #include <cstdio>

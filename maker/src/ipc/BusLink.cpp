@@ -1,10 +1,10 @@
-#include "IpcBusLink.h"
+#include "BusLink.h"
 
 #include <cstring>
 #include <string>
 #include <utility>
 
-#include "IpcBounded.h"
+#include "Bounded.h"
 
 namespace zol::ipc {
 namespace {

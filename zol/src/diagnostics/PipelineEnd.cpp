@@ -1,4 +1,4 @@
-#include "ZOLPipelineEnd.h"
+#include "PipelineEnd.h"
 
 #include <fcntl.h>
 #include <poll.h>

@@ -1,4 +1,4 @@
-#include "ZOLPolicyAttributes.h"
+#include "PolicyAttributes.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -1,4 +1,4 @@
-#include "IpcNotifier.h"
+#include "Notifier.h"
 
 #include <utility>
 

@@ -9,8 +9,8 @@
 #include <mutex>
 #include <string>
 
-#include "IpcNames.h"
 #include "MakerLog.h"
+#include "Names.h"
 
 namespace zol::ipc {
 

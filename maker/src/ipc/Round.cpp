@@ -1,4 +1,4 @@
-#include "IpcRound.h"
+#include "Round.h"
 
 #include <chrono>
 

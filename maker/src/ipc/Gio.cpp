@@ -1,8 +1,8 @@
-#include "IpcGio.h"
+#include "Gio.h"
 
 #include <stdexcept>
 
-#include "IpcIntrospection.h"
+#include "Introspection.h"
 
 namespace zol::ipc {
 

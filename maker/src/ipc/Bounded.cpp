@@ -1,4 +1,4 @@
-#include "IpcBounded.h"
+#include "Bounded.h"
 
 #include <functional>
 #include <string>

@@ -1,9 +1,9 @@
-#include "ZOLStoredNumber.h"
+#include "StoredNumber.h"
 
 #include <sstream>
 #include <string>
 
-#include "ZOLVconfString.h"
+#include "VconfString.h"
 
 namespace zol {
 
