@@ -1,0 +1,81 @@
+#include "base/atomic_file.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <utility>
+
+#include "base/folders.h"
+#include "base/system_error.h"
+#include "base/unique_fd.h"
+
+namespace base {
+
+ReplacementFile::ReplacementFile(std::string path) : m_path(std::move(path)), m_temporary(m_path + ".new") {}
+
+ReplacementFile::~ReplacementFile() {
+    m_file.reset();
+    if (m_isLeftOver) {
+        unlink(m_temporary.c_str());
+    }
+}
+
+std::error_code ReplacementFile::Open(mode_t mode) {
+    unlink(m_temporary.c_str());  // what a crash left behind, or somebody put there
+    UniqueFd fd(open(m_temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+    if (!fd) {
+        return LastError();
+    }
+    m_isLeftOver = true;
+    m_file.reset(fdopen(fd.Get(), "w"));
+    if (m_file == nullptr) {
+        return LastError();
+    }
+    static_cast<void>(fd.Release());  // the stream's from now on
+    // Unbuffered: nothing may be left for after the sync.
+    std::setvbuf(m_file.get(), nullptr, _IONBF, 0);
+    return {};
+}
+
+std::size_t ReplacementFile::Write(std::string_view content) {
+    return std::fwrite(content.data(), 1, content.size(), m_file.get());
+}
+
+std::error_code ReplacementFile::SetOwner(uid_t user, gid_t group) {
+    return ErrorUnless(fchown(fileno(m_file.get()), user, group) == 0);
+}
+
+std::error_code ReplacementFile::Sync() {
+    return ErrorUnless(fsync(fileno(m_file.get())) == 0);
+}
+
+std::error_code ReplacementFile::Close() {
+    return ErrorUnless(std::fclose(m_file.release()) == 0);
+}
+
+std::error_code ReplacementFile::Replace() {
+    if (rename(m_temporary.c_str(), m_path.c_str()) != 0) {
+        return LastError();
+    }
+    m_isLeftOver = false;
+    return SyncFolderOf(m_path);
+}
+
+std::error_code ReplaceFile(const std::string& path, std::string_view content, mode_t mode) {
+    ReplacementFile file(path);
+    if (const std::error_code error = file.Open(mode)) {
+        return error;
+    }
+    if (file.Write(content) != content.size()) {
+        return LastError();
+    }
+    if (const std::error_code error = file.Sync()) {
+        return error;
+    }
+    if (const std::error_code error = file.Close()) {
+        return error;
+    }
+    return file.Replace();
+}
+
+}  // namespace base

@@ -1,0 +1,167 @@
+#include "base/rotating_file.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "temp_folder.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+std::uint64_t g_now = 0;
+constexpr std::uint64_t kSecond = 1000000000;
+
+class RotatingFile : public testing::Test {
+protected:
+    RotatingFile() { g_now = 0; }
+
+    std::string Path(const std::string& name = "main.log") const { return m_root.Path() + "/log/" + name; }
+    std::string Read(const std::string& name = "main.log") const {
+        std::ifstream file(Path(name));
+        std::ostringstream text;
+        text << file.rdbuf();
+        return text.str();
+    }
+    base::RotatingFile Make(std::int64_t maxBytes = 1000) {
+        return {{m_root.Path() + "/", Path()},
+                {maxBytes, 2},
+                [] { return g_now; },
+                [this](const char* what, const std::error_code& error) {
+                    m_reports.push_back(std::string(what) + ": " + error.message());
+                }};
+    }
+
+    const TempFolder m_root;
+    std::vector<std::string> m_reports;
+};
+
+TEST_F(RotatingFile, IsMadeWithItsFolderAndAppendedTo) {
+    Make().Write("one\n");
+    Make().Write("two\n");
+    EXPECT_EQ(Read(), "one\ntwo\n");
+    struct stat status {};
+    ASSERT_EQ(stat(Path().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0640U);
+    EXPECT_TRUE(m_reports.empty());
+}
+
+TEST_F(RotatingFile, KeepsTwoOldFilesAndStaysWithinItsLimit) {
+    base::RotatingFile file = Make(10);
+    for (const char* line : {"longer than the limit\n", "123456789\n", "1\n", "2345678\n", "9\n"}) {
+        file.Write(line);
+    }
+    EXPECT_EQ(Read(), "9\n");
+    EXPECT_EQ(Read("main.1.log"), "1\n2345678\n");
+    EXPECT_EQ(Read("main.2.log"), "123456789\n");
+    EXPECT_FALSE(fs::exists(Path("main.3.log")));
+}
+
+TEST_F(RotatingFile, IsRotatedOnceForAllWhoWrite) {
+    base::RotatingFile one = Make(10);
+    base::RotatingFile other = Make(10);
+    one.Write("a\n");
+    other.Write("b23456789\n");
+    one.Write("c23456789\n");
+    other.Write("d23456789\n");
+    EXPECT_EQ(Read(), "d23456789\n");
+    EXPECT_EQ(Read("main.1.log"), "c23456789\n");
+    EXPECT_EQ(Read("main.2.log"), "b23456789\n");
+}
+
+TEST_F(RotatingFile, ComesBackAfterItWasDeletedWithItsFolder) {
+    base::RotatingFile file = Make();
+    file.Write("lost\n");
+    fs::remove(Path());
+    file.Write("one\n");
+    EXPECT_EQ(Read(), "one\n");
+    fs::remove_all(m_root.Path() + "/log");
+    file.Write("two\n");
+    EXPECT_EQ(Read(), "two\n");
+    EXPECT_TRUE(m_reports.empty());
+}
+
+TEST_F(RotatingFile, IsTriedAgainASecondLaterAndReportedOnce) {
+    std::ofstream(m_root.Path() + "/log") << "a file where a folder should be";
+    base::RotatingFile file = Make();
+    file.Write("lost\n");
+    fs::remove(m_root.Path() + "/log");
+    g_now = kSecond - 1;
+    file.Write("too early\n");
+    EXPECT_FALSE(fs::exists(Path()));
+    g_now = kSecond;
+    file.Write("written\n");
+    EXPECT_EQ(Read(), "written\n");
+    EXPECT_EQ(m_reports, std::vector<std::string>{"cannot be opened: Not a directory"});
+
+    fs::remove_all(m_root.Path() + "/log");
+    std::ofstream(m_root.Path() + "/log") << "again";
+    file.Write("lost\n");
+    EXPECT_EQ(m_reports.size(), 2U);
+}
+
+TEST_F(RotatingFile, IsNeitherALinkNorAPipe) {
+    const TempFolder elsewhere;
+    fs::create_directory(m_root.Path() + "/log");
+    fs::create_symlink(elsewhere.Path() + "/target", Path());
+    base::RotatingFile file = Make();
+    file.Write("lost\n");
+    EXPECT_TRUE(fs::is_empty(elsewhere.Path()));
+
+    fs::remove(Path());
+    ASSERT_EQ(mkfifo(Path().c_str(), 0644), 0);
+    g_now = kSecond;
+    file.Write("lost\n");
+    EXPECT_EQ(m_reports.size(), 1U);
+
+    fs::remove(Path());
+    g_now = 2 * kSecond;
+    file.Write("written\n");
+    EXPECT_EQ(Read(), "written\n");
+}
+
+TEST_F(RotatingFile, DoesNotWriteOnIntoAPipeThatTookItsPlace) {
+    base::RotatingFile file = Make();
+    file.Write("one\n");
+    fs::remove(Path());
+    ASSERT_EQ(mkfifo(Path().c_str(), 0644), 0);
+    file.Write("lost\n");
+    EXPECT_EQ(m_reports.size(), 1U);
+}
+
+TEST_F(RotatingFile, DoesNotGrowWhenItCannotBeRotated) {
+    base::RotatingFile file = Make(10);
+    file.Write("123456789\n");
+    std::ofstream(Path("main.1.log")) << "older";
+    fs::create_directory(Path("main.2.log"));
+    file.Write("lost\n");
+    EXPECT_EQ(Read(), "123456789\n");
+    ASSERT_EQ(m_reports.size(), 1U);
+    EXPECT_EQ(m_reports[0], "cannot be rotated: Is a directory");
+
+    fs::remove(Path("main.2.log"));
+    g_now = kSecond;
+    file.Write("written\n");
+    EXPECT_EQ(Read(), "written\n");
+}
+
+TEST_F(RotatingFile, IsFoundThroughALinkOfTheImage) {
+    chmod(m_root.Path().c_str(), 0755);
+    fs::create_symlink("/volatile", m_root.Path() + "/log");
+    base::RotatingFile file = Make();
+    file.Write("one\n");
+    file.Write("two\n");
+    std::ifstream written(m_root.Path() + "/volatile/main.log");
+    std::string line;
+    EXPECT_TRUE(std::getline(written, line) && std::getline(written, line));
+    EXPECT_EQ(line, "two");
+}
+
+}  // namespace
