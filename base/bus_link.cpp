@@ -1,0 +1,110 @@
+#include "base/bus_link.h"
+
+#include <utility>
+
+namespace base {
+namespace {
+
+constexpr unsigned kFirstRetryMs = 100;
+constexpr unsigned kLongestRetryMs = 30000;
+
+}  // namespace
+
+GStringPtr BusAddress(GBusType bus, GErrorPtr& error) {
+    return GStringPtr(g_dbus_address_get_for_bus_sync(bus, nullptr, OutError(error)));
+}
+
+BusLink::BusLink(GBusType bus, Callbacks callbacks)
+    : m_bus(bus),
+      m_callbacks(std::move(callbacks)),
+      m_context(g_main_context_ref_thread_default()),
+      m_cancellable(g_cancellable_new()),
+      m_backoff(kFirstRetryMs, kLongestRetryMs),
+      m_handle(this) {
+    Connect();
+}
+
+BusLink::~BusLink() {
+    m_isEnding = true;
+    g_cancellable_cancel(m_cancellable.get());
+    // A context that ends with its thread must not be left with an operation under way: each would keep the
+    // other alive. The default context outlives everybody, and its other work is not this destructor's to
+    // run.
+    while (m_isConnecting && m_context.get() != g_main_context_default()) {
+        g_main_context_iteration(m_context.get(), TRUE);
+    }
+    Drop();
+}
+
+void BusLink::Connect() {
+    GErrorPtr error;
+    const GStringPtr address = BusAddress(m_bus, error);
+    if (address == nullptr) {
+        OnFailed(ErrorText(error.get()));
+        return;
+    }
+    m_isConnecting = true;
+    g_dbus_connection_new_for_address(address.get(), kBusConnectionFlags, nullptr, m_cancellable.get(),
+                                      ConnectedCb, m_handle.Data());
+}
+
+void BusLink::ConnectedCb(GObject* /*source*/, GAsyncResult* result, gpointer data) noexcept {
+    GErrorPtr error;
+    GObjectPtr<GDBusConnection> connection(g_dbus_connection_new_for_address_finish(result, OutError(error)));
+    if (BusLink* self = CallbackHandle<BusLink>::Find(data)) {
+        self->m_isConnecting = false;
+        if (!self->m_isEnding) {
+            self->OnConnected(std::move(connection), error.get());
+        }
+    }
+}
+
+void BusLink::OnConnected(GObjectPtr<GDBusConnection> connection, const GError* error) {
+    if (connection == nullptr) {
+        OnFailed(ErrorText(error));
+        return;
+    }
+    g_dbus_connection_set_exit_on_close(connection.get(), FALSE);
+    if (g_dbus_connection_is_closed(connection.get()) != FALSE) {
+        OnFailed("closed while connecting");
+        return;
+    }
+    m_connection = std::move(connection);
+    m_closedHandler = g_signal_connect(m_connection.get(), "closed", G_CALLBACK(ClosedCb), m_handle.Data());
+    m_callbacks.connected();
+}
+
+void BusLink::OnFailed(const char* reason) {
+    RetryLater();
+    m_callbacks.failed(reason);
+}
+
+void BusLink::ClosedCb(GDBusConnection* /*connection*/, gboolean /*vanished*/, GError* error,
+                       gpointer data) noexcept {
+    if (BusLink* self = CallbackHandle<BusLink>::Find(data)) {
+        self->m_callbacks.lost(error != nullptr ? error->message : "connection closed");
+        self->Drop();
+        self->RetryLater();
+    }
+}
+
+void BusLink::RetryLater() {
+    m_retry = StartTimer(m_context.get(), m_backoff.Next(), RetryCb, m_handle.Data());
+}
+
+gboolean BusLink::RetryCb(gpointer data) noexcept {
+    if (BusLink* self = CallbackHandle<BusLink>::Find(data)) {
+        self->m_retry.reset();
+        self->Connect();
+    }
+    return G_SOURCE_REMOVE;
+}
+
+void BusLink::Drop() {
+    if (m_connection != nullptr) {
+        g_signal_handler_disconnect(m_connection.get(), m_closedHandler);
+        m_connection.reset();
+    }
+}
+
+}  // namespace base
