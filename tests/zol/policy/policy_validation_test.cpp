@@ -2,25 +2,18 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <string>
 
-#include "dlog.h"
-#include "fake_dlog.h"
-#include "fakes.h"
+#include "PolicyWords.h"
 
 namespace {
 
-using zol::IsMonitorPolicyValid;
-using zol::IsVconfPolicyValid;
+using zol::CheckMonitorPolicy;
+using zol::CheckVconfPolicy;
+using zol::EPolicyFault;
 using zol::ZOLPolicyMonitor;
 using zol::ZOLVconfMonitor;
-
-class Validation : public testing::Test {
-protected:
-    Validation() { fakes::Reset(); }
-};
-using VconfItems = Validation;
-using MonitorItems = Validation;
 
 ZOLVconfMonitor Item(const std::string& condition, const std::string& type) {
     ZOLVconfMonitor item;
@@ -46,139 +39,100 @@ ZOLPolicyMonitor Monitor(int type, int method, const std::string& id, const std:
     return item;
 }
 
-void ExpectRefused(const ZOLPolicyMonitor& item, const std::string& reason) {
-    fakes::dlog::Clear();
-    EXPECT_FALSE(IsMonitorPolicyValid(item));
-    ASSERT_EQ(fakes::dlog::Lines().size(), 1U);
-    EXPECT_TRUE(fakes::dlog::Has(reason)) << reason;
-    EXPECT_EQ(fakes::dlog::Find(reason).priority, DLOG_PRIORITY_ERROR);
-}
-
-TEST_F(Validation, WordsHaveTheirCodesAndAnyOtherWordHasZero) {
+TEST(PolicyWords, HaveTheirCodesAndAnyOtherWordHasZero) {
     const std::map<std::string, int> conditions{{"IS", 1},   {"NOT", 2},     {"GREATER", 3},
                                                 {"LESS", 4}, {"BETWEEN", 5}, {"is", 0},
                                                 {"", 0},     {"IS ", 0},     {"EQUALS", 0}};
     for (const auto& [word, code] : conditions) {
-        EXPECT_EQ(zol::CodeOf(zol::ConditionCodes(), word), code) << word;
+        EXPECT_EQ(zol::CodeOf(zol::kConditionWords, word), code) << word;
     }
     const std::map<std::string, int> types{{"INT", 1}, {"STRING", 2}, {"int", 0}, {"BOOL", 0}, {"", 0}};
     for (const auto& [word, code] : types) {
-        EXPECT_EQ(zol::CodeOf(zol::ValueTypeCodes(), word), code) << word;
+        EXPECT_EQ(zol::CodeOf(zol::kValueTypeWords, word), code) << word;
     }
 }
 
-TEST_F(VconfItems, AnUnknownConditionOrTypeIsRefusedWithoutALine) {
+TEST(VconfItems, AnUnknownConditionOrTypeIsRefused) {
     ZOLVconfMonitor item = Item("is", "INT");
     item.intValue = 3;
-    EXPECT_FALSE(IsVconfPolicyValid(item));
+    EXPECT_EQ(CheckVconfPolicy(item), EPolicyFault::CONDITION);
     item = Item("IS", "FLOAT");
     item.intValue = 3;
     item.strValue = "x";
-    EXPECT_FALSE(IsVconfPolicyValid(item));
-
-    EXPECT_TRUE(fakes::dlog::Lines().empty());
+    EXPECT_EQ(CheckVconfPolicy(item), EPolicyFault::VALUE_TYPE);
+    item = Item("is", "FLOAT");
+    EXPECT_EQ(CheckVconfPolicy(item), EPolicyFault::CONDITION) << "the first fault counts";
 }
 
-TEST_F(VconfItems, GreaterWithABoundButNoIntegerValueIsRefused) {
+TEST(VconfItems, GreaterWithABoundButNoIntegerValueIsRefused) {
     ZOLVconfMonitor item = Item("GREATER", "INT");
     item.greater = 10;
-    EXPECT_FALSE(IsVconfPolicyValid(item));
+    EXPECT_EQ(CheckVconfPolicy(item), EPolicyFault::NO_INT_VALUE);
 }
 
-TEST_F(VconfItems, EveryIntegerConditionButBetweenNeedsAnIntegerValue) {
+TEST(VconfItems, EveryIntegerConditionButBetweenNeedsAnIntegerValue) {
     for (const char* condition : {"IS", "NOT", "GREATER", "LESS"}) {
         ZOLVconfMonitor item = Item(condition, "INT");
-        EXPECT_FALSE(IsVconfPolicyValid(item)) << condition;
+        EXPECT_EQ(CheckVconfPolicy(item), EPolicyFault::NO_INT_VALUE) << condition;
         item.intValue = 0;
-        EXPECT_TRUE(IsVconfPolicyValid(item)) << condition;
+        EXPECT_EQ(CheckVconfPolicy(item), EPolicyFault::NONE) << condition;
         item.intValue = -2;
-        EXPECT_TRUE(IsVconfPolicyValid(item)) << condition;
+        EXPECT_EQ(CheckVconfPolicy(item), EPolicyFault::NONE) << condition;
     }
 }
 
-TEST_F(VconfItems, BetweenIsKeptUnlessBothBoundsAreMissing) {
-    EXPECT_TRUE(IsVconfPolicyValid(Between(-1, 7)));
-    EXPECT_TRUE(IsVconfPolicyValid(Between(7, -1)));
-    EXPECT_TRUE(IsVconfPolicyValid(Between(5, 15)));
-    EXPECT_FALSE(IsVconfPolicyValid(Between(-1, -1)));
+TEST(VconfItems, BetweenIsKeptUnlessBothBoundsAreMissing) {
+    EXPECT_EQ(CheckVconfPolicy(Between(-1, 7)), EPolicyFault::NONE);
+    EXPECT_EQ(CheckVconfPolicy(Between(7, -1)), EPolicyFault::NONE);
+    EXPECT_EQ(CheckVconfPolicy(Between(5, 15)), EPolicyFault::NONE);
+    EXPECT_EQ(CheckVconfPolicy(Between(-1, -1)), EPolicyFault::NO_BOUNDS);
 }
 
-TEST_F(VconfItems, AStringWithoutAValueIsRefused) {
-    EXPECT_FALSE(IsVconfPolicyValid(Item("IS", "STRING")));
-    EXPECT_FALSE(IsVconfPolicyValid(Item("NOT", "STRING")));
+TEST(VconfItems, AStringWithoutAValueIsRefused) {
+    EXPECT_EQ(CheckVconfPolicy(Item("IS", "STRING")), EPolicyFault::NO_STR_VALUE);
+    EXPECT_EQ(CheckVconfPolicy(Item("NOT", "STRING")), EPolicyFault::NO_STR_VALUE);
 }
 
-TEST_F(VconfItems, AStringCanOnlyBeOrNotBeAValue) {
+TEST(VconfItems, AStringCanOnlyBeOrNotBeAValue) {
     for (const char* condition : {"IS", "NOT", "GREATER", "LESS", "BETWEEN"}) {
         ZOLVconfMonitor item = Item(condition, "STRING");
         item.strValue = "on";
         item.intValue = item.greater = item.less = 5;
         const bool isComparable = condition == std::string("IS") || condition == std::string("NOT");
-        EXPECT_EQ(IsVconfPolicyValid(item), isComparable) << condition;
+        EXPECT_EQ(CheckVconfPolicy(item), isComparable ? EPolicyFault::NONE : EPolicyFault::STRING_CONDITION)
+            << condition;
     }
 }
 
-TEST_F(VconfItems, AnEmptyStringIsAValue) {
+TEST(VconfItems, AnEmptyStringIsAValue) {
     ZOLVconfMonitor item = Item("IS", "STRING");
     item.strValue = "";
-    EXPECT_TRUE(IsVconfPolicyValid(item));
+    EXPECT_EQ(CheckVconfPolicy(item), EPolicyFault::NONE);
 }
 
-TEST_F(VconfItems, AcceptanceIsLogged) {
-    EXPECT_TRUE(IsVconfPolicyValid(Between(5, 15)));
-    EXPECT_EQ(fakes::dlog::Count("bye"), 1);
-    EXPECT_EQ(fakes::dlog::Find("bye").priority, DLOG_PRIORITY_ERROR);
+TEST(MonitorItems, EachTypeTakesItsOwnMethods) {
+    EXPECT_EQ(CheckMonitorPolicy(Monitor(1, 11, "org.app", "App")), EPolicyFault::NONE);
+    EXPECT_EQ(CheckMonitorPolicy(Monitor(2, 21, "org.app", "App")), EPolicyFault::NONE);
+    EXPECT_EQ(CheckMonitorPolicy(Monitor(3, 31, "", "")), EPolicyFault::NONE);
+    EXPECT_EQ(CheckMonitorPolicy(Monitor(3, 32, "", "")), EPolicyFault::NONE);
 }
 
-TEST_F(MonitorItems, EachTypeTakesItsOwnMethods) {
-    EXPECT_TRUE(IsMonitorPolicyValid(Monitor(1, 11, "org.app", "App")));
-    EXPECT_TRUE(IsMonitorPolicyValid(Monitor(2, 21, "org.app", "App")));
-    EXPECT_TRUE(IsMonitorPolicyValid(Monitor(3, 31, "", "")));
-    EXPECT_TRUE(IsMonitorPolicyValid(Monitor(3, 32, "", "")));
+TEST(MonitorItems, AnApplicationMonitorLacksMethodThenIdThenName) {
+    EXPECT_EQ(CheckMonitorPolicy(Monitor(1, 21, "", "")), EPolicyFault::APP_INSTALL_METHOD);
+    EXPECT_EQ(CheckMonitorPolicy(Monitor(1, 11, "", "")), EPolicyFault::NO_ID);
+    EXPECT_EQ(CheckMonitorPolicy(Monitor(1, 11, "org.app", "")), EPolicyFault::NO_NAME);
+    EXPECT_EQ(CheckMonitorPolicy(Monitor(2, 11, "", "")), EPolicyFault::APP_LAUNCH_METHOD);
+    EXPECT_EQ(CheckMonitorPolicy(Monitor(2, 21, "", "App")), EPolicyFault::NO_ID);
+    EXPECT_EQ(CheckMonitorPolicy(Monitor(2, 21, "org.app", "")), EPolicyFault::NO_NAME);
 }
 
-TEST_F(MonitorItems, APairingMonitorWithAnotherMethodIsRefusedWithTheMethod) {
-    ExpectRefused(Monitor(3, 33, "", ""), "ZOL_BT_PAIR, method is not valid [33]");
+TEST(MonitorItems, APairingMonitorWithAnotherMethodIsRefused) {
+    EXPECT_EQ(CheckMonitorPolicy(Monitor(3, 33, "", "")), EPolicyFault::BT_PAIR_METHOD);
 }
 
-TEST_F(MonitorItems, AnInstallMonitorSaysWhatItLacksMethodFirst) {
-    ExpectRefused(Monitor(1, 21, "", ""), "APP_INSTALL, method is not valid [21]");
-    ExpectRefused(Monitor(1, 11, "", ""), "APP_INSTALL, id is null or empty.");
-    ExpectRefused(Monitor(1, 11, "org.app", ""), "APP_INSTALL, name is null or empty.");
-}
-
-TEST_F(MonitorItems, ALaunchMonitorSaysWhatItLacksInTheWordsOfAnInstall) {
-    ExpectRefused(Monitor(2, 11, "", ""), "APP_LAUNCH, method is not valid [11]");
-    ExpectRefused(Monitor(2, 21, "", "App"), "APP_INSTALL, id is null or empty.");
-    ExpectRefused(Monitor(2, 21, "org.app", ""), "APP_INSTALL, name is null or empty.");
-}
-
-TEST_F(MonitorItems, AnUnknownTypeIsRefusedWithItsNumber) {
-    ExpectRefused(Monitor(0, 11, "org.app", "App"), "MonitoringType is not valid [0]");
-    ExpectRefused(Monitor(-7, 11, "org.app", "App"), "MonitoringType is not valid [-7]");
-}
-
-TEST_F(MonitorItems, AnAcceptedOneIsLoggedBetweenTwoEmptyLines) {
-    ZOLPolicyMonitor item = Monitor(1, 11, "org.app", "App");
-    item.duration = 60;
-    item.repetition = 3;
-    ASSERT_TRUE(IsMonitorPolicyValid(item));
-
-    const char* const expected[] = {"> ",
-                                    "> type : 1",
-                                    "> Id : org.app",
-                                    "> Name : App",
-                                    "> method : 11",
-                                    "> duration : 60",
-                                    "> reptition : 3",
-                                    "> "};
-    const auto lines = fakes::dlog::Lines();
-    ASSERT_EQ(lines.size(), 8U);
-    for (std::size_t line = 0; line < lines.size(); ++line) {
-        const std::string& text = lines[line].text;
-        EXPECT_EQ(text.substr(text.find("> ")), expected[line]);
-        EXPECT_EQ(lines[line].priority, DLOG_PRIORITY_INFO);
-    }
+TEST(MonitorItems, AnUnknownTypeIsRefused) {
+    EXPECT_EQ(CheckMonitorPolicy(Monitor(0, 11, "org.app", "App")), EPolicyFault::MONITORING_TYPE);
+    EXPECT_EQ(CheckMonitorPolicy(Monitor(-7, 11, "org.app", "App")), EPolicyFault::MONITORING_TYPE);
 }
 
 }  // namespace

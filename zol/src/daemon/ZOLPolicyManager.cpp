@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <boost/filesystem/operations.hpp>
 #include <boost/thread/exceptions.hpp>
@@ -12,12 +11,13 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
-#include <map>
 #include <utility>
 
 #include "IControl.h"
 #include "IDbus.h"
 #include "Log.h"
+#include "PolicyValidation.h"
+#include "PolicyWords.h"
 #include "ReplacementFile.h"
 #include "TCDirsManager.h"
 #include "ZOLCVLogger.h"
@@ -100,21 +100,6 @@ bool ReadPolicy(const std::string& path, std::string& text) {
     return true;
 }
 
-/// @param caller the function that the log names for each item removed
-template <typename Item, typename Check>
-void RemoveInvalid(const char* caller, unsigned& count, std::vector<Item>& items, Check isValid) {
-    const auto isRefused = [&](const Item& item) {
-        if (isValid(item)) {
-            return false;
-        }
-        WriteLog(LOG_ERROR, kLogModule, __FILE__, caller, __LINE__, "removed");
-        return true;
-    };
-    items.erase(std::remove_if(items.begin(), items.end(), isRefused), items.end());
-    count = static_cast<unsigned>(items.size());
-    TCInformationStorage::Instance()->SetZOLMonitorInformation(count, items);
-}
-
 }  // namespace
 
 /// What watches one policy. Those that report go before the one they report to.
@@ -124,12 +109,8 @@ struct TCPolicyManager::TSPolicyTasks {
     std::unique_ptr<TCVconfChecker> checker;
 };
 
-TCPolicyManager::TSCodes TCPolicyManager::m_Init() {
-    return {ConditionCodes(), ValueTypeCodes()};
-}
-
 TCPolicyManager::TCPolicyManager(TCShiftedClock& clock, IDbusServer* server, TCCVLogger* logger)
-    : m_codes(m_Init()), m_server(server), m_scheduler([this] { RemovePolicy(); }, clock), m_logger(logger) {
+    : m_server(server), m_scheduler([this] { RemovePolicy(); }, clock), m_logger(logger) {
     try {
         TCDirsManager::Initialize();
     } catch (const boost::thread_interrupted&) {
@@ -306,29 +287,83 @@ bool TCPolicyManager::m_CreateTasks(const std::vector<ZOLVconfMonitor>& vconfIte
 }
 
 void TCPolicyManager::m_RemoveInvalidVconfPolicy(unsigned& count, std::vector<ZOLVconfMonitor>& items) {
-    RemoveInvalid(__func__, count, items,
-                  [this](const ZOLVconfMonitor& item) { return m_CheckThisVconfPolicy(item); });
+    std::vector<ZOLVconfMonitor> valid;
+    for (ZOLVconfMonitor& item : items) {
+        if (m_CheckThisVconfPolicy(item)) {
+            valid.push_back(std::move(item));
+        } else {
+            ZOL_LOG(LOG_ERROR, "removed");
+        }
+    }
+    items = std::move(valid);
+    count = static_cast<unsigned>(items.size());
+    TCInformationStorage::Instance()->SetZOLMonitorInformation(count, items);
 }
 
 void TCPolicyManager::m_RemoveInvalidMonitorPolicy(unsigned& count, std::vector<ZOLPolicyMonitor>& items) {
-    RemoveInvalid(__func__, count, items,
-                  [this](const ZOLPolicyMonitor& item) { return m_CheckThisMonitorPolicy(item); });
+    std::vector<ZOLPolicyMonitor> valid;
+    for (ZOLPolicyMonitor& item : items) {
+        if (m_CheckThisMonitorPolicy(item)) {
+            valid.push_back(std::move(item));
+        } else {
+            ZOL_LOG(LOG_ERROR, "removed");
+        }
+    }
+    items = std::move(valid);
+    count = static_cast<unsigned>(items.size());
+    TCInformationStorage::Instance()->SetZOLMonitorInformation(count, items);
 }
 
-bool TCPolicyManager::m_CheckThisVconfPolicy(const ZOLVconfMonitor& item) const {
-    return IsVconfPolicyValid(item, m_GetCondition(item.condition), m_GetValueType(item.type));
+bool TCPolicyManager::m_CheckThisVconfPolicy(const ZOLVconfMonitor& item) {
+    if (CheckVconfPolicy(item, m_GetCondition(item.condition), m_GetValueType(item.type)) !=
+        EPolicyFault::NONE) {
+        return false;
+    }
+    ZOL_LOG(LOG_ERROR, "bye");
+    return true;
 }
 
-bool TCPolicyManager::m_CheckThisMonitorPolicy(const ZOLPolicyMonitor& item) const {
-    return IsMonitorPolicyValid(item);
+bool TCPolicyManager::m_CheckThisMonitorPolicy(const ZOLPolicyMonitor& item) {
+    switch (CheckMonitorPolicy(item)) {
+        case EPolicyFault::NONE:
+            break;
+        case EPolicyFault::APP_INSTALL_METHOD:
+            ZOL_LOG(LOG_ERROR, "APP_INSTALL, method is not valid [%d]", item.method);
+            return false;
+        case EPolicyFault::APP_LAUNCH_METHOD:
+            ZOL_LOG(LOG_ERROR, "APP_LAUNCH, method is not valid [%d]", item.method);
+            return false;
+        case EPolicyFault::BT_PAIR_METHOD:
+            ZOL_LOG(LOG_ERROR, "ZOL_BT_PAIR, method is not valid [%d]", item.method);
+            return false;
+        // Launch monitors are reported under the same words.
+        case EPolicyFault::NO_ID:
+            ZOL_LOG(LOG_ERROR, "APP_INSTALL, id is null or empty.");
+            return false;
+        case EPolicyFault::NO_NAME:
+            ZOL_LOG(LOG_ERROR, "APP_INSTALL, name is null or empty.");
+            return false;
+        default:
+            ZOL_LOG(LOG_ERROR, "MonitoringType is not valid [%d]", item.type);
+            return false;
+    }
+    ZOL_LOG(LOG_INFO, "%s", "");
+    ZOL_LOG(LOG_INFO, "type : %d", item.type);
+    ZOL_LOG(LOG_INFO, "Id : %s", item.id.c_str());
+    ZOL_LOG(LOG_INFO, "Name : %s", item.name.c_str());
+    ZOL_LOG(LOG_INFO, "method : %d", item.method);
+    ZOL_LOG(LOG_INFO, "duration : %d", item.duration);
+    ZOL_LOG(LOG_INFO, "reptition : %d", item.repetition);
+    ZOL_LOG(LOG_INFO, "%s", "");
+    return true;
 }
 
-std::int32_t TCPolicyManager::m_GetCondition(const std::string& word) const {
-    return CodeOf(m_codes.conditions, word);
+std::int32_t TCPolicyManager::m_GetCondition(const std::string& word) {
+    return CodeOf(kConditionWords, word);
 }
 
-std::int32_t TCPolicyManager::m_GetValueType(const std::string& word) const {
-    return CodeOf(m_codes.valueTypes, word);
+std::int32_t TCPolicyManager::m_GetValueType(const std::string& word) {
+    return CodeOf(kValueTypeWords, word);
 }
 
 bool TCPolicyManager::m_GetCorvelPolicy() {

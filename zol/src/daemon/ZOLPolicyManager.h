@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "PolicyValidation.h"
 #include "ZOLPolicy.h"
 #include "ZOLScheduler.h"
 
@@ -64,31 +63,25 @@ public:
     bool NotifyPowerOff();
 
 private:
-    struct TSCodes {
-        TCCodeMap conditions;
-        TCCodeMap valueTypes;
-    };
     struct TSPolicyTasks;
 
-    static TSCodes m_Init();
     bool m_ApplyUpdate(const ZOLPolicy& policy);
     bool m_Store(const std::string& xml);
     void m_UpdateScheduler(const ZOLPolicy& policy, bool isNewPolicy);
     void m_CreatePolicyThread(int start);
     bool m_CreateTasks(const std::vector<ZOLVconfMonitor>& vconfItems, bool hasMonitors);
-    void m_RemoveInvalidVconfPolicy(unsigned& count, std::vector<ZOLVconfMonitor>& items);
-    void m_RemoveInvalidMonitorPolicy(unsigned& count, std::vector<ZOLPolicyMonitor>& items);
-    bool m_CheckThisVconfPolicy(const ZOLVconfMonitor& item) const;
-    bool m_CheckThisMonitorPolicy(const ZOLPolicyMonitor& item) const;
+    static void m_RemoveInvalidVconfPolicy(unsigned& count, std::vector<ZOLVconfMonitor>& items);
+    static void m_RemoveInvalidMonitorPolicy(unsigned& count, std::vector<ZOLPolicyMonitor>& items);
+    static bool m_CheckThisVconfPolicy(const ZOLVconfMonitor& item);
+    static bool m_CheckThisMonitorPolicy(const ZOLPolicyMonitor& item);
+    static std::int32_t m_GetCondition(const std::string& word);
+    static std::int32_t m_GetValueType(const std::string& word);
     bool m_GetCorvelPolicy();
     void m_SetCorvelPolicy(bool isRunning);
     void m_SetPowerOnPrepared(bool isPrepared);
     void m_LogCurrentPolicy();
-    std::int32_t m_GetCondition(const std::string& word) const;
-    std::int32_t m_GetValueType(const std::string& word) const;
 
     // The scheduler goes first, so that no expiry finds a manager half gone, then the tasks.
-    const TSCodes m_codes;
     IDbusServer* const m_server;
     std::vector<std::unique_ptr<TSPolicyTasks>> m_tasks;  ///< one set per policy applied
     TCScheduler m_scheduler;

@@ -1,135 +1,71 @@
 #include "PolicyValidation.h"
 
-#include "Log.h"
+#include "PolicyWords.h"
 
 namespace zol {
 namespace {
 
-constexpr const char* kLogModule = "zol::TCPolicyManager";
 constexpr std::int32_t kNoNumber = -1;
 constexpr const char* kNoText = "null";
 
-bool IsApplicationNamed(const ZOLPolicyMonitor& item) {
-    // Launch monitors are reported under the same words.
-    if (item.id.empty()) {
-        ZOL_LOG(LOG_ERROR, "APP_INSTALL, id is null or empty.");
-        return false;
-    }
-    if (item.name.empty()) {
-        ZOL_LOG(LOG_ERROR, "APP_INSTALL, name is null or empty.");
-        return false;
-    }
-    return true;
-}
-
-bool IsAppInstallValid(const ZOLPolicyMonitor& item) {
-    if (item.method != METHOD_APP_INSTALL) {
-        ZOL_LOG(LOG_ERROR, "APP_INSTALL, method is not valid [%d]", item.method);
-        return false;
-    }
-    return IsApplicationNamed(item);
-}
-
-bool IsAppLaunchValid(const ZOLPolicyMonitor& item) {
-    if (item.method != METHOD_APP_LAUNCH) {
-        ZOL_LOG(LOG_ERROR, "APP_LAUNCH, method is not valid [%d]", item.method);
-        return false;
-    }
-    return IsApplicationNamed(item);
-}
-
-bool IsBtPairValid(const ZOLPolicyMonitor& item) {
-    if (item.method != METHOD_BT_COUNTING && item.method != METHOD_BT_LAST_CONNECTED) {
-        ZOL_LOG(LOG_ERROR, "ZOL_BT_PAIR, method is not valid [%d]", item.method);
-        return false;
-    }
-    return true;
-}
-
-bool IsTypeAndMethodValid(const ZOLPolicyMonitor& item) {
-    switch (item.type) {
-        case APP_INSTALL:
-            return IsAppInstallValid(item);
-        case APP_LAUNCH:
-            return IsAppLaunchValid(item);
-        case ZOL_BT_PAIR:
-            return IsBtPairValid(item);
-        default:
-            ZOL_LOG(LOG_ERROR, "MonitoringType is not valid [%d]", item.type);
-            return false;
-    }
-}
-
 // GREATER and LESS compare with intValue too, so the bounds say nothing about them.
-bool IsIntItemValid(const ZOLVconfMonitor& item, std::int32_t condition) {
+EPolicyFault CheckInt(const ZOLVconfMonitor& item, std::int32_t condition) {
     if (condition == CONDITION_BETWEEN) {
-        return (item.greater & item.less) != kNoNumber;
+        return (item.greater & item.less) != kNoNumber ? EPolicyFault::NONE : EPolicyFault::NO_BOUNDS;
     }
-    return item.intValue != kNoNumber;
+    return item.intValue != kNoNumber ? EPolicyFault::NONE : EPolicyFault::NO_INT_VALUE;
 }
 
-bool IsStringItemValid(const ZOLVconfMonitor& item, std::int32_t condition) {
-    return (condition == CONDITION_IS || condition == CONDITION_NOT) && item.strValue != kNoText;
+EPolicyFault CheckString(const ZOLVconfMonitor& item, std::int32_t condition) {
+    if (condition != CONDITION_IS && condition != CONDITION_NOT) {
+        return EPolicyFault::STRING_CONDITION;
+    }
+    return item.strValue != kNoText ? EPolicyFault::NONE : EPolicyFault::NO_STR_VALUE;
 }
 
-bool HasComparableValue(const ZOLVconfMonitor& item, std::int32_t condition, std::int32_t valueType) {
-    switch (valueType) {
-        case VALUE_TYPE_INT:
-            return IsIntItemValid(item, condition);
-        case VALUE_TYPE_STRING:
-            return IsStringItemValid(item, condition);
-        default:
-            return false;
+EPolicyFault CheckApplication(const ZOLPolicyMonitor& item) {
+    if (item.id.empty()) {
+        return EPolicyFault::NO_ID;
     }
+    return item.name.empty() ? EPolicyFault::NO_NAME : EPolicyFault::NONE;
 }
 
 }  // namespace
 
-const TCCodeMap& ConditionCodes() {
-    static const TCCodeMap codes{{"IS", CONDITION_IS},
-                                 {"NOT", CONDITION_NOT},
-                                 {"GREATER", CONDITION_GREATER},
-                                 {"LESS", CONDITION_LESS},
-                                 {"BETWEEN", CONDITION_BETWEEN}};
-    return codes;
-}
-
-const TCCodeMap& ValueTypeCodes() {
-    static const TCCodeMap codes{{"INT", VALUE_TYPE_INT}, {"STRING", VALUE_TYPE_STRING}};
-    return codes;
-}
-
-std::int32_t CodeOf(const TCCodeMap& codes, const std::string& word) {
-    const auto found = codes.find(word);
-    return found != codes.end() ? found->second : 0;
-}
-
-bool IsVconfPolicyValid(const ZOLVconfMonitor& item, std::int32_t condition, std::int32_t valueType) {
-    if (condition == CONDITION_UNKNOWN || !HasComparableValue(item, condition, valueType)) {
-        return false;
+EPolicyFault CheckVconfPolicy(const ZOLVconfMonitor& item, std::int32_t condition, std::int32_t valueType) {
+    if (condition == CONDITION_UNKNOWN) {
+        return EPolicyFault::CONDITION;
     }
-    ZOL_LOG(LOG_ERROR, "bye");
-    return true;
-}
-
-bool IsVconfPolicyValid(const ZOLVconfMonitor& item) {
-    return IsVconfPolicyValid(item, CodeOf(ConditionCodes(), item.condition),
-                              CodeOf(ValueTypeCodes(), item.type));
-}
-
-bool IsMonitorPolicyValid(const ZOLPolicyMonitor& item) {
-    if (!IsTypeAndMethodValid(item)) {
-        return false;
+    switch (valueType) {
+        case VALUE_TYPE_INT:
+            return CheckInt(item, condition);
+        case VALUE_TYPE_STRING:
+            return CheckString(item, condition);
+        default:
+            return EPolicyFault::VALUE_TYPE;
     }
-    ZOL_LOG(LOG_INFO, "%s", "");
-    ZOL_LOG(LOG_INFO, "type : %d", item.type);
-    ZOL_LOG(LOG_INFO, "Id : %s", item.id.c_str());
-    ZOL_LOG(LOG_INFO, "Name : %s", item.name.c_str());
-    ZOL_LOG(LOG_INFO, "method : %d", item.method);
-    ZOL_LOG(LOG_INFO, "duration : %d", item.duration);
-    ZOL_LOG(LOG_INFO, "reptition : %d", item.repetition);
-    ZOL_LOG(LOG_INFO, "%s", "");
-    return true;
+}
+
+EPolicyFault CheckVconfPolicy(const ZOLVconfMonitor& item) {
+    return CheckVconfPolicy(item, CodeOf(kConditionWords, item.condition),
+                            CodeOf(kValueTypeWords, item.type));
+}
+
+EPolicyFault CheckMonitorPolicy(const ZOLPolicyMonitor& item) {
+    switch (item.type) {
+        case APP_INSTALL:
+            return item.method == METHOD_APP_INSTALL ? CheckApplication(item)
+                                                     : EPolicyFault::APP_INSTALL_METHOD;
+        case APP_LAUNCH:
+            return item.method == METHOD_APP_LAUNCH ? CheckApplication(item)
+                                                    : EPolicyFault::APP_LAUNCH_METHOD;
+        case ZOL_BT_PAIR:
+            return item.method == METHOD_BT_COUNTING || item.method == METHOD_BT_LAST_CONNECTED
+                       ? EPolicyFault::NONE
+                       : EPolicyFault::BT_PAIR_METHOD;
+        default:
+            return EPolicyFault::MONITORING_TYPE;
+    }
 }
 
 }  // namespace zol

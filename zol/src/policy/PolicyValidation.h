@@ -1,32 +1,36 @@
 #pragma once
-/// Which items of a parsed policy are fit to be watched. Stateless; any thread.
+/// Which items of a parsed policy are fit to be watched, and why the others are not. Stateless, logs nothing;
+/// any thread.
 #include <cstdint>
-#include <map>
-#include <string>
 
 #include "ZOLPolicy.h"
 
 namespace zol {
 
-using TCCodeMap = std::map<std::string, std::int32_t>;
+/// What is wrong with an item; of several faults the first in the order of the checks.
+enum class EPolicyFault {
+    NONE,
+    CONDITION,         ///< no condition word
+    VALUE_TYPE,        ///< no value type word
+    NO_INT_VALUE,      ///< an INT that is not compared with bounds lacks an intValue other than -1
+    NO_BOUNDS,         ///< both bounds of an INT BETWEEN are -1
+    STRING_CONDITION,  ///< a STRING can only be, or not be, a value
+    NO_STR_VALUE,      ///< a STRING lacks a strValue other than "null"
+    MONITORING_TYPE,   ///< no EMonitoringType
+    APP_INSTALL_METHOD,
+    APP_LAUNCH_METHOD,
+    BT_PAIR_METHOD,
+    NO_ID,   ///< an application monitor lacks the application's id
+    NO_NAME  ///< an application monitor lacks the application's name
+};
 
-/// The condition words with their ECondition codes.
-const TCCodeMap& ConditionCodes();
-/// The value type words with their EValueType codes.
-const TCCodeMap& ValueTypeCodes();
+/// Checks condition and value type first, then that the value which the condition compares with is given.
+[[nodiscard]] EPolicyFault CheckVconfPolicy(const ZOLVconfMonitor& item);
+/// The same for codes that the caller has looked up: an ECondition and an EValueType.
+[[nodiscard]] EPolicyFault CheckVconfPolicy(const ZOLVconfMonitor& item, std::int32_t condition,
+                                            std::int32_t valueType);
 
-/// The code of `word`, matched to the letter; 0 when the map does not hold it.
-std::int32_t CodeOf(const TCCodeMap& codes, const std::string& word);
-
-/// True when a vconf item of these codes can be watched: a known condition and type, and the value that the
-/// condition compares with is given. INT: BETWEEN takes any pair of bounds but -1 with -1, the others take
-/// any intValue but -1. STRING: IS and NOT with a strValue other than "null". Logs "bye" when it accepts.
-bool IsVconfPolicyValid(const ZOLVconfMonitor& item, std::int32_t condition, std::int32_t valueType);
-/// The same, with the codes looked up in ConditionCodes and ValueTypeCodes.
-bool IsVconfPolicyValid(const ZOLVconfMonitor& item);
-
-/// True when the method fits the monitor's type and, for applications, id and name are given. Logs the
-/// reason when it refuses, and the item when it accepts.
-bool IsMonitorPolicyValid(const ZOLPolicyMonitor& item);
+/// Checks type, method, id and name, in this order; the last two for applications only.
+[[nodiscard]] EPolicyFault CheckMonitorPolicy(const ZOLPolicyMonitor& item);
 
 }  // namespace zol

@@ -6,7 +6,7 @@
 
 namespace zol {
 
-/// How a vconf item compares the key's value. Words map to codes in ConditionCode.
+/// How a vconf item compares the key's value. PolicyWords.h has the words.
 enum ECondition {
     CONDITION_UNKNOWN = 0,
     CONDITION_IS = 1,       ///< value == intValue, or text equals strValue

@@ -12,6 +12,7 @@
 
 #include "Log.h"
 #include "PolicyAttributes.h"
+#include "PolicyWords.h"
 
 namespace zol {
 namespace {
@@ -70,6 +71,18 @@ struct FreeParser {
     void operator()(XML_Parser parser) const { XML_ParserFree(parser); }
 };
 using ParserPtr = std::unique_ptr<std::remove_pointer_t<XML_Parser>, FreeParser>;
+
+/// What an element does not carry keeps the default of the record.
+template <typename Item, std::size_t N>
+void Fill(Item& item, const std::array<TSItemAttribute<Item>, N>& known, const TCAttributes& attributes) {
+    for (const TSItemAttribute<Item>& attribute : known) {
+        if (attribute.text != nullptr) {
+            attributes.GetValue(attribute.name, item.*attribute.text);
+        } else {
+            attributes.GetValue(attribute.name, item.*attribute.number);
+        }
+    }
+}
 
 }  // namespace
 
@@ -267,13 +280,7 @@ void TCPolicyParser::m_HandleMonitorInfoTag(ZOLPolicy& policy, const TCAttribute
 
 void TCPolicyParser::m_HandleZolsTag(ZOLPolicy& policy, const TCAttributes& attributes) {
     ZOLVconfMonitor item;
-    attributes.GetValue("key", item.key);
-    attributes.GetValue("condition", item.condition);
-    attributes.GetValue("intvalue", item.intValue);
-    attributes.GetValue("greater", item.greater);
-    attributes.GetValue("less", item.less);
-    attributes.GetValue("strvalue", item.strValue);
-    attributes.GetValue("type", item.type);
+    Fill(item, kVconfAttributes, attributes);
     ZOL_LOG(LOG_ERROR, "key[%s], condition[%s], type[%s], intValue[%d], strValue[%s], greater[%d], less[%d]",
             item.key.c_str(), item.condition.c_str(), item.type.c_str(), item.intValue, item.strValue.c_str(),
             item.greater, item.less);
@@ -288,13 +295,7 @@ void TCPolicyParser::m_HandleDurationTag(ZOLPolicy& policy, const TCAttributes& 
 
 void TCPolicyParser::m_HandleMonitorTag(ZOLPolicy& policy, const TCAttributes& attributes) {
     ZOLPolicyMonitor item;
-    attributes.GetValue("kind", item.type);
-    attributes.GetValue("id", item.id);
-    attributes.GetValue("name", item.name);
-    attributes.GetValue("method", item.method);
-    attributes.GetValue("duration", item.duration);
-    attributes.GetValue("repetition", item.repetition);
-    attributes.GetValue("reserve1", item.reserve1);
+    Fill(item, kMonitorAttributes, attributes);
     ZOL_LOG(LOG_ERROR,
             "MONITOR_TYPE[%d] MONITOR_ID[%s] MONITOR_NAME[%s] MONITOR_METHOD[%d] MONITOR_DURATION[%d] "
             "MONITOR_REPETITION[%d] reserve1[%s]",
