@@ -213,10 +213,10 @@ bool Wanted(unsigned type) {
 __attribute__((noinline, format(printf, 4, 0))) void Emit(ELogWay way, unsigned type, int sequenceWidth,
                                                           const char* format, va_list arguments) {
     const auto lineType = static_cast<ELogType>(type);
-    timespec now{};
+    platform_time_t now{};
     platform_clock_realtime(&now);
-    const auto stamp = static_cast<std::uint32_t>((static_cast<std::uint64_t>(now.tv_sec) * 1000000U +
-                                                   static_cast<std::uint64_t>(now.tv_nsec) / 1000U) %
+    const auto stamp = static_cast<std::uint32_t>((static_cast<std::uint64_t>(now.seconds) * 1000000U +
+                                                   static_cast<std::uint64_t>(now.nanoseconds) / 1000U) %
                                                   kStampWrap);
     const unsigned long long sequence = g_seqNum.fetch_add(1, std::memory_order_relaxed);
 

@@ -3,7 +3,6 @@
 #include <semaphore.h>
 
 #include <cerrno>
-#include <ctime>
 #include <new>
 
 #include "platform_clock.h"
@@ -55,9 +54,9 @@ bool CCSemaphore::Give() {
 
 bool CCSemaphore::Try(unsigned long milliseconds) {
     AssertExit(m != nullptr, "m", kSource, 63);
-    timespec deadline{};
+    platform_time_t deadline{};
     platform_clock_realtime(&deadline);
-    deadline.tv_sec += static_cast<time_t>(milliseconds / 1000);
-    deadline.tv_nsec += static_cast<long>(milliseconds % 1000) * 1000000;
+    deadline.seconds += static_cast<std::int64_t>(milliseconds / 1000);
+    deadline.nanoseconds += static_cast<std::int64_t>(milliseconds % 1000) * 1000000;
     return platform_sem_wait_until(&m->semaphore, &deadline) == 0;
 }

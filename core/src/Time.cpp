@@ -6,34 +6,26 @@
 
 namespace {
 
-std::uint64_t Seconds(const timespec& time) {
-    return static_cast<std::uint64_t>(time.tv_sec);
-}
-std::uint64_t Nanoseconds(const timespec& time) {
-    return static_cast<std::uint64_t>(time.tv_nsec);
-}
-
-timespec Now() {
-    timespec now{};
+/// The wall clock in units of which a second holds `perSecond`.
+std::uint64_t WallClock(std::uint64_t perSecond) {
+    platform_time_t now{};
     platform_clock_realtime(&now);
-    return now;
+    return static_cast<std::uint64_t>(now.seconds) * perSecond +
+           static_cast<std::uint64_t>(now.nanoseconds) / (1000000000U / perSecond);
 }
 
 }  // namespace
 
 std::uint64_t CCTime::CurrentUtc() {
-    const timespec now = Now();
-    return Seconds(now) * 1000000000U + Nanoseconds(now);
+    return WallClock(1000000000U);
 }
 
 std::uint64_t CCTime::Tick() {
-    const timespec now = Now();
-    return Seconds(now) * 1000U + Nanoseconds(now) / 1000000U;
+    return WallClock(1000U);
 }
 
 std::uint64_t CCTime::UTick() {
-    const timespec now = Now();
-    return Seconds(now) * 1000000U + Nanoseconds(now) / 1000U;
+    return WallClock(1000000U);
 }
 
 std::uint64_t CCTime::ThreadTick() {
@@ -41,7 +33,8 @@ std::uint64_t CCTime::ThreadTick() {
     if (clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used) != 0) {
         return 0;
     }
-    return Seconds(used) * 1000U + Nanoseconds(used) / 1000000U;
+    return static_cast<std::uint64_t>(used.tv_sec) * 1000U +
+           static_cast<std::uint64_t>(used.tv_nsec) / 1000000U;
 }
 
 void CCTime::Sleep(unsigned long milliseconds) {

@@ -3,14 +3,20 @@
 /// still until they move it.
 #include <semaphore.h>
 #include <stdint.h>
-#include <time.h>
 
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-/// The wall clock (UTC since 1970). May be set forward or back at any time. 0 on success, else -1.
-int platform_clock_realtime(struct timespec* out);
+/// A moment of the wall clock: UTC since 1970. The same bytes whatever width the includer's time_t has.
+typedef struct platform_time_s {
+    int64_t seconds;
+    int64_t nanoseconds;  ///< 0 to 999,999,999
+} platform_time_t;
+
+/// The wall clock, which may be set forward or back at any time. 0 on success, else -1 (then *out is
+/// untouched).
+int platform_clock_realtime(platform_time_t* out);
 
 /// Nanoseconds on a clock that never jumps and starts anywhere.
 uint64_t platform_clock_steady_ns(void);
@@ -19,8 +25,8 @@ uint64_t platform_clock_steady_ns(void);
 void platform_sleep_us(uint64_t microseconds);
 
 /// Waits until `sem` can be taken or the wall clock reaches `deadline`. 0 when it was taken, else -1
-/// with errno (ETIMEDOUT; EINVAL at once when tv_nsec is not below 10^9).
-int platform_sem_wait_until(sem_t* sem, const struct timespec* deadline);
+/// with errno (ETIMEDOUT; EINVAL at once when `nanoseconds` is out of range).
+int platform_sem_wait_until(sem_t* sem, const platform_time_t* deadline);
 
 /// One waiter, any number of ringers. A ring while nobody waits ends the next wait at once; several such
 /// rings count as one.

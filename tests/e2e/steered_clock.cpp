@@ -62,10 +62,9 @@ struct platform_alarm_s {
 
 extern "C" {
 
-int platform_clock_realtime(struct timespec* out) {
+int platform_clock_realtime(platform_time_t* out) {
     const uint64_t now = WallNs();
-    out->tv_sec = static_cast<time_t>(now / kNsPerSecond);
-    out->tv_nsec = static_cast<long>(now % kNsPerSecond);
+    *out = {static_cast<int64_t>(now / kNsPerSecond), static_cast<int64_t>(now % kNsPerSecond)};
     return 0;
 }
 
@@ -77,13 +76,13 @@ void platform_sleep_us(uint64_t microseconds) {
     g_usleep(static_cast<gulong>(RealLength(microseconds * 1000) / 1000));
 }
 
-int platform_sem_wait_until(sem_t* sem, const struct timespec* deadline) {
-    if (deadline->tv_nsec < 0 || static_cast<uint64_t>(deadline->tv_nsec) >= kNsPerSecond) {
+int platform_sem_wait_until(sem_t* sem, const platform_time_t* deadline) {
+    if (deadline->nanoseconds < 0 || static_cast<uint64_t>(deadline->nanoseconds) >= kNsPerSecond) {
         errno = EINVAL;
         return -1;
     }
-    const uint64_t until =
-        static_cast<uint64_t>(deadline->tv_sec) * kNsPerSecond + static_cast<uint64_t>(deadline->tv_nsec);
+    const uint64_t until = static_cast<uint64_t>(deadline->seconds) * kNsPerSecond +
+                           static_cast<uint64_t>(deadline->nanoseconds);
     while (sem_trywait(sem) != 0) {
         if (WallNs() >= until) {
             errno = ETIMEDOUT;

@@ -132,14 +132,13 @@ std::uint64_t SleptUs() {
 
 extern "C" {
 
-int platform_clock_realtime(struct timespec* out) {
+int platform_clock_realtime(platform_time_t* out) {
     fakes::State& state = fakes::The();
     const std::lock_guard<std::mutex> lock(state.mutex);
     if (state.failRealtime) {
         return -1;
     }
-    out->tv_sec = static_cast<time_t>(state.wallNs / fakes::kNsPerSecond);
-    out->tv_nsec = static_cast<long>(state.wallNs % fakes::kNsPerSecond);
+    *out = {state.wallNs / fakes::kNsPerSecond, state.wallNs % fakes::kNsPerSecond};
     return 0;
 }
 
@@ -160,12 +159,12 @@ void platform_sleep_us(uint64_t microseconds) {
     fakes::WaitLocked(state, lock, microseconds * 1000, [] { return false; });
 }
 
-int platform_sem_wait_until(sem_t* sem, const struct timespec* deadline) {
-    if (deadline->tv_nsec < 0 || deadline->tv_nsec >= fakes::kNsPerSecond) {
+int platform_sem_wait_until(sem_t* sem, const platform_time_t* deadline) {
+    if (deadline->nanoseconds < 0 || deadline->nanoseconds >= fakes::kNsPerSecond) {
         errno = EINVAL;
         return -1;
     }
-    const std::int64_t until = deadline->tv_sec * fakes::kNsPerSecond + deadline->tv_nsec;
+    const std::int64_t until = deadline->seconds * fakes::kNsPerSecond + deadline->nanoseconds;
     fakes::State& state = fakes::The();
     std::unique_lock<std::mutex> lock(state.mutex);
     const std::int64_t duration = std::max<std::int64_t>(0, until - state.wallNs);

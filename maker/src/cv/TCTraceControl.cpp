@@ -3,9 +3,9 @@
 #include <exception>
 
 #include "MakerLog.h"
-#include "WholeFile.h"
 #include "TSFileSystem.h"
 #include "TraceJson.h"
+#include "WholeFile.h"
 #include "cv/TCScopeHandler.h"
 #include "cv/TCTrapPattern.h"
 #include "platform_clock.h"
@@ -31,9 +31,9 @@ Snapshot Take(bool withTraps) {
         dump.matches = TCTrapPattern::Instance().Items(&snapshot.matchesEnd);
         dump.dropped = TCTrapPattern::Instance().Dropped();
     }
-    timespec now{};
+    platform_time_t now{};
     platform_clock_realtime(&now);
-    dump.wallSeconds = now.tv_sec;
+    dump.wallSeconds = now.seconds;
     dump.steadyNs = platform_clock_steady_ns();
     return snapshot;
 }

@@ -125,12 +125,13 @@ __attribute__((format(printf, 2, 3))) void Append(Line& line, const char* format
 }
 
 void AppendNow(Line& line) {
-    timespec now{};
+    platform_time_t now{};
     tm local{};
     platform_clock_realtime(&now);
-    localtime_r(&now.tv_sec, &local);
+    const auto seconds = static_cast<time_t>(now.seconds);
+    localtime_r(&seconds, &local);
     line.length += std::strftime(line.text, sizeof(line.text), "%Y-%m-%d %H:%M:%S", &local);
-    Append(line, ".%03ld", now.tv_nsec / 1000000);
+    Append(line, ".%03d", static_cast<int>(now.nanoseconds / 1000000));
 }
 
 /// One message is one line, whatever it holds.

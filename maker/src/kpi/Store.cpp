@@ -226,9 +226,9 @@ int CLogger::Store::Insert(const std::string& type, const std::string& category,
     if (insert == nullptr) {
         return sqlite3_errcode(m_database.get());
     }
-    timespec now{};
+    platform_time_t now{};
     platform_clock_realtime(&now);
-    sqlite3_bind_int64(insert.get(), 1, now.tv_sec);
+    sqlite3_bind_int64(insert.get(), 1, now.seconds);
     BindText(insert.get(), 2, type);
     BindText(insert.get(), 3, category);
     BindText(insert.get(), 4, eventId);

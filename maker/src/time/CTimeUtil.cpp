@@ -3,8 +3,8 @@
 #include "platform_clock.h"
 
 time_t CTimeUtil::GetCurrentTime() {
-    timespec now{};
-    return platform_clock_realtime(&now) == 0 ? now.tv_sec : 0;
+    platform_time_t now{};
+    return platform_clock_realtime(&now) == 0 ? static_cast<time_t>(now.seconds) : 0;
 }
 
 tm CTimeUtil::ConvertToUTCTime(const tm& local) {

@@ -20,8 +20,13 @@ struct platform_alarm_s {
 
 extern "C" {
 
-int platform_clock_realtime(struct timespec* out) {
-    return clock_gettime(CLOCK_REALTIME, out);
+int platform_clock_realtime(platform_time_t* out) {
+    timespec now{};
+    if (clock_gettime(CLOCK_REALTIME, &now) != 0) {
+        return -1;
+    }
+    *out = {now.tv_sec, now.tv_nsec};
+    return 0;
 }
 
 uint64_t platform_clock_steady_ns(void) {
@@ -36,9 +41,9 @@ void platform_sleep_us(uint64_t microseconds) {
     g_usleep(static_cast<gulong>(std::min(microseconds, kLongest)));
 }
 
-int platform_sem_wait_until(sem_t* sem, const struct timespec* deadline) {
-    constexpr long kNsPerSecond = 1000000000;
-    if (deadline->tv_nsec < 0 || deadline->tv_nsec >= kNsPerSecond) {
+int platform_sem_wait_until(sem_t* sem, const platform_time_t* deadline) {
+    constexpr int64_t kNsPerSecond = 1000000000;
+    if (deadline->nanoseconds < 0 || deadline->nanoseconds >= kNsPerSecond) {
         errno = EINVAL;
         return -1;
     }
@@ -49,14 +54,16 @@ int platform_sem_wait_until(sem_t* sem, const struct timespec* deadline) {
     }
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
-    if (now.tv_sec > deadline->tv_sec ||
-        (now.tv_sec == deadline->tv_sec && now.tv_nsec >= deadline->tv_nsec)) {
+    if (now.tv_sec > deadline->seconds ||
+        (now.tv_sec == deadline->seconds && now.tv_nsec >= deadline->nanoseconds)) {
         errno = ETIMEDOUT;
         return -1;
     }
+    const timespec until = {static_cast<time_t>(deadline->seconds),
+                            static_cast<decltype(timespec::tv_nsec)>(deadline->nanoseconds)};
     int result = 0;
     do {
-        result = sem_timedwait(sem, deadline);
+        result = sem_timedwait(sem, &until);
     } while (result != 0 && errno == EINTR);
     return result;
 }

@@ -106,10 +106,11 @@ bool FreeName(const std::string& path) {
 }
 
 std::string DamagedName(const std::string& database) {
-    timespec now{};
+    platform_time_t now{};
     platform_clock_realtime(&now);
+    const auto seconds = static_cast<time_t>(now.seconds);
     tm utc{};
-    gmtime_r(&now.tv_sec, &utc);
+    gmtime_r(&seconds, &utc);
     std::array<char, 32> stamp;
     const std::size_t length = strftime(stamp.data(), stamp.size(), "%Y%m%dT%H%M%SZ", &utc);
     const std::string first = database + ".damaged-" + std::string(stamp.data(), length);

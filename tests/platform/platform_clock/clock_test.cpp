@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 #include <semaphore.h>
-#include <time.h>
 
 #include <cerrno>
 #include <thread>
@@ -22,23 +21,23 @@ private:
     sem_t m_sem{};
 };
 
-timespec InSeconds(time_t seconds) {
-    timespec time{};
+platform_time_t InSeconds(int64_t seconds) {
+    platform_time_t time{};
     EXPECT_EQ(platform_clock_realtime(&time), 0);
-    time.tv_sec += seconds;
+    time.seconds += seconds;
     return time;
 }
 
 TEST(ClockSemaphore, IsTakenEvenWhenTheDeadlineIsOver) {
     Semaphore semaphore(1);
-    const timespec past = InSeconds(-10);
+    const platform_time_t past = InSeconds(-10);
 
     EXPECT_EQ(platform_sem_wait_until(semaphore.Get(), &past), 0);
 }
 
 TEST(ClockSemaphore, TimesOutAtOnceWhenTheDeadlineIsOver) {
     Semaphore semaphore(0);
-    const timespec past = InSeconds(-10);
+    const platform_time_t past = InSeconds(-10);
 
     EXPECT_EQ(platform_sem_wait_until(semaphore.Get(), &past), -1);
     EXPECT_EQ(errno, ETIMEDOUT);
@@ -46,8 +45,8 @@ TEST(ClockSemaphore, TimesOutAtOnceWhenTheDeadlineIsOver) {
 
 TEST(ClockSemaphore, RefusesADeadlineThatIsNoneEvenWhenItCouldBeTaken) {
     Semaphore semaphore(1);
-    timespec wrong = InSeconds(10);
-    wrong.tv_nsec = 1000000000;
+    platform_time_t wrong = InSeconds(10);
+    wrong.nanoseconds = 1000000000;
 
     EXPECT_EQ(platform_sem_wait_until(semaphore.Get(), &wrong), -1);
     EXPECT_EQ(errno, EINVAL);
@@ -55,7 +54,7 @@ TEST(ClockSemaphore, RefusesADeadlineThatIsNoneEvenWhenItCouldBeTaken) {
 
 TEST(ClockSemaphore, EndsItsWaitWhenItIsGiven) {
     Semaphore semaphore(0);
-    const timespec later = InSeconds(60);
+    const platform_time_t later = InSeconds(60);
     std::thread giver([&semaphore] { sem_post(semaphore.Get()); });
 
     EXPECT_EQ(platform_sem_wait_until(semaphore.Get(), &later), 0);

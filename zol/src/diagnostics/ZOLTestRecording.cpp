@@ -58,10 +58,11 @@ constexpr int kCaptureQuality = 100;
 
 /// The local time as year, month, day, hour, minute, second without separators.
 std::string TimeStamp() {
-    timespec now{};
+    platform_time_t now{};
     platform_clock_realtime(&now);
+    const auto seconds = static_cast<time_t>(now.seconds);
     tm local{};
-    localtime_r(&now.tv_sec, &local);
+    localtime_r(&seconds, &local);
     // Room for whatever an int can print, so that nothing is ever cut.
     std::array<char, 80> text{};
     std::snprintf(text.data(), text.size(), "%04d%02d%02d%02d%02d%02d", local.tm_year + 1900,

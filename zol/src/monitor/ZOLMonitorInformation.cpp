@@ -33,8 +33,8 @@ TCMonitorInformation::TCMonitorInformation(TCNotifyManager* notify, int duration
       m_method(method) {}
 
 std::int64_t TCMonitorInformation::GetCurrentTime() {
-    timespec now{};
-    return platform_clock_realtime(&now) == 0 ? now.tv_sec : -1;
+    platform_time_t now{};
+    return platform_clock_realtime(&now) == 0 ? now.seconds : -1;
 }
 
 void TCMonitorInformation::CountEvent(std::int64_t now, const TSRepetitionTexts& texts) {

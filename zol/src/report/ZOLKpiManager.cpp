@@ -148,14 +148,14 @@ void TCKpiManager::m_GetLcid() {
 
 void TCKpiManager::m_GetEvid() {
     m_information[KPI_EVID] = kUnknown;
-    timespec now{};
+    platform_time_t now{};
     if (platform_clock_realtime(&now) != 0) {
         ZOL_LOG(LOG_ERROR, "gettimeofday() fail");
         return;
     }
     // Not as a long, which holds no moment after 2038 on the device.
     char text[11];
-    std::snprintf(text, sizeof(text), "%" PRId64, static_cast<std::int64_t>(now.tv_sec));
+    std::snprintf(text, sizeof(text), "%" PRId64, now.seconds);
     m_information[KPI_EVID] = text;
 }
 
