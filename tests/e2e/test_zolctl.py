@@ -108,3 +108,38 @@ def test_a_watched_text_of_several_lines_does_not_forge_an_event(machine, daemon
     assert len(rows) == 2 and rows[1] == ""
     assert rows[0].count("\t") == 5
     assert f"value={NASTY_SHOWN};" in rows[0]
+
+
+@pytest.mark.parametrize("command", [("vconf", "get", NUMBER), ("kpi", "list", "--json"), ("--help",)])
+def test_output_that_cannot_be_written_is_a_failure(machine, command):
+    machine.set(NUMBER, "1", "int")
+
+    with open("/dev/full", "w") as full:
+        process = machine.start(BIN / "zolctl", *command, stdout=full, stderr=subprocess.PIPE, text=True)
+        _, errors = process.communicate(timeout=60)
+
+    assert (process.returncode, errors) == (2, "zolctl: cannot write the output\n")
+
+
+def test_a_watch_whose_reader_has_gone_ends_with_a_failure(machine):
+    watcher = Watcher(machine, NUMBER)
+    watcher.process.stdout.close()
+
+    machine.set(NUMBER, "1", "int")
+
+    assert watcher.process.wait(timeout=60) == 2
+    assert watcher.process.stderr.read() == "zolctl: cannot write the output\n"
+
+
+def test_a_key_that_is_not_there_is_told_from_a_store_that_cannot_be_read(machine):
+    machine.set(NUMBER, "1", "int")
+
+    missing = machine.zolctl("vconf", "get", TEXT)
+    # In the store's place there is something that no store can be.
+    store = machine.path("/var/lib/zol/vconf")
+    store.rename(store.with_name("moved"))
+    store.symlink_to(store)
+    unreadable = machine.zolctl("vconf", "get", NUMBER)
+
+    assert (missing.returncode, missing.stderr) == (1, f"zolctl: no such key: {TEXT}\n")
+    assert (unreadable.returncode, unreadable.stderr) == (2, f"zolctl: cannot read {NUMBER}: Input/output error\n")

@@ -13,7 +13,7 @@ namespace zolctl {
 enum EExit {
     EXIT_OK = 0,
     EXIT_REFUSED = 1,     ///< the daemon refused, or what was asked for is not there
-    EXIT_UNREACHABLE = 2  ///< daemon or store not reachable, or bad usage
+    EXIT_UNREACHABLE = 2  ///< daemon or store not reachable, bad usage, or the output cannot be written
 };
 
 /// The chosen command; returns an exit status.

@@ -1,4 +1,5 @@
 #include <CLI/CLI.hpp>
+#include <csignal>
 #include <exception>
 #include <iostream>
 
@@ -29,8 +30,15 @@ int Run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Who reads the output may go at any time: that is a failed write like any other.
+    std::signal(SIGPIPE, SIG_IGN);
     try {
-        return Run(argc, argv);
+        const int status = Run(argc, argv);
+        if (!std::cout.flush()) {
+            std::cerr << "zolctl: cannot write the output\n";
+            return zolctl::EXIT_UNREACHABLE;
+        }
+        return status;
     } catch (const std::exception& error) {
         std::cerr << "zolctl: " << zolctl::OneLine(error.what()) << '\n';
         return zolctl::EXIT_UNREACHABLE;

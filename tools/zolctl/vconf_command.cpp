@@ -2,9 +2,11 @@
 #include <glib.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <charconv>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -37,8 +39,10 @@ const char* TypeName(int type) {
     return "none";
 }
 
+/// Of type VCONF_TYPE_NONE, with errno, when there is none to read.
 Value Read(const std::string& key) {
     Value value;
+    errno = 0;
     if (vconf_get_int(key.c_str(), &value.number) == 0) {
         value.type = VCONF_TYPE_INT;
     } else if (vconf_get_bool(key.c_str(), &value.number) == 0) {
@@ -62,8 +66,20 @@ std::string Shown(const Value& value) {
     }
 }
 
+/// Says why an operation on a key failed.
+int Fail(const char* what, const std::string& key, int error) {
+    std::cerr << "zolctl: cannot " << what << ' ' << OneLine(key) << ": "
+              << (error != 0 ? std::strerror(error) : "the key store refused")
+              << (error == EACCES ? "; the key store is for root and members of the group zol" : "") << '\n';
+    return EXIT_UNREACHABLE;
+}
+
 int Get(const std::string& key) {
     const Value value = Read(key);
+    const int error = errno;
+    if (value.type == VCONF_TYPE_NONE && error != ENOENT) {
+        return Fail("read", key, error);
+    }
     if (value.type == VCONF_TYPE_NONE) {
         std::cerr << "zolctl: no such key: " << OneLine(key) << '\n';
         return EXIT_REFUSED;
@@ -102,19 +118,18 @@ int Set(const std::string& key, const std::string& text, const std::string& type
     const int result = type == VCONF_TYPE_INT    ? vconf_set_int(key.c_str(), number)
                        : type == VCONF_TYPE_BOOL ? vconf_set_bool(key.c_str(), number)
                                                  : vconf_set_str(key.c_str(), text.c_str());
-    if (result != 0) {
-        std::cerr << "zolctl: cannot set " << OneLine(key) << '\n';
-        return EXIT_UNREACHABLE;
-    }
-    return EXIT_OK;
+    return result == 0 ? EXIT_OK : Fail("set", key, errno);
 }
 
-void PrintChange(keynode_t* node, void* /*userData*/) {
+void PrintChange(keynode_t* node, void* loop) {
     Value value;
     value.type = vconf_keynode_get_type(node);
     value.number = node->int_value;
     value.text = node->str_value != nullptr ? node->str_value : "";
     std::cout << OneLine(node->keyname) << '\t' << TypeName(value.type) << '\t' << Shown(value) << std::endl;
+    if (!std::cout) {
+        g_main_loop_quit(static_cast<GMainLoop*>(loop));
+    }
 }
 
 gboolean Quit(gpointer loop) {
@@ -123,21 +138,20 @@ gboolean Quit(gpointer loop) {
 }
 
 int Watch(const std::vector<std::string>& keys) {
-    for (const std::string& key : keys) {
-        if (vconf_notify_key_changed(key.c_str(), PrintChange, nullptr) < 0) {
-            std::cerr << "zolctl: cannot watch " << OneLine(key) << '\n';
-            return EXIT_UNREACHABLE;
-        }
-    }
     const std::unique_ptr<GMainLoop, decltype(&g_main_loop_unref)> loop{g_main_loop_new(nullptr, FALSE),
                                                                         &g_main_loop_unref};
+    for (const std::string& key : keys) {
+        if (vconf_notify_key_changed(key.c_str(), PrintChange, loop.get()) < 0) {
+            return Fail("watch", key, errno);
+        }
+    }
     g_unix_signal_add(SIGINT, Quit, loop.get());
     g_unix_signal_add(SIGTERM, Quit, loop.get());
     // Whoever reads this through a pipe may start changing keys now.
     std::cerr << "watching " << keys.size() << (keys.size() == 1 ? " key" : " keys") << std::endl;
     g_main_loop_run(loop.get());
     for (const std::string& key : keys) {
-        vconf_withdraw_key_changed(key.c_str(), PrintChange, nullptr);
+        vconf_withdraw_key_changed(key.c_str(), PrintChange, loop.get());
     }
     return EXIT_OK;
 }

@@ -86,6 +86,9 @@ bool KeyDatabase::Get(std::string_view key, Value* out) {
         found = out->type != VCONF_TYPE_NONE;
         return SQLITE_DONE;
     });
+    if (read && !found) {
+        errno = ENOENT;
+    }
     return read && found;
 }
 
@@ -163,6 +166,7 @@ bool KeyDatabase::ReadChanges(Position* position, std::vector<Change>* out) {
 template <typename Operation>
 bool KeyDatabase::Perform(Access access, Operation operation) {
     const std::lock_guard<std::mutex> lock(m_mutex);
+    m_denied = false;
     int code = SQLITE_BUSY;
     for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
         code = Open(access);
@@ -213,7 +217,7 @@ int KeyDatabase::Open(Access access) {
 int KeyDatabase::OpenExisting() {
     m_identity = m_files.Current();
     if (!m_identity) {
-        return kNoStore;
+        return errno == ENOENT || errno == ENOTDIR ? kNoStore : Fail(SQLITE_CANTOPEN, std::strerror(errno));
     }
     // Without a lock file nobody replaces anything yet. Another process may make it at any moment: what then
     // happens to the file shows in its identity.
@@ -372,6 +376,7 @@ int KeyDatabase::ReplaceDamaged(int code) {
 }
 
 int KeyDatabase::Fail(int code, const std::string& reason) {
+    m_denied = code == SQLITE_CANTOPEN && (errno == EACCES || errno == EPERM);
     m_reason = reason;
     return code;
 }
@@ -406,6 +411,7 @@ bool KeyDatabase::Judge(Access access, int code) {
         PLATFORM_LOG(ERROR, "key store %s cannot be %s: %s", m_files.Database().c_str(),
                      access == READ ? "read" : "written", m_reason.c_str());
     }
+    errno = m_denied || (code & 0xff) == SQLITE_READONLY ? EACCES : EIO;
     return false;
 }
 

@@ -52,9 +52,9 @@ public:
 
     const StoreFiles& Files() const { return m_files; }
 
-    /// True when the key is there. Makes and writes nothing.
+    /// True when the key is there; else errno tells why not, as vconf.h has it. Makes and writes nothing.
     bool Get(std::string_view key, Value* out);
-    /// False when the value could not be stored; then the old one stands.
+    /// False with errno when the value could not be stored; then the old one stands.
     bool Set(std::string_view key, const Value& value);
     /// True when the key is gone, also when there was none.
     bool Remove(std::string_view key);
@@ -102,6 +102,7 @@ private:
     std::uint64_t m_generation = 0;
     bool m_faulty[ACCESS_COUNT] = {};
     std::string m_reason;  // of the last failure
+    bool m_denied = false;  // the last failure was one of permission
 };
 
 }  // namespace keystore

@@ -1,5 +1,6 @@
 #include "vconf/key_store.h"
 
+#include <cerrno>
 #include <cstring>
 
 namespace keystore {
@@ -10,6 +11,7 @@ constexpr std::size_t kDurableIndex = 0;
 constexpr std::size_t kMemoryIndex = 1;
 
 bool IsKey(const char* key) {
+    errno = EINVAL;
     if (key == nullptr) {
         return false;
     }

@@ -14,7 +14,7 @@ constexpr std::size_t kMaxTextBytes = std::size_t{1024} * 1024;
 
 /// The keys of this machine: those that begin with "memory/" in one folder, all others in the durable one.
 /// Operations refuse keys that are null, empty or longer than kMaxKeyBytes, and strings longer than
-/// kMaxTextBytes. Any thread.
+/// kMaxTextBytes. Get, Set and Remove leave the reason of a failure in errno, as vconf.h has it. Any thread.
 class KeyStore {
 public:
     /// Touches nothing until the first operation. @param context tells the watchers; null: the default one

@@ -1,5 +1,6 @@
 #include "vconf.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -21,21 +22,31 @@ KeyStore& The() {
     return *store;
 }
 
-/// `operation` answers whether it succeeded.
+/// `operation` answers whether it succeeded, and leaves the reason in errno if not.
 template <typename Operation>
 int Guarded(Operation operation) noexcept {
     try {
         return operation() ? 0 : -1;
     } catch (const std::exception& error) {
         PLATFORM_LOG(ERROR, "key store: %s", error.what());
+        errno = EIO;
         return -1;
     }
+}
+
+bool Get(const char* key, int type, Value* out) {
+    if (!The().Get(key, out)) {
+        return false;
+    }
+    errno = EINVAL;
+    return out->type == type;
 }
 
 int GetNumber(const char* key, int type, int* out) {
     return Guarded([&] {
         Value value;
-        if (out == nullptr || !The().Get(key, &value) || value.type != type) {
+        errno = EINVAL;
+        if (out == nullptr || !Get(key, type, &value)) {
             return false;
         }
         *out = value.number;
@@ -59,7 +70,7 @@ char* vconf_get_str(const char* key) {
     char* text = nullptr;
     Guarded([&] {
         Value value;
-        if (The().Get(key, &value) && value.type == VCONF_TYPE_STRING) {
+        if (Get(key, VCONF_TYPE_STRING, &value)) {
             text = strdup(value.text.c_str());
         }
         return text != nullptr;
@@ -76,6 +87,7 @@ int vconf_set_bool(const char* key, int value) {
 }
 
 int vconf_set_str(const char* key, const char* value) {
+    errno = EINVAL;
     return Guarded([&] { return value != nullptr && The().Set(key, {VCONF_TYPE_STRING, 0, value}); });
 }
 
