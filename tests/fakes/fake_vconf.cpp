@@ -30,6 +30,7 @@ struct Store {
     std::map<std::string, std::vector<Watch>> watches;
     std::map<std::string, int> failures;
     std::vector<std::string> changed;
+    bool deliverInsideSets = false;
     // Held while callbacks run, so that a withdrawal from another thread waits for them.
     std::recursive_mutex delivery;
 };
@@ -46,12 +47,16 @@ bool Fails(Store& store, const char* key, int failure) {
 
 int SetValue(const char* key, const Value& value) {
     Store& store = The();
-    const std::lock_guard<std::mutex> lock(store.mutex);
+    std::unique_lock<std::mutex> lock(store.mutex);
     if (Fails(store, key, vconf::FAIL_SET)) {
         return -1;
     }
     store.values[key] = value;
     store.changed.emplace_back(key);
+    if (store.deliverInsideSets) {
+        lock.unlock();
+        vconf::Deliver();
+    }
     return 0;
 }
 
@@ -103,6 +108,7 @@ void ResetVconf() {
     store.watches.clear();
     store.failures.clear();
     store.changed.clear();
+    store.deliverInsideSets = false;
 }
 
 namespace vconf {
@@ -136,6 +142,11 @@ void Deliver() {
             DeliverOne(key);
         }
     }
+}
+
+void DeliverInsideSets() {
+    const std::lock_guard<std::mutex> lock(The().mutex);
+    The().deliverInsideSets = true;
 }
 
 int GetInt(const std::string& key, int missing) {

@@ -13,6 +13,8 @@ void Unset(const std::string& key);
 
 /// Delivers, on the calling thread, the notifications of changes that the code under test made itself.
 void Deliver();
+/// Does so from now on inside every set of the code under test, as a device's store may.
+void DeliverInsideSets();
 
 /// The stored value; `missing` when there is none of that type.
 int GetInt(const std::string& key, int missing = -12345);

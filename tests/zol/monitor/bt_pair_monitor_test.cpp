@@ -145,7 +145,7 @@ TEST_F(BtPairMonitor, ACallbackOneSecondAfterTheEndBeginsANewPeriod) {
 
 TEST_F(BtPairMonitor, AHitThatFindsNoRoomIsLoggedAsAnError) {
     Start(kCounting, 1, -1);
-    m_notify.Shutdown();
+    m_notify.Destroy();
     ConnectAt({0});
     EXPECT_EQ(PriorityOf("[BtMonitor] Send Event fail"), DLOG_PRIORITY_ERROR);
 }

@@ -21,7 +21,9 @@ class RecordingNotify : public TCNotifyManager {
 public:
     ~RecordingNotify() override {
         Release();
-        Shutdown();
+        if (CCTask::FlagCreate()) {
+            Destroy();
+        }
     }
 
     /// Blocks the task inside an event: from now on its queue only fills.

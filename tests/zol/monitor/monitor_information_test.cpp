@@ -189,7 +189,7 @@ TEST_F(RepetitionPeriod, AFullNotifyQueueDoesNotHoldUpTheEndOfItsTask) {
         }
         m_notify.Release();
     });
-    m_notify.Shutdown();
+    m_notify.Destroy();
     releaser.join();
     EXPECT_FALSE(rule.NotifyZOL());
 }
@@ -223,7 +223,7 @@ TEST_F(MonitorInformation, AHitCarriesTheIndex) {
 
 TEST_F(MonitorInformation, ANotifyManagerWhoseTaskHasEndedTakesNoHit) {
     TCMonitorInformation rule(&m_notify, 10, 3, kMethod, 7);
-    m_notify.Shutdown();
+    m_notify.Destroy();
     EXPECT_FALSE(rule.NotifyZOL());
 }
 

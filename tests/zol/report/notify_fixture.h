@@ -24,11 +24,6 @@ constexpr const char* kTail =
 /// The task with its description builders in reach.
 class NotifyUnderTest : public TCNotifyManager {
 public:
-    NotifyUnderTest() = default;
-    ~NotifyUnderTest() override { Shutdown(); }
-    NotifyUnderTest(const NotifyUnderTest&) = delete;
-    NotifyUnderTest& operator=(const NotifyUnderTest&) = delete;
-
     using TCNotifyManager::m_GetKpiDescription;
     void LoseKpiManager() { m_pKpiManager.reset(); }
 };
@@ -68,8 +63,29 @@ protected:
         Handle(NOTIFY_ZOL_VCONF);
     }
 
+    static std::string Header() { return fakes::ReadDeviceFile(std::string(kFolder) + "/header.json"); }
     static std::string PublishedPath() { return fakes::vconf::GetString(kKey); }
     static void CollectorEmptiesTheKey() { fakes::vconf::SetString(kKey, ""); }
 
     std::unique_ptr<NotifyUnderTest> m_notify;
+};
+
+/// A collector that takes every path as soon as it is told of it.
+class Collector {
+public:
+    Collector() { vconf_notify_key_changed(kKey, Take, this); }
+    ~Collector() { vconf_withdraw_key_changed(kKey, Take, this); }
+    Collector(const Collector&) = delete;
+    Collector& operator=(const Collector&) = delete;
+
+    std::vector<std::string> m_taken;
+
+private:
+    static void Take(keynode_t* /*node*/, void* self) {
+        const std::string path = fakes::vconf::GetString(kKey);
+        if (!path.empty()) {
+            static_cast<Collector*>(self)->m_taken.push_back(path);
+            vconf_set_str(kKey, "");
+        }
+    }
 };

@@ -18,6 +18,7 @@
 #include "fake_dlog.h"
 #include "fake_vconf.h"
 #include "fakes.h"
+#include "full_disk.h"
 #include "kpi_events.h"
 #include "notify_fixture.h"
 
@@ -54,12 +55,6 @@ TEST_F(NotifyManager, AKeyThatCanBeNeitherWrittenNorWatchedIsLogged) {
 
     EXPECT_EQ(fakes::dlog::Find("vconf_set_str fail").priority, DLOG_PRIORITY_ERROR);
     EXPECT_EQ(fakes::dlog::Find("> fail").priority, DLOG_PRIORITY_ERROR);
-}
-
-TEST_F(NotifyManager, ItsEndWithdrawsTheWatch) {
-    m_notify.reset();
-
-    EXPECT_EQ(fakes::vconf::Registrations(kKey), 0);
 }
 
 TEST_F(NotifyManager, ThreePendingHitsSendThreeEventsAndPublishOnePath) {
@@ -119,8 +114,7 @@ TEST_F(NotifyManager, TheHeaderHoldsTheIdentifiersInTheWritersDefaultForm) {
     expected["lcid"] = "lc-1";
     expected["evid"] = "1700000000";
     expected["Content-Type"] = "multipart/form-data";
-    EXPECT_EQ(fakes::ReadDeviceFile(std::string(kFolder) + "/header.json"),
-              Json::writeString(Json::StreamWriterBuilder(), expected));
+    EXPECT_EQ(Header(), Json::writeString(Json::StreamWriterBuilder(), expected));
     EXPECT_EQ(fakes::dlog::Find("header.json created").priority, DLOG_PRIORITY_INFO);
 }
 
@@ -130,7 +124,7 @@ TEST_F(NotifyManager, AnIdentifierWithQuotesStaysOneJsonString) {
     Handle(NOTIFY_ZOL_VCONF);
 
     Json::Value header;
-    std::istringstream file(fakes::ReadDeviceFile(std::string(kFolder) + "/header.json"));
+    std::istringstream file(Header());
     ASSERT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), file, &header, nullptr));
     EXPECT_EQ(header["id"].asString(), "a\"b\\c");
     EXPECT_EQ(header.size(), 7U);
@@ -164,28 +158,41 @@ TEST_F(NotifyManager, TwoReportsWithinASecondShareAFolder) {
 }
 
 TEST_F(NotifyManager, ASecondReportOfASecondLeavesTheHeaderToItsReader) {
-    const std::filesystem::path header = fakes::Root() + kFolder + "/header.json";
     Handle(NOTIFY_ZOL_VCONF);
-    const auto before = std::filesystem::last_write_time(header) - std::chrono::hours(1);
-    std::filesystem::last_write_time(header, before);
+    const std::string header = Header();
+    const FullDisk disk(0);
 
     Handle(NOTIFY_ZOL_VCONF);
 
-    EXPECT_EQ(std::filesystem::last_write_time(header), before);
+    EXPECT_EQ(Header(), header) << "not emptied before it is written anew";
+}
+
+TEST_F(NotifyManager, AHeaderThatCannotBeWrittenIsLoggedAndTheReportGoesOut) {
+    constexpr rlim_t kBytes = 10;
+    {
+        const FullDisk disk(kBytes);
+        Handle(NOTIFY_ZOL_VCONF);
+    }
+
+    EXPECT_EQ(PublishedPath(), kFolder);
+    EXPECT_EQ(Header().size(), kBytes);
+    EXPECT_EQ(
+        fakes::dlog::Find(std::string("cannot write ") + kFolder + "/header.json: File too large").priority,
+        DLOG_PRIORITY_ERROR);
+    EXPECT_TRUE(fakes::dlog::Has("header.json created"));
 }
 
 TEST_F(NotifyManager, ASecondReportOfASecondWithOtherIdentifiersReplacesTheHeader) {
     fakes::WriteDeviceFile("/proc/life_cycleID", "long-ident");
     Handle(NOTIFY_ZOL_VCONF);
-    const std::string path = std::string(kFolder) + "/header.json";
-    const std::string first = fakes::ReadDeviceFile(path);
+    const std::string first = Header();
     fakes::WriteDeviceFile("/proc/life_cycleID", "short");
 
     Handle(NOTIFY_ZOL_VCONF);
 
     std::string expected = first;
     expected.replace(expected.find("long-ident"), std::strlen("long-ident"), "short");
-    EXPECT_EQ(fakes::ReadDeviceFile(path), expected);
+    EXPECT_EQ(Header(), expected);
 }
 
 TEST_F(NotifyManager, AReportRootThatIsALinkIsRefusedAndTheHitsWait) {
@@ -223,9 +230,9 @@ TEST_F(NotifyManager, AHeaderThatCannotBeOpenedEndsTheReport) {
 
     HandleHit("db/a", 5);
 
-    EXPECT_EQ(fakes::dlog::Find("file open failed").priority, DLOG_PRIORITY_ERROR);
     EXPECT_THAT(SentKpiDescriptions(), IsEmpty());
     EXPECT_EQ(PublishedPath(), "");
+    EXPECT_EQ(fakes::dlog::Find("file open failed").priority, DLOG_PRIORITY_ERROR);
 }
 
 TEST_F(NotifyManager, ALinkInTheHeadersPlaceIsNotFollowed) {
@@ -255,8 +262,8 @@ TEST_F(NotifyManager, AnEventLogThatRefusesDoesNotKeepThePathBack) {
 
     HandleHit("db/a", 5);
 
-    EXPECT_TRUE(fakes::dlog::Has("could not send event log"));
     EXPECT_EQ(PublishedPath(), kFolder);
+    EXPECT_TRUE(fakes::dlog::Has("could not send event log"));
 }
 
 TEST_F(NotifyManager, WithoutAKpiManagerNothingIsMadeOrSent) {
@@ -264,9 +271,9 @@ TEST_F(NotifyManager, WithoutAKpiManagerNothingIsMadeOrSent) {
 
     HandleHit("db/a", 5);
 
-    EXPECT_EQ(fakes::dlog::Find("m_pKpiManager is NULL").priority, DLOG_PRIORITY_ERROR);
     EXPECT_FALSE(fakes::DeviceFileExists("/tmp/zol"));
     EXPECT_EQ(PublishedPath(), "");
+    EXPECT_EQ(fakes::dlog::Find("m_pKpiManager is NULL").priority, DLOG_PRIORITY_ERROR);
 }
 
 TEST_F(NotifyManager, EachEventIsLoggedWithItsType) {
@@ -300,9 +307,9 @@ TEST_F(NotifyManager, AForgivingImageReportsAnUnknownEventAndGoesOn) {
     Handle(2);
     EXPECT_TRUE(m_notify->t_OnEvent(nullptr));
 
+    EXPECT_EQ(PublishedPath(), "");
     EXPECT_TRUE(fakes::dlog::Has("!\"[TCNotifyManager] Unknown Event Type\" [zol/src/ZOLNotifyManager:"));
     EXPECT_TRUE(fakes::dlog::Has("ASSERT: event [zol/src/ZOLNotifyManager:"));
-    EXPECT_EQ(PublishedPath(), "");
 }
 
 TEST_F(NotifyTask, APostedEventIsHandledOnTheTask) {
@@ -339,33 +346,14 @@ TEST_F(NotifyTask, DestroyEndsTheTaskAndKeepsTheWatch) {
     EXPECT_FALSE(CCTask::Send(&event, false));
 }
 
-TEST_F(NotifyTask, ShutdownMayBeCalledTwiceAndAfterDestroy) {
+TEST_F(NotifyTask, ItsEndEndsTheTaskAndWithdrawsTheWatch) {
     ASSERT_TRUE(m_notify->Create());
-    m_notify->Shutdown();
-    m_notify->Shutdown();
-    EXPECT_EQ(fakes::dlog::Count("[TCNotifyManager] Destroyed"), 1);
+
+    m_notify.reset();
+
     EXPECT_EQ(fakes::vconf::Registrations(kKey), 0);
+    EXPECT_TRUE(fakes::dlog::Has("[TCNotifyManager] Destroyed"));
 }
-
-/// A collector that takes every path as soon as it is told of it.
-class Collector {
-public:
-    Collector() { vconf_notify_key_changed(kKey, Take, this); }
-    ~Collector() { vconf_withdraw_key_changed(kKey, Take, this); }
-    Collector(const Collector&) = delete;
-    Collector& operator=(const Collector&) = delete;
-
-    std::vector<std::string> m_taken;
-
-private:
-    static void Take(keynode_t* /*node*/, void* self) {
-        const std::string path = fakes::vconf::GetString(kKey);
-        if (!path.empty()) {
-            static_cast<Collector*>(self)->m_taken.push_back(path);
-            vconf_set_str(kKey, "");
-        }
-    }
-};
 
 TEST_F(NotifyTask, NoPathIsLostWhenReportsAndTheCollectorMeet) {
     constexpr std::size_t kReports = 40;

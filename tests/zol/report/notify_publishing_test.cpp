@@ -2,6 +2,8 @@
 
 #include <chrono>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "dlog.h"
 #include "fake_clock.h"
@@ -12,9 +14,13 @@
 namespace {
 
 using namespace std::chrono_literals;
+using testing::Contains;
 using testing::ElementsAre;
+using testing::EndsWith;
+using testing::Field;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::MatchesRegex;
 
 using KpiDescription = NotifyFixture;
 using PathQueue = NotifyFixture;
@@ -128,14 +134,56 @@ TEST_F(PathQueue, WaitingPathsGoOutInTheirOrder) {
     EXPECT_EQ(PublishedPath(), "");
 }
 
+TEST_F(PathQueue, AStoreThatCallsBackInsideASetHandsEveryPathOver) {
+    fakes::vconf::SetString(kKey, "/tmp/zol/not_taken_yet");
+    for (int report = 0; report < 3; ++report) {
+        Handle(NOTIFY_ZOL_VCONF);
+        fakes::clock::Advance(1s);
+    }
+    fakes::vconf::DeliverInsideSets();
+    const Collector collector;
+
+    CollectorEmptiesTheKey();
+    Handle(NOTIFY_ZOL_VCONF);
+
+    EXPECT_THAT(collector.m_taken, ElementsAre(EndsWith("_1700000000"), EndsWith("_1700000001"),
+                                               EndsWith("_1700000002"), EndsWith("_1700000003")));
+}
+
+TEST_F(PathQueue, EachLineNamesTheOperationThatItComesFrom) {
+    for (int report = 0; report < 2; ++report) {
+        Handle(NOTIFY_ZOL_VCONF);
+    }
+    CollectorEmptiesTheKey();
+    CollectorEmptiesTheKey();
+    fakes::vconf::Unset(kKey);
+    Handle(NOTIFY_ZOL_VCONF);
+
+    for (const auto& [operation, text] : std::vector<std::pair<std::string, std::string>>{
+             {"m_RegisterVconfKey", "success"},
+             {"m_CreateHeaderInfo", "header.json created"},
+             {"m_UpdateVconfKey", "vconf_set_str success"},
+             {"m_UpdateVconfKey", "vconfkey is not empty, add current path to list"},
+             {"m_UpdateVconfKey", "vconf_get_str fail"},
+             {"m_vconfCb", "vconf_get_str fail"},
+             {"m_vconfCb", "vconfkey is empty"},
+             {"m_NotifyFromList", "m_notiPathList is empty, return"}}) {
+        EXPECT_THAT(fakes::dlog::Lines(),
+                    Contains(Field(&fakes::LogLine::text, MatchesRegex("ZOLNotifyManager: " + operation +
+                                                                       "\\([0-9]+\\) > " + text))))
+            << operation;
+    }
+}
+
 TEST_F(PathQueue, AKeyThatCannotBeReadDropsThePath) {
     fakes::vconf::Fail(kKey, fakes::vconf::FAIL_GET);
     Handle(NOTIFY_ZOL_VCONF);
-    EXPECT_EQ(fakes::dlog::Find("vconf_get_str fail").priority, DLOG_PRIORITY_ERROR);
-
     fakes::vconf::Fail(kKey, fakes::vconf::FAIL_NONE);
+
     CollectorEmptiesTheKey();
+
     EXPECT_EQ(PublishedPath(), "");
+    EXPECT_EQ(fakes::dlog::Find("vconf_get_str fail").priority, DLOG_PRIORITY_ERROR);
 }
 
 TEST_F(PathQueue, AKeyThatCannotBeWrittenIsLogged) {
@@ -143,8 +191,8 @@ TEST_F(PathQueue, AKeyThatCannotBeWrittenIsLogged) {
 
     Handle(NOTIFY_ZOL_VCONF);
 
-    EXPECT_EQ(fakes::dlog::Find("vconf_set_str fail").priority, DLOG_PRIORITY_ERROR);
     EXPECT_EQ(PublishedPath(), "");
+    EXPECT_EQ(fakes::dlog::Find("vconf_set_str fail").priority, DLOG_PRIORITY_ERROR);
 }
 
 TEST_F(PathQueue, AChangeToAnotherPathIsIgnored) {
@@ -161,17 +209,17 @@ TEST_F(PathQueue, ARemovedKeyIsLoggedAndThePathsGoOnWaiting) {
     Handle(NOTIFY_ZOL_VCONF);
 
     fakes::vconf::Unset(kKey);
-    EXPECT_TRUE(fakes::dlog::Has("vconf_get_str fail"));
 
     CollectorEmptiesTheKey();
     EXPECT_EQ(PublishedPath(), "/tmp/zol/tg-1_1700000001");
+    EXPECT_TRUE(fakes::dlog::Has("vconf_get_str fail"));
 }
 
 TEST_F(PathQueue, WaitingForTheCollectorEndsAtOnceWithAnEmptyKey) {
     m_notify->m_CheckVconfKey();
 
-    EXPECT_EQ(fakes::dlog::Find("vconfkey is empty, exit").priority, DLOG_PRIORITY_ERROR);
     EXPECT_EQ(fakes::clock::SleptUs(), 0U);
+    EXPECT_EQ(fakes::dlog::Find("vconfkey is empty, exit").priority, DLOG_PRIORITY_ERROR);
 }
 
 TEST_F(PathQueue, WaitingForTheCollectorEndsAtOnceWithAKeyThatCannotBeRead) {
@@ -179,8 +227,8 @@ TEST_F(PathQueue, WaitingForTheCollectorEndsAtOnceWithAKeyThatCannotBeRead) {
 
     m_notify->m_CheckVconfKey();
 
-    EXPECT_EQ(fakes::dlog::Count("vconf_get_str fail"), 1);
     EXPECT_EQ(fakes::clock::SleptUs(), 0U);
+    EXPECT_EQ(fakes::dlog::Count("vconf_get_str fail"), 1);
 }
 
 TEST_F(PathQueue, WaitingForTheCollectorGivesUpAfter900Seconds) {

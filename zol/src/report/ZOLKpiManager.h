@@ -28,7 +28,8 @@ public:
     std::string Get(int index) const;
     /// Stores one event in the event log, with its text on flash when this returns. False when the log
     /// refused it; it is not tried again. The strings must not be null.
-    bool SendKPI(const char* type, const char* category, const char* eventId, const std::string& description);
+    [[nodiscard]] bool SendKPI(const char* type, const char* category, const char* eventId,
+                               const std::string& description);
 
     /// Each reads its identifier anew.
     void m_GetHWDuid();

@@ -1,0 +1,35 @@
+#include "ReportFolder.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "ZOLKpiManager.h"
+#include "fakes.h"
+
+namespace {
+
+using zol::ReportFolder;
+
+class ReportFolderTest : public testing::Test {
+protected:
+    ReportFolderTest() { fakes::Reset(); }
+};
+
+TEST_F(ReportFolderTest, ThePathIsMadeOfTgidAndEvidAndCutAt127Bytes) {
+    EXPECT_EQ(ReportFolder("tg-1\n", "17").Path(), "/tmp/zol/tg-1\n_17");
+    EXPECT_EQ(ReportFolder(std::string(116, 't'), "1").Path(), "/tmp/zol/" + std::string(116, 't') + "_1");
+    EXPECT_EQ(ReportFolder(std::string(117, 't'), "12").Path(), "/tmp/zol/" + std::string(117, 't') + "_");
+}
+
+TEST_F(ReportFolderTest, TheHeadersPathIsCutAt127BytesToo) {
+    const ReportFolder folder("/tmp/" + std::string(117, 'f'));
+    ASSERT_TRUE(folder.Make());
+
+    EXPECT_NE(folder.OpenHeader(), nullptr);
+
+    EXPECT_TRUE(fakes::DeviceFileExists(folder.Path() + "/head"));
+    EXPECT_FALSE(fakes::DeviceFileExists(folder.Path() + "/header.json"));
+}
+
+}  // namespace

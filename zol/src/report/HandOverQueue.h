@@ -1,0 +1,53 @@
+#pragma once
+/// The hand-over of report folders to the collector through one vconf key.
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "KeyWatch.h"
+
+namespace zol {
+
+/// The collector empties KEY when it has taken a folder. Paths that come meanwhile wait here, first in, first
+/// out, and are lost with the object. Any thread; no two queues of the process publish at the same time.
+class HandOverQueue {
+public:
+    /// vconf string key: device path of the folder that waits for the collector, empty when none does.
+    static constexpr const char* KEY = "db/zol/send_zol_files_path";
+
+    enum class Offered {
+        PUBLISHED,
+        WAITING,     ///< another path is published: this one waits at the end of the queue
+        UNREADABLE,  ///< the key cannot be read, the path is dropped
+        UNWRITABLE   ///< the key cannot be written, the path is dropped
+    };
+
+    HandOverQueue() = default;
+    HandOverQueue(const HandOverQueue&) = delete;
+    HandOverQueue& operator=(const HandOverQueue&) = delete;
+
+    /// Takes back whatever is published. False when the key cannot be written.
+    [[nodiscard]] static bool EmptyKey();
+    /// Null when the key cannot be read.
+    [[nodiscard]] static std::optional<bool> IsKeyEmpty() noexcept;
+
+    /// Calls `callback` after every change of KEY for as long as this object lives. False when vconf refuses.
+    [[nodiscard]] bool Watch(vconf_callback_fn callback, void* userData);
+
+    /// Publishes a path if the key is empty.
+    [[nodiscard]] Offered Offer(const std::string& path);
+    /// Takes the path out that has waited longest; null when none waits.
+    [[nodiscard]] std::optional<std::string> TakeFirst();
+
+private:
+    /// Guards m_notiPathList, and reading and then writing the key: two threads that find it empty together
+    /// would overwrite each other's path. Of the process, because a policy that arrives while the tasks of an
+    /// earlier one run has a queue of its own. Recursive, because a store may call its watchers from inside
+    /// a set.
+    static std::recursive_mutex s_mutex;
+    std::deque<std::string> m_notiPathList;
+    KeyWatch m_watch;  ///< last, and so withdrawn before the rest goes
+};
+
+}  // namespace zol
