@@ -1,8 +1,8 @@
 #include "ZOLDataManager.h"
 
 #include <algorithm>
-#include <boost/thread/lock_guard.hpp>
 #include <iterator>
+#include <mutex>
 
 #include "Log.h"
 #include "vconf.h"
@@ -41,7 +41,7 @@ ZOLDataManager* ZOLDataManager::m_pInstance = nullptr;
 boost::recursive_mutex ZOLDataManager::m_IDM_mutex;
 
 ZOLDataManager* ZOLDataManager::Instance() {
-    const boost::lock_guard<boost::recursive_mutex> lock(m_IDM_mutex);
+    const std::lock_guard<boost::recursive_mutex> lock(m_IDM_mutex);
     if (m_pInstance == nullptr) {
         m_pInstance = new ZOLDataManager;
     }
@@ -51,7 +51,7 @@ ZOLDataManager* ZOLDataManager::Instance() {
 // By value is the interface that other components build against.
 // NOLINTNEXTLINE(performance-unnecessary-value-param)
 void ZOLDataManager::SetAllDebugData(std::vector<ZOLDebugData> items) {
-    const boost::lock_guard<boost::recursive_mutex> lock(m_IDM_mutex);
+    const std::lock_guard<boost::recursive_mutex> lock(m_IDM_mutex);
     for (const ZOLDebugData& item : items) {
         Apply(item);
     }

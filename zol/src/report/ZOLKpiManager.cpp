@@ -7,13 +7,15 @@
 #include <atomic>
 #include <cinttypes>
 #include <cstdio>
-#include <memory>
+#include <optional>
 #include <utility>
 
 #include "KPILogFramework.h"
 #include "Log.h"
 #include "Time.h"
 #include "VconfString.h"
+#include "base/handles.h"
+#include "base/unique_fd.h"
 #include "device_path.h"
 #include "device_paths.h"
 #include "platform_clock.h"
@@ -34,47 +36,21 @@ constexpr unsigned long kRetryPauseUs = 10000;
 /// The release marker is looked for once in the life of the process.
 std::atomic<bool> g_releaseModeIsUnread{true};
 
-class ReadOnlyFile {
-public:
-    explicit ReadOnlyFile(const char* devicePath) : m_devicePath(devicePath) {}
-    ~ReadOnlyFile() {
-        if (m_descriptor >= 0) {
-            close(m_descriptor);
-        }
+base::UniqueFd OpenForReading(const char* devicePath) {
+    return base::UniqueFd(open(DevicePath(devicePath).c_str(), O_RDONLY | O_CLOEXEC));
+}
+
+/// Reads up to `Size` bytes, ended by the first zero byte. Null when nothing came.
+template <std::size_t Size>
+std::optional<std::string> Read(const base::UniqueFd& file) {
+    char buffer[Size + 1];
+    const ssize_t count = read(file.Get(), buffer, Size);
+    if (count <= 0) {
+        return std::nullopt;
     }
-    ReadOnlyFile(const ReadOnlyFile&) = delete;
-    ReadOnlyFile& operator=(const ReadOnlyFile&) = delete;
-
-    /// True when the file is open, from now or from before.
-    bool Open() {
-        if (m_descriptor < 0) {
-            m_descriptor = open(DevicePath(m_devicePath).c_str(), O_RDONLY | O_CLOEXEC);
-        }
-        return m_descriptor >= 0;
-    }
-
-    /// Up to `Size` bytes, ended by the first zero byte. False when nothing came.
-    template <std::size_t Size>
-    bool Read(std::string& text) {
-        char buffer[Size + 1];
-        const ssize_t count = read(m_descriptor, buffer, Size);
-        if (count <= 0) {
-            return false;
-        }
-        buffer[count] = '\0';
-        text = buffer;
-        return true;
-    }
-
-private:
-    const char* m_devicePath;
-    int m_descriptor = -1;
-};
-
-struct CloseFile {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
-using FilePtr = std::unique_ptr<std::FILE, CloseFile>;
+    buffer[count] = '\0';
+    return buffer;
+}
 
 }  // namespace
 
@@ -121,11 +97,15 @@ void TCKpiManager::m_GetHWDuid() {
 
 void TCKpiManager::m_GetTgid() {
     m_information[KPI_TGID] = kUnknown;
-    ReadOnlyFile file(ZOL_PATH_UNIQUE_ID);
+    base::UniqueFd file;
     for (int attempt = 1; attempt <= kTgidAttempts; ++attempt) {
-        if (!file.Open()) {
+        if (!file) {
+            file = OpenForReading(ZOL_PATH_UNIQUE_ID);
+        }
+        if (!file) {
             ZOL_LOG(LOG_ERROR, "file open failed. again for tgid value (%d)", attempt);
-        } else if (file.Read<kTgidLength>(m_information[KPI_TGID])) {
+        } else if (std::optional<std::string> text = Read<kTgidLength>(file)) {
+            m_information[KPI_TGID] = std::move(*text);
             return;
         } else {
             ZOL_LOG(LOG_ERROR, "file read failed. try again for tgid value (%d)", attempt);
@@ -136,12 +116,12 @@ void TCKpiManager::m_GetTgid() {
 
 void TCKpiManager::m_GetLcid() {
     m_information[KPI_LCID] = kUnknown;
-    ReadOnlyFile file(ZOL_PATH_LIFE_CYCLE_ID);
-    if (!file.Open()) {
+    const base::UniqueFd file = OpenForReading(ZOL_PATH_LIFE_CYCLE_ID);
+    if (!file) {
         ZOL_LOG(LOG_ERROR, "file open failed");
-        return;
-    }
-    if (!file.Read<kLcidLength>(m_information[KPI_LCID])) {
+    } else if (std::optional<std::string> text = Read<kLcidLength>(file)) {
+        m_information[KPI_LCID] = std::move(*text);
+    } else {
         ZOL_LOG(LOG_ERROR, "file read failed\n");
     }
 }
@@ -161,7 +141,7 @@ void TCKpiManager::m_GetEvid() {
 
 void TCKpiManager::m_GetChipId() {
     m_information[KPI_CHIP_ID] = kUnknown;
-    const FilePtr file(std::fopen(DevicePath(ZOL_PATH_CHIP_ID).c_str(), "rte"));
+    const base::FilePtr file(std::fopen(DevicePath(ZOL_PATH_CHIP_ID).c_str(), "rte"));
     if (file == nullptr) {
         return;
     }
