@@ -62,6 +62,9 @@ void Press(int id) {
 bool HandlerRegistered() {
     return g_state.handler != nullptr;
 }
+std::vector<int> Wanted() {
+    return g_state.wanted;
+}
 void FailInitialize(bool fail) {
     g_state.failKeys = fail;
 }
@@ -171,7 +174,8 @@ int dc_request_capture_to_file_sync(const dc_capture_request* request) {
     return 0;
 }
 
-notification_h notification_create(int /*type*/) {
+notification_h notification_create(int type) {
+    g_state.settings.push_back("create " + std::to_string(type));
     if (g_state.notificationFailure == fakes::notification::FAIL_CREATE) {
         return nullptr;
     }
@@ -179,9 +183,10 @@ notification_h notification_create(int /*type*/) {
     return new notification_s;
 }
 int notification_set_text(notification_h handle, int textType, const char* text, const char* key,
-                          int /*argument*/) {
+                          int argument) {
     (textType == NOTIFICATION_TEXT_TITLE ? handle->title : handle->content) = text;
-    g_state.settings.push_back(std::string("text ") + key);
+    g_state.settings.push_back("text " + std::to_string(textType) + " " + key + " " +
+                               std::to_string(argument));
     return 0;
 }
 int notification_set_display_applist(notification_h /*handle*/, int flags) {

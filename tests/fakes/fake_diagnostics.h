@@ -11,6 +11,8 @@ namespace keys {
 /// Presses a combination: the registered handler runs on the calling thread, if it asked for this id.
 void Press(int id);
 bool HandlerRegistered();
+/// The flags of the combinations that were asked for, indexed by id.
+std::vector<int> Wanted();
 /// Lets KeyCombination_Initialize fail.
 void FailInitialize(bool fail);
 /// Initialize calls without a Finalize.
@@ -44,7 +46,7 @@ void Fail(Failure failure);
 std::vector<std::string> Posted();
 /// Handles created and not freed.
 int Handles();
-/// Calls of setters in order, such as "applist 17".
+/// The values of notification_create and the setters in order, such as "create 0", "text 1 CONTENT -1".
 std::vector<std::string> Settings();
 }  // namespace notification
 

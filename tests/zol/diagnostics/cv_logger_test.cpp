@@ -11,6 +11,7 @@
 #include "cv/TCScopeHandler.h"
 #include "cv/TCTrapPattern.h"
 #include "device_paths.h"
+#include "dlog.h"
 #include "fake_dlog.h"
 #include "fake_vconf.h"
 #include "fakes.h"
@@ -57,6 +58,21 @@ TEST_F(UsageLogger, WatchesItsFiveKeysAndSaysSo) {
     ASSERT_EQ(fakes::dlog::Lines().size(), 2U);
     EXPECT_EQ(fakes::dlog::Find("[TCCVLogger] start").priority, 4);
     EXPECT_EQ(fakes::dlog::Find("m_LoggingCsfs() end").priority, 4);
+}
+
+TEST_F(UsageLogger, AllItsLinesAreOfPriorityInfo) {
+    fakes::vconf::Fail(kFocus, fakes::vconf::FAIL_NOTIFY);
+    const zol::TCCVLogger refused;
+    fakes::vconf::SetString(kFocus, "tile");
+    fakes::vconf::SetString(kSelect, "tile");
+    fakes::vconf::Unset(kSelect);
+    SetRsc(1, 2, 3);
+    fakes::vconf::Unset(kLaunch);
+    m_logger->LogVolumeLevel();
+
+    for (const fakes::LogLine& line : fakes::dlog::Lines()) {
+        EXPECT_EQ(line.priority, DLOG_PRIORITY_INFO) << line.text;
+    }
 }
 
 TEST_F(UsageLogger, ItsLinesNameItOnTheSecondChannel) {

@@ -27,19 +27,20 @@ using testing::IsEmpty;
 
 using TestRecordingFaults = RecordingFixture;
 
-/// Lets the calling thread make no process any more; false where the system cannot do that. The thread
-/// checker forks where the code vforks.
+/// Lets the calling thread make no process any more; false where the system cannot do that.
 bool RefuseProcesses() {
 #if defined(__NR_vfork) && defined(__NR_fork)
     constexpr auto kFlags = offsetof(seccomp_data, args);
-    sock_filter code[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-                          BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_vfork, 4, 0),
-                          BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_fork, 3, 0),
-                          BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_clone, 0, 3),
-                          BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kFlags),
-                          BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, CLONE_THREAD, 1, 0),
-                          BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EAGAIN),
-                          BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+    sock_filter code[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_vfork, 5, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_fork, 4, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_clone3, 5, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_clone, 0, 3), BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kFlags),
+        BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, CLONE_THREAD, 1, 0),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EAGAIN), BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+        // The flags of clone3 are out of reach; without it the C library calls clone.
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS)};
     const sock_fprog program{sizeof(code) / sizeof(code[0]), code};
     return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
            prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
@@ -105,8 +106,8 @@ TEST_F(TestRecordingFaults, AFollowerThatDoesNotEndIsToldAndTheRestIsPacked) {
 
     Stop();
 
-    EXPECT_TRUE(fakes::dlog::Has("[TestRecording] the focus log is still being written"));
     EXPECT_THAT(ListArchive(), HasSubstr("dumpCV/"));
+    EXPECT_TRUE(fakes::dlog::Has("[TestRecording] the focus log is still being written"));
 }
 
 TEST_F(TestRecordingFaults, TheArchiveHoldsWhatExistsWhenTheRestIsMissing) {
@@ -129,10 +130,10 @@ TEST_F(TestRecordingFaults, AStickThatVanishesEndsTheRecordingWithoutAnArchive) 
 
     Stop();
 
-    EXPECT_EQ(fakes::dlog::Count("[TestRecording] Fail to get USB Path"), 2);
     EXPECT_FALSE(fs::exists(m_stick + "/testrecording.tar.gz"));
     // The state could not be told; the recording goes on until there is a stick again.
     EXPECT_EQ(fakes::vconf::GetInt(kStateKey), 1);
+    EXPECT_EQ(fakes::dlog::Count("[TestRecording] Fail to get USB Path"), 2);
 }
 
 TEST_F(TestRecordingFaults, AStickWithAFolderInTheScenariosPlaceRecordsAllTheSame) {
@@ -153,9 +154,9 @@ TEST_F(TestRecordingFaults, AShellThatCannotBeAwaitedKeepsTheRecordingActive) {
     Stop();
 
     std::signal(SIGCHLD, SIG_DFL);
-    EXPECT_TRUE(fakes::dlog::Has("[TestRecording] Fail to run shell"));
     EXPECT_EQ(fakes::vconf::GetInt(kStateKey), 1);
     EXPECT_FALSE(fs::exists(m_stick + "/testrecording.tar.gz"));
+    EXPECT_TRUE(fakes::dlog::Has("[TestRecording] Fail to run shell"));
 }
 
 TEST_F(TestRecordingFaults, AToastThatFailsDoesNotKeepTheRecordingFromEnding) {
@@ -164,9 +165,9 @@ TEST_F(TestRecordingFaults, AToastThatFailsDoesNotKeepTheRecordingFromEnding) {
 
     Stop();
 
-    EXPECT_FALSE(fakes::dlog::Has("[TestRecording] Fail to run shell"));
     EXPECT_EQ(fakes::vconf::GetInt(kStateKey), 0);
     EXPECT_TRUE(fs::exists(m_stick + "/testrecording.tar.gz"));
+    EXPECT_FALSE(fakes::dlog::Has("[TestRecording] Fail to run shell"));
 }
 
 TEST_F(TestRecordingFaults, OnAStickThatTakesNothingEachFailingStepIsToldAndTheRecordingEnds) {
@@ -177,10 +178,10 @@ TEST_F(TestRecordingFaults, OnAStickThatTakesNothingEachFailingStepIsToldAndTheR
 
     Stop();
 
+    EXPECT_EQ(fakes::vconf::GetInt(kStateKey), 0);
     EXPECT_TRUE(
         fakes::dlog::Has("Failed to create Screen Capture directory! Dir: " + m_device + "/ScreenCapture/"));
     EXPECT_TRUE(fakes::dlog::Has("the trace dump cannot be saved in"));
-    EXPECT_EQ(fakes::vconf::GetInt(kStateKey), 0);
     fs::remove(m_stick);
 }
 
@@ -190,9 +191,9 @@ TEST_F(TestRecordingFaults, AStateThatCannotBeWrittenAtTheEndLeavesTheRecordingA
 
     Stop();
 
-    EXPECT_EQ(fakes::dlog::Find("[TestRecording] vconf set failed for : 0").priority, 6);
     EXPECT_TRUE(Recording());
     EXPECT_TRUE(fs::exists(m_stick + "/testrecording.tar.gz"));
+    EXPECT_EQ(fakes::dlog::Find("[TestRecording] vconf set failed for : 0").priority, 6);
     fakes::vconf::Fail(kStateKey, fakes::vconf::FAIL_NONE);
     Start();
     EXPECT_TRUE(fakes::dlog::Has("[TestRecording] Already recording..."));
@@ -211,10 +212,10 @@ TEST_F(TestRecordingFaults, AShellThatCannotBeStartedIsToldByBothToasts) {
         GTEST_SKIP() << "the system cannot refuse a thread its processes";
     }
 
-    EXPECT_EQ(fakes::dlog::Count("[TestRecording] Fail to run shell"), 2);
-    EXPECT_EQ(fakes::dlog::Find("[TestRecording] Fail to run shell").priority, 6);
     EXPECT_TRUE(Recording());
     EXPECT_THAT(ToolCalls(), IsEmpty());
+    EXPECT_EQ(fakes::dlog::Count("[TestRecording] Fail to run shell"), 2);
+    EXPECT_EQ(fakes::dlog::Find("[TestRecording] Fail to run shell").priority, 6);
 }
 
 TEST_F(TestRecordingFaults, AnOldScenarioOrFocusLogThatCannotBeRemovedKeepsTheFocusLogFromBegin) {

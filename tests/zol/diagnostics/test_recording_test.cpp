@@ -1,15 +1,13 @@
 #include <gmock/gmock.h>
-#include <sys/stat.h>
 
-#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "TCDebug.h"
-#include "fake_clock.h"
+#include "ZOLCVLogger.h"
+#include "cv/TCScopeHandler.h"
 #include "fake_dlog.h"
 #include "test_recording_fixture.h"
 #include "time_zone.h"
@@ -46,9 +44,9 @@ TEST_F(TestRecording, TheScenarioOfAnEarlierRecordingIsRemovedAtTheStart) {
 TEST_F(TestRecording, AStopWithoutARecordingOnlyLogs) {
     Stop();
 
-    EXPECT_TRUE(fakes::dlog::Has("[TestRecording] Recording hasn't been run yet."));
     EXPECT_THAT(ToolCalls(), IsEmpty());
     EXPECT_FALSE(fakes::vconf::Exists(kStateKey));
+    EXPECT_TRUE(fakes::dlog::Has("[TestRecording] Recording hasn't been run yet."));
 }
 
 TEST_F(TestRecording, ASecondStartDoesNotRestartTheFocusLog) {
@@ -67,8 +65,8 @@ TEST_F(TestRecording, ASecondStopAfterAFinishedRecordingOnlyLogs) {
 
     Stop();
 
-    EXPECT_TRUE(fakes::dlog::Has("[TestRecording] Recording hasn't been run yet."));
     EXPECT_EQ(ToolCalls().size(), calls);
+    EXPECT_TRUE(fakes::dlog::Has("[TestRecording] Recording hasn't been run yet."));
 }
 
 TEST_F(TestRecording, WithoutAStickNothingIsRecordedButTheToastIsShown) {
@@ -141,24 +139,56 @@ TEST_F(TestRecording, WhatItLogsIsThePathOfTheDevice) {
 }
 
 TEST_F(TestRecording, FocusLinesThatAreWrittenAfterTheFollowersEndAreInTheArchive) {
-    // Opening either end of a pipe waits for the other one.
-    const std::string hold = fakes::Root() + "/hold";
-    ASSERT_EQ(mkfifo(hold.c_str(), 0600), 0);
-    Tool("dlogutil", "cat '" + hold + "'; echo OnFocused at last");
+    const std::string killed = "'" + fakes::Root() + "/killed'";
+    Tool("dlogutil", "until [ -e " + killed + " ]; do sleep 0.05; done");
+    Tool("killall", ": > " + killed);
+    Tool("grep", "cat > /dev/null; sleep 0.3; echo OnFocused at last");
     fakes::keys::Press(kStart);
-    fakes::clock::SleepAdvances(false);
 
-    std::thread stop(Stop);
-    // It waits for the filter behind the follower.
-    EXPECT_TRUE(fakes::clock::AwaitSleeper(std::chrono::milliseconds(10)));
-    std::ofstream{hold};
-    Offspring::AwaitEnd();
-    fakes::clock::SleepAdvances(true);
-    fakes::clock::Advance(std::chrono::milliseconds(10));
-    stop.join();
+    Stop();
 
     EXPECT_EQ(Unpack("csfs_log.txt"), "OnFocused at last\n");
     EXPECT_FALSE(fakes::dlog::Has("still being written"));
+}
+
+TEST_F(TestRecording, TheStartToastComesAfterTheRecordingHasBegunAndTheStopToastBeforeItEnds) {
+    std::ofstream(m_stick + "/recorded_scenario.txt") << "old";
+    const std::string note = " >> '" + Calls().string() + "'";
+    const std::string scenario = "'" + m_stick + "/recorded_scenario.txt'";
+    Tool("dlogutil", ":");
+    Tool("app_launcher", "[ -e " + scenario + " ] && echo early" + note + "; echo \"$6\"" + note);
+    Start();
+
+    Stop();
+
+    EXPECT_THAT(ToolCalls(),
+                ElementsAre("Recording started...", "Recording finishing...", "killall dlogutil"));
+}
+
+TEST_F(TestRecording, TheTraceDumpIsSavedWithItsTrapsAndClearedFromTheRecording) {
+    cv::TCScopeHandler& tracing = cv::TCScopeHandler::Instance();
+    fakes::WriteDeviceFile("/etc/zol/traps.conf", "loud ZOLCVLogger:LogVolumeLevel 0 signed == -1\n");
+    ASSERT_EQ(tracing.Reload(), 1);
+    tracing.SetActive(true);
+    zol::TCCVLogger().LogVolumeLevel();
+    tracing.SetActive(false);
+    Start();
+
+    Stop();
+
+    const std::string dump = Read(m_stick + "/dumpCV/trace.json");
+    EXPECT_THAT(dump, testing::HasSubstr("LogVolumeLevel"));
+    EXPECT_THAT(dump, testing::HasSubstr("loud"));
+    EXPECT_EQ(fakes::ReadDeviceFile("/tmp/zol/CV_dump/trace.json"), dump);
+    EXPECT_THAT(tracing.Events(), IsEmpty());
+}
+
+TEST_F(TestRecording, ItAsksForTheTwoCombinationsOnly) {
+    std::vector<int> wanted(128);
+    wanted[95] = 1;
+    wanted[96] = 1;
+
+    EXPECT_EQ(fakes::keys::Wanted(), wanted);
 }
 
 TEST_F(TestRecording, AnOrdinaryPathGivesThePlainTarCommand) {
@@ -223,8 +253,18 @@ TEST_F(TestRecording, WithoutTheKeyServiceNothingIsRegistered) {
     other.setKeyCombinationHandler();
 
     EXPECT_FALSE(fakes::keys::HandlerRegistered());
-    fakes::keys::FailInitialize(false);
-    m_recording.setKeyCombinationHandler();
+}
+
+TEST_F(TestRecording, ItsEndEndsListening) {
+    m_recording.removeKeyCombinationHandler();
+    {
+        TCTestRecording other;
+        other.setKeyCombinationHandler();
+        EXPECT_TRUE(fakes::keys::HandlerRegistered());
+    }
+
+    EXPECT_FALSE(fakes::keys::HandlerRegistered());
+    EXPECT_EQ(fakes::keys::OpenServices(), 0);
 }
 
 TEST_F(TestRecording, EventsAreNoneOfItsTasks) {
@@ -238,14 +278,12 @@ TEST_F(TestRecording, EventsAreNoneOfItsTasks) {
 }
 
 TEST_F(TestRecording, ItsTaskComesAndGoesAndEndsListening) {
-    TCTestRecording other;
-    ASSERT_TRUE(other.Create());
+    ASSERT_TRUE(m_recording.Create());
 
-    other.Destroy();
+    m_recording.Destroy();
 
     EXPECT_FALSE(fakes::keys::HandlerRegistered());
     EXPECT_TRUE(fakes::dlog::Has("[TCTestRecording] Destroy"));
-    m_recording.setKeyCombinationHandler();
 }
 
 TEST_F(TestRecording, CreatedTwiceItSaysThatItsTaskCannotBe) {
@@ -258,7 +296,6 @@ TEST_F(TestRecording, CreatedTwiceItSaysThatItsTaskCannotBe) {
     EXPECT_TRUE(
         fakes::dlog::Has("_CHECK FAIL: zol/src/ZOLTestRecording:45, CCTask::Create(\"ZOLTestRecording\")"));
     other.Destroy();
-    m_recording.setKeyCombinationHandler();
 }
 
 TEST_F(TestRecording, WhereItsHandlerIsBoundAlreadyItSaysSoAndItsTaskEnds) {
@@ -274,7 +311,6 @@ TEST_F(TestRecording, WhereItsHandlerIsBoundAlreadyItSaysSoAndItsTaskEnds) {
     EXPECT_FALSE(bound.CCTask::FlagCreate());
     bound.CCHandler::Destroy();
     other.Destroy();
-    m_recording.setKeyCombinationHandler();
 }
 
 }  // namespace

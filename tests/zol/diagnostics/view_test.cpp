@@ -23,7 +23,7 @@ TEST_F(View, ShowPostsTitleAndContent) {
 
     EXPECT_THAT(fakes::notification::Posted(), ElementsAre("Title|Content"));
     EXPECT_THAT(fakes::notification::Settings(),
-                ElementsAre("text TITLE", "text CONTENT", "applist 17", "layout 1"));
+                ElementsAre("create 0", "text 0 TITLE -1", "text 1 CONTENT -1", "applist 17", "layout 1"));
     EXPECT_EQ(fakes::dlog::Find("[DEMO] TCView() START").priority, 6);
     EXPECT_EQ(fakes::dlog::Find("setting is done").priority, 6);
     EXPECT_EQ(fakes::dlog::Find("[DEMO] TCView() END").priority, 6);
@@ -46,9 +46,9 @@ TEST_F(View, AViewWhoseLayoutCallFailedLogsBothAndPosts) {
 
     view.Show();
 
+    EXPECT_THAT(fakes::notification::Posted(), ElementsAre("Title|Content"));
     EXPECT_EQ(fakes::dlog::Find("setting is fail").priority, 6);
     EXPECT_TRUE(fakes::dlog::Has("setting is done"));
-    EXPECT_THAT(fakes::notification::Posted(), ElementsAre("Title|Content"));
 }
 
 TEST_F(View, ADefaultViewPostsNothing) {

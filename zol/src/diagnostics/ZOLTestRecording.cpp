@@ -1,20 +1,21 @@
 #include "ZOLTestRecording.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <array>
-#include <cerrno>
 #include <cstdio>
+#include <utility>
 
 #include "Log.h"
-#include "PipelineEnd.h"
 #include "ShellQuote.h"
 #include "TSFileSystem.h"
 #include "WorkerTask.h"
+#include "base/exception_wall.h"
+#include "base/process.h"
 #include "cv/TCTraceControl.h"
 #include "device_path.h"
 #include "device_paths.h"
@@ -70,23 +71,6 @@ std::string TimeStamp() {
     return text.data();
 }
 
-/// The USB storage service, open for as long as this lives.
-class UsbService {
-public:
-    UsbService() : m_open(usb_device_init() == 0) {}
-    ~UsbService() {
-        if (m_open) {
-            usb_device_fini();
-        }
-    }
-    UsbService(const UsbService&) = delete;
-    UsbService& operator=(const UsbService&) = delete;
-    bool Open() const { return m_open; }
-
-private:
-    bool m_open;
-};
-
 /// Makes way for a file that is written anew: removes the old one, and a link, device or pipe in its place,
 /// which would send what is written elsewhere. A folder stays; nothing can be written into that. False when
 /// something is left that can.
@@ -110,15 +94,10 @@ std::string ArchiveCommand(const std::string& folder) {
     return command;
 }
 
-/// The end of the focus log's writers, which outlive the shell that starts them.
-zol::PipelineEnd& FocusLogEnd() {
-    static auto* const end = new zol::PipelineEnd;
-    return *end;
-}
-
 }  // namespace
 
 std::atomic<bool> TCTestRecording::m_testflag{false};
+base::UniqueFd TCTestRecording::m_focusLogWriters;
 
 bool TCTestRecording::Create() {
     return StartWorkerTask(*this, *this, "ZOLTestRecording", kSource, kCreateLine);
@@ -134,6 +113,10 @@ void TCTestRecording::setKeyCombinationHandler() {
     if (KeyCombination_Initialize() != 0) {
         return;
     }
+    m_keys = base::Subscription([] {
+        KeyCombination_Delete_Handler(keyCombinationHandlerCb);
+        KeyCombination_Finalize();
+    });
     std::array<int, KEY_COMBINATION_COUNT> combinations{};
     combinations[kStartCombination] = 1;
     combinations[kStopCombination] = 1;
@@ -142,8 +125,7 @@ void TCTestRecording::setKeyCombinationHandler() {
 }
 
 void TCTestRecording::removeKeyCombinationHandler() {
-    KeyCombination_Delete_Handler(keyCombinationHandlerCb);
-    KeyCombination_Finalize();
+    m_keys.Reset();
 }
 
 bool TCTestRecording::t_OnEvent(const CSEvent* /*event*/) {
@@ -152,14 +134,17 @@ bool TCTestRecording::t_OnEvent(const CSEvent* /*event*/) {
 }
 
 void TCTestRecording::keyCombinationHandlerCb(KeyComb id, void* /*userData*/) {
-    try {
-        if (id == kStartCombination) {
-            m_Start();
-        } else if (id == kStopCombination) {
-            m_Stop();
-        }
-    } catch (...) {
-        ZOL_LOG(LOG_ERROR, "[TestRecording] exception while handling combination %d", id);
+    base::CatchAll([id] { m_OnCombination(id); },
+                   [id](const char* reason) {
+                       ZOL_LOG(LOG_ERROR, "[TestRecording] combination %d failed: %s", id, reason);
+                   });
+}
+
+void TCTestRecording::m_OnCombination(KeyComb id) {
+    if (id == kStartCombination) {
+        m_Start();
+    } else if (id == kStopCombination) {
+        m_Stop();
     }
 }
 
@@ -191,8 +176,8 @@ void TCTestRecording::m_Stop() {
 }
 
 void TCTestRecording::m_RecordingState(int state) {
-    const std::string usb = m_get_usb_device_path();
-    if (usb.empty()) {
+    const std::optional<std::string> usb = m_get_usb_device_path();
+    if (!usb) {
         ZOL_LOG(LOG_ERROR, "[TestRecording] Fail to get USB Path");
         return;
     }
@@ -203,17 +188,17 @@ void TCTestRecording::m_RecordingState(int state) {
     ZOL_LOG(LOG_ERROR, "[TestRecording] value of %s is %d", kStateKey, state);
     if (state == kRecording) {
         m_testflag.store(true, std::memory_order_relaxed);
-        const std::string scenario = usb + kScenarioFile;
+        const std::string scenario = *usb + kScenarioFile;
         if (!MakeWay(scenario)) {
             ZOL_LOG(LOG_ERROR, "Failed to remove recorded scenario file! Dir: %s", scenario.c_str());
             return;
         }
-        m_EnableDlog(usb);
+        m_EnableDlog(*usb);
     } else if (state == kIdle) {
         m_testflag.store(false, std::memory_order_relaxed);
         m_DisableDlog();
-        m_ScreenCapture(usb + kCaptureFolder);
-        m_saveDumpWrapper(ZOL_PATH_TRACE_DUMP, usb + kDumpFolder);
+        m_ScreenCapture(*usb + kCaptureFolder);
+        m_saveDumpWrapper(ZOL_PATH_TRACE_DUMP, *usb + kDumpFolder);
     }
 }
 
@@ -224,16 +209,24 @@ void TCTestRecording::m_EnableDlog(const std::string& dir) {
         return;
     }
     ZOL_LOG(LOG_ERROR, "[TestRecording] StartDlog cmd is %s", FocusLogCommand(log).c_str());
-    m_runShell(FocusLogCommand(DevicePath(log)), FocusLogEnd().Open());
-    FocusLogEnd().Started();
+    // The writers outlive the shell that starts them. They inherit the writing end of this pipe, so that its
+    // reading end tells when the last one is gone.
+    std::array<int, 2> ends{-1, -1};
+    static_cast<void>(pipe2(ends.data(), O_CLOEXEC));  // without it the stop does not wait
+    m_focusLogWriters.Reset(ends[0]);
+    const base::UniqueFd inherited(ends[1]);
+    // A focus log that does not begin is missing in the archive.
+    static_cast<void>(m_runShell(FocusLogCommand(DevicePath(log)), inherited.Get()));
 }
 
 void TCTestRecording::m_DisableDlog() {
-    m_runShell("killall dlogutil");
+    static_cast<void>(m_runShell("killall dlogutil"));  // fails when it has ended by itself
     // The filter behind it writes what it still holds only now; the archive must not be made before.
-    if (!FocusLogEnd().Wait(kFocusLogEndMs)) {
+    pollfd writers{m_focusLogWriters.Get(), 0, 0};
+    if (m_focusLogWriters && poll(&writers, 1, kFocusLogEndMs) == 0) {
         ZOL_LOG(LOG_ERROR, "[TestRecording] the focus log is still being written");
     }
+    m_focusLogWriters.Reset();
 }
 
 void TCTestRecording::m_ScreenCapture(const std::string& dir) {
@@ -262,67 +255,53 @@ void TCTestRecording::m_saveDumpWrapper(const std::string& source, const std::st
         return;
     }
     if (cv::TCTraceControl* control = cv::api::GetControl()) {
-        control->SaveDump(source, destination, 1, 1);
+        static_cast<void>(control->SaveDump(source, destination, 1, 1));  // logged by the library
     }
 }
 
 void TCTestRecording::m_Make_tarfile() {
-    const std::string usb = m_get_usb_device_path();
-    if (usb.empty()) {
+    const std::optional<std::string> usb = m_get_usb_device_path();
+    if (!usb) {
         ZOL_LOG(LOG_ERROR, "[TestRecording] Fail to get USB Path");
         return;
     }
-    const std::string archive = usb + "/" + kArchive;
+    const std::string archive = *usb + "/" + kArchive;
     if (!MakeWay(archive)) {
         ZOL_LOG(LOG_ERROR, "[TestRecording] Failed to remove the old archive! Dir: %s", archive.c_str());
         return;
     }
-    m_runShell(ArchiveCommand(DevicePath(usb)));
+    // tar fails whenever one of the entries is missing, and packs the others.
+    static_cast<void>(m_runShell(ArchiveCommand(DevicePath(*usb))));
     ZOL_LOG(LOG_INFO, "[TestRecording] Done making tar file.");
 }
 
-std::string TCTestRecording::m_get_usb_device_path() {
-    const UsbService service;
-    if (!service.Open()) {
+std::optional<std::string> TCTestRecording::m_get_usb_device_path() {
+    if (usb_device_init() != 0) {
         ZOL_LOG(LOG_ERROR, "[TestRecording] failed to initialize usb device\n");
-        return "";
+        return std::nullopt;
     }
+    const base::Subscription service([] { usb_device_fini(); });
     usb_device_list_t* list = nullptr;
     if (usb_device_get_device_list(USB_DEVICE_MASS_STORAGE, &list) != 0) {
         ZOL_LOG(LOG_ERROR, "[TestRecording]failed to get mass storage list from usb-server\n");
-        return "";
+        return std::nullopt;
     }
     usb_device_t* device = usb_device_list_get_first(list);
     if (device == nullptr) {
         ZOL_LOG(LOG_ERROR, "[TestRecording] failed to get USB device");
-        return "";
+        return std::nullopt;
     }
     std::array<char, 4096> path{};
     if (usb_device_get_mountpath(device, path.data(), path.size()) != 0) {
-        return "";
+        return std::nullopt;
     }
     return path.data();
 }
 
 int TCTestRecording::m_runShell(const std::string& command, int inherited) {
-    const char* const text = command.c_str();
-    // vfork: the daemon is large and the shell replaces the child at once.
-    const pid_t child = vfork();  // NOLINT(clang-analyzer-security.insecureAPI.vfork)
-    if (child == 0) {
-        if (inherited >= 0) {
-            // The child shares the memory but has its own table of descriptors.
-            fcntl(inherited, F_SETFD, 0);  // NOLINT(clang-analyzer-unix.Vfork)
-        }
-        execl("/bin/sh", "sh", "-c", text, static_cast<char*>(nullptr));
-        _exit(1);
-    }
-    if (child < 0) {
-        return -1;
-    }
-    int status = 0;
-    pid_t ended = 0;
-    do {
-        ended = waitpid(child, &status, 0);
-    } while (ended < 0 && errno == EINTR);
-    return ended == child ? status : -1;
+    base::Command shell;
+    shell.words = {"/bin/sh", "-c", command};
+    shell.inherited = inherited;
+    const base::ProcessEnd end = base::RunProcess(shell);
+    return end.error ? -1 : end.status;
 }

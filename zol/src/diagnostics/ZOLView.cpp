@@ -14,22 +14,19 @@ TCView::TCView(const char* title, const char* content) {
     ZOL_LOG(LOG_ERROR, "[DEMO] TCView() END");
 }
 
-TCView::~TCView() {
-    notification_free(m_Noti);
-}
-
 void TCView::m_Init(const char* title, const char* content) {
-    m_Noti = notification_create(NOTIFICATION_TYPE_PLAIN);
+    m_Noti.reset(notification_create(NOTIFICATION_TYPE_PLAIN));
     if (m_Noti == nullptr) {
         ZOL_LOG(LOG_ERROR, "m_Noti is NULL");
         return;
     }
-    notification_set_text(m_Noti, NOTIFICATION_TEXT_TITLE, title, "TITLE", NOTIFICATION_ARGUMENT_NONE);
-    notification_set_text(m_Noti, NOTIFICATION_TEXT_CONTENT, content, "CONTENT", NOTIFICATION_ARGUMENT_NONE);
-    notification_set_display_applist(m_Noti, kShownIn);
-    if (notification_set_layout(m_Noti, NOTIFICATION_LAYOUT_SINGLE) != 0) {
+    // What cannot be set is not shown; the rest of the message is.
+    notification_set_text(m_Noti.get(), NOTIFICATION_TEXT_TITLE, title, "TITLE", NOTIFICATION_ARGUMENT_NONE);
+    notification_set_text(m_Noti.get(), NOTIFICATION_TEXT_CONTENT, content, "CONTENT",
+                          NOTIFICATION_ARGUMENT_NONE);
+    notification_set_display_applist(m_Noti.get(), kShownIn);
+    if (notification_set_layout(m_Noti.get(), NOTIFICATION_LAYOUT_SINGLE) != 0) {
         ZOL_LOG(LOG_ERROR, "setting is fail");
-        m_bReady = false;
     }
     // A plain layout is better than no message: the view is ready all the same.
     ZOL_LOG(LOG_ERROR, "setting is done");
@@ -38,6 +35,6 @@ void TCView::m_Init(const char* title, const char* content) {
 
 void TCView::Show() {
     if (m_bReady) {
-        notification_post(m_Noti);
+        notification_post(m_Noti.get());
     }
 }

@@ -1,5 +1,8 @@
 #pragma once
 /// A title and a text shown to the viewer as a notification.
+#include <memory>
+
+#include "base/handles.h"
 #include "notification.h"
 
 /// Construct, then Show. Any one thread at a time.
@@ -9,17 +12,12 @@ public:
     TCView() = default;
     /// Prepares the notification; texts must not be null.
     TCView(const char* title, const char* content);
-    /// Releases the notification handle; what is on the screen stays there.
-    ~TCView();
-    TCView(const TCView&) = delete;
-    TCView& operator=(const TCView&) = delete;
-
-    /// Posts the notification, if one could be created.
+    /// Posts the notification, if one could be created. What is on the screen stays there when the view goes.
     void Show();
 
 private:
     void m_Init(const char* title, const char* content);
 
-    notification_h m_Noti = nullptr;
+    std::unique_ptr<notification_s, base::FreeWith<notification_free>> m_Noti;
     bool m_bReady = false;
 };
