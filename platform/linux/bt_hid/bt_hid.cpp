@@ -38,6 +38,13 @@ void PublishBaseline(const std::vector<std::string>& addresses) {
     }
 }
 
+/// A remote keeps being the one that connected last when its address changes.
+void PublishRenamed(const std::string& before, const std::string& now) {
+    if (PublishedId() == before) {
+        Publish(now);
+    }
+}
+
 /// The one callback slot and the thread that serves it while it is filled.
 class RemoteSlot {
 public:
@@ -70,7 +77,8 @@ public:
 
 private:
     void Begin() {
-        m_monitor.emplace([this](const BluetoothDevice& device) { OnEvent(device); }, PublishBaseline);
+        m_monitor.emplace([this](const BluetoothDevice& device) { OnEvent(device); }, PublishBaseline,
+                          PublishRenamed);
     }
 
     void OnEvent(const BluetoothDevice& device) {

@@ -23,9 +23,10 @@ GVariantPtr DeviceProperties(GVariant* interfaces) {
 
 }  // namespace
 
-RemoteMonitor::RemoteMonitor(EventFunction event, BaselineFunction baseline)
+RemoteMonitor::RemoteMonitor(EventFunction event, BaselineFunction baseline, RenamedFunction renamed)
     : m_event(std::move(event)),
       m_baseline(std::move(baseline)),
+      m_renamed(std::move(renamed)),
       m_service({"org.bluez", "BlueZ", "remote control connections"},
                 {[this] { OnAppeared(); }, [this] { m_retry.Cancel(); }}) {}
 
@@ -148,10 +149,13 @@ void RemoteMonitor::OnPropertiesChanged(const char* path, GVariant* parameters) 
 
 void RemoteMonitor::Update(BluetoothDevice& device, GVariant* properties) {
     const bool before = device.IsConnectedRemoteControl();
+    const std::string address = device.address;
     device.Update(properties);
     const bool now = device.IsConnectedRemoteControl();
     if (before != now) {
         Tell(device, now);
+    } else if (now && device.address != address) {
+        m_renamed(address, device.address);
     }
 }
 

@@ -16,15 +16,18 @@ namespace platform {
 /// What is connected when BlueZ is read for the first time is told to `baseline` and is no event. When BlueZ
 /// vanishes nothing is told; when it is back its devices are compared with what was known, and each real
 /// difference is one event, disconnects first. A BlueZ that is there but does not list its devices (busy
-/// while the machine starts) is asked again after 100 ms, then doubling up to 30 s.
+/// while the machine starts) is asked again after 100 ms, then doubling up to 30 s. A connected remote
+/// control whose address changes (BlueZ has learnt its identity address) is told to `renamed` and is no
+/// event.
 class RemoteMonitor {
 public:
     using EventFunction = std::function<void(const BluetoothDevice& device)>;
     /// Addresses of the connected remote controls.
     using BaselineFunction = std::function<void(const std::vector<std::string>& addresses)>;
+    using RenamedFunction = std::function<void(const std::string& before, const std::string& now)>;
 
     /// @param event a remote control connected or (`connected` false) disconnected
-    RemoteMonitor(EventFunction event, BaselineFunction baseline);
+    RemoteMonitor(EventFunction event, BaselineFunction baseline, RenamedFunction renamed);
 
 private:
     using Devices = std::map<std::string, BluetoothDevice>;  ///< by object path
@@ -42,6 +45,7 @@ private:
 
     const EventFunction m_event;
     const BaselineFunction m_baseline;
+    const RenamedFunction m_renamed;
     bool m_haveBaseline = false;
     Devices m_devices;
     OnceLogged m_listing;

@@ -270,6 +270,32 @@ TEST_F(SmartRemote, AValueThatIsKnownAlreadyIsNoEvent) {
     EXPECT_THAT(reports.WaitFor(2), ElementsAre(Connected(kA), Disconnected(kA, kA)));
 }
 
+TEST_F(SmartRemote, AnAddressThatChangesWhileConnectedIsPublishedAndIsNoEvent) {
+    WatchRemoteA();
+    bluez.Connect(kA);
+    bluez.Change(kA, "Address", g_variant_new_string(kB));
+
+    bluez.Disconnect(kA);
+
+    EXPECT_THAT(reports.WaitFor(2), ElementsAre(Connected(kA), Disconnected(kB, kB)));
+}
+
+TEST_F(SmartRemote, AnAddressThatChangesLeavesTheIdOfTheRemoteThatConnectedLast) {
+    constexpr const char* kIdentityOfA = "CC:CC:CC:CC:CC:CC";
+    bluez.Add(kA, false);
+    bluez.Add(kB, false);
+    bluez.Start();
+    Watch();
+    bluez.Connect(kA);
+    bluez.Connect(kB);
+
+    bluez.Change(kA, "Address", g_variant_new_string(kIdentityOfA));
+    bluez.Disconnect(kA);
+
+    EXPECT_THAT(reports.WaitFor(3),
+                ElementsAre(Connected(kA), Connected(kB), Disconnected(kIdentityOfA, kB)));
+}
+
 TEST_F(SmartRemote, AStormOfConnectsArrivesWholeAndInOrder) {
     constexpr std::size_t kConnects = 1000;
     WatchRemoteA();
