@@ -14,9 +14,9 @@ enum device_power_reason {
 };
 
 /// Callbacks run on the thread-default GLib main context of the subscribing thread, before the device goes
-/// to standby or off, and after it woke up. One subscription per callback: subscribing it again replaces
-/// the user data. 0 on success, negative on failure. Where the power service is missing the subscription
-/// succeeds and comes alive when the service appears.
+/// to standby or off, and after it woke up. One subscription per callback: subscribing it again on the same
+/// context replaces the user data, on another one it is refused. 0 on success, negative on failure. Where the
+/// power service is missing the subscription succeeds and comes alive when the service appears.
 int device_power_subscribe_poweroff(device_power_callback_fn callback, void* user_data);
 int device_power_subscribe_wakeup(device_power_callback_fn callback, void* user_data);
 
@@ -24,6 +24,16 @@ int device_power_subscribe_wakeup(device_power_callback_fn callback, void* user_
 /// it was not subscribed.
 int device_power_unsubscribe_poweroff(device_power_callback_fn callback);
 int device_power_unsubscribe_wakeup(device_power_callback_fn callback);
+
+/// Keeps the device from going for work that outlives its power-off callback.
+typedef struct device_power_hold_s device_power_hold_t;
+
+/// Inside a power-off callback. The device goes when all callbacks have returned and all holds are released,
+/// or shortly before the power service stops waiting by itself. Owned by the caller. Null outside such a
+/// callback, when the service does not wait at all and when there is no memory.
+device_power_hold_t* device_power_hold(void);
+/// Any thread. Null is allowed.
+void device_power_release(device_power_hold_t* hold);
 
 #ifdef __cplusplus
 }

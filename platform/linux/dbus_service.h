@@ -62,6 +62,7 @@ public:
     SystemService(const SystemService&) = delete;
     SystemService& operator=(const SystemService&) = delete;
 
+    GMainContext* Context() const { return m_context.get(); }
     bool Present() const { return !m_owner.empty(); }
     /// Only while the service is present. Signals that the service sends after this call arrive in order
     /// with the replies it sends.

@@ -60,12 +60,21 @@ class Bluez(Mock):
 class Logind(Mock):
     """The power service."""
 
+    MANAGER = "org.freedesktop.login1.Manager"
+
     def __init__(self, machine):
         super().__init__(machine, "org.freedesktop.login1", "--template", "logind")
         self.manager = self.object("/org/freedesktop/login1", MOCK)
 
+    def limit_delays(self, milliseconds):
+        """How long it waits for delay locks, as it is before anybody asks."""
+        self.manager.AddProperty(self.MANAGER, "InhibitDelayMaxUSec", dbus.UInt64(milliseconds * 1000))
+
+    def is_held_up(self):
+        return len(self.object("/org/freedesktop/login1", self.MANAGER).ListInhibitors()) > 0
+
     def _emit(self, signal, value):
-        self.manager.EmitSignal("org.freedesktop.login1.Manager", signal, "b", [dbus.Boolean(value)])
+        self.manager.EmitSignal(self.MANAGER, signal, "b", [dbus.Boolean(value)])
 
     def prepare_for_sleep(self, begins):
         self._emit("PrepareForSleep", begins)

@@ -20,8 +20,12 @@ class Subscriber:
     def __init__(self, machine, behaviour):
         script = pathlib.Path(__file__).with_name("subscriber.py")
         self.process = machine.start("/usr/bin/python3", script, machine.bus.address, behaviour,
-                                     stdout=subprocess.PIPE, text=True)
+                                     stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
         assert self.next_line() == "subscribed"
+
+    def answer(self):
+        self.process.stdin.write("\n")
+        self.process.stdin.flush()
 
     def next_line(self):
         return self.process.stdout.readline().rstrip("\n")
@@ -57,6 +61,31 @@ def test_subscribers_are_told_before_the_machine_goes_off(machine, logind, liste
     logind.prepare_for_shutdown()
 
     assert subscriber.next_line() == "code 5"
+
+
+def test_standby_waits_until_five_subscribers_have_answered(machine, logind, listening):
+    wait_for(logind.is_held_up, "the delay lock")
+    subscribers = [Subscriber(machine, "ask") for _ in range(5)]
+
+    logind.prepare_for_sleep(True)
+
+    for subscriber in subscribers:
+        assert subscriber.next_line() == "code 5"
+        assert logind.is_held_up()
+        subscriber.answer()
+    wait_for(lambda: not logind.is_held_up(), "the delay lock to go")
+
+
+def test_standby_waits_for_a_subscriber_no_longer_than_the_power_service_does(machine, logind):
+    logind.limit_delays(300)
+    machine.start_daemon()
+    wait_for(logind.is_held_up, "the delay lock")
+    hanging = Subscriber(machine, "hang")
+
+    logind.prepare_for_sleep(True)
+
+    assert hanging.next_line() == "code 5"
+    wait_for(lambda: not logind.is_held_up(), "the delay lock to go")
 
 
 def test_nobody_subscribed_is_logged_and_no_harm(machine, logind, listening):

@@ -12,8 +12,12 @@
 #include "device_power.h"
 #include "fake_internal.h"
 
+struct device_power_hold_s {};
+
 namespace fakes {
 namespace {
+
+thread_local bool t_isPoweringOff = false;
 
 enum Kind { POWER_OFF, WAKE_UP };
 
@@ -42,6 +46,7 @@ struct State {
     unsigned nextDelivery = 1;
     std::vector<std::string> calls;
     bool fail = false;
+    int holds = 0;
 };
 
 State& The() {
@@ -69,7 +74,9 @@ gboolean Deliver(gpointer number) {
         if (subscription != state.subscriptions.end()) {
             void* userData = subscription->userData;
             lock.unlock();
+            t_isPoweringOff = what.kind == POWER_OFF;
             what.callback(what.reason, userData);
+            t_isPoweringOff = false;
             lock.lock();
         }
         state.deliveries.erase(key);
@@ -139,6 +146,7 @@ void ResetDevicePower() {
     state.deliveries.clear();
     state.calls.clear();
     state.fail = false;
+    state.holds = 0;
 }
 
 namespace device_power {
@@ -159,6 +167,11 @@ bool AwaitSubscribed() {
 std::vector<std::string> Calls() {
     const std::lock_guard<std::mutex> lock(The().mutex);
     return The().calls;
+}
+
+int Holds() {
+    const std::lock_guard<std::mutex> lock(The().mutex);
+    return The().holds;
 }
 
 void FailSubscriptions(bool fail) {
@@ -182,5 +195,20 @@ int device_power_unsubscribe_poweroff(device_power_callback_fn callback) {
 }
 int device_power_unsubscribe_wakeup(device_power_callback_fn callback) {
     return fakes::Unsubscribe(fakes::WAKE_UP, callback, "unsubscribe_wakeup");
+}
+device_power_hold_t* device_power_hold(void) {
+    if (!fakes::t_isPoweringOff) {
+        return nullptr;
+    }
+    const std::lock_guard<std::mutex> lock(fakes::The().mutex);
+    ++fakes::The().holds;
+    return new device_power_hold_t;
+}
+void device_power_release(device_power_hold_t* hold) {
+    if (hold != nullptr) {
+        const std::lock_guard<std::mutex> lock(fakes::The().mutex);
+        --fakes::The().holds;
+        delete hold;
+    }
 }
 }

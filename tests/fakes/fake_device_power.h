@@ -15,6 +15,8 @@ bool WakeUp(int reason);
 bool AwaitSubscribed();
 /// What was called since Reset, in order: "subscribe_poweroff", "unsubscribe_wakeup" and so on.
 std::vector<std::string> Calls();
+/// Holds that were taken and not released since Reset.
+int Holds();
 /// Makes later subscriptions fail.
 void FailSubscriptions(bool fail);
 

@@ -4,6 +4,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -11,9 +12,16 @@
 #include "context_thread.h"
 #include "device_power/logind_monitor.h"
 
+struct device_power_hold_s {
+    platform::PowerDelay delay;
+};
+
 namespace platform {
 
 namespace {
+
+/// The delay that the power-off callback running on this thread may hold.
+thread_local const PowerDelay* t_delay = nullptr;
 
 enum class PowerEvent { PowerOff, WakeUp };
 
@@ -75,7 +83,9 @@ private:
             m_waiting.pop_front();
             void* const userData = m_userData;
             lock.unlock();
+            const PowerDelay* const outer = std::exchange(t_delay, &next.delay);
             m_callback(next.reason, userData);
+            t_delay = outer;
         }
     }
 
@@ -96,11 +106,11 @@ public:
         const GMainContextPtr context(g_main_context_ref_thread_default());
         const std::lock_guard<std::mutex> life(m_life);
         if (const auto known = Find(event, callback); known != nullptr) {
-            if (known->DeliversOn(context.get())) {
-                known->SetUserData(userData);
-                return 0;
+            if (!known->DeliversOn(context.get())) {
+                return -1;
             }
-            Remove(known);
+            known->SetUserData(userData);
+            return 0;
         }
         const auto subscriber = std::make_shared<Subscriber>(event, callback, userData);
         subscriber->Join();
@@ -200,5 +210,14 @@ int device_power_unsubscribe_poweroff(device_power_callback_fn callback) {
 
 int device_power_unsubscribe_wakeup(device_power_callback_fn callback) {
     return platform::Service().Unsubscribe(platform::PowerEvent::WakeUp, callback);
+}
+
+device_power_hold_t* device_power_hold(void) {
+    const platform::PowerDelay* const delay = platform::t_delay;
+    return delay != nullptr && *delay != nullptr ? new (std::nothrow) device_power_hold_s{*delay} : nullptr;
+}
+
+void device_power_release(device_power_hold_t* hold) {
+    delete hold;
 }
 }

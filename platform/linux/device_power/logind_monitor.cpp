@@ -1,5 +1,8 @@
 #include "device_power/logind_monitor.h"
 
+#include <algorithm>
+#include <cstdint>
+#include <limits>
 #include <utility>
 
 #include "device_power.h"
@@ -11,11 +14,19 @@ namespace {
 
 constexpr const char* kPath = "/org/freedesktop/login1";
 constexpr const char* kManager = "org.freedesktop.login1.Manager";
+constexpr std::uint64_t kUsualLimitUs = 5000000;  ///< what logind waits unless it is told otherwise
+
+/// Nine tenths of what logind waits, in milliseconds: the lock is let go before logind takes it as broken.
+unsigned LimitMs(std::uint64_t logindWaitsUs) {
+    const std::uint64_t limit = logindWaitsUs / 10000 * 9;
+    return static_cast<unsigned>(std::min<std::uint64_t>(limit, std::numeric_limits<unsigned>::max()));
+}
 
 }  // namespace
 
 LogindMonitor::LogindMonitor(Handlers handlers)
     : m_handlers(std::move(handlers)),
+      m_limit(LimitMs(kUsualLimitUs)),
       m_service({"org.freedesktop.login1", "logind", "power notifications"},
                 {[this] { OnAppeared(); }, [this] { m_delay.reset(); }}) {}
 
@@ -34,19 +45,52 @@ void LogindMonitor::OnAppeared() {
                             });
     }
     m_going = false;
+    m_service.Call({kPath, "org.freedesktop.DBus.Properties", "Get"},
+                   g_variant_new("(ss)", kManager, "InhibitDelayMaxUSec"), "(v)",
+                   [this](const SystemService::Reply& reply) { OnLimit(reply); });
     TakeDelay();
+}
+
+void LogindMonitor::OnLimit(const SystemService::Reply& reply) {
+    GVariantPtr limit;
+    if (reply.value != nullptr) {
+        GVariant* value = nullptr;
+        g_variant_get(reply.value, "(v)", &value);
+        limit.reset(value);
+    }
+    const bool isKnown =
+        limit != nullptr && g_variant_is_of_type(limit.get(), G_VARIANT_TYPE_UINT64) != FALSE;
+    m_limit = LimitMs(isKnown ? g_variant_get_uint64(limit.get()) : kUsualLimitUs);
 }
 
 void LogindMonitor::OnPrepare(int reason, bool begins) {
     m_going = begins;
     if (begins) {
+        if (m_delay != nullptr) {
+            m_givenDelay = m_delay;
+            m_limitTimer.Set(m_service.Context(), m_limit, [this] {
+                if (!m_givenDelay.expired()) {
+                    PLATFORM_LOG(WARN, "power-off work is not done in %u ms: the machine goes on", m_limit);
+                }
+                CloseGivenDelay();
+            });
+        }
         m_handlers.powerOff(reason, std::exchange(m_delay, nullptr));
         return;
     }
+    // The machine is back, or stayed: work that still goes on has nothing left to hold up.
+    CloseGivenDelay();
     TakeDelay();
     // A shutdown that is called off wakes nobody: the machine never went.
     if (reason == DEVICE_POWER_STANDBY) {
         m_handlers.wakeUp(reason);
+    }
+}
+
+void LogindMonitor::CloseGivenDelay() {
+    m_limitTimer.Cancel();
+    if (const PowerDelay delay = m_givenDelay.lock()) {
+        delay->Reset();
     }
 }
 

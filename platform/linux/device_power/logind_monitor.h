@@ -3,12 +3,14 @@
 #include <functional>
 #include <memory>
 
+#include "context_thread.h"
 #include "dbus_service.h"
 #include "unique_fd.h"
 
 namespace platform {
 
-/// Keeps the machine from sleeping or going off as long as somebody holds it; null when there is no lock.
+/// Keeps the machine from sleeping or going off as long as somebody holds it, or until the monitor closes the
+/// lock because logind is about to go on without it. Holders never look inside. Null when there is no lock.
 using PowerDelay = std::shared_ptr<UniqueFd>;
 
 /// Follows logind and holds a delay lock between its announcements. Lives on one thread like SystemService.
@@ -25,12 +27,17 @@ public:
 
 private:
     void OnAppeared();
+    void OnLimit(const SystemService::Reply& reply);
     void OnPrepare(int reason, bool begins);
+    void CloseGivenDelay();
     void TakeDelay();
     void OnDelay(const SystemService::Reply& reply);
 
     const Handlers m_handlers;
     PowerDelay m_delay;
+    std::weak_ptr<UniqueFd> m_givenDelay;  ///< of the latest announcement
+    unsigned m_limit;                      ///< milliseconds for which a delay may be held
+    ContextTimer m_limitTimer;
     bool m_going = false;        ///< an announcement was made and not yet taken back
     bool m_toldRefusal = false;  ///< a refused lock has been logged
     SystemService m_service;     ///< last, so that it stops before what its functions use goes

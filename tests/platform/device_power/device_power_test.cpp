@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -26,14 +28,25 @@ constexpr const char* kManager = "org.freedesktop.login1.Manager";
 /// logind that hands out delay locks and sees when they are let go.
 class FakeLogind {
 public:
-    explicit FakeLogind(bool refuses = false) : m_refuses(refuses) {
+    static constexpr std::uint64_t kPatient = 3600000000;  ///< longer than any test takes
+
+    /// @param waitsUs how long it waits for delay locks, microseconds
+    explicit FakeLogind(bool refuses = false, std::uint64_t waitsUs = kPatient)
+        : m_refuses(refuses), m_waitsUs(waitsUs) {
         m_service = std::make_unique<FakeService>(
             "org.freedesktop.login1", kPath,
             "<node><interface name='org.freedesktop.login1.Manager'><method name='Inhibit'>"
             "<arg type='s'/><arg type='s'/><arg type='s'/><arg type='s'/><arg type='h' direction='out'/>"
-            "</method></interface></node>",
-            [this](const std::string&, const std::string&, GVariant* arguments,
-                   GDBusMethodInvocation* invocation) { Inhibit(arguments, invocation); });
+            "</method><property name='InhibitDelayMaxUSec' type='t' access='read'/></interface></node>",
+            [this](const std::string&, const std::string& method, GVariant* arguments,
+                   GDBusMethodInvocation* invocation) {
+                if (method == "Get") {
+                    g_dbus_method_invocation_return_value(
+                        invocation, g_variant_new("(v)", g_variant_new_uint64(m_waitsUs)));
+                } else {
+                    Inhibit(arguments, invocation);
+                }
+            });
     }
 
     void PrepareForSleep(bool begins) { Emit("PrepareForSleep", begins); }
@@ -81,6 +94,7 @@ private:
     }
 
     const bool m_refuses;
+    const std::uint64_t m_waitsUs;
     std::mutex m_mutex;
     std::vector<platform::UniqueFd> m_locks;
     Reports<std::string> m_requests;
@@ -104,8 +118,20 @@ public:
     }
     ~Listener() { m_thread.Stop(); }
 
+    /// Waits until the callback that runs now has returned.
+    void WaitForReturn() {
+        Reports<bool> returned;
+        m_thread.Post([&returned] { returned.Add(true); });
+        EXPECT_EQ(returned.WaitFor(1).size(), 1U);
+    }
+    /// Takes a hold in the next power-off callback.
+    void HoldNext() {
+        beforePowerOff = [this] { hold = device_power_hold(); };
+    }
+
     Reports<std::string> reports;
     std::function<void()> beforePowerOff = [] {};
+    device_power_hold_t* hold = nullptr;
 
 private:
     void Report(const char* what, int reason) {
@@ -162,6 +188,63 @@ TEST_F(Power, TheMachineWaitsUntilThePowerOffCallbackHasRun) {
     }
     EXPECT_TRUE(logind.IsLetGo(0));
     EXPECT_THAT(listener.reports.Now(), ElementsAre("off standby"));
+}
+
+TEST_F(Power, TheMachineWaitsForWorkThatOutlivesTheCallback) {
+    FakeLogind logind;
+    Listener listener;
+    listener.HoldNext();
+    logind.Locks(1);
+
+    logind.PrepareForShutdown(true);
+    listener.reports.WaitFor(1);
+    listener.WaitForReturn();
+    EXPECT_TRUE(logind.IsHeld(0));
+    device_power_release(listener.hold);
+
+    EXPECT_TRUE(logind.IsLetGo(0));
+    EXPECT_EQ(log.Count("power-off work is not done"), 0);
+}
+
+TEST_F(Power, WorkThatIsNotDoneHoldsTheMachineNoLongerThanLogindWaits) {
+    FakeLogind logind(false, 20000);
+    Listener listener;
+    listener.HoldNext();
+    logind.Locks(1);
+
+    logind.PrepareForSleep(true);
+
+    EXPECT_TRUE(logind.IsLetGo(0));
+    EXPECT_TRUE(log.WaitFor("power-off work is not done in 18 ms: the machine goes on"));
+    listener.reports.WaitFor(1);
+    device_power_release(listener.hold);
+}
+
+TEST_F(Power, WorkThatIsNotDoneWhenTheMachineIsBackHoldsNothingUp) {
+    FakeLogind logind;
+    Listener listener;
+    listener.HoldNext();
+    logind.Locks(1);
+
+    logind.PrepareForSleep(true);
+    logind.PrepareForSleep(false);
+
+    EXPECT_THAT(listener.reports.WaitFor(2), ElementsAre("off standby", "on standby"));
+    EXPECT_TRUE(logind.IsLetGo(0));
+    device_power_release(listener.hold);
+}
+
+TEST_F(Power, OnlyAPowerOffCallbackCanHoldAndOnlyWhatWaits) {
+    FakeLogind logind(true);
+    Listener listener;
+    listener.beforePowerOff = [] { EXPECT_EQ(device_power_hold(), nullptr); };
+    EXPECT_TRUE(log.WaitFor("logind gives no delay lock"));
+
+    logind.PrepareForSleep(true);
+
+    EXPECT_EQ(listener.reports.WaitFor(1).size(), 1U);
+    EXPECT_EQ(device_power_hold(), nullptr);
+    device_power_release(nullptr);
 }
 
 TEST_F(Power, TheLockIsTakenAgainAfterTheMachineIsBack) {
@@ -227,7 +310,7 @@ TEST_F(Power, LeavingLetsTheLockGo) {
     EXPECT_TRUE(logind.IsLetGo(0));
 }
 
-TEST_F(Power, SubscribingAgainReplacesTheUserData) {
+TEST_F(Power, SubscribingAgainReplacesTheUserDataAndIsRefusedElsewhere) {
     static Reports<int> reports;
     const auto write = [](int reason, void* data) {
         reports.Add(reason * 10 + *static_cast<int*>(data));
@@ -247,6 +330,8 @@ TEST_F(Power, SubscribingAgainReplacesTheUserData) {
             EXPECT_EQ(device_power_unsubscribe_poweroff(write), 0);
             EXPECT_EQ(device_power_unsubscribe_poweroff(write), -1);
         });
+    int three = 3;
+    EXPECT_EQ(device_power_subscribe_poweroff(write, &three), -1) << "on another thread";
     logind.Locks(1);
 
     logind.PrepareForShutdown(true);

@@ -183,6 +183,36 @@ TEST_F(PowerOff, AClientThatNeverAnswersKeepsNeitherThePowerThreadNorTheMainCont
     EXPECT_TRUE(IsPrepared());
 }
 
+TEST_F(PowerOff, HoldsTheDeviceUntilTheClientsHaveAnswered) {
+    Start();
+    EXPECT_CALL(m_server, SendNotification).WillOnce(InvokeWithoutArgs([] {
+        EXPECT_EQ(fakes::device_power::Holds(), 1);
+        return 1;
+    }));
+
+    ASSERT_TRUE(fakes::device_power::PowerOff(DEVICE_POWER_STANDBY));
+    EXPECT_EQ(fakes::device_power::Holds(), 1) << "queued only";
+
+    EXPECT_TRUE(ServeUntil([] { return fakes::device_power::Holds() == 0; }));
+}
+
+TEST_F(PowerOff, EachHandOverReleasesItsOwnHold) {
+    Start();
+    EXPECT_CALL(m_server, SendNotification)
+        .WillOnce(InvokeWithoutArgs([] {
+            // The device went all the same, came back and goes again while a client has not answered.
+            EXPECT_TRUE(fakes::device_power::PowerOff(DEVICE_POWER_STANDBY));
+            EXPECT_EQ(fakes::device_power::Holds(), 2);
+            EXPECT_TRUE(ServeUntil([] { return fakes::device_power::Holds() == 1; }));
+            return 1;
+        }))
+        .WillOnce(Return(1));
+
+    ASSERT_TRUE(fakes::device_power::PowerOff(DEVICE_POWER_STANDBY));
+
+    EXPECT_TRUE(ServeUntil([] { return fakes::device_power::Holds() == 0; }));
+}
+
 TEST_F(PowerOff, AnExceptionEndsInTheLog) {
     Start();
     EXPECT_CALL(m_server, SendNotification).WillOnce(testing::Throw(std::runtime_error("bus gone")));
@@ -259,6 +289,7 @@ TEST_F(PowerThread, NotificationsThatStillWaitAreDroppedWithTheObject) {
     MainLoop::ServeAllThatWaits();
 
     EXPECT_FALSE(IsPrepared());
+    EXPECT_EQ(fakes::device_power::Holds(), 0);
 }
 
 TEST_F(PowerThread, NotificationsThatArriveWhileItStopsDoNoHarm) {

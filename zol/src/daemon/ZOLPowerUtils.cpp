@@ -1,6 +1,7 @@
 #include "ZOLPowerUtils.h"
 
 #include <boost/bind.hpp>
+#include <utility>
 
 #include "CallbackException.h"
 #include "Log.h"
@@ -125,10 +126,11 @@ int ZOLPowerUtils::m_PreWakeUpCallback(int /*reason*/, void* data) {
 }
 
 gboolean ZOLPowerUtils::m_MainContextPowerOff(void* data) {
-    const ZOLPowerUtils* self = Validated(data, __LINE__);
+    ZOLPowerUtils* self = Validated(data, __LINE__);
     if (self == nullptr) {
         return G_SOURCE_REMOVE;
     }
+    const HoldPtr hold = self->m_TakeHold();
     try {
         self->m_pPolicyManager->NotifyPowerOff();
     } catch (...) {
@@ -159,9 +161,23 @@ gboolean ZOLPowerUtils::m_StopMainLoop(void* data) {
     return G_SOURCE_REMOVE;
 }
 
+ZOLPowerUtils::HoldPtr ZOLPowerUtils::m_TakeHold() {
+    const Lock lock(m_stateMutex);
+    if (m_holds.empty()) {
+        return nullptr;
+    }
+    HoldPtr hold = std::move(m_holds.front());
+    m_holds.pop_front();
+    return hold;
+}
+
 void ZOLPowerUtils::m_PowerOffCallback() {
     ZOL_LOG(LOG_ERROR, "Starting power off callback!");
     const Lock lock(m_powerOffMutex);
+    {
+        const Lock stateLock(m_stateMutex);
+        m_holds.emplace_back(device_power_hold());
+    }
     m_powerOffStart = platform_clock_steady_ns();
     g_main_context_invoke(nullptr, m_MainContextPowerOff, this);
     m_powerOffDuration = static_cast<double>(platform_clock_steady_ns() - m_powerOffStart) / kNsPerSecond;

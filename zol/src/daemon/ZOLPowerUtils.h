@@ -4,7 +4,11 @@
 
 #include <boost/thread/thread.hpp>
 #include <cstdint>
+#include <deque>
+#include <memory>
 #include <mutex>
+
+#include "device_power.h"
 
 namespace zol {
 
@@ -17,6 +21,8 @@ class TCPolicyManager;
 ///     wake-up    TCPolicyManager::PreparePowerOn(false), then TCScheduler::SetLastWakeUpTime, so that the
 ///     time
 ///                in standby counts as time that passed
+///
+/// The device is held until NotifyPowerOff has returned, so that it does not go while clients still work.
 ///
 /// NotifyPowerOff waits for its clients by serving the main context, so calls, keys and timers go on
 /// meanwhile; a further power-off or wake-up is handled inside that wait. The server bounds how many waits
@@ -53,6 +59,12 @@ public:
 private:
     enum EState { STATE_STARTING, STATE_RUNNING, STATE_ENDED };
 
+    struct ReleaseHold {
+        void operator()(device_power_hold_t* hold) const { device_power_release(hold); }
+    };
+    using HoldPtr = std::unique_ptr<device_power_hold_t, ReleaseHold>;
+
+    HoldPtr m_TakeHold();
     void m_PowerOffThread();
     void m_RunLoop();
     void m_QuitLoop();
@@ -61,7 +73,8 @@ private:
     double m_powerOffDuration = 0;      ///< seconds of the last hand-over
     std::uint64_t m_powerOffStart = 0;  ///< steady nanoseconds, start of the last hand-over
     std::mutex m_powerOffMutex;         ///< held for the whole hand-over
-    std::mutex m_stateMutex;            ///< m_state, m_isStopRequested and handing out m_context
+    std::mutex m_stateMutex;            ///< m_holds, m_state, m_isStopRequested and handing out m_context
+    std::deque<HoldPtr> m_holds;        ///< of the hand-overs that the main context has not begun
     EState m_state = STATE_STARTING;
     bool m_isStopRequested = false;
     GMainContext* m_context = nullptr;  ///< the power thread's, which makes and frees it
