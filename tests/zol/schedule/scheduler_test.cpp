@@ -46,6 +46,33 @@ TEST_F(Schedule, ADueEventFiresOnceAndIsTakenOut) {
     EXPECT_EQ(fakes::dlog::Find("Disabled ZOL due to scheduled event!").priority, DLOG_PRIORITY_DEBUG);
 }
 
+/// Five seconds ahead for as many reads as the test says.
+class HastyClock : public zol::TCShiftedClock {
+public:
+    std::int64_t GetCurrentTime() const override {
+        return TCShiftedClock::GetCurrentTime() + (m_readsAhead-- > 0 ? 5 : 0);
+    }
+    mutable std::atomic<int> m_readsAhead{0};
+};
+
+TEST_F(Schedule, TheWholeTableIsEmptyAfterTheCallback) {
+    HastyClock clock;
+    m_scheduler = std::make_unique<zol::TCScheduler>([this] { ++m_disabled; }, clock);
+    AwaitSleep();
+    const auto other = static_cast<zol::EScheduleEventType>(1);
+    m_scheduler->SetSchedule(
+        {{zol::SCHEDULE_EVENT_DISABLE, {TIME_BASE_START, 0}}, {other, {TIME_BASE_START, 62}}}, true);
+    FinishPass();
+    ASSERT_EQ(m_disabled, 1);
+
+    // At 1060: a moment after 1062 ends the pass and would find the other entry due, the next one would not.
+    clock.m_readsAhead = 2;
+    FinishPass();
+
+    EXPECT_FALSE(fakes::dlog::Has("Found scheduled event! 1"));
+    Stop();
+}
+
 TEST_F(Schedule, WithoutACallbackTheEventIsTakenOutAllTheSame) {
     Start(boost::function<void()>());
     SetEvent(TIME_BASE_START, 0);
@@ -161,6 +188,19 @@ TEST_F(Schedule, ATableThatComesDuringTheCallbackWaitsAndIsNotEmptiedWithTheOldO
     FinishPass();
 
     EXPECT_EQ(m_disabled, 2);
+}
+
+TEST_F(Schedule, AWakeUpNeedNotWaitForTheCallback) {
+    Start([this] {
+        const auto told = std::async(std::launch::async, [this] { m_scheduler->SetLastWakeUpTime(); });
+        EXPECT_EQ(told.wait_for(fakes::kPatience), std::future_status::ready);
+        ++m_disabled;
+    });
+    SetEvent(TIME_BASE_START, 0);
+
+    FinishPass();
+
+    EXPECT_EQ(m_disabled, 1);
 }
 
 TEST_F(Schedule, ACallbackThatThrowsIsLoggedAndTheThreadGoesOn) {

@@ -76,7 +76,7 @@ void TCScheduler::SetSchedule(const std::map<EScheduleEventType, TSEventTime>& s
     m_schedule.clear();
     if (isNewPolicy) {
         // Read before the shift is reset: the start of the policy is measured on the clock it arrived under.
-        m_startTime.store(m_clock.GetCurrentTime(), std::memory_order_relaxed);
+        m_startTime = m_clock.GetCurrentTime();
         m_StoreStartTime();
         m_clock.ResetTimeShift();
         m_firstBootTime = 0;
@@ -101,7 +101,7 @@ void TCScheduler::SetLastWakeUpTime() {
 }
 
 std::int64_t TCScheduler::GetTimeElapsed() const {
-    return WrappingDifference(m_clock.GetCurrentTime(), m_startTime.load(std::memory_order_relaxed));
+    return WrappingDifference(m_clock.GetCurrentTime(), m_startTime);
 }
 
 TCShiftedClock& TCScheduler::GetClock() const {
@@ -163,7 +163,7 @@ bool TCScheduler::m_IsPast(const TSEventTime& event) const {
     std::int64_t base = 0;
     switch (event.base) {
         case TIME_BASE_START:
-            base = m_startTime.load(std::memory_order_relaxed);
+            base = m_startTime;
             break;
         case TIME_BASE_FIRST_BOOT:
             base = m_firstBootTime;
@@ -176,34 +176,31 @@ bool TCScheduler::m_IsPast(const TSEventTime& event) const {
 
 void TCScheduler::m_MonitorTime() {
     const std::int64_t before = m_clock.GetCurrentTime();
-    std::int64_t slept = 0;
-    const std::int64_t threshold = m_SleepThroughPass(slept);
-    m_CorrectClock(before, m_clock.GetCurrentTime(), threshold, slept);
+    const std::int64_t slept = m_SleepThroughPass();
+    m_CorrectClock(before, m_clock.GetCurrentTime(), slept);
 
     const Lock lock(m_wakeUpMutex);
     m_lastWakeUpTime = 0;
 }
 
-std::int64_t TCScheduler::m_SleepThroughPass(std::int64_t& slept) {
+std::int64_t TCScheduler::m_SleepThroughPass() {
+    std::int64_t slept = 0;
     while (slept < kPassSeconds && m_IsRunning()) {
         if (m_SleepOneStep()) {
             slept += kStepSeconds;
         }
     }
-    return slept + kToleranceSeconds;
+    return slept;
 }
 
 bool TCScheduler::m_SleepOneStep() {
     boost::this_thread::interruption_point();
-    const bool wasCutShort = platform_alarm_wait(m_stopAlarm.get(), kStepSeconds * kNsPerSecond) != 0;
-    boost::this_thread::interruption_point();
-    return !wasCutShort;
+    return platform_alarm_wait(m_stopAlarm.get(), kStepSeconds * kNsPerSecond) == 0;
 }
 
-void TCScheduler::m_CorrectClock(std::int64_t before, std::int64_t after, std::int64_t threshold,
-                                 std::int64_t slept) {
+void TCScheduler::m_CorrectClock(std::int64_t before, std::int64_t after, std::int64_t slept) {
     const std::int64_t jump = WrappingDifference(before, after);
-    if (Magnitude(jump) > Unsigned(threshold)) {
+    if (Magnitude(jump) > Unsigned(slept + kToleranceSeconds)) {
         const Lock lock(m_wakeUpMutex);
         const bool wokeUpInside = m_lastWakeUpTime != 0 && Unsigned(before) <= Unsigned(m_lastWakeUpTime) &&
                                   Unsigned(m_lastWakeUpTime) <= Unsigned(after);
@@ -219,40 +216,30 @@ void TCScheduler::m_CorrectClock(std::int64_t before, std::int64_t after, std::i
 void TCScheduler::m_LoadStartTime() {
     ZOL_LOG(LOG_DEBUG, "Loading start time from vconf");
     std::int64_t time = 0;
-    switch (ReadStoredNumber(KEY_START_TIME, time)) {
-        case EStoredNumber::LOADED:
-            m_startTime.store(time, std::memory_order_relaxed);
-            break;
-        case EStoredNumber::MISSING:
-            break;
-        case EStoredNumber::STREAM_FAILED:
-            ZOL_LOG(LOG_ERROR, "Could not stream start time from string");
-            break;
-        case EStoredNumber::CONVERT_FAILED:
-            ZOL_LOG(LOG_ERROR, "Could not convert start time");
-            break;
+    const EStoredNumber result = ReadStoredNumber(KEY_START_TIME, time);
+    if (result == EStoredNumber::LOADED) {
+        m_startTime = time;
+    } else if (result == EStoredNumber::STREAM_FAILED) {
+        ZOL_LOG(LOG_ERROR, "Could not stream start time from string");
+    } else if (result == EStoredNumber::CONVERT_FAILED) {
+        ZOL_LOG(LOG_ERROR, "Could not convert start time");
     }
 }
 
 void TCScheduler::m_LoadFirstBootTime() {
     ZOL_LOG(LOG_DEBUG, "Loading first boot time from vconf");
     const Lock lock(m_scheduleMutex);
-    switch (ReadStoredNumber(KEY_FIRST_BOOT_TIME, m_firstBootTime)) {
-        case EStoredNumber::LOADED:
-        case EStoredNumber::MISSING:
-            break;
-        case EStoredNumber::STREAM_FAILED:
-            ZOL_LOG(LOG_ERROR, "Could not stream first boot time from string");
-            break;
-        case EStoredNumber::CONVERT_FAILED:
-            ZOL_LOG(LOG_ERROR, "Could not convert first boot time");
-            break;
+    const EStoredNumber result = ReadStoredNumber(KEY_FIRST_BOOT_TIME, m_firstBootTime);
+    if (result == EStoredNumber::STREAM_FAILED) {
+        ZOL_LOG(LOG_ERROR, "Could not stream first boot time from string");
+    } else if (result == EStoredNumber::CONVERT_FAILED) {
+        ZOL_LOG(LOG_ERROR, "Could not convert first boot time");
     }
 }
 
 void TCScheduler::m_StoreStartTime() const {
     ZOL_LOG(LOG_DEBUG, "Storing start time in vconf");
-    WriteStoredNumber(KEY_START_TIME, m_startTime.load(std::memory_order_relaxed));
+    WriteStoredNumber(KEY_START_TIME, m_startTime);
 }
 
 void TCScheduler::m_StoreFirstBootTime() const {

@@ -32,7 +32,7 @@ struct TSEventTime {
 
 /// Owns its thread. About every 30 seconds the thread fires what is due and then watches the wall clock for
 /// one pass: a jump is taken out of policy time, a clock that stands still is helped on. Public operations
-/// may be called from any thread; all but GetTimeElapsed and GetClock wait while the disable callback runs.
+/// may be called from any thread; SetSchedule and SetFirstBootTime wait while the disable callback runs.
 class TCScheduler {
 public:
     /// vconf string keys, decimal policy-time seconds.
@@ -60,7 +60,9 @@ public:
     /// Makes now the first boot and stores it, unless there was one.
     void SetFirstBootTime();
     /// Tells that the device woke up now. A jump of the clock in the pass around this moment is then time
-    /// spent in standby, which counts as passed.
+    /// spent in standby, which counts as passed. Has to be told before that pass ends: it neither writes a
+    /// key nor waits for the schedule, so it can run right where the platform tells of the wake-up. Throws
+    /// what the clock throws.
     void SetLastWakeUpTime();
     /// Seconds of policy time since the current policy was set.
     std::int64_t GetTimeElapsed() const;
@@ -78,9 +80,9 @@ private:
     bool m_TakeDueDisableEvents();
     bool m_IsPast(const TSEventTime& event) const;
     void m_MonitorTime();
-    std::int64_t m_SleepThroughPass(std::int64_t& slept);
+    std::int64_t m_SleepThroughPass();
     bool m_SleepOneStep();
-    void m_CorrectClock(std::int64_t before, std::int64_t after, std::int64_t threshold, std::int64_t slept);
+    void m_CorrectClock(std::int64_t before, std::int64_t after, std::int64_t slept);
     void m_LoadStartTime();
     void m_LoadFirstBootTime();
     void m_StoreStartTime() const;

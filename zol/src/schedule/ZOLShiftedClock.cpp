@@ -35,36 +35,31 @@ std::int64_t TCShiftedClock::GetCurrentTime() const {
     // exception. The conversion would make it a day of 1899.
     const bool hasDate = localtime_r(&now, &local) != nullptr;
     const tm utc = hasDate ? CTimeUtil::ConvertToUTCTime(local) : tm{};
-    return WrappingSum(SecondsSince1970(utc), m_timeShift.load(std::memory_order_relaxed));
+    return WrappingSum(SecondsSince1970(utc), m_timeShift);
 }
 
 void TCShiftedClock::AccumulateTimeShift(long long seconds) {
-    m_timeShift.fetch_add(seconds, std::memory_order_relaxed);
+    m_timeShift += seconds;
 }
 
 void TCShiftedClock::StoreTimeShift() const {
-    WriteStoredNumber(KEY_CLOCK_DIFF, m_timeShift.load(std::memory_order_relaxed));
+    WriteStoredNumber(KEY_CLOCK_DIFF, m_timeShift);
 }
 
 void TCShiftedClock::LoadTimeShift() {
     std::int64_t shift = 0;
-    switch (ReadStoredNumber(KEY_CLOCK_DIFF, shift)) {
-        case EStoredNumber::LOADED:
-            m_timeShift.store(shift, std::memory_order_relaxed);
-            break;
-        case EStoredNumber::MISSING:
-            break;
-        case EStoredNumber::STREAM_FAILED:
-            ZOL_LOG(LOG_ERROR, "Could not stream time shift from string");
-            break;
-        case EStoredNumber::CONVERT_FAILED:
-            ZOL_LOG(LOG_ERROR, "Could not convert time shift");
-            break;
+    const EStoredNumber result = ReadStoredNumber(KEY_CLOCK_DIFF, shift);
+    if (result == EStoredNumber::LOADED) {
+        m_timeShift = shift;
+    } else if (result == EStoredNumber::STREAM_FAILED) {
+        ZOL_LOG(LOG_ERROR, "Could not stream time shift from string");
+    } else if (result == EStoredNumber::CONVERT_FAILED) {
+        ZOL_LOG(LOG_ERROR, "Could not convert time shift");
     }
 }
 
 void TCShiftedClock::ResetTimeShift() {
-    m_timeShift.store(0, std::memory_order_relaxed);
+    m_timeShift = 0;
     StoreTimeShift();
 }
 

@@ -5,7 +5,7 @@
 
 namespace zol {
 
-/// Any thread. The shift is a relaxed atomic: a reader sees the value before or after a change, never half.
+/// Any thread: a reader sees the shift before or after a change, never half of it.
 class TCShiftedClock {
 public:
     /// vconf string key that holds the last shift that was reset, decimal seconds.
