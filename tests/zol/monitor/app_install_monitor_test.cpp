@@ -24,7 +24,6 @@ constexpr int kMethod = 11;
 constexpr int kIndex = 3;
 constexpr std::int64_t kMinute = 60;  // seconds
 constexpr const char* kId = "org.kaldo.example";
-constexpr const char* kCount = "[InstallMonitor] AppInstallCb(), Current Repetition : ";
 
 class AppInstallMonitor : public MonitorFixture {
 protected:
@@ -66,20 +65,12 @@ TEST_F(AppInstallMonitor, TwoInstallsSixtyOneMinutesApartAreNone) {
     InstallAt({0, 61 * kMinute});
     EXPECT_EQ(m_notify.Hits(), Hits());
     EXPECT_EQ(monitor.GetCurrentRepetition(), 1);
-    EXPECT_EQ(PriorityOf("[InstallMonitor] CurrentTime > ExpireTime, set now time to FirstCallTime"),
-              DLOG_PRIORITY_INFO);
 }
 
 TEST_F(AppInstallMonitor, AnInstallExactlyAtTheEndStillCounts) {
     Start();
     InstallAt({0, 60 * kMinute});
     EXPECT_EQ(m_notify.Hits(), Hits({kIndex}));
-}
-
-TEST_F(AppInstallMonitor, AnInstallOneSecondAfterTheEndDoesNotCount) {
-    Start();
-    InstallAt({0, 60 * kMinute + 1});
-    EXPECT_EQ(m_notify.Hits(), Hits());
 }
 
 TEST_F(AppInstallMonitor, InstallsOfOneSecondAllCount) {
@@ -99,14 +90,24 @@ TEST_F(AppInstallMonitor, OtherEventsChangeNothing) {
     EXPECT_EQ(Logged("[InstallMonitor] AppInstallCb(), event : 200"), 1);
 }
 
-TEST_F(AppInstallMonitor, AHitIsLoggedSentAndTheCountBeginsAgain) {
+TEST_F(AppInstallMonitor, EachStepIsLoggedByTheCallbackFromALineOfItsOwn) {
     Start();
-    InstallAt({0, 1, 2});
-    EXPECT_EQ(Logged(std::string(kCount) + "1"), 2);
-    EXPECT_EQ(Logged(std::string(kCount) + "2"), 1);
-    EXPECT_EQ(PriorityOf("[InstallMonitor] abnormal behavior, send to Notifier"), DLOG_PRIORITY_INFO);
-    EXPECT_EQ(PriorityOf("[InstallMonitor] Send Event success"), DLOG_PRIORITY_INFO);
-    EXPECT_NE(fakes::dlog::Find(kCount).text.find("ZOLAppInstallMonitor: AppInstallCb("), std::string::npos);
+    InstallAt({0, 61 * kMinute, 62 * kMinute});
+    EXPECT_EQ(m_notify.Hits(), Hits({kIndex}));
+    EXPECT_EQ(Logged("[InstallMonitor] AppInstallCb(), Current Repetition : 1"), 2);
+    EXPECT_EQ(Logged("[InstallMonitor] AppInstallCb(), Current Repetition : 2"), 1);
+    std::vector<std::string> texts = {
+        "[InstallMonitor] CurrentTime > ExpireTime, set now time to FirstCallTime",
+        "[InstallMonitor] AppInstallCb(), Current Repetition : 2",
+        "[InstallMonitor] abnormal behavior, send to Notifier", "[InstallMonitor] Send Event success"};
+    for (const std::string& text : texts) {
+        EXPECT_EQ(PriorityOf(text), DLOG_PRIORITY_INFO) << text;
+    }
+    m_notify.Destroy();
+    InstallAt({0, 1});
+    EXPECT_EQ(PriorityOf("[InstallMonitor] Send Event fail"), DLOG_PRIORITY_ERROR);
+    texts.emplace_back("[InstallMonitor] Send Event fail");
+    ExpectPlaces("ZOLAppInstallMonitor: AppInstallCb", texts);
 }
 
 TEST_F(AppInstallMonitor, AStormOfHitsFillsTheQueueAndTheRestIsLoggedAsLost) {
@@ -115,11 +116,10 @@ TEST_F(AppInstallMonitor, AStormOfHitsFillsTheQueueAndTheRestIsLoggedAsLost) {
     for (int i = 0; i < 10000; ++i) {
         Install(kId);
     }
-    EXPECT_EQ(Logged("[InstallMonitor] Send Event success"), static_cast<int>(kQueueLength));
-    EXPECT_EQ(Logged("[InstallMonitor] Send Event fail"), 10000 - static_cast<int>(kQueueLength));
-    EXPECT_EQ(PriorityOf("[InstallMonitor] Send Event fail"), DLOG_PRIORITY_ERROR);
     m_notify.ReleaseAndDrain();
     EXPECT_EQ(m_notify.Hits(), Hits(kQueueLength, kIndex));
+    EXPECT_EQ(Logged("[InstallMonitor] Send Event success"), static_cast<int>(kQueueLength));
+    EXPECT_EQ(Logged("[InstallMonitor] Send Event fail"), 10000 - static_cast<int>(kQueueLength));
 }
 
 TEST_F(AppInstallMonitor, IdsAreCutTo127Characters) {
@@ -185,16 +185,30 @@ TEST_F(AppInstallMonitor, CreatedTwiceItSaysWhichCheckFailed) {
     EXPECT_EQ(Logged("CCTask::Create(\"InstallMonitor\")"), 1);
 }
 
-TEST_F(AppInstallMonitor, ShutdownWithdrawsItsRegistrationOnly) {
+TEST_F(AppInstallMonitor, StartedAgainItIsStillRegisteredOnce) {
+    EXPECT_TRUE(Start().StartMonitoring());
+    InstallAt({0});
+    EXPECT_EQ(m_monitor->GetCurrentRepetition(), 1);
+}
+
+TEST_F(AppInstallMonitor, ItsEndWithdrawsItsRegistrationOnly) {
     Start();
     TCAppInstallMonitor other(&m_notify, "other", 60, 2, kMethod, 0);
     ASSERT_TRUE(other.StartMonitoring());
-    m_monitor->Shutdown();
+    m_monitor.reset();
     EXPECT_EQ(RegisteredIds(), std::vector<std::string>({"other"}));
-    m_monitor->Shutdown();
 }
 
-TEST_F(AppInstallMonitor, CallbacksMayArriveWhileItShutsDown) {
+TEST_F(AppInstallMonitor, ARegistrationThatItsTaskStillMakesEndsWithIt) {
+    Make();
+    CSEvent start;
+    start.receiver = m_monitor.get();
+    EXPECT_TRUE(CCTask::Send(&start, false));
+    m_monitor.reset();
+    EXPECT_TRUE(RegisteredIds().empty());
+}
+
+TEST_F(AppInstallMonitor, CallbacksMayArriveWhileItEnds) {
     Start(kId, 1);
     std::atomic<int> installs{0};
     std::thread service([&installs] {

@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "dlog.h"
 #include "fake_bt_hid.h"
@@ -23,7 +24,6 @@ constexpr int kCounting = 31;
 constexpr int kLastConnected = 32;
 constexpr int kIndex = 2;
 constexpr const char* kIdKey = "file/bluetooth/bt_last_connected_smart_rc";
-constexpr const char* kCount = "[BtMonitor] BtCountingCb(), Current Repetition : ";
 constexpr const char* kIgnored = "[BtMonitor] BtCountingCb() called between ignoreTime, return";
 
 class BtPairMonitor : public MonitorFixture {
@@ -72,10 +72,10 @@ TEST_F(BtPairMonitor, ACallbackOneSecondAfterTheIgnoreTimeCounts) {
 
 TEST_F(BtPairMonitor, AnIgnoreTimeOfZeroBecomesTen) {
     TCBtPairMonitor& monitor = Start(kCounting, 3, 0);
-    EXPECT_EQ(Logged("ignoreTime is 0"), 1);
-    EXPECT_EQ(Logged("set default ignoreTime"), 1);
     ConnectAt({100, 110, 121});
     EXPECT_EQ(monitor.GetCurrentRepetition(), 2);
+    EXPECT_EQ(Logged("ignoreTime is 0"), 1);
+    EXPECT_EQ(Logged("set default ignoreTime"), 1);
 }
 
 TEST_F(BtPairMonitor, ANegativeIgnoreTimeIgnoresNothing) {
@@ -118,36 +118,32 @@ TEST_F(BtPairMonitor, ADisconnectCountsLikeAConnect) {
     EXPECT_EQ(Logged("[BtMonitor] BtCountingCb() called, connected : 0"), 1);
 }
 
-TEST_F(BtPairMonitor, AHitIsLoggedSentAndTheCountBeginsAgain) {
+TEST_F(BtPairMonitor, EachStepIsLoggedByTheCallbackFromALineOfItsOwn) {
     Start(kCounting, 2);
-    ConnectAt({0, 20, 40});
+    ConnectAt({0, 601, 602, 620});
     EXPECT_EQ(m_notify.Hits(), Hits({kIndex}));
-    EXPECT_EQ(Logged(std::string(kCount) + "1"), 2);
-    EXPECT_EQ(Logged(std::string(kCount) + "2"), 1);
-    EXPECT_EQ(PriorityOf("[BtMonitor] abnormal behavior, send to Notifier"), DLOG_PRIORITY_INFO);
-    EXPECT_EQ(PriorityOf("[BtMonitor] Send Event success"), DLOG_PRIORITY_INFO);
-    EXPECT_NE(fakes::dlog::Find(kCount).text.find("ZOLBtPairMonitor: BtCountingCb("), std::string::npos);
+    EXPECT_EQ(Logged("[BtMonitor] BtCountingCb(), Current Repetition : 1"), 2);
+    EXPECT_EQ(Logged("[BtMonitor] BtCountingCb(), Current Repetition : 2"), 1);
+    std::vector<std::string> texts = {"[BtMonitor] BtCountingCb() called, connected : 1",
+                                      kIgnored,
+                                      "[BtMonitor] CurrentTime > ExpiredTime, set now time to FirstCallTime",
+                                      "[BtMonitor] BtCountingCb(), Current Repetition : 2",
+                                      "[BtMonitor] abnormal behavior, send to Notifier",
+                                      "[BtMonitor] Send Event success"};
+    for (const std::string& text : texts) {
+        EXPECT_EQ(PriorityOf(text), DLOG_PRIORITY_INFO) << text;
+    }
+    m_notify.Destroy();
+    ConnectAt({640, 660});
+    EXPECT_EQ(PriorityOf("[BtMonitor] Send Event fail"), DLOG_PRIORITY_ERROR);
+    texts.emplace_back("[BtMonitor] Send Event fail");
+    ExpectPlaces("ZOLBtPairMonitor: BtCountingCb", texts);
 }
 
 TEST_F(BtPairMonitor, ACallbackExactlyAtTheEndOfThePeriodCounts) {
     Start(kCounting, 2);
     ConnectAt({0, 600});
     EXPECT_EQ(m_notify.Hits(), Hits({kIndex}));
-}
-
-TEST_F(BtPairMonitor, ACallbackOneSecondAfterTheEndBeginsANewPeriod) {
-    Start(kCounting, 2);
-    ConnectAt({0, 601});
-    EXPECT_EQ(m_notify.Hits(), Hits());
-    EXPECT_EQ(PriorityOf("[BtMonitor] CurrentTime > ExpiredTime, set now time to FirstCallTime"),
-              DLOG_PRIORITY_INFO);
-}
-
-TEST_F(BtPairMonitor, AHitThatFindsNoRoomIsLoggedAsAnError) {
-    Start(kCounting, 1, -1);
-    m_notify.Destroy();
-    ConnectAt({0});
-    EXPECT_EQ(PriorityOf("[BtMonitor] Send Event fail"), DLOG_PRIORITY_ERROR);
 }
 
 TEST_F(BtPairMonitor, TenThousandConnectsInASecondCountOnce) {
@@ -198,8 +194,8 @@ TEST_F(BtPairMonitor, StartedWithAnEmptyKeyTheFirstPairingIsNoHit) {
     Start(kLastConnected);
     fakes::vconf::SetString(kIdKey, "A");
     Connect();
-    EXPECT_EQ(Logged("m_LastConnectedId is empty, first pairing case"), 1);
     EXPECT_EQ(m_notify.Hits(), Hits());
+    EXPECT_EQ(Logged("m_LastConnectedId is empty, first pairing case"), 1);
 }
 
 TEST_F(BtPairMonitor, IdsAreComparedToTheLastByte) {
@@ -218,8 +214,8 @@ TEST_F(BtPairMonitor, AKeyThatCannotBeReadReportsNothingAndKeepsTheStoredId) {
     fakes::vconf::Fail(kIdKey, fakes::vconf::FAIL_GET);
     Connect(false);
     Connect();
-    EXPECT_EQ(Logged("vconf_get_str fail"), 2);
     EXPECT_EQ(m_notify.Hits(), Hits());
+    EXPECT_EQ(Logged("vconf_get_str fail"), 2);
     fakes::vconf::Fail(kIdKey, fakes::vconf::FAIL_NONE);
     Connect();
     EXPECT_EQ(m_notify.Hits(), Hits({kIndex}));
@@ -266,26 +262,26 @@ TEST_F(BtPairMonitor, CreatedTwiceItSaysWhichCheckFailed) {
     EXPECT_EQ(Logged("CCTask::Create(\"BtMonitor\")"), 1);
 }
 
-TEST_F(BtPairMonitor, ShutdownWithdrawsTheCallbackAndMayBeRepeated) {
-    TCBtPairMonitor& monitor = Start(kCounting);
-    EXPECT_EQ(fakes::bt_hid::Registrations(), 1);
-    monitor.Shutdown();
-    EXPECT_EQ(fakes::bt_hid::Registrations(), 0);
-    EXPECT_FALSE(Connect());
-    monitor.Shutdown();
+TEST_F(BtPairMonitor, StartedAgainItIsStillRegistered) {
+    EXPECT_TRUE(Start(kCounting).StartMonitoring());
+    EXPECT_TRUE(Connect());
 }
 
-TEST_F(BtPairMonitor, ShutdownLeavesTheCallbackOfALaterMonitorAlone) {
-    TCBtPairMonitor& first = Start(kCounting);
+TEST_F(BtPairMonitor, ItsEndWithdrawsTheCallback) {
+    Start(kCounting);
+    m_monitor.reset();
+    EXPECT_EQ(fakes::bt_hid::Registrations(), 0);
+}
+
+TEST_F(BtPairMonitor, ItsEndLeavesTheCallbackOfALaterMonitorAlone) {
+    Start(kCounting);
     TCBtPairMonitor second(&m_notify, 10, 3, kCounting, 10, kIndex);
     ASSERT_TRUE(second.StartMonitoring());
-    first.Shutdown();
+    m_monitor.reset();
     EXPECT_EQ(fakes::bt_hid::Registrations(), 1);
-    second.Shutdown();
-    EXPECT_EQ(fakes::bt_hid::Registrations(), 0);
 }
 
-TEST_F(BtPairMonitor, CallbacksMayArriveWhileItShutsDown) {
+TEST_F(BtPairMonitor, CallbacksMayArriveWhileItEnds) {
     Start(kCounting, 1, -1);
     std::atomic<int> connects{0};
     std::thread platform([&connects] {

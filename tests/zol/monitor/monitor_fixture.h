@@ -1,10 +1,11 @@
 #pragma once
-/// A machine with a remote, a web-app service and a notify manager that only notes down what is posted to it.
+/// A machine with a remote, a web-app service and a notify manager whose hits can be read.
 #include <gtest/gtest.h>
 
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -16,7 +17,7 @@
 #include "fake_dlog.h"
 #include "fakes.h"
 
-/// Notes the index of every monitor hit; makes no reports.
+/// Notes every event that is posted to it; makes reports of vconf hits only.
 class RecordingNotify : public TCNotifyManager {
 public:
     ~RecordingNotify() override {
@@ -44,11 +45,17 @@ public:
             std::this_thread::yield();
         }
     }
-    /// Indices of the hits posted so far, in order.
+    /// Indices of the monitor hits posted so far, in order.
     std::vector<long> Hits() {
         PostTo(kFlush, true);
         const std::lock_guard<std::mutex> lock(m_mutex);
         return m_hits;
+    }
+    /// NOTIFY_ZOL_VCONF events posted so far; their reports are made when this returns.
+    int VconfEvents() {
+        PostTo(kFlush, true);
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_vconfEvents;
     }
 
     bool t_OnEvent(const CSEvent* event) override {
@@ -59,6 +66,9 @@ public:
             m_changed.wait(lock, [this] { return m_isReleased; });
         } else if (event->type == NOTIFY_ZOL_MONITOR) {
             m_hits.push_back(event->param.l[0]);
+        } else if (event->type == NOTIFY_ZOL_VCONF) {
+            ++m_vconfEvents;
+            TCNotifyManager::t_OnEvent(event);
         } else if (event->type != kFlush) {
             ADD_FAILURE() << "unexpected event " << event->type;
         }
@@ -81,6 +91,7 @@ private:
     bool m_isHeld = false;
     bool m_isReleased = false;
     std::vector<long> m_hits;
+    int m_vconfEvents = 0;
 };
 
 /// Resets the fakes before the members of a fixture are made.
@@ -105,6 +116,16 @@ protected:
     static void At(std::int64_t seconds) { fakes::clock::SetWall(fakes::clock::kEpoch + seconds); }
     static int PriorityOf(const std::string& text) { return fakes::dlog::Find(text).priority; }
     static int Logged(const std::string& text) { return fakes::dlog::Count(text); }
+    /// Each text was logged by `function`, given as "source: function", from a line of its own.
+    static void ExpectPlaces(const std::string& function, const std::vector<std::string>& texts) {
+        std::set<std::string> places;
+        for (const std::string& text : texts) {
+            const std::string line = fakes::dlog::Find("> " + text).text;
+            EXPECT_EQ(line.substr(0, line.find('(')), function) << text;
+            places.insert(line.substr(0, line.find(" > ")));
+        }
+        EXPECT_EQ(places.size(), texts.size());
+    }
 
     RecordingNotify m_notify;
 };

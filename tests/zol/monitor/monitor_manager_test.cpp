@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <memory>
 #include <string>
 #include <thread>
 #include <utility>
@@ -47,7 +48,7 @@ class MonitorManager : public MonitorFixture {
 protected:
     MonitorManager() {
         SetPolicy({});
-        EXPECT_TRUE(m_manager.Create());
+        EXPECT_TRUE(m_manager->Create());
     }
     ~MonitorManager() override { SetPolicy({}); }
 
@@ -57,7 +58,7 @@ protected:
     }
     bool Start(std::vector<ZOLPolicyMonitor> items) {
         SetPolicy(std::move(items));
-        return m_manager.StartMonitoring();
+        return m_manager->StartMonitoring();
     }
     /// Starts a policy with one pairing item and says which ignore time the monitor was given.
     static void ExpectIgnoreTime(const std::string& reserve1, const std::string& seconds) {
@@ -68,7 +69,7 @@ protected:
         EXPECT_EQ(Logged("> ignoreTime is " + seconds), 1) << reserve1;
     }
 
-    TCMonitorManager m_manager{&m_notify};
+    std::unique_ptr<TCMonitorManager> m_manager = std::make_unique<TCMonitorManager>(&m_notify);
 };
 
 TEST_F(MonitorManager, AnEmptyPolicyStartsNothing) {
@@ -90,27 +91,27 @@ TEST_F(MonitorManager, AHitCarriesTheItemsPositionAmongItemsOfEveryType) {
 
 TEST_F(MonitorManager, OfTwoPairingItemsTheFirstIsMonitored) {
     EXPECT_TRUE(Start({Pairing("null", 31, 1), Pairing("null", 32, 1)}));
-    EXPECT_EQ(PriorityOf("BtPairMonitoring is already exist. return false"), DLOG_PRIORITY_ERROR);
-    EXPECT_EQ(PriorityOf("fail to init BT PAIR"), DLOG_PRIORITY_ERROR);
-    EXPECT_EQ(Logged("BT PAIR monitoring started."), 1);
     fakes::bt_hid::Connect();
     EXPECT_EQ(m_notify.Hits(), Hits({0}));
     EXPECT_EQ(fakes::bt_hid::RegistrationsMade(), 1);
+    EXPECT_EQ(PriorityOf("BtPairMonitoring is already exist. return false"), DLOG_PRIORITY_ERROR);
+    EXPECT_EQ(PriorityOf("fail to init BT PAIR"), DLOG_PRIORITY_ERROR);
+    EXPECT_EQ(Logged("BT PAIR monitoring started."), 1);
 }
 
 TEST_F(MonitorManager, OfTwoInstallItemsWithOneIdTheFirstWins) {
     EXPECT_TRUE(Start({Installing("a"), Installing("a")}));
-    EXPECT_EQ(PriorityOf("AppId key is already exist. return false"), DLOG_PRIORITY_ERROR);
-    EXPECT_EQ(PriorityOf("fail to init APP INSTALL"), DLOG_PRIORITY_ERROR);
     EXPECT_EQ(Install("a"), 1);
     EXPECT_EQ(m_notify.Hits(), Hits({0}));
+    EXPECT_EQ(PriorityOf("AppId key is already exist. return false"), DLOG_PRIORITY_ERROR);
+    EXPECT_EQ(PriorityOf("fail to init APP INSTALL"), DLOG_PRIORITY_ERROR);
 }
 
 TEST_F(MonitorManager, AnInstallItemWithoutAnIdIsRefused) {
     EXPECT_TRUE(Start({Installing("")}));
+    EXPECT_TRUE(RegisteredIds().empty());
     EXPECT_EQ(PriorityOf("AppId is empty"), DLOG_PRIORITY_ERROR);
     EXPECT_EQ(Logged("fail to init APP INSTALL"), 1);
-    EXPECT_TRUE(RegisteredIds().empty());
 }
 
 TEST_F(MonitorManager, LaunchItemsAreSkipped) {
@@ -128,15 +129,15 @@ TEST_F(MonitorManager, InstallMonitorsStartInTheOrderOfTheirIds) {
 TEST_F(MonitorManager, TheFirstInstallMonitorThatCannotStartEndsTheStart) {
     fakes::was::FailRegistrations("b", -1);
     EXPECT_FALSE(Start({Installing("c"), Installing("a"), Installing("b")}));
-    EXPECT_EQ(PriorityOf("fail to start APP INSTALL"), DLOG_PRIORITY_ERROR);
     EXPECT_EQ(RegisteredIds(), std::vector<std::string>({"a"}));
+    EXPECT_EQ(PriorityOf("fail to start APP INSTALL"), DLOG_PRIORITY_ERROR);
     EXPECT_EQ(Logged("StartMonitoring() end"), 0);
 }
 
 TEST_F(MonitorManager, APairingMonitorThatCannotStartEndsTheStart) {
     EXPECT_FALSE(Start({Installing("a"), Pairing("null", 33)}));
-    EXPECT_EQ(PriorityOf("fail to start BT PAIR"), DLOG_PRIORITY_ERROR);
     EXPECT_TRUE(RegisteredIds().empty());
+    EXPECT_EQ(PriorityOf("fail to start BT PAIR"), DLOG_PRIORITY_ERROR);
 }
 
 TEST_F(MonitorManager, AnIgnoreTimeThatIsNoNumberIsTheDefault) {
@@ -204,53 +205,47 @@ TEST_F(MonitorManager, WithoutANotifyManagerEveryHitIsLost) {
 }
 
 TEST_F(MonitorManager, ItsTaskIsNamedAndAcceptsTypeZeroOnly) {
-    EXPECT_STREQ(m_manager.Name(), "ZolMonitorManage") << "16 characters are kept";
+    EXPECT_STREQ(m_manager->Name(), "ZolMonitorManage") << "16 characters are kept";
     EXPECT_EQ(PriorityOf("[TCMonitorManager] Created"), DLOG_PRIORITY_INFO);
     CSEvent event;
-    event.receiver = &m_manager;
+    event.receiver = m_manager.get();
     EXPECT_TRUE(CCTask::Send(&event, true));
-    EXPECT_TRUE(m_manager.t_OnEvent(&event));
+    EXPECT_TRUE(m_manager->t_OnEvent(&event));
     EXPECT_EQ(Logged("[TCMonitorManager::t_OnEvent] TYPE:0"), 2);
     EXPECT_EQ(Logged("ASSERT"), 0);
     event.type = 1;
-    m_manager.t_OnEvent(&event);
+    m_manager->t_OnEvent(&event);
     EXPECT_EQ(Logged("ASSERT: !\"[TCMonitorManager] Unknown Event Type\" [zol/src/ZOLMonitorManager"), 1);
-    m_manager.t_OnEvent(nullptr);
+    m_manager->t_OnEvent(nullptr);
     EXPECT_EQ(Logged("ASSERT: event [zol/src/ZOLMonitorManager"), 1);
 }
 
 TEST_F(MonitorManager, CreatedTwiceItSaysWhichCheckFailed) {
-    EXPECT_FALSE(m_manager.Create());
+    EXPECT_FALSE(m_manager->Create());
     EXPECT_EQ(Logged("CCTask::Create(\"ZolMonitorManager\")"), 1);
 }
 
 TEST_F(MonitorManager, DestroyEndsTheNotifyManagerAndNothingElse) {
     EXPECT_TRUE(Start({Pairing("1"), Installing("a")}));
-    m_manager.Destroy();
-    EXPECT_EQ(PriorityOf("[TCMonitorManager] Destroyed"), DLOG_PRIORITY_INFO);
-    EXPECT_EQ(PriorityOf("[TCNotifyManager] Destroyed"), DLOG_PRIORITY_INFO);
+    m_manager->Destroy();
+    EXPECT_FALSE(m_notify.CCTask::FlagCreate());
+    EXPECT_TRUE(m_manager->CCTask::FlagCreate());
     EXPECT_EQ(fakes::bt_hid::Registrations(), 1);
     EXPECT_EQ(RegisteredIds().size(), 1U);
-    Install("a");
-    EXPECT_EQ(Logged("[InstallMonitor] Send Event fail"), 1);
-    m_manager.Destroy();
+    EXPECT_EQ(PriorityOf("[TCMonitorManager] Destroyed"), DLOG_PRIORITY_INFO);
+    m_manager->Destroy();
     EXPECT_EQ(Logged("ASSERT: m_pNotify [zol/src/ZOLMonitorManager"), 1);
-    m_manager.Shutdown();
-    EXPECT_EQ(fakes::bt_hid::Registrations(), 0);
-    EXPECT_TRUE(RegisteredIds().empty());
 }
 
-TEST_F(MonitorManager, ShutdownWithdrawsEveryCallbackAndMayBeRepeated) {
+TEST_F(MonitorManager, ItsEndWithdrawsEveryCallbackAndLeavesTheNotifyManagerAlone) {
     EXPECT_TRUE(Start({Pairing(), Installing("a"), Installing("b")}));
-    m_manager.Shutdown();
+    m_manager.reset();
     EXPECT_EQ(fakes::bt_hid::Registrations(), 0);
     EXPECT_TRUE(RegisteredIds().empty());
-    EXPECT_FALSE(m_manager.CCTask::FlagCreate());
-    EXPECT_EQ(m_notify.Hits(), Hits()) << "the notify manager is left alone";
-    m_manager.Shutdown();
+    EXPECT_TRUE(m_notify.CCTask::FlagCreate());
 }
 
-TEST_F(MonitorManager, CallbacksMayArriveWhileItShutsDown) {
+TEST_F(MonitorManager, CallbacksMayArriveWhileItEnds) {
     EXPECT_TRUE(Start({Pairing("1", 31, 1000), Installing("a"), Installing("b")}));
     std::atomic<int> events{0};
     std::thread remote([&events] {
@@ -266,7 +261,7 @@ TEST_F(MonitorManager, CallbacksMayArriveWhileItShutsDown) {
     while (events < 10) {
         std::this_thread::yield();
     }
-    m_manager.Shutdown();
+    m_manager.reset();
     remote.join();
     service.join();
     fakes::dlog::Clear();

@@ -30,6 +30,9 @@ bool StartWorkerTask(CCTask& task, CCHandler& handler, const char* name, const c
 
 // Qualified, because a worker's own Destroy may mean something else.
 void EndWorkerTask(CCTask& task, CCHandler& handler) {
+    if (!task.FlagCreate()) {
+        return;
+    }
     handler.CCHandler::Destroy();
     task.ExitLoop();
     task.CCTask::Destroy();

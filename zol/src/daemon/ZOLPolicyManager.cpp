@@ -281,7 +281,8 @@ bool TCPolicyManager::m_CreateTasks(const std::vector<ZOLVconfMonitor>& vconfIte
             ZOL_LOG(LOG_ERROR, "pMonitor is NULL or failed to create");
             return false;
         }
-        tasks.monitors->StartMonitoring();
+        // What cannot start is logged; what started goes on.
+        static_cast<void>(tasks.monitors->StartMonitoring());
     }
     return true;
 }

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "CallbackException.h"
+#include "Log.h"
 #include "Logging.h"
 #include "WorkerTask.h"
 
@@ -15,32 +16,18 @@ constexpr const char* kTaskName = "InstallMonitor";
 /// Event of the task that registers with the service.
 constexpr std::uint32_t kEventStart = 0;
 
-constexpr TSRepetitionTexts kTexts = {
-    kLogModule,
-    __FILE__,
-    "AppInstallCb",
-    __LINE__,
-    "[InstallMonitor] CurrentTime > ExpireTime, set now time to FirstCallTime",
-    "[InstallMonitor] AppInstallCb(), Current Repetition : ",
-    "[InstallMonitor] abnormal behavior, send to Notifier",
-    "[InstallMonitor] Send Event success",
-    "[InstallMonitor] Send Event fail",
-};
-
 }  // namespace
 
 TCAppInstallMonitor::TCAppInstallMonitor(TCNotifyManager* notify, std::string id, int durationMinutes,
                                          int repetition, int method, int index)
-    : TCMonitorInformation(notify, durationMinutes, repetition, method, index),
-      m_appId(std::move(id)),
-      m_bCreated(false),
-      m_bRegistered(false) {
+    : TCMonitorInformation(notify, durationMinutes, repetition, method, index), m_appId(std::move(id)) {
     ZOL_LOG(LOG_INFO, "[INSTALL MONITOR] %s, %d, %d, %d", m_appId.c_str(), durationMinutes, repetition,
             method);
 }
 
 TCAppInstallMonitor::~TCAppInstallMonitor() {
-    Shutdown();
+    // Before the registration goes: an event still queued for the task could register anew.
+    EndWorkerTask(*this, *this);
 }
 
 bool TCAppInstallMonitor::Create() {
@@ -48,7 +35,6 @@ bool TCAppInstallMonitor::Create() {
     if (!StartWorkerTask(*this, *this, kTaskName, kSource, __LINE__)) {
         return false;
     }
-    m_bCreated = true;
     ZOL_LOG(LOG_INFO, "[TCAppInstallMonitor] Created : %lu", CCTask::Id());
     return true;
 }
@@ -62,6 +48,7 @@ bool TCAppInstallMonitor::StartMonitoring() {
 }
 
 bool TCAppInstallMonitor::m_RegisterCallback() {
+    m_registration.Reset();
     was_install_status_request request{};
     m_appId.copy(request.app_id, sizeof(request.app_id) - 1);
     request.callback = AppInstallCb;
@@ -71,20 +58,9 @@ bool TCAppInstallMonitor::m_RegisterCallback() {
         ZOL_LOG(LOG_ERROR, "[InstallMonitor] RegisterCallback() fail, return [%d]", result);
         return false;
     }
-    m_bRegistered = true;
+    m_registration = base::Subscription([this] { was_unmonitor_webapp_install_status(AppInstallCb, this); });
     ZOL_LOG(LOG_INFO, "[InstallMonitor] RegisterCallback() success");
     return true;
-}
-
-void TCAppInstallMonitor::Shutdown() {
-    // The task goes first: an event still queued for it could register anew.
-    if (m_bCreated) {
-        EndWorkerTask(*this, *this);
-        m_bCreated = false;
-    }
-    if (m_bRegistered.exchange(false)) {
-        was_unmonitor_webapp_install_status(AppInstallCb, this);
-    }
 }
 
 void TCAppInstallMonitor::AppInstallCb(const char* /*appId*/, was_notify_event_e event, int /*value1*/,
@@ -93,8 +69,24 @@ void TCAppInstallMonitor::AppInstallCb(const char* /*appId*/, was_notify_event_e
     auto* const monitor = static_cast<TCAppInstallMonitor*>(userData);
     if (monitor == nullptr) {
         ZOL_LOG(LOG_ERROR, "[InstallMonitor] AppInstallCb() called, pMonitor is NULL");
-    } else if (event == WAS_NOTIFY_INSTALL_COMPLETED) {
-        monitor->CountEvent(GetCurrentTime(), kTexts);
+        return;
+    }
+    if (event != WAS_NOTIFY_INSTALL_COMPLETED) {
+        return;
+    }
+    const TSCounted counted = monitor->CountEvent(GetCurrentTime());
+    if (counted.isNewPeriod) {
+        ZOL_LOG(LOG_INFO, "[InstallMonitor] CurrentTime > ExpireTime, set now time to FirstCallTime");
+    }
+    ZOL_LOG(LOG_INFO, "[InstallMonitor] AppInstallCb(), Current Repetition : %d", counted.repetition);
+    if (!counted.isHit) {
+        return;
+    }
+    ZOL_LOG(LOG_INFO, "[InstallMonitor] abnormal behavior, send to Notifier");
+    if (monitor->NotifyZOL()) {
+        ZOL_LOG(LOG_INFO, "[InstallMonitor] Send Event success");
+    } else {
+        ZOL_LOG(LOG_ERROR, "[InstallMonitor] Send Event fail");
     }
 } catch (...) {
     zol::LogCallbackException(kLogModule);
@@ -110,6 +102,6 @@ bool TCAppInstallMonitor::t_OnEvent(const CSEvent* event) {
         return false;
     }
     ZOL_LOG(LOG_INFO, "[TCAppInstallMonitor::t_OnEvent] monitoring start");
-    StartMonitoring();
+    static_cast<void>(StartMonitoring());  // logs its failure, and the event was known all the same
     return true;
 }

@@ -1,12 +1,12 @@
 #pragma once
 /// Watches the installation of one web application.
-#include <atomic>
 #include <string>
 
 #include "Event.h"
 #include "Handler.h"
 #include "Task.h"
 #include "ZOLMonitorInformation.h"
+#include "base/subscription.h"
 #include "was.h"
 
 class TCNotifyManager;
@@ -20,18 +20,16 @@ public:
     /// @param id application id; the service is asked for its first 127 characters
     TCAppInstallMonitor(TCNotifyManager* notify, std::string id, int durationMinutes, int repetition,
                         int method, int index);
-    /// Shutdown. Neither on the task's own thread nor from inside the callback.
+    /// Ends the task and withdraws the callback, which is not running when this returns. Neither on the
+    /// task's own thread nor from inside the callback.
     ~TCAppInstallMonitor() override;
     TCAppInstallMonitor(const TCAppInstallMonitor&) = delete;
     TCAppInstallMonitor& operator=(const TCAppInstallMonitor&) = delete;
 
     /// Starts the task. False, and logged, when it cannot.
-    bool Create();
+    [[nodiscard]] bool Create();
     /// Registers with the web-app service. False, and logged, when it refuses.
-    bool StartMonitoring();
-    /// Ends the task and withdraws the callback, which is not running when this returns. May be called more
-    /// than once, from where the destructor may.
-    void Shutdown();
+    [[nodiscard]] bool StartMonitoring();
 
     /// `userData` is the monitor. The id is not compared: the service reports only what was registered.
     static void AppInstallCb(const char* appId, was_notify_event_e event, int value1, int value2,
@@ -45,6 +43,5 @@ private:
     bool m_RegisterCallback();
 
     const std::string m_appId;
-    bool m_bCreated;
-    std::atomic<bool> m_bRegistered;
+    base::Subscription m_registration;
 };

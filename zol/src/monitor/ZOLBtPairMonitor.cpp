@@ -1,6 +1,7 @@
 #include "ZOLBtPairMonitor.h"
 
 #include "CallbackException.h"
+#include "Log.h"
 #include "VconfString.h"
 #include "WorkerTask.h"
 #include "ZOLPolicy.h"
@@ -11,17 +12,17 @@ constexpr const char* kLogModule = "TCBtPairMonitor";
 constexpr const char* kSource = "zol/src/ZOLBtPairMonitor";
 constexpr const char* kTaskName = "BtMonitor";
 
-constexpr TSRepetitionTexts kTexts = {
-    kLogModule,
-    __FILE__,
-    "BtCountingCb",
-    __LINE__,
-    "[BtMonitor] CurrentTime > ExpiredTime, set now time to FirstCallTime",
-    "[BtMonitor] BtCountingCb(), Current Repetition : ",
-    "[BtMonitor] abnormal behavior, send to Notifier",
-    "[BtMonitor] Send Event success",
-    "[BtMonitor] Send Event fail",
-};
+/// Null for an unknown method.
+bt_hid_smart_rc_connection_cb CallbackOf(int method) {
+    switch (method) {
+        case zol::METHOD_BT_COUNTING:
+            return TCBtPairMonitor::BtCountingCb;
+        case zol::METHOD_BT_LAST_CONNECTED:
+            return TCBtPairMonitor::BtLastConnectedCb;
+        default:
+            return nullptr;
+    }
+}
 
 /// The id that the platform published; null, and logged, when it cannot be read.
 zol::VconfString ReadLastConnected() {
@@ -36,12 +37,7 @@ zol::VconfString ReadLastConnected() {
 
 TCBtPairMonitor::TCBtPairMonitor(TCNotifyManager* notify, int durationMinutes, int repetition, int method,
                                  int ignoreTime, int index)
-    : TCMonitorInformation(notify, durationMinutes, repetition, method, index),
-      m_bCalled(false),
-      m_lastCallTime(0),
-      m_ignoreTime(ignoreTime),
-      m_bCreated(false),
-      m_bRegistered(false) {
+    : TCMonitorInformation(notify, durationMinutes, repetition, method, index), m_ignoreTime(ignoreTime) {
     ZOL_LOG(LOG_ERROR, "ignoreTime is %d", ignoreTime);
     if (m_ignoreTime == 0) {
         ZOL_LOG(LOG_ERROR, "set default ignoreTime");
@@ -51,7 +47,7 @@ TCBtPairMonitor::TCBtPairMonitor(TCNotifyManager* notify, int durationMinutes, i
 }
 
 TCBtPairMonitor::~TCBtPairMonitor() {
-    Shutdown();
+    EndWorkerTask(*this, *this);
 }
 
 bool TCBtPairMonitor::Create() {
@@ -59,7 +55,6 @@ bool TCBtPairMonitor::Create() {
     if (!StartWorkerTask(*this, *this, kTaskName, kSource, __LINE__)) {
         return false;
     }
-    m_bCreated = true;
     ZOL_LOG(LOG_INFO, "[BtPairMonitor] Created : %lu", CCTask::Id());
     return true;
 }
@@ -72,38 +67,18 @@ bool TCBtPairMonitor::StartMonitoring() {
     return true;
 }
 
-bt_hid_smart_rc_connection_cb TCBtPairMonitor::m_CallbackOf(int method) {
-    switch (method) {
-        case zol::METHOD_BT_COUNTING:
-            return BtCountingCb;
-        case zol::METHOD_BT_LAST_CONNECTED:
-            return BtLastConnectedCb;
-        default:
-            return nullptr;
-    }
-}
-
 bool TCBtPairMonitor::RegisterBtCallback() {
-    const bt_hid_smart_rc_connection_cb callback = m_CallbackOf(GetMethod());
+    m_registration.Reset();
+    const bt_hid_smart_rc_connection_cb callback = CallbackOf(GetMethod());
     const int result = callback == nullptr ? -1 : bt_hid_set_smart_rc_connection_cb(callback, this);
     if (result != 0) {
         ZOL_LOG(LOG_ERROR, "[BtMonitor] fail to register bt callback, return [%d]", result);
         return false;
     }
-    m_bRegistered = true;
+    m_registration =
+        base::Subscription([this, callback] { bt_hid_unset_smart_rc_connection_cb(callback, this); });
     ZOL_LOG(LOG_INFO, "[BtMonitor] success to register bt callback.");
     return true;
-}
-
-void TCBtPairMonitor::Shutdown() {
-    if (m_bRegistered) {
-        bt_hid_unset_smart_rc_connection_cb(m_CallbackOf(GetMethod()), this);
-        m_bRegistered = false;
-    }
-    if (m_bCreated) {
-        EndWorkerTask(*this, *this);
-        m_bCreated = false;
-    }
 }
 
 void TCBtPairMonitor::BtCountingCb(bool connected, bt_device_info_s* /*device*/, void* userData) try {
@@ -118,7 +93,20 @@ void TCBtPairMonitor::BtCountingCb(bool connected, bt_device_info_s* /*device*/,
         ZOL_LOG(LOG_INFO, "[BtMonitor] BtCountingCb() called between ignoreTime, return");
         return;
     }
-    monitor->CountEvent(now, kTexts);
+    const TSCounted counted = monitor->CountEvent(now);
+    if (counted.isNewPeriod) {
+        ZOL_LOG(LOG_INFO, "[BtMonitor] CurrentTime > ExpiredTime, set now time to FirstCallTime");
+    }
+    ZOL_LOG(LOG_INFO, "[BtMonitor] BtCountingCb(), Current Repetition : %d", counted.repetition);
+    if (!counted.isHit) {
+        return;
+    }
+    ZOL_LOG(LOG_INFO, "[BtMonitor] abnormal behavior, send to Notifier");
+    if (monitor->NotifyZOL()) {
+        ZOL_LOG(LOG_INFO, "[BtMonitor] Send Event success");
+    } else {
+        ZOL_LOG(LOG_ERROR, "[BtMonitor] Send Event fail");
+    }
 } catch (...) {
     zol::LogCallbackException(kLogModule);
 }
@@ -131,7 +119,7 @@ void TCBtPairMonitor::BtLastConnectedCb(bool connected, bt_device_info_s* /*devi
     } else if (!connected) {
         monitor->m_StoreLastConnected();
     } else if (monitor->m_CompareLastConnected()) {
-        monitor->NotifyZOL();
+        static_cast<void>(monitor->NotifyZOL());  // a hit that finds no room is lost; there is no line for it
     }
 } catch (...) {
     zol::LogCallbackException(kLogModule);

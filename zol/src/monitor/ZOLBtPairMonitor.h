@@ -7,6 +7,7 @@
 #include "Handler.h"
 #include "Task.h"
 #include "ZOLMonitorInformation.h"
+#include "base/subscription.h"
 #include "bt_hid.h"
 
 class TCNotifyManager;
@@ -27,20 +28,18 @@ public:
     ///                   not count. 0: kDefaultIgnoreTime. A negative one ignores nothing.
     TCBtPairMonitor(TCNotifyManager* notify, int durationMinutes, int repetition, int method, int ignoreTime,
                     int index);
-    /// Shutdown. Neither on the task's own thread nor from inside the callback.
+    /// Ends the task and withdraws the callback, which is not running when this returns. Neither on the
+    /// task's own thread nor from inside the callback.
     ~TCBtPairMonitor() override;
     TCBtPairMonitor(const TCBtPairMonitor&) = delete;
     TCBtPairMonitor& operator=(const TCBtPairMonitor&) = delete;
 
     /// Starts the task. False, and logged, when it cannot.
-    bool Create();
+    [[nodiscard]] bool Create();
     /// Registers for the remote's connections. False, and logged, when the method is unknown or the platform
     /// refuses.
-    bool StartMonitoring();
-    bool RegisterBtCallback();
-    /// Ends the task and withdraws the callback, which is not running when this returns. May be called more
-    /// than once, from where the destructor may.
-    void Shutdown();
+    [[nodiscard]] bool StartMonitoring();
+    [[nodiscard]] bool RegisterBtCallback();
 
     /// The callbacks of methods 31 and 32. `userData` is the monitor; `device` is not looked at.
     static void BtCountingCb(bool connected, bt_device_info_s* device, void* userData);
@@ -50,16 +49,13 @@ public:
     bool t_OnEvent(const CSEvent* event) override;
 
 private:
-    static bt_hid_smart_rc_connection_cb m_CallbackOf(int method);
-
     bool m_CheckIgnoreTime(std::int64_t now);
     bool m_CompareLastConnected();
     void m_StoreLastConnected();
 
-    bool m_bCalled;  ///< there has been a counting callback: m_lastCallTime means something
-    std::int64_t m_lastCallTime;
+    bool m_bCalled = false;  ///< there has been a counting callback: m_lastCallTime means something
+    std::int64_t m_lastCallTime = 0;
     std::string m_LastConnectedId;
     std::int32_t m_ignoreTime;
-    bool m_bCreated;
-    bool m_bRegistered;
+    base::Subscription m_registration;  ///< goes first: the callback uses all of the above
 };

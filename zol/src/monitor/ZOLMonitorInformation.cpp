@@ -4,6 +4,7 @@
 #include <limits>
 
 #include "Event.h"
+#include "Log.h"
 #include "ZOLNotifyManager.h"
 #include "platform_clock.h"
 
@@ -37,32 +38,22 @@ std::int64_t TCMonitorInformation::GetCurrentTime() {
     return platform_clock_realtime(&now) == 0 ? now.seconds : -1;
 }
 
-void TCMonitorInformation::CountEvent(std::int64_t now, const TSRepetitionTexts& texts) {
-    const auto say = [&texts](zol::ELogPriority priority, const char* text) {
-        zol::WriteLog(priority, texts.module, texts.file, texts.function, texts.line, "%s", text);
-    };
-    if (m_bFirstCalled && now > GetExpiredTime()) {
-        say(zol::LOG_INFO, texts.expired);
+TSCounted TCMonitorInformation::CountEvent(std::int64_t now) {
+    TSCounted counted;
+    counted.isNewPeriod = GetFirstCalled() && now > GetExpiredTime();
+    if (counted.isNewPeriod || !GetFirstCalled()) {
         ResetRepetition();
-        SetFirstCallTime(now);
-    } else if (!m_bFirstCalled) {
         SetFirstCallTime(now);
         SetFirstCalled(true);
     }
     AddRepetition();
-    zol::WriteLog(zol::LOG_INFO, texts.module, texts.file, texts.function, texts.line, "%s%d", texts.count,
-                  GetCurrentRepetition());
-    if (GetPolicyRepetition() > GetCurrentRepetition()) {
-        return;
+    counted.repetition = GetCurrentRepetition();
+    counted.isHit = counted.repetition >= GetPolicyRepetition();
+    if (counted.isHit) {
+        ResetRepetition();
+        SetFirstCalled(false);
     }
-    say(zol::LOG_INFO, texts.hit);
-    if (NotifyZOL()) {
-        say(zol::LOG_INFO, texts.sent);
-    } else {
-        say(zol::LOG_ERROR, texts.notSent);
-    }
-    ResetRepetition();
-    SetFirstCalled(false);
+    return counted;
 }
 
 bool TCMonitorInformation::NotifyZOL() {

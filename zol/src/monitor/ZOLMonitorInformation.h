@@ -2,21 +2,13 @@
 /// The counting record that every behaviour monitor carries, and the rule it counts by.
 #include <cstdint>
 
-#include "Log.h"
-
 class TCNotifyManager;
 
-/// What a monitor says while it counts, and where the lines appear to come from.
-struct TSRepetitionTexts {
-    const char* module;    ///< as the debug channel shows it
-    const char* file;      ///< source path
-    const char* function;  ///< the callback that counts
-    int line;
-    const char* expired;  ///< the period is over, a new one begins
-    const char* count;    ///< stands in front of the current count
-    const char* hit;
-    const char* sent;     ///< the hit was posted
-    const char* notSent;  ///< the hit is lost; the only line at ERROR
+/// What one event did to the count.
+struct TSCounted {
+    bool isNewPeriod = false;     ///< the period had run out; the event opened another
+    std::int32_t repetition = 0;  ///< events of the period, this one included
+    bool isHit = false;           ///< the repetition is reached: to be posted with NotifyZOL
 };
 
 /// One repetition rule with its running count. Not thread-safe: the platform callback that feeds it is its
@@ -27,9 +19,9 @@ struct TSRepetitionTexts {
 class TCMonitorInformation {
 public:
     /// @param notify          receiver of the hits, not owned, must outlive this object; null: hits are lost
-    /// @param durationMinutes length of the counting period; kept in seconds, and held at the limits of 32
+    /// @param durationMinutes length of the counting period, kept in seconds and held at the limits of 32
     /// bits
-    ///                        (68 years). With a negative one a later event never falls into the period.
+    ///                        (68 years); with a negative one a later event never falls into the period
     /// @param repetition      count that makes a hit; 1 and below make every event a hit
     /// @param method          selects the monitor's mode
     /// @param index           position of the rule among the policy's behaviour items, from 0
@@ -55,13 +47,13 @@ public:
     /// The wall clock in seconds since 1970; -1 when it cannot be read.
     static std::int64_t GetCurrentTime();
 
-    /// Counts one event at `now` and posts a hit when it is one. Whatever becomes of the post, the count is
-    /// then 0 and the period closed.
-    void CountEvent(std::int64_t now, const TSRepetitionTexts& texts);
+    /// Counts one event at `now`, seconds since 1970. After a hit the count is 0 and the period closed,
+    /// whatever becomes of the post. The caller logs what happened under its own name.
+    [[nodiscard]] TSCounted CountEvent(std::int64_t now);
 
     /// Posts NOTIFY_ZOL_MONITOR with this rule's index. False when there is no notify manager or its queue is
-    /// full; the hit is then lost. CountEvent logs that, the caller of a single hit need not.
-    bool NotifyZOL();
+    /// full; the hit is then lost.
+    [[nodiscard]] bool NotifyZOL();
 
 private:
     TCNotifyManager* m_pNotify;

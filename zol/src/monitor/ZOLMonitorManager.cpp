@@ -47,11 +47,10 @@ std::int32_t ReadIgnoreTime(const zol::ZOLPolicyMonitor& item) {
 
 }  // namespace
 
-TCMonitorManager::TCMonitorManager(TCNotifyManager* notify)
-    : m_pNotify(notify), m_bBtPair(false), m_bAppInstall(false), m_bAppLaunch(false), m_bCreated(false) {}
+TCMonitorManager::TCMonitorManager(TCNotifyManager* notify) : m_pNotify(notify) {}
 
 TCMonitorManager::~TCMonitorManager() {
-    Shutdown();
+    EndWorkerTask(*this, *this);
 }
 
 bool TCMonitorManager::Create() {
@@ -59,7 +58,6 @@ bool TCMonitorManager::Create() {
     if (!StartWorkerTask(*this, *this, kTaskName, kSource, __LINE__)) {
         return false;
     }
-    m_bCreated = true;
     ZOL_LOG(LOG_INFO, "[TCMonitorManager] Created");
     return true;
 }
@@ -101,17 +99,6 @@ void TCMonitorManager::Destroy() {
     m_pNotify->Destroy();
     m_pNotify = nullptr;
     ZOL_LOG(LOG_INFO, "[TCMonitorManager] Destroyed");
-}
-
-void TCMonitorManager::Shutdown() {
-    m_bBtPair = false;
-    m_bAppInstall = false;
-    m_pBtPairMonitor.reset();
-    m_appInstallMonitors.clear();
-    if (m_bCreated) {
-        EndWorkerTask(*this, *this);
-        m_bCreated = false;
-    }
 }
 
 bool TCMonitorManager::t_OnEvent(const CSEvent* event) {

@@ -16,34 +16,31 @@ namespace zol {
 struct ZOLPolicyMonitor;
 }
 
-/// Construct, Create, StartMonitoring once, Shutdown. The monitors report by themselves, on the platform's
+/// Construct, Create, StartMonitoring once, destroy. The monitors report by themselves, on the platform's
 /// threads. The policy is watched by at most one pairing monitor and one install monitor per application id:
 /// the first item wins.
 class TCMonitorManager : public CCTask, public CCHandler {
 public:
     /// @param notify receiver of the hits; not owned, must outlive this object. Null: every hit is lost.
     explicit TCMonitorManager(TCNotifyManager* notify);
-    /// Shutdown. Neither on a task's own thread nor from inside a platform callback.
+    /// Withdraws every platform callback, ends the monitors' tasks and this one's; no callback is running
+    /// when this returns. The notify manager is left alone. Neither on a task's own thread nor from inside a
+    /// platform callback.
     ~TCMonitorManager() override;
     TCMonitorManager(const TCMonitorManager&) = delete;
     TCMonitorManager& operator=(const TCMonitorManager&) = delete;
 
     /// Starts the task. False, and logged, when it cannot.
-    bool Create();
+    [[nodiscard]] bool Create();
 
     /// Builds a monitor for every item in the information storage that can be watched, and starts them: the
     /// pairing monitor, then the install monitors in the order of their ids. An item that is refused is
     /// logged and skipped. False when a monitor cannot start; those behind it are then not started either.
-    bool StartMonitoring();
+    [[nodiscard]] bool StartMonitoring();
 
     /// Destroys the notify manager and forgets it; no more than that: monitors and tasks go on. Asserts that
-    /// there is one. Shutdown is what ends everything.
+    /// there is one.
     void Destroy() override;
-
-    /// Withdraws every platform callback, ends the monitors' tasks and this one's, and frees the monitors.
-    /// When it returns no callback is running. The notify manager is left alone. May be called more than
-    /// once, from where the destructor may.
-    void Shutdown();
 
     /// Accepts type 0 and does nothing; any other type is a failed assertion (false where that returns).
     bool t_OnEvent(const CSEvent* event) override;
@@ -59,8 +56,7 @@ private:
     TCNotifyManager* m_pNotify;
     std::unique_ptr<TCBtPairMonitor> m_pBtPairMonitor;
     std::map<std::string, std::unique_ptr<TCAppInstallMonitor>> m_appInstallMonitors;
-    bool m_bBtPair;
-    bool m_bAppInstall;
-    bool m_bAppLaunch;  ///< reserved; never set
-    bool m_bCreated;
+    bool m_bBtPair = false;
+    bool m_bAppInstall = false;
+    bool m_bAppLaunch = false;  ///< reserved; never set
 };
