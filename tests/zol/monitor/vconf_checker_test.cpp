@@ -4,23 +4,28 @@
 
 #include <atomic>
 #include <memory>
+#include <string>
 #include <thread>
+#include <vector>
 
-#include "ZOLNotifyManager.h"
 #include "dlog.h"
-#include "fake_dlog.h"
 #include "fake_vconf.h"
-#include "fakes.h"
+#include "kpi_events.h"
+#include "monitor_fixture.h"
 
 namespace {
 
+using fakes::vconf::Registrations;
+using fakes::vconf::SetInt;
+using fakes::vconf::SetString;
 using zol::TCVconfChecker;
 using zol::ZOLVconfMonitor;
 using Items = std::vector<ZOLVconfMonitor>;
+using Reports = std::vector<std::string>;
 
-constexpr const char* kKey = "db/k";
+constexpr const char* kWatched = "db/k";
 
-ZOLVconfMonitor IntItem(const char* condition, int value, const std::string& key = kKey) {
+ZOLVconfMonitor IntItem(const char* condition, int value, const std::string& key = kWatched) {
     ZOLVconfMonitor item;
     item.key = key;
     item.type = "INT";
@@ -36,7 +41,7 @@ ZOLVconfMonitor BetweenItem(int greater, int less) {
     return item;
 }
 
-ZOLVconfMonitor StringItem(const char* condition, const char* text, const std::string& key = kKey) {
+ZOLVconfMonitor StringItem(const char* condition, const char* text, const std::string& key = kWatched) {
     ZOLVconfMonitor item;
     item.key = key;
     item.type = "STRING";
@@ -45,56 +50,51 @@ ZOLVconfMonitor StringItem(const char* condition, const char* text, const std::s
     return item;
 }
 
-class VconfChecker : public testing::Test {
+class VconfChecker : public MonitorFixture {
 protected:
-    VconfChecker() {
-        fakes::Reset();
-        m_notify = std::make_unique<TCNotifyManager>();
-        EXPECT_TRUE(m_notify->Create());
-    }
-    ~VconfChecker() override { m_checker.reset(); }
-
     /// The policy's items are checked once when this returns.
-    void Watch(const Items& items) { Watch(items, m_notify.get()); }
+    void Watch(const Items& items) { Watch(items, &m_notify); }
     void Watch(const Items& items, TCNotifyManager* notify) {
         m_checker = std::make_unique<TCVconfChecker>(notify, items);
         ASSERT_TRUE(m_checker->Create());
         m_checker->CheckNow(items);
     }
 
-    /// Whether an item holds at start for this value of its key.
+    /// Whether an item holds at start for this value of its key: it is not watched then.
     bool HoldsAtStart(const ZOLVconfMonitor& item, int value) {
-        fakes::vconf::SetInt(item.key, value);
-        return HitsAtStart(item) == 1;
+        SetInt(item.key, value);
+        return HoldsAtStart(item);
     }
     bool HoldsAtStart(const ZOLVconfMonitor& item, const char* value) {
-        fakes::vconf::SetString(item.key, value);
-        return HitsAtStart(item) == 1;
+        SetString(item.key, value);
+        return HoldsAtStart(item);
     }
-    int HitsAtStart(const ZOLVconfMonitor& item) {
-        const int before = Hits();
+    bool HoldsAtStart(const ZOLVconfMonitor& item) {
         Watch({item});
+        const bool isWatched = Registrations(item.key) > 0;
         m_checker.reset();
-        return Hits() - before;
+        return !isWatched;
     }
 
-    /// Hits that were handed to the notify manager, all or those with this content.
-    static int Hits(const std::string& part = "") {
-        int count = 0;
-        for (const fakes::LogLine& line : fakes::dlog::Lines()) {
-            const bool isHit = line.text.find("AddNotify(") != std::string::npos;
-            count += isHit && line.text.find(part) != std::string::npos ? 1 : 0;
+    /// Everything that was reported so far, as "key=value".
+    Reports Reported() {
+        m_notify.VconfEvents();
+        Reports reports;
+        for (const std::string& description : SentKpiDescriptions()) {
+            reports.push_back(Between(description, "key=", ";") + "=" + Between(description, "value=", ";"));
         }
-        return count;
+        return reports;
+    }
+    static std::string Between(const std::string& text, const std::string& before, const std::string& after) {
+        const std::size_t begin = text.find(before) + before.size();
+        return text.substr(begin, text.find(after, begin) - begin);
+    }
+    static void ExpectErrors(const std::vector<std::string>& texts) {
+        for (const std::string& text : texts) {
+            EXPECT_EQ(PriorityOf("> " + text), DLOG_PRIORITY_ERROR) << text;
+        }
     }
 
-    /// Events that reached the notify manager's task.
-    int Events() {
-        EXPECT_TRUE(m_notify->Ping(10000));
-        return fakes::dlog::Count("event->type is NOTIFY_ZOL_VCONF");
-    }
-
-    std::unique_ptr<TCNotifyManager> m_notify;
     std::unique_ptr<TCVconfChecker> m_checker;
 };
 
@@ -114,23 +114,16 @@ TEST_F(IntegerRules, BetweenExcludesBothBounds) {
 }
 
 TEST_F(IntegerRules, ABetweenHitIsReportedAsMinusOneAndNull) {
-    fakes::vconf::SetInt(kKey, 15);
+    EXPECT_TRUE(HoldsAtStart(BetweenItem(10, 20), 15));
 
-    Watch({BetweenItem(10, 20)});
-
-    EXPECT_EQ(Hits("key[db/k], intValue[-1], strValue[null]"), 1);
-    EXPECT_EQ(
-        fakes::dlog::Find("[m_CheckIntType] greater[10] < vconfValue[15] < less[20], send event to notify")
-            .priority,
-        DLOG_PRIORITY_ERROR);
+    EXPECT_EQ(Reported(), Reports({"db/k=null"}));
+    ExpectErrors({"[m_CheckIntType] greater[10] < vconfValue[15] < less[20], send event to notify",
+                  "key[db/k], intValue[-1], strValue[null]"});
 }
 
-TEST_F(IntegerRules, GreaterIsStrict) {
+TEST_F(IntegerRules, GreaterAndLessAreStrict) {
     EXPECT_FALSE(HoldsAtStart(IntItem("GREATER", 5), 5));
     EXPECT_TRUE(HoldsAtStart(IntItem("GREATER", 5), 6));
-}
-
-TEST_F(IntegerRules, LessIsStrict) {
     EXPECT_TRUE(HoldsAtStart(IntItem("LESS", 5), 4));
     EXPECT_FALSE(HoldsAtStart(IntItem("LESS", 5), 5));
 }
@@ -142,26 +135,28 @@ TEST_F(IntegerRules, IsAndNotCompareExactly) {
     EXPECT_FALSE(HoldsAtStart(IntItem("NOT", 5), 5));
 }
 
-TEST_F(IntegerRules, EachHitIsLoggedWithBothValuesAndReportsTheValueRead) {
-    const struct {
-        const char* condition;
-        int read;
-        const char* text;
-    } cases[] = {{"IS", 5, "[m_CheckIntType] vconfValue[5] == value[5], send event to notify"},
-                 {"NOT", 4, "[m_CheckIntType] vconfValue[4] != value[5], send event to notify"},
-                 {"GREATER", 6, "[m_CheckIntType] vconfValue[6] > value[5], send event to notify"},
-                 {"LESS", 3, "[m_CheckIntType] vconfValue[3] < value[5], send event to notify"}};
-    for (const auto& one : cases) {
-        EXPECT_TRUE(HoldsAtStart(IntItem(one.condition, 5), one.read)) << one.condition;
-        EXPECT_EQ(fakes::dlog::Find(one.text).priority, DLOG_PRIORITY_ERROR) << one.condition;
-        EXPECT_EQ(Hits("intValue[" + std::to_string(one.read) + "], strValue[null]"), 1) << one.condition;
-    }
+TEST_F(IntegerRules, EachHitReportsTheValueReadAndIsLoggedWithBoth) {
+    SetInt("db/is", 5);
+    SetInt("db/not", 4);
+    SetInt("db/greater", 6);
+    SetInt("db/less", 3);
+
+    Watch({IntItem("IS", 5, "db/is"), IntItem("NOT", 5, "db/not"), IntItem("GREATER", 5, "db/greater"),
+           IntItem("LESS", 5, "db/less")});
+
+    EXPECT_EQ(Reported(), Reports({"db/is=5", "db/not=4", "db/greater=6", "db/less=3"}));
+    const std::vector<std::string> texts = {
+        "[m_CheckIntType] vconfValue[5] == value[5], send event to notify",
+        "[m_CheckIntType] vconfValue[4] != value[5], send event to notify",
+        "[m_CheckIntType] vconfValue[6] > value[5], send event to notify",
+        "[m_CheckIntType] vconfValue[3] < value[5], send event to notify"};
+    ExpectErrors(texts);
+    ExpectPlaces("ZOLVconfChecker: m_CheckIntType", texts);
 }
 
 TEST_F(IntegerRules, AConditionInLowerCaseIsCodeZeroAndNeverHolds) {
     EXPECT_FALSE(HoldsAtStart(IntItem("is", 5), 5));
-
-    EXPECT_EQ(fakes::dlog::Find("[m_CheckIntType] condition[0]").priority, DLOG_PRIORITY_ERROR);
+    ExpectErrors({"[m_CheckIntType] condition[0]"});
 }
 
 TEST_F(IntegerRules, AnUnknownTypeWordIsTreatedAsAnInteger) {
@@ -185,164 +180,141 @@ TEST_F(StringRules, TheOtherConditionsAndUnknownWordsNeverHold) {
     }
 }
 
-TEST_F(StringRules, AHitIsLoggedAndReportsTheTextRead) {
+TEST_F(StringRules, AHitReportsTheTextReadAndIsLogged) {
     EXPECT_TRUE(HoldsAtStart(StringItem("IS", "on"), "on"));
     EXPECT_TRUE(HoldsAtStart(StringItem("NOT", "on"), "off"));
 
-    for (const char* text : {"[m_CheckStringType] vconfValue[on] condition[1] strValue[on]",
-                             "[m_CheckStringType] vconfValue[on] == strValue[on], send event to notify",
-                             "[m_CheckStringType] vconfValue[off] != strValue[on], send event to notify"}) {
-        EXPECT_EQ(fakes::dlog::Find(text).priority, DLOG_PRIORITY_ERROR) << text;
-    }
-    EXPECT_EQ(Hits("intValue[-1], strValue[off]"), 1);
+    EXPECT_EQ(Reported(), Reports({"db/k=on", "db/k=off"}));
+    ExpectErrors({"[m_CheckStringType] vconfValue[on] condition[1] strValue[on]",
+                  "[m_CheckStringType] vconfValue[on] == strValue[on], send event to notify",
+                  "[m_CheckStringType] vconfValue[off] != strValue[on], send event to notify",
+                  "key[db/k], intValue[-1], strValue[off]"});
 }
 
 TEST_F(CheckAtStart, AStringItemOnAnIntegerKeyCannotBeRead) {
-    fakes::vconf::SetInt(kKey, 5);
-
-    Watch({StringItem("NOT", "on")});
-
-    EXPECT_EQ(fakes::dlog::Find("vconf_get_str() fail").priority, DLOG_PRIORITY_ERROR);
-    EXPECT_EQ(Hits(), 0);
-    EXPECT_EQ(fakes::vconf::Registrations(kKey), 1);
-}
-
-TEST_F(KeyChange, AStringItemOnAnIntegerKeyIsJudgedByTheIntegerRules) {
-    fakes::vconf::SetInt(kKey, 5);
-    ZOLVconfMonitor item = StringItem("GREATER", "on");
-    item.intValue = 6;
-    Watch({item});
-
-    fakes::vconf::SetInt(kKey, 7);
-
-    EXPECT_EQ(Hits("intValue[7], strValue[null]"), 1);
-    EXPECT_EQ(Events(), 1);
+    EXPECT_FALSE(HoldsAtStart(StringItem("NOT", "on"), 5));
+    ExpectErrors({"vconf_get_str() fail"});
 }
 
 TEST_F(CheckAtStart, AnItemThatHoldsIsReportedOnceAndNotWatched) {
-    fakes::vconf::SetInt(kKey, 5);
-
+    SetInt(kWatched, 5);
     Watch({IntItem("IS", 5)});
-    EXPECT_EQ(fakes::vconf::Registrations(kKey), 0);
 
-    fakes::vconf::SetInt(kKey, 5);
-    EXPECT_EQ(Hits(), 1);
-    EXPECT_EQ(Events(), 1);
-}
+    SetInt(kWatched, 5);
 
-TEST_F(KeyChange, OnlyTheFirstItemOfAKeyIsEvaluated) {
-    fakes::vconf::SetInt(kKey, 5);
-    Watch({IntItem("IS", 5), IntItem("GREATER", 6)});
-    EXPECT_EQ(Hits(), 1);
-    EXPECT_EQ(fakes::vconf::Registrations(kKey), 1) << "for the second item";
-
-    fakes::vconf::SetInt(kKey, 7);
-    EXPECT_EQ(Hits(), 1) << "the second item would hold";
-
-    fakes::vconf::SetInt(kKey, 5);
-    EXPECT_EQ(Hits("intValue[5]"), 2) << "the first item, seen because the second is registered";
+    EXPECT_EQ(Registrations(kWatched), 0);
+    EXPECT_EQ(Reported(), Reports({"db/k=5"}));
 }
 
 TEST_F(CheckAtStart, TwoItemsThatHoldAreTwoHitsAndOneEvent) {
-    fakes::vconf::SetInt("db/a", 1);
-    fakes::vconf::SetString("db/b", "on");
+    SetInt("db/a", 1);
+    SetString("db/b", "on");
 
     Watch({IntItem("IS", 1, "db/a"), StringItem("IS", "on", "db/b")});
 
-    EXPECT_EQ(Hits(), 2);
-    EXPECT_EQ(Events(), 1);
-    EXPECT_EQ(fakes::dlog::Find("m_Notify() CALL").priority, DLOG_PRIORITY_ERROR);
+    EXPECT_EQ(Reported(), Reports({"db/a=1", "db/b=on"}));
+    EXPECT_EQ(m_notify.VconfEvents(), 1);
+    ExpectErrors({"m_Notify() CALL"});
+}
+
+TEST_F(CheckAtStart, WhatWasPostedIsNotPostedAgain) {
+    SetInt(kWatched, 5);
+    Watch({IntItem("IS", 5)});
+
+    m_checker->CheckNow({});
+
+    EXPECT_EQ(m_notify.VconfEvents(), 1);
 }
 
 TEST_F(CheckAtStart, AnEmptyListRegistersAndPostsNothing) {
     Watch({});
 
-    EXPECT_EQ(Events(), 0);
-    EXPECT_FALSE(fakes::dlog::Has("m_Notify() CALL"));
-    EXPECT_EQ(fakes::vconf::Registrations(), 1) << "the notify manager's own";
+    EXPECT_EQ(m_notify.VconfEvents(), 0);
+    EXPECT_EQ(Registrations(), 1) << "the notify manager's own";
 }
 
 TEST_F(CheckAtStart, AKeyThatCannotBeReadIsWatchedAllTheSame) {
     Watch({IntItem("IS", 5)});
-    EXPECT_EQ(fakes::dlog::Find("vconf_get_int() fail").priority, DLOG_PRIORITY_ERROR);
-    EXPECT_EQ(fakes::dlog::Find("[db/k] registered").priority, DLOG_PRIORITY_ERROR);
 
-    fakes::vconf::SetInt(kKey, 5);
-    EXPECT_EQ(Hits("intValue[5]"), 1);
+    SetInt(kWatched, 5);
+
+    EXPECT_EQ(Reported(), Reports({"db/k=5"}));
+    ExpectErrors({"vconf_get_int() fail", "[db/k] registered"});
 }
 
 TEST_F(CheckAtStart, AKeyThatCannotBeWatchedIsLogged) {
-    fakes::vconf::Fail(kKey, fakes::vconf::FAIL_NOTIFY);
+    fakes::vconf::Fail(kWatched, fakes::vconf::FAIL_NOTIFY);
 
     Watch({IntItem("IS", 5)});
 
-    EXPECT_EQ(fakes::dlog::Find("[db/k] failed").priority, DLOG_PRIORITY_ERROR);
-    EXPECT_FALSE(fakes::dlog::Has("[db/k] registered"));
+    ExpectErrors({"[db/k] failed"});
+    EXPECT_EQ(Logged("[db/k] registered"), 0);
 }
 
 TEST_F(CheckAtStart, WithoutANotifyManagerHitsAreLost) {
-    fakes::vconf::SetInt(kKey, 5);
+    SetInt(kWatched, 5);
 
     Watch({IntItem("IS", 5)}, nullptr);
 
-    EXPECT_EQ(fakes::dlog::Find("m_pNotify is NULL").priority, DLOG_PRIORITY_ERROR);
-    EXPECT_EQ(Hits(), 0);
+    EXPECT_EQ(Reported(), Reports());
+    ExpectErrors({"m_pNotify is NULL"});
 }
 
 TEST_F(CheckAtStart, ANotifyManagerThatDoesNotRunTakesNoEvent) {
-    fakes::vconf::SetInt(kKey, 5);
+    SetInt(kWatched, 5);
     TCNotifyManager idle;
 
     Watch({IntItem("IS", 5)}, &idle);
     m_checker.reset();
 
-    EXPECT_EQ(fakes::dlog::Find("Send() fail").priority, DLOG_PRIORITY_ERROR);
+    ExpectErrors({"Send() fail"});
 }
 
-TEST_F(KeyChange, AHitIsHandedOverAndPosted) {
-    fakes::vconf::SetInt(kKey, 1);
+TEST_F(KeyChange, EveryHitIsReportedWithItsOwnEvent) {
+    SetInt(kWatched, 1);
     Watch({IntItem("IS", 5)});
-    EXPECT_EQ(Events(), 0);
+    EXPECT_EQ(m_notify.VconfEvents(), 0);
 
-    fakes::vconf::SetInt(kKey, 5);
+    SetInt(kWatched, 5);
+    EXPECT_EQ(Reported(), Reports({"db/k=5"}));
 
-    EXPECT_EQ(Hits("key[db/k], intValue[5], strValue[null]"), 1);
-    EXPECT_EQ(Events(), 1);
-    for (const char* text : {"[m_KeyChangedCb] key : db/k", "find!", "found on list!"}) {
-        EXPECT_EQ(fakes::dlog::Find(text).priority, DLOG_PRIORITY_ERROR) << text;
-    }
-}
-
-TEST_F(KeyChange, EveryFurtherHitIsReportedToo) {
-    fakes::vconf::SetInt(kKey, 1);
-    Watch({IntItem("IS", 5)});
-
-    fakes::vconf::SetInt(kKey, 5);
-    fakes::vconf::SetInt(kKey, 5);
-
-    EXPECT_EQ(Hits(), 2);
-    EXPECT_EQ(Events(), 2);
+    SetInt(kWatched, 5);
+    EXPECT_EQ(Reported(), Reports({"db/k=5", "db/k=5"}));
+    EXPECT_EQ(m_notify.VconfEvents(), 2);
+    ExpectErrors({"[m_KeyChangedCb] key : db/k", "find!", "found on list!"});
 }
 
 TEST_F(KeyChange, AChangeThatDoesNotHoldPostsNothing) {
-    fakes::vconf::SetInt(kKey, 1);
+    SetInt(kWatched, 1);
     Watch({IntItem("IS", 5)});
 
-    fakes::vconf::SetInt(kKey, 4);
+    SetInt(kWatched, 4);
 
-    EXPECT_TRUE(fakes::dlog::Has("find!"));
-    EXPECT_FALSE(fakes::dlog::Has("found on list!"));
-    EXPECT_EQ(Events(), 0);
+    EXPECT_EQ(m_notify.VconfEvents(), 0);
+    EXPECT_EQ(Logged("found on list!"), 0);
 }
 
-TEST_F(KeyChange, AKeyOfAnotherTypeOrRemovedIsIgnored) {
-    Watch({IntItem("NOT", 5)});
+TEST_F(KeyChange, OnlyTheFirstItemOfAKeyIsEvaluated) {
+    SetInt(kWatched, 5);
+    Watch({IntItem("IS", 5), IntItem("GREATER", 6)});
+    EXPECT_EQ(Registrations(kWatched), 1) << "for the second item";
 
-    fakes::vconf::SetBool(kKey, true);
-    fakes::vconf::Unset(kKey);
+    SetInt(kWatched, 7);
+    EXPECT_EQ(Reported(), Reports({"db/k=5"})) << "the second item would hold";
 
-    EXPECT_EQ(fakes::dlog::Count("find!"), 2);
-    EXPECT_EQ(Hits(), 0);
+    SetInt(kWatched, 5);
+    EXPECT_EQ(Reported(), Reports({"db/k=5", "db/k=5"})) << "seen because the second item is registered";
+}
+
+TEST_F(KeyChange, AStringItemOnAnIntegerKeyIsJudgedByTheIntegerRules) {
+    SetInt(kWatched, 5);
+    ZOLVconfMonitor item = StringItem("GREATER", "on");
+    item.intValue = 6;
+    Watch({item});
+
+    SetInt(kWatched, 7);
+
+    EXPECT_EQ(Reported(), Reports({"db/k=7"}));
 }
 
 TEST_F(KeyChange, AStringKeyIsJudgedByTheStringRulesWhateverTheItemSays) {
@@ -350,9 +322,34 @@ TEST_F(KeyChange, AStringKeyIsJudgedByTheStringRulesWhateverTheItemSays) {
     item.strValue = "on";
     Watch({item});
 
-    fakes::vconf::SetString(kKey, "on");
+    SetString(kWatched, "on");
 
-    EXPECT_EQ(Hits("intValue[-1], strValue[on]"), 1);
+    EXPECT_EQ(Reported(), Reports({"db/k=on"}));
+}
+
+TEST_F(KeyChange, AKeyThatWasRemovedIsIgnored) {
+    SetInt(kWatched, 5);
+    Watch({IntItem("NOT", 5)});
+
+    fakes::vconf::Unset(kWatched);
+
+    EXPECT_EQ(m_notify.VconfEvents(), 0);
+}
+
+TEST_F(KeyChange, ABoolKeyIsIgnoredAlsoWhenItHoldsAnIntegerByTheTimeItIsTold) {
+    const zol::KeyWatch quickWriter = zol::WatchKey(
+        kWatched,
+        [](keynode_t* node, void*) {
+            if (vconf_keynode_get_type(node) == VCONF_TYPE_BOOL) {
+                vconf_set_int(kWatched, 7);
+            }
+        },
+        nullptr);
+    Watch({IntItem("NOT", 5)});
+
+    fakes::vconf::SetBool(kWatched, true);
+
+    EXPECT_EQ(Reported(), Reports({"db/k=7"})) << "for the change to 7, and not for the one before it";
 }
 
 TEST_F(KeyChange, TheLastOfTenThousandItemsIsFound) {
@@ -361,44 +358,31 @@ TEST_F(KeyChange, TheLastOfTenThousandItemsIsFound) {
         items.push_back(IntItem("IS", number, "db/k" + std::to_string(number)));
     }
     Watch(items);
-    EXPECT_EQ(fakes::vconf::Registrations(), 10001);
+    EXPECT_EQ(Registrations(), 10001);
 
-    fakes::vconf::SetInt("db/k9999", 9999);
-    EXPECT_EQ(Hits("key[db/k9999], intValue[9999]"), 1);
+    SetInt("db/k9999", 9999);
+    EXPECT_EQ(Reported(), Reports({"db/k9999=9999"}));
 
     m_checker.reset();
-    EXPECT_EQ(fakes::vconf::Registrations(), 1);
+    EXPECT_EQ(Registrations(), 1);
 }
 
 TEST_F(CheckerLife, ItemsThatShareAKeyAreRegisteredAndWithdrawnOnceEach) {
     Watch({IntItem("IS", 5), IntItem("IS", 6), IntItem("IS", 7)});
-    EXPECT_EQ(fakes::vconf::Registrations(kKey), 3);
+    EXPECT_EQ(Registrations(kWatched), 3);
 
     m_checker.reset();
-    EXPECT_EQ(fakes::vconf::Registrations(kKey), 0);
+    EXPECT_EQ(Registrations(kWatched), 0);
 }
 
 TEST_F(CheckerLife, DestroyEndsTheTaskAndKeepsWatching) {
-    fakes::vconf::SetInt(kKey, 1);
     Watch({IntItem("IS", 5)});
 
     m_checker->Destroy();
-    fakes::vconf::SetInt(kKey, 5);
+    SetInt(kWatched, 5);
 
-    EXPECT_EQ(Hits(), 1);
-    EXPECT_EQ(fakes::vconf::Registrations(kKey), 1);
-}
-
-TEST_F(CheckerLife, AfterShutdownNothingIsReported) {
-    fakes::vconf::SetInt(kKey, 1);
-    Watch({IntItem("IS", 5)});
-
-    m_checker->Shutdown();
-    m_checker->Shutdown();
-    fakes::vconf::SetInt(kKey, 5);
-
-    EXPECT_EQ(Hits(), 0);
-    EXPECT_EQ(fakes::vconf::Registrations(kKey), 0);
+    EXPECT_FALSE(m_checker->CCTask::FlagCreate());
+    EXPECT_EQ(Reported(), Reports({"db/k=5"}));
 }
 
 TEST_F(CheckerLife, ItsLifeIsLogged) {
@@ -408,12 +392,11 @@ TEST_F(CheckerLife, ItsLifeIsLogged) {
 
     for (const char* text : {"[TCVconfChecker] Create", "[TCVconfChecker] Created",
                              "[TCVconfChecker] Destroy", "[TCVconfChecker] Destroyed"}) {
-        EXPECT_EQ(fakes::dlog::Find(text).priority, DLOG_PRIORITY_INFO) << text;
+        EXPECT_EQ(PriorityOf(text), DLOG_PRIORITY_INFO) << text;
     }
 }
 
 TEST_F(CheckerLife, AHandlerThatCannotBeBoundIsLoggedAndTheTaskIsUndone) {
-    fakes::WriteDeviceFile("/etc/release", "");
     TCVconfChecker other(nullptr, {});
     ASSERT_TRUE(other.Create());
     TCVconfChecker checker(nullptr, {});
@@ -421,9 +404,9 @@ TEST_F(CheckerLife, AHandlerThatCannotBeBoundIsLoggedAndTheTaskIsUndone) {
 
     EXPECT_FALSE(checker.Create());
 
-    EXPECT_EQ(fakes::dlog::Count("_CHECK FAIL: zol/src/ZOLVconfChecker:"), 1);
-    EXPECT_TRUE(fakes::dlog::Has(", CCHandler::Create(this)"));
     EXPECT_FALSE(checker.CCTask::FlagCreate());
+    EXPECT_EQ(Logged("_CHECK FAIL: zol/src/ZOLVconfChecker:"), 1);
+    EXPECT_EQ(Logged(", CCHandler::Create(this)"), 1);
     checker.CCHandler::Destroy();
 }
 
@@ -440,7 +423,7 @@ TEST_F(CheckerLife, ChangesThatArriveWhileItIsDestroyedDoNoHarm) {
     std::atomic<bool> stop{false};
     std::thread changes([&stop] {
         for (int value = 0; !stop; ++value) {
-            fakes::vconf::SetInt(kKey, value % 2);
+            SetInt(kWatched, value % 2);
         }
     });
     for (int round = 0; round < 20; ++round) {
@@ -450,22 +433,7 @@ TEST_F(CheckerLife, ChangesThatArriveWhileItIsDestroyedDoNoHarm) {
     stop = true;
     changes.join();
 
-    EXPECT_EQ(fakes::vconf::Registrations(kKey), 0);
-}
-
-TEST_F(CheckerLife, UnknownWordsMayBeLookedUpOnTwoThreads) {
-    fakes::vconf::SetInt(kKey, 1);
-    fakes::vconf::SetInt("db/other", 1);
-    const Items items = {IntItem("strange", 5), IntItem("stranger", 5, "db/other")};
-    m_checker = std::make_unique<TCVconfChecker>(m_notify.get(), items);
-    ASSERT_TRUE(m_checker->Create());
-    m_checker->CheckNow({items[0]});
-
-    std::thread change([] { fakes::vconf::SetInt(kKey, 5); });
-    m_checker->CheckNow({items[1]});
-    change.join();
-
-    EXPECT_EQ(Hits(), 0);
+    EXPECT_EQ(Registrations(kWatched), 0);
 }
 
 }  // namespace

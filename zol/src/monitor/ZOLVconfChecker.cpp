@@ -4,6 +4,7 @@
 
 #include "CallbackException.h"
 #include "Log.h"
+#include "PolicyWords.h"
 #include "VconfString.h"
 #include "WorkerTask.h"
 #include "ZOLNotifyManager.h"
@@ -20,30 +21,19 @@ constexpr const char* kTaskName = "ZOLVconfChecker";
 constexpr int kNoInteger = -1;
 constexpr const char* kNoText = "null";
 
-using Lock = std::lock_guard<std::mutex>;
-
 }  // namespace
 
 TCVconfChecker::TCVconfChecker(TCNotifyManager* notify, std::vector<ZOLVconfMonitor> items)
     : m_pNotify(notify), m_monitorList(std::move(items)) {
     for (std::size_t position = 0; position < m_monitorList.size(); ++position) {
-        m_firstItem.Add(m_monitorList[position].key, position);
+        m_firstItem.emplace(m_monitorList[position].key, position);
     }
-    m_Init();
 }
 
 TCVconfChecker::~TCVconfChecker() {
-    TCVconfChecker::Shutdown();
-}
-
-void TCVconfChecker::m_Init() {
-    const Lock lock(m_mutex);
-    m_conditionMap = {{"IS", CONDITION_IS},
-                      {"NOT", CONDITION_NOT},
-                      {"GREATER", CONDITION_GREATER},
-                      {"LESS", CONDITION_LESS},
-                      {"BETWEEN", CONDITION_BETWEEN}};
-    m_valueTypeMap = {{"INT", VALUE_TYPE_INT}, {"STRING", VALUE_TYPE_STRING}};
+    if (CCTask::FlagCreate()) {
+        TCVconfChecker::Destroy();
+    }
 }
 
 bool TCVconfChecker::Create() {
@@ -51,31 +41,14 @@ bool TCVconfChecker::Create() {
     if (!StartWorkerTask(*this, *this, kTaskName, kSource, __LINE__)) {
         return false;
     }
-    m_isCreated = true;
     ZOL_LOG(LOG_INFO, "[TCVconfChecker] Created");
     return true;
 }
 
 void TCVconfChecker::Destroy() {
     ZOL_LOG(LOG_INFO, "[TCVconfChecker] Destroy");
-    m_isCreated = false;
     EndWorkerTask(*this, *this);
     ZOL_LOG(LOG_INFO, "[TCVconfChecker] Destroyed");
-}
-
-void TCVconfChecker::Shutdown() {
-    std::vector<std::string> keys;
-    {
-        const Lock lock(m_mutex);
-        keys.swap(m_registeredKeys);
-    }
-    // Without the lock: the withdrawal waits for a running callback, which takes it.
-    for (const std::string& key : keys) {
-        vconf_withdraw_key_changed(key.c_str(), m_KeyChangedCb, this);
-    }
-    if (m_isCreated) {
-        TCVconfChecker::Destroy();
-    }
 }
 
 bool TCVconfChecker::t_OnEvent(const CSEvent* /*event*/) {
@@ -95,14 +68,12 @@ void TCVconfChecker::CheckNow(const std::vector<ZOLVconfMonitor>& items) {
 }
 
 void TCVconfChecker::m_Register(const std::string& key) {
-    if (vconf_notify_key_changed(key.c_str(), m_KeyChangedCb, this) < 0) {
+    KeyWatch watch = WatchKey(key, m_KeyChangedCb, this);
+    if (!watch) {
         ZOL_LOG(LOG_ERROR, "[%s] failed", key.c_str());
         return;
     }
-    {
-        const Lock lock(m_mutex);
-        m_registeredKeys.push_back(key);
-    }
+    m_watches.push_back(std::move(watch));
     ZOL_LOG(LOG_ERROR, "[%s] registered", key.c_str());
 }
 
@@ -126,17 +97,18 @@ bool TCVconfChecker::m_Check(const keynode_t* node) {
     if (node == nullptr || node->keyname == nullptr) {
         return false;
     }
-    const std::size_t position = m_firstItem.Find(node->keyname);
-    if (position == TCKeyIndex::NOT_FOUND) {
+    const auto first = m_firstItem.find(node->keyname);
+    if (first == m_firstItem.end()) {
         return false;
     }
+    const ZOLVconfMonitor& item = m_monitorList[first->second];
     ZOL_LOG(LOG_ERROR, "find!");
     // The key's own type decides, whatever the item says.
     switch (vconf_keynode_get_type(node)) {
         case VCONF_TYPE_STRING:
-            return m_CheckItem(m_monitorList[position], true);
+            return m_CheckItem(item, true);
         case VCONF_TYPE_INT:
-            return m_CheckItem(m_monitorList[position], false);
+            return m_CheckItem(item, false);
         default:
             return false;
     }
@@ -233,14 +205,11 @@ bool TCVconfChecker::m_CheckStringType(const std::string& key, const std::string
 }
 
 int TCVconfChecker::m_GetCondition(const std::string& word) {
-    // Inserts on a miss: an unknown word is code 0 from then on.
-    const Lock lock(m_mutex);
-    return m_conditionMap[word];
+    return CodeOf(kConditionWords, word);
 }
 
 int TCVconfChecker::m_GetValueType(const std::string& word) {
-    const Lock lock(m_mutex);
-    return m_valueTypeMap[word];
+    return CodeOf(kValueTypeWords, word);
 }
 
 void TCVconfChecker::m_AddNotify(ZOLVconfMonitor item, int value, std::string text) {

@@ -1,15 +1,14 @@
 #pragma once
 /// Watches the vconf keys of a policy and tells the notify manager when one holds its rule.
 #include <atomic>
-#include <cstdint>
-#include <map>
-#include <mutex>
+#include <cstddef>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "Event.h"
 #include "Handler.h"
-#include "KeyIndex.h"
+#include "KeyWatch.h"
 #include "Task.h"
 #include "ZOLPolicy.h"
 #include "vconf.h"
@@ -26,17 +25,15 @@ public:
     /// @param notify receiver of the hits, not owned, must outlive this object; null: hits are lost
     /// @param items  the policy's items; of several with one key only the first is looked at on a change
     TCVconfChecker(TCNotifyManager* notify, std::vector<ZOLVconfMonitor> items);
-    /// Shutdown. Not on the task's own thread.
+    /// Withdraws every key callback and, when the task runs, Destroy. Not on the task's own thread.
     ~TCVconfChecker() override;
     TCVconfChecker(const TCVconfChecker&) = delete;
     TCVconfChecker& operator=(const TCVconfChecker&) = delete;
 
     /// Starts the task. False, and logged, when it cannot; Destroy must not be called then.
-    bool Create();
-    /// Ends the task. The key callbacks stay registered; Shutdown withdraws them.
+    [[nodiscard]] bool Create();
+    /// Ends the task. The key callbacks stay registered until the checker goes.
     void Destroy() override;
-    /// Withdraws every key callback and, when the task runs, Destroy. May be called more than once.
-    void Shutdown();
 
     /// Evaluates every item now. One that holds is reported and not watched any further; for each other one
     /// the change callback is registered. All hits together end in one NOTIFY_ZOL_VCONF event.
@@ -52,27 +49,22 @@ public:
 private:
     static void m_KeyChangedCb(keynode_t* node, void* userData);
 
-    void m_Init();
     bool m_Check(const keynode_t* node);
     bool m_CheckItem(const ZOLVconfMonitor& item, bool isString);
-    bool m_CheckIntType(const std::string& key, int greater, int less, int& out);
-    bool m_CheckIntType(const std::string& key, const std::string& condition, int value, int& out);
-    bool m_CheckStringType(const std::string& key, const std::string& condition, const std::string& strValue,
-                           std::string& out);
-    int m_GetCondition(const std::string& word);
-    int m_GetValueType(const std::string& word);
+    static bool m_CheckIntType(const std::string& key, int greater, int less, int& out);
+    static bool m_CheckIntType(const std::string& key, const std::string& condition, int value, int& out);
+    static bool m_CheckStringType(const std::string& key, const std::string& condition,
+                                  const std::string& strValue, std::string& out);
+    static int m_GetCondition(const std::string& word);
+    static int m_GetValueType(const std::string& word);
     void m_Register(const std::string& key);
     void m_AddNotify(ZOLVconfMonitor item, int value, std::string text);
 
     TCNotifyManager* const m_pNotify;
     const std::vector<ZOLVconfMonitor> m_monitorList;
-    TCKeyIndex m_firstItem;  ///< key to its first position in m_monitorList
+    std::unordered_map<std::string, std::size_t> m_firstItem;  ///< key to its first position in m_monitorList
     std::atomic<bool> m_bNotifyPending{false};
-    std::mutex m_mutex;  ///< the maps and m_registeredKeys; never held while calling out
-    std::map<std::string, std::int32_t> m_conditionMap;
-    std::map<std::string, std::int32_t> m_valueTypeMap;
-    std::vector<std::string> m_registeredKeys;  ///< one entry per registration
-    bool m_isCreated = false;
+    std::vector<KeyWatch> m_watches;  ///< go first: the callback uses all of the above
 };
 
 }  // namespace zol
