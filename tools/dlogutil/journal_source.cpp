@@ -96,10 +96,10 @@ void Match(sd_journal* journal, const std::string& field, const std::vector<std:
 
 }  // namespace
 
-std::unique_ptr<Source> MakeJournalSource(const std::vector<std::string>& buffers,
+std::unique_ptr<Source> MakeJournalSource(const std::string& root, const std::vector<std::string>& buffers,
                                           const std::vector<std::string>& tags) {
     sd_journal* raw = nullptr;
-    if (sd_journal_open(&raw, SD_JOURNAL_LOCAL_ONLY) < 0) {
+    if (sd_journal_open_directory(&raw, root.c_str(), SD_JOURNAL_OS_ROOT) < 0) {
         return nullptr;
     }
     JournalPtr journal(raw);

@@ -32,7 +32,7 @@ struct Options {
 void Describe(CLI::App& app, Options& options) {
     app.description(
         "Shows the platform log from its oldest line on and follows it until killed.\n"
-        "Reads the journal where there is one and ZOL_ROOT is not set, else the log files.");
+        "Reads the journal where there is one (below ZOL_ROOT when it is set), else the log files.");
     app.add_option("-b,--buffer", options.buffer, "the log buffer: main, system or all")
         ->check(CLI::IsMember({"main", "system", "all"}))
         ->capture_default_str();
@@ -55,11 +55,10 @@ std::unique_ptr<Source> Open(const Options& options, const std::vector<std::stri
     const std::vector<std::string> buffers = options.buffer == "all"
                                                  ? std::vector<std::string>{"main", "system"}
                                                  : std::vector<std::string>{options.buffer};
-    const std::string folder = DevicePath(ZOL_PATH_LOG_DIR);
-    if (folder == ZOL_PATH_LOG_DIR && access(kJournalSocket, F_OK) == 0) {
-        return dlogutil::MakeJournalSource(buffers, tags);
+    if (access(DevicePath(kJournalSocket).c_str(), F_OK) == 0) {
+        return dlogutil::MakeJournalSource(DevicePath("/"), buffers, tags);
     }
-    return dlogutil::MakeFileSource(folder, buffers);
+    return dlogutil::MakeFileSource(DevicePath(ZOL_PATH_LOG_DIR), buffers);
 }
 
 /// Whole lines at once, however the output is buffered: somebody may be waiting for them behind a pipe.

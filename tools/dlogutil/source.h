@@ -26,10 +26,10 @@ public:
 /// The log files in `folder`; reads the buffers with these names.
 std::unique_ptr<Source> MakeFileSource(const std::string& folder, const std::vector<std::string>& buffers);
 
-/// The machine's journal since it was started. Of a log buffer, or of every buffer when `buffers` names both
-/// of them; then a tag that is asked for is found wherever it was logged. Null when the journal cannot be
-/// opened.
-std::unique_ptr<Source> MakeJournalSource(const std::vector<std::string>& buffers,
+/// The journal in /run/log and /var/log below `root` since the machine was started. Of a log buffer, or of
+/// every buffer when `buffers` names both of them; then a tag that is asked for is found wherever it was
+/// logged. Null when the journal cannot be opened.
+std::unique_ptr<Source> MakeJournalSource(const std::string& root, const std::vector<std::string>& buffers,
                                           const std::vector<std::string>& tags);
 
 /// Waits for input on `fd`. False when the reader of the standard output is gone.
