@@ -11,7 +11,7 @@
 #include <string>
 #include <thread>
 
-#include "owners.h"
+#include "base/glib_handles.h"
 
 namespace platform {
 
@@ -31,7 +31,7 @@ private:
     static gboolean Run(gpointer data);
 
     std::function<void()> m_function;
-    GSourcePtr m_source;
+    base::GSourcePtr m_source;
 };
 
 /// Runs `function` once on the context after `milliseconds`; destroying the result cancels it.
@@ -50,7 +50,7 @@ private:
     static gboolean Run(gpointer data);
 
     std::function<void()> m_function;
-    GSourcePtr m_source;
+    base::GSourcePtr m_source;
 };
 
 /// A thread with a context and a loop of its own; the context is its thread-default one. Start and Stop are
@@ -79,8 +79,8 @@ private:
     void RunPosted();
 
     const std::string m_name;
-    GMainContextPtr m_context;
-    GMainLoopPtr m_loop;
+    base::GMainContextPtr m_context;
+    base::GMainLoopPtr m_loop;
     std::mutex m_mutex;  ///< guards what follows
     std::condition_variable m_started;
     bool m_running = false;

@@ -16,20 +16,21 @@ constexpr unsigned kLongestRetryMs = 30000;
 constexpr auto kConnectionFlags = static_cast<GDBusConnectionFlags>(
     G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
 
-GStringPtr SystemBusAddress(GErrorPtr& error) {
-    return GStringPtr(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, OutError(error)));
+base::GStringPtr SystemBusAddress(base::GErrorPtr& error) {
+    return base::GStringPtr(
+        g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, base::OutError(error)));
 }
 
 }  // namespace
 
-GObjectPtr<GDBusConnection> ConnectSystemBus(GErrorPtr& error) {
-    const GStringPtr address = SystemBusAddress(error);
+base::GObjectPtr<GDBusConnection> ConnectSystemBus(base::GErrorPtr& error) {
+    const base::GStringPtr address = SystemBusAddress(error);
     if (address == nullptr) {
         return nullptr;
     }
     // A connection of its own: the shared one of the process may be tied to a bus that is gone.
-    return GObjectPtr<GDBusConnection>(g_dbus_connection_new_for_address_sync(
-        address.get(), kConnectionFlags, nullptr, nullptr, OutError(error)));
+    return base::GObjectPtr<GDBusConnection>(g_dbus_connection_new_for_address_sync(
+        address.get(), kConnectionFlags, nullptr, nullptr, base::OutError(error)));
 }
 
 SystemService::SystemService(Description description, Handlers handlers)
@@ -54,10 +55,10 @@ SystemService::~SystemService() {
 }
 
 void SystemService::Connect() {
-    GErrorPtr error;
-    const GStringPtr address = SystemBusAddress(error);
+    base::GErrorPtr error;
+    const base::GStringPtr address = SystemBusAddress(error);
     if (address == nullptr) {
-        LoseBus(ErrorText(error.get()));
+        LoseBus(base::ErrorText(error.get()));
         return;
     }
     m_cancellable.reset(g_cancellable_new());
@@ -68,17 +69,18 @@ void SystemService::Connect() {
 
 void SystemService::ConnectedCb(GObject* /*source*/, GAsyncResult* result, gpointer data) {
     auto* self = static_cast<SystemService*>(data);
-    GErrorPtr error;
-    GObjectPtr<GDBusConnection> connection(g_dbus_connection_new_for_address_finish(result, OutError(error)));
+    base::GErrorPtr error;
+    base::GObjectPtr<GDBusConnection> connection(
+        g_dbus_connection_new_for_address_finish(result, base::OutError(error)));
     --self->m_pending;
     if (!self->m_closing) {
         Guarded("system bus", [&] { self->OnConnected(std::move(connection), error.get()); });
     }
 }
 
-void SystemService::OnConnected(GObjectPtr<GDBusConnection> connection, const GError* error) {
+void SystemService::OnConnected(base::GObjectPtr<GDBusConnection> connection, const GError* error) {
     if (connection == nullptr) {
-        LoseBus(ErrorText(error));
+        LoseBus(base::ErrorText(error));
         return;
     }
     m_connection = std::move(connection);
@@ -210,11 +212,11 @@ void SystemService::Call(const Method& method, GVariant* arguments, const char* 
 void SystemService::ReplyCb(GObject* source, GAsyncResult* result, gpointer data) {
     const std::unique_ptr<PendingCall> pending(static_cast<PendingCall*>(data));
     SystemService* self = pending->service;
-    GErrorPtr error;
+    base::GErrorPtr error;
     GUnixFDList* rawFds = nullptr;
-    const GVariantPtr value(g_dbus_connection_call_with_unix_fd_list_finish(
-        reinterpret_cast<GDBusConnection*>(source), &rawFds, result, OutError(error)));
-    const GObjectPtr<GUnixFDList> fds(rawFds);
+    const base::GVariantPtr value(g_dbus_connection_call_with_unix_fd_list_finish(
+        reinterpret_cast<GDBusConnection*>(source), &rawFds, result, base::OutError(error)));
+    const base::GObjectPtr<GUnixFDList> fds(rawFds);
     --self->m_pending;
     if (!self->m_closing && pending->generation == self->m_generation) {
         Guarded("reply", [&] { pending->function({value.get(), fds.get(), error.get()}); });

@@ -8,14 +8,14 @@
 #include <list>
 #include <string>
 
+#include "base/glib_handles.h"
 #include "context_thread.h"
-#include "owners.h"
 
 namespace platform {
 
 /// A connection of its own to the system bus (DBUS_SYSTEM_BUS_ADDRESS is honoured); null with `error` set
 /// when there is none. Blocks.
-GObjectPtr<GDBusConnection> ConnectSystemBus(GErrorPtr& error);
+base::GObjectPtr<GDBusConnection> ConnectSystemBus(base::GErrorPtr& error);
 
 /// Follows one service on the system bus. Connects without blocking; while the bus is missing it tries again
 /// after 100 ms, then doubling up to 30 s. Each change of state (bus missing, service missing, service
@@ -91,7 +91,7 @@ private:
     static void ReplyCb(GObject* source, GAsyncResult* result, gpointer data);
 
     void Connect();
-    void OnConnected(GObjectPtr<GDBusConnection> connection, const GError* error);
+    void OnConnected(base::GObjectPtr<GDBusConnection> connection, const GError* error);
     void OnAppeared(const char* owner);
     void OnVanished();
     void LoseBus(const char* reason);
@@ -101,9 +101,10 @@ private:
 
     const Description m_description;
     const Handlers m_handlers;
-    GMainContextPtr m_context;
-    GObjectPtr<GDBusConnection> m_connection;
-    GObjectPtr<GCancellable> m_cancellable;  ///< of the calls of one life of the service, or of connecting
+    base::GMainContextPtr m_context;
+    base::GObjectPtr<GDBusConnection> m_connection;
+    base::GObjectPtr<GCancellable>
+        m_cancellable;  ///< of the calls of one life of the service, or of connecting
     ContextTimer m_retry;
     unsigned m_retryDelay;  ///< milliseconds
     guint m_nameWatch = 0;

@@ -44,7 +44,7 @@ bool FolderWatch::Start() {
     }
     m_source.reset(g_unix_fd_source_new(m_inotify.Get(), G_IO_IN));
     g_source_set_callback(m_source.get(), G_SOURCE_FUNC(ReadCb), this, nullptr);
-    const GMainContextPtr context(g_main_context_ref_thread_default());
+    const base::GMainContextPtr context(g_main_context_ref_thread_default());
     g_source_attach(m_source.get(), context.get());
     for (std::size_t i = 0; i < m_folders.size(); ++i) {
         Attach(i);

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "owners.h"
-#include "unique_fd.h"
+#include "base/glib_handles.h"
+#include "base/unique_fd.h"
 
 struct inotify_event;
 
@@ -70,8 +70,8 @@ private:
     const std::uint32_t m_mask;
     const Handlers m_handlers;
     bool m_toldFailure = false;
-    UniqueFd m_inotify;
-    GSourcePtr m_source;  ///< before the descriptor goes
+    base::UniqueFd m_inotify;
+    base::GSourcePtr m_source;  ///< before the descriptor goes
 };
 
 }  // namespace platform

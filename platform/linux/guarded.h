@@ -1,22 +1,17 @@
 #pragma once
-/// The wall that no exception passes on its way into C code.
-#include <exception>
 #include <utility>
 
+#include "base/exception_wall.h"
 #include "platform_log.h"
 
 namespace platform {
 
 /// Runs `work` for a callback that C code calls; an exception becomes a log line that names `where`.
+/// @return what `work` returned; after an exception the zero of that type
 template <typename Work>
-void Guarded(const char* where, Work&& work) noexcept {
-    try {
-        std::forward<Work>(work)();
-    } catch (const std::exception& error) {
-        PLATFORM_LOG(ERROR, "%s: %s", where, error.what());
-    } catch (...) {
-        PLATFORM_LOG(ERROR, "%s: unknown exception", where);
-    }
+auto Guarded(const char* where, Work&& work) noexcept {
+    return base::CatchAll(std::forward<Work>(work),
+                          [&](const char* what) { PLATFORM_LOG(ERROR, "%s: %s", where, what); });
 }
 
 }  // namespace platform

@@ -109,8 +109,8 @@ void Process::Start(const Arguments& command, const std::string& root) {
     std::array<int, 2> output{};
     ASSERT_EQ(pipe2(input.data(), O_CLOEXEC), 0);
     ASSERT_EQ(pipe2(output.data(), O_CLOEXEC), 0);
-    const platform::UniqueFd childInput(input[0]);
-    const platform::UniqueFd childOutput(output[1]);
+    const base::UniqueFd childInput(input[0]);
+    const base::UniqueFd childOutput(output[1]);
     m_input.Reset(input[1]);
     m_output.Reset(output[0]);
     posix_spawn_file_actions_t actions;

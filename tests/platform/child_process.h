@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace child {
 
@@ -48,8 +48,8 @@ private:
     void Start(const Arguments& command, const std::string& root);
 
     pid_t m_pid = -1;
-    platform::UniqueFd m_input;
-    platform::UniqueFd m_output;
+    base::UniqueFd m_input;
+    base::UniqueFd m_output;
 };
 
 /// In a body: returns when the test releases it or is gone.

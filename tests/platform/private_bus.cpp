@@ -123,7 +123,7 @@ void PrivateBus::Start() {
     const int result = posix_spawnp(&m_daemon, arguments[0], nullptr, nullptr,
                                     const_cast<char**>(arguments.data()), environ);
     close(ready[1]);
-    const platform::UniqueFd reader(ready[0]);
+    const base::UniqueFd reader(ready[0]);
     char byte = 0;
     if (result != 0 || read(reader.Get(), &byte, 1) != 1) {
         throw std::runtime_error("dbus-daemon");
@@ -159,25 +159,25 @@ FakeService::~FakeService() {
 
 void FakeService::Serve() {
     static const GDBusInterfaceVTable table = {MethodCb, nullptr, nullptr, {}};
-    platform::GErrorPtr error;
+    base::GErrorPtr error;
     constexpr auto kFlags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                                               G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
     m_connection.reset(g_dbus_connection_new_for_address_sync(m_address.c_str(), kFlags, nullptr, nullptr,
-                                                              platform::OutError(error)));
+                                                              base::OutError(error)));
     if (m_connection == nullptr) {
-        throw std::runtime_error(platform::ErrorText(error.get()));
+        throw std::runtime_error(base::ErrorText(error.get()));
     }
     g_dbus_connection_set_exit_on_close(m_connection.get(), FALSE);
-    using NodeInfoPtr = std::unique_ptr<GDBusNodeInfo, platform::FreeWith<g_dbus_node_info_unref>>;
-    const NodeInfoPtr info(g_dbus_node_info_new_for_xml(m_xml.c_str(), platform::OutError(error)));
+    using NodeInfoPtr = std::unique_ptr<GDBusNodeInfo, base::FreeWith<g_dbus_node_info_unref>>;
+    const NodeInfoPtr info(g_dbus_node_info_new_for_xml(m_xml.c_str(), base::OutError(error)));
     m_object = g_dbus_connection_register_object(m_connection.get(), m_path.c_str(), info->interfaces[0],
-                                                 &table, this, nullptr, platform::OutError(error));
-    const platform::GVariantPtr owned(
+                                                 &table, this, nullptr, base::OutError(error));
+    const base::GVariantPtr owned(
         g_dbus_connection_call_sync(m_connection.get(), "org.freedesktop.DBus", "/", "org.freedesktop.DBus",
                                     "RequestName", g_variant_new("(su)", m_name.c_str(), 4U), nullptr,
-                                    G_DBUS_CALL_FLAGS_NONE, -1, nullptr, platform::OutError(error)));
+                                    G_DBUS_CALL_FLAGS_NONE, -1, nullptr, base::OutError(error)));
     if (owned == nullptr) {
-        throw std::runtime_error(platform::ErrorText(error.get()));
+        throw std::runtime_error(base::ErrorText(error.get()));
     }
 }
 

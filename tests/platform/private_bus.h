@@ -11,9 +11,9 @@
 #include <utility>
 #include <vector>
 
+#include "base/glib_handles.h"
+#include "base/unique_fd.h"
 #include "context_thread.h"
-#include "owners.h"
-#include "unique_fd.h"
 
 /// How long a test waits for what must come; reached only when it fails.
 constexpr std::chrono::seconds kPatience(30);
@@ -95,7 +95,7 @@ private:
     const std::string m_path;
     const std::string m_xml;
     const Handler m_handler;
-    platform::GObjectPtr<GDBusConnection> m_connection;
+    base::GObjectPtr<GDBusConnection> m_connection;
     guint m_object = 0;
     platform::ContextThread m_thread;
 };

@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "base/handles.h"
 #include "notification.h"
 
 namespace {
@@ -22,10 +23,7 @@ constexpr int kMsPerSecond = 1000;
 
 using Arguments = std::map<std::string, std::string>;
 
-struct FreeNotification {
-    void operator()(notification_h handle) const { notification_free(handle); }
-};
-using NotificationPtr = std::unique_ptr<notification_s, FreeNotification>;
+using NotificationPtr = std::unique_ptr<notification_s, base::FreeWith<notification_free>>;
 
 int Complain(int status, const std::string& text) {
     std::fprintf(stderr, "app_launcher: %s\n", text.c_str());

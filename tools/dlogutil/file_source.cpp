@@ -1,11 +1,12 @@
 #include <poll.h>
-#include <sys/inotify.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <ctime>
+#include <utility>
 
+#include "base/inotify.h"
 #include "log_buffer_files.h"
 #include "source.h"
 
@@ -24,14 +25,12 @@ std::int64_t ClockUs(clockid_t clock) {
 
 class FileSource : public Source {
 public:
-    FileSource(std::string folder, const std::vector<std::string>& buffers)
-        : m_folder(std::move(folder)), m_inotify(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
+    FileSource(std::string folder, const std::vector<std::string>& buffers) : m_folder(std::move(folder)) {
         for (const std::string& buffer : buffers) {
             m_buffers.emplace_back(m_folder + "/" + buffer + ".log");
         }
         WatchFolder();
     }
-    ~FileSource() override { close(m_inotify); }
 
     bool Drain(const std::function<void(const Record&)>& sink) override {
         const std::int64_t steadyMinusWall = ClockUs(CLOCK_MONOTONIC) - ClockUs(CLOCK_REALTIME);
@@ -52,30 +51,24 @@ public:
             // What was logged between the last look and the watch wakes nobody.
             return true;
         }
-        const bool going = WaitForInput(m_inotify, m_watch < 0 ? kMissingFolderMs : -1);
+        const bool going = WaitForInput(m_inotify.Fd(), m_watch < 0 ? kMissingFolderMs : -1);
         TakeEvents();
         return going;
     }
 
 private:
     bool WatchFolder() {
-        m_watch = inotify_add_watch(m_inotify, m_folder.c_str(), kEvents);
+        m_watch = m_inotify.Add(m_folder, kEvents);
         return m_watch >= 0;
     }
 
     /// What has happened does not matter, unless it is the end of the folder.
     void TakeEvents() {
-        alignas(inotify_event) std::array<char, 4096> events;
-        for (ssize_t length = 0; (length = read(m_inotify, events.data(), events.size())) > 0;) {
-            for (std::size_t at = 0; at < static_cast<std::size_t>(length);) {
-                const auto* event = reinterpret_cast<const inotify_event*>(events.data() + at);
-                at += sizeof(inotify_event) + event->len;
-                if (event->wd == m_watch && (event->mask & (IN_DELETE_SELF | IN_MOVE_SELF)) != 0) {
-                    inotify_rm_watch(m_inotify, m_watch);
-                    m_watch = -1;
-                }
+        m_inotify.Read([this](const base::InotifyEvent& event) {
+            if (event.watch == m_watch && (event.mask & (IN_DELETE_SELF | IN_MOVE_SELF)) != 0) {
+                m_inotify.Remove(std::exchange(m_watch, -1));
             }
-        }
+        });
     }
 
     LogBufferFiles* Earliest() {
@@ -90,7 +83,7 @@ private:
     }
 
     const std::string m_folder;
-    const int m_inotify;
+    base::Inotify m_inotify;
     int m_watch = -1;
     std::vector<LogBufferFiles> m_buffers;
 };

@@ -6,15 +6,13 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "base/handles.h"
 #include "source.h"
 
 namespace dlogutil {
 namespace {
 
-struct CloseJournal {
-    void operator()(sd_journal* journal) const { sd_journal_close(journal); }
-};
-using JournalPtr = std::unique_ptr<sd_journal, CloseJournal>;
+using JournalPtr = std::unique_ptr<sd_journal, base::FreeWith<sd_journal_close>>;
 
 std::string Field(sd_journal* journal, const std::string& name) {
     const void* data = nullptr;

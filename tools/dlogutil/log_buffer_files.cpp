@@ -9,6 +9,8 @@
 #include <string_view>
 #include <utility>
 
+#include "base/unique_fd.h"
+
 namespace dlogutil {
 namespace {
 
@@ -23,19 +25,12 @@ constexpr std::size_t kMaxLine = 65536;
 class LogBufferFiles::File {
 public:
     explicit File(const std::string& path) : m_fd(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
-        if (m_fd >= 0 && fstat(m_fd, &m_status) != 0) {
-            close(std::exchange(m_fd, -1));
+        if (m_fd && fstat(m_fd.Get(), &m_status) != 0) {
+            m_fd.Reset();
         }
     }
-    ~File() {
-        if (m_fd >= 0) {
-            close(m_fd);
-        }
-    }
-    File(const File&) = delete;
-    File& operator=(const File&) = delete;
 
-    bool IsOpen() const { return m_fd >= 0; }
+    bool IsOpen() const { return static_cast<bool>(m_fd); }
     bool Same(const File& other) const {
         return m_status.st_dev == other.m_status.st_dev && m_status.st_ino == other.m_status.st_ino;
     }
@@ -55,7 +50,7 @@ public:
                 m_pending.clear();
             }
             std::array<char, 16384> buffer;
-            const ssize_t length = read(m_fd, buffer.data(), buffer.size());
+            const ssize_t length = read(m_fd.Get(), buffer.data(), buffer.size());
             if (length <= 0) {
                 return false;
             }
@@ -64,7 +59,7 @@ public:
     }
 
 private:
-    int m_fd;
+    base::UniqueFd m_fd;
     struct stat m_status {};
     std::string m_pending;  // read and not yet returned
     std::size_t m_begin = 0;

@@ -18,7 +18,7 @@ namespace {
 constexpr const char* kLastConnectedKey = "file/bluetooth/bt_last_connected_smart_rc";
 
 std::string PublishedId() {
-    const MallocString id(vconf_get_str(kLastConnectedKey));
+    const base::MallocString id(vconf_get_str(kLastConnectedKey));
     return id != nullptr ? id.get() : "";
 }
 

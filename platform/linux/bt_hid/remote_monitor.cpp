@@ -17,8 +17,8 @@ constexpr unsigned kFirstRetryMs = 100;
 constexpr unsigned kLastRetryMs = 30000;
 
 /// The properties of the device among an object's interfaces (a{sa{sv}}); null when it is no device.
-GVariantPtr DeviceProperties(GVariant* interfaces) {
-    return GVariantPtr(g_variant_lookup_value(interfaces, kDevice, G_VARIANT_TYPE_VARDICT));
+base::GVariantPtr DeviceProperties(GVariant* interfaces) {
+    return base::GVariantPtr(g_variant_lookup_value(interfaces, kDevice, G_VARIANT_TYPE_VARDICT));
 }
 
 }  // namespace
@@ -50,7 +50,7 @@ void RemoteMonitor::AskForDevices() {
 }
 
 void RemoteMonitor::AskAgainLater() {
-    const GMainContextPtr context(g_main_context_ref_thread_default());
+    const base::GMainContextPtr context(g_main_context_ref_thread_default());
     m_retry.Set(context.get(), m_retryDelayMs, [this] { AskForDevices(); });
     m_retryDelayMs = std::min(2 * m_retryDelayMs, kLastRetryMs);
 }
@@ -58,20 +58,21 @@ void RemoteMonitor::AskAgainLater() {
 void RemoteMonitor::OnObjects(const SystemService::Reply& reply) {
     if (reply.value == nullptr) {
         if (m_listing.Failed()) {
-            PLATFORM_LOG(ERROR, "BlueZ does not list its devices: %s; asking again", ErrorText(reply.error));
+            PLATFORM_LOG(ERROR, "BlueZ does not list its devices: %s; asking again",
+                         base::ErrorText(reply.error));
         }
         AskAgainLater();
         return;
     }
     m_listing.Succeeded();
     Devices fresh;
-    const GVariantPtr objects(g_variant_get_child_value(reply.value, 0));
+    const base::GVariantPtr objects(g_variant_get_child_value(reply.value, 0));
     for (gsize i = 0; i < g_variant_n_children(objects.get()); ++i) {
         const char* path = nullptr;
         GVariant* interfaces = nullptr;
         g_variant_get_child(objects.get(), i, "{&o@a{sa{sv}}}", &path, &interfaces);
-        const GVariantPtr owner(interfaces);
-        const GVariantPtr properties = DeviceProperties(interfaces);
+        const base::GVariantPtr owner(interfaces);
+        const base::GVariantPtr properties = DeviceProperties(interfaces);
         if (properties != nullptr) {
             fresh[path].Update(properties.get());
         }
@@ -115,8 +116,8 @@ void RemoteMonitor::OnInterfacesAdded(GVariant* parameters) {
     const char* path = nullptr;
     GVariant* interfaces = nullptr;
     g_variant_get(parameters, "(&o@a{sa{sv}})", &path, &interfaces);
-    const GVariantPtr owner(interfaces);
-    const GVariantPtr properties = DeviceProperties(interfaces);
+    const base::GVariantPtr owner(interfaces);
+    const base::GVariantPtr properties = DeviceProperties(interfaces);
     if (properties != nullptr) {
         Update(m_devices[path], properties.get());
     }
@@ -126,7 +127,7 @@ void RemoteMonitor::OnInterfacesRemoved(GVariant* parameters) {
     const char* path = nullptr;
     const char** interfaces = nullptr;
     g_variant_get(parameters, "(&o^a&s)", &path, &interfaces);
-    const std::unique_ptr<const char*, FreeWith<g_free>> owner(interfaces);
+    const std::unique_ptr<const char*, base::FreeWith<g_free>> owner(interfaces);
     const auto found = m_devices.find(path);
     if (found == m_devices.end() || g_strv_contains(interfaces, kDevice) == FALSE) {
         return;
@@ -142,7 +143,7 @@ void RemoteMonitor::OnPropertiesChanged(const char* path, GVariant* parameters) 
     const auto found = m_devices.find(path);
     // An unknown device is in the list that was asked for; its properties come with it.
     if (found != m_devices.end()) {
-        const GVariantPtr properties(g_variant_get_child_value(parameters, 1));
+        const base::GVariantPtr properties(g_variant_get_child_value(parameters, 1));
         Update(found->second, properties.get());
     }
 }

@@ -91,7 +91,7 @@ private:
 
     const PowerEvent m_event;
     const device_power_callback_fn m_callback;
-    const GMainContextPtr m_context;
+    const base::GMainContextPtr m_context;
     std::unique_ptr<WakeSource> m_wake;
     std::mutex m_mutex;  ///< guards what follows
     void* m_userData;
@@ -103,7 +103,7 @@ private:
 class PowerService {
 public:
     int Subscribe(PowerEvent event, device_power_callback_fn callback, void* userData) {
-        const GMainContextPtr context(g_main_context_ref_thread_default());
+        const base::GMainContextPtr context(g_main_context_ref_thread_default());
         const std::lock_guard<std::mutex> life(m_life);
         if (const auto known = Find(event, callback); known != nullptr) {
             if (!known->DeliversOn(context.get())) {

@@ -52,7 +52,7 @@ void LogindMonitor::OnAppeared() {
 }
 
 void LogindMonitor::OnLimit(const SystemService::Reply& reply) {
-    GVariantPtr limit;
+    base::GVariantPtr limit;
     if (reply.value != nullptr) {
         GVariant* value = nullptr;
         g_variant_get(reply.value, "(v)", &value);
@@ -101,14 +101,14 @@ void LogindMonitor::TakeDelay() {
 }
 
 void LogindMonitor::OnDelay(const SystemService::Reply& reply) {
-    UniqueFd lock;
-    GErrorPtr error;
-    const char* reason = ErrorText(reply.error);
+    base::UniqueFd lock;
+    base::GErrorPtr error;
+    const char* reason = base::ErrorText(reply.error);
     if (reply.value != nullptr && reply.fds != nullptr) {
         gint32 index = 0;
         g_variant_get(reply.value, "(h)", &index);
-        lock.Reset(g_unix_fd_list_get(reply.fds, index, OutError(error)));
-        reason = ErrorText(error.get());
+        lock.Reset(g_unix_fd_list_get(reply.fds, index, base::OutError(error)));
+        reason = base::ErrorText(error.get());
     }
     if (!lock) {
         if (!std::exchange(m_toldRefusal, true)) {
@@ -119,7 +119,7 @@ void LogindMonitor::OnDelay(const SystemService::Reply& reply) {
     m_toldRefusal = false;
     // A lock that comes after the announcement would only hold up what nobody asked to hold up.
     if (!m_going) {
-        m_delay = std::make_shared<UniqueFd>(std::move(lock));
+        m_delay = std::make_shared<base::UniqueFd>(std::move(lock));
     }
 }
 

@@ -3,15 +3,15 @@
 #include <functional>
 #include <memory>
 
+#include "base/unique_fd.h"
 #include "context_thread.h"
 #include "dbus_service.h"
-#include "unique_fd.h"
 
 namespace platform {
 
 /// Keeps the machine from sleeping or going off as long as somebody holds it, or until the monitor closes the
 /// lock because logind is about to go on without it. Holders never look inside. Null when there is no lock.
-using PowerDelay = std::shared_ptr<UniqueFd>;
+using PowerDelay = std::shared_ptr<base::UniqueFd>;
 
 /// Follows logind and holds a delay lock between its announcements. Lives on one thread like SystemService.
 class LogindMonitor {
@@ -35,7 +35,7 @@ private:
 
     const Handlers m_handlers;
     PowerDelay m_delay;
-    std::weak_ptr<UniqueFd> m_givenDelay;  ///< of the latest announcement
+    std::weak_ptr<base::UniqueFd> m_givenDelay;  ///< of the latest announcement
     unsigned m_limit;                      ///< milliseconds for which a delay may be held
     ContextTimer m_limitTimer;
     bool m_going = false;        ///< an announcement was made and not yet taken back

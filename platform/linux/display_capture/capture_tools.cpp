@@ -4,7 +4,7 @@
 
 #include <cstdlib>
 
-#include "owners.h"
+#include "base/glib_handles.h"
 
 namespace platform {
 
@@ -37,7 +37,7 @@ bool IsSet(const char* variable) {
 }
 
 bool IsInstalled(const char* program) {
-    return GStringPtr(g_find_program_in_path(program)) != nullptr;
+    return base::GStringPtr(g_find_program_in_path(program)) != nullptr;
 }
 
 /// The program that scales and converts; null when there is none.

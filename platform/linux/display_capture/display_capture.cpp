@@ -11,11 +11,11 @@
 #include <string>
 #include <utility>
 
+#include "base/unique_fd.h"
 #include "device_path.h"
 #include "display_capture/capture_tools.h"
 #include "display_capture/run_command.h"
 #include "platform_log.h"
-#include "unique_fd.h"
 
 namespace platform {
 
@@ -49,7 +49,7 @@ public:
     /// Makes it durable and gives it its final name.
     bool MoveTo(const std::string& path) {
         // Through a descriptor of its own: a tool may have put another file in its place.
-        const UniqueFd content(open(m_path.c_str(), O_RDONLY | O_CLOEXEC));
+        const base::UniqueFd content(open(m_path.c_str(), O_RDONLY | O_CLOEXEC));
         if (!content) {
             return false;
         }
@@ -64,7 +64,7 @@ public:
 
 private:
     std::string m_path;
-    UniqueFd m_fd;
+    base::UniqueFd m_fd;
 };
 
 bool IsValid(const dc_capture_request* request) {

@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace dlog {
 
@@ -32,7 +32,7 @@ private:
 
     const std::string m_path;
     const std::int64_t m_maxBytes;
-    platform::UniqueFd m_fd;
+    base::UniqueFd m_fd;
     std::uint64_t m_nextAttemptNs = 0;  // steady time before which a failed opening is not tried again
     std::int64_t m_size = 0;            // of the file when it was last looked at
     bool m_reported = false;

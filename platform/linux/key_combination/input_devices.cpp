@@ -12,10 +12,10 @@
 #include <utility>
 #include <vector>
 
+#include "base/glib_handles.h"
+#include "base/unique_fd.h"
 #include "device_path.h"
 #include "guarded.h"
-#include "owners.h"
-#include "unique_fd.h"
 
 namespace platform {
 
@@ -25,7 +25,7 @@ constexpr const char* kDevicePrefix = "event";
 constexpr int kReleased = 0;
 constexpr int kPressed = 1;
 
-using EvdevPtr = std::unique_ptr<libevdev, FreeWith<libevdev_free>>;
+using EvdevPtr = std::unique_ptr<libevdev, base::FreeWith<libevdev_free>>;
 
 /// The folder itself, when the path is a link to it: devices are opened under their real names.
 std::string ResolveLink(const std::string& path) {
@@ -62,7 +62,7 @@ public:
         m_device.reset(device);
         m_source.reset(g_unix_fd_source_new(m_fd.Get(), G_IO_IN));
         g_source_set_callback(m_source.get(), G_SOURCE_FUNC(ReadCb), this, nullptr);
-        const GMainContextPtr context(g_main_context_ref_thread_default());
+        const base::GMainContextPtr context(g_main_context_ref_thread_default());
         g_source_attach(m_source.get(), context.get());
         return 0;
     }
@@ -119,9 +119,9 @@ private:
 
     const KeyFunction m_key;
     const std::function<void()> m_gone;
-    UniqueFd m_fd;
+    base::UniqueFd m_fd;
     EvdevPtr m_device;
-    GSourcePtr m_source;
+    base::GSourcePtr m_source;
 };
 
 InputDevices::InputDevices(const std::string& folder, Handlers handlers)

@@ -13,13 +13,13 @@
 #include <string>
 #include <vector>
 
+#include "base/unique_fd.h"
 #include "context_thread.h"
 #include "device_path.h"
 #include "device_paths.h"
 #include "key_combination/combinations.h"
 #include "key_combination/input_devices.h"
 #include "platform_log.h"
-#include "unique_fd.h"
 
 namespace platform {
 
@@ -46,7 +46,7 @@ std::string ReadTable(int file, std::string& text) {
 
 std::vector<Combination> LoadCombinations() {
     // Without O_NONBLOCK a pipe in the file's place would hold up the service's start for good.
-    const UniqueFd file(
+    const base::UniqueFd file(
         open(DevicePath(ZOL_PATH_KEY_COMBINATIONS).c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (!file && errno == ENOENT) {
         return DefaultCombinations();

@@ -8,8 +8,8 @@
 #include <set>
 #include <string>
 
+#include "base/glib_handles.h"
 #include "once_logged.h"
-#include "owners.h"
 #include "platform_log.h"
 
 struct notification_s {
@@ -17,7 +17,7 @@ struct notification_s {
     std::string content;
     int applist = NOTIFICATION_APPLIST_TRAY | NOTIFICATION_APPLIST_POPUP;
     int expiryMs = NOTIFY_EXPIRES_DEFAULT;
-    platform::GObjectPtr<NotifyNotification> shown;
+    base::GObjectPtr<NotifyNotification> shown;
 };
 
 namespace platform {
@@ -48,15 +48,16 @@ void StartAnew() {
 }
 
 /// The session bus as libnotify is going to use it. Its end must not end this process.
-GObjectPtr<GDBusConnection> SessionBus() {
+base::GObjectPtr<GDBusConnection> SessionBus() {
     if (!HasSessionBus()) {
         return nullptr;
     }
-    GErrorPtr error;
+    base::GErrorPtr error;
     const auto connect = [&error] {
-        return GObjectPtr<GDBusConnection>(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, OutError(error)));
+        return base::GObjectPtr<GDBusConnection>(
+            g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, base::OutError(error)));
     };
-    GObjectPtr<GDBusConnection> bus = connect();
+    base::GObjectPtr<GDBusConnection> bus = connect();
     if (bus != nullptr && g_dbus_connection_is_closed(bus.get()) != FALSE) {
         bus.reset();
         StartAnew();
@@ -86,12 +87,12 @@ void Prepare(notification_s& handle) {
 
 int Post(notification_s& handle) {
     const std::lock_guard<std::mutex> lock(g_mutex);
-    const GObjectPtr<GDBusConnection> bus = SessionBus();
-    GErrorPtr error;
+    const base::GObjectPtr<GDBusConnection> bus = SessionBus();
+    base::GErrorPtr error;
     bool shown = false;
     if (bus != nullptr && (notify_is_initted() != FALSE || notify_init(kApplication) != FALSE)) {
         Prepare(handle);
-        shown = notify_notification_show(handle.shown.get(), OutError(error)) != FALSE;
+        shown = notify_notification_show(handle.shown.get(), base::OutError(error)) != FALSE;
     }
     if (shown) {
         g_log.Succeeded();
@@ -99,7 +100,7 @@ int Post(notification_s& handle) {
     }
     if (g_log.Failed()) {
         PLATFORM_LOG(WARN, "nobody shows notifications: %s",
-                     bus == nullptr ? "no session bus" : ErrorText(error.get()));
+                     bus == nullptr ? "no session bus" : base::ErrorText(error.get()));
     }
     StartAnew();
     return -1;

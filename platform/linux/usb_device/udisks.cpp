@@ -5,7 +5,7 @@
 #include <tuple>
 #include <utility>
 
-#include "owners.h"
+#include "base/glib_handles.h"
 
 namespace platform {
 
@@ -21,12 +21,12 @@ constexpr const char* kFilesystem = "org.freedesktop.UDisks2.Filesystem";
 using Order = std::tuple<std::uint64_t, std::string, std::uint32_t, std::string>;
 
 /// The properties of one interface of an object; null when the object has not got it.
-GVariantPtr Properties(GVariant* interfaces, const char* interface) {
-    return GVariantPtr(g_variant_lookup_value(interfaces, interface, G_VARIANT_TYPE_VARDICT));
+base::GVariantPtr Properties(GVariant* interfaces, const char* interface) {
+    return base::GVariantPtr(g_variant_lookup_value(interfaces, interface, G_VARIANT_TYPE_VARDICT));
 }
 
-GVariantPtr Interfaces(GVariant* objects, const char* path) {
-    return GVariantPtr(g_variant_lookup_value(objects, path, G_VARIANT_TYPE("a{sa{sv}}")));
+base::GVariantPtr Interfaces(GVariant* objects, const char* path) {
+    return base::GVariantPtr(g_variant_lookup_value(objects, path, G_VARIANT_TYPE("a{sa{sv}}")));
 }
 
 std::string Text(GVariant* properties, const char* name) {
@@ -37,12 +37,12 @@ std::string Text(GVariant* properties, const char* name) {
 
 /// The first mount point; empty when there is none.
 std::string MountPoint(GVariant* filesystem) {
-    const GVariantPtr points(
+    const base::GVariantPtr points(
         g_variant_lookup_value(filesystem, "MountPoints", G_VARIANT_TYPE_BYTESTRING_ARRAY));
     if (points == nullptr || g_variant_n_children(points.get()) == 0) {
         return {};
     }
-    const GVariantPtr first(g_variant_get_child_value(points.get(), 0));
+    const base::GVariantPtr first(g_variant_get_child_value(points.get(), 0));
     return g_variant_get_bytestring(first.get());
 }
 
@@ -54,11 +54,11 @@ std::string DrivePath(GVariant* objects, GVariant* block) {
     g_variant_lookup(block, "Drive", "&o", &drive);
     g_variant_lookup(block, "CryptoBackingDevice", "&o", &backing);
     std::string path = drive;
-    const GVariantPtr encrypted = Interfaces(objects, backing);
+    const base::GVariantPtr encrypted = Interfaces(objects, backing);
     if (path != "/" || encrypted == nullptr) {
         return path;
     }
-    const GVariantPtr encryptedBlock = Properties(encrypted.get(), kBlock);
+    const base::GVariantPtr encryptedBlock = Properties(encrypted.get(), kBlock);
     if (encryptedBlock != nullptr) {
         g_variant_lookup(encryptedBlock.get(), "Drive", "&o", &drive);
     }
@@ -67,8 +67,8 @@ std::string DrivePath(GVariant* objects, GVariant* block) {
 
 /// Microseconds since 1970 when the USB drive was plugged in; false when it is no USB drive.
 bool TimePlugged(GVariant* objects, const std::string& drivePath, std::uint64_t& time) {
-    const GVariantPtr interfaces = Interfaces(objects, drivePath.c_str());
-    const GVariantPtr drive = interfaces != nullptr ? Properties(interfaces.get(), kDrive) : nullptr;
+    const base::GVariantPtr interfaces = Interfaces(objects, drivePath.c_str());
+    const base::GVariantPtr drive = interfaces != nullptr ? Properties(interfaces.get(), kDrive) : nullptr;
     if (drive == nullptr || Text(drive.get(), "ConnectionBus") != "usb") {
         return false;
     }
@@ -81,8 +81,8 @@ bool TimePlugged(GVariant* objects, const std::string& drivePath, std::uint64_t&
 /// Adds the file system of an object, when it is mounted and on a USB drive.
 void AddFilesystem(GVariant* objects, const char* path, GVariant* interfaces,
                    std::map<Order, std::string>& found) {
-    const GVariantPtr block = Properties(interfaces, kBlock);
-    const GVariantPtr filesystem = Properties(interfaces, kFilesystem);
+    const base::GVariantPtr block = Properties(interfaces, kBlock);
+    const base::GVariantPtr filesystem = Properties(interfaces, kFilesystem);
     const std::string mountPoint = filesystem != nullptr ? MountPoint(filesystem.get()) : std::string();
     if (block == nullptr || mountPoint.empty()) {
         return;
@@ -93,7 +93,7 @@ void AddFilesystem(GVariant* objects, const char* path, GVariant* interfaces,
         return;
     }
     guint32 number = 0;
-    if (const GVariantPtr partition = Properties(interfaces, kPartition); partition != nullptr) {
+    if (const base::GVariantPtr partition = Properties(interfaces, kPartition); partition != nullptr) {
         g_variant_lookup(partition.get(), "Number", "u", &number);
     }
     found[{plugged, drive, number, path}] = mountPoint;
@@ -107,7 +107,7 @@ std::vector<std::string> MountedUsbDrives(GVariant* objects) {
         const char* path = nullptr;
         GVariant* interfaces = nullptr;
         g_variant_get_child(objects, i, "{&o@a{sa{sv}}}", &path, &interfaces);
-        const GVariantPtr owner(interfaces);
+        const base::GVariantPtr owner(interfaces);
         AddFilesystem(objects, path, interfaces, found);
     }
     std::vector<std::string> mounts;

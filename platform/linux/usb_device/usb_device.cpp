@@ -43,7 +43,7 @@ class UsbStorage {
 public:
     int Init() {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        GErrorPtr error;
+        base::GErrorPtr error;
         if (m_bus == nullptr) {
             m_bus = ConnectSystemBus(error);
         }
@@ -59,18 +59,18 @@ public:
         if (m_bus == nullptr) {
             return -1;
         }
-        GErrorPtr error;
-        const GVariantPtr reply(
+        base::GErrorPtr error;
+        const base::GVariantPtr reply(
             g_dbus_connection_call_sync(m_bus.get(), "org.freedesktop.UDisks2", "/org/freedesktop/UDisks2",
                                         "org.freedesktop.DBus.ObjectManager", "GetManagedObjects", nullptr,
                                         G_VARIANT_TYPE("(a{oa{sa{sv}}})"), G_DBUS_CALL_FLAGS_NONE,
-                                        kCallTimeoutMs, nullptr, OutError(error)));
+                                        kCallTimeoutMs, nullptr, base::OutError(error)));
         if (reply == nullptr) {
             return Fail(m_noAnswer, "UDisks2 does not answer", error.get());
         }
         m_noBus.Succeeded();
         m_noAnswer.Succeeded();
-        const GVariantPtr objects(g_variant_get_child_value(reply.get(), 0));
+        const base::GVariantPtr objects(g_variant_get_child_value(reply.get(), 0));
         auto result = std::make_unique<usb_device_list_s>();
         for (std::string& mount : MountedUsbDrives(objects.get())) {
             if (ToDevicePath(mount)) {
@@ -91,13 +91,13 @@ public:
 private:
     static int Fail(OnceLogged& fault, const char* what, const GError* error) {
         if (fault.Failed()) {
-            PLATFORM_LOG(WARN, "%s (%s): no USB storage until it does", what, ErrorText(error));
+            PLATFORM_LOG(WARN, "%s (%s): no USB storage until it does", what, base::ErrorText(error));
         }
         return -1;
     }
 
     std::mutex m_mutex;
-    GObjectPtr<GDBusConnection> m_bus;
+    base::GObjectPtr<GDBusConnection> m_bus;
     std::vector<std::unique_ptr<usb_device_list_s>> m_lists;
     // One each: a bus that comes back without the service is another fault, and is told.
     OnceLogged m_noBus;

@@ -55,7 +55,7 @@ bool IsDamage(int code) {
 }
 
 /// Column 0 is the type, column 1 the value.
-Value ReadValue(Run& run) {
+Value ReadValue(base::Run& run) {
     Value value;
     value.type = static_cast<int>(run.Number(0));
     if (value.type == VCONF_TYPE_STRING) {
@@ -76,7 +76,7 @@ KeyDatabase::KeyDatabase(std::string folder, Durability durability)
 bool KeyDatabase::Get(std::string_view key, Value* out) {
     bool found = false;
     const bool read = Perform(READ, [&] {
-        Run run(m_get);
+        base::Run run(m_get);
         run.Bind(1, key);
         const int code = run.Step();
         if (code != SQLITE_ROW) {
@@ -94,7 +94,7 @@ bool KeyDatabase::Get(std::string_view key, Value* out) {
 
 bool KeyDatabase::Set(std::string_view key, const Value& value) {
     const bool stored = Perform(WRITE, [&] {
-        Run run(m_set);
+        base::Run run(m_set);
         run.Bind(1, key);
         run.Bind(2, static_cast<std::int64_t>(value.type));
         if (value.type == VCONF_TYPE_STRING) {
@@ -112,7 +112,7 @@ bool KeyDatabase::Set(std::string_view key, const Value& value) {
 
 bool KeyDatabase::Remove(std::string_view key) {
     const bool removed = Perform(WRITE, [&] {
-        Run run(m_remove);
+        base::Run run(m_remove);
         run.Bind(1, key);
         return run.Step();
     });
@@ -125,7 +125,7 @@ bool KeyDatabase::Remove(std::string_view key) {
 bool KeyDatabase::End(Position* out) {
     // Whoever watches needs the file that it will see changing.
     return Perform(WRITE, [&] {
-        Run run(m_end);
+        base::Run run(m_end);
         const int code = run.Step();
         if (code != SQLITE_ROW) {
             return code;
@@ -141,7 +141,7 @@ bool KeyDatabase::ReadChanges(Position* position, std::vector<Change>* out) {
     const bool read = Perform(READ, [&] {
         out->resize(before);
         reached = position->generation == m_generation ? *position : Position{m_generation, 0};
-        Run run(m_changes);
+        base::Run run(m_changes);
         run.Bind(1, reached.number);
         run.Bind(2, static_cast<std::int64_t>(kMaxChanges));
         int code = run.Step();
@@ -221,7 +221,7 @@ int KeyDatabase::OpenExisting() {
     }
     // Without a lock file nobody replaces anything yet. Another process may make it at any moment: what then
     // happens to the file shows in its identity.
-    platform::UniqueFd lock;
+    base::UniqueFd lock;
     for (int looks = 0; !lock && m_files.HasLock(); ++looks) {
         if (looks == kLockLooks) {
             return Fail(SQLITE_BUSY, "its lock file is held by another process or cannot be opened");
@@ -280,11 +280,11 @@ int KeyDatabase::Configure() {
 }
 
 int KeyDatabase::CheckWhole() {
-    const StatementPtr check = Prepare(m_connection.get(), "PRAGMA quick_check(1)");
+    const base::StatementPtr check = base::Prepare(m_connection.get(), "PRAGMA quick_check(1)");
     if (check == nullptr) {
         return Fail(sqlite3_errcode(m_connection.get()), sqlite3_errmsg(m_connection.get()));
     }
-    Run run(check);
+    base::Run run(check);
     const int code = run.Step();
     if (code != SQLITE_ROW) {
         return Fail(code, sqlite3_errmsg(m_connection.get()));
@@ -294,10 +294,10 @@ int KeyDatabase::CheckWhole() {
 }
 
 int KeyDatabase::PrepareAll() {
-    const std::pair<StatementPtr*, const char*> statements[] = {
+    const std::pair<base::StatementPtr*, const char*> statements[] = {
         {&m_get, kGet}, {&m_set, kSet}, {&m_remove, kRemove}, {&m_end, kEnd}, {&m_changes, kChanges}};
     for (const auto& [statement, sql] : statements) {
-        *statement = Prepare(m_connection.get(), sql);
+        *statement = base::Prepare(m_connection.get(), sql);
         if (*statement == nullptr) {
             const int code = sqlite3_errcode(m_connection.get());
             // A sound database without the table of keys.
@@ -311,7 +311,7 @@ int KeyDatabase::Create() {
     if (!m_files.MakeFolder()) {
         return Fail(SQLITE_CANTOPEN, std::string("its folder cannot be made: ") + std::strerror(errno));
     }
-    const platform::UniqueFd lock = m_files.Lock(LOCK_EX, PatienceMs(WRITE));
+    const base::UniqueFd lock = m_files.Lock(LOCK_EX, PatienceMs(WRITE));
     if (!lock) {
         return Fail(SQLITE_BUSY, "its lock file is held by another process or cannot be made");
     }
@@ -340,7 +340,7 @@ int KeyDatabase::BuildNew() {
     sqlite3* raw = nullptr;
     const int opened = sqlite3_open_v2(m_files.NewDatabase().c_str(), &raw,
                                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
-    ConnectionPtr connection(raw);
+    base::DatabasePtr connection(raw);
     const int code = opened == SQLITE_OK ? sqlite3_exec(raw, kSchema, nullptr, nullptr, nullptr) : opened;
     if (code != SQLITE_OK) {
         return Fail(code, std::string("a new one cannot be made: ") + sqlite3_errmsg(raw));
@@ -358,7 +358,7 @@ int KeyDatabase::ReplaceDamaged(int code) {
     const std::string reason = m_reason;
     const std::optional<FileIdentity> damaged = m_identity;
     Close();
-    const platform::UniqueFd lock = m_files.Lock(LOCK_EX, PatienceMs(WRITE));
+    const base::UniqueFd lock = m_files.Lock(LOCK_EX, PatienceMs(WRITE));
     if (!lock) {
         return Fail(SQLITE_BUSY, "damaged (" + reason + "), and another process holds its lock file");
     }
@@ -382,7 +382,7 @@ int KeyDatabase::Fail(int code, const std::string& reason) {
 }
 
 void KeyDatabase::Close() {
-    for (StatementPtr* statement : {&m_get, &m_set, &m_remove, &m_end, &m_changes}) {
+    for (base::StatementPtr* statement : {&m_get, &m_set, &m_remove, &m_end, &m_changes}) {
         statement->reset();
     }
     m_connection.reset();

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "vconf/sqlite_handle.h"
+#include "base/sqlite_handles.h"
 #include "vconf/store_files.h"
 
 namespace keystore {
@@ -92,12 +92,12 @@ private:
     const Durability m_durability;
 
     std::mutex m_mutex;  // guards everything below
-    ConnectionPtr m_connection;
-    StatementPtr m_get;
-    StatementPtr m_set;
-    StatementPtr m_remove;
-    StatementPtr m_end;
-    StatementPtr m_changes;
+    base::DatabasePtr m_connection;
+    base::StatementPtr m_get;
+    base::StatementPtr m_set;
+    base::StatementPtr m_remove;
+    base::StatementPtr m_end;
+    base::StatementPtr m_changes;
     std::optional<FileIdentity> m_identity;  // of the file that the connection has open
     std::uint64_t m_generation = 0;
     bool m_faulty[ACCESS_COUNT] = {};

@@ -4,8 +4,8 @@
 
 #include <cerrno>
 #include <cstring>
-#include <exception>
 
+#include "guarded.h"
 #include "platform_log.h"
 
 namespace keystore {
@@ -97,11 +97,7 @@ gboolean KeyWatcher::DispatchSource(GSource*, GSourceFunc callback, gpointer use
 }
 
 gboolean KeyWatcher::OnSource(gpointer self) {
-    try {
-        static_cast<KeyWatcher*>(self)->Dispatch();
-    } catch (const std::exception& error) {
-        PLATFORM_LOG(ERROR, "watching keys: %s", error.what());
-    }
+    platform::Guarded("watching keys", [&] { static_cast<KeyWatcher*>(self)->Dispatch(); });
     return G_SOURCE_CONTINUE;
 }
 

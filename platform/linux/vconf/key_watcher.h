@@ -4,11 +4,11 @@
 
 #include <array>
 #include <cstdint>
-#include <memory>
 #include <mutex>
 #include <vector>
 
-#include "unique_fd.h"
+#include "base/glib_handles.h"
+#include "base/unique_fd.h"
 #include "vconf/key_database.h"
 #include "vconf/watch_registry.h"
 
@@ -44,12 +44,6 @@ private:
         bool unreadable = false;  // the last look failed: only the clock leads to the next one
         Position known;           // the last change that was read
     };
-    struct DestroySource {
-        void operator()(GSource* source) const {
-            g_source_destroy(source);
-            g_source_unref(source);
-        }
-    };
 
     static gboolean DispatchSource(GSource* source, GSourceFunc callback, gpointer userData);
     static gboolean OnSource(gpointer self);
@@ -72,8 +66,8 @@ private:
 
     std::mutex m_mutex;  // guards everything below; not held while callbacks run
     std::array<Watched, kDatabases> m_watched;
-    platform::UniqueFd m_inotify;
-    std::unique_ptr<GSource, DestroySource> m_source;
+    base::UniqueFd m_inotify;
+    base::GSourcePtr m_source;
     std::size_t m_nextLook = 0;  // of the series after a write to a log
     std::int64_t m_due = -1;     // monotonic microseconds of the next look, -1 for none
 };

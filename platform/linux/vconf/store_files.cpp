@@ -18,8 +18,6 @@
 namespace keystore {
 namespace {
 
-using platform::UniqueFd;
-
 constexpr const char* kGroup = "zol";
 constexpr const char* kDatabaseName = "vconf.db";
 constexpr const char* kLockName = "vconf.lock";
@@ -39,7 +37,7 @@ gid_t GroupId() {
 
 /// The group may be missing and this process may not be allowed to set it: the owner can work all the same.
 /// By descriptor: members of the group may put something else under the name at any moment.
-void GiveToGroup(const UniqueFd& fd) {
+void GiveToGroup(const base::UniqueFd& fd) {
     const gid_t gid = GroupId();
     if (gid != static_cast<gid_t>(-1) && fchown(fd.Get(), static_cast<uid_t>(-1), gid) != 0) {
         errno = 0;
@@ -52,8 +50,8 @@ bool IsRegular(const std::string& path) {
 }
 
 /// Nothing when there is something else than a regular file, which could be waited for without end.
-UniqueFd OpenRegular(const std::string& path, int access) {
-    UniqueFd fd(open(path.c_str(), access | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW));
+base::UniqueFd OpenRegular(const std::string& path, int access) {
+    base::UniqueFd fd(open(path.c_str(), access | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW));
     struct stat status {};
     if (fd && (fstat(fd.Get(), &status) != 0 || !S_ISREG(status.st_mode))) {
         fd.Reset();
@@ -66,7 +64,8 @@ UniqueFd OpenRegular(const std::string& path, int access) {
 bool MakeFile(const std::string& path) {
     constexpr int kAttempts = 2;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        const UniqueFd fd(open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kFileMode));
+        const base::UniqueFd fd(
+            open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kFileMode));
         if (fd) {
             GiveToGroup(fd);
             return fchmod(fd.Get(), kFileMode) == 0;
@@ -85,7 +84,7 @@ bool MakeFile(const std::string& path) {
 }
 
 void SyncFolder(const std::string& folder) {
-    const UniqueFd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const base::UniqueFd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (fd) {
         fsync(fd.Get());
     }
@@ -137,7 +136,7 @@ bool StoreFiles::MakeFolder() const {
     if (mkdir(m_folder.c_str(), kFolderMode & 0700) != 0) {
         return platform::MakeFolder(m_folder);
     }
-    const UniqueFd fd(open(m_folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
+    const base::UniqueFd fd(open(m_folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
     if (!fd) {
         return false;
     }
@@ -163,18 +162,18 @@ bool StoreFiles::HasLock() const {
     return IsRegular(m_lock);
 }
 
-UniqueFd StoreFiles::Lock(int operation, int patienceMs) const {
+base::UniqueFd StoreFiles::Lock(int operation, int patienceMs) const {
     if (operation == LOCK_EX && !MakeFile(m_lock)) {
-        return UniqueFd();
+        return base::UniqueFd();
     }
-    UniqueFd fd = OpenRegular(m_lock, O_RDONLY);
+    base::UniqueFd fd = OpenRegular(m_lock, O_RDONLY);
     if (!fd) {
         return fd;
     }
     const std::uint64_t end = platform_clock_steady_ns() + static_cast<std::uint64_t>(patienceMs) * 1000000U;
     while (flock(fd.Get(), operation | LOCK_NB) != 0) {
         if ((errno != EWOULDBLOCK && errno != EINTR) || platform_clock_steady_ns() >= end) {
-            return UniqueFd();
+            return base::UniqueFd();
         }
         platform_sleep_us(kLockPauseUs);
     }
@@ -191,7 +190,7 @@ bool StoreFiles::BeginNew() const {
 }
 
 bool StoreFiles::CommitNew() const {
-    const UniqueFd fd(open(m_newDatabase.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    const base::UniqueFd fd(open(m_newDatabase.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
     if (!fd || fsync(fd.Get()) != 0) {
         return false;
     }

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace keystore {
 
@@ -43,7 +43,7 @@ public:
     /// Held shared while a connection is opened and exclusively while the database is replaced, so that
     /// nobody opens a half-moved one. Gives up after `patienceMs`; then, or when the lock file cannot be
     /// opened, the result owns nothing. A shared lock is not needed where no lock file exists.
-    platform::UniqueFd Lock(int operation, int patienceMs) const;
+    base::UniqueFd Lock(int operation, int patienceMs) const;
     bool HasLock() const;
 
     /// Makes an empty NewDatabase(), whatever an interrupted earlier attempt left behind. False with errno.

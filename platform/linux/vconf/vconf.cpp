@@ -3,12 +3,11 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <exception>
 #include <new>
 
 #include "device_path.h"
 #include "device_paths.h"
-#include "platform_log.h"
+#include "guarded.h"
 #include "vconf/key_store.h"
 
 namespace {
@@ -24,14 +23,9 @@ KeyStore& The() {
 
 /// `operation` answers whether it succeeded, and leaves the reason in errno if not.
 template <typename Operation>
-int Guarded(Operation operation) noexcept {
-    try {
-        return operation() ? 0 : -1;
-    } catch (const std::exception& error) {
-        PLATFORM_LOG(ERROR, "key store: %s", error.what());
-        errno = EIO;
-        return -1;
-    }
+int Guarded(Operation operation) {
+    errno = EIO;  // the reason of an exception
+    return platform::Guarded("key store", operation) ? 0 : -1;
 }
 
 bool Get(const char* key, int type, Value* out) {

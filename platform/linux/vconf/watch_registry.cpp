@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "platform_log.h"
+#include "guarded.h"
 
 namespace keystore {
 
@@ -73,11 +73,7 @@ void WatchRegistry::Call(Registration& registration, keynode_t& node, const Posi
         m_running = &registration;
         m_runner = std::this_thread::get_id();
     }
-    try {
-        registration.callback(&node, registration.userData);
-    } catch (...) {
-        PLATFORM_LOG(ERROR, "a callback of key %s threw an exception", node.keyname);
-    }
+    platform::Guarded(node.keyname, [&] { registration.callback(&node, registration.userData); });
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_running = nullptr;
     m_runner = std::thread::id();

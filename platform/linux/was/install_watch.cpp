@@ -187,7 +187,7 @@ void InstallWatch::Look(std::size_t folder) {
         } else if (!(now == entry.known)) {
             // Perhaps still being written: nobody can tell.
             entry.unsettled = now;
-            const GMainContextPtr context(g_main_context_ref_thread_default());
+            const base::GMainContextPtr context(g_main_context_ref_thread_default());
             m_settle.Set(context.get(), kSettleMs, [this] { Settle(); });
         }
     }

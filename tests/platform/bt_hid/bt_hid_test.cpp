@@ -27,7 +27,7 @@ constexpr std::uint16_t kRemoteAppearance = 0x0180;
 constexpr std::uint16_t kKeyboardAppearance = 0x03C1;
 
 std::string Published() {
-    const platform::MallocString id(vconf_get_str(kKey));
+    const base::MallocString id(vconf_get_str(kKey));
     return id != nullptr ? id.get() : "";
 }
 

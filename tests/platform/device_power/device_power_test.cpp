@@ -78,7 +78,7 @@ private:
             const std::lock_guard<std::mutex> guard(m_mutex);
             m_locks.emplace_back(lock[0]);
         }
-        const platform::GObjectPtr<GUnixFDList> fds(g_unix_fd_list_new_from_array(&lock[1], 1));
+        const base::GObjectPtr<GUnixFDList> fds(g_unix_fd_list_new_from_array(&lock[1], 1));
         g_dbus_method_invocation_return_value_with_unix_fd_list(invocation, g_variant_new("(h)", 0),
                                                                 fds.get());
         m_requests.Add(request);
@@ -96,7 +96,7 @@ private:
     const bool m_refuses;
     const std::uint64_t m_waitsUs;
     std::mutex m_mutex;
-    std::vector<platform::UniqueFd> m_locks;
+    std::vector<base::UniqueFd> m_locks;
     Reports<std::string> m_requests;
     std::unique_ptr<FakeService> m_service;
 };

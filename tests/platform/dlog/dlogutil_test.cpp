@@ -8,13 +8,13 @@
 #include <fstream>
 #include <string>
 
+#include "base/unique_fd.h"
 #include "child_process.h"
 #include "dlog.h"
 #include "dlog/log_file.h"
 #include "platform_clock.h"
 #include "private_bus.h"
 #include "temp_folder.h"
-#include "unique_fd.h"
 
 namespace fs = std::filesystem;
 
@@ -114,7 +114,7 @@ TEST_F(DlogUtil, ShowsWhatWasLoggedBetweenALookAtANewFolderAndItsWatch) {
     fs::rename(prepared, Folder());
 
     EXPECT_TRUE(Eventually([&] {
-        const platform::UniqueFd writer(
+        const base::UniqueFd writer(
             open((Folder() + "/main.1.log").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
         return static_cast<bool>(writer);
     }));
@@ -123,7 +123,7 @@ TEST_F(DlogUtil, ShowsWhatWasLoggedBetweenALookAtANewFolderAndItsWatch) {
     std::ofstream(Folder() + "/main.log") << "2026-01-31 12:00:00.000 I/A(1:2): between\n";
     const std::string moved = m_folder.Path() + "/moved";
     fs::rename(Folder() + "/system.log", moved);
-    platform::UniqueFd writer(open(moved.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    base::UniqueFd writer(open(moved.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
     writer.Reset();
 
     EXPECT_THAT(follower.ReadLine(), EndsWith("): between"));

@@ -224,7 +224,7 @@ private:
     }
 
     const std::string m_path;
-    platform::UniqueFd m_fd;
+    base::UniqueFd m_fd;
 };
 
 bool IsEmulated() {
@@ -235,8 +235,8 @@ bool IsEmulated() {
 class KeyService : public testing::Test {
 protected:
     void SetUp() override {
-        const platform::GStringPtr runner(g_find_program_in_path("umockdev-run"));
-        const platform::GStringPtr self(g_file_read_link("/proc/self/exe", nullptr));
+        const base::GStringPtr runner(g_find_program_in_path("umockdev-run"));
+        const base::GStringPtr self(g_file_read_link("/proc/self/exe", nullptr));
         if (IsEmulated()) {
             GTEST_SKIP() << "input devices cannot be mocked under an emulator";
         }

@@ -74,8 +74,7 @@ protected:
         notify_uninit();
         EXPECT_TRUE(Eventually([] {
             g_main_context_iteration(nullptr, FALSE);
-            const platform::GObjectPtr<GDBusConnection> old(
-                g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr));
+            const base::GObjectPtr<GDBusConnection> old(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr));
             return old == nullptr;
         }));
     }

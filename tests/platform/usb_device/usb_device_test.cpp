@@ -19,13 +19,13 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 /// @param entries of the dictionary, each with a comma behind it
-platform::GVariantPtr Parse(const std::string& entries) {
-    platform::GErrorPtr error;
+base::GVariantPtr Parse(const std::string& entries) {
+    base::GErrorPtr error;
     const std::string objects = "{" + entries.substr(0, entries.rfind(',')) + "}";
     GVariant* parsed = g_variant_parse(G_VARIANT_TYPE("a{oa{sa{sv}}}"), objects.c_str(), nullptr, nullptr,
-                                       platform::OutError(error));
-    EXPECT_NE(parsed, nullptr) << platform::ErrorText(error.get());
-    return platform::GVariantPtr(parsed);
+                                       base::OutError(error));
+    EXPECT_NE(parsed, nullptr) << base::ErrorText(error.get());
+    return base::GVariantPtr(parsed);
 }
 
 std::vector<std::string> Mounted(const std::string& objects) {

@@ -40,7 +40,7 @@ const child::Program kHoldLock("hold-lock", HoldLock);
 /// until it is released. Arguments: folder.
 int StopWhileReplacing(const child::Arguments& arguments) {
     const fs::path folder = arguments[0];
-    const platform::UniqueFd lock(open((folder / "vconf.lock").c_str(), O_RDONLY | O_CLOEXEC));
+    const base::UniqueFd lock(open((folder / "vconf.lock").c_str(), O_RDONLY | O_CLOEXEC));
     if (flock(lock.Get(), LOCK_EX) != 0) {
         return 1;
     }
