@@ -19,10 +19,12 @@ struct InotifyEvent {
 /// An inotify descriptor and the reading of its events. One thread at a time.
 class Inotify {
 public:
-    /// Owns nothing, with errno, when the system gives none.
-    Inotify() : m_fd(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {}
+    /// Comes before everything else. False with errno when the system gives none.
+    [[nodiscard]] bool Open() {
+        m_fd.Reset(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+        return static_cast<bool>(m_fd);
+    }
 
-    explicit operator bool() const { return static_cast<bool>(m_fd); }
     /// Readable while events wait.
     [[nodiscard]] int Fd() const { return m_fd.Get(); }
 

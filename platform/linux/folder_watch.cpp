@@ -1,7 +1,6 @@
 #include "folder_watch.h"
 
 #include <glib-unix.h>
-#include <sys/inotify.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -19,7 +18,6 @@ namespace {
 constexpr std::uint32_t kFolderEvents =
     IN_CREATE | IN_DELETE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 constexpr std::uint32_t kFolderGone = IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED | IN_UNMOUNT;
-constexpr std::size_t kBufferBytes = 16384;
 
 bool IsFolder(const std::string& path) {
     struct stat status {};
@@ -37,12 +35,11 @@ FolderWatch::FolderWatch(std::vector<std::string> folders, std::uint32_t entryEv
 }
 
 bool FolderWatch::Start() {
-    m_inotify.Reset(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-    if (!m_inotify) {
+    if (!m_inotify.Open()) {
         PLATFORM_LOG(ERROR, "cannot watch folders: inotify: %s", std::strerror(errno));
         return false;
     }
-    m_source.reset(g_unix_fd_source_new(m_inotify.Get(), G_IO_IN));
+    m_source.reset(g_unix_fd_source_new(m_inotify.Fd(), G_IO_IN));
     g_source_set_callback(m_source.get(), G_SOURCE_FUNC(ReadCb), this, nullptr);
     const base::GMainContextPtr context(g_main_context_ref_thread_default());
     g_source_attach(m_source.get(), context.get());
@@ -53,35 +50,21 @@ bool FolderWatch::Start() {
 }
 
 gboolean FolderWatch::ReadCb(gint /*fd*/, GIOCondition /*condition*/, gpointer data) {
-    Guarded("folder watch", [&] { static_cast<FolderWatch*>(data)->Read(); });
+    auto* self = static_cast<FolderWatch*>(data);
+    Guarded("folder watch",
+            [&] { self->m_inotify.Read([&](const base::InotifyEvent& event) { self->Handle(event); }); });
     return G_SOURCE_CONTINUE;
 }
 
-void FolderWatch::Read() {
-    alignas(inotify_event) char buffer[kBufferBytes];
-    for (;;) {
-        const ssize_t size = read(m_inotify.Get(), buffer, sizeof(buffer));
-        if (size <= 0) {
-            return;
-        }
-        for (std::size_t at = 0; at < static_cast<std::size_t>(size);) {
-            inotify_event event{};
-            std::memcpy(&event, buffer + at, sizeof(event));
-            Handle(event, event.len > 0 ? buffer + at + sizeof(event) : "");
-            at += sizeof(event) + event.len;
-        }
-    }
-}
-
-void FolderWatch::Handle(const inotify_event& event, const char* name) {
+void FolderWatch::Handle(const base::InotifyEvent& event) {
     if ((event.mask & IN_Q_OVERFLOW) != 0) {
         PLATFORM_LOG(WARN, "events of watched folders were lost; looking at all of them");
         LookAgain();
         m_handlers.overflowed();
     } else if ((event.mask & kFolderGone) != 0) {
-        LoseWatch(event.wd);
+        LoseWatch(event.watch);
     } else {
-        HandleEntry(event.wd, name, event.mask);
+        HandleEntry(event.watch, event.name, event.mask);
     }
 }
 
@@ -90,8 +73,7 @@ void FolderWatch::LookAgain() {
     for (std::size_t i = 0; i < m_folders.size(); ++i) {
         const Folder& folder = m_folders[i];
         // The descriptor of a folder stays the same for as long as it is watched.
-        if (folder.state != State::Waiting &&
-            inotify_add_watch(m_inotify.Get(), folder.path.c_str(), m_mask) != folder.watch) {
+        if (folder.state != State::Waiting && m_inotify.Add(folder.path, m_mask) != folder.watch) {
             LoseWatch(folder.watch);
         }
         Attach(i);
@@ -100,7 +82,7 @@ void FolderWatch::LookAgain() {
 
 void FolderWatch::LoseWatch(int watch) {
     // A folder that was moved away is still watched by the kernel.
-    inotify_rm_watch(m_inotify.Get(), watch);
+    m_inotify.Remove(watch);
     std::vector<std::size_t> lost;
     for (std::size_t i = 0; i < m_folders.size(); ++i) {
         if (m_folders[i].watch == watch) {
@@ -161,12 +143,12 @@ bool FolderWatch::AttachOnce(std::size_t index) {
     Folder& folder = m_folders[index];
     std::string path = folder.path;
     std::string awaited;
-    int watch = inotify_add_watch(m_inotify.Get(), path.c_str(), m_mask);
+    int watch = m_inotify.Add(path, m_mask);
     while (watch < 0 && path.size() > 1) {
         const std::size_t slash = path.rfind('/');
         awaited = path.substr(slash + 1);
         path.resize(std::max<std::size_t>(slash, 1));
-        watch = inotify_add_watch(m_inotify.Get(), path.c_str(), m_mask);
+        watch = m_inotify.Add(path, m_mask);
     }
     if (watch < 0) {
         TellFailure(folder.path);

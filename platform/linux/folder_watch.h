@@ -9,9 +9,7 @@
 #include <vector>
 
 #include "base/glib_handles.h"
-#include "base/unique_fd.h"
-
-struct inotify_event;
+#include "base/inotify.h"
 
 namespace platform {
 
@@ -56,8 +54,7 @@ private:
     };
 
     static gboolean ReadCb(gint fd, GIOCondition condition, gpointer data);
-    void Read();
-    void Handle(const inotify_event& event, const char* name);
+    void Handle(const base::InotifyEvent& event);
     void LookAgain();
     void LoseWatch(int watch);
     void HandleEntry(int watch, const std::string& name, std::uint32_t mask);
@@ -70,7 +67,7 @@ private:
     const std::uint32_t m_mask;
     const Handlers m_handlers;
     bool m_toldFailure = false;
-    base::UniqueFd m_inotify;
+    base::Inotify m_inotify;
     base::GSourcePtr m_source;  ///< before the descriptor goes
 };
 

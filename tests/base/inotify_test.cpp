@@ -14,6 +14,8 @@ namespace {
 
 class InotifyTest : public testing::Test {
 protected:
+    InotifyTest() { EXPECT_TRUE(m_inotify.Open()); }
+
     void Touch(const std::string& name) const { std::ofstream(m_folder.Path() + "/" + name) << "x"; }
     std::vector<std::string> ReadNames() {
         std::vector<std::string> names;
@@ -26,7 +28,6 @@ protected:
 };
 
 TEST_F(InotifyTest, HandsOverEveryEventThatWaitsAndDoesNotBlock) {
-    ASSERT_TRUE(m_inotify);
     ASSERT_GE(m_inotify.Add(m_folder.Path(), IN_CREATE), 0);
     EXPECT_TRUE(ReadNames().empty());
 

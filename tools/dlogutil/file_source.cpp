@@ -29,6 +29,8 @@ public:
         for (const std::string& buffer : buffers) {
             m_buffers.emplace_back(m_folder + "/" + buffer + ".log");
         }
+        // Without it the folder is looked at every second.
+        static_cast<void>(m_inotify.Open());
         WatchFolder();
     }
 

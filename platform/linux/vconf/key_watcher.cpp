@@ -1,7 +1,5 @@
 #include "vconf/key_watcher.h"
 
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstring>
 
@@ -57,14 +55,13 @@ bool KeyWatcher::StartSource() {
     if (m_source != nullptr) {
         return true;
     }
-    m_inotify.Reset(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
-    if (!m_inotify) {
+    if (!m_inotify.Open()) {
         PLATFORM_LOG(ERROR, "keys cannot be watched: inotify: %s", std::strerror(errno));
         return false;
     }
     m_source.reset(g_source_new(&s_sourceFunctions, sizeof(GSource)));
     g_source_set_name(m_source.get(), "key store");
-    g_source_add_unix_fd(m_source.get(), m_inotify.Get(), G_IO_IN);
+    g_source_add_unix_fd(m_source.get(), m_inotify.Fd(), G_IO_IN);
     g_source_set_callback(m_source.get(), &KeyWatcher::OnSource, this, nullptr);
     g_source_attach(m_source.get(), m_context);
     return true;
@@ -84,7 +81,7 @@ bool KeyWatcher::StartDatabase(Watched& watched) {
 
 bool KeyWatcher::WatchFolder(Watched& watched) {
     const std::string& folder = watched.database->Files().Folder();
-    watched.descriptor = inotify_add_watch(m_inotify.Get(), folder.c_str(), kEvents);
+    watched.descriptor = m_inotify.Add(folder, kEvents);
     if (watched.descriptor < 0) {
         PLATFORM_LOG(ERROR, "keys cannot be watched: %s: %s", folder.c_str(), std::strerror(errno));
         return false;
@@ -106,7 +103,7 @@ void KeyWatcher::Dispatch() {
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         const bool due = TakeDueLook();
-        ReadEvents();
+        m_inotify.Read([this](const base::InotifyEvent& event) { NoteEvent(event); });
         bool more = false;
         for (Watched& watched : m_watched) {
             if (watched.started && (due || (watched.changed && !watched.unreadable))) {
@@ -120,39 +117,23 @@ void KeyWatcher::Dispatch() {
     }
 }
 
-void KeyWatcher::ReadEvents() {
-    alignas(inotify_event) std::array<char, 4096> buffer;
-    for (;;) {
-        const ssize_t length = read(m_inotify.Get(), buffer.data(), buffer.size());
-        if (length <= 0) {
-            return;
-        }
-        for (std::size_t at = 0; at < static_cast<std::size_t>(length);) {
-            const auto* event = reinterpret_cast<const inotify_event*>(buffer.data() + at);
-            NoteEvent(*event);
-            at += sizeof(inotify_event) + event->len;
-        }
-    }
-}
-
-void KeyWatcher::NoteEvent(const inotify_event& event) {
-    const char* const name = event.len > 0 ? event.name : "";
-    if (StoreFiles::IsNoise(name)) {
+void KeyWatcher::NoteEvent(const base::InotifyEvent& event) {
+    if (StoreFiles::IsNoise(event.name)) {
         return;
     }
-    if (StoreFiles::IsWriteAheadLog(name) && (event.mask & IN_MODIFY) != 0) {
+    if (StoreFiles::IsWriteAheadLog(event.name) && (event.mask & IN_MODIFY) != 0) {
         m_nextLook = 0;
         m_due = -1;
         DueIn(kLooksMs[m_nextLook]);
     }
     for (Watched& watched : m_watched) {
         // An overflow has no descriptor and stands for anything.
-        if (event.wd != watched.descriptor && (event.mask & IN_Q_OVERFLOW) == 0) {
+        if (event.watch != watched.descriptor && (event.mask & IN_Q_OVERFLOW) == 0) {
             continue;
         }
         watched.changed = true;
         if ((event.mask & (IN_DELETE_SELF | IN_MOVE_SELF)) != 0) {
-            inotify_rm_watch(m_inotify.Get(), watched.descriptor);
+            m_inotify.Remove(watched.descriptor);
             watched.descriptor = -1;
         }
     }

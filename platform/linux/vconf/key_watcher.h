@@ -1,6 +1,5 @@
 #pragma once
 #include <glib.h>
-#include <sys/inotify.h>
 
 #include <array>
 #include <cstdint>
@@ -8,7 +7,7 @@
 #include <vector>
 
 #include "base/glib_handles.h"
-#include "base/unique_fd.h"
+#include "base/inotify.h"
 #include "vconf/key_database.h"
 #include "vconf/watch_registry.h"
 
@@ -52,8 +51,7 @@ private:
     bool StartDatabase(Watched& watched);
     bool WatchFolder(Watched& watched);
     void Dispatch();
-    void ReadEvents();
-    void NoteEvent(const inotify_event& event);
+    void NoteEvent(const base::InotifyEvent& event);
     bool Look(Watched& watched, std::vector<Change>* changes);
     bool TakeDueLook();
     void PlanNextLook(bool more);
@@ -66,7 +64,7 @@ private:
 
     std::mutex m_mutex;  // guards everything below; not held while callbacks run
     std::array<Watched, kDatabases> m_watched;
-    base::UniqueFd m_inotify;
+    base::Inotify m_inotify;
     base::GSourcePtr m_source;
     std::size_t m_nextLook = 0;  // of the series after a write to a log
     std::int64_t m_due = -1;     // monotonic microseconds of the next look, -1 for none
