@@ -3,24 +3,23 @@
 
 namespace base {
 
-/// The waits between attempts at something that fails: each twice as long as the one before.
+/// The waits between attempts at something that fails: 100 ms, then doubling up to 30 s.
 class Backoff {
 public:
-    Backoff(unsigned firstMs, unsigned longestMs) : m_firstMs(firstMs), m_longestMs(longestMs) {}
-
     /// The wait before the next attempt, in milliseconds.
     [[nodiscard]] unsigned Next() {
         const unsigned now = m_nextMs;
-        m_nextMs = std::min(2 * m_nextMs, m_longestMs);
+        m_nextMs = std::min(2 * m_nextMs, kLongestMs);
         return now;
     }
     /// Call when an attempt succeeded.
-    void Reset() { m_nextMs = m_firstMs; }
+    void Reset() { m_nextMs = kFirstMs; }
 
 private:
-    unsigned m_firstMs;
-    unsigned m_longestMs;
-    unsigned m_nextMs = m_firstMs;
+    static constexpr unsigned kFirstMs = 100;
+    static constexpr unsigned kLongestMs = 30000;
+
+    unsigned m_nextMs = kFirstMs;
 };
 
 }  // namespace base

@@ -3,12 +3,6 @@
 #include <utility>
 
 namespace base {
-namespace {
-
-constexpr unsigned kFirstRetryMs = 100;
-constexpr unsigned kLongestRetryMs = 30000;
-
-}  // namespace
 
 GStringPtr BusAddress(GBusType bus, GErrorPtr& error) {
     return GStringPtr(g_dbus_address_get_for_bus_sync(bus, nullptr, OutError(error)));
@@ -19,7 +13,6 @@ BusLink::BusLink(GBusType bus, Callbacks callbacks)
       m_callbacks(std::move(callbacks)),
       m_context(g_main_context_ref_thread_default()),
       m_cancellable(g_cancellable_new()),
-      m_backoff(kFirstRetryMs, kLongestRetryMs),
       m_handle(this) {
     Connect();
 }

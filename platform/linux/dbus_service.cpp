@@ -1,6 +1,5 @@
 #include "dbus_service.h"
 
-#include <algorithm>
 #include <memory>
 #include <utility>
 
@@ -9,96 +8,37 @@
 
 namespace platform {
 
-namespace {
-
-constexpr unsigned kFirstRetryMs = 100;
-constexpr unsigned kLongestRetryMs = 30000;
-constexpr auto kConnectionFlags = static_cast<GDBusConnectionFlags>(
-    G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
-
-base::GStringPtr SystemBusAddress(base::GErrorPtr& error) {
-    return base::GStringPtr(
-        g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, base::OutError(error)));
-}
-
-}  // namespace
-
 base::GObjectPtr<GDBusConnection> ConnectSystemBus(base::GErrorPtr& error) {
-    const base::GStringPtr address = SystemBusAddress(error);
+    const base::GStringPtr address = base::BusAddress(G_BUS_TYPE_SYSTEM, error);
     if (address == nullptr) {
         return nullptr;
     }
-    // A connection of its own: the shared one of the process may be tied to a bus that is gone.
     return base::GObjectPtr<GDBusConnection>(g_dbus_connection_new_for_address_sync(
-        address.get(), kConnectionFlags, nullptr, nullptr, base::OutError(error)));
+        address.get(), base::kBusConnectionFlags, nullptr, nullptr, base::OutError(error)));
 }
 
 SystemService::SystemService(Description description, Handlers handlers)
     : m_description(std::move(description)),
       m_handlers(std::move(handlers)),
       m_context(g_main_context_ref_thread_default()),
-      m_retryDelay(kFirstRetryMs) {
-    Connect();
-}
+      m_link(G_BUS_TYPE_SYSTEM,
+             {[this] { OnConnected(); },
+              [this](const char* reason) { Guarded("system bus", [&] { OnLost(reason); }); },
+              [this](const char* reason) { Report(State::NoBus, reason); }}) {}
 
 SystemService::~SystemService() {
     m_closing = true;
-    m_retry.Cancel();
-    DropConnection();
-    if (m_cancellable != nullptr) {
-        g_cancellable_cancel(m_cancellable.get());
-    }
+    LeaveBus();
     // GLib still holds the data of these; cancelled as they are, they end without waiting for anybody.
     while (m_pending > 0) {
         g_main_context_iteration(m_context.get(), TRUE);
     }
 }
 
-void SystemService::Connect() {
-    base::GErrorPtr error;
-    const base::GStringPtr address = SystemBusAddress(error);
-    if (address == nullptr) {
-        LoseBus(base::ErrorText(error.get()));
-        return;
-    }
-    m_cancellable.reset(g_cancellable_new());
-    ++m_pending;
-    g_dbus_connection_new_for_address(address.get(), kConnectionFlags, nullptr, m_cancellable.get(),
-                                      ConnectedCb, this);
-}
-
-void SystemService::ConnectedCb(GObject* /*source*/, GAsyncResult* result, gpointer data) {
-    auto* self = static_cast<SystemService*>(data);
-    base::GErrorPtr error;
-    base::GObjectPtr<GDBusConnection> connection(
-        g_dbus_connection_new_for_address_finish(result, base::OutError(error)));
-    --self->m_pending;
-    if (!self->m_closing) {
-        Guarded("system bus", [&] { self->OnConnected(std::move(connection), error.get()); });
-    }
-}
-
-void SystemService::OnConnected(base::GObjectPtr<GDBusConnection> connection, const GError* error) {
-    if (connection == nullptr) {
-        LoseBus(base::ErrorText(error));
-        return;
-    }
-    m_connection = std::move(connection);
-    g_dbus_connection_set_exit_on_close(m_connection.get(), FALSE);
-    m_closedHandler = g_signal_connect(m_connection.get(), "closed", G_CALLBACK(ClosedCb), this);
-    if (g_dbus_connection_is_closed(m_connection.get()) != FALSE) {
-        LoseBus("closed while connecting");
-        return;
-    }
+void SystemService::OnConnected() {
     m_nameWatch =
-        g_bus_watch_name_on_connection(m_connection.get(), m_description.busName.c_str(),
+        g_bus_watch_name_on_connection(m_link.Connection(), m_description.busName.c_str(),
                                        G_BUS_NAME_WATCHER_FLAGS_NONE, AppearedCb, VanishedCb, this, nullptr);
-}
-
-void SystemService::ClosedCb(GDBusConnection* /*connection*/, gboolean /*vanished*/, GError* error,
-                             gpointer data) {
-    auto* self = static_cast<SystemService*>(data);
-    Guarded("system bus", [&] { self->LoseBus(error != nullptr ? error->message : "connection closed"); });
 }
 
 void SystemService::AppearedCb(GDBusConnection* /*connection*/, const char* /*name*/, const char* owner,
@@ -107,14 +47,14 @@ void SystemService::AppearedCb(GDBusConnection* /*connection*/, const char* /*na
 }
 
 void SystemService::VanishedCb(GDBusConnection* connection, const char* /*name*/, gpointer data) {
-    // Without a connection it is the bus that went; ClosedCb sees to that.
+    // Without a connection it is the bus that went; the link sees to that.
     if (connection != nullptr) {
         Guarded("system bus", [&] { static_cast<SystemService*>(data)->OnVanished(); });
     }
 }
 
 void SystemService::OnAppeared(const char* owner) {
-    m_retryDelay = kFirstRetryMs;
+    m_link.Confirm();
     DropService();
     m_owner = owner;
     m_cancellable.reset(g_cancellable_new());
@@ -123,17 +63,14 @@ void SystemService::OnAppeared(const char* owner) {
 }
 
 void SystemService::OnVanished() {
-    m_retryDelay = kFirstRetryMs;
+    m_link.Confirm();
     Report(State::NoService, "");
     DropService();
 }
 
-void SystemService::LoseBus(const char* reason) {
+void SystemService::OnLost(const char* reason) {
     Report(State::NoBus, reason);
-    DropService();
-    DropConnection();
-    m_retry.Set(m_context.get(), m_retryDelay, [this] { Connect(); });
-    m_retryDelay = std::min(m_retryDelay * 2, kLongestRetryMs);
+    LeaveBus();
 }
 
 void SystemService::DropService() {
@@ -141,7 +78,7 @@ void SystemService::DropService() {
         return;
     }
     for (const Subscription& subscription : m_subscriptions) {
-        g_dbus_connection_signal_unsubscribe(m_connection.get(), subscription.id);
+        g_dbus_connection_signal_unsubscribe(m_link.Connection(), subscription.id);
     }
     m_subscriptions.clear();
     ++m_generation;
@@ -152,14 +89,10 @@ void SystemService::DropService() {
     }
 }
 
-void SystemService::DropConnection() {
+void SystemService::LeaveBus() {
     DropService();
     if (m_nameWatch != 0) {
         g_bus_unwatch_name(std::exchange(m_nameWatch, 0));
-    }
-    if (m_connection != nullptr) {
-        g_signal_handler_disconnect(m_connection.get(), m_closedHandler);
-        m_connection.reset();
     }
 }
 
@@ -189,8 +122,8 @@ void SystemService::Subscribe(const Signal& signal, SignalFunction function) {
     m_subscriptions.push_back({0, std::move(function)});
     Subscription& subscription = m_subscriptions.back();
     subscription.id = g_dbus_connection_signal_subscribe(
-        m_connection.get(), m_owner.c_str(), signal.interface, signal.name, signal.path, signal.firstArgument,
-        G_DBUS_SIGNAL_FLAGS_NONE, SignalCb, &subscription, nullptr);
+        m_link.Connection(), m_owner.c_str(), signal.interface, signal.name, signal.path,
+        signal.firstArgument, G_DBUS_SIGNAL_FLAGS_NONE, SignalCb, &subscription, nullptr);
 }
 
 void SystemService::SignalCb(GDBusConnection* /*connection*/, const char* /*sender*/, const char* path,
@@ -203,7 +136,7 @@ void SystemService::Call(const Method& method, GVariant* arguments, const char* 
                          ReplyFunction function) {
     auto pending = std::make_unique<PendingCall>(PendingCall{this, m_generation, std::move(function)});
     ++m_pending;
-    g_dbus_connection_call_with_unix_fd_list(m_connection.get(), m_owner.c_str(), method.path,
+    g_dbus_connection_call_with_unix_fd_list(m_link.Connection(), m_owner.c_str(), method.path,
                                              method.interface, method.name, arguments,
                                              G_VARIANT_TYPE(replyType), G_DBUS_CALL_FLAGS_NO_AUTO_START, -1,
                                              nullptr, m_cancellable.get(), ReplyCb, pending.release());

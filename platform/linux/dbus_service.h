@@ -8,8 +8,8 @@
 #include <list>
 #include <string>
 
+#include "base/bus_link.h"
 #include "base/glib_handles.h"
-#include "context_thread.h"
 
 namespace platform {
 
@@ -82,39 +82,32 @@ private:
         ReplyFunction function;
     };
 
-    static void ConnectedCb(GObject* source, GAsyncResult* result, gpointer data);
-    static void ClosedCb(GDBusConnection* connection, gboolean vanished, GError* error, gpointer data);
     static void AppearedCb(GDBusConnection* connection, const char* name, const char* owner, gpointer data);
     static void VanishedCb(GDBusConnection* connection, const char* name, gpointer data);
     static void SignalCb(GDBusConnection* connection, const char* sender, const char* path,
                          const char* interface, const char* name, GVariant* parameters, gpointer data);
     static void ReplyCb(GObject* source, GAsyncResult* result, gpointer data);
 
-    void Connect();
-    void OnConnected(base::GObjectPtr<GDBusConnection> connection, const GError* error);
+    void OnConnected();
     void OnAppeared(const char* owner);
     void OnVanished();
-    void LoseBus(const char* reason);
+    void OnLost(const char* reason);
     void DropService();
-    void DropConnection();
+    void LeaveBus();
     void Report(State state, const char* detail);
 
     const Description m_description;
     const Handlers m_handlers;
     base::GMainContextPtr m_context;
-    base::GObjectPtr<GDBusConnection> m_connection;
-    base::GObjectPtr<GCancellable>
-        m_cancellable;  ///< of the calls of one life of the service, or of connecting
-    ContextTimer m_retry;
-    unsigned m_retryDelay;  ///< milliseconds
+    base::GObjectPtr<GCancellable> m_cancellable;  ///< of the calls of one life of the service
     guint m_nameWatch = 0;
-    gulong m_closedHandler = 0;
     std::string m_owner;  ///< unique name of the service; empty while it is missing
     std::list<Subscription> m_subscriptions;
     std::uint64_t m_generation = 0;  ///< counts the lives of the service
-    unsigned m_pending = 0;          ///< replies and connections that GLib still owes
+    unsigned m_pending = 0;          ///< replies that GLib still owes
     State m_state = State::Unknown;
     bool m_closing = false;
+    base::BusLink m_link;  ///< last: an attempt that fails at once is reported while it is made
 };
 
 }  // namespace platform

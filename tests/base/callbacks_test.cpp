@@ -29,7 +29,7 @@ TEST(CatchAllTest, ReportsAnExceptionAndReturnsZero) {
 }
 
 TEST(BackoffTest, DoublesUpToTheLongestWaitAndBeginsAgainAfterASuccess) {
-    base::Backoff backoff(100, 30000);
+    base::Backoff backoff;
     const std::vector<unsigned> expected = {100, 200, 400, 800, 1600, 3200, 6400, 12800, 25600, 30000, 30000};
     std::vector<unsigned> waits(expected.size());
     for (unsigned& wait : waits) {

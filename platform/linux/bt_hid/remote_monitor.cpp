@@ -1,6 +1,5 @@
 #include "bt_hid/remote_monitor.h"
 
-#include <algorithm>
 #include <utility>
 
 #include "platform_log.h"
@@ -12,9 +11,6 @@ namespace {
 constexpr const char* kDevice = "org.bluez.Device1";
 constexpr const char* kObjectManager = "org.freedesktop.DBus.ObjectManager";
 constexpr const char* kProperties = "org.freedesktop.DBus.Properties";
-
-constexpr unsigned kFirstRetryMs = 100;
-constexpr unsigned kLastRetryMs = 30000;
 
 /// The properties of the device among an object's interfaces (a{sa{sv}}); null when it is no device.
 base::GVariantPtr DeviceProperties(GVariant* interfaces) {
@@ -40,7 +36,7 @@ void RemoteMonitor::OnAppeared() {
     m_service.Subscribe(
         {nullptr, kProperties, "PropertiesChanged", kDevice},
         [this](const char* path, GVariant* parameters) { OnPropertiesChanged(path, parameters); });
-    m_retryDelayMs = kFirstRetryMs;
+    m_backoff.Reset();
     AskForDevices();
 }
 
@@ -51,8 +47,7 @@ void RemoteMonitor::AskForDevices() {
 
 void RemoteMonitor::AskAgainLater() {
     const base::GMainContextPtr context(g_main_context_ref_thread_default());
-    m_retry.Set(context.get(), m_retryDelayMs, [this] { AskForDevices(); });
-    m_retryDelayMs = std::min(2 * m_retryDelayMs, kLastRetryMs);
+    m_retry.Set(context.get(), m_backoff.Next(), [this] { AskForDevices(); });
 }
 
 void RemoteMonitor::OnObjects(const SystemService::Reply& reply) {

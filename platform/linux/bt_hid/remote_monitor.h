@@ -5,7 +5,9 @@
 #include <string>
 #include <vector>
 
+#include "base/backoff.h"
 #include "bt_hid/bluetooth_device.h"
+#include "context_thread.h"
 #include "dbus_service.h"
 #include "once_logged.h"
 
@@ -50,8 +52,8 @@ private:
     Devices m_devices;
     OnceLogged m_listing;
     ContextTimer m_retry;
-    unsigned m_retryDelayMs = 0;  ///< until the next time it is asked; doubles
-    SystemService m_service;      ///< last, so that it stops before what its functions use goes
+    base::Backoff m_backoff;
+    SystemService m_service;  ///< last, so that it stops before what its functions use goes
 };
 
 }  // namespace platform
