@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -11,10 +12,10 @@
 #include <string>
 #include <utility>
 
+#include "base/process.h"
 #include "base/unique_fd.h"
 #include "device_path.h"
 #include "display_capture/capture_tools.h"
-#include "display_capture/run_command.h"
 #include "platform_log.h"
 
 namespace platform {
@@ -76,11 +77,36 @@ bool IsValid(const dc_capture_request* request) {
            request->quality <= 100;
 }
 
+base::ProcessEnd RunQuietly(const Command& words, const std::string& folder) {
+    base::Command command;
+    command.words = words;
+    command.folder = folder;
+    command.isQuiet = true;
+    command.timeoutMs = kToolTimeoutMs;
+    return base::RunProcess(command);
+}
+
+/// Empty for a program that ended well.
+std::string Failure(const base::ProcessEnd& end) {
+    if (end.error == std::errc::timed_out) {
+        return "did not end";
+    }
+    if (end.error) {
+        return end.error.message();
+    }
+    if (end.status == 0) {
+        return "";
+    }
+    return WIFEXITED(end.status) ? "status " + std::to_string(WEXITSTATUS(end.status))
+                                 : "signal " + std::to_string(WTERMSIG(end.status));
+}
+
 bool Run(const CaptureWay& way, const std::string& folder) {
     for (const Command& command : way.commands) {
-        std::string failure;
-        if (!RunCommand(command, folder, kToolTimeoutMs, failure)) {
-            PLATFORM_LOG(WARN, "capture with %s failed: %s", way.tool.c_str(), failure.c_str());
+        const std::string failure = Failure(RunQuietly(command, folder));
+        if (!failure.empty()) {
+            PLATFORM_LOG(WARN, "capture with %s failed: %s: %s", way.tool.c_str(), command[0].c_str(),
+                         failure.c_str());
             return false;
         }
     }
