@@ -7,7 +7,6 @@ pkg_check_modules(GLIB REQUIRED IMPORTED_TARGET glib-2.0 gobject-2.0 gio-2.0 gio
 pkg_check_modules(JSONCPP REQUIRED IMPORTED_TARGET jsoncpp)
 pkg_check_modules(SQLITE REQUIRED IMPORTED_TARGET sqlite3)
 if(ZOL_PLATFORM STREQUAL "linux")
-    find_package(spdlog REQUIRED)
     pkg_check_modules(EVDEV REQUIRED IMPORTED_TARGET libevdev)
     pkg_check_modules(LIBNOTIFY REQUIRED IMPORTED_TARGET libnotify)
     pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)

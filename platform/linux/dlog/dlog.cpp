@@ -1,16 +1,16 @@
 #include "dlog.h"
 
-#include <spdlog/details/log_msg.h>
-#include <spdlog/sinks/stdout_sinks.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <ctime>
 #include <memory>
 #include <string>
 
+#include "base/exception_wall.h"
 #include "device_path.h"
 #include "device_paths.h"
 #include "dlog/log_sinks.h"
@@ -19,13 +19,11 @@ namespace {
 
 constexpr const char* kJournalSocket = "/run/systemd/journal/socket";
 
-using SinkPtr = std::shared_ptr<spdlog::sinks::sink>;
-
 /// Where the lines go. Chosen once.
 struct Outputs {
-    SinkPtr main;
-    SinkPtr system;
-    SinkPtr terminal;  ///< null when the standard error is no terminal
+    std::unique_ptr<dlog::Sink> main;
+    std::unique_ptr<dlog::Sink> system;
+    std::unique_ptr<dlog::Sink> terminal;  ///< null when the standard error is no terminal
 };
 
 Outputs Choose() {
@@ -33,15 +31,14 @@ Outputs Choose() {
     const bool hasRoot = folder != ZOL_PATH_LOG_DIR;
     Outputs outputs;
     if (!hasRoot && access(kJournalSocket, F_OK) == 0) {
-        outputs.main = std::make_shared<dlog::JournalSink>("main");
-        outputs.system = std::make_shared<dlog::JournalSink>("system");
+        outputs.main = std::make_unique<dlog::JournalSink>("main");
+        outputs.system = std::make_unique<dlog::JournalSink>("system");
     } else {
-        outputs.main = std::make_shared<dlog::FileSink>(folder + "/main.log");
-        outputs.system = std::make_shared<dlog::FileSink>(folder + "/system.log");
+        outputs.main = std::make_unique<dlog::FileSink>(folder + "/main.log");
+        outputs.system = std::make_unique<dlog::FileSink>(folder + "/system.log");
     }
     if (isatty(STDERR_FILENO) != 0) {
-        outputs.terminal = std::make_shared<spdlog::sinks::stderr_sink_mt>();
-        outputs.terminal->set_formatter(std::make_unique<dlog::LineFormatter>());
+        outputs.terminal = std::make_unique<dlog::TerminalSink>();
     }
     return outputs;
 }
@@ -52,10 +49,8 @@ Outputs& The() {
     return *outputs;
 }
 
-spdlog::level::level_enum Level(int priority) {
-    const int known =
-        std::clamp(priority, static_cast<int>(DLOG_PRIORITY_VERBOSE), static_cast<int>(DLOG_PRIORITY_FATAL));
-    return static_cast<spdlog::level::level_enum>(known - DLOG_PRIORITY_VERBOSE);
+int Level(int priority) {
+    return std::clamp<int>(priority, DLOG_PRIORITY_VERBOSE, DLOG_PRIORITY_FATAL) - DLOG_PRIORITY_VERBOSE;
 }
 
 void Emit(int buffer, int priority, const char* tag, const char* format, va_list arguments) {
@@ -68,11 +63,12 @@ void Emit(int buffer, int priority, const char* tag, const char* format, va_list
         --length;
     }
     Outputs& outputs = The();
-    const spdlog::details::log_msg line(spdlog::string_view_t(tag != nullptr ? tag : ""), Level(priority),
-                                        spdlog::string_view_t(message.data(), length));
-    (buffer == DLOG_BUFFER_SYSTEM ? outputs.system : outputs.main)->log(line);
+    dlog::Message line{Level(priority), tag != nullptr ? tag : "", {message.data(), length}, {}, getpid(),
+                       gettid()};
+    clock_gettime(CLOCK_REALTIME, &line.time);
+    (buffer == DLOG_BUFFER_SYSTEM ? outputs.system : outputs.main)->Write(line);
     if (outputs.terminal != nullptr) {
-        outputs.terminal->log(line);
+        outputs.terminal->Write(line);
     }
 }
 
@@ -83,11 +79,8 @@ extern "C" {
 void dlog_vemit(int buffer, int priority, const char* tag, const char* format, va_list arguments) {
     // Whoever logs an error may still want to look at it.
     const int error = errno;
-    try {
-        Emit(buffer, priority, tag, format, arguments);
-    } catch (...) {
-        std::fputs("a log line was lost\n", stderr);
-    }
+    base::CatchAll([&] { Emit(buffer, priority, tag, format, arguments); },
+                   [](const char* /*why*/) { std::fputs("a log line was lost\n", stderr); });
     errno = error;
 }
 

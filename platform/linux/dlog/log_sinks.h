@@ -1,66 +1,91 @@
 #pragma once
-#include <spdlog/formatter.h>
-#include <spdlog/sinks/base_sink.h>
+#include <sys/types.h>
 
 #include <cstddef>
 #include <ctime>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
 
-#include "dlog/log_file.h"
+#include "base/rotating_file.h"
 
 namespace dlog {
 
 /// Bytes of the longest message, the ending zero included.
 constexpr std::size_t kMaxMessage = 4096;
 
-/// Letter of a priority, kept in spdlog's levels trace to critical: V D I W E F.
-char PriorityLetter(spdlog::level::level_enum level);
+/// One message of one thread.
+struct Message {
+    int level;  ///< 0 for verbose to 5 for fatal
+    std::string_view tag;
+    std::string_view text;
+    timespec time;
+    pid_t process;
+    pid_t thread;
+};
 
-/// Appends the text so that it stays on its line: control characters become visible escapes.
-void AppendVisible(std::string_view text, spdlog::memory_buf_t& out);
-
-/// "<date time> <P>/<TAG>(<pid>:<tid>): <message>" in local time with milliseconds. The tag is the message's
-/// logger name. Each sink has its own, guarded by the sink's lock.
-class LineFormatter : public spdlog::formatter {
+/// Where messages go. Any thread.
+class Sink {
 public:
-    void format(const spdlog::details::log_msg& message, spdlog::memory_buf_t& out) override;
-    std::unique_ptr<spdlog::formatter> clone() const override;
+    Sink() = default;
+    virtual ~Sink() = default;
+    Sink(const Sink&) = delete;
+    Sink& operator=(const Sink&) = delete;
+
+    virtual void Write(const Message& message) = 0;
+};
+
+/// Makes lines: "<date time> <P>/<TAG>(<pid>:<tid>): <message>" in local time with milliseconds. Control
+/// characters become visible escapes, so that a message stays on its line. Not thread-safe.
+class LineFormatter {
+public:
+    LineFormatter();
+    /// The line with its end; valid until the next call. Needs no memory but for one with many escapes.
+    std::string_view Format(const Message& message);
 
 private:
+    void AppendVisible(std::string_view text);
+
     std::time_t m_second = -1;  // that m_stamp shows
     std::string m_stamp;
+    std::string m_line;
 };
 
 /// Writes lines to a file, each at once.
-class FileSink : public spdlog::sinks::base_sink<std::mutex> {
+class FileSink : public Sink {
 public:
+    /// @param path host path, ends in ".log"
     explicit FileSink(const std::string& path);
-
-protected:
-    void sink_it_(const spdlog::details::log_msg& message) override;
-    void flush_() override {}
+    void Write(const Message& message) override;
 
 private:
-    LogFile m_file;
-    spdlog::memory_buf_t m_line;  // kept, as are those below, so that no line needs memory
+    std::mutex m_mutex;  // guards what follows
+    LineFormatter m_formatter;
+    base::RotatingFile m_file;
+};
+
+/// Writes lines to the standard error.
+class TerminalSink : public Sink {
+public:
+    void Write(const Message& message) override;
+
+private:
+    std::mutex m_mutex;  // guards what follows
+    LineFormatter m_formatter;
 };
 
 /// Sends messages to the journal: the tag as SYSLOG_IDENTIFIER, the buffer's name as DLOG_BUFFER, the
 /// priority's letter as DLOG_PRIORITY.
-class JournalSink : public spdlog::sinks::base_sink<std::mutex> {
+class JournalSink : public Sink {
 public:
     explicit JournalSink(const char* bufferName);
-
-protected:
-    void sink_it_(const spdlog::details::log_msg& message) override;
-    void flush_() override {}
+    void Write(const Message& message) override;
 
 private:
-    const char* const m_bufferName;
-    spdlog::memory_buf_t m_message;
+    const std::string m_buffer;
+    std::mutex m_mutex;  // guards what follows
+    std::string m_text;
+    std::string m_tag;
 };
 
 }  // namespace dlog

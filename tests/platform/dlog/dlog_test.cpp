@@ -14,7 +14,6 @@
 
 #include "allocation_count.h"
 #include "child_process.h"
-#include "dlog/log_file.h"
 #include "temp_folder.h"
 
 namespace fs = std::filesystem;
@@ -178,44 +177,6 @@ TEST_F(LogLine, IsDroppedWhenTheFolderCannotBeMade) {
     Process writer("log-many", {"100", "text"}, root.Path());
     EXPECT_EQ(writer.ReadLine(), "done");
     EXPECT_EQ(writer.Wait(), 0);
-}
-
-class LogFileTurnover : public testing::Test {
-protected:
-    std::string Path(const std::string& name) const { return m_folder.Path() + "/" + name; }
-
-    TempFolder m_folder;
-};
-
-TEST_F(LogFileTurnover, KeepsTwoOldFiles) {
-    dlog::LogFile file(Path("main.log"), 10);
-    for (const char* line : {"first line\n", "second line\n", "third line\n", "fourth line\n"}) {
-        file.Write(line);
-    }
-    EXPECT_EQ(Lines(Path("main.log")), std::vector<std::string>{"fourth line"});
-    EXPECT_EQ(Lines(Path("main.1.log")), std::vector<std::string>{"third line"});
-    EXPECT_EQ(Lines(Path("main.2.log")), std::vector<std::string>{"second line"});
-    EXPECT_FALSE(fs::exists(Path("main.3.log")));
-}
-
-TEST_F(LogFileTurnover, HappensOnceForAllWhoWrite) {
-    dlog::LogFile one(Path("main.log"), 10);
-    dlog::LogFile other(Path("main.log"), 10);
-    one.Write("a\n");
-    other.Write("first line\n");
-    one.Write("second line\n");
-    other.Write("third line\n");
-    EXPECT_EQ(Lines(Path("main.log")), std::vector<std::string>{"third line"});
-    EXPECT_EQ(Lines(Path("main.1.log")), std::vector<std::string>{"second line"});
-    EXPECT_EQ(Lines(Path("main.2.log")), (std::vector<std::string>{"a", "first line"}));
-}
-
-TEST_F(LogFileTurnover, ToleratesThatTheFileIsDeleted) {
-    dlog::LogFile file(Path("main.log"), 1000);
-    file.Write("lost\n");
-    fs::remove(Path("main.log"));
-    file.Write("kept\n");
-    EXPECT_EQ(Lines(Path("main.log")), std::vector<std::string>{"kept"});
 }
 
 }  // namespace

@@ -8,10 +8,10 @@
 #include <fstream>
 #include <string>
 
+#include "base/rotating_file.h"
 #include "base/unique_fd.h"
 #include "child_process.h"
 #include "dlog.h"
-#include "dlog/log_file.h"
 #include "platform_clock.h"
 #include "private_bus.h"
 #include "temp_folder.h"
@@ -52,6 +52,13 @@ protected:
     }
 
     std::string Folder() const { return m_folder.Path() + "/var/log/zol"; }
+
+    base::RotatingFile MainLog(std::int64_t maxBytes) const {
+        return {{m_folder.Path() + "/", Folder() + "/main.log"},
+                {maxBytes, 2},
+                platform_clock_steady_ns,
+                [](const char* what, const std::error_code& error) { FAIL() << what << error.message(); }};
+    }
 
     TempFolder m_folder;
 };
@@ -130,7 +137,7 @@ TEST_F(DlogUtil, ShowsWhatWasLoggedBetweenALookAtANewFolderAndItsWatch) {
 }
 
 TEST_F(DlogUtil, FollowsWhenTheFilesAreTurnedOver) {
-    dlog::LogFile file(Folder() + "/main.log", 100);
+    base::RotatingFile file = MainLog(100);
     const auto write = [&](int number) {
         file.Write("2026-01-31 12:00:00.000 I/A(1:2): line " + std::to_string(number) + "\n");
     };
@@ -145,7 +152,7 @@ TEST_F(DlogUtil, FollowsWhenTheFilesAreTurnedOver) {
 }
 
 TEST_F(DlogUtil, ReadsTheOldFilesFirst) {
-    dlog::LogFile file(Folder() + "/main.log", 1);
+    base::RotatingFile file = MainLog(1);
     for (const char* number : {"1", "2", "3"}) {
         file.Write(std::string("2026-01-31 12:00:00.000 I/A(1:2): ") + number + "\n");
     }
@@ -153,7 +160,7 @@ TEST_F(DlogUtil, ReadsTheOldFilesFirst) {
 }
 
 TEST_F(DlogUtil, LeavesOutWhatIsNoLogLine) {
-    dlog::LogFile file(Folder() + "/main.log", 10000);
+    base::RotatingFile file = MainLog(10000);
     file.Write(
         "\nrubbish\n2026-01-31 12:00:00.000 X/A(1:2): x\n2026-01-31 12:00:00.000 I/A(1:2)\n"
         "2026-01-31 12:00:00.000 I/A(1:2): (good): one\n2026-01-31 12:00:00.000 I/A(1:2): unfinished");

@@ -93,9 +93,7 @@ TestLine Line(int level, const char* tag, const char* text) {
 }
 
 void Write(const char* buffer, const TestLine& line) {
-    spdlog::details::log_msg message(line.tag, static_cast<spdlog::level::level_enum>(line.level), line.text);
-    message.thread_id = kThread;
-    dlog::JournalSink(buffer).log(message);
+    dlog::JournalSink(buffer).Write({line.level, line.tag, line.text, {}, kProcess, kThread});
 }
 
 /// What the sink of a buffer sends for a line.
