@@ -195,7 +195,7 @@ def test_a_damaged_store_is_set_aside_and_the_daemon_comes_up(machine):
 
     daemon = machine.start_daemon()
 
-    aside = [file for file in store.iterdir() if ".damaged-" in file.name]
+    aside = [file for file in store.iterdir() if file.name == "vconf.db.damaged"]
     assert len(aside) == 1 and aside[0].stat().st_size == 8208
     assert machine.get(RUNNING_KEY) == "false"
     wait_for(lambda: "damaged" in machine.log("main"), "a line about the damaged store")

@@ -7,8 +7,8 @@
 /// A new folder that goes with all it holds when this goes out of scope.
 class TempFolder {
 public:
-    TempFolder() {
-        m_path = (std::filesystem::temp_directory_path() / "zol-test-XXXXXX").string();
+    explicit TempFolder(const std::filesystem::path& parent = std::filesystem::temp_directory_path()) {
+        m_path = (parent / "zol-test-XXXXXX").string();
         if (mkdtemp(m_path.data()) == nullptr) {
             std::abort();
         }

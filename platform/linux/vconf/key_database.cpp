@@ -6,6 +6,7 @@
 #include <cstring>
 #include <utility>
 
+#include "base/set_aside.h"
 #include "platform_log.h"
 #include "vconf.h"
 
@@ -178,7 +179,7 @@ bool KeyDatabase::Perform(Access access, Operation operation) {
             }
         }
         if (IsDamage(code)) {
-            code = ReplaceDamaged(code);
+            code = ReplaceDamaged();
             if (code != SQLITE_OK && !Replaced()) {
                 break;
             }
@@ -320,13 +321,10 @@ int KeyDatabase::Create() {
     }
     if (m_files.HasLog()) {
         // A log without its database may hold values that somebody wants back.
-        const std::string name = m_files.SetAside();
-        if (name.empty()) {
-            return Fail(SQLITE_CANTOPEN,
-                        std::string("its left-over log cannot be moved: ") + std::strerror(errno));
+        const int code = SetAside("gone, its log is not");
+        if (code != SQLITE_OK) {
+            return code;
         }
-        PLATFORM_LOG(ERROR, "key store %s is gone, its log is not: set aside as %s-wal, a new one is begun",
-                     m_files.Database().c_str(), name.c_str());
     }
     return BuildNew();
 }
@@ -354,7 +352,7 @@ int KeyDatabase::BuildNew() {
 }
 
 /// SQLITE_OK when a sound database stands in place of the damaged one, whoever put it there.
-int KeyDatabase::ReplaceDamaged(int code) {
+int KeyDatabase::ReplaceDamaged() {
     const std::string reason = m_reason;
     const std::optional<FileIdentity> damaged = m_identity;
     Close();
@@ -366,13 +364,19 @@ int KeyDatabase::ReplaceDamaged(int code) {
     if (current && damaged && !current->SameFile(*damaged)) {
         return SQLITE_OK;
     }
-    const std::string name = m_files.SetAside();
-    if (name.empty()) {
-        return Fail(code, "damaged (" + reason + "), and cannot be set aside: " + std::strerror(errno));
+    const int result = SetAside("damaged (" + reason + ")");
+    return result == SQLITE_OK ? BuildNew() : result;
+}
+
+/// Clears the place for a new one, under the exclusive lock.
+int KeyDatabase::SetAside(const std::string& fault) {
+    const base::SetAsideResult result = base::SetAside(m_files.Database());
+    if (result.error) {
+        return Fail(SQLITE_CANTOPEN, fault + ", and cannot be set aside: " + result.error.message());
     }
-    PLATFORM_LOG(ERROR, "key store %s is damaged (%s): set aside as %s, a new one is begun",
-                 m_files.Database().c_str(), reason.c_str(), name.c_str());
-    return BuildNew();
+    PLATFORM_LOG(ERROR, "key store %s is %s: %s%s, a new one is begun", m_files.Database().c_str(),
+                 fault.c_str(), result.name.empty() ? "removed" : "set aside as ", result.name.c_str());
+    return SQLITE_OK;
 }
 
 int KeyDatabase::Fail(int code, const std::string& reason) {

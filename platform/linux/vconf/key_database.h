@@ -80,7 +80,8 @@ private:
     int PrepareAll();
     int Create();
     int BuildNew();
-    int ReplaceDamaged(int code);
+    int ReplaceDamaged();
+    int SetAside(const std::string& fault);
     int Fail(int code, const std::string& reason);
     void Close();
     bool IsFinal(Access access, int code) const;

@@ -9,10 +9,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <utility>
 
-#include "folders.h"
+#include "base/folders.h"
+#include "device_path.h"
 #include "platform_clock.h"
 
 namespace keystore {
@@ -24,7 +24,6 @@ constexpr const char* kLockName = "vconf.lock";
 constexpr mode_t kFileMode = 0660;
 // Files that a member of the group makes belong to the group.
 constexpr mode_t kFolderMode = S_ISGID | 0770;
-constexpr std::array<const char*, 2> kCompanions = {"-shm", "-wal"};
 constexpr std::uint64_t kLockPauseUs = 5000;
 
 gid_t GroupId() {
@@ -83,43 +82,6 @@ bool MakeFile(const std::string& path) {
     return false;
 }
 
-void SyncFolder(const std::string& folder) {
-    const base::UniqueFd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (fd) {
-        fsync(fd.Get());
-    }
-}
-
-bool Exists(const std::string& path) {
-    struct stat status {};
-    return lstat(path.c_str(), &status) == 0;
-}
-
-bool FreeName(const std::string& path) {
-    for (const char* companion : kCompanions) {
-        if (Exists(path + companion)) {
-            return false;
-        }
-    }
-    return !Exists(path);
-}
-
-std::string DamagedName(const std::string& database) {
-    platform_time_t now{};
-    platform_clock_realtime(&now);
-    const auto seconds = static_cast<time_t>(now.seconds);
-    tm utc{};
-    gmtime_r(&seconds, &utc);
-    std::array<char, 32> stamp;
-    const std::size_t length = strftime(stamp.data(), stamp.size(), "%Y%m%dT%H%M%SZ", &utc);
-    const std::string first = database + ".damaged-" + std::string(stamp.data(), length);
-    std::string name = first;
-    for (int n = 1; !FreeName(name); ++n) {
-        name = first + "-" + std::to_string(n);
-    }
-    return name;
-}
-
 }  // namespace
 
 StoreFiles::StoreFiles(std::string folder)
@@ -130,13 +92,19 @@ StoreFiles::StoreFiles(std::string folder)
       m_doorbell(m_folder + "/vconf.doorbell") {}
 
 bool StoreFiles::MakeFolder() const {
-    if (!platform::MakeParentFolders(m_folder)) {
+    const std::size_t slash = m_folder.rfind('/');
+    const std::string root = DevicePath("/");
+    const base::OpenedFolder parent = base::OpenFolder(root, m_folder.substr(0, slash), base::Make::All);
+    if (parent.error) {
+        errno = parent.error.value();
         return false;
     }
-    if (mkdir(m_folder.c_str(), kFolderMode & 0700) != 0) {
-        return platform::MakeFolder(m_folder);
+    const char* const name = m_folder.c_str() + slash + 1;
+    if (mkdirat(parent.fd.Get(), name, kFolderMode & 0700) != 0) {
+        errno = base::OpenFolder(root, m_folder, base::Make::Nothing).error.value();
+        return errno == 0;
     }
-    const base::UniqueFd fd(open(m_folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
+    const base::UniqueFd fd(openat(parent.fd.Get(), name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
     if (!fd) {
         return false;
     }
@@ -197,24 +165,9 @@ bool StoreFiles::CommitNew() const {
     if (rename(m_newDatabase.c_str(), m_database.c_str()) != 0) {
         return false;
     }
-    SyncFolder(m_folder);
-    return true;
-}
-
-std::string StoreFiles::SetAside() const {
-    std::string name = DamagedName(m_database);
-    // The database goes last: a power cut in between leaves a damaged one to find again, and never a
-    // foreign write-ahead log beside a new one.
-    for (const char* companion : kCompanions) {
-        if (rename((m_database + companion).c_str(), (name + companion).c_str()) != 0 && errno != ENOENT) {
-            return std::string();
-        }
-    }
-    if (rename(m_database.c_str(), name.c_str()) != 0 && errno != ENOENT) {
-        return std::string();
-    }
-    SyncFolder(m_folder);
-    return name;
+    const std::error_code error = base::SyncFolder(m_folder);
+    errno = error.value();
+    return !error;
 }
 
 void StoreFiles::RingDoorbell() const {

@@ -51,10 +51,6 @@ public:
     /// Gives NewDatabase(), which nobody has open, its name, content and name durably. False with errno.
     bool CommitNew() const;
 
-    /// Renames the database, or what is left of it, to "vconf.db.damaged-<UTC time>[-n]", its "-wal" and
-    /// "-shm" likewise. Needs the exclusive lock. The new name; empty with errno when it failed.
-    std::string SetAside() const;
-
     /// Wakes the watchers in every process. Writes nothing to the disk.
     void RingDoorbell() const;
 

@@ -9,7 +9,6 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -165,7 +164,7 @@ protected:
     /// Without their logs.
     std::vector<std::string> DamagedDatabases() {
         std::vector<std::string> paths;
-        for (const std::string& name : FilesNamed(".damaged-")) {
+        for (const std::string& name : FilesNamed(".damaged")) {
             if (name.find("-wal") == std::string::npos && name.find("-shm") == std::string::npos) {
                 paths.push_back(DurableFolder() + "/" + name);
             }
@@ -184,17 +183,14 @@ TEST_F(DamagedStore, IsSetAsideWholeAndANewOneIsBegun) {
     EXPECT_EQ(GetInt("db/k"), 4);
 }
 
-TEST_F(DamagedStore, KeepsEveryEarlierDamagedFile) {
+TEST_F(DamagedStore, KeepsTheNewestDamagedFileOnly) {
     fs::create_directories(DurableFolder());
     for (int round = 1; round <= 3; ++round) {
         Overwrite(Database(), kRubbish + std::to_string(round));
         EXPECT_EQ(InAnotherProcess({"int", "db/k", "4"}), "0\n");
     }
-    std::set<std::string> found;
-    for (const std::string& path : DamagedDatabases()) {
-        found.insert(Contents(path));
-    }
-    EXPECT_EQ(found.size(), 3U);
+    EXPECT_EQ(Contents(OnlyDamagedFile()), kRubbish + "3");
+    EXPECT_EQ(LogLines("is damaged"), 3);
 }
 
 TEST_F(DamagedStore, TakesItsLogAside) {
@@ -203,9 +199,7 @@ TEST_F(DamagedStore, TakesItsLogAside) {
     ASSERT_FALSE(log.empty());
     Overwrite(Database(), kRubbish);
     EXPECT_EQ(InAnotherProcess({"get", "db/k"}), "none\n");
-    const std::vector<std::string> logs = FilesNamed("Z-wal");
-    ASSERT_EQ(logs.size(), 1U);
-    EXPECT_EQ(Contents(DurableFolder() + "/" + logs[0]), log);
+    EXPECT_EQ(Contents(Database() + ".damaged-wal"), log);
 }
 
 TEST_F(DamagedStore, MayBeAnEmptyFileOrAForeignDatabase) {
@@ -243,7 +237,7 @@ TEST_F(DamagedStore, CutAtAnyPageIsReadOrSetAside) {
         Overwrite(Database(), whole.substr(0, length));
         EXPECT_TRUE(SetInt("db/k", 4)) << length;
         EXPECT_EQ(GetInt("db/k"), 4) << length;
-        EXPECT_FALSE(FilesNamed(".damaged-").empty()) << length;
+        EXPECT_FALSE(FilesNamed(".damaged").empty()) << length;
     }
 }
 
@@ -333,7 +327,7 @@ TEST_F(DamagedStore, IsNoticedWhileItIsInUse) {
     Heard heard;
     ASSERT_TRUE(Store().Watch("db/k", &Heard::Callback, &heard));
     Spoil(Database(), 4096);
-    for (int index = 1; index <= kKeys && FilesNamed(".damaged-").empty(); ++index) {
+    for (int index = 1; index <= kKeys && FilesNamed(".damaged").empty(); ++index) {
         GetInt("db/key" + std::to_string(index));
     }
     OnlyDamagedFile();
@@ -361,9 +355,7 @@ TEST_F(MissingStore, LeavesItsLogToBeSetAside) {
     const std::string log = Contents(Database() + "-wal");
     fs::remove(Database());
     EXPECT_EQ(InAnotherProcess({"int", "db/k", "2", "get", "db/k"}), "0\nint 2\n");
-    const std::vector<std::string> logs = FilesNamed("Z-wal");
-    ASSERT_EQ(logs.size(), 1U);
-    EXPECT_EQ(Contents(DurableFolder() + "/" + logs[0]), log);
+    EXPECT_EQ(Contents(Database() + ".damaged-wal"), log);
 }
 
 TEST_F(MissingStore, FailsAndLogsOnceWhenItsFolderCannotBeMade) {
@@ -379,6 +371,21 @@ TEST_F(MissingStore, FailsAndLogsOnceWhenItsFolderCannotBeMade) {
     EXPECT_EQ(LogLines(""), 1);
     EXPECT_TRUE(SetInt("db/k", 1));
     EXPECT_TRUE(Store().Watch("db/k", &Heard::Callback, &heard));
+}
+
+TEST_F(MissingStore, IsMadeBehindALinkOfTheImage) {
+    chmod(Root().c_str(), 0755);
+    fs::create_directory_symlink("opt/var", Root() + "/var");
+    EXPECT_EQ(InAnotherProcess({"int", "db/k", "2", "get", "db/k"}), "0\nint 2\n");
+    EXPECT_TRUE(fs::exists(Root() + "/opt/var/lib/zol/vconf/vconf.db"));
+}
+
+TEST_F(MissingStore, IsNotMadeBehindALinkThatAnybodyCanHavePlanted) {
+    chmod(Root().c_str(), 01777);
+    fs::create_directory(Root() + "/elsewhere");
+    fs::create_directory_symlink("elsewhere", Root() + "/var");
+    EXPECT_FALSE(SetInt("db/k", 2));
+    EXPECT_TRUE(fs::is_empty(Root() + "/elsewhere"));
 }
 
 /// Lets no file of this process grow over a size, as a full disk would.
@@ -411,7 +418,7 @@ TEST_F(StoreOnAFullDisk, KeepsTheOldValueAndWorksAgainLater) {
         EXPECT_FALSE(SetInt("db/k", 3));
         EXPECT_EQ(GetInt("db/k"), 1);
     }
-    EXPECT_TRUE(FilesNamed(".damaged-").empty());
+    EXPECT_TRUE(FilesNamed(".damaged").empty());
     EXPECT_TRUE(SetInt("db/k", 4));
     EXPECT_EQ(GetInt("db/k"), 4);
 }
@@ -425,7 +432,7 @@ TEST_F(StoreOnAFullDisk, IsNotHalfMade) {
     EXPECT_FALSE(fs::exists(Database()));
     EXPECT_TRUE(SetInt("db/k", 4));
     EXPECT_EQ(GetInt("db/k"), 4);
-    EXPECT_TRUE(FilesNamed(".damaged-").empty());
+    EXPECT_TRUE(FilesNamed(".damaged").empty());
 }
 
 }  // namespace

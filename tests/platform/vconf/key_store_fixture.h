@@ -52,7 +52,7 @@ protected:
     std::vector<std::string> FilesNamed(const std::string& text) const;
 
 private:
-    TempFolder m_folder;
+    TempFolder m_folder{std::getenv("ZOL_ROOT")};
     GMainContext* m_context;
     std::unique_ptr<keystore::KeyStore> m_store;
 };
