@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "base/glib_handles.h"
 #include "commands.h"
 #include "one_line.h"
 #include "vconf.h"
@@ -47,8 +48,7 @@ Value Read(const std::string& key) {
         value.type = VCONF_TYPE_INT;
     } else if (vconf_get_bool(key.c_str(), &value.number) == 0) {
         value.type = VCONF_TYPE_BOOL;
-    } else if (const std::unique_ptr<char, decltype(&std::free)> text{vconf_get_str(key.c_str()),
-                                                                      &std::free}) {
+    } else if (const base::MallocString text{vconf_get_str(key.c_str())}) {
         value.type = VCONF_TYPE_STRING;
         value.text = text.get();
     }
@@ -138,8 +138,7 @@ gboolean Quit(gpointer loop) {
 }
 
 int Watch(const std::vector<std::string>& keys) {
-    const std::unique_ptr<GMainLoop, decltype(&g_main_loop_unref)> loop{g_main_loop_new(nullptr, FALSE),
-                                                                        &g_main_loop_unref};
+    const base::GMainLoopPtr loop(g_main_loop_new(nullptr, FALSE));
     for (const std::string& key : keys) {
         if (vconf_notify_key_changed(key.c_str(), PrintChange, loop.get()) < 0) {
             return Fail("watch", key, errno);
