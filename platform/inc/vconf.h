@@ -5,8 +5,8 @@
 /// the set has returned; those under "memory/" last until power-off. A key holds one value of one type;
 /// setting it with another type changes its type. All functions may be called from any thread.
 ///
-/// A get, a set or a watch that fails says why in errno: ENOENT no such key, EINVAL a key of another type or not a valid
-/// key or value, EACCES the caller is not allowed to use the store, EIO anything else.
+/// A get, a set or a watch that fails says why in errno: ENOENT no such key, EINVAL a key of another type or
+/// not a valid key or value, EACCES the caller is not allowed to use the store, EIO anything else.
 
 #ifdef __cplusplus
 extern "C" {

@@ -36,7 +36,7 @@ private:
     const Handlers m_handlers;
     PowerDelay m_delay;
     std::weak_ptr<base::UniqueFd> m_givenDelay;  ///< of the latest announcement
-    unsigned m_limit;                      ///< milliseconds for which a delay may be held
+    unsigned m_limit;                            ///< milliseconds for which a delay may be held
     ContextTimer m_limitTimer;
     bool m_going = false;        ///< an announcement was made and not yet taken back
     bool m_toldRefusal = false;  ///< a refused lock has been logged

@@ -102,7 +102,7 @@ private:
     std::optional<FileIdentity> m_identity;  // of the file that the connection has open
     std::uint64_t m_generation = 0;
     bool m_faulty[ACCESS_COUNT] = {};
-    std::string m_reason;  // of the last failure
+    std::string m_reason;   // of the last failure
     bool m_denied = false;  // the last failure was one of permission
 };
 
