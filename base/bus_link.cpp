@@ -57,7 +57,6 @@ void BusLink::OnConnected(GObjectPtr<GDBusConnection> connection, const GError* 
         OnFailed(ErrorText(error));
         return;
     }
-    g_dbus_connection_set_exit_on_close(connection.get(), FALSE);
     if (g_dbus_connection_is_closed(connection.get()) != FALSE) {
         OnFailed("closed while connecting");
         return;

@@ -1,5 +1,6 @@
 #include "base/rotating_file.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "base/unique_fd.h"
 #include "temp_folder.h"
 
 namespace {
@@ -132,7 +134,10 @@ TEST_F(RotatingFile, DoesNotWriteOnIntoAPipeThatTookItsPlace) {
     file.Write("one\n");
     fs::remove(Path());
     ASSERT_EQ(mkfifo(Path().c_str(), 0644), 0);
+    const base::UniqueFd reader(open(Path().c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     file.Write("lost\n");
+    char byte = 0;
+    EXPECT_LE(read(reader.Get(), &byte, 1), 0);
     EXPECT_EQ(m_reports.size(), 1U);
 }
 
