@@ -3,12 +3,13 @@
 #include <libnotify/notify.h>
 
 #include <cstdlib>
+#include <memory>
 #include <mutex>
-#include <new>
 #include <set>
 #include <string>
 
 #include "base/glib_handles.h"
+#include "guarded.h"
 #include "once_logged.h"
 #include "platform_log.h"
 
@@ -85,7 +86,7 @@ void Prepare(notification_s& handle) {
                                  g_variant_new_boolean(stays ? FALSE : TRUE));
 }
 
-int Post(notification_s& handle) {
+[[nodiscard]] bool Post(notification_s& handle) {
     const std::lock_guard<std::mutex> lock(g_mutex);
     const base::GObjectPtr<GDBusConnection> bus = SessionBus();
     base::GErrorPtr error;
@@ -96,14 +97,14 @@ int Post(notification_s& handle) {
     }
     if (shown) {
         g_log.Succeeded();
-        return 0;
+        return true;
     }
     if (g_log.Failed()) {
         PLATFORM_LOG(WARN, "nobody shows notifications: %s",
                      bus == nullptr ? "no session bus" : base::ErrorText(error.get()));
     }
     StartAnew();
-    return -1;
+    return false;
 }
 
 }  // namespace
@@ -116,12 +117,12 @@ notification_h notification_create(int type) {
     if (type != NOTIFICATION_TYPE_PLAIN) {
         return nullptr;
     }
-    auto* const handle = new (std::nothrow) notification_s;
-    if (handle != nullptr) {
+    return platform::Guarded("notification_create", [] {
+        auto handle = std::make_unique<notification_s>();
         const std::lock_guard<std::mutex> lock(platform::g_mutex);
-        platform::g_handles.insert(handle);
-    }
-    return handle;
+        platform::g_handles.insert(handle.get());
+        return handle.release();
+    });
 }
 
 int notification_set_text(notification_h handle, int text_type, const char* text, const char* /*key*/,
@@ -129,14 +130,14 @@ int notification_set_text(notification_h handle, int text_type, const char* text
     if (handle == nullptr || text == nullptr || argument_type != NOTIFICATION_ARGUMENT_NONE) {
         return -1;
     }
-    if (text_type == NOTIFICATION_TEXT_TITLE) {
-        handle->title = text;
-    } else if (text_type == NOTIFICATION_TEXT_CONTENT) {
-        handle->content = text;
-    } else {
+    if (text_type != NOTIFICATION_TEXT_TITLE && text_type != NOTIFICATION_TEXT_CONTENT) {
         return -1;
     }
-    return 0;
+    const bool isSet = platform::Guarded("notification_set_text", [&] {
+        (text_type == NOTIFICATION_TEXT_TITLE ? handle->title : handle->content) = text;
+        return true;
+    });
+    return isSet ? 0 : -1;
 }
 
 int notification_set_display_applist(notification_h handle, int flags) {
@@ -160,7 +161,9 @@ int notification_set_expiry(notification_h handle, int milliseconds) {
 }
 
 int notification_post(notification_h handle) {
-    return handle != nullptr ? platform::Post(*handle) : -1;
+    const bool isShown =
+        handle != nullptr && platform::Guarded("notification_post", [&] { return platform::Post(*handle); });
+    return isShown ? 0 : -1;
 }
 
 void notification_free(notification_h handle) {
