@@ -90,7 +90,7 @@ def recorder(image):
 def test_no_storage_service_is_told_once_when_a_recording_is_wanted(image, recorder):
     recorder.udisks.stop()
     recorder.start()
-    lines = ["UDisks2 does not answer"]
+    lines = ["UDisks2 unavailable"]
     assert counts(image, lines) == [0]
 
     for turn in (1, 2):

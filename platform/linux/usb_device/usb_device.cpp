@@ -66,7 +66,7 @@ public:
                                         G_VARIANT_TYPE("(a{oa{sa{sv}}})"), G_DBUS_CALL_FLAGS_NONE,
                                         kCallTimeoutMs, nullptr, base::OutError(error)));
         if (reply == nullptr) {
-            return Fail(m_noAnswer, "UDisks2 does not answer", error.get());
+            return Fail(m_noAnswer, "UDisks2 unavailable", error.get());
         }
         m_noBus.Succeeded();
         m_noAnswer.Succeeded();
@@ -91,7 +91,7 @@ public:
 private:
     static int Fail(OnceLogged& fault, const char* what, const GError* error) {
         if (fault.Failed()) {
-            PLATFORM_LOG(WARN, "%s (%s): no USB storage until it does", what, base::ErrorText(error));
+            PLATFORM_LOG(WARN, "%s (%s): no USB storage, retrying when it is asked for", what, base::ErrorText(error));
         }
         return -1;
     }

@@ -163,7 +163,7 @@ TEST_F(UsbStick, WithoutTheServiceTheListFailsAndSaysSoOnce) {
     EXPECT_LT(usb_device_get_device_list(USB_DEVICE_MASS_STORAGE, &list), 0);
 
     EXPECT_EQ(list, nullptr);
-    EXPECT_EQ(log.Count("UDisks2 does not answer"), 1);
+    EXPECT_EQ(log.Count("UDisks2 unavailable"), 1);
     StartUDisks(Drive("A", 1));
     EXPECT_EQ(First(), nullptr);
 }
@@ -188,7 +188,7 @@ TEST_F(UsbStick, ABusThatComesBackWithoutTheServiceIsAnotherFault) {
     EXPECT_LT(usb_device_get_device_list(USB_DEVICE_MASS_STORAGE, &list), 0);
 
     EXPECT_EQ(log.Count("no system bus for UDisks2"), 1);
-    EXPECT_EQ(log.Count("UDisks2 does not answer"), 1);
+    EXPECT_EQ(log.Count("UDisks2 unavailable"), 1);
 }
 
 TEST_F(UsbStick, AFaultThatReturnsAfterASuccessIsToldAgain) {
