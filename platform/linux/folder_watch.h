@@ -40,7 +40,7 @@ public:
     FolderWatch& operator=(const FolderWatch&) = delete;
 
     /// Tells of the folders that are there already and begins. False when there is no inotify.
-    bool Start();
+    [[nodiscard]] bool Start();
     const std::string& Path(std::size_t folder) const { return m_folders[folder].path; }
     std::size_t Count() const { return m_folders.size(); }
 
@@ -59,7 +59,7 @@ private:
     void LoseWatch(int watch);
     void HandleEntry(int watch, const std::string& name, std::uint32_t mask);
     void Attach(std::size_t index);
-    bool AttachOnce(std::size_t index);
+    [[nodiscard]] bool AttachOnce(std::size_t index);
     void TellFailure(const std::string& path);
     bool IsWatched(int watch) const;
 

@@ -8,7 +8,7 @@ namespace platform {
 class OnceLogged {
 public:
     /// True for the first failure after a success.
-    bool Failed() { return !m_failing.exchange(true); }
+    [[nodiscard]] bool Failed() { return !m_failing.exchange(true); }
     void Succeeded() { m_failing = false; }
 
 private:

@@ -26,7 +26,7 @@ public:
     InputDevices(const std::string& folder, Handlers handlers);
     ~InputDevices();
     /// False when folders cannot be watched.
-    bool Start();
+    [[nodiscard]] bool Start();
 
 private:
     void Scan();

@@ -91,7 +91,8 @@ public:
 private:
     static int Fail(OnceLogged& fault, const char* what, const GError* error) {
         if (fault.Failed()) {
-            PLATFORM_LOG(WARN, "%s (%s): no USB storage, retrying when it is asked for", what, base::ErrorText(error));
+            PLATFORM_LOG(WARN, "%s (%s): no USB storage, retrying when it is asked for", what,
+                         base::ErrorText(error));
         }
         return -1;
     }
