@@ -54,6 +54,14 @@ public:
     }
 };
 
+class BreakableClock : public zol::TCShiftedClock {
+public:
+    std::int64_t GetCurrentTime() const override {
+        return isBroken ? throw std::out_of_range("no such year") : TCShiftedClock::GetCurrentTime();
+    }
+    std::atomic<bool> isBroken{false};
+};
+
 class PowerHooks : public testing::Test {
 protected:
     PowerHooks() {
@@ -82,7 +90,7 @@ protected:
 
     MainLoop m_mainLoop;
     testing::StrictMock<MockServer> m_server;
-    zol::TCShiftedClock m_clock;
+    BreakableClock m_clock;
     std::unique_ptr<zol::TCPolicyManager> m_manager;
     std::unique_ptr<ZOLPowerUtils> m_power;
 };
@@ -237,10 +245,20 @@ TEST_F(WakeUp, MakesTheTimeInStandbyTimeThatPassed) {
     fakes::clock::SetWall(5000);
 
     ASSERT_TRUE(fakes::device_power::WakeUp(DEVICE_POWER_STANDBY));
-    MainLoop::ServeAllThatWaits();
     FinishSchedulerPass();
 
-    EXPECT_EQ(m_clock.GetCurrentTime(), 5030);
+    EXPECT_EQ(m_clock.GetCurrentTime(), 5030) << "although the main context was not served";
+    EXPECT_FALSE(IsPrepared());
+}
+
+TEST_F(WakeUp, OfAClockThatCannotBeReadStillPreparesThePowerOn) {
+    Start();
+    m_clock.isBroken = true;
+    EXPECT_EQ(ZOLPowerUtils::m_PreWakeUpCallback(DEVICE_POWER_STANDBY, m_power.get()), 0);
+    m_clock.isBroken = false;
+
+    EXPECT_TRUE(fakes::dlog::Has("callback failed: no such year"));
+    EXPECT_TRUE(ServeUntil(IsPrepared));
 }
 
 TEST_F(WakeUp, WithoutItTheTimeInStandbyIsTakenOut) {

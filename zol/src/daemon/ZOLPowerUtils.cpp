@@ -1,9 +1,8 @@
 #include "ZOLPowerUtils.h"
 
-#include <boost/bind.hpp>
 #include <utility>
 
-#include "CallbackException.h"
+#include "ExceptionWall.h"
 #include "Log.h"
 #include "TCDebug.h"
 #include "ZOLPolicyManager.h"
@@ -41,7 +40,7 @@ void LogUnlessSubscribed(int result, const char* what) {
 }  // namespace
 
 ZOLPowerUtils::ZOLPowerUtils(TCPolicyManager* policyManager) : m_pPolicyManager(policyManager) {
-    m_powerThread = boost::thread(boost::bind(&ZOLPowerUtils::m_PowerOffThread, this));
+    m_powerThread = boost::thread([this] { m_PowerOffThread(); });
 }
 
 // NOLINTNEXTLINE(bugprone-exception-escape): a thread that joins itself is beyond help
@@ -106,56 +105,38 @@ void ZOLPowerUtils::m_QuitLoop() {
 }
 
 int ZOLPowerUtils::PowerOffCallback(int /*reason*/, void* data) {
-    ZOLPowerUtils* self = Validated(data, __LINE__);
-    if (self == nullptr) {
-        return 0;
-    }
-    try {
-        self->m_PowerOffCallback();
-    } catch (...) {
-        LogCallbackException(kLogModule);
+    if (ZOLPowerUtils* self = Validated(data, __LINE__)) {
+        CatchAll(kLogModule, [self] { self->m_PowerOffCallback(); });
     }
     return 0;
 }
 
 int ZOLPowerUtils::m_PreWakeUpCallback(int /*reason*/, void* data) {
-    if (Validated(data, __LINE__) != nullptr) {
+    if (const ZOLPowerUtils* self = Validated(data, __LINE__)) {
+        // At once: the scheduler's pass may end before the main context gets to the rest.
+        CatchAll(kLogModule, [self] { self->m_pPolicyManager->GetScheduler().SetLastWakeUpTime(); });
         g_main_context_invoke(nullptr, m_MainContextPreWakeUp, data);
     }
     return 0;
 }
 
 gboolean ZOLPowerUtils::m_MainContextPowerOff(void* data) {
-    ZOLPowerUtils* self = Validated(data, __LINE__);
-    if (self == nullptr) {
-        return G_SOURCE_REMOVE;
-    }
-    const HoldPtr hold = self->m_TakeHold();
-    try {
-        self->m_pPolicyManager->NotifyPowerOff();
-    } catch (...) {
-        LogCallbackException(kLogModule);
+    if (ZOLPowerUtils* self = Validated(data, __LINE__)) {
+        const HoldPtr hold = self->m_TakeHold();
+        CatchAll(kLogModule, [self] { self->m_pPolicyManager->NotifyPowerOff(); });
     }
     return G_SOURCE_REMOVE;
 }
 
 gboolean ZOLPowerUtils::m_MainContextPreWakeUp(void* data) {
-    const ZOLPowerUtils* self = Validated(data, __LINE__);
-    if (self == nullptr) {
-        return G_SOURCE_REMOVE;
-    }
-    try {
-        self->m_pPolicyManager->PreparePowerOn(false);
-        self->m_pPolicyManager->GetScheduler().SetLastWakeUpTime();
-    } catch (...) {
-        LogCallbackException(kLogModule);
+    if (const ZOLPowerUtils* self = Validated(data, __LINE__)) {
+        CatchAll(kLogModule, [self] { self->m_pPolicyManager->PreparePowerOn(false); });
     }
     return G_SOURCE_REMOVE;
 }
 
 gboolean ZOLPowerUtils::m_StopMainLoop(void* data) {
-    ZOLPowerUtils* self = Validated(data, __LINE__);
-    if (self != nullptr) {
+    if (ZOLPowerUtils* self = Validated(data, __LINE__)) {
         self->m_QuitLoop();
     }
     return G_SOURCE_REMOVE;

@@ -15,12 +15,11 @@ namespace zol {
 class TCPolicyManager;
 
 /// Owns a thread with a GLib context and loop of its own, on which power notifications arrive whatever the
-/// main loop is busy with. What they cause is handed to the default main context:
+/// main loop is busy with:
 ///
-///     power-off  TCPolicyManager::NotifyPowerOff
-///     wake-up    TCPolicyManager::PreparePowerOn(false), then TCScheduler::SetLastWakeUpTime, so that the
-///     time
-///                in standby counts as time that passed
+///     power-off  TCPolicyManager::NotifyPowerOff, on the default main context
+///     wake-up    TCScheduler::SetLastWakeUpTime, at once, so that the time in standby counts as time that
+///                passed; then TCPolicyManager::PreparePowerOn(false), on the default main context
 ///
 /// The device is held until NotifyPowerOff has returned, so that it does not go while clients still work.
 ///
