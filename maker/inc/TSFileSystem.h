@@ -4,8 +4,8 @@
 #include <string>
 
 struct TSFileSystem {
-    /// True when the path exists and is a regular file (a link to one counts).
-    static bool FileExists(const std::string& path);
+    /// True when the path exists, whatever it is (a link to nothing does not count).
+    static bool Exists(const std::string& path);
     /// True when the path exists and is a folder (a link to one counts).
     static bool FolderExists(const std::string& path);
     static bool RemoveFile(const std::string& path);

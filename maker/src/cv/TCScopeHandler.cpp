@@ -4,8 +4,8 @@
 #include <mutex>
 #include <utility>
 
-#include "MakerLog.h"
 #include "BoundedRing.h"
+#include "MakerLog.h"
 #include "TSFileSystem.h"
 #include "TrapFile.h"
 #include "cv/TCTrapPattern.h"
@@ -75,7 +75,7 @@ int TCScopeHandler::Reload() noexcept {
         MAKER_ERROR("no trap conditions: %s", error.what());
         count = -1;
     }
-    SetActive(count > 0 || TSFileSystem::FileExists(ZOL_PATH_DEBUG_MARKER));
+    SetActive(count > 0 || TSFileSystem::Exists(ZOL_PATH_DEBUG_MARKER));
     return count;
 }
 

@@ -50,11 +50,13 @@ bool Guarded(const char* what, const std::string& path, Operation operation) {
     }
 }
 
+constexpr mode_t kAnyType = 0;
+
 bool HasType(const std::string& path, mode_t type) {
     return Guarded("cannot look at", path, [&] {
         struct stat status {};
         if (stat(DevicePath(path).c_str(), &status) == 0) {
-            return (status.st_mode & S_IFMT) == type;
+            return type == kAnyType || (status.st_mode & S_IFMT) == type;
         }
         return errno == ENOENT || errno == ENOTDIR ? false : Fail("cannot look at", path, errno);
     });
@@ -196,8 +198,8 @@ std::string MappedWithoutSlash(const std::string& path) {
 
 }  // namespace
 
-bool TSFileSystem::FileExists(const std::string& path) {
-    return HasType(path, S_IFREG);
+bool TSFileSystem::Exists(const std::string& path) {
+    return HasType(path, kAnyType);
 }
 
 bool TSFileSystem::FolderExists(const std::string& path) {

@@ -207,9 +207,9 @@ TEST_F(Scope, ReloadDecidesByTheMarkersOfTheDevice) {
     EXPECT_EQ(LoadTraps("loud Source:Function 0 signed > 80\n"), 1);
     EXPECT_TRUE(cv::TCScopeHandler::IsActive());
 
-    fakes::WriteDeviceFile(ZOL_PATH_DEBUG_MARKER, "");
+    fakes::MakeDeviceFolder(ZOL_PATH_DEBUG_MARKER);
     EXPECT_EQ(LoadTraps(""), 0);
-    EXPECT_TRUE(cv::TCScopeHandler::IsActive());
+    EXPECT_TRUE(cv::TCScopeHandler::IsActive()) << "whatever the marker is";
 }
 
 TEST_F(Scope, SeveralThreadsRecordWhileTheRecordingIsSwitchedReloadedAndRead) {

@@ -31,15 +31,15 @@ protected:
     }
 };
 
-TEST_F(FileSystem, AFileExistsOnlyWhenItIsARegularFile) {
+TEST_F(FileSystem, APathExistsWhateverItIs) {
     fakes::WriteDeviceFile("/tmp/file", "x");
     fs::create_symlink(Host("/tmp/file"), Host("/tmp/link"));
 
-    EXPECT_TRUE(TSFileSystem::FileExists("/tmp/file"));
-    EXPECT_TRUE(TSFileSystem::FileExists("/tmp/link"));
-    EXPECT_FALSE(TSFileSystem::FileExists("/tmp"));
-    EXPECT_FALSE(TSFileSystem::FileExists("/tmp/missing"));
-    EXPECT_FALSE(TSFileSystem::FileExists("/tmp/file/below"));
+    EXPECT_TRUE(TSFileSystem::Exists("/tmp/file"));
+    EXPECT_TRUE(TSFileSystem::Exists("/tmp/link"));
+    EXPECT_TRUE(TSFileSystem::Exists("/tmp"));
+    EXPECT_FALSE(TSFileSystem::Exists("/tmp/missing"));
+    EXPECT_FALSE(TSFileSystem::Exists("/tmp/file/below"));
 }
 
 TEST_F(FileSystem, AFolderExistsOnlyWhenItIsAFolder) {
@@ -58,7 +58,7 @@ TEST_F(FileSystem, RemovingAFileRemovesALinkAndNotItsTarget) {
 
     EXPECT_TRUE(TSFileSystem::RemoveFile("/tmp/link"));
 
-    EXPECT_TRUE(TSFileSystem::FileExists("/tmp/file"));
+    EXPECT_TRUE(TSFileSystem::Exists("/tmp/file"));
     EXPECT_FALSE(fs::exists(fs::symlink_status(Host("/tmp/link"))));
 }
 
