@@ -1,10 +1,14 @@
 #pragma once
 /// The policy as the daemon holds it: plain values, copied freely.
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
 
 namespace zol {
+
+/// The longest policy text that is taken, stored or read back, in bytes: some ten thousand items.
+constexpr std::size_t kMaxPolicyBytes = std::size_t{16} * 1024 * 1024;
 
 /// How a vconf item compares the key's value. PolicyWords.h has the words.
 enum ECondition {

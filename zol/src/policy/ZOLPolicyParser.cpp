@@ -1,16 +1,12 @@
 #include "ZOLPolicyParser.h"
 
 #include <expat.h>
-#include <malloc.h>
 
-#include <algorithm>
-#include <cstdlib>
-#include <cstring>
-#include <memory>
-#include <type_traits>
+#include <array>
 #include <utility>
 
 #include "Log.h"
+#include "ParseBudget.h"
 #include "PolicyAttributes.h"
 #include "PolicyWords.h"
 
@@ -18,59 +14,6 @@ namespace zol {
 namespace {
 
 constexpr const char* kLogModule = "zol::TCPolicyParser";
-
-// What is read may take more memory than the text: defaulted attributes, which expat's own limit on expansion
-// does not count, items with few attributes or none, and elements inside elements. What each of them is
-// charged is one number, so that every machine takes the same policies.
-constexpr std::size_t kMaxRecordBytes = 2 * kMaxPolicyBytes;
-/// What an item takes beside its texts, rounded up.
-constexpr std::size_t kItemBytes = 160;
-/// What an attribute is charged beside its texts. Its memory is only lent while its element is read; the
-/// charge, which stays, bounds the work that defaulted attributes can make of small elements.
-constexpr std::size_t kAttributeBytes = 16;
-
-/// What expat keeps of an element for as long as it is open.
-std::size_t OpenElementBytes(const XML_Char* name) {
-    constexpr std::size_t kBesideTheName = 128;
-    return kBesideTheName + std::strlen(name);
-}
-
-// expat copies the text, keeps every name that it has met, and takes in all attributes of a tag before it
-// calls anybody. None of that can be charged, so what it allocates is bounded instead. Its functions get no
-// context; a parser lives and dies on one thread.
-constexpr std::size_t kMaxExpatBytes = 4 * kMaxPolicyBytes;
-thread_local std::size_t t_expatBytes = 0;
-
-void FreeForExpat(void* block) {
-    t_expatBytes -= malloc_usable_size(block);
-    std::free(block);
-}
-
-void* ReallocateForExpat(void* block, std::size_t size) {
-    const std::size_t others = t_expatBytes - malloc_usable_size(block);
-    if (size > kMaxExpatBytes - std::min(others, kMaxExpatBytes)) {
-        return nullptr;
-    }
-    void* moved = std::realloc(block, size);
-    if (moved != nullptr) {
-        t_expatBytes = others + malloc_usable_size(moved);
-    }
-    return moved;
-}
-
-void* AllocateForExpat(std::size_t size) {
-    return ReallocateForExpat(nullptr, size);
-}
-
-XML_Parser CreateParser() {
-    const XML_Memory_Handling_Suite bounded{&AllocateForExpat, &ReallocateForExpat, &FreeForExpat};
-    return XML_ParserCreate_MM(nullptr, &bounded, nullptr);
-}
-
-struct FreeParser {
-    void operator()(XML_Parser parser) const { XML_ParserFree(parser); }
-};
-using ParserPtr = std::unique_ptr<std::remove_pointer_t<XML_Parser>, FreeParser>;
 
 /// What an element does not carry keeps the default of the record.
 template <typename Item, std::size_t N>
@@ -91,8 +34,7 @@ struct TCPolicyParser::TSParseContext {
     ZOLPolicy* policy;
     XML_Parser expat;
     std::string currentElement;
-    std::size_t recordBytes = 0;
-    int declarations = 0;
+    TCParseBudget budget;
 };
 
 /// What expat calls. Each returns normally whatever happens inside; an exception ends the parse with
@@ -118,31 +60,25 @@ struct TCPolicyParser::TSCallbacks {
                                      const XML_Char* type, const XML_Char* value, int isRequired);
 
     static void Register(TSParseContext& context);
-    static bool Charge(TSParseContext& context, std::size_t bytes);
+    static bool EndUnless(bool isWithin, const TSParseContext& context);
     static TCAttributes Collect(TSParseContext& context, const XML_Char** attributes);
-    static void CountDeclaration(TSParseContext& context);
 };
 
-/// False, and the parse ends, when the document takes too much memory.
-bool TCPolicyParser::TSCallbacks::Charge(TSParseContext& context, std::size_t bytes) {
-    context.recordBytes += bytes;
-    if (context.recordBytes <= kMaxRecordBytes) {
-        return true;
+/// Passes a budget's answer on; where it is no, the parse ends.
+bool TCPolicyParser::TSCallbacks::EndUnless(bool isWithin, const TSParseContext& context) {
+    if (!isWithin) {
+        XML_StopParser(context.expat, XML_FALSE);
     }
-    XML_StopParser(context.expat, XML_FALSE);
-    return false;
+    return isWithin;
 }
 
 TCAttributes TCPolicyParser::TSCallbacks::Collect(TSParseContext& context, const XML_Char** attributes) {
     TCAttributes collected;
-    for (int count = 1; attributes[0] != nullptr && attributes[1] != nullptr; attributes += 2, ++count) {
+    context.budget.BeginAttributes();
+    for (; attributes[0] != nullptr && attributes[1] != nullptr; attributes += 2) {
         const std::string name = attributes[0];
         const std::string value = attributes[1];
-        if (count > kMaxAttributes) {
-            XML_StopParser(context.expat, XML_FALSE);
-            break;
-        }
-        if (!Charge(context, kAttributeBytes + name.size() + value.size())) {
+        if (!EndUnless(context.budget.AddAttribute(name.size() + value.size()), context)) {
             break;
         }
         collected.Insert(name, value);
@@ -156,7 +92,7 @@ void TCPolicyParser::TSCallbacks::StartElement(void* userData, const XML_Char* n
     if (context == nullptr || name == nullptr || attributes == nullptr) {
         return;
     }
-    if (!Charge(*context, OpenElementBytes(name))) {
+    if (!EndUnless(context->budget.OpenElement(name), *context)) {
         return;
     }
     Guard(context, [&] {
@@ -166,7 +102,8 @@ void TCPolicyParser::TSCallbacks::StartElement(void* userData, const XML_Char* n
         }
         std::string tag = ToLowerAscii(name);
         const auto handler = context->parser->m_startHandlers.find(tag);
-        if (handler != context->parser->m_startHandlers.end() && Charge(*context, kItemBytes)) {
+        if (handler != context->parser->m_startHandlers.end() &&
+            EndUnless(context->budget.AddItem(), *context)) {
             handler->second(*context->policy, collected);
         }
         context->currentElement = std::move(tag);
@@ -178,7 +115,7 @@ void TCPolicyParser::TSCallbacks::EndElement(void* userData, const XML_Char* nam
     if (context == nullptr) {
         return;
     }
-    context->recordBytes -= OpenElementBytes(name);
+    context->budget.CloseElement(name);
     ZOL_LOG(LOG_ERROR, "clear current element (%s)", context->currentElement.c_str());
     context->currentElement.clear();
 }
@@ -207,26 +144,22 @@ void TCPolicyParser::TSCallbacks::CharacterData(void* userData, const XML_Char* 
     });
 }
 
-void TCPolicyParser::TSCallbacks::CountDeclaration(TSParseContext& context) {
-    if (++context.declarations > kMaxDeclarations) {
-        XML_StopParser(context.expat, XML_FALSE);
-    }
-}
-
 void TCPolicyParser::TSCallbacks::EntityDeclaration(void* userData, const XML_Char* /*name*/,
                                                     int /*isParameterEntity*/, const XML_Char* /*value*/,
                                                     int /*valueLength*/, const XML_Char* /*base*/,
                                                     const XML_Char* /*systemId*/,
                                                     const XML_Char* /*publicId*/,
                                                     const XML_Char* /*notationName*/) {
-    CountDeclaration(*static_cast<TSParseContext*>(userData));
+    auto* context = static_cast<TSParseContext*>(userData);
+    EndUnless(context->budget.AddDeclaration(), *context);
 }
 
 void TCPolicyParser::TSCallbacks::AttributeDeclaration(void* userData, const XML_Char* /*element*/,
                                                        const XML_Char* /*attribute*/,
                                                        const XML_Char* /*type*/, const XML_Char* /*value*/,
                                                        int /*isRequired*/) {
-    CountDeclaration(*static_cast<TSParseContext*>(userData));
+    auto* context = static_cast<TSParseContext*>(userData);
+    EndUnless(context->budget.AddDeclaration(), *context);
 }
 
 void TCPolicyParser::TSCallbacks::Register(TSParseContext& context) {
@@ -250,12 +183,12 @@ bool TCPolicyParser::Parse(const std::string& xml, ZOLPolicy& policy) const {
         ZOL_LOG(LOG_ERROR, "Parsing failed.");
         return false;
     }
-    ParserPtr parser(CreateParser());
+    const XmlParserPtr parser = CreateBoundedParser();
     if (parser == nullptr) {
         ZOL_LOG(LOG_ERROR, "Couldnt create parser");
         return false;
     }
-    TSParseContext context{this, &policy, parser.get(), {}};
+    TSParseContext context{this, &policy, parser.get(), {}, {}};
     TSCallbacks::Register(context);
 
     // Not final: a document that was only cut short still gives the items before the cut.
@@ -266,7 +199,6 @@ bool TCPolicyParser::Parse(const std::string& xml, ZOLPolicy& policy) const {
             XML_ErrorString(XML_GetErrorCode(parser.get())),
             static_cast<unsigned long>(XML_GetCurrentLineNumber(parser.get())),
             static_cast<unsigned long>(XML_GetCurrentColumnNumber(parser.get())));
-    parser.reset();
     ZOL_LOG(LOG_ERROR, "Parsing failed.");
     return false;
 }
