@@ -15,6 +15,8 @@
 #include "IControl.h"
 #include "TCIpcSerializationUtil.h"
 #include "ZOLControlNative.h"
+#include "ZOLPolicyParser.h"
+#include "device_paths.h"
 #include "dlog.h"
 #include "fake_dlog.h"
 #include "policy_manager_fixture.h"
@@ -67,16 +69,21 @@ std::size_t StringPosition() {
     return Request("").size() - sizeof(std::size_t);
 }
 
-std::int32_t Control::Answer(const std::string& xml) {
-    Bytes out;
-    EXPECT_TRUE(Call(Request(xml), out));
+/// The integer of a reply, which holds nothing else.
+std::int32_t Integer(const Bytes& reply) {
     std::stringstream stream;
-    TCIpcSerializationUtil::ConvertData(out, stream);
+    TCIpcSerializationUtil::ConvertData(reply, stream);
     boost::archive::binary_iarchive archive(stream);
     std::int32_t answer = -1;
     archive >> answer;
     EXPECT_EQ(stream.rdbuf()->in_avail(), 0);
     return answer;
+}
+
+std::int32_t Control::Answer(const std::string& xml) {
+    Bytes out;
+    EXPECT_TRUE(Call(Request(xml), out));
+    return Integer(out);
 }
 
 void Control::ExpectRefused(const Bytes& in) {
@@ -172,6 +179,47 @@ TEST_F(Control, ASignatureThatAnnouncesMoreThanItCarriesIsRefusedBeforeRoomIsMad
         fakes::dlog::Clear();
         ExpectRefused(Announcing(announced, 0));
         EXPECT_TRUE(fakes::dlog::Has("Request announces " + std::to_string(announced) + " bytes"));
+    }
+}
+
+TEST_F(Control, APolicyLongerThanTheLimitIsRefusedBeforeRoomIsMade) {
+    std::string xml = PolicyFor("db/a");
+    xml.resize(zol::kMaxPolicyBytes, ' ');
+    EXPECT_EQ(Answer(xml), 1);
+
+    fakes::dlog::Clear();
+    ExpectRefused(Request(xml + " "));
+    EXPECT_TRUE(fakes::dlog::Has("Request of 4194305 bytes refused, at most 4194304 are taken"));
+}
+
+TEST_F(Control, ARequestWithOneBitChangedIsRefusedOrTakenForTheTextThatItCarries) {
+    const std::string xml = PolicyFor("db/a");
+    const Bytes whole = Request(xml);
+    for (std::size_t bit = 0; bit < whole.size() * 8; ++bit) {
+        Bytes changed = whole;
+        changed[bit / 8] = static_cast<unsigned char>(changed[bit / 8] ^ (1U << (bit % 8)));
+        const std::string bytes(changed.begin(), changed.end());
+        const std::string text = bytes.substr(whole.size() - xml.size());
+        StorePolicy("");
+        fakes::vconf::SetBool(kRunningKey, true);  // store only: this is not about tasks
+        fakes::dlog::Clear();
+
+        Bytes out;
+        bool isHandled = false;
+        try {
+            isHandled = Call(changed, out);
+        } catch (const archive_exception&) {
+        }
+
+        EXPECT_EQ(isHandled, fakes::dlog::Has("Policy set api invoked")) << bit;
+        EXPECT_EQ(isHandled, !out.empty()) << bit;
+        EXPECT_NE(bytes.find(StoredPolicy()), std::string::npos) << bit;
+        if (text != xml) {
+            zol::ZOLPolicy policy;
+            ASSERT_TRUE(isHandled) << bit;
+            EXPECT_EQ(Integer(out) == 1, zol::TCPolicyParser().Parse(text, policy)) << bit;
+            EXPECT_TRUE(StoredPolicy().empty() || StoredPolicy() == text) << bit;
+        }
     }
 }
 

@@ -281,7 +281,7 @@ TEST_F(StoredPolicyFile, AFileThatGivesFewerBytesThanItSaysIsRefused) {
 TEST_F(StoredPolicyFile, AFileLongerThanAnyPolicyIsRefusedUnread) {
     StorePolicy("");
     ASSERT_EQ(truncate(Mapped(ZOL_PATH_POLICY).c_str(), zol::kMaxPolicyBytes + 1), 0);
-    ExpectNotLoaded("Policy /var/lib/zol/policy.xml of 16777217 bytes refused, at most 16777216 are read",
+    ExpectNotLoaded("Policy /var/lib/zol/policy.xml of 4194305 bytes refused, at most 4194304 are read",
                     DLOG_PRIORITY_ERROR);
 }
 

@@ -6,12 +6,14 @@
 #include <cstdint>
 #include <cstring>
 #include <sstream>
+#include <streambuf>
 #include <string>
 
 #include "IControl.h"
 #include "IDbus.h"
 #include "Log.h"
 #include "TCIpcSerializationUtil.h"
+#include "ZOLPolicy.h"
 
 namespace zol {
 namespace {
@@ -21,29 +23,42 @@ constexpr const char* kLogModule = "zol::TCControlNative";
 using Bytes = std::vector<unsigned char>;
 using boost::archive::archive_exception;
 
-// Strings of an archive, its signature included, are their length in a size_t and their bytes. The library
-// makes room for the length before it looks whether the bytes are there, and a caller may announce anything.
-void RequireWholeString(const Bytes& in, std::size_t position) {
-    std::size_t announced = 0;
-    if (position > in.size() || in.size() - position < sizeof(announced)) {
-        throw archive_exception(archive_exception::input_stream_error);
+/// Reads the request where it lies: it may be megabytes.
+class BytesBuffer : public std::streambuf {
+public:
+    explicit BytesBuffer(const Bytes& bytes) {
+        // Only ever read.
+        auto* begin = reinterpret_cast<char*>(const_cast<unsigned char*>(bytes.data()));
+        setg(begin, begin, begin + bytes.size());
     }
-    std::memcpy(&announced, in.data() + position, sizeof(announced));
-    const std::size_t left = in.size() - position - sizeof(announced);
-    if (announced > left) {
-        ZOL_LOG(LOG_ERROR, "Request announces %zu bytes and carries %zu", announced, left);
-        throw archive_exception(archive_exception::input_stream_error);
+
+    /// Strings of an archive, its signature included, are their length in a size_t and their bytes. The
+    /// library makes room for the length before it looks whether the bytes are there, and a caller may
+    /// announce anything.
+    void RequireWholeString(std::size_t limit) const {
+        const auto left = static_cast<std::size_t>(egptr() - gptr());
+        std::size_t announced = 0;
+        if (left < sizeof(announced)) {
+            throw archive_exception(archive_exception::input_stream_error);
+        }
+        std::memcpy(&announced, gptr(), sizeof(announced));
+        if (announced > left - sizeof(announced)) {
+            ZOL_LOG(LOG_ERROR, "Request announces %zu bytes and carries %zu", announced,
+                    left - sizeof(announced));
+            throw archive_exception(archive_exception::input_stream_error);
+        }
+        if (announced > limit) {
+            ZOL_LOG(LOG_ERROR, "Request of %zu bytes refused, at most %zu are taken", announced, limit);
+            throw archive_exception(archive_exception::invalid_signature);
+        }
     }
-}
+};
 
 std::string ReadString(const Bytes& in) {
-    RequireWholeString(in, 0);
-    std::stringstream stream;
-    TCIpcSerializationUtil::ConvertData(in, stream);
-    boost::archive::binary_iarchive archive(stream);
-
-    const std::streamoff position = stream.rdbuf()->pubseekoff(0, std::ios_base::cur, std::ios_base::in);
-    RequireWholeString(in, position < 0 ? in.size() : static_cast<std::size_t>(position));
+    BytesBuffer buffer(in);
+    buffer.RequireWholeString(in.size());
+    boost::archive::binary_iarchive archive(buffer);
+    buffer.RequireWholeString(kMaxPolicyBytes);
     std::string text;
     archive >> text;
     return text;

@@ -16,8 +16,9 @@ public:
     TCControlNative(IDbus& server, TCPolicyManager& manager);
 
     /// Serves one call. False, with no reply bytes, for any code but SET_POLICY and for an empty request.
-    /// Throws boost::archive::archive_exception when the request is no archive of a string, is cut short, or
-    /// announces more bytes than it carries; nothing of the announced size is allocated then.
+    /// Throws boost::archive::archive_exception when the request is no archive of a string, is cut short,
+    /// announces more bytes than it carries, or carries more than kMaxPolicyBytes; nothing of the announced
+    /// size is allocated then. Beside the request one copy of its text is made.
     bool m_OnCallReceived(int code, const std::vector<unsigned char>& in, std::vector<unsigned char>& out);
 
 private:

@@ -8,7 +8,7 @@
 namespace zol {
 
 /// The longest policy text that is taken, stored or read back, in bytes: some ten thousand items.
-constexpr std::size_t kMaxPolicyBytes = std::size_t{16} * 1024 * 1024;
+constexpr std::size_t kMaxPolicyBytes = std::size_t{4} * 1024 * 1024;
 
 /// How a vconf item compares the key's value. PolicyWords.h has the words.
 enum ECondition {
