@@ -2,7 +2,7 @@
 find_package(Threads REQUIRED)
 find_package(PkgConfig REQUIRED)
 find_package(EXPAT REQUIRED)
-find_package(Boost 1.74 REQUIRED COMPONENTS thread chrono date_time filesystem serialization)
+find_package(Boost 1.74 REQUIRED COMPONENTS thread chrono date_time serialization)
 pkg_check_modules(GLIB REQUIRED IMPORTED_TARGET glib-2.0 gobject-2.0 gio-2.0 gio-unix-2.0)
 pkg_check_modules(JSONCPP REQUIRED IMPORTED_TARGET jsoncpp)
 pkg_check_modules(SQLITE REQUIRED IMPORTED_TARGET sqlite3)

@@ -8,8 +8,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <boost/filesystem.hpp>
 #include <cerrno>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -23,7 +23,7 @@ constexpr const char* kAllowEverything =
     "<allow receive_sender='*'/></policy>";
 
 std::string MakeFolder() {
-    std::string name = (boost::filesystem::temp_directory_path() / "zol-bus-XXXXXX").string();
+    std::string name = (std::filesystem::temp_directory_path() / "zol-bus-XXXXXX").string();
     if (mkdtemp(&name[0]) == nullptr || chmod(name.c_str(), 0755) != 0) {
         throw std::runtime_error("no temporary folder for a bus");
     }
@@ -74,8 +74,8 @@ PrivateBus::~PrivateBus() {
     } else {
         unsetenv(kVariable);
     }
-    boost::system::error_code ignored;
-    boost::filesystem::remove_all(m_folder, ignored);
+    std::error_code ignored;
+    std::filesystem::remove_all(m_folder, ignored);
 }
 
 void PrivateBus::WriteConfiguration(const std::string& policy) const {

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "IDbus.h"
+#include "PolicyFlag.h"
 #include "ZOLInformationStorage.h"
 #include "ZOLPolicyManager.h"
 #include "ZOLShiftedClock.h"
@@ -14,8 +15,8 @@
 #include "fake_vconf.h"
 #include "fakes.h"
 
-constexpr const char* kRunningKey = zol::TCPolicyManager::KEY_MONITORING_RUNS;
-constexpr const char* kPowerOnKey = zol::TCPolicyManager::KEY_POWER_ON_PREPARED;
+constexpr const char* kRunningKey = zol::kMonitoringRuns.key;
+constexpr const char* kPowerOnKey = zol::kPowerOnPrepared.key;
 
 class MockDbusServer : public zol::IDbusServer {
 public:

@@ -159,7 +159,7 @@ TEST_F(PolicyManager, AnUpdateIsStoredByteForByteAndApplied) {
 TEST_F(PolicyManager, AnUpdateStartsThePolicyNow) {
     Start();
     fakes::vconf::SetString(zol::TCScheduler::KEY_START_TIME, "1");
-    m_manager->UpdatePolicy(PolicyFor("db/a"));
+    EXPECT_TRUE(m_manager->UpdatePolicy(PolicyFor("db/a")));
 
     EXPECT_EQ(fakes::vconf::GetString(zol::TCScheduler::KEY_START_TIME),
               std::to_string(m_clock.GetCurrentTime()));
@@ -312,8 +312,8 @@ TEST_F(PolicyManager, TenThousandItemsAreStoredAndWatched) {
 
 TEST_F(PolicyManager, AtItsEndEveryCallbackIsWithdrawn) {
     StartWith(PolicyFor("db/a"));
-    m_manager->UpdatePolicy("");
-    m_manager->UpdatePolicy(PolicyFor("db/b"));
+    EXPECT_TRUE(m_manager->UpdatePolicy(""));
+    EXPECT_TRUE(m_manager->UpdatePolicy(PolicyFor("db/b")));
     Stop();
 
     EXPECT_EQ(fakes::vconf::Registrations(), 0);

@@ -1,113 +1,41 @@
 #include "ZOLPolicyManager.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <array>
-#include <boost/filesystem/operations.hpp>
 #include <boost/thread/exceptions.hpp>
-#include <cerrno>
 #include <cinttypes>
-#include <cstdio>
-#include <cstring>
+#include <optional>
 #include <utility>
 
 #include "IControl.h"
 #include "IDbus.h"
 #include "Log.h"
+#include "PolicyFile.h"
+#include "PolicyFlag.h"
+#include "PolicyTasks.h"
 #include "PolicyValidation.h"
 #include "PolicyWords.h"
-#include "ReplacementFile.h"
 #include "TCDirsManager.h"
+#include "TSFileSystem.h"
 #include "ZOLCVLogger.h"
 #include "ZOLInformationStorage.h"
-#include "ZOLMonitorManager.h"
-#include "ZOLNotifyManager.h"
 #include "ZOLPolicyParser.h"
-#include "ZOLVconfChecker.h"
-#include "device_path.h"
-#include "vconf.h"
 
 namespace zol {
 namespace {
 
 constexpr const char* kLogModule = "zol::TCPolicyManager";
 
-// The account that the platform's policy service reads the file under.
-constexpr uid_t kPolicyUser = 951;
-constexpr gid_t kPolicyGroup = 951;
-constexpr mode_t kPolicyMode = 0640;
-
 constexpr int kNoTasks = 0;
 constexpr int kStartTasks = 1;
 constexpr int kWaitForever = -1;
 
-struct CloseFile {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
-using FilePtr = std::unique_ptr<std::FILE, CloseFile>;
-
-std::string ErrorText(int error) {
-    std::array<char, 256> buffer;
-    return strerror_r(error, buffer.data(), buffer.size());
-}
-
-bool PolicyFileExists(const std::string& path) {
-    boost::system::error_code error;
-    return boost::filesystem::exists(DevicePath(path), error);
-}
-
-// A folder opens well for reading, and a pipe would block: only a regular file is a policy.
-FilePtr OpenPolicy(const std::string& path) {
-    FilePtr file;
-    const int descriptor = open(DevicePath(path).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    struct stat status = {};
-    if (descriptor >= 0 && fstat(descriptor, &status) == 0) {
-        errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
-        file.reset(S_ISREG(status.st_mode) ? fdopen(descriptor, "r") : nullptr);
-    }
-    const int error = errno;
-    if (file == nullptr) {
-        ZOL_LOG(LOG_DEBUG, "Unable to open policy %s, errno: %d, message: %s", path.c_str(), error,
-                ErrorText(error).c_str());
-        if (descriptor >= 0) {
-            close(descriptor);
-        }
-    }
-    return file;
-}
-
-bool ReadPolicy(const std::string& path, std::string& text) {
-    const FilePtr file = OpenPolicy(path);
-    if (file == nullptr) {
-        return false;
-    }
-    std::fseek(file.get(), 0, SEEK_END);
-    const std::int64_t size = ftello(file.get());
-    std::rewind(file.get());
-    if (size < 0 || size > static_cast<std::int64_t>(kMaxPolicyBytes)) {
-        ZOL_LOG(LOG_ERROR, "Policy %s of %" PRId64 " bytes refused, at most %zu are read", path.c_str(), size,
-                kMaxPolicyBytes);
-        return false;
-    }
-    text.resize(static_cast<std::size_t>(size));
-    const std::size_t count = std::fread(text.data(), 1, text.size(), file.get());
-    if (count < text.size()) {
-        ZOL_LOG(LOG_DEBUG, "Read size %d expected size %zu", static_cast<int>(count), text.size());
-        return false;
-    }
-    return true;
+void KeepInStorage(const ZOLPolicy& policy) {
+    TCInformationStorage* storage = TCInformationStorage::Instance();
+    const auto count = static_cast<unsigned>(policy.numOfZol);
+    storage->SetZOLMonitorInformation(count, policy.vconfMonitors);
+    storage->SetZOLMonitorInformation(count, policy.policyMonitors);
 }
 
 }  // namespace
-
-/// What watches one policy. Those that report go before the one they report to.
-struct TCPolicyManager::TSPolicyTasks {
-    std::unique_ptr<TCNotifyManager> notify;
-    std::unique_ptr<TCMonitorManager> monitors;
-    std::unique_ptr<TCVconfChecker> checker;
-};
 
 TCPolicyManager::TCPolicyManager(TCShiftedClock& clock, IDbusServer* server, TCCVLogger* logger)
     : m_server(server), m_scheduler([this] { RemovePolicy(); }, clock), m_logger(logger) {
@@ -139,10 +67,7 @@ void TCPolicyManager::ReloadSchedule() {
         ZOL_LOG(LOG_ERROR, "Monitoring is already running.");
         return;
     }
-    TCInformationStorage* storage = TCInformationStorage::Instance();
-    const auto count = static_cast<unsigned>(policy.numOfZol);
-    storage->SetZOLMonitorInformation(count, policy.vconfMonitors);
-    storage->SetZOLMonitorInformation(count, policy.policyMonitors);
+    KeepInStorage(policy);
     m_CreatePolicyThread(kStartTasks);
 }
 
@@ -150,6 +75,7 @@ bool TCPolicyManager::UpdatePolicy(const std::string& xml) {
     ZOL_LOG(LOG_ERROR, "Policy update");
     ZOLPolicy policy;
     bool isAccepted = false;
+    bool isApplied = false;
     if (!TCPolicyParser().Parse(xml, policy)) {
         ZOL_LOG(LOG_ERROR, "Error occurred while parsing policy, policy update failed");
     } else if (policy.vconfMonitors.empty()) {
@@ -158,71 +84,76 @@ bool TCPolicyManager::UpdatePolicy(const std::string& xml) {
     } else if (!m_Store(xml)) {
         ZOL_LOG(LOG_ERROR, "Something went wrong with storing of policy");
     } else {
-        return m_ApplyUpdate(policy);
+        ZOL_LOG(LOG_ERROR, "Update policy information.");
+        if (m_GetCorvelPolicy()) {
+            ZOL_LOG(LOG_ERROR, "Monitoring is already running.");
+            return true;
+        }
+        m_UpdateScheduler(policy, true);
+        TCInformationStorage::Instance()->SetPolicyVersion(policy.version);
+        KeepInStorage(policy);
+        m_CreatePolicyThread(kStartTasks);
+        isApplied = true;
     }
-    m_SetCorvelPolicy(false);
-    m_SetPowerOnPrepared(false);
-    return isAccepted;
-}
-
-bool TCPolicyManager::m_ApplyUpdate(const ZOLPolicy& policy) {
-    ZOL_LOG(LOG_ERROR, "Update policy information.");
-    if (m_GetCorvelPolicy()) {
-        ZOL_LOG(LOG_ERROR, "Monitoring is already running.");
-        return true;
+    if (!isApplied) {
+        m_SetCorvelPolicy(false);
     }
-    m_UpdateScheduler(policy, true);
-    TCInformationStorage* storage = TCInformationStorage::Instance();
-    const auto count = static_cast<unsigned>(policy.numOfZol);
-    storage->SetPolicyVersion(policy.version);
-    storage->SetZOLMonitorInformation(count, policy.vconfMonitors);
-    storage->SetZOLMonitorInformation(count, policy.policyMonitors);
-    m_CreatePolicyThread(kStartTasks);
-    m_SetPowerOnPrepared(false);
-    return true;
+    if (!kPowerOnPrepared.Set(false)) {
+        ZOL_LOG(LOG_ERROR, "Unable to set %s", kPowerOnPrepared.key);
+    }
+    return isApplied || isAccepted;
 }
 
 bool TCPolicyManager::LoadPolicy(ZOLPolicy& policy) {
     const std::string path = TCDirsManager::GetPolicyXmlPath();
-    if (!PolicyFileExists(path)) {
+    if (!TSFileSystem::Exists(path)) {
         ZOL_LOG(LOG_DEBUG, "Policy %s does not exist", path.c_str());
         return false;
     }
-    std::string text;
-    return ReadPolicy(path, text) && TCPolicyParser().Parse(text, policy);
+    const TSPolicyRead read = ReadPolicyFile(path);
+    if (read.open) {
+        ZOL_LOG(LOG_DEBUG, "Unable to open policy %s, errno: %d, message: %s", path.c_str(),
+                read.open.value(), read.open.message().c_str());
+        return false;
+    }
+    if (read.size > static_cast<std::int64_t>(kMaxPolicyBytes)) {
+        ZOL_LOG(LOG_ERROR, "Policy %s of %" PRId64 " bytes refused, at most %zu are read", path.c_str(),
+                read.size, kMaxPolicyBytes);
+        return false;
+    }
+    if (static_cast<std::int64_t>(read.text.size()) < read.size) {
+        ZOL_LOG(LOG_DEBUG, "Read size %d expected size %zu", static_cast<int>(read.text.size()),
+                static_cast<std::size_t>(read.size));
+        return false;
+    }
+    return TCPolicyParser().Parse(read.text, policy);
 }
 
 bool TCPolicyManager::m_Store(const std::string& xml) {
     ZOL_LOG(LOG_DEBUG, "Storing policy");
     const std::string path = TCDirsManager::GetPolicyXmlPath();
-    TCReplacementFile file(path);
-    if (!file.Open(kPolicyMode)) {
-        ZOL_LOG(LOG_ERROR, "Unable to create file %s, errno %d", path.c_str(), errno);
+    const TSPolicyWrite write = WritePolicyFile(path, xml);
+    if (write.open) {
+        ZOL_LOG(LOG_ERROR, "Unable to create file %s, errno %d", path.c_str(), write.open.value());
         return false;
     }
-    bool isStored = true;
-    const std::size_t written = file.Write(xml);
-    file.SetOwner(kPolicyUser, kPolicyGroup);
-    if (!file.Sync()) {
-        ZOL_LOG(LOG_ERROR, "Could not sync file: %s", ErrorText(errno).c_str());
-        isStored = false;
+    if (write.sync) {
+        ZOL_LOG(LOG_ERROR, "Could not sync file: %s", write.sync.message().c_str());
     }
-    if (!file.Close()) {
-        ZOL_LOG(LOG_ERROR, "Could not close file: %s", ErrorText(errno).c_str());
-        isStored = false;
+    if (write.close) {
+        ZOL_LOG(LOG_ERROR, "Could not close file: %s", write.close.message().c_str());
     }
-    if (written != xml.size()) {
+    const bool isWhole = write.written == xml.size();
+    if (!isWhole) {
         ZOL_LOG(LOG_ERROR, "Written policy size differs from expected, written: %d, expected: %zu",
-                static_cast<int>(written), xml.size());
-        isStored = false;
+                static_cast<int>(write.written), xml.size());
     } else {
-        ZOL_LOG(LOG_DEBUG, "Policy written, size: %d", static_cast<int>(written));
+        ZOL_LOG(LOG_DEBUG, "Policy written, size: %d", static_cast<int>(write.written));
     }
-    if (isStored && !file.Replace()) {
-        ZOL_LOG(LOG_ERROR, "Unable to replace file %s, errno %d", path.c_str(), errno);
-        isStored = false;
+    if (write.replace) {
+        ZOL_LOG(LOG_ERROR, "Unable to replace file %s, errno %d", path.c_str(), write.replace.value());
     }
-    return isStored;
+    return isWhole && !write.sync && !write.close && !write.replace;
 }
 
 void TCPolicyManager::m_UpdateScheduler(const ZOLPolicy& policy, bool isNewPolicy) {
@@ -253,38 +184,21 @@ void TCPolicyManager::m_CreatePolicyThread(int start) {
         m_SetCorvelPolicy(false);
         return;
     }
-    if (m_CreateTasks(vconfItems, monitorCount > 0)) {
-        m_SetCorvelPolicy(true);
-    }
-}
-
-bool TCPolicyManager::m_CreateTasks(const std::vector<ZOLVconfMonitor>& vconfItems, bool hasMonitors) {
-    auto notify = std::make_unique<TCNotifyManager>();
-    if (!notify->Create()) {
-        ZOL_LOG(LOG_ERROR, "pNotify is NULL or failed to create");
-        return false;
-    }
-    m_tasks.push_back(std::make_unique<TSPolicyTasks>());
-    TSPolicyTasks& tasks = *m_tasks.back();
-    tasks.notify = std::move(notify);
-    if (!vconfItems.empty()) {
-        tasks.checker = std::make_unique<TCVconfChecker>(tasks.notify.get(), vconfItems);
-        if (!tasks.checker->Create()) {
+    m_tasks.push_back(std::make_unique<TCPolicyTasks>());
+    switch (m_tasks.back()->Start(vconfItems, monitorCount > 0)) {
+        case TCPolicyTasks::EStart::STARTED:
+            m_SetCorvelPolicy(true);
+            break;
+        case TCPolicyTasks::EStart::NO_NOTIFY:
+            ZOL_LOG(LOG_ERROR, "pNotify is NULL or failed to create");
+            break;
+        case TCPolicyTasks::EStart::NO_CHECKER:
             ZOL_LOG(LOG_ERROR, "pVconfMonitor is NULL or failed to create");
-            return false;
-        }
-        tasks.checker->CheckNow(vconfItems);
-    }
-    if (hasMonitors) {
-        tasks.monitors = std::make_unique<TCMonitorManager>(tasks.notify.get());
-        if (!tasks.monitors->Create()) {
+            break;
+        case TCPolicyTasks::EStart::NO_MONITORS:
             ZOL_LOG(LOG_ERROR, "pMonitor is NULL or failed to create");
-            return false;
-        }
-        // What cannot start is logged; what started goes on.
-        static_cast<void>(tasks.monitors->StartMonitoring());
+            break;
     }
-    return true;
 }
 
 void TCPolicyManager::m_RemoveInvalidVconfPolicy(unsigned& count, std::vector<ZOLVconfMonitor>& items) {
@@ -368,19 +282,18 @@ std::int32_t TCPolicyManager::m_GetValueType(const std::string& word) {
 }
 
 bool TCPolicyManager::m_GetCorvelPolicy() {
-    int isRunning = 0;
-    if (vconf_get_bool(KEY_MONITORING_RUNS, &isRunning) != 0) {
-        ZOL_LOG(LOG_ERROR, "vconf_get_bool(%s) failed", KEY_MONITORING_RUNS);
-        return true;
+    const std::optional<bool> isRunning = kMonitoringRuns.Get();
+    if (!isRunning) {
+        ZOL_LOG(LOG_ERROR, "vconf_get_bool(%s) failed", kMonitoringRuns.key);
     }
-    return isRunning != 0;
+    return isRunning.value_or(true);
 }
 
 void TCPolicyManager::m_SetCorvelPolicy(bool isRunning) {
-    if (vconf_set_bool(KEY_MONITORING_RUNS, isRunning ? 1 : 0) != 0) {
-        ZOL_LOG(LOG_ERROR, "vconf_set_bool(%s) failed\n", KEY_MONITORING_RUNS);
+    if (kMonitoringRuns.Set(isRunning)) {
+        ZOL_LOG(LOG_ERROR, "vconf_set_bool(%s) : %d sucessful\n", kMonitoringRuns.key, isRunning ? 1 : 0);
     } else {
-        ZOL_LOG(LOG_ERROR, "vconf_set_bool(%s) : %d sucessful\n", KEY_MONITORING_RUNS, isRunning ? 1 : 0);
+        ZOL_LOG(LOG_ERROR, "vconf_set_bool(%s) failed\n", kMonitoringRuns.key);
     }
 }
 
@@ -400,7 +313,7 @@ void TCPolicyManager::m_LogCurrentPolicy() {
 }
 
 bool TCPolicyManager::IsPolicyExists() {
-    if (PolicyFileExists(TCDirsManager::GetPolicyXmlPath())) {
+    if (TSFileSystem::Exists(TCDirsManager::GetPolicyXmlPath())) {
         ZOL_LOG(LOG_ERROR, "policy file exists !!!");
         return true;
     }
@@ -413,7 +326,7 @@ void TCPolicyManager::RemovePolicy() {
 }
 
 void TCPolicyManager::RemoveExpiredPolicy() {
-    if (PolicyFileExists(TCDirsManager::GetPolicyXmlPath())) {
+    if (TSFileSystem::Exists(TCDirsManager::GetPolicyXmlPath())) {
         ZOL_LOG(LOG_ERROR, "need to check ExpiredPolicy !!!");
     }
 }
@@ -422,27 +335,19 @@ TCScheduler& TCPolicyManager::GetScheduler() {
     return m_scheduler;
 }
 
-void TCPolicyManager::m_SetPowerOnPrepared(bool isPrepared) {
-    if (vconf_set_bool(KEY_POWER_ON_PREPARED, isPrepared ? 1 : 0) != 0) {
-        ZOL_LOG(LOG_ERROR, "Unable to set %s", KEY_POWER_ON_PREPARED);
-    }
-}
-
 void TCPolicyManager::PreparePowerOn(bool check) {
     ZOL_LOG(LOG_DEBUG, "Preparing power on");
+    // A check is told of behind the write, a preparation before it.
+    const bool wasPrepared = check && kPowerOnPrepared.Get().value_or(false);
     if (!check) {
         ZOL_LOG(LOG_DEBUG, "Power on prepared");
-        m_SetPowerOnPrepared(true);
-        return;
     }
-    int wasPrepared = 0;
-    if (vconf_get_bool(KEY_POWER_ON_PREPARED, &wasPrepared) != 0) {
-        wasPrepared = 0;
+    if (!kPowerOnPrepared.Set(!check)) {
+        ZOL_LOG(LOG_ERROR, "Unable to set %s", kPowerOnPrepared.key);
     }
-    m_SetPowerOnPrepared(false);
-    if (wasPrepared != 0) {
+    if (wasPrepared) {
         ZOL_LOG(LOG_DEBUG, "Power on already prepared");
-    } else {
+    } else if (check) {
         ZOL_LOG(LOG_DEBUG, "Power on prepared");
     }
 }

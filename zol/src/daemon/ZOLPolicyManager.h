@@ -13,20 +13,16 @@ namespace zol {
 class IDbusServer;
 class TCCVLogger;
 class TCShiftedClock;
+class TCPolicyTasks;
 
 /// Built once, on the main thread; construction applies the stored policy. UpdatePolicy and the operations
 /// on the stored policy are for one thread at a time (the one that dispatches calls); RemovePolicy,
 /// PreparePowerOn and NotifyPowerOff may run on any thread beside it.
 ///
-/// Failures are logged and come back as false. Whether monitoring runs is kept in KEY_MONITORING_RUNS: while
-/// it is true, an update is stored but waits for the next start.
+/// Failures are logged and come back as false. Whether monitoring runs is kept in the flag kMonitoringRuns:
+/// while it is true, an update is stored but waits for the next start.
 class TCPolicyManager {
 public:
-    /// vconf bool: tasks were created for the current policy. Unreadable counts as true.
-    static constexpr const char* KEY_MONITORING_RUNS = "db/zol/corvel_policy";
-    /// vconf bool: set by PreparePowerOn, cleared by every policy that is not only stored.
-    static constexpr const char* KEY_POWER_ON_PREPARED = "db/private/tvs-cv/power_on_prepared";
-
     /// @param clock  not owned; must outlive this object
     /// @param server asked to send the power-off notification; not owned, may be null
     /// @param logger asked for the volume level whenever the stored policy is applied; not owned, may be null
@@ -39,17 +35,17 @@ public:
     /// Takes a new policy: stores it and, unless monitoring runs, applies it. One without vconf items only
     /// clears the running flag. A refused policy leaves the stored one as it was.
     /// @return whether the policy was accepted
-    bool UpdatePolicy(const std::string& xml);
+    [[nodiscard]] bool UpdatePolicy(const std::string& xml);
 
     /// Reads and parses the stored policy into `policy`, which should be freshly initialised. False when
     /// there is none, when it is no regular file, cannot be read, is longer than kMaxPolicyBytes, or is
     /// malformed.
-    bool LoadPolicy(ZOLPolicy& policy);
+    [[nodiscard]] bool LoadPolicy(ZOLPolicy& policy);
 
     /// Applies the stored policy: schedule, item lists and, unless monitoring runs, tasks.
     void ReloadSchedule();
 
-    bool IsPolicyExists();
+    [[nodiscard]] bool IsPolicyExists();
     /// Logs when there is a stored policy; changes nothing.
     void RemoveExpiredPolicy();
     /// What happens at expiry: a line in the log. File, tasks and flag stay.
@@ -63,27 +59,22 @@ public:
     bool NotifyPowerOff();
 
 private:
-    struct TSPolicyTasks;
-
-    bool m_ApplyUpdate(const ZOLPolicy& policy);
-    bool m_Store(const std::string& xml);
+    [[nodiscard]] static bool m_Store(const std::string& xml);
     void m_UpdateScheduler(const ZOLPolicy& policy, bool isNewPolicy);
     void m_CreatePolicyThread(int start);
-    bool m_CreateTasks(const std::vector<ZOLVconfMonitor>& vconfItems, bool hasMonitors);
     static void m_RemoveInvalidVconfPolicy(unsigned& count, std::vector<ZOLVconfMonitor>& items);
     static void m_RemoveInvalidMonitorPolicy(unsigned& count, std::vector<ZOLPolicyMonitor>& items);
-    static bool m_CheckThisVconfPolicy(const ZOLVconfMonitor& item);
-    static bool m_CheckThisMonitorPolicy(const ZOLPolicyMonitor& item);
+    [[nodiscard]] static bool m_CheckThisVconfPolicy(const ZOLVconfMonitor& item);
+    [[nodiscard]] static bool m_CheckThisMonitorPolicy(const ZOLPolicyMonitor& item);
     static std::int32_t m_GetCondition(const std::string& word);
     static std::int32_t m_GetValueType(const std::string& word);
-    bool m_GetCorvelPolicy();
-    void m_SetCorvelPolicy(bool isRunning);
-    void m_SetPowerOnPrepared(bool isPrepared);
+    [[nodiscard]] static bool m_GetCorvelPolicy();
+    static void m_SetCorvelPolicy(bool isRunning);
     void m_LogCurrentPolicy();
 
     // The scheduler goes first, so that no expiry finds a manager half gone, then the tasks.
     IDbusServer* const m_server;
-    std::vector<std::unique_ptr<TSPolicyTasks>> m_tasks;  ///< one set per policy applied
+    std::vector<std::unique_ptr<TCPolicyTasks>> m_tasks;  ///< one set per policy applied
     TCScheduler m_scheduler;
     TCCVLogger* const m_logger;
 };
