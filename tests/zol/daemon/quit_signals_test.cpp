@@ -3,9 +3,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <memory>
+#include <csignal>
+#include <cstring>
 #include <stdexcept>
+#include <string>
 
+#include "IDbus.h"
+#include "dlog.h"
 #include "fake_dlog.h"
 #include "fakes.h"
 
@@ -15,10 +19,6 @@ class MockServer : public zol::IDbusServer {
 public:
     MOCK_METHOD(int, SendNotification, (int code, int timeoutMs), (override));
     MOCK_METHOD(void, CancelNotifications, (), (override));
-};
-
-struct FreeLoop {
-    void operator()(GMainLoop* loop) const { g_main_loop_unref(loop); }
 };
 
 class QuitSignals : public testing::TestWithParam<int> {
@@ -33,23 +33,24 @@ protected:
     /// A signal while the main loop runs; returns when that has been quit.
     void RunAndSignal() {
         ASSERT_EQ(raise(GetParam()), 0);
-        g_main_loop_run(m_loop.get());
+        g_main_loop_run(m_loop);
     }
 
-    std::unique_ptr<GMainLoop, FreeLoop> m_loop{g_main_loop_new(nullptr, FALSE)};
-    zol_daemon::QuitSignals m_signals{m_loop.get()};
+    // Both for ever, as in the daemon.
+    GMainLoop* const m_loop = g_main_loop_new(nullptr, FALSE);
+    zol_daemon::QuitSignals& m_signals = zol_daemon::QuitSignals::Catch(m_loop);
     testing::StrictMock<MockServer> m_server;
 };
 
 TEST_P(QuitSignals, EndTheMainLoopAndTheServersWaits) {
-    m_signals.SetServer(&m_server);
+    const zol_daemon::QuitSignals::WaitsOf waits(m_signals, m_server);
     EXPECT_CALL(m_server, CancelNotifications());
 
     RunAndSignal();
 }
 
 TEST_P(QuitSignals, EndTheMainLoopEvenWhenTheServerFails) {
-    m_signals.SetServer(&m_server);
+    const zol_daemon::QuitSignals::WaitsOf waits(m_signals, m_server);
     EXPECT_CALL(m_server, CancelNotifications()).WillOnce(testing::Throw(std::runtime_error("no memory")));
 
     RunAndSignal();
@@ -58,8 +59,7 @@ TEST_P(QuitSignals, EndTheMainLoopEvenWhenTheServerFails) {
 }
 
 TEST_P(QuitSignals, LeaveAServerAloneThatIsAboutToGo) {
-    m_signals.SetServer(&m_server);
-    m_signals.SetServer(nullptr);
+    { const zol_daemon::QuitSignals::WaitsOf waits(m_signals, m_server); }
 
     RunAndSignal();
 }
@@ -71,11 +71,11 @@ TEST_P(QuitSignals, AreCaughtAgainAndAgain) {
 }
 
 TEST_P(QuitSignals, HaveNoEffectWithoutAMainLoop) {
-    const zol_daemon::QuitSignals others(nullptr);
+    zol_daemon::QuitSignals::Catch(nullptr);
     Signal();
 }
 
-INSTANTIATE_TEST_SUITE_P(Each, QuitSignals, testing::Values(SIGTERM, SIGINT),
-                         [](const auto& number) { return number.param == SIGTERM ? "Term" : "Int"; });
+INSTANTIATE_TEST_SUITE_P(Each, QuitSignals, testing::Values(SIGTERM, SIGINT, SIGHUP),
+                         [](const auto& number) { return std::string(sigabbrev_np(number.param)); });
 
 }  // namespace

@@ -1,8 +1,15 @@
 #include "zol_daemon.h"
 
+#include <glib.h>
+#include <malloc.h>
+
+#include <boost/thread/exceptions.hpp>
+
+#include "Log.h"
 #include "QuitSignals.h"
 #include "TCDbusServer.h"
 #include "TCDebug.h"
+#include "TSFileSystem.h"
 #include "ZOLCVLogger.h"
 #include "ZOLControlNative.h"
 #include "ZOLInformationStorage.h"
@@ -10,34 +17,66 @@
 #include "ZOLPowerUtils.h"
 #include "ZOLShiftedClock.h"
 #include "ZOLTestRecording.h"
+#include "device_paths.h"
 
 namespace zol_daemon {
 namespace {
 
-/// The classes of the product.
-struct RealParts {
-    using Server = zol::TCDbusServer;
-    using QuitSignals = zol_daemon::QuitSignals;
-    using Clock = zol::TCShiftedClock;
-    using UsageLogger = zol::TCCVLogger;
-    using PolicyManager = zol::TCPolicyManager;
-    using PowerHooks = zol::ZOLPowerUtils;
-    using Control = zol::TCControlNative;
-    using TestRecording = TCTestRecording;
+constexpr const char* kLogModule = "zol_daemon";
 
-    static int SetMallocOption(int option, int value) { return mallopt(option, value); }
-    static GMainLoop* NewMainLoop() { return g_main_loop_new(nullptr, FALSE); }
-    static void EnableFileLog(bool on) { TCDebug::EnableFileLog(on); }
-    static void InitializeStorage(PolicyManager* manager, Server* server) {
-        zol::TCInformationStorage::Instance()->Initialize(manager, server);
-    }
-    static void RunMainLoop(GMainLoop* loop) { g_main_loop_run(loop); }
-};
+/// Bytes above which malloc gives an allocation a mapping of its own, so that it goes back to the system as
+/// soon as it is freed.
+constexpr int kMmapThreshold = 32768;
+constexpr bool kTestMode = false;
+
+/// The recorder lives until the process ends: the key-combination service keeps calling it.
+void StartTestRecording() {
+    // Nobody reads it: without the attribute it is optimised away, and the recorder looks like a leak.
+    [[gnu::used]] static TCTestRecording* recording = nullptr;
+    recording = new TCTestRecording();
+    recording->setKeyCombinationHandler();
+}
 
 }  // namespace
 
 int main() {
-    return main<RealParts>();
+    // One arena: the daemon has many threads that allocate little, and memory is scarce.
+    if (mallopt(M_ARENA_MAX, 1) == 1 && mallopt(M_MMAP_THRESHOLD, kMmapThreshold) == 1) {
+        ZOL_LOG(LOG_DEBUG, "Malloc options set correctly!");
+    }
+    // Never unreferenced: sources may still name it while the teardown runs.
+    GMainLoop* const loop = g_main_loop_new(nullptr, FALSE);
+    ZOL_LOG(LOG_DEBUG, "Create g_main_loop");
+    ZOL_LOG(LOG_INFO, "test mode is on");
+    try {
+        QuitSignals& signals = QuitSignals::Catch(loop);
+        TCDebug::EnableFileLog(true);
+        zol::TCDbusServer server(kTestMode);
+        ZOL_LOG(LOG_DEBUG, "Dbus server created. Testmode: %d", kTestMode ? 1 : 0);
+        const QuitSignals::WaitsOf waits(signals, server);
+        zol::TCShiftedClock clock;
+        clock.LoadTimeShift();
+        zol::TCCVLogger logger;
+        zol::TCPolicyManager manager(clock, &server, &logger);
+        zol::TCInformationStorage::Instance()->Initialize(&manager, &server);
+        const zol::ZOLPowerUtils power(&manager);
+        // Last of those that are always there, so that no call reaches a half-built system.
+        const zol::TCControlNative control(server, manager);
+        if (TSFileSystem::Exists(ZOL_PATH_DEBUG_MARKER)) {
+            ZOL_LOG(LOG_DEBUG, "Debug Image!");
+            StartTestRecording();
+        }
+        if (loop != nullptr) {
+            g_main_loop_run(loop);
+        } else {
+            ZOL_LOG(LOG_ERROR, "failed to create g_main_loop");
+        }
+    } catch (const boost::thread_interrupted&) {
+        ZOL_LOG(LOG_ERROR, "boost::thread_interrupted");
+    } catch (...) {
+        ZOL_LOG(LOG_ERROR, "ZOL error");
+    }
+    return 0;
 }
 
 }  // namespace zol_daemon

@@ -1,0 +1,176 @@
+#include "zol_daemon.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <malloc.h>
+
+#include <algorithm>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "dlog.h"
+#include "fake_dlog.h"
+#include "fake_parts.h"
+#include "fakes.h"
+
+namespace {
+
+using fake_parts::Plan;
+using fake_parts::Steps;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::Not;
+
+class Daemon : public testing::Test {
+protected:
+    Daemon() { fakes::Reset(); }
+
+    static int Run(const Plan& plan = {}) {
+        fake_parts::Reset(plan);
+        return zol_daemon::main();
+    }
+    static int RunFailing(const std::string& part, bool interrupt = false) {
+        Plan plan;
+        plan.failing = part;
+        plan.interrupt = interrupt;
+        return Run(plan);
+    }
+
+    /// Texts of the application log, in order.
+    static std::vector<std::string> Messages() {
+        std::vector<std::string> messages;
+        for (const fakes::LogLine& line : fakes::dlog::Lines()) {
+            if (line.tag == "ZOL") {
+                messages.push_back(line.text.substr(line.text.find(" > ") + 3));
+            }
+        }
+        return messages;
+    }
+};
+
+/// The steps of every start, up to and with `last`, then those of `rest`.
+std::vector<std::string> UpTo(const std::string& last, const std::vector<std::string>& rest) {
+    const std::vector<std::string> start{"arenas 1", "mmap threshold 32768",
+                                         "new loop", "file log on",
+                                         "+server",  "load shift",
+                                         "+logger",  "+manager",
+                                         "storage",  "+power",
+                                         "+control"};
+    std::vector<std::string> steps(start.begin(), std::find(start.begin(), start.end(), last) + 1);
+    steps.insert(steps.end(), rest.begin(), rest.end());
+    return steps;
+}
+
+TEST_F(Daemon, StartUpAndTeardownHappenInOneFixedOrder) {
+    EXPECT_EQ(Run(), 0);
+
+    EXPECT_THAT(Steps(), ElementsAreArray(UpTo("+control", {"run", "-power", "-manager", "-server"})));
+    EXPECT_THAT(Messages(), ElementsAre("Malloc options set correctly!", "Create g_main_loop",
+                                        "test mode is on", "Dbus server created. Testmode: 0"));
+}
+
+TEST_F(Daemon, EveryLineCarriesTheNamesOfTheEntryPointAndALineNumberOfItsOwn) {
+    fakes::MakeDeviceFolder("/etc/debug");
+    Run();
+
+    std::set<std::string> places;
+    for (const fakes::LogLine& line : fakes::dlog::Lines()) {
+        EXPECT_EQ(line.text.rfind("zol_daemon: main(", 0), 0U) << line.text;
+        places.insert(line.text.substr(0, line.text.find(" > ")));
+    }
+    EXPECT_EQ(places.size(), 5U);
+    EXPECT_EQ(fakes::dlog::Find("test mode is on").priority, DLOG_PRIORITY_INFO);
+    EXPECT_EQ(fakes::dlog::Find("Create g_main_loop").priority, DLOG_PRIORITY_DEBUG);
+}
+
+TEST_F(Daemon, TheMmapThresholdIsSetOnlyAfterTheArenaLimitWasAccepted) {
+    Plan plan;
+    plan.refusedOption = M_ARENA_MAX;
+
+    EXPECT_EQ(Run(plan), 0);
+
+    EXPECT_THAT(Steps(), Contains("arenas 1"));
+    EXPECT_THAT(Steps(), Not(Contains("mmap threshold 32768")));
+    EXPECT_THAT(Steps(), Contains("run")) << "the start goes on";
+    EXPECT_EQ(Messages().front(), "Create g_main_loop");
+}
+
+TEST_F(Daemon, ARefusedMmapThresholdIsSilentAndTheStartGoesOn) {
+    Plan plan;
+    plan.refusedOption = M_MMAP_THRESHOLD;
+
+    EXPECT_EQ(Run(plan), 0);
+
+    EXPECT_THAT(Steps(), Contains("run"));
+    EXPECT_EQ(Messages().front(), "Create g_main_loop");
+}
+
+TEST_F(Daemon, WithoutTheDebugMarkerThereIsNoTestRecorder) {
+    Run();
+
+    EXPECT_THAT(Steps(), Not(Contains("key combinations")));
+    EXPECT_FALSE(fakes::dlog::Has("Debug Image!"));
+}
+
+TEST_F(Daemon, AnEmptyFileMakesADebugImageWhoseRecorderComesLast) {
+    fakes::WriteDeviceFile("/etc/debug", "");
+
+    Run();
+
+    EXPECT_THAT(Steps(), ElementsAreArray(
+                             UpTo("+control", {"key combinations", "run", "-power", "-manager", "-server"})));
+    EXPECT_EQ(fakes::dlog::Find("Debug Image!").priority, DLOG_PRIORITY_DEBUG);
+}
+
+TEST_F(Daemon, AFolderMakesADebugImageToo) {
+    fakes::MakeDeviceFolder("/etc/debug");
+
+    Run();
+
+    EXPECT_TRUE(fakes::dlog::Has("Debug Image!"));
+}
+
+TEST_F(Daemon, WithoutAMainLoopEverythingIsBuiltReportedAndTakenDown) {
+    Plan plan;
+    plan.haveLoop = false;
+
+    EXPECT_EQ(Run(plan), 0);
+
+    EXPECT_THAT(Steps(), ElementsAreArray(UpTo("+control", {"-power", "-manager", "-server"})));
+    EXPECT_THAT(Messages(),
+                ElementsAre("Malloc options set correctly!", "Create g_main_loop", "test mode is on",
+                            "Dbus server created. Testmode: 0", "failed to create g_main_loop"));
+    EXPECT_EQ(fakes::dlog::Find("failed to create g_main_loop").priority, DLOG_PRIORITY_ERROR);
+}
+
+TEST_F(Daemon, AnExceptionOutOfThePolicyManagerDestroysOnlyTheServer) {
+    EXPECT_EQ(RunFailing("manager"), 0);
+
+    EXPECT_THAT(Steps(), ElementsAreArray(UpTo("+logger", {"-server"})));
+    EXPECT_EQ(Messages().back(), "ZOL error");
+    EXPECT_EQ(fakes::dlog::Find("ZOL error").priority, DLOG_PRIORITY_ERROR);
+}
+
+TEST_F(Daemon, AnExceptionOutOfThePowerHooksDestroysManagerThenServer) {
+    EXPECT_EQ(RunFailing("power"), 0);
+
+    EXPECT_THAT(Steps(), ElementsAreArray(UpTo("storage", {"-manager", "-server"})));
+}
+
+TEST_F(Daemon, AnExceptionOutOfTheControlAdapterDestroysAllInReverse) {
+    EXPECT_EQ(RunFailing("control"), 0);
+
+    EXPECT_THAT(Steps(), ElementsAreArray(UpTo("+power", {"-power", "-manager", "-server"})));
+}
+
+TEST_F(Daemon, AnInterruptedThreadIsReportedAsSuch) {
+    EXPECT_EQ(RunFailing("server", true), 0);
+
+    EXPECT_THAT(Steps(), ElementsAreArray(UpTo("file log on", {})));
+    EXPECT_EQ(Messages().back(), "boost::thread_interrupted");
+    EXPECT_EQ(fakes::dlog::Find("boost::thread_interrupted").priority, DLOG_PRIORITY_ERROR);
+}
+
+}  // namespace
