@@ -238,14 +238,17 @@ class Daemon:
         return status
 
 
-@pytest.fixture
-def machine():
+def new_machine():
     # Not pytest's tmp_path: a unix socket's path has room for 107 bytes only.
     folder = pathlib.Path(tempfile.mkdtemp(prefix="zol-", dir="/tmp"))
     machine = Machine(folder)
     yield machine
     machine.close()
     shutil.rmtree(folder, ignore_errors=True)
+
+
+machine = pytest.fixture(new_machine, name="machine")
+other_machine = pytest.fixture(new_machine, name="other_machine")
 
 
 @pytest.fixture

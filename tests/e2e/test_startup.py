@@ -1,8 +1,10 @@
-"""The order in which the daemon builds its objects, as its log tells it."""
+"""How the daemon comes up, once on each device, and ends."""
 import os
 import signal
+import subprocess
 
-from conftest import int_rule, policy
+import pytest
+from conftest import BIN, DEADLINE, HANDOVER_KEY, int_rule, policy
 
 KEY = "db/menu/picture/backlight"
 
@@ -70,4 +72,68 @@ def test_signals_behind_the_first_one_leave_the_teardown_and_its_status_alone(ma
 
     assert daemon.process.returncode == 0, daemon.output()
     machine.wait_log("Destroyed")
+    assert daemon.stop() == 0
+
+
+@pytest.mark.parametrize("how", [signal.SIGTERM, signal.SIGINT, signal.SIGHUP])
+def test_each_of_its_signals_ends_the_daemon_in_order(machine, how):
+    daemon = machine.start_daemon()
+
+    assert daemon.stop(how) == 0
+
+
+def run(machine, *arguments, program="zol_daemon"):
+    return subprocess.run([BIN / program, *arguments], env=machine.env, capture_output=True, text=True,
+                          timeout=DEADLINE, check=False)
+
+
+@pytest.mark.parametrize("program", ["zol_daemon", "zol_daemon_steered"])
+def test_questions_are_answered_and_other_arguments_refused_without_a_daemon(machine, program):
+    helped = run(machine, "--help", program=program)
+    assert (helped.returncode, helped.stderr) == (0, "")
+    assert helped.stdout.startswith("Usage: zol_daemon ")
+
+    version = run(machine, "--version", program=program)
+    assert (version.returncode, version.stderr) == (0, "")
+    assert version.stdout.startswith("zol_daemon 1.")
+
+    for arguments in (["--hlep"], [""], ["--help", "--version"], ["start"]):
+        refused = run(machine, *arguments, program=program)
+        assert (refused.returncode, refused.stdout) == (2, "")
+        assert refused.stderr == helped.stdout
+
+    assert not list(machine.path("/var/lib").iterdir()) and not list(machine.path("/run").iterdir())
+
+
+@pytest.mark.parametrize("second", ["zol_daemon", "zol_daemon_steered"])
+def test_a_second_daemon_of_a_device_says_so_and_touches_nothing(machine, daemon, second):
+    machine.set(HANDOVER_KEY, "/tmp/zol/one", "string")
+    machine.wait_log("test mode is on")
+
+    result = run(machine, program=second)
+
+    assert result.returncode == 3
+    assert f"process {daemon.pid()} is the daemon" in result.stderr
+    assert machine.get(HANDOVER_KEY) == "/tmp/zol/one"
+    assert machine.log().count("test mode is on") == 1
+
+
+def test_a_daemon_that_was_killed_leaves_no_lock_behind(machine):
+    machine.start_daemon().stop(signal.SIGKILL)
+
+    assert machine.start_daemon().stop() == 0
+
+
+def test_devices_side_by_side_have_a_daemon_each(machine, other_machine):
+    machine.start_daemon()
+
+    assert other_machine.start_daemon().stop() == 0
+
+
+def test_without_a_place_for_its_lock_the_daemon_runs_and_says_so(machine):
+    machine.path("/run/zol/daemon.lock").mkdir(parents=True)
+
+    daemon = machine.start_daemon()
+
+    machine.wait_log("Unable to lock /run/zol/daemon.lock: ")
     assert daemon.stop() == 0
