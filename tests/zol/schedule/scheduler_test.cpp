@@ -191,8 +191,9 @@ TEST_F(Schedule, ATableThatComesDuringTheCallbackWaitsAndIsNotEmptiedWithTheOldO
 }
 
 TEST_F(Schedule, AWakeUpNeedNotWaitForTheCallback) {
-    Start([this] {
-        const auto told = std::async(std::launch::async, [this] { m_scheduler->SetLastWakeUpTime(); });
+    std::future<void> told;
+    Start([this, &told] {
+        told = std::async(std::launch::async, [this] { m_scheduler->SetLastWakeUpTime(); });
         EXPECT_EQ(told.wait_for(fakes::kPatience), std::future_status::ready);
         ++m_disabled;
     });
