@@ -143,3 +143,13 @@ def test_a_key_that_is_not_there_is_told_from_a_store_that_cannot_be_read(machin
 
     assert (missing.returncode, missing.stderr) == (1, f"zolctl: no such key: {TEXT}\n")
     assert (unreadable.returncode, unreadable.stderr) == (2, f"zolctl: cannot read {NUMBER}: Input/output error\n")
+
+
+def test_a_document_that_the_daemon_would_not_take_is_not_sent(machine, daemon):
+    document = policy(int_rule(NUMBER, "IS", 3)).ljust(4 * 1024 * 1024 + 1)
+
+    refused = machine.zolctl("policy", "push", "-", stdin=document)
+    taken = machine.zolctl("policy", "push", "-", stdin=document[:-1])
+
+    assert (refused.returncode, refused.stderr) == (2, "zolctl: - is larger than 4194304 bytes\n")
+    assert (taken.returncode, taken.stdout) == (0, "accepted\n")

@@ -12,17 +12,17 @@
 #include <string>
 #include <vector>
 
+#include "IControl.h"
 #include "TCDbusClient.h"
 #include "TCIpcSerializationUtil.h"
+#include "ZOLPolicy.h"
 #include "commands.h"
 #include "one_line.h"
 
 namespace zolctl {
 namespace {
 
-constexpr int kSetPolicy = 4;                   ///< function code of the policy-setting call
-constexpr int kAnswerTimeoutMs = 60000;         ///< applying a policy of thousands of items takes a while
-constexpr std::size_t kMaxPolicy = 16U << 20U;  ///< bytes; the daemon takes no more
+constexpr int kAnswerTimeoutMs = 60000;  ///< applying a policy of thousands of items takes a while
 
 /// The document, from a file or, for "-", standard input. Empty optional when it cannot be read or is too
 /// large.
@@ -36,15 +36,16 @@ std::optional<std::string> ReadDocument(const std::string& file) {
     std::string text;
     std::array<char, 65536> block;
     // Block by block: what never ends must not fill the memory first.
-    while (text.size() <= kMaxPolicy && (input->read(block.data(), block.size()), input->gcount() > 0)) {
+    while (text.size() <= zol::kMaxPolicyBytes &&
+           (input->read(block.data(), block.size()), input->gcount() > 0)) {
         text.append(block.data(), static_cast<std::size_t>(input->gcount()));
     }
     if (input->bad() || (file != "-" && !opened.is_open())) {
         std::cerr << "zolctl: cannot read " << OneLine(file) << '\n';
         return std::nullopt;
     }
-    if (text.size() > kMaxPolicy) {
-        std::cerr << "zolctl: " << OneLine(file) << " is larger than " << kMaxPolicy << " bytes\n";
+    if (text.size() > zol::kMaxPolicyBytes) {
+        std::cerr << "zolctl: " << OneLine(file) << " is larger than " << zol::kMaxPolicyBytes << " bytes\n";
         return std::nullopt;
     }
     return text;
@@ -75,7 +76,7 @@ int Push(const std::string& file) {
     }
     zol::TCDbusClient client(false);
     std::vector<unsigned char> reply;
-    switch (client.Call(kSetPolicy, Request(*document), reply, kAnswerTimeoutMs)) {
+    switch (client.Call(zol::IControl_FC::SET_POLICY, Request(*document), reply, kAnswerTimeoutMs)) {
         case zol::TCDbusClient::EResult::HANDLED:
             if (Accepted(reply)) {
                 std::cout << "accepted\n";
