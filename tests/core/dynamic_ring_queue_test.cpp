@@ -1,0 +1,88 @@
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "DynamicRingQueue.h"
+#include "container_fixture.h"
+#include "pass_through.h"
+
+namespace {
+
+class DynamicRingQueue : public ContainerFixture {};
+
+TEST_F(DynamicRingQueue, TakesAnyNumberAndGivesThemBackInOrder) {
+    std::vector<int> values(1000);
+    CCDynamicRingQueue queue;
+    ASSERT_TRUE(queue.Create());
+    for (int& value : values) {
+        ASSERT_TRUE(queue.Add(&value));
+    }
+    void* out = nullptr;
+    for (int& value : values) {
+        ASSERT_TRUE(queue.Get(&out, 0));
+        ASSERT_EQ(out, &value);
+    }
+    EXPECT_FALSE(queue.Get(&out, 0));
+    queue.Destroy();
+}
+
+TEST_F(DynamicRingQueue, AddingAndTakingByTurnsKeepsTheOrder) {
+    int values[6] = {};
+    CCDynamicRingQueue queue;
+    ASSERT_TRUE(queue.Create());
+    void* out = nullptr;
+    for (int i = 0; i < 6; i += 2) {
+        queue.Add(&values[i]);
+        queue.Add(&values[i + 1]);
+        EXPECT_TRUE(queue.Get(&out, 0));
+        EXPECT_EQ(out, &values[i / 2]);
+    }
+    queue.Destroy();
+}
+
+TEST_F(DynamicRingQueue, NodesLeftInItAreReleasedByDestroy) {
+    int value = 0;
+    CCDynamicRingQueue queue;
+    ASSERT_TRUE(queue.Create());
+    queue.Add(&value);
+    queue.Add(&value);
+    queue.Destroy();  // the leak check sees what stays behind
+    ASSERT_TRUE(queue.Create());
+    void* out = nullptr;
+    EXPECT_FALSE(queue.Get(&out, 0));
+    queue.Destroy();
+}
+
+TEST_F(DynamicRingQueue, AWakeUpWithoutANodeAsserts) {
+    CCDynamicRingQueue queue;
+    ASSERT_TRUE(queue.Create());
+    queue.Give();
+    void* out = nullptr;
+    EXPECT_FALSE(queue.Get(&out, 0));
+    EXPECT_EQ(fakes::dlog::Count("[core/src/RingQueue:398]"), 1);
+    queue.Destroy();
+}
+
+TEST_F(DynamicRingQueue, UsedOutOfOrderItAsserts) {
+    CCDynamicRingQueue queue;
+    void* out = nullptr;
+    EXPECT_FALSE(queue.Add(nullptr));
+    EXPECT_FALSE(queue.Get(&out, 0));
+    queue.Destroy();
+    ASSERT_TRUE(queue.Create());
+    EXPECT_FALSE(queue.Create());
+    queue.Destroy();
+    for (const char* const where : {"m [core/src/RingQueue:342]", "m [core/src/RingQueue:378]",
+                                    "m [core/src/RingQueue:325]", "!m [core/src/RingQueue:303]"}) {
+        EXPECT_EQ(Assertions(where), 1) << where;
+    }
+}
+
+TEST_F(DynamicRingQueue, AnAdderAndAReaderMayWorkAtTheSameTime) {
+    CCDynamicRingQueue queue;
+    ASSERT_TRUE(queue.Create());
+    PassThrough(queue);
+    queue.Destroy();
+}
+
+}  // namespace
