@@ -3,7 +3,6 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 
 #include "Event.h"
 #include "FixedRingQueue.h"
@@ -83,12 +82,12 @@ protected:
 
     /// Posts the event of a due timer. A full queue loses it, and the timer fires no more.
     virtual void t_SendTimerEvent(CCHandler* handler, void* timer);
-    /// Takes one event, waiting at most `timeout` milliseconds (2^32 - 1: the default timeout), and hands it
-    /// to its receiver. Always true.
+    /// Takes one event, waiting at most `timeout` milliseconds, and hands it to its receiver. When none comes
+    /// within 2^32 - 1 milliseconds it calls t_OnIdle. Always true.
     virtual bool t_ExecuteEvent(unsigned long timeout);
     /// On the task's thread before the loop; false ends the thread without a loop.
     virtual bool t_OnStart();
-    /// Nothing came within the default timeout.
+    /// Nothing came within the longest wait.
     virtual void t_OnIdle();
     /// On the task's thread after the loop.
     virtual void t_OnStop();
@@ -119,17 +118,14 @@ private:
     std::shared_ptr<TSTask> m_Record() const;
     bool m_Build(const char* name, unsigned long stackSize);
     bool m_Post(const CSEvent& event, bool sync);
-    bool m_TakeEvent(CSEvent* event, unsigned long timeout);
     void m_Unbind(CCHandler* handler);
     bool m_Loops(const TSTask& record) const;
     void m_Pause(TSTask* record);
     void m_HandleExit(const CSEvent* event);
-    void m_ReleaseSenders(TSTask* record);
     void m_DropEvents(TSTask* record);
 
-    // Guards `m` and the life of the queue against senders on other threads; the loop reads `m` without it.
-    mutable std::mutex m_lock;
+    // Changes under the queue's m_lock, which also guards the life of the queue and the binding of handlers;
+    // the loop reads it without.
     std::shared_ptr<TSTask> m;
-    std::atomic<bool> m_running{false};          // true while the loop runs
     std::atomic<unsigned long> m_loopThread{0};  // POSIX id while the thread is in its body, else 0
 };

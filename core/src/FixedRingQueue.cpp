@@ -7,7 +7,6 @@
 #include <mutex>
 #include <new>
 
-#include "Mutex.h"
 #include "RingQueueChecks.h"
 
 using ring_queue::Asserts;
@@ -15,78 +14,52 @@ using ring_queue::kHeader;
 using ring_queue::Milliseconds;
 
 struct CCFixedRingQueue::TSRecord {
-    struct TSSlot {
-        unsigned char* buffer;
-        bool valid;
-    };
-
-    std::unique_ptr<TSSlot[]> slots;
     std::unique_ptr<unsigned char[]> buffers;
+    std::unique_ptr<bool[]> valid;
     unsigned write = 0;
     unsigned read = 0;
     unsigned count = 0;
     std::size_t elementSize = 0;
-    CCMutex mutex;
-    bool lockAdd = false;
     bool lockGet = false;
-    // Guards slots and indices for the length of one copy.
-    mutable std::mutex contents;
+    unsigned keptLocks = 0;  // by refused calls of Remove
 
-    bool Allocate(std::size_t size, unsigned slotCount) {
-        if (size > SIZE_MAX / slotCount) {
+    bool Allocate(std::size_t size, unsigned slots) {
+        if (size > SIZE_MAX / slots) {
             return false;
         }
-        slots.reset(new (std::nothrow) TSSlot[slotCount]());
-        buffers.reset(new (std::nothrow) unsigned char[size * slotCount]());
-        if (slots == nullptr || buffers == nullptr) {
-            return false;
-        }
-        count = slotCount;
+        buffers.reset(new (std::nothrow) unsigned char[size * slots]());
+        valid.reset(new (std::nothrow) bool[slots]());
+        count = slots;
         elementSize = size;
-        for (unsigned i = 0; i < count; ++i) {
-            slots[i].buffer = &buffers[size * i];
-        }
-        return true;
+        return buffers != nullptr && valid != nullptr;
     }
 
     unsigned Size() const { return (write + count - read) % count; }
     // A negative index becomes one far above any size.
     bool Holds(int index) const { return static_cast<unsigned>(index) < Size(); }
-    TSSlot& At(int index) const { return slots[(read + static_cast<unsigned>(index)) % count]; }
+    unsigned Slot(int index) const { return (read + static_cast<unsigned>(index)) % count; }
+    unsigned char* Buffer(unsigned slot) const { return &buffers[elementSize * slot]; }
 
     bool Push(const void* element) {
-        const std::lock_guard<std::mutex> lock(contents);
         const unsigned next = (write + 1) % count;
         if (next == read) {
             return false;
         }
-        std::memcpy(slots[write].buffer, element, elementSize);
-        slots[write].valid = true;
+        std::memcpy(Buffer(write), element, elementSize);
+        valid[write] = true;
         write = next;
         return true;
     }
 
-    void SkipInvalid() {
-        while (read != write && !slots[read].valid) {
+    bool Pop(void* out) {
+        while (read != write && !valid[read]) {
             read = (read + 1) % count;
         }
-    }
-
-    void DropInvalidEnds() {
-        SkipInvalid();
-        while (read != write && !slots[(write + count - 1) % count].valid) {
-            write = (write + count - 1) % count;
-        }
-    }
-
-    bool Pop(void* out) {
-        const std::lock_guard<std::mutex> lock(contents);
-        SkipInvalid();
         if (read == write) {
             return false;
         }
-        std::memcpy(out, slots[read].buffer, elementSize);
-        slots[read].valid = false;
+        std::memcpy(out, Buffer(read), elementSize);
+        valid[read] = false;
         read = (read + 1) % count;
         return true;
     }
@@ -98,7 +71,7 @@ CCFixedRingQueue::~CCFixedRingQueue() {
     Asserts(m == nullptr, "!m", 62, kHeader);
 }
 
-bool CCFixedRingQueue::Create(int elementSize, unsigned count, bool lockAdd, bool lockGet) {
+bool CCFixedRingQueue::Create(int elementSize, unsigned count, bool /*lockAdd*/, bool lockGet) {
     if (!Asserts(m == nullptr, "!m", 115) || elementSize <= 0 || count == 0) {
         return false;
     }
@@ -107,11 +80,6 @@ bool CCFixedRingQueue::Create(int elementSize, unsigned count, bool lockAdd, boo
         !CCSemaphore::Create(0)) {
         return false;
     }
-    if (!record->mutex.Create()) {
-        CCSemaphore::Destroy();
-        return false;
-    }
-    record->lockAdd = lockAdd;
     record->lockGet = lockGet;
     m = record.release();
     return true;
@@ -121,7 +89,9 @@ void CCFixedRingQueue::Destroy() {
     if (!Asserts(m != nullptr, "m", 152)) {
         return;
     }
-    m->mutex.Destroy();
+    for (; m->keptLocks > 0; --m->keptLocks) {
+        m_lock.unlock();
+    }
     CCSemaphore::Destroy();
     delete m;
     m = nullptr;
@@ -131,43 +101,32 @@ bool CCFixedRingQueue::Add(const void* element) {
     if (!Asserts(m != nullptr, "m", 171)) {
         return false;
     }
-    if (m->lockAdd) {
-        m->mutex.Lock();
+    {
+        const std::lock_guard lock(m_lock);
+        if (!m->Push(element)) {
+            return false;
+        }
     }
-    const bool added = m->Push(element);
-    if (m->lockAdd) {
-        m->mutex.Unlock();
-    }
-    if (added) {
-        Give();
-    }
-    return added;
+    return Give();
 }
 
 bool CCFixedRingQueue::Get(void* out, int ms) {
-    // A wake-up may belong to an element that an earlier Get has skipped: nothing to lock for then.
-    if (!Asserts(m != nullptr, "m", 201) || !Try(Milliseconds(ms)) || Size() == 0) {
+    if (!Asserts(m != nullptr, "m", 201) || !Try(Milliseconds(ms))) {
         return false;
     }
-    if (m->lockGet) {
-        m->mutex.Lock();
-    }
-    const bool taken = m->Pop(out);
-    if (m->lockGet) {
-        m->mutex.Unlock();
-    }
-    return taken;
+    const std::lock_guard lock(m_lock);
+    return m->Pop(out);
 }
 
 bool CCFixedRingQueue::Peek(int index, void* out) {
     if (!Asserts(m != nullptr, "m", 238)) {
         return false;
     }
-    const std::lock_guard<std::mutex> lock(m->contents);
-    if (!m->Holds(index) || !m->At(index).valid) {
+    const std::lock_guard lock(m_lock);
+    if (!m->Holds(index) || !m->valid[m->Slot(index)]) {
         return false;
     }
-    std::memcpy(out, m->At(index).buffer, m->elementSize);
+    std::memcpy(out, m->Buffer(m->Slot(index)), m->elementSize);
     return true;
 }
 
@@ -175,43 +134,29 @@ bool CCFixedRingQueue::Remove(int index) {
     if (!Asserts(m != nullptr, "m", 256)) {
         return false;
     }
-    if (m->lockGet) {
-        m->mutex.Lock();
-    }
-    {
-        const std::lock_guard<std::mutex> lock(m->contents);
-        if (!m->Holds(index)) {
-            return false;  // the mutex, when taken, stays locked: callers count on the order of these two
+    const std::lock_guard lock(m_lock);
+    if (!m->Holds(index)) {
+        if (m->lockGet) {
+            m_lock.lock();  // stays: callers with lockGet count on it
+            ++m->keptLocks;
         }
-        m->At(index).valid = false;
+        return false;
     }
-    if (m->lockGet) {
-        m->mutex.Unlock();
-    }
+    m->valid[m->Slot(index)] = false;
     return true;
 }
 
-int CCFixedRingQueue::RemoveIf(Match match, const void* context) {
-    if (!Asserts(m != nullptr, "m", 256)) {
-        return 0;
+void CCFixedRingQueue::t_RemoveIf(Match match, const void* context) {
+    const std::lock_guard lock(m_lock);
+    for (unsigned slot = m->read; slot != m->write; slot = (slot + 1) % m->count) {
+        m->valid[slot] = m->valid[slot] && !match(m->Buffer(slot), context);
     }
-    const std::lock_guard<std::mutex> lock(m->contents);
-    int removed = 0;
-    for (int index = static_cast<int>(m->Size()) - 1; index >= 0; --index) {
-        TSRecord::TSSlot& slot = m->At(index);
-        if (slot.valid && match(slot.buffer, context)) {
-            slot.valid = false;
-            ++removed;
-        }
-    }
-    m->DropInvalidEnds();
-    return removed;
 }
 
 unsigned CCFixedRingQueue::Size() const {
     if (!Asserts(m != nullptr, "m", 279)) {
         return 0;
     }
-    const std::lock_guard<std::mutex> lock(m->contents);
+    const std::lock_guard lock(m_lock);
     return m->Size();
 }

@@ -23,20 +23,19 @@ bool CCTask::Create(const char* name, unsigned long stackSize) {
         !AssertAtsc3(name != nullptr, "name != NULL", kSource, 262)) {
         return false;
     }
-    m_running = false;
     std::shared_ptr<TSTask> record = MakeRecord<TSTask>();
     if (record == nullptr || record->alarm == nullptr) {
         return false;
     }
     std::copy_n(name, strnlen(name, TSTask::kNameLength), record->name.begin());
     {
-        const std::lock_guard<std::mutex> lock(m_lock);
+        const std::lock_guard lock(m_lock);
         m = record;
     }
     if (m_Build(name, stackSize)) {
         return true;
     }
-    const std::lock_guard<std::mutex> lock(m_lock);
+    const std::lock_guard lock(m_lock);
     m.reset();
     return false;
 }
@@ -69,13 +68,13 @@ void CCTask::Destroy() {
     // A task that destroys itself does not wait for its thread: the loop ends behind the current event.
     record->exit = true;
     record->handler.Destroy();
-    const std::lock_guard<std::mutex> lock(m_lock);
+    const std::lock_guard lock(m_lock);
     CCFixedRingQueue::Destroy();
     m.reset();
 }
 
 std::shared_ptr<CCTask::TSTask> CCTask::m_Record() const {
-    const std::lock_guard<std::mutex> lock(m_lock);
+    const std::lock_guard lock(m_lock);
     return m;
 }
 
@@ -84,7 +83,7 @@ void CCTask::ThreadBody() {
     const std::shared_ptr<TSTask> record = m;
     m_loopThread = SelfId();
     t_Main();
-    m_ReleaseSenders(record.get());
+    m_DropEvents(record.get());
     m_loopThread = 0;
 }
 
@@ -93,7 +92,6 @@ void CCTask::t_Main() {
     if (!t_OnStart()) {
         return;
     }
-    m_running = true;
     while (!record->exit) {
         record->tookEvent = false;
         const auto wait = static_cast<std::uint32_t>(t_InsertTimerEvent());
@@ -104,7 +102,6 @@ void CCTask::t_Main() {
             m_Pause(record.get());
         }
     }
-    m_running = false;
     t_OnStop();
 }
 
@@ -121,26 +118,14 @@ void CCTask::m_Pause(TSTask* record) {
     platform_alarm_wait(record->alarm.get(), pause);
 }
 
-bool CCTask::m_TakeEvent(CSEvent* event, unsigned long timeout) {
-    if (timeout > 0) {
-        // Waits here because the queue's own timeout is an int, which such a wait may exceed.
-        if (!CCSemaphore::Try(timeout)) {
-            return false;
-        }
-        CCSemaphore::Give();
-    }
-    return Get(event, 0);
-}
-
 bool CCTask::t_ExecuteEvent(unsigned long timeout) {
     const std::shared_ptr<TSTask> record = m;
     CSEvent event;
-    if (timeout == kNoTimeout) {
-        if (!m_TakeEvent(&event, static_cast<std::uint32_t>(record->defaultTimeout))) {
+    // Beyond the range of an int Get takes the negative number for the same wait.
+    if (!Get(&event, static_cast<int>(timeout))) {
+        if (timeout == kNoTimeout) {
             t_OnIdle();
-            return true;
         }
-    } else if (!m_TakeEvent(&event, timeout)) {
         return true;
     }
     record->tookEvent = true;

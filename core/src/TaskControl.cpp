@@ -49,6 +49,8 @@ bool CCTask::TSTask::CInternalHandler::Create(CCTask* task, TSTask* record) {
 
 void CCTask::TSTask::CInternalHandler::Destroy() {
     if (AssertAtsc3(m != nullptr, "m", kSource, 93)) {
+        const std::lock_guard lock(m_owner->m_lock);
+        m_task = nullptr;  // in one step with the rest: a ping queued behind it would never be answered
         m_owner->m_DropEvents(m);
         m = nullptr;
     }
@@ -68,14 +70,12 @@ bool CCTask::TSTask::CInternalHandler::t_OnEvent(const CSEvent* event) {
 }
 
 void CCTask::m_DropEvents(TSTask* record) {
-    const std::lock_guard<std::mutex> lock(m_lock);
+    const std::lock_guard lock(m_lock);
     record->ended = true;
-    // Under the same lock as the rest: a ping that was queued behind it would never be released.
-    CCHandler* const internal = &record->handler;
-    internal->m_task = nullptr;
     CSEvent event;
-    while (Get(&event, 0)) {
-        if (event.receiver == internal && event.type == TSTask::CInternalHandler::EVENT_PING) {
+    // The queue is gone already where a task has destroyed itself.
+    while (m != nullptr && Get(&event, 0)) {
+        if (event.receiver == &record->handler && event.type == TSTask::CInternalHandler::EVENT_PING) {
             AnswerPing(event);
         }
         if (event.sem != nullptr) {
@@ -100,7 +100,7 @@ bool CCTask::ExitLoop() {
 }
 
 bool CCTask::m_Loops(const TSTask& record) const {
-    const std::lock_guard<std::mutex> lock(m_lock);
+    const std::lock_guard lock(m_lock);
     return m != nullptr && !record.ended;
 }
 
@@ -153,7 +153,7 @@ bool CCTask::SetEventCallback(ECallbackType type, TFCallback before, TFCallback 
     if (!AssertAtsc3(FlagCreate(), "m", kSource, 439) || type != CALLBACK_EXIT) {
         return false;
     }
-    const std::lock_guard<std::mutex> lock(m_lock);
+    const std::lock_guard lock(m_lock);
     m->before = before;
     m->after = after;
     m->data = data;
@@ -165,7 +165,7 @@ bool CCTask::GetEventCallback(ECallbackType type, TFCallback* before, TFCallback
     if (!AssertAtsc3(FlagCreate(), "m", kSource, 484) || type != CALLBACK_EXIT) {
         return false;
     }
-    const std::lock_guard<std::mutex> lock(m_lock);
+    const std::lock_guard lock(m_lock);
     if (before != nullptr) {
         *before = m->before;
     }

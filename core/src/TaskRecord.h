@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <limits>
 #include <memory>
-#include <mutex>
 
 #include "Handler.h"
 #include "List.h"
@@ -53,15 +52,14 @@ struct CCTask::TSTask {
     TSTask(const TSTask&) = delete;
     TSTask& operator=(const TSTask&) = delete;
 
-    /// Makes the timer the list's current one. Null when there is none. Under `timersLock`.
+    /// Makes the timer the list's current one. Null when there is none. Under the task's m_lock.
     TSTimer* FindTimer(const CCHandler* owner, unsigned long id);
-    /// The timer that a queued event stands for; null when it has been killed. Under `timersLock`.
+    /// The timer that a queued event stands for; null when it has been killed. Under the task's m_lock.
     TSTimer* FindTimer(const CSEvent& event);
 
+    // The task's m_lock guards list and records. timerMutex is held while timer events are posted, keeps a
+    // timer from being killed meanwhile and must not be taken by those who set timers.
     CCList timers;
-    // Guards list and records for a few instructions at a time. timerMutex is held while timer events are
-    // posted and must not be taken by those who set timers.
-    std::mutex timersLock;
     std::uint32_t nextSerial = 0;
     CCMutex timerMutex;
     TFCallback before = nullptr;
@@ -69,7 +67,6 @@ struct CCTask::TSTask {
     const void* data = nullptr;
     std::atomic<bool> exit{false};
     std::array<char, kNameLength + 1> name{};
-    std::int32_t defaultTimeout = -1;
     CInternalHandler handler;
 
     // Ends the pause of an idle loop.

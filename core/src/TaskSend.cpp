@@ -10,12 +10,6 @@ bool IsForHandler(const void* element, const void* handler) {
     return static_cast<const CSEvent*>(element)->receiver == handler;
 }
 
-/// Gives the semaphore of a synchronous event.
-bool ReleaseSender(const void* element, const void* /*context*/) {
-    CCSemaphore* const sem = static_cast<const CSEvent*>(element)->sem;
-    return sem != nullptr && sem->Give();
-}
-
 }  // namespace
 
 bool CCTask::Send(CSEvent* event, bool sync) {
@@ -49,7 +43,7 @@ bool CCTask::Send(CSEvent* event, bool sync) {
 }
 
 bool CCTask::m_Post(const CSEvent& event, bool sync) {
-    const std::lock_guard<std::mutex> lock(m_lock);
+    const std::lock_guard lock(m_lock);
     if (m == nullptr || (sync && m->ended) || event.receiver->m_task != this || !Add(&event)) {
         return false;
     }
@@ -58,17 +52,9 @@ bool CCTask::m_Post(const CSEvent& event, bool sync) {
 }
 
 void CCTask::m_Unbind(CCHandler* handler) {
-    const std::lock_guard<std::mutex> lock(m_lock);
+    const std::lock_guard lock(m_lock);
     handler->m_task = nullptr;
     if (m != nullptr) {
-        RemoveIf(&IsForHandler, handler);
-    }
-}
-
-void CCTask::m_ReleaseSenders(TSTask* record) {
-    const std::lock_guard<std::mutex> lock(m_lock);
-    record->ended = true;
-    if (m != nullptr) {
-        RemoveIf(&ReleaseSender, nullptr);
+        t_RemoveIf(&IsForHandler, handler);
     }
 }

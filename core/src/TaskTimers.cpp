@@ -66,7 +66,7 @@ std::uint64_t CCTask::t_InsertTimerEvent() {
     record->nextDue = TSTask::kNothingDue;
     {
         const CCAutoLock lock(&record->timerMutex);
-        std::unique_lock<std::mutex> list(record->timersLock);
+        std::unique_lock list(m_lock);
         long index = 0;
         for (bool more = record->timers.SetPosition(IPosition::POS_HEAD, 0); more;
              more = record->timers.SetPosition(IPosition::POS_HEAD, ++index)) {
@@ -105,7 +105,7 @@ void CCTask::t_SendTimerEvent(CCHandler* handler, void* timer) {
 void CCTask::t_HandleTimerEvent(const CSEvent* event) {
     unsigned long id = 0;
     {
-        const std::lock_guard<std::mutex> list(m->timersLock);
+        const std::lock_guard list(m_lock);
         TSTimer* timer = m->FindTimer(*event);
         if (timer == nullptr) {
             return;  // killed by another thread after its event was taken from the queue
@@ -124,7 +124,7 @@ bool CCTask::t_SetTimer(CCHandler* handler, unsigned long id, unsigned long ms) 
         return false;
     }
     {
-        const std::lock_guard<std::mutex> list(record->timersLock);
+        const std::lock_guard list(m_lock);
         if (TSTimer* timer = record->FindTimer(handler, id)) {
             timer->interval = ms;
             timer->last = CCTime::Tick();
@@ -148,17 +148,14 @@ bool CCTask::t_KillTimer(CCHandler* handler, unsigned long id) {
         return false;
     }
     const CCAutoLock lock(&record->timerMutex);
-    const std::lock_guard<std::mutex> list(record->timersLock);
+    const std::lock_guard list(m_lock);
     TSTimer* timer = record->FindTimer(handler, id);
     if (timer == nullptr) {
         return false;
     }
     const TimerEvents queued{handler, timer};
-    {
-        const std::lock_guard<std::mutex> queue(m_lock);
-        if (m == record) {
-            RemoveIf(&IsEventOfTimer, &queued);
-        }
+    if (m == record) {
+        t_RemoveIf(&IsEventOfTimer, &queued);
     }
     record->timers.Remove();
     delete timer;
