@@ -7,6 +7,7 @@
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -29,8 +30,9 @@ void AwaitHandled(std::uint64_t count) {
 class TaskReceiver : public CCTask, public CCHandler {
 public:
     TaskReceiver() {
-        CCTask::Create("bench", 8192);
-        CCHandler::Create(this);
+        if (!CCTask::Create("bench", 8192) || !CCHandler::Create(this)) {
+            std::abort();
+        }
     }
     ~TaskReceiver() override {
         CCHandler::Destroy();

@@ -12,7 +12,7 @@ public:
     }
     virtual ~CCAutoLock() {
         if (m_mutex != nullptr) {
-            m_mutex->Unlock();
+            static_cast<void>(m_mutex->Unlock());  // locked by this thread above
         }
     }
     CCAutoLock(const CCAutoLock&) = delete;

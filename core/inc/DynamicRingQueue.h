@@ -13,14 +13,14 @@ public:
     CCDynamicRingQueue& operator=(const CCDynamicRingQueue&) = delete;
 
     /// False when memory or the semaphore is missing.
-    bool Create();
+    [[nodiscard]] bool Create();
     /// Frees every node, taken or not.
     void Destroy() override;
 
     /// False when there is no memory.
-    bool Add(void* value);
+    [[nodiscard]] bool Add(void* value);
     /// Takes the oldest pointer, waiting at most `ms` milliseconds. False when there is none.
-    bool Get(void** out, int ms);
+    [[nodiscard]] bool Get(void** out, int ms);
 
 private:
     struct TSNode;

@@ -31,7 +31,7 @@ public:
     virtual void Destroy();
 
     /// Binds the handler to `task`, which must outlive the binding. True; false where an assertion returned.
-    bool Create(const CCTask* task);
+    [[nodiscard]] bool Create(const CCTask* task);
     bool FlagCreate() const { return m_task.load(std::memory_order_acquire) != nullptr; }
     /// The task; asserts that the handler is bound.
     CCTask* Task() const;
@@ -39,10 +39,10 @@ public:
     /// Calls t_OnTimer(id) on the task's thread every `ms` milliseconds of the wall clock, above 0, until
     /// KillTimer. For an id that is set already the interval starts anew with `ms`. Any thread.
     /// A timer whose event finds the task's queue full, or this handler unbound, fires no more.
-    bool SetTimer(unsigned long id, unsigned long ms);
+    [[nodiscard]] bool SetTimer(unsigned long id, unsigned long ms);
     /// Ends a timer and drops its events still queued. False when there is no such timer. Any thread; from
     /// another thread than the task's a call of t_OnTimer that has begun may still be running.
-    bool KillTimer(unsigned long id);
+    [[nodiscard]] bool KillTimer(unsigned long id);
 
 private:
     std::atomic<CCTask*> m_task{nullptr};

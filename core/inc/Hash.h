@@ -19,8 +19,8 @@ public:
     /// The current node's data; null, after an assertion, when nothing is current, and null after Remove.
     const void* Data() const;
     /// Takes the current node out. False when nothing is current.
-    bool Remove();
-    bool SetPosition(EPosState state, long index) override;
+    [[nodiscard]] bool Remove();
+    [[nodiscard]] bool SetPosition(EPosState state, long index) override;
     /// Number of nodes.
     unsigned long Count() const;
     /// Releases the nodes and the table.
@@ -31,9 +31,9 @@ protected:
     /// Asserts that the table is destroyed.
     ~CCHash() override;
 
-    bool t_Create(unsigned long sizeOfTable, Keys keys);
-    bool t_Add(Key key, const void* data);
-    bool t_Find(Key key);
+    [[nodiscard]] bool t_Create(unsigned long sizeOfTable, Keys keys);
+    [[nodiscard]] bool t_Add(Key key, const void* data);
+    [[nodiscard]] bool t_Find(Key key);
     Key t_Key() const;
 
 private:

@@ -14,7 +14,7 @@ public:
     /// Moves the cursor. `index` is at least 0 from the head, at most 0 from the tail (an assertion
     /// otherwise), any sign from the current element. False in an empty container and when the way runs off
     /// the chain; the cursor then stays. An unknown state returns true and changes nothing.
-    virtual bool SetPosition(EPosState state, long index) = 0;
+    [[nodiscard]] virtual bool SetPosition(EPosState state, long index) = 0;
 
 protected:
     IPosition() = default;

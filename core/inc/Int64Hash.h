@@ -10,8 +10,8 @@ extern template class CCHash<std::uint64_t, TSInt64Keys>;
 /// As CCIntegerHash, with 64-bit keys.
 class CCInt64Hash : public CCHash<std::uint64_t, TSInt64Keys> {
 public:
-    bool Create(unsigned long sizeOfTable);
-    bool Add(std::uint64_t key, const void* data);
-    bool Find(std::uint64_t key);
+    [[nodiscard]] bool Create(unsigned long sizeOfTable);
+    [[nodiscard]] bool Add(std::uint64_t key, const void* data);
+    [[nodiscard]] bool Find(std::uint64_t key);
     std::uint64_t Key() const;
 };

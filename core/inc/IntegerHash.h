@@ -13,12 +13,12 @@ class CCIntegerHash : public CCHash<std::uint32_t, TSIntegerKeys> {
 public:
     /// @param sizeOfTable buckets wanted, 1 to 0x7fffffff; rounded up to 2 or to a prime
     /// False, after an assertion, out of range or when created before; false without memory.
-    bool Create(unsigned long sizeOfTable);
+    [[nodiscard]] bool Create(unsigned long sizeOfTable);
     /// Adds a node and makes it current. False without memory.
-    bool Add(unsigned long key, const void* data);
+    [[nodiscard]] bool Add(unsigned long key, const void* data);
     /// Makes the node with this key current. False when there is none; nothing is current any more when the
     /// key's bucket is empty.
-    bool Find(unsigned long key);
+    [[nodiscard]] bool Find(unsigned long key);
     /// The current node's key; 0, after an assertion, when nothing is current, and 0 after Remove.
     unsigned long Key() const;
 };

@@ -21,16 +21,16 @@ public:
 
     /// Links new data beside the current element and makes it current. Right after Remove it takes the
     /// removed element's place, whatever the mode. False when there is no memory.
-    bool Add(void* data, EAddMode mode);
+    [[nodiscard]] bool Add(void* data, EAddMode mode);
 
-    bool SetPosition(EPosState state, long index) override;
+    [[nodiscard]] bool SetPosition(EPosState state, long index) override;
 
     /// The current element's data; null when nothing is current or the current element has been removed.
     void* Data() const;
 
     /// Unlinks the current element; the cursor then stands in the gap, so that SetPosition(POS_CURRENT, 1)
     /// goes on with the element that followed. False when nothing is current.
-    bool Remove();
+    [[nodiscard]] bool Remove();
 
 private:
     struct TSElement {

@@ -103,7 +103,7 @@ inline void AssertExit(bool holds, const char* expression, const char* source, i
 
 /// Logs the check that failed when `passed` is false. Returns `passed`: the caller releases what it has
 /// built so far and fails.
-inline bool _CHECK(bool passed, const char* expression, const char* source, int line) {
+[[nodiscard]] inline bool _CHECK(bool passed, const char* expression, const char* source, int line) {
     if (!passed) {
         _PRINT(LOG_TYPE_E, "_CHECK FAIL: %s:%d, %s", source, line, expression);
     }
@@ -112,9 +112,9 @@ inline bool _CHECK(bool passed, const char* expression, const char* source, int 
 
 /// True when `path` is canonical already: absolute, no links, no "." or ".." in it. Says on standard output
 /// why not. `path` is opened as it is: map a device path first.
-bool check_realpath(const char* path);
+[[nodiscard]] bool check_realpath(const char* path);
 
 /// Opens a file through a canonical path only; null otherwise, also for a link. A path that does not exist
 /// is handed to fopen, so that `mode` may create the file. `path` is opened as it is: map a device path
 /// first. The caller owns the stream.
-std::FILE* fopen_with_realpath(const char* path, const char* mode);
+[[nodiscard]] std::FILE* fopen_with_realpath(const char* path, const char* mode);

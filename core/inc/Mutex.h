@@ -14,15 +14,15 @@ public:
     virtual void Destroy();
 
     /// False when the platform refuses it; nothing is left behind then.
-    bool Create();
+    [[nodiscard]] bool Create();
     bool FlagCreate() const { return m != nullptr; }
 
     /// Waits without limit; the holder may lock again and unlocks as often. True.
     bool Lock();
     /// Waits like CCSemaphore::Try; false when somebody else held it all the time.
-    bool Try(unsigned long milliseconds);
+    [[nodiscard]] bool Try(unsigned long milliseconds);
     /// False, and nothing changes, when the caller does not hold it.
-    bool Unlock();
+    [[nodiscard]] bool Unlock();
     /// POSIX id of the holder, 0 when free. Out of date the moment it returns, unless the caller holds it.
     unsigned long LockerId() const;
 

@@ -16,28 +16,28 @@ public:
     CCPointerArray& operator=(const CCPointerArray&) = delete;
 
     /// Appends. False when there is no memory.
-    bool Add(void* element);
+    [[nodiscard]] bool Add(void* element);
     /// Puts an element in front of the one at `index` (at the end when `index` is the size). False out of
     /// range or when there is no memory.
-    bool Insert(int index, void* element);
+    [[nodiscard]] bool Insert(int index, void* element);
     /// Replaces the element at `index`, which leaves through the callback when it is not null; otherwise one
     /// is added to the valid count. An index behind the end makes the array longer, null in between. False
     /// when the index is negative or there is no memory.
-    bool Set(int index, void* element);
+    [[nodiscard]] bool Set(int index, void* element);
     /// The element leaves through the callback and those behind it move down. The valid count stays. False,
     /// after an assertion, out of range.
-    bool RemoveAt(int index);
+    [[nodiscard]] bool RemoveAt(int index);
     /// Every element that is not null leaves through the callback; the storage goes back to four slots. An
     /// assertion when there are elements and no callback.
     bool RemoveAll();
     /// Appends all of the other array's elements and leaves it with none; no callback runs. False for null,
     /// for the array itself and when there is no memory.
-    bool Merge(CCPointerArray* other);
+    [[nodiscard]] bool Merge(CCPointerArray* other);
 
     /// The element at `index`; null, after an assertion, out of range.
     void* Data(int index) const;
     /// The element at `index` in `out` (which may be null). False out of range.
-    bool GetAt(int index, void** out) const;
+    [[nodiscard]] bool GetAt(int index, void** out) const;
 
     /// Elements added by Set into slots that were null.
     int ValidCount() const { return m_validCount; }

@@ -13,14 +13,14 @@ public:
     CCRingQueue& operator=(const CCRingQueue&) = delete;
 
     /// False when `count` is 0 or memory or the semaphore is missing.
-    bool Create(unsigned count);
+    [[nodiscard]] bool Create(unsigned count);
     /// Pointers still queued are dropped.
     void Destroy() override;
 
     /// False when the queue is full.
-    bool Add(void* value);
+    [[nodiscard]] bool Add(void* value);
     /// Takes the oldest pointer, waiting at most `ms` milliseconds. False when there is none.
-    bool Get(void** out, int ms);
+    [[nodiscard]] bool Get(void** out, int ms);
 
 private:
     struct TSRecord;

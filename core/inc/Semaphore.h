@@ -16,7 +16,7 @@ public:
     virtual void Destroy();
 
     /// False when the platform refuses it; nothing is left behind then.
-    bool Create(std::uint32_t value);
+    [[nodiscard]] bool Create(std::uint32_t value);
     bool FlagCreate() const { return m != nullptr; }
 
     /// Waits without limit. True.
@@ -24,7 +24,7 @@ public:
     /// Waits at most this long on the wall clock; 0 returns at once. False when it could not be taken in
     /// time. Also false at once, without waiting, when the milliseconds behind the full second of the wait
     /// and of the wall clock add up to a second or more: the deadline is built without a carry.
-    bool Try(unsigned long milliseconds);
+    [[nodiscard]] bool Try(unsigned long milliseconds);
     /// True.
     bool Give();
 

@@ -13,10 +13,10 @@ public:
     static constexpr unsigned long kNulTerminated = static_cast<unsigned long>(-1);
 
     /// @param keyLength bytes of every key, or kNulTerminated
-    bool Create(unsigned long sizeOfTable, unsigned long keyLength);
+    [[nodiscard]] bool Create(unsigned long sizeOfTable, unsigned long keyLength);
     /// False without memory.
-    bool Add(const void* key, const void* data);
-    bool Find(const void* key);
+    [[nodiscard]] bool Add(const void* key, const void* data);
+    [[nodiscard]] bool Find(const void* key);
     /// The current node's copy of its key; null after Remove.
     const void* Key() const;
 };

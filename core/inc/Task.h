@@ -42,7 +42,7 @@ public:
     /// @param name      kept up to 16 characters; not null
     /// @param stackSize bytes asked for; see CCThread::kStackFloor
     /// False when something could not be created; that is logged and everything is undone.
-    bool Create(const char* name, unsigned long stackSize);
+    [[nodiscard]] bool Create(const char* name, unsigned long stackSize);
     bool FlagCreate() const { return m_Record() != nullptr; }
     /// Waits for the thread to end, so ExitLoop must have been called, and releases everything. Events still
     /// queued are dropped.
@@ -55,12 +55,12 @@ public:
     /// that has ended takes no more synchronous events (false). Two tasks that send to each other
     /// synchronously block for ever, and so does the sender of a synchronous event that is dropped because
     /// CCHandler::Destroy unbinds its receiver first.
-    static bool Send(CSEvent* event, bool sync);
+    [[nodiscard]] static bool Send(CSEvent* event, bool sync);
 
     /// True when the task has got to this request within `ms` milliseconds (CCSemaphore::Try). From the
     /// task's own thread it cannot.
-    bool Ping(unsigned long ms);
-    static bool Ping(CCTask* task, unsigned long ms);
+    [[nodiscard]] bool Ping(unsigned long ms);
+    [[nodiscard]] static bool Ping(CCTask* task, unsigned long ms);
 
     /// POSIX id of the thread; all bits set once it has ended.
     unsigned long Id() const;
@@ -68,9 +68,11 @@ public:
     const char* Name() const;
 
     /// Sets or clears (null) both callbacks. False for any type but CALLBACK_EXIT; nothing changes then.
-    bool SetEventCallback(ECallbackType type, TFCallback before, TFCallback after, const void* data);
+    [[nodiscard]] bool SetEventCallback(ECallbackType type, TFCallback before, TFCallback after,
+                                        const void* data);
     /// Reads them; null outputs are skipped. False for any type but CALLBACK_EXIT.
-    bool GetEventCallback(ECallbackType type, TFCallback* before, TFCallback* after, const void** data) const;
+    [[nodiscard]] bool GetEventCallback(ECallbackType type, TFCallback* before, TFCallback* after,
+                                        const void** data) const;
 
 protected:
     friend class CCHandler;
@@ -107,8 +109,8 @@ protected:
     std::uint64_t t_InsertTimerEvent();
     /// Hands a timer event to its receiver, unless the timer has been killed meanwhile.
     void t_HandleTimerEvent(const CSEvent* event);
-    bool t_SetTimer(CCHandler* handler, unsigned long id, unsigned long ms);
-    bool t_KillTimer(CCHandler* handler, unsigned long id);
+    [[nodiscard]] bool t_SetTimer(CCHandler* handler, unsigned long id, unsigned long ms);
+    [[nodiscard]] bool t_KillTimer(CCHandler* handler, unsigned long id);
 
 private:
     struct TSTask;

@@ -36,7 +36,7 @@ public:
     /// @param name      kept up to 16 characters, of which the kernel shows 15; not null
     /// @param stackSize bytes asked for; see kStackFloor
     /// False when the thread cannot be started; nothing is left behind then.
-    bool Create(const char* name, unsigned long stackSize);
+    [[nodiscard]] bool Create(const char* name, unsigned long stackSize);
     bool FlagCreate() const { return m != nullptr; }
 
     /// POSIX id of the thread; all bits set once the body has returned.
@@ -48,9 +48,9 @@ public:
     /// The priority that was set last; PRIORITY_NORMAL at first.
     EPriorityType Priority() const;
     /// Waits until the thread has started. False when the system refuses it.
-    bool SetPriority(EPriorityType priority);
+    [[nodiscard]] bool SetPriority(EPriorityType priority);
     /// The same for the calling thread, whatever made it.
-    static bool SetSelfPriority(EPriorityType priority);
+    [[nodiscard]] static bool SetSelfPriority(EPriorityType priority);
 
 private:
     friend void TCThreadRun(void* thread);

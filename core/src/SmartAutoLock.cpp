@@ -74,7 +74,7 @@ CSmartAutoLock::~CSmartAutoLock() {
     }
     // Both in one: once it is unlocked the mutex may be destroyed, and the watchdog must not look at it then.
     const std::lock_guard<std::mutex> guard(Registry::The().mutex);
-    m_mutex->Unlock();
+    static_cast<void>(m_mutex->Unlock());  // locked by this thread in the constructor
     Registry::The().Remove(this);
     g_source_remove(m_sourceId);
 }

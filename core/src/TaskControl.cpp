@@ -109,7 +109,8 @@ void CCTask::m_HandleExit(const CSEvent* event) {
     TFCallback before = nullptr;
     TFCallback after = nullptr;
     const void* data = nullptr;
-    GetEventCallback(CALLBACK_EXIT, &before, &after, &data);
+    // Cannot fail: the task exists and the type is right.
+    static_cast<void>(GetEventCallback(CALLBACK_EXIT, &before, &after, &data));
     if (before != nullptr && !before(event, data)) {
         _PRINT(LOG_TYPE_E, "Before callback for CALLBACK_EXIT failed");
     }

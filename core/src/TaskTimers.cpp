@@ -53,7 +53,7 @@ CCTask::TSTimer* CCTask::TSTask::FindTimer(const CSEvent& event) {
 CCTask::TSTask::~TSTask() {
     while (timers.SetPosition(IPosition::POS_HEAD, 0)) {
         delete static_cast<TSTimer*>(timers.Data());
-        timers.Remove();
+        static_cast<void>(timers.Remove());  // what the loop stands on
     }
     if (timerMutex.FlagCreate()) {
         timerMutex.Destroy();
@@ -99,7 +99,7 @@ void CCTask::t_SendTimerEvent(CCHandler* handler, void* timer) {
     event.isTimer = true;
     event.param.l[1] = static_cast<long>(static_cast<const TSTimer*>(timer)->serial);
     event.param.p = timer;
-    Send(&event, false);
+    static_cast<void>(Send(&event, false));  // a full queue loses the event
 }
 
 void CCTask::t_HandleTimerEvent(const CSEvent* event) {
@@ -130,7 +130,8 @@ bool CCTask::t_SetTimer(CCHandler* handler, unsigned long id, unsigned long ms) 
             timer->last = CCTime::Tick();
         } else {
             timer = new (std::nothrow) TSTimer{handler, id, ms, CCTime::Tick(), false, record->nextSerial++};
-            record->timers.SetPosition(IPosition::POS_TAIL, 0);
+            // False for an empty list, whose first element needs no place.
+            static_cast<void>(record->timers.SetPosition(IPosition::POS_TAIL, 0));
             if (timer == nullptr || !record->timers.Add(timer, CCList::ADD_AFTER)) {
                 delete timer;
                 return false;
@@ -157,7 +158,7 @@ bool CCTask::t_KillTimer(CCHandler* handler, unsigned long id) {
     if (m == record) {
         t_RemoveIf(&IsEventOfTimer, &queued);
     }
-    record->timers.Remove();
+    static_cast<void>(record->timers.Remove());  // FindTimer has made it the current one
     delete timer;
     return true;
 }

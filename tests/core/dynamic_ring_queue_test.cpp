@@ -32,8 +32,8 @@ TEST_F(DynamicRingQueue, AddingAndTakingByTurnsKeepsTheOrder) {
     ASSERT_TRUE(queue.Create());
     void* out = nullptr;
     for (int i = 0; i < 6; i += 2) {
-        queue.Add(&values[i]);
-        queue.Add(&values[i + 1]);
+        EXPECT_TRUE(queue.Add(&values[i]));
+        EXPECT_TRUE(queue.Add(&values[i + 1]));
         EXPECT_TRUE(queue.Get(&out, 0));
         EXPECT_EQ(out, &values[i / 2]);
     }
@@ -44,8 +44,8 @@ TEST_F(DynamicRingQueue, NodesLeftInItAreReleasedByDestroy) {
     int value = 0;
     CCDynamicRingQueue queue;
     ASSERT_TRUE(queue.Create());
-    queue.Add(&value);
-    queue.Add(&value);
+    EXPECT_TRUE(queue.Add(&value));
+    EXPECT_TRUE(queue.Add(&value));
     queue.Destroy();  // the leak check sees what stays behind
     ASSERT_TRUE(queue.Create());
     void* out = nullptr;

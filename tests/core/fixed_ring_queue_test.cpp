@@ -251,7 +251,7 @@ TEST_F(FixedRingQueue, AddAndGetNeverAllocate) {
     };
     EXPECT_EQ(allocationsOf([&] { EXPECT_TRUE(queue.Add(&event)); }), 0U);
     // The clock of the tests keeps a list of who waits; a bare wait shows its share.
-    const unsigned long waiting = allocationsOf([&] { semaphore.Try(0); });
+    const unsigned long waiting = allocationsOf([&] { EXPECT_TRUE(semaphore.Try(0)); });
     EXPECT_EQ(allocationsOf([&] { EXPECT_TRUE(queue.Get(&event, 0)); }), waiting);
     EXPECT_EQ(queue.Size(), 0U);
     EXPECT_GT(allocationsOf([] { ::operator delete(::operator new(1)); }), 0U) << "the counter counts";

@@ -41,9 +41,9 @@ protected:
     /// front of the key of bucket 1 otherwise.
     bool MakesBuckets(unsigned long request, unsigned long buckets) {
         Create(request);
-        m_hash.Add(Top(0), nullptr);
-        m_hash.Add(Top(1), nullptr);
-        m_hash.Add(Top(buckets), nullptr);
+        EXPECT_TRUE(m_hash.Add(Top(0), nullptr));
+        EXPECT_TRUE(m_hash.Add(Top(1), nullptr));
+        EXPECT_TRUE(m_hash.Add(Top(buckets), nullptr));
         const std::vector<unsigned long> keys = Walk();
         m_hash.Destroy();
         m_created = false;
@@ -78,8 +78,8 @@ TEST_F(IntegerHash, OtherRequestsMakeTheNextPrime) {
 
 TEST_F(IntegerHash, OfTwoNodesWithOneKeyTheNewerIsFoundFirst) {
     Create(10);
-    m_hash.Add(7, &m_first);
-    m_hash.Add(7, &m_second);
+    EXPECT_TRUE(m_hash.Add(7, &m_first));
+    EXPECT_TRUE(m_hash.Add(7, &m_second));
     EXPECT_EQ(m_hash.Count(), 2U);
     EXPECT_TRUE(m_hash.Find(7));
     EXPECT_EQ(m_hash.Data(), &m_second);
@@ -92,7 +92,7 @@ TEST_F(IntegerHash, OfTwoNodesWithOneKeyTheNewerIsFoundFirst) {
 TEST_F(IntegerHash, AWalkContinuesWithTheSuccessorOfARemovedNode) {
     Create(10);
     for (unsigned long i = 0; i < 5; ++i) {
-        m_hash.Add(Top(i), nullptr);
+        EXPECT_TRUE(m_hash.Add(Top(i), nullptr));
     }
     ASSERT_TRUE(m_hash.Find(Top(2)));
     EXPECT_TRUE(m_hash.Remove());
@@ -103,22 +103,22 @@ TEST_F(IntegerHash, AWalkContinuesWithTheSuccessorOfARemovedNode) {
 
 TEST_F(IntegerHash, ANegativeStepFromTheHeadAsserts) {
     Create(10);
-    m_hash.Add(1, nullptr);
+    EXPECT_TRUE(m_hash.Add(1, nullptr));
     EXPECT_FALSE(m_hash.SetPosition(IPosition::POS_HEAD, -1));
     EXPECT_EQ(Assertions("index >= 0 [core/src/IntegerHash:196]"), 1);
 }
 
 TEST_F(IntegerHash, APositiveStepFromTheTailAsserts) {
     Create(10);
-    m_hash.Add(1, nullptr);
+    EXPECT_TRUE(m_hash.Add(1, nullptr));
     EXPECT_FALSE(m_hash.SetPosition(IPosition::POS_TAIL, 1));
     EXPECT_EQ(Assertions("index <= 0 [core/src/IntegerHash:243]"), 1);
 }
 
 TEST_F(IntegerHash, AnUnknownPositionStateChangesNothing) {
     Create(10);
-    m_hash.Add(Top(1), nullptr);
-    m_hash.Add(Top(2), nullptr);
+    EXPECT_TRUE(m_hash.Add(Top(1), nullptr));
+    EXPECT_TRUE(m_hash.Add(Top(2), nullptr));
     EXPECT_TRUE(m_hash.SetPosition(static_cast<IPosition::EPosState>(3), 1));
     EXPECT_EQ(m_hash.Key(), Top(2));
 }
@@ -126,7 +126,7 @@ TEST_F(IntegerHash, AnUnknownPositionStateChangesNothing) {
 TEST_F(IntegerHash, NodesAreVisitedBucketByBucketNewestFirst) {
     Create(10);
     for (const unsigned long byte : {20UL, 3UL, 9UL, 14UL, 25UL}) {
-        m_hash.Add(Top(byte), nullptr);
+        EXPECT_TRUE(m_hash.Add(Top(byte), nullptr));
     }
     EXPECT_EQ(Walk(), Keys({Top(25), Top(14), Top(3), Top(9), Top(20)}));
     EXPECT_TRUE(m_hash.SetPosition(IPosition::POS_TAIL, -1));
@@ -135,8 +135,8 @@ TEST_F(IntegerHash, NodesAreVisitedBucketByBucketNewestFirst) {
 
 TEST_F(IntegerHash, AMissInAFilledBucketKeepsTheCursorAndInAnEmptyOneClearsIt) {
     Create(10);
-    m_hash.Add(Top(1), &m_first);
-    m_hash.Add(Top(2), &m_second);
+    EXPECT_TRUE(m_hash.Add(Top(1), &m_first));
+    EXPECT_TRUE(m_hash.Add(Top(2), &m_second));
     EXPECT_FALSE(m_hash.Find(Top(12)));
     EXPECT_EQ(m_hash.Data(), &m_second);
     EXPECT_FALSE(m_hash.Find(Top(5)));
@@ -150,7 +150,7 @@ TEST_F(IntegerHash, AMissInAFilledBucketKeepsTheCursorAndInAnEmptyOneClearsIt) {
 TEST_F(IntegerHash, RemoveNeedsACurrentNode) {
     Create(10);
     EXPECT_FALSE(m_hash.Remove());
-    m_hash.Add(1, &m_first);
+    EXPECT_TRUE(m_hash.Add(1, &m_first));
     EXPECT_TRUE(m_hash.Remove());
     EXPECT_FALSE(m_hash.Remove()) << "the cursor stands in the gap";
     EXPECT_EQ(m_hash.Data(), nullptr);
@@ -161,12 +161,12 @@ TEST_F(IntegerHash, RemoveNeedsACurrentNode) {
 TEST_F(IntegerHash, RemovingTheFirstOfARunLeavesTheRestFindable) {
     Create(10);
     for (const unsigned long byte : {1UL, 12UL, 23UL}) {
-        m_hash.Add(Top(byte), nullptr);
+        EXPECT_TRUE(m_hash.Add(Top(byte), nullptr));
     }
     ASSERT_TRUE(m_hash.Find(Top(23)));
-    m_hash.Remove();
+    EXPECT_TRUE(m_hash.Remove());
     ASSERT_TRUE(m_hash.Find(Top(1)));
-    m_hash.Remove();
+    EXPECT_TRUE(m_hash.Remove());
     EXPECT_TRUE(m_hash.Find(Top(12)));
     EXPECT_FALSE(m_hash.Find(Top(1)));
     EXPECT_EQ(Walk(), Keys({Top(12)}));
@@ -179,7 +179,7 @@ TEST_F(IntegerHash, HoldsManyKeysAgainstAnOrdinaryMap) {
     std::uint32_t key = 12345;
     for (const int& value : values) {
         key = key * 1664525U + 1013904223U;
-        m_hash.Add(key, &value);
+        EXPECT_TRUE(m_hash.Add(key, &value));
         model[key] = &value;
         if (key % 3 == 0) {
             ASSERT_TRUE(m_hash.Find(key));
@@ -229,8 +229,8 @@ TEST_F(IntegerHash, DestructedAfterDestroyItDoesNotAssert) {
 
 TEST_F(IntegerHash, DestroyReleasesNodesThatAreLeft) {
     Create(5);
-    m_hash.Add(1, nullptr);
-    m_hash.Add(2, nullptr);
+    EXPECT_TRUE(m_hash.Add(1, nullptr));
+    EXPECT_TRUE(m_hash.Add(2, nullptr));
     m_hash.Destroy();
     Create(5);
     EXPECT_EQ(m_hash.Count(), 0U);
@@ -238,7 +238,7 @@ TEST_F(IntegerHash, DestroyReleasesNodesThatAreLeft) {
 
 TEST_F(IntegerHash, KeysAre32BitsWide) {
     Create(5);
-    m_hash.Add(0xFFFFFFFFUL, &m_first);
+    EXPECT_TRUE(m_hash.Add(0xFFFFFFFFUL, &m_first));
     EXPECT_TRUE(m_hash.Find(static_cast<unsigned long>(-1)));
     EXPECT_EQ(m_hash.Key(), 0xFFFFFFFFUL);
 }
@@ -251,8 +251,8 @@ TEST_F(Int64Hash, TellsKeysApartByTheirHighWord) {
     const int high = 0;
     CCInt64Hash hash;
     ASSERT_TRUE(hash.Create(10));
-    hash.Add(7, &low);
-    hash.Add(kHigh, &high);
+    EXPECT_TRUE(hash.Add(7, &low));
+    EXPECT_TRUE(hash.Add(kHigh, &high));
     ASSERT_TRUE(hash.Find(7));
     EXPECT_EQ(hash.Data(), &low);
     ASSERT_TRUE(hash.Find(kHigh));
@@ -267,9 +267,9 @@ TEST_F(Int64Hash, HashesAllEightBytes) {
     CCInt64Hash hash;
     ASSERT_TRUE(hash.Create(10));
     for (const std::uint64_t byte : {0ULL, 1ULL, 11ULL}) {
-        hash.Add(byte << 56U, nullptr);
+        EXPECT_TRUE(hash.Add(byte << 56U, nullptr));
     }
-    hash.SetPosition(IPosition::POS_HEAD, 0);
+    EXPECT_TRUE(hash.SetPosition(IPosition::POS_HEAD, 0));
     EXPECT_EQ(hash.Key(), 11ULL << 56U) << "in front of key 0, in bucket 0 of 11";
     hash.Destroy();
 }
@@ -281,7 +281,7 @@ TEST_F(StringHash, KeepsACopyOfEachKey) {
     ASSERT_TRUE(hash.Create(10, CCStringHash::kNulTerminated));
     std::string key = "volume";
     const int data = 0;
-    hash.Add(key.c_str(), &data);
+    EXPECT_TRUE(hash.Add(key.c_str(), &data));
     key = "changed";
     EXPECT_FALSE(hash.Find("changed"));
     ASSERT_TRUE(hash.Find("volume"));
@@ -297,13 +297,13 @@ TEST_F(StringHash, KeepsACopyOfEachKey) {
 TEST_F(StringHash, ComparesExactlyTheKeyLengthWhenThereIsOne) {
     CCStringHash hash;
     ASSERT_TRUE(hash.Create(10, 3));
-    hash.Add("ab\0tail", nullptr);
+    EXPECT_TRUE(hash.Add("ab\0tail", nullptr));
     EXPECT_TRUE(hash.Find("ab\0other"));
-    hash.Add("abc", nullptr);
+    EXPECT_TRUE(hash.Add("abc", nullptr));
     EXPECT_TRUE(hash.Find("abcd"));
     EXPECT_FALSE(hash.Find("abd"));
     while (hash.SetPosition(IPosition::POS_HEAD, 0)) {
-        hash.Remove();
+        EXPECT_TRUE(hash.Remove());
     }
     hash.Destroy();
 }
@@ -313,12 +313,12 @@ TEST_F(StringHash, HashesTheBytesInOrder) {
     ASSERT_TRUE(hash.Create(10, CCStringHash::kNulTerminated));
     // 'B' is 66, a multiple of 11; "!" is 33, another; "B" and "!" share a bucket and 'C' has the next one.
     for (const char* const key : {"C", "B", "!"}) {
-        hash.Add(key, nullptr);
+        EXPECT_TRUE(hash.Add(key, nullptr));
     }
     std::vector<std::string> keys;
     while (hash.SetPosition(IPosition::POS_HEAD, 0)) {
         keys.emplace_back(static_cast<const char*>(hash.Key()));
-        hash.Remove();
+        EXPECT_TRUE(hash.Remove());
     }
     EXPECT_EQ(keys, std::vector<std::string>({"!", "B", "C"}));
     hash.Destroy();
@@ -329,8 +329,8 @@ using StringHashDeathTest = StringHash;
 TEST_F(StringHashDeathTest, DestroyedWithNodesLeftItEndsTheProcess) {
     const auto destroyFull = [] {
         CCStringHash hash;
-        hash.Create(10, CCStringHash::kNulTerminated);
-        hash.Add("left", nullptr);
+        EXPECT_TRUE(hash.Create(10, CCStringHash::kNulTerminated));
+        EXPECT_TRUE(hash.Add("left", nullptr));
         hash.Destroy();
     };
     EXPECT_EXIT(Reporting(destroyFull), testing::ExitedWithCode(0),

@@ -11,14 +11,14 @@ class List : public ContainerFixture {
 protected:
     ~List() override {
         while (m_list.SetPosition(IPosition::POS_HEAD, 0)) {
-            m_list.Remove();
+            EXPECT_TRUE(m_list.Remove());
         }
     }
 
     /// Adds 0, 1, 2... up to `count` at the tail.
     void Fill(int count) {
         for (int i = 0; i < count; ++i) {
-            m_list.SetPosition(IPosition::POS_TAIL, 0);
+            static_cast<void>(m_list.SetPosition(IPosition::POS_TAIL, 0));  // false while it is empty
             ASSERT_TRUE(m_list.Add(&m_values[i], CCList::ADD_AFTER));
         }
     }
@@ -47,20 +47,20 @@ TEST_F(List, TheFirstElementIsHeadTailAndCurrent) {
 }
 
 TEST_F(List, AddsBehindAndInFrontOfTheCurrentElement) {
-    m_list.Add(&m_values[0], CCList::ADD_AFTER);
-    m_list.Add(&m_values[2], CCList::ADD_AFTER);
-    m_list.Add(&m_values[1], CCList::ADD_BEFORE);
+    EXPECT_TRUE(m_list.Add(&m_values[0], CCList::ADD_AFTER));
+    EXPECT_TRUE(m_list.Add(&m_values[2], CCList::ADD_AFTER));
+    EXPECT_TRUE(m_list.Add(&m_values[1], CCList::ADD_BEFORE));
     EXPECT_EQ(Current(), 1);
-    m_list.SetPosition(IPosition::POS_HEAD, 0);
-    m_list.Add(&m_values[4], CCList::ADD_BEFORE);
-    m_list.SetPosition(IPosition::POS_HEAD, 1);
-    m_list.Add(&m_values[5], CCList::ADD_AFTER);
+    EXPECT_TRUE(m_list.SetPosition(IPosition::POS_HEAD, 0));
+    EXPECT_TRUE(m_list.Add(&m_values[4], CCList::ADD_BEFORE));
+    EXPECT_TRUE(m_list.SetPosition(IPosition::POS_HEAD, 1));
+    EXPECT_TRUE(m_list.Add(&m_values[5], CCList::ADD_AFTER));
     EXPECT_EQ(Walk(), Seen({4, 0, 5, 1, 2}));
 }
 
 TEST_F(List, AWalkContinuesWithTheSuccessorOfARemovedElement) {
     Fill(4);
-    m_list.SetPosition(IPosition::POS_HEAD, 1);
+    EXPECT_TRUE(m_list.SetPosition(IPosition::POS_HEAD, 1));
     EXPECT_TRUE(m_list.Remove());
     EXPECT_TRUE(m_list.SetPosition(IPosition::POS_CURRENT, 1));
     EXPECT_EQ(Current(), 2);
@@ -69,8 +69,8 @@ TEST_F(List, AWalkContinuesWithTheSuccessorOfARemovedElement) {
 
 TEST_F(List, AWalkMayGoBackFromARemovedElement) {
     Fill(3);
-    m_list.SetPosition(IPosition::POS_TAIL, -1);
-    m_list.Remove();
+    EXPECT_TRUE(m_list.SetPosition(IPosition::POS_TAIL, -1));
+    EXPECT_TRUE(m_list.Remove());
     EXPECT_TRUE(m_list.SetPosition(IPosition::POS_CURRENT, -1));
     EXPECT_EQ(Current(), 0);
 }
@@ -90,30 +90,30 @@ TEST_F(List, EveryElementMayBeRemovedDuringTheWalk) {
 TEST_F(List, ANewElementTakesTheRemovedOnesPlaceWhateverTheMode) {
     for (const CCList::EAddMode mode : {CCList::ADD_BEFORE, CCList::ADD_AFTER}) {
         Fill(3);
-        m_list.SetPosition(IPosition::POS_HEAD, 1);
-        m_list.Remove();
-        m_list.Add(&m_values[7], mode);
+        EXPECT_TRUE(m_list.SetPosition(IPosition::POS_HEAD, 1));
+        EXPECT_TRUE(m_list.Remove());
+        EXPECT_TRUE(m_list.Add(&m_values[7], mode));
         EXPECT_EQ(Walk(), Seen({0, 7, 2}));
         while (m_list.SetPosition(IPosition::POS_HEAD, 0)) {
-            m_list.Remove();
+            EXPECT_TRUE(m_list.Remove());
         }
     }
 }
 
 TEST_F(List, ARemovedHeadOrTailIsReplacedAtItsEnd) {
     Fill(3);
-    m_list.SetPosition(IPosition::POS_HEAD, 0);
-    m_list.Remove();
-    m_list.Add(&m_values[6], CCList::ADD_AFTER);
-    m_list.SetPosition(IPosition::POS_TAIL, 0);
-    m_list.Remove();
-    m_list.Add(&m_values[7], CCList::ADD_BEFORE);
+    EXPECT_TRUE(m_list.SetPosition(IPosition::POS_HEAD, 0));
+    EXPECT_TRUE(m_list.Remove());
+    EXPECT_TRUE(m_list.Add(&m_values[6], CCList::ADD_AFTER));
+    EXPECT_TRUE(m_list.SetPosition(IPosition::POS_TAIL, 0));
+    EXPECT_TRUE(m_list.Remove());
+    EXPECT_TRUE(m_list.Add(&m_values[7], CCList::ADD_BEFORE));
     EXPECT_EQ(Walk(), Seen({6, 1, 7}));
 }
 
 TEST_F(List, ASecondRemoveOfTheSameElementIsRefused) {
     Fill(2);
-    m_list.SetPosition(IPosition::POS_HEAD, 0);
+    EXPECT_TRUE(m_list.SetPosition(IPosition::POS_HEAD, 0));
     EXPECT_TRUE(m_list.Remove());
     EXPECT_FALSE(m_list.Remove());
     EXPECT_EQ(m_list.Data(), nullptr);
@@ -130,7 +130,7 @@ TEST_F(List, AnEmptyListHasNoPositionAndNoData) {
 
 TEST_F(List, RunningOffTheEndLeavesTheCursor) {
     Fill(3);
-    m_list.SetPosition(IPosition::POS_HEAD, 1);
+    EXPECT_TRUE(m_list.SetPosition(IPosition::POS_HEAD, 1));
     EXPECT_FALSE(m_list.SetPosition(IPosition::POS_CURRENT, 2));
     EXPECT_FALSE(m_list.SetPosition(IPosition::POS_CURRENT, -2));
     EXPECT_FALSE(m_list.SetPosition(IPosition::POS_HEAD, 3));
@@ -149,7 +149,7 @@ TEST_F(List, StepsOfTheWrongSignAssert) {
 TEST_F(List, DestructedWithElementsItAsserts) {
     {
         CCList list;
-        list.Add(&m_values[0], CCList::ADD_AFTER);
+        EXPECT_TRUE(list.Add(&m_values[0], CCList::ADD_AFTER));
     }
     EXPECT_EQ(Assertions("m_size == 0 [core/src/List:14]"), 1);
 }

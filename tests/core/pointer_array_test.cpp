@@ -48,7 +48,7 @@ TEST_F(PointerArray, SettingTheTenthSlotOfANewArrayMakesRoomForTwelve) {
 TEST_F(PointerArray, GrowsByFourSlots) {
     AddAll(4);
     EXPECT_EQ(m_array.Capacity(), 4);
-    m_array.Add(&m_values[4]);
+    EXPECT_TRUE(m_array.Add(&m_values[4]));
     EXPECT_EQ(m_array.Capacity(), 8);
     EXPECT_EQ(Content(m_array), Content_({0, 1, 2, 3, 4}));
     EXPECT_EQ(m_array.ValidCount(), 0) << "only Set counts";
@@ -70,11 +70,11 @@ TEST_F(PointerArray, InsertRefusesAPlaceOutOfRange) {
 }
 
 TEST_F(PointerArray, SetLetsTheOldElementLeaveAndCountsOnlyNewOnes) {
-    m_array.Set(1, &m_values[1]);
-    m_array.Set(1, &m_values[2]);
+    EXPECT_TRUE(m_array.Set(1, &m_values[1]));
+    EXPECT_TRUE(m_array.Set(1, &m_values[2]));
     EXPECT_EQ(m_removed, std::vector<void*>({&m_values[1]}));
     EXPECT_EQ(m_array.ValidCount(), 1);
-    m_array.Set(0, &m_values[0]);
+    EXPECT_TRUE(m_array.Set(0, &m_values[0]));
     EXPECT_EQ(m_array.ValidCount(), 2);
     EXPECT_FALSE(m_array.Set(-1, &m_values[0]));
 }
@@ -84,7 +84,7 @@ TEST_F(PointerArray, RemoveAtTellsAndMovesTheTailDown) {
     EXPECT_TRUE(m_array.RemoveAt(1));
     EXPECT_EQ(m_removed, std::vector<void*>({&m_values[1]}));
     EXPECT_EQ(Content(m_array), Content_({0, 2}));
-    m_array.Set(2, &m_values[5]);
+    EXPECT_TRUE(m_array.Set(2, &m_values[5]));
     EXPECT_EQ(m_removed.size(), 1U) << "the slot behind the end held no element";
 }
 
@@ -102,14 +102,14 @@ TEST_F(PointerArray, DataOutOfRangeAsserts) {
 }
 
 TEST_F(PointerArray, RemoveAllGoesBackToTheInlineStorage) {
-    m_array.Set(9, &m_values[3]);
-    m_array.Add(&m_values[4]);
+    EXPECT_TRUE(m_array.Set(9, &m_values[3]));
+    EXPECT_TRUE(m_array.Add(&m_values[4]));
     EXPECT_TRUE(m_array.RemoveAll());
     EXPECT_EQ(m_removed, std::vector<void*>({&m_values[3], &m_values[4]})) << "null slots do not leave";
     EXPECT_EQ(m_array.Capacity(), 4);
     EXPECT_EQ(m_array.Size(), 0);
     EXPECT_EQ(m_array.ValidCount(), 0);
-    m_array.Set(3, nullptr);
+    EXPECT_TRUE(m_array.Set(3, nullptr));
     EXPECT_EQ(Content(m_array), Content_({-1, -1, -1, -1}));
 }
 
@@ -117,9 +117,9 @@ TEST_F(PointerArray, RemoveAllWithoutACallbackAsserts) {
     CCPointerArray array;
     EXPECT_TRUE(array.RemoveAll());
     EXPECT_EQ(Assertions(), 0) << "an empty array needs no callback";
-    array.Add(&m_values[0]);
+    EXPECT_TRUE(array.Add(&m_values[0]));
     EXPECT_TRUE(array.RemoveAt(0));
-    array.Add(&m_values[0]);
+    EXPECT_TRUE(array.Add(&m_values[0]));
     array.RemoveAll();
     EXPECT_EQ(Assertions("m_callback.cbRemove [core/src/PointerArray:163]"), 1);
 }
@@ -128,8 +128,8 @@ TEST_F(PointerArray, TheDestructorLetsEveryElementLeave) {
     std::vector<void*> removed;
     {
         CCPointerArray array(Removed, &removed);
-        array.Add(&m_values[0]);
-        array.Add(&m_values[1]);
+        EXPECT_TRUE(array.Add(&m_values[0]));
+        EXPECT_TRUE(array.Add(&m_values[1]));
     }
     EXPECT_EQ(removed.size(), 2U);
 }
@@ -138,12 +138,12 @@ TEST_F(PointerArray, MergeChangesOwnersWithoutTheCallback) {
     CCPointerArray other(Removed, &m_removed);
     AddAll(3);
     for (int i = 3; i < 9; ++i) {
-        other.Add(&m_values[i]);
+        EXPECT_TRUE(other.Add(&m_values[i]));
     }
     EXPECT_TRUE(m_array.Merge(&other));
     EXPECT_EQ(Content(m_array), Content_({0, 1, 2, 3, 4, 5, 6, 7, 8}));
     EXPECT_EQ(other.Size(), 0);
-    other.Set(0, &m_values[10]);
+    EXPECT_TRUE(other.Set(0, &m_values[10]));
     EXPECT_TRUE(m_removed.empty());
     EXPECT_FALSE(m_array.Merge(nullptr));
     EXPECT_FALSE(m_array.Merge(&m_array));

@@ -113,7 +113,7 @@ TEST_F(LockWatchdog, AThreadThatWaitsIsBlockedByTheHolder) {
     EXPECT_EQ(fakes::dlog::Count("[CSmartAutoLock][" + Pointer(&waiter) + "] Th[" + Hex(waiter) +
                                  "] is blocked by Th[" + Hex(ThreadId()) + "]"),
               2);
-    m_mutex.Unlock();
+    EXPECT_TRUE(m_mutex.Unlock());
     other.join();
 }
 
@@ -132,7 +132,7 @@ TEST_F(LockWatchdog, WithoutATagTheBlockedReportHasNone) {
     EXPECT_EQ(CSmartAutoLock::sm_CbTimeout(lock.Address()), TRUE);
     EXPECT_TRUE(fakes::dlog::Has("[CSmartAutoLock] Th[" + Hex(waiter) + "] is blocked by Th[" +
                                  Hex(ThreadId()) + "]"));
-    m_mutex.Unlock();
+    EXPECT_TRUE(m_mutex.Unlock());
     other.join();
 }
 

@@ -133,7 +133,7 @@ TEST_F(Task, SendingAllocatesNothing) {
     event.receiver = &m_task;
     event.type = EVENT_COUNT;
     const unsigned long before = ThreadAllocations();
-    CCTask::Send(&event, false);
+    EXPECT_TRUE(CCTask::Send(&event, false));
     EXPECT_EQ(ThreadAllocations(), before);
     m_task.gate.Open();
 }
@@ -220,7 +220,7 @@ TEST_F(Task, ExitLoopRunsTheCallbacksAroundOnExit) {
 
 TEST_F(Task, ExitCallbacksThatFailAreLoggedAndDoNotStopTheExit) {
     const auto fail = [](const CSEvent*, const void*) { return false; };
-    m_task.SetEventCallback(CCTask::CALLBACK_EXIT, fail, fail, nullptr);
+    EXPECT_TRUE(m_task.SetEventCallback(CCTask::CALLBACK_EXIT, fail, fail, nullptr));
     m_task.onExit = [] { return false; };
     m_task.Destroy();
     for (const char* line : {"Before callback for CALLBACK_EXIT failed", "CCTask::OnExit failed",

@@ -367,7 +367,7 @@ TEST_F(NotifyTask, NoPathIsLostWhenReportsAndTheCollectorMeet) {
             event.type = NOTIFY_ZOL_VCONF;
             m_notify->AddNotify(Key("db/a"), 5, "null");
             // Synchronous: each report then has a second, and so a folder, of its own.
-            CCTask::Send(&event, true);
+            EXPECT_TRUE(CCTask::Send(&event, true));
             fakes::clock::Advance(1s);
         }
     });
