@@ -7,10 +7,11 @@
 
 #include <climits>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 
 #include "Logging.h"
+#include "base/handles.h"
+#include "base/unique_fd.h"
 #include "device_path.h"
 #include "device_paths.h"
 
@@ -19,24 +20,12 @@ namespace {
 constexpr int kMaxFrames = 100;
 constexpr std::size_t kThreadNameSize = 16;  // the kernel's, terminator included
 
-struct CloseFile {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
-using FilePtr = std::unique_ptr<std::FILE, CloseFile>;
-
-struct Free {
-    void operator()(void* memory) const { std::free(memory); }
-};
-
 /// Opens an existing console: an assertion must not leave a file behind where there is none.
-FilePtr OpenConsole(const char* path) {
-    const int fd = open(path, O_WRONLY | O_TRUNC | O_NOCTTY | O_CLOEXEC);
-    if (fd < 0) {
-        return nullptr;
-    }
-    FilePtr console(fdopen(fd, "w"));
-    if (!console) {
-        close(fd);
+base::FilePtr OpenConsole(const char* path) {
+    base::UniqueFd fd(open(path, O_WRONLY | O_TRUNC | O_NOCTTY | O_CLOEXEC));
+    base::FilePtr console(fd ? fdopen(fd.Get(), "w") : nullptr);
+    if (console) {
+        static_cast<void>(fd.Release());  // the stream's now
     }
     return console;
 }
@@ -44,7 +33,7 @@ FilePtr OpenConsole(const char* path) {
 void WriteCallStack(std::FILE* console) {
     void* frames[kMaxFrames];
     const int count = backtrace(frames, kMaxFrames);
-    const std::unique_ptr<char*, Free> symbols(backtrace_symbols(frames, count));
+    const std::unique_ptr<char*, base::FreeWith<std::free>> symbols(backtrace_symbols(frames, count));
     if (!symbols) {
         return;
     }
@@ -78,7 +67,7 @@ void WriteReport(std::FILE* console, const char* expression, const char* file, i
 void CrashUnlessForgiving() {
     char path[PATH_MAX];
     device_path_map(ZOL_PATH_RELEASE_MARKER, path, sizeof(path));
-    const FilePtr marker(std::fopen(path, "rb+e"));
+    const base::FilePtr marker(std::fopen(path, "rb+e"));
     if (!marker) {
         Crash();
     }
@@ -93,7 +82,7 @@ void __ASSERT_ATSC3(const char* expression, const char* file, int line) {
     if (!check_realpath(path)) {
         return;
     }
-    if (const FilePtr console = OpenConsole(path)) {
+    if (const base::FilePtr console = OpenConsole(path)) {
         WriteReport(console.get(), expression, file, line);
     }
     CrashUnlessForgiving();
@@ -103,32 +92,4 @@ void __ASSERT(const char* expression, const char* file, int line) {
     g_print("[%s:%d] ASSERT: %s", file, line, expression);
     CrashUnlessForgiving();
     std::exit(0);
-}
-
-bool check_realpath(const char* path) {
-    // When the last part does not exist, realpath fails but leaves the path up to there: a canonical path
-    // to nothing passes.
-    char resolved[PATH_MAX + 1] = {};
-    const bool found = realpath(path, resolved) != nullptr;
-    if (std::strncmp(path, resolved, std::strlen(path)) == 0) {
-        return true;
-    }
-    if (found) {
-        std::printf("(cmp failed) err : %d, path_name : %s, resolved_path : %s\n", resolved[0], path,
-                    resolved);
-    } else {
-        std::printf("(cmp failed) path_name : %s, resolved_path : %s\n", path, resolved);
-    }
-    return false;
-}
-
-std::FILE* fopen_with_realpath(const char* path, const char* mode) {
-    if (access(path, F_OK) != 0) {
-        return std::fopen(path, mode);
-    }
-    char resolved[PATH_MAX] = {};
-    if (realpath(path, resolved) == nullptr || std::strcmp(path, resolved) != 0) {
-        return nullptr;
-    }
-    return std::fopen(path, mode);
 }

@@ -12,6 +12,7 @@
 
 #include "Cursor.h"
 #include "Hash.h"
+#include "Logging.h"
 #include "TSChain.h"
 
 /// One step of the hash over a key's bytes.
@@ -33,6 +34,9 @@ std::uint32_t HashInteger(Integer key) {
 template <class Integer>
 struct TSPlainKeys {
     static constexpr bool kMustBeEmpty = false;
+    static void Report(const char* expression, const char* source, int line) {
+        __ASSERT_ATSC3(expression, source, line);
+    }
     static std::uint32_t Hash(Integer key) { return HashInteger(key); }
     static bool Equal(Integer a, Integer b) { return a == b; }
     static bool Copy(Integer key, Integer* copy) {

@@ -3,14 +3,10 @@
 #include <cstdint>
 
 #include "HashBodies.h"
-#include "Logging.h"
 
 struct TSInt64Keys : TSPlainKeys<std::uint64_t> {
     static constexpr const char* kSource = "core/src/Int64Hash";
     static constexpr const char* kHeader = "core/inc/Int64Hash";
-    static void Report(const char* expression, const char* source, int line) {
-        __ASSERT_ATSC3(expression, source, line);
-    }
 };
 
 template class CCHash<std::uint64_t, TSInt64Keys>;

@@ -3,14 +3,10 @@
 #include <cstdint>
 
 #include "HashBodies.h"
-#include "Logging.h"
 
 struct TSIntegerKeys : TSPlainKeys<std::uint32_t> {
     static constexpr const char* kSource = "core/src/IntegerHash";
     static constexpr const char* kHeader = "core/inc/IntegerHash";
-    static void Report(const char* expression, const char* source, int line) {
-        __ASSERT_ATSC3(expression, source, line);
-    }
 };
 
 template class CCHash<std::uint32_t, TSIntegerKeys>;

@@ -13,8 +13,8 @@
 #include <ctime>
 #include <mutex>
 #include <new>
-#include <shared_mutex>
 
+#include "base/handles.h"
 #include "device_path.h"
 #include "device_paths.h"
 #include "dlog.h"
@@ -67,9 +67,8 @@ public:
 CLogInfoLoadMutex g_loadMutex;
 CLogInfo g_LogInfo;
 
-// Senders share it; whoever changes the list or closes the socket has it alone. Only lines that go out by
-// UDP pay for it.
-std::shared_mutex g_udpMutex;
+// Guards addresses and socket. Only lines that go out by UDP pay for it.
+std::mutex g_udpMutex;
 // False from Finalize to the next Initialize: the slots still hold addresses that have been freed.
 bool g_addressesValid = true;
 
@@ -77,24 +76,12 @@ int OpenUdpSocket() {
     return socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
 }
 
-/// The socket, opened when there is none; of two threads that open one, the loser closes its own.
-int UdpSocket() {
-    std::int32_t current = g_sockfd.load();
-    if (current >= 0) {
-        return current;
-    }
-    const int opened = OpenUdpSocket();
-    if (opened >= 0 && !g_sockfd.compare_exchange_strong(current, opened)) {
-        close(opened);
-        return current;
-    }
-    return opened;
-}
-
 void SendUdp(const char* text) {
-    const std::shared_lock<std::shared_mutex> lock(g_udpMutex);
-    const int fd = UdpSocket();
-    if (fd < 0 || !g_addressesValid) {
+    const std::lock_guard lock(g_udpMutex);
+    if (g_sockfd < 0) {
+        g_sockfd = OpenUdpSocket();
+    }
+    if (!g_addressesValid) {
         return;
     }
     for (const char* address : g_ipList) {
@@ -105,7 +92,7 @@ void SendUdp(const char* text) {
         to.sin_family = AF_INET;
         to.sin_port = htons(kUdpPort);
         to.sin_addr.s_addr = inet_addr(address);
-        sendto(fd, text, std::strlen(text), 0, reinterpret_cast<const sockaddr*>(&to), sizeof(to));
+        sendto(g_sockfd, text, std::strlen(text), 0, reinterpret_cast<const sockaddr*>(&to), sizeof(to));
     }
 }
 
@@ -125,7 +112,7 @@ void SendDlog(ELogType type, const char* text) {
 }
 
 void AddAddress(const char* text) {
-    const std::unique_lock<std::shared_mutex> lock(g_udpMutex);
+    const std::lock_guard lock(g_udpMutex);
     const int index = g_ipListIdx.load();
     if (index >= kMaxLogAddresses) {
         return;
@@ -195,7 +182,7 @@ bool ReadConfigLine(char* line) {
 }
 
 void LazyStart() {
-    const std::lock_guard<CLogInfoLoadMutex> lock(g_loadMutex);
+    const std::lock_guard lock(g_loadMutex);
     if (!g_loaded.load(std::memory_order_relaxed)) {
         Initialize();
         g_loaded.store(true, std::memory_order_release);
@@ -279,7 +266,7 @@ char _TYPE_TO_CHAR(ELogType type) {
 
 int Initialize() {
     {
-        const std::unique_lock<std::shared_mutex> lock(g_udpMutex);
+        const std::lock_guard lock(g_udpMutex);
         g_logType = 0;
         g_seqNum = 0;
         g_sockfd = -1;
@@ -302,7 +289,7 @@ int Initialize() {
 }
 
 void Finalize() {
-    const std::unique_lock<std::shared_mutex> lock(g_udpMutex);
+    const std::lock_guard lock(g_udpMutex);
     if (g_addressesValid) {
         std::for_each(g_ipList, g_ipList + g_ipListIdx.load(), [](char* address) { delete[] address; });
         g_addressesValid = false;
@@ -319,14 +306,10 @@ int g_LoadLogConfig() {
     if (device_path_map(ZOL_PATH_GST_LOG_CONF, path, sizeof(path)) == 0) {
         return 0;
     }
-    std::FILE* file = std::fopen(path, "rbe");
-    if (file == nullptr) {
-        return 0;
-    }
+    const base::FilePtr file(std::fopen(path, "rbe"));
     char line[256];
-    while (std::fgets(line, sizeof(line), file) != nullptr && ReadConfigLine(line)) {
+    while (file && std::fgets(line, sizeof(line), file.get()) != nullptr && ReadConfigLine(line)) {
     }
-    std::fclose(file);
     return 0;
 }
 

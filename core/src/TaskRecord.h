@@ -10,6 +10,7 @@
 #include "List.h"
 #include "Mutex.h"
 #include "Task.h"
+#include "base/handles.h"
 #include "platform_clock.h"
 
 /// One per handler and timer id.
@@ -40,10 +41,6 @@ struct CCTask::TSTask {
         TSTask* m = nullptr;
     };
 
-    struct FreeAlarm {
-        void operator()(platform_alarm_t* alarm) const { platform_alarm_free(alarm); }
-    };
-
     static constexpr std::size_t kNameLength = 16;
     static constexpr std::uint64_t kNothingDue = std::numeric_limits<std::uint64_t>::max();
 
@@ -70,7 +67,7 @@ struct CCTask::TSTask {
     CInternalHandler handler;
 
     // Ends the pause of an idle loop.
-    std::unique_ptr<platform_alarm_t, FreeAlarm> alarm{platform_alarm_new()};
+    std::unique_ptr<platform_alarm_t, base::FreeWith<platform_alarm_free>> alarm{platform_alarm_new()};
     // The loop is over: nobody gives a sender's semaphore any more. Guarded by the task's m_lock.
     bool ended = false;
     // Of the loop's current pass; the task's thread only.
