@@ -181,6 +181,12 @@ TEST_F(CanonicalPath, TheCheckRefusesLinksAndDotsAndSaysSo) {
     EXPECT_THAT(Refusal("/tmp/../tmp/file"), HasSubstr("(cmp failed) err : 47"));
 }
 
+TEST_F(CanonicalPath, TheCheckComparesAsFarAsThePathGoes) {
+    fs::create_symlink(At("/tmp/file"), At("/tmp/fi"));
+    EXPECT_EQ(Refusal("/tmp/fi"), "") << "a link whose target begins with its own path";
+    EXPECT_FALSE(Opens("/tmp/fi")) << "opening compares the whole path";
+}
+
 TEST_F(CanonicalPath, TheCheckRefusesAPathThroughAFolderThatIsMissing) {
     EXPECT_THAT(Refusal("/nowhere/file"), HasSubstr("(cmp failed) path_name : " + At("/nowhere/file")));
 }

@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <vector>
 
 #include "DynamicRingQueue.h"
+#include "allocation_counter.h"
 #include "container_fixture.h"
 #include "pass_through.h"
 
@@ -38,6 +40,28 @@ TEST_F(DynamicRingQueue, AddingAndTakingByTurnsKeepsTheOrder) {
         EXPECT_EQ(out, &values[i / 2]);
     }
     queue.Destroy();
+}
+
+TEST_F(DynamicRingQueue, TakesNoMoreMemoryHoweverLongItIsUsed) {
+    int value = 0;
+    CCDynamicRingQueue queue;
+    ASSERT_TRUE(queue.Create());
+    const auto pass = [&] {
+        void* out = nullptr;
+        EXPECT_TRUE(queue.Add(&value));
+        EXPECT_TRUE(queue.Get(&out, 0));
+    };
+    pass();
+    const long before = ThreadBlocksInUse();
+    for (int i = 0; i < 1000; ++i) {
+        pass();
+    }
+    EXPECT_LE(ThreadBlocksInUse(), before + 1);
+    queue.Destroy();
+    const std::unique_ptr<int> one = std::make_unique<int>(1);
+    const long with = ThreadBlocksInUse();
+    const std::unique_ptr<int> two = std::make_unique<int>(2);
+    EXPECT_EQ(ThreadBlocksInUse(), with + 1) << "the counter counts";
 }
 
 TEST_F(DynamicRingQueue, NodesLeftInItAreReleasedByDestroy) {

@@ -89,6 +89,22 @@ TEST_F(IntegerHash, OfTwoNodesWithOneKeyTheNewerIsFoundFirst) {
     EXPECT_EQ(m_hash.Count(), 1U);
 }
 
+TEST_F(IntegerHash, FindStaysOnTheOlderNodeOfAKeyWhereTheCursorStandsOnIt) {
+    Create(10);
+    EXPECT_TRUE(m_hash.Add(7, &m_first));
+    EXPECT_TRUE(m_hash.Add(7, &m_second));
+    EXPECT_TRUE(m_hash.Add(8, nullptr));
+    ASSERT_TRUE(m_hash.Find(7));
+    EXPECT_EQ(m_hash.Data(), &m_second);
+    ASSERT_TRUE(m_hash.SetPosition(IPosition::POS_CURRENT, 1));
+    ASSERT_EQ(m_hash.Data(), &m_first);
+    EXPECT_TRUE(m_hash.Find(7));
+    EXPECT_EQ(m_hash.Data(), &m_first);
+    EXPECT_TRUE(m_hash.Find(8));
+    EXPECT_TRUE(m_hash.Find(7));
+    EXPECT_EQ(m_hash.Data(), &m_second) << "from elsewhere the newer one comes first";
+}
+
 TEST_F(IntegerHash, AWalkContinuesWithTheSuccessorOfARemovedNode) {
     Create(10);
     for (unsigned long i = 0; i < 5; ++i) {

@@ -1,4 +1,6 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <sstream>
 
@@ -13,6 +15,7 @@ protected:
         Configure(content);
         Initialize();
     }
+    static bool IsOpen(int fd) { return fcntl(fd, F_GETFD) >= 0; }
 };
 
 TEST_F(LogConfiguration, WithoutAFileErrorDebugAndGeneralLinesGoToThePlatformLog) {
@@ -137,6 +140,29 @@ TEST_F(LogConfiguration, AFolderInItsPlaceIsAsGoodAsNoFile) {
     fakes::MakeDeviceFolder("/usr/bin/gst_log.conf");
     Initialize();
     EXPECT_EQ(g_logType, 11U);
+}
+
+TEST_F(LogConfiguration, FinalizeClosesTheSocketOfLinesThatGoOutByUdp) {
+    Load("UDP\n10.0.0.2\nZ:E\n");
+    const int socket = g_sockfd;
+    ASSERT_TRUE(IsOpen(socket));
+
+    Finalize();
+
+    EXPECT_EQ(g_sockfd, -1);
+    EXPECT_FALSE(IsOpen(socket));
+}
+
+TEST_F(LogConfiguration, FinalizeLeavesASocketOpenThatNoLineGoesOutBy) {
+    Load("UDP\n10.0.0.2\n");
+    const int socket = g_sockfd;
+    ASSERT_TRUE(IsOpen(socket));
+
+    Finalize();
+
+    EXPECT_EQ(g_sockfd, -1);
+    EXPECT_TRUE(IsOpen(socket));
+    close(socket);
 }
 
 TEST_F(LogConfiguration, FinalizeForgetsTheConfiguration) {

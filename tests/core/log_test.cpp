@@ -46,7 +46,10 @@ TEST_F(Log, TheOtherTypesAreInfoInThePlatformLog) {
     _PRINT(8, "eight");
 
     for (const char* text : {"two", "four", "eight"}) {
-        EXPECT_EQ(fakes::dlog::Find(text).priority, 4) << text;
+        const fakes::LogLine line = fakes::dlog::Find(text);
+        EXPECT_EQ(line.priority, 4) << text;
+        EXPECT_EQ(line.buffer, 0) << text;
+        EXPECT_EQ(line.tag, "ATSC3GST") << text;
     }
 }
 

@@ -54,12 +54,15 @@ TEST_F(Task, KeepsItsName) {
     EXPECT_STREQ(kernelName.c_str(), "TestTask");
 }
 
-TEST_F(Task, ALongNameIsCutToSixteenCharacters) {
-    TestTask task;
-    ASSERT_TRUE(task.CCTask::Create("0123456789abcdefghij", 8192));
-    EXPECT_STREQ(task.Name(), "0123456789abcdef");
-    task.ExitLoop();
-    task.CCTask::Destroy();
+TEST_F(Task, ANameIsKeptUpToSixteenCharacters) {
+    for (const std::string& name : {std::string("ZOLVconfChecker"), std::string("ZOLTestRecording"),
+                                    std::string("ZolMonitorManager")}) {
+        TestTask task;
+        ASSERT_TRUE(task.CCTask::Create(name.c_str(), 8192));
+        EXPECT_EQ(task.Name(), name.substr(0, 16));
+        task.ExitLoop();
+        task.CCTask::Destroy();
+    }
 }
 
 TEST_F(Task, AnEventIsCopiedAndCarriesAPointerOrTwoNumbers) {
@@ -176,6 +179,21 @@ TEST_F(Task, EventsStillQueuedForAHandlerGoWithIt) {
     EXPECT_TRUE(m_task.Post(EVENT_COUNT, true));
     EXPECT_EQ(m_task.count.Value(), 2);
     EXPECT_EQ(other.count.Value(), 0);
+}
+
+TEST_F(Task, AHandlerThatIsBoundAgainGetsNoneOfItsEarlierEvents) {
+    TestTask other;
+    ASSERT_TRUE(other.CCHandler::Create(&m_task));
+    Block();
+    EXPECT_TRUE(other.Post(EVENT_COUNT));
+    EXPECT_TRUE(other.Post(EVENT_COUNT));
+    other.CCHandler::Destroy();
+    ASSERT_TRUE(other.CCHandler::Create(&m_task));
+    EXPECT_TRUE(other.Post(EVENT_COUNT));
+    m_task.gate.Open();
+    EXPECT_TRUE(m_task.Post(EVENT_COUNT, true));
+    EXPECT_EQ(other.count.Value(), 1) << "the one sent since";
+    other.CCHandler::Destroy();
 }
 
 TEST_F(Task, ExitLoopFromItsOwnThreadRunsInsideAndTheLoopEndsBehindTheCurrentEvent) {

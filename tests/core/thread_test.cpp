@@ -5,11 +5,16 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <cstdarg>
 #include <functional>
 #include <limits>
+#include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "Thread.h"
 #include "gate.h"
@@ -18,6 +23,15 @@
 namespace {
 
 constexpr unsigned long kStack = 8192;
+
+/// What the runtime asked the system for last, and what it gets for an answer.
+struct {
+    std::mutex lock;
+    std::string name;
+    int niceOf = -1;  // kernel id of a thread
+    int nice = -1;
+    std::optional<int> answer;  // of setpriority; none: the system's own
+} g_asked;
 
 /// Runs a function.
 class Runner : public CCThread {
@@ -31,6 +45,8 @@ private:
 
 class Thread : public RuntimeLog {
 protected:
+    Thread() { g_asked.answer.reset(); }
+
     static std::string KernelName() {
         char name[16] = {};
         prctl(PR_GET_NAME, name);
@@ -146,7 +162,59 @@ TEST_F(Thread, DestroyedByItselfReportsAndDoesNotWait) {
     EXPECT_TRUE(fakes::dlog::Has("Assert Error : Current Thread can't destroy itself\n"));
 }
 
-TEST_F(Thread, LowPriorityIsNiceTen) {
+TEST_F(Thread, ANameReachesTheSystemWithItsFirstSixteenCharacters) {
+    Runner thread([] {});
+    ASSERT_TRUE(thread.Create("0123456789abcdefghij", kStack));
+    thread.Destroy();
+    EXPECT_EQ(g_asked.name, "0123456789abcdef");
+}
+
+TEST_F(Thread, EachPriorityHasItsNiceValue) {
+    constexpr std::pair<int, int> kNice[] = {{CCThread::PRIORITY_HIGH, -10},
+                                             {CCThread::PRIORITY_NORMAL, 0},
+                                             {CCThread::PRIORITY_LOW, 10},
+                                             {3, 0},
+                                             {5, 0},
+                                             {-1, 0}};
+    g_asked.answer = 0;
+    Gate gate;
+    std::atomic<int> kernelId{0};
+    Runner thread([&] {
+        kernelId = static_cast<int>(syscall(SYS_gettid));
+        gate.Pass();
+    });
+    ASSERT_TRUE(thread.Create("runner", kStack));
+    ASSERT_TRUE(gate.AwaitArrival());
+    for (const auto& [value, nice] : kNice) {
+        const auto priority = static_cast<CCThread::EPriorityType>(value);
+        g_asked.nice = -1;
+        EXPECT_TRUE(thread.SetPriority(priority));
+        EXPECT_EQ(thread.Priority(), priority);
+        EXPECT_EQ(g_asked.nice, nice) << value;
+        EXPECT_EQ(g_asked.niceOf, kernelId);
+        g_asked.nice = -1;
+        EXPECT_TRUE(CCThread::SetSelfPriority(priority));
+        EXPECT_EQ(g_asked.nice, nice) << value;
+        EXPECT_EQ(g_asked.niceOf, static_cast<int>(syscall(SYS_gettid)));
+    }
+    gate.Open();
+    thread.Destroy();
+}
+
+TEST_F(Thread, APriorityThatTheSystemRefusesIsNotKept) {
+    Gate gate;
+    Runner thread([&] { gate.Pass(); });
+    ASSERT_TRUE(thread.Create("runner", kStack));
+    EXPECT_TRUE(thread.SetPriority(CCThread::PRIORITY_LOW));
+    g_asked.answer = -1;
+    EXPECT_FALSE(thread.SetPriority(CCThread::PRIORITY_HIGH));
+    EXPECT_FALSE(CCThread::SetSelfPriority(CCThread::PRIORITY_HIGH));
+    EXPECT_EQ(thread.Priority(), CCThread::PRIORITY_LOW);
+    gate.Open();
+    thread.Destroy();
+}
+
+TEST_F(Thread, APriorityIsThatOfTheThreadInTheSystem) {
     Gate gate;
     int nice = 0;
     Runner thread([&] {
@@ -158,32 +226,6 @@ TEST_F(Thread, LowPriorityIsNiceTen) {
     EXPECT_TRUE(thread.SetPriority(CCThread::PRIORITY_LOW));
     EXPECT_EQ(thread.Priority(), CCThread::PRIORITY_LOW);
     gate.Open();
-    thread.Destroy();
-    EXPECT_EQ(nice, 10);
-}
-
-TEST_F(Thread, APriorityWithoutANameIsNiceZero) {
-    Gate gate;
-    int nice = -1;
-    Runner thread([&] {
-        gate.Pass();
-        nice = Nice();
-    });
-    ASSERT_TRUE(thread.Create("runner", kStack));
-    EXPECT_TRUE(thread.SetPriority(static_cast<CCThread::EPriorityType>(5)));
-    EXPECT_EQ(thread.Priority(), 5);
-    gate.Open();
-    thread.Destroy();
-    EXPECT_EQ(nice, 0);
-}
-
-TEST_F(Thread, CanSetItsOwnPriority) {
-    int nice = 0;
-    Runner thread([&] {
-        EXPECT_TRUE(CCThread::SetSelfPriority(CCThread::PRIORITY_LOW));
-        nice = Nice();
-    });
-    ASSERT_TRUE(thread.Create("runner", kStack));
     thread.Destroy();
     EXPECT_EQ(nice, 10);
 }
@@ -245,3 +287,25 @@ TEST_F(Thread, CreatedTwiceAsserts) {
 }
 
 }  // namespace
+
+/// In place of the system's: raising a priority would need rights.
+extern "C" int setpriority(__priority_which_t which, id_t who, int nice) noexcept {
+    const std::lock_guard<std::mutex> lock(g_asked.lock);
+    EXPECT_EQ(which, PRIO_PROCESS);
+    g_asked.niceOf = static_cast<int>(who);
+    g_asked.nice = nice;
+    return g_asked.answer ? *g_asked.answer : static_cast<int>(syscall(SYS_setpriority, which, who, nice));
+}
+
+/// In place of the system's, which keeps 15 characters only.
+extern "C" int prctl(int option, ...) noexcept {
+    va_list arguments;
+    va_start(arguments, option);
+    char* const text = va_arg(arguments, char*);
+    va_end(arguments);
+    if (option == PR_SET_NAME) {
+        const std::lock_guard<std::mutex> lock(g_asked.lock);
+        g_asked.name = text;
+    }
+    return static_cast<int>(syscall(SYS_prctl, option, text, 0UL, 0UL, 0UL));
+}

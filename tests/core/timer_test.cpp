@@ -105,6 +105,37 @@ TEST_F(Timer, IsSeenWithinTenMillisecondsWhenTheWallClockIsSetForward) {
     EXPECT_TRUE(m_task.fired.Await(1));
 }
 
+TEST_F(Timer, FiresOnceWhenTheWallClockJumpsAnHourForwardAndGoesOnFromThere) {
+    EXPECT_TRUE(m_task.SetTimer(1, 1000));
+    ASSERT_TRUE(AwaitPause());
+    fakes::clock::SetWall(fakes::clock::kEpoch + 3600);
+    fakes::clock::AdvanceSteady(ms(10));
+    EXPECT_TRUE(m_task.fired.Await(1));
+    ASSERT_TRUE(AwaitPause());
+    EXPECT_EQ(m_task.fired.Value(), 1);
+    Pass(ms(999), ms(1));
+    EXPECT_EQ(m_task.fired.Value(), 1);
+    Pass(ms(1));
+    EXPECT_EQ(m_task.fired.Value(), 2);
+}
+
+TEST_F(Timer, WaitsUntilTheWallClockIsThereAgainWhenThatJumpsAnHourBack) {
+    EXPECT_TRUE(m_task.SetTimer(1, 1000));
+    ASSERT_TRUE(AwaitPause());
+    fakes::clock::SetWall(fakes::clock::kEpoch - 3600);
+    fakes::clock::AdvanceSteady(ms(10));
+    ASSERT_TRUE(AwaitPause());
+    ASSERT_EQ(m_task.fired.Value(), 0) << "it has looked meanwhile";
+    Pass(ms(3600999), ms(1));
+    EXPECT_EQ(m_task.fired.Value(), 0);
+    Pass(ms(1));
+    EXPECT_EQ(m_task.fired.Value(), 1);
+    Pass(ms(999), ms(1));
+    EXPECT_EQ(m_task.fired.Value(), 1);
+    Pass(ms(1));
+    EXPECT_EQ(m_task.fired.Value(), 2);
+}
+
 TEST_F(Timer, SeveralFireIndependently) {
     EXPECT_TRUE(m_task.SetTimer(1, 20));
     EXPECT_TRUE(m_task.SetTimer(2, 30));
