@@ -45,7 +45,7 @@ TEST(SubscriptionTest, WithdrawsOnceWhenItGoes) {
     {
         base::Subscription first([&] { ++withdrawn; });
         base::Subscription second(std::move(first));
-        EXPECT_FALSE(first);
+        EXPECT_FALSE(first);  // NOLINT(bugprone-use-after-move): what a move leaves is the contract
         EXPECT_TRUE(second);
     }
     EXPECT_EQ(withdrawn, 1);
