@@ -23,7 +23,8 @@ typedef struct keynode_s {
     const char* str_value;  ///< value of a string key, else null
 } keynode_t;
 
-/// Runs on the thread that runs GLib's default main context.
+/// Runs on the thread that runs GLib's default main context; a set on that thread may call it before it
+/// returns. It may call all functions here, and gets and sets of other threads do not wait for it.
 typedef void (*vconf_callback_fn)(keynode_t* node, void* user_data);
 
 /// 0 on success; -1 when the key is missing, holds another type or cannot be read (then *out is untouched).

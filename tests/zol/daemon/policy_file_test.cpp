@@ -1,12 +1,10 @@
 /// The stored policy under bad conditions: disks that are full, paths that are no files, content that is
 /// none.
 #include <dlfcn.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <string>
 #include <utility>
@@ -16,6 +14,7 @@
 #include "device_path.h"
 #include "dlog.h"
 #include "fake_dlog.h"
+#include "full_disk.h"
 #include "policy_manager_fixture.h"
 
 namespace {
@@ -105,26 +104,6 @@ protected:
         EXPECT_EQ(fakes::dlog::Find(reason).priority, priority) << reason;
         EXPECT_EQ(fakes::vconf::GetInt(kRunningKey), 0);
     }
-};
-
-/// While it lives no file of this process grows beyond `bytes`: a disk that is full.
-class FullDisk {
-public:
-    explicit FullDisk(rlim_t bytes) : m_handler(std::signal(SIGXFSZ, SIG_IGN)) {
-        getrlimit(RLIMIT_FSIZE, &m_limit);
-        const rlimit limit{bytes, m_limit.rlim_max};
-        setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    ~FullDisk() {
-        setrlimit(RLIMIT_FSIZE, &m_limit);
-        std::signal(SIGXFSZ, m_handler);
-    }
-    FullDisk(const FullDisk&) = delete;
-    FullDisk& operator=(const FullDisk&) = delete;
-
-private:
-    rlimit m_limit{};
-    void (*m_handler)(int);
 };
 
 /// While it lives the process has no privilege over files.

@@ -56,8 +56,8 @@ TEST_F(UsageLogger, WatchesItsFiveKeysAndSaysSo) {
     EXPECT_EQ(fakes::vconf::Registrations(), 5);
 
     ASSERT_EQ(fakes::dlog::Lines().size(), 2U);
-    EXPECT_EQ(fakes::dlog::Find("[TCCVLogger] start").priority, 4);
-    EXPECT_EQ(fakes::dlog::Find("m_LoggingCsfs() end").priority, 4);
+    EXPECT_EQ(fakes::dlog::Find("[TCCVLogger] start").priority, DLOG_PRIORITY_INFO);
+    EXPECT_EQ(fakes::dlog::Find("m_LoggingCsfs() end").priority, DLOG_PRIORITY_INFO);
 }
 
 TEST_F(UsageLogger, AllItsLinesAreOfPriorityInfo) {
@@ -130,7 +130,7 @@ TEST_F(UsageLogger, AFocusChangeIsLoggedAndRecordedWithItsText) {
     fakes::vconf::SetString(kFocus, "home_%s_button");
 
     const fakes::LogLine line = fakes::dlog::Find("home_%s_button");
-    EXPECT_EQ(line.priority, 4);
+    EXPECT_EQ(line.priority, DLOG_PRIORITY_INFO);
     EXPECT_NE(line.text.find(": m_ScreenScrollCb("), std::string::npos);
     ASSERT_EQ(Events().size(), 1U);
     const cv::TSEvent event = Events()[0];

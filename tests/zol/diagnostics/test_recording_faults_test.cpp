@@ -15,6 +15,7 @@
 #include <string>
 #include <thread>
 
+#include "dlog.h"
 #include "fake_dlog.h"
 #include "test_recording_fixture.h"
 
@@ -193,7 +194,7 @@ TEST_F(TestRecordingFaults, AStateThatCannotBeWrittenAtTheEndLeavesTheRecordingA
 
     EXPECT_TRUE(Recording());
     EXPECT_TRUE(fs::exists(m_stick + "/testrecording.tar.gz"));
-    EXPECT_EQ(fakes::dlog::Find("[TestRecording] vconf set failed for : 0").priority, 6);
+    EXPECT_EQ(fakes::dlog::Find("[TestRecording] vconf set failed for : 0").priority, DLOG_PRIORITY_ERROR);
     fakes::vconf::Fail(kStateKey, fakes::vconf::FAIL_NONE);
     Start();
     EXPECT_TRUE(fakes::dlog::Has("[TestRecording] Already recording..."));
@@ -215,7 +216,7 @@ TEST_F(TestRecordingFaults, AShellThatCannotBeStartedIsToldByBothToasts) {
     EXPECT_TRUE(Recording());
     EXPECT_THAT(ToolCalls(), IsEmpty());
     EXPECT_EQ(fakes::dlog::Count("[TestRecording] Fail to run shell"), 2);
-    EXPECT_EQ(fakes::dlog::Find("[TestRecording] Fail to run shell").priority, 6);
+    EXPECT_EQ(fakes::dlog::Find("[TestRecording] Fail to run shell").priority, DLOG_PRIORITY_ERROR);
 }
 
 TEST_F(TestRecordingFaults, AnOldScenarioOrFocusLogThatCannotBeRemovedKeepsTheFocusLogFromBegin) {
@@ -229,7 +230,7 @@ TEST_F(TestRecordingFaults, AnOldScenarioOrFocusLogThatCannotBeRemovedKeepsTheFo
 
         EXPECT_EQ(
             fakes::dlog::Find("Failed to remove recorded scenario file! Dir: " + m_device + name).priority,
-            6);
+            DLOG_PRIORITY_ERROR);
         EXPECT_FALSE(fakes::dlog::Has("StartDlog cmd is"));
         EXPECT_EQ(Read(m_stick + name), "old");
         EXPECT_TRUE(Recording());
@@ -249,7 +250,7 @@ TEST_F(TestRecordingFaults, FoldersThatAreLinksAreToldAndNotFollowed) {
 
     for (const char* name : {"/ScreenCapture/", "/dumpCV/"}) {
         const std::string line = "Failed to remove Screen Capture directory! Dir: " + m_device + name;
-        EXPECT_EQ(fakes::dlog::Find(line).priority, 6) << name;
+        EXPECT_EQ(fakes::dlog::Find(line).priority, DLOG_PRIORITY_ERROR) << name;
     }
     EXPECT_EQ(fakes::ReadDeviceFile("/etc/target/precious"), "keep");
     EXPECT_EQ(std::distance(fs::directory_iterator(fakes::Root() + "/etc/target"), {}), 1);

@@ -8,6 +8,7 @@
 #include "TCDebug.h"
 #include "ZOLCVLogger.h"
 #include "cv/TCScopeHandler.h"
+#include "dlog.h"
 #include "fake_dlog.h"
 #include "test_recording_fixture.h"
 #include "time_zone.h"
@@ -122,9 +123,10 @@ TEST_F(TestRecording, ItsLinesAreErrorsButTheLastOne) {
           "Already recording...", "Stop recording...", "value of db/window_system/system_state is 0",
           "now time is", "Recording hasn't been run yet.", "failed to get USB device",
           "Fail to get USB Path"}) {
-        EXPECT_EQ(fakes::dlog::Find(std::string("[TestRecording] ") + text).priority, 6) << text;
+        EXPECT_EQ(fakes::dlog::Find(std::string("[TestRecording] ") + text).priority, DLOG_PRIORITY_ERROR)
+            << text;
     }
-    EXPECT_EQ(fakes::dlog::Find("[TestRecording] Done making tar file.").priority, 4);
+    EXPECT_EQ(fakes::dlog::Find("[TestRecording] Done making tar file.").priority, DLOG_PRIORITY_INFO);
 }
 
 TEST_F(TestRecording, WhatItLogsIsThePathOfTheDevice) {
@@ -274,7 +276,7 @@ TEST_F(TestRecording, EventsAreNoneOfItsTasks) {
 
     EXPECT_FALSE(recorder.t_OnEvent(nullptr));
 
-    EXPECT_EQ(fakes::dlog::Find("[TestRecording] t_OnEvent").priority, 6);
+    EXPECT_EQ(fakes::dlog::Find("[TestRecording] t_OnEvent").priority, DLOG_PRIORITY_ERROR);
 }
 
 TEST_F(TestRecording, ItsTaskComesAndGoesAndEndsListening) {

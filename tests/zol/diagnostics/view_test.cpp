@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include "dlog.h"
 #include "fake_diagnostics.h"
 #include "fake_dlog.h"
 #include "fakes.h"
@@ -24,9 +25,9 @@ TEST_F(View, ShowPostsTitleAndContent) {
     EXPECT_THAT(fakes::notification::Posted(), ElementsAre("Title|Content"));
     EXPECT_THAT(fakes::notification::Settings(),
                 ElementsAre("create 0", "text 0 TITLE -1", "text 1 CONTENT -1", "applist 17", "layout 1"));
-    EXPECT_EQ(fakes::dlog::Find("[DEMO] TCView() START").priority, 6);
-    EXPECT_EQ(fakes::dlog::Find("setting is done").priority, 6);
-    EXPECT_EQ(fakes::dlog::Find("[DEMO] TCView() END").priority, 6);
+    EXPECT_EQ(fakes::dlog::Find("[DEMO] TCView() START").priority, DLOG_PRIORITY_ERROR);
+    EXPECT_EQ(fakes::dlog::Find("setting is done").priority, DLOG_PRIORITY_ERROR);
+    EXPECT_EQ(fakes::dlog::Find("[DEMO] TCView() END").priority, DLOG_PRIORITY_ERROR);
 }
 
 TEST_F(View, AViewWhoseCreationFailedPostsNothing) {
@@ -36,7 +37,7 @@ TEST_F(View, AViewWhoseCreationFailedPostsNothing) {
     view.Show();
 
     EXPECT_THAT(fakes::notification::Posted(), IsEmpty());
-    EXPECT_EQ(fakes::dlog::Find("m_Noti is NULL").priority, 6);
+    EXPECT_EQ(fakes::dlog::Find("m_Noti is NULL").priority, DLOG_PRIORITY_ERROR);
     EXPECT_FALSE(fakes::dlog::Has("setting is done"));
 }
 
@@ -47,7 +48,7 @@ TEST_F(View, AViewWhoseLayoutCallFailedLogsBothAndPosts) {
     view.Show();
 
     EXPECT_THAT(fakes::notification::Posted(), ElementsAre("Title|Content"));
-    EXPECT_EQ(fakes::dlog::Find("setting is fail").priority, 6);
+    EXPECT_EQ(fakes::dlog::Find("setting is fail").priority, DLOG_PRIORITY_ERROR);
     EXPECT_TRUE(fakes::dlog::Has("setting is done"));
 }
 
