@@ -10,11 +10,11 @@
 #include <cstdio>
 #include <utility>
 
+#include "ExceptionWall.h"
 #include "Log.h"
 #include "ShellQuote.h"
 #include "TSFileSystem.h"
 #include "WorkerTask.h"
-#include "base/exception_wall.h"
 #include "base/process.h"
 #include "cv/TCTraceControl.h"
 #include "device_path.h"
@@ -134,18 +134,13 @@ bool TCTestRecording::t_OnEvent(const CSEvent* /*event*/) {
 }
 
 void TCTestRecording::keyCombinationHandlerCb(KeyComb id, void* /*userData*/) {
-    base::CatchAll([id] { m_OnCombination(id); },
-                   [id](const char* reason) {
-                       ZOL_LOG(LOG_ERROR, "[TestRecording] combination %d failed: %s", id, reason);
-                   });
-}
-
-void TCTestRecording::m_OnCombination(KeyComb id) {
-    if (id == kStartCombination) {
-        m_Start();
-    } else if (id == kStopCombination) {
-        m_Stop();
-    }
+    zol::CatchAll(kLogModule, [id] {
+        if (id == kStartCombination) {
+            m_Start();
+        } else if (id == kStopCombination) {
+            m_Stop();
+        }
+    });
 }
 
 void TCTestRecording::m_Start() {

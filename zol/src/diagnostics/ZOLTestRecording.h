@@ -38,7 +38,6 @@ protected:
     bool t_OnEvent(const CSEvent* event) override;
 
 private:
-    static void m_OnCombination(KeyComb id);
     static void m_Start();
     static void m_Stop();
     static void m_RecordingState(int state);

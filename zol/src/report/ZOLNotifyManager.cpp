@@ -3,8 +3,8 @@
 #include <boost/lexical_cast.hpp>
 #include <utility>
 
-#include "CallbackException.h"
 #include "EventDescription.h"
+#include "ExceptionWall.h"
 #include "Log.h"
 #include "Logging.h"
 #include "ReportFolder.h"
@@ -242,11 +242,7 @@ void TCNotifyManager::m_vconfCb(keynode_t* node, void* userData) {
         ZOL_LOG(LOG_ERROR, "vconf_get_str fail");
     } else if (*isEmpty) {
         ZOL_LOG(LOG_ERROR, "vconfkey is empty");
-        try {
-            static_cast<TCNotifyManager*>(userData)->m_NotifyFromList();
-        } catch (...) {
-            zol::LogCallbackException(kLogModule);
-        }
+        zol::CatchAll(kLogModule, [=] { static_cast<TCNotifyManager*>(userData)->m_NotifyFromList(); });
     }
 }
 
