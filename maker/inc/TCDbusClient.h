@@ -1,6 +1,5 @@
 #pragma once
-/// The client side of the maker's IPC.
-#include <functional>
+/// The calling side of the maker's IPC.
 #include <memory>
 #include <string>
 #include <vector>
@@ -25,17 +24,11 @@ public:
     TCDbusClient& operator=(const TCDbusClient&) = delete;
 
     /// Calls a function code and waits at most `timeoutMs` (-1: without limit). Connects when needed.
-    EResult Call(int functionCode, const std::vector<unsigned char>& request,
-                 std::vector<unsigned char>& reply, int timeoutMs);
-
-    /// Subscribes for notifications: `handler` gets each code, on the thread that iterates the thread-default
-    /// main context of the caller, and returns whether it replies (false answers with an error). False when
-    /// the daemon cannot be reached.
-    bool Subscribe(std::function<bool(int code)> handler);
-    void Unsubscribe();
+    [[nodiscard]] EResult Call(int functionCode, const std::vector<unsigned char>& request,
+                               std::vector<unsigned char>& reply, int timeoutMs);
 
     /// One line about the last failure; empty when there was none.
-    const std::string& LastError() const;
+    [[nodiscard]] const std::string& LastError() const;
 
 private:
     class Impl;

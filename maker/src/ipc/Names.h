@@ -8,13 +8,10 @@ constexpr const char* kBusName = "org.zol.Daemon1";
 constexpr const char* kObjectPath = "/org/zol/Daemon1";
 constexpr const char* kNativeInterface = "org.zol.Native1";
 constexpr const char* kClientInterface = "org.zol.NotificationClient1";
-/// Where TCDbusClient offers kClientInterface.
-constexpr const char* kClientPath = "/org/zol/NotificationClient1";
 
 constexpr const char* kErrorFailed = "org.zol.Error.Failed";
 constexpr const char* kErrorTooLarge = "org.zol.Error.TooLarge";
 constexpr const char* kErrorTooManySubscribers = "org.zol.Error.TooManySubscribers";
-constexpr const char* kErrorNotAnswered = "org.zol.Error.NotAnswered";
 
 /// Longest request and longest reply, in bytes. A policy of 10,000 items takes about 2 MiB; without a limit
 /// of its own the daemon would copy whatever the bus lets through.

@@ -1,6 +1,9 @@
 /// The IPC and its bus: missing, lost, paused, back again; the name taken and freed; a daemon that restarts.
 #include <gmock/gmock.h>
 
+#include <atomic>
+#include <thread>
+
 #include "dlog.h"
 #include "ipc_fixture.h"
 
@@ -14,7 +17,6 @@ using test::CallOnce;
 using test::Peer;
 using test::PrivateBus;
 using test::ServeUntil;
-using test::SubscribedClient;
 
 constexpr const char* kName = "org.zol.Daemon1";
 
@@ -52,8 +54,6 @@ TEST_F(IpcWithoutBus, TheClientSaysUnreachable) {
 
     EXPECT_EQ(client.Call(test::kEcho, {1}, reply, -1), EResult::UNREACHABLE);
     EXPECT_NE(client.LastError(), "");
-    EXPECT_FALSE(client.Subscribe([](int) { return true; }));
-    EXPECT_NE(client.LastError(), "");
 }
 
 TEST_F(IpcWithoutBus, AClientThatFailedConnectsWhenTheBusIsThere) {
@@ -85,7 +85,6 @@ TEST_F(IpcBus, WithoutADaemonTheClientSaysUnreachable) {
 
     EXPECT_EQ(client.Call(test::kEcho, {1}, reply, -1), EResult::UNREACHABLE);
     EXPECT_THAT(client.LastError(), testing::HasSubstr(kName));
-    EXPECT_FALSE(client.Subscribe([](int) { return true; }));
 }
 
 TEST_F(IpcBus, ABusThatGoesAndComesBackIsLoggedOnceEachAndServedAgain) {
@@ -154,30 +153,6 @@ TEST_F(IpcBus, AClientSurvivesItsBus) {
     call();
 
     EXPECT_EQ(result, EResult::HANDLED);
-}
-
-TEST_F(IpcBus, ASubscriberSubscribesAgainWhenTheDaemonRestarts) {
-    auto server = Serving();
-    SubscribedClient client([](int) { return true; });
-    ASSERT_TRUE(client.Subscribed());
-    ASSERT_EQ(server->SendNotification(5, -1), 1);
-
-    server.reset();
-    server = Serving();
-
-    EXPECT_TRUE(ServeUntil([&] { return server->SendNotification(5, -1) == 1; }));
-}
-
-TEST_F(IpcBus, ASubscriberSubscribesAgainWhenTheBusRestarts) {
-    const auto server = Serving();
-    SubscribedClient client([](int) { return true; });
-    ASSERT_TRUE(client.Subscribed());
-
-    m_bus.Stop();
-    ASSERT_TRUE(ServeUntil([] { return Has("IPC: lost the bus"); }));
-    m_bus.Start();
-
-    EXPECT_TRUE(ServeUntil([&] { return server->SendNotification(5, -1) == 1; }));
 }
 
 TEST_F(IpcBus, ANameThatIsTakenIsLoggedOnceAndServedWhenItIsFreed) {

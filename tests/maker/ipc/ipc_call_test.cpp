@@ -1,7 +1,9 @@
 /// Calls of the IPC, through the real client class, the real server and a real bus.
 #include <gmock/gmock.h>
 
+#include <atomic>
 #include <stdexcept>
+#include <thread>
 
 #include "dlog.h"
 #include "ipc_fixture.h"

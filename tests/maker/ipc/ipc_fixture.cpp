@@ -1,7 +1,9 @@
 #include "ipc_fixture.h"
 
+#include <atomic>
 #include <exception>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 namespace test {
@@ -168,7 +170,7 @@ void Peer::MakeOffer(const std::string& path, OnNotify onNotify) {
             auto* offer = static_cast<Offer*>(data);
             gint32 code = 0;
             g_variant_get(parameters, "(i)", &code);
-            ++offer->peer->m_asked;
+            offer->peer->m_codes.push_back(code);
             offer->onNotify(*offer->peer, code, invocation);
         },
         nullptr,
@@ -248,42 +250,6 @@ Outcome CallOnce(int code, const Bytes& request, int timeoutMs) {
         outcome.error = client.LastError();
     });
     return outcome;
-}
-
-SubscribedClient::SubscribedClient(std::function<bool(int)> handler)
-    : m_context(g_main_context_new()), m_thread([this, handler = std::move(handler)] { Run(handler); }) {}
-
-SubscribedClient::~SubscribedClient() {
-    Unsubscribe();
-    m_thread.join();
-    g_main_context_unref(m_context);
-}
-
-bool SubscribedClient::Subscribed() {
-    EXPECT_TRUE(ServeUntil([this] { return m_subscribed.load() >= 0; }));
-    return m_subscribed.load() == 1;
-}
-
-void SubscribedClient::Unsubscribe() {
-    m_stop = true;
-    g_main_context_wakeup(m_context);
-    EXPECT_TRUE(ServeUntil([this] { return m_done.load(); }));
-}
-
-void SubscribedClient::Run(const std::function<bool(int)>& handler) {
-    g_main_context_push_thread_default(m_context);
-    {
-        zol::TCDbusClient client(false);
-        m_subscribed = client.Subscribe(handler) ? 1 : 0;
-        g_main_context_wakeup(nullptr);
-        while (!m_stop) {
-            g_main_context_iteration(m_context, TRUE);
-        }
-        client.Unsubscribe();
-    }
-    g_main_context_pop_thread_default(m_context);
-    m_done = true;
-    g_main_context_wakeup(nullptr);
 }
 
 }  // namespace test

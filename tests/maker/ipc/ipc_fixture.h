@@ -4,11 +4,9 @@
 #include <gio/gio.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "TCDbusClient.h"
@@ -56,7 +54,9 @@ public:
     std::string SubscribeFromThisThread(const std::string& path);
     std::string UniqueName() const { return g_dbus_connection_get_unique_name(m_connection); }
     /// How often it was asked.
-    int Asked() const { return m_asked; }
+    int Asked() const { return static_cast<int>(m_codes.size()); }
+    /// What it was told.
+    const std::vector<int>& Codes() const { return m_codes; }
     /// Answers all that was kept.
     void AnswerAll();
     /// Cuts the connection.
@@ -72,7 +72,7 @@ private:
     GDBusNodeInfo* m_info = nullptr;
     std::vector<std::unique_ptr<Offer>> m_offers;
     std::vector<GDBusMethodInvocation*> m_kept;
-    int m_asked = 0;
+    std::vector<int> m_codes;
 };
 
 /// A bus, and a machine of the test's own.
@@ -98,28 +98,5 @@ struct Outcome {
     std::string error;
 };
 Outcome CallOnce(int code, const Bytes& request, int timeoutMs = 20000);
-
-/// A client that subscribes on a thread of its own and serves there until it goes.
-class SubscribedClient {
-public:
-    explicit SubscribedClient(std::function<bool(int)> handler);
-    ~SubscribedClient();
-    SubscribedClient(const SubscribedClient&) = delete;
-    SubscribedClient& operator=(const SubscribedClient&) = delete;
-
-    /// Waits until Subscribe has returned, and tells what. The daemon is served meanwhile.
-    bool Subscribed();
-    /// Ends the subscription from the client's side and waits for it.
-    void Unsubscribe();
-
-private:
-    void Run(const std::function<bool(int)>& handler);
-
-    std::atomic<int> m_subscribed{-1};
-    std::atomic<bool> m_stop{false};
-    std::atomic<bool> m_done{false};
-    GMainContext* m_context;
-    std::thread m_thread;
-};
 
 }  // namespace test

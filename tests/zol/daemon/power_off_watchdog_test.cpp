@@ -1,5 +1,5 @@
 /// A power-off that a client never answers, over the real bus: the lock watchdog goes on meanwhile.
-#include <glib.h>
+#include <gio/gio.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -7,7 +7,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <functional>
 #include <future>
@@ -19,7 +18,6 @@
 #include "Logging.h"
 #include "Mutex.h"
 #include "SmartAutoLock.h"
-#include "TCDbusClient.h"
 #include "TCDbusServer.h"
 #include "ZOLPolicyManager.h"
 #include "ZOLPowerUtils.h"
@@ -73,13 +71,24 @@ private:
     GPid m_pid = -1;
 };
 
-/// A client that hangs in the notification it gets until it is let go.
+/// A client that does not answer the notification it gets until it is let go.
 class HangingClient {
 public:
-    HangingClient() : m_thread([this] { Run(); }) {}
+    /// The server must have its name.
+    HangingClient() {
+        const auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                                             G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
+        m_connection =
+            g_dbus_connection_new_for_address_sync(getenv(kBusVariable), flags, nullptr, nullptr, nullptr);
+        g_dbus_connection_add_filter(m_connection, &KeepQuestion, this, nullptr);
+        g_dbus_connection_call(m_connection, "org.zol.Daemon1", "/org/zol/Daemon1", "org.zol.Native1",
+                               "Subscribe", g_variant_new("(o)", "/client"), nullptr, G_DBUS_CALL_FLAGS_NONE,
+                               -1, nullptr, &Subscribed, this);
+    }
     ~HangingClient() {
-        LetGo();
-        m_thread.join();
+        g_dbus_connection_close_sync(m_connection, nullptr, nullptr);
+        g_clear_object(&m_question);
+        g_object_unref(m_connection);
     }
     HangingClient(const HangingClient&) = delete;
     HangingClient& operator=(const HangingClient&) = delete;
@@ -87,38 +96,36 @@ public:
     bool IsSubscribed() const { return m_isSubscribed; }
     /// False when fakes::kPatience ends.
     bool AwaitAsked() { return m_asked.get_future().wait_for(fakes::kPatience) == std::future_status::ready; }
-    void LetGo() { m_isLetGo = true; }
+    /// Answers. After AwaitAsked.
+    void LetGo() {
+        GDBusMessage* answer = g_dbus_message_new_method_reply(m_question);
+        g_dbus_connection_send_message(m_connection, answer, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr,
+                                       nullptr);
+        g_object_unref(answer);
+    }
 
 private:
-    void Run() {
-        const std::unique_ptr<GMainContext, decltype(&g_main_context_unref)> context(g_main_context_new(),
-                                                                                     &g_main_context_unref);
-        g_main_context_push_thread_default(context.get());
-        {
-            zol::TCDbusClient client(true);
-            // The server may not have its name yet.
-            while (!m_isSubscribed && !m_isLetGo) {
-                m_isSubscribed = client.Subscribe([this](int /*code*/) { return Hang(); });
-            }
-            while (!m_isLetGo) {
-                g_main_context_iteration(context.get(), FALSE);
-                std::this_thread::yield();
-            }
+    static GDBusMessage* KeepQuestion(GDBusConnection* /*connection*/, GDBusMessage* message,
+                                      gboolean incoming, gpointer data) {
+        auto* self = static_cast<HangingClient*>(data);
+        if (incoming == FALSE ||
+            g_dbus_message_get_message_type(message) != G_DBUS_MESSAGE_TYPE_METHOD_CALL) {
+            return message;
         }
-        g_main_context_pop_thread_default(context.get());
+        self->m_question = message;
+        self->m_asked.set_value();
+        return nullptr;
     }
-    bool Hang() {
-        m_asked.set_value();
-        while (!m_isLetGo) {
-            std::this_thread::yield();
-        }
-        return true;
+    static void Subscribed(GObject* source, GAsyncResult* result, gpointer data) {
+        GVariant* reply = g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, nullptr);
+        static_cast<HangingClient*>(data)->m_isSubscribed = reply != nullptr;
+        g_clear_pointer(&reply, g_variant_unref);
     }
 
-    std::atomic<bool> m_isSubscribed{false};
+    GDBusConnection* m_connection;
+    GDBusMessage* m_question = nullptr;  // set before m_asked
+    bool m_isSubscribed = false;
     std::promise<void> m_asked;
-    std::atomic<bool> m_isLetGo{false};
-    std::thread m_thread;
 };
 
 /// A lock that its holder keeps too long, and the five seconds after which the main context says so.
@@ -164,6 +171,7 @@ TEST(HangingPowerOff, DoesNotKeepTheLockWatchdogFromItsReports) {
     zol::TCShiftedClock clock;
     zol::TCPolicyManager manager(clock, &server, nullptr);
     zol::ZOLPowerUtils power(&manager);
+    ASSERT_TRUE(ServeUntil([] { return fakes::dlog::Has("IPC: serving"); }));
     HangingClient client;
     ASSERT_TRUE(ServeUntil([&] { return client.IsSubscribed(); }));
     HeldLock lock;
