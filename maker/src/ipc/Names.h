@@ -20,6 +20,7 @@ constexpr std::size_t kMaxMessageBytes{16777216};  // 16 MiB
 /// Bounds what callers that subscribe for ever can make the daemon keep and ask.
 constexpr std::size_t kMaxSubscribers = 64;
 constexpr std::size_t kMaxSubscribersPerConnection = 4;
+constexpr std::size_t kMaxPathBytes = 255;
 
 /// Waits before the bus is tried again, in milliseconds: the first one, doubled each time up to the last.
 constexpr unsigned kFirstRetryMs = 100;

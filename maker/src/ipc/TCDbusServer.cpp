@@ -131,8 +131,10 @@ TCDbusServer::Impl::HandlerPtr TCDbusServer::Impl::HandlerOf(int code) const {
 void TCDbusServer::Impl::Subscribe(GDBusMethodInvocation* invocation) {
     const gchar* path = nullptr;
     g_variant_get(g_dbus_method_invocation_get_parameters(invocation), "(&o)", &path);
-    if (m_subscribers.Add(g_dbus_method_invocation_get_connection(invocation),
-                          g_dbus_method_invocation_get_sender(invocation), path)) {
+    if (std::strlen(path) > ipc::kMaxPathBytes) {
+        ipc::ReturnError(invocation, ipc::kErrorTooLarge, "the path is longer than 255 bytes");
+    } else if (m_subscribers.Add(g_dbus_method_invocation_get_connection(invocation),
+                                 g_dbus_method_invocation_get_sender(invocation), path)) {
         g_dbus_method_invocation_return_value(invocation, nullptr);
     } else {
         ipc::ReturnError(invocation, ipc::kErrorTooManySubscribers, "too many subscriptions");

@@ -329,6 +329,16 @@ TEST_F(IpcNotification, AConnectionGetsFourSubscriptions) {
     EXPECT_EQ(m_server->SendNotification(kPowerOff, -1), 4);
 }
 
+TEST_F(IpcNotification, APathOfMoreThan255BytesIsRefused) {
+    Peer peer;
+    const std::string longest = "/" + std::string(254, 'a');
+    EXPECT_EQ(peer.SubscribeAndReply(longest), "");
+
+    EXPECT_EQ(peer.SubscribeAndReply(longest + "a"), "org.zol.Error.TooLarge");
+
+    EXPECT_EQ(m_server->SendNotification(kPowerOff, -1), 1);
+}
+
 TEST_F(IpcNotification, SixtyFourSubscriptionsFitAndOneThatLeavesMakesRoom) {
     std::vector<std::unique_ptr<Peer>> peers;
     for (int i = 0; i < 16; ++i) {
