@@ -27,8 +27,10 @@ RotatingFile::RotatingFile(Place place, Limits limits, Clock clock, Report repor
     const std::string name = m_place.path.substr(m_place.path.rfind('/') + 1);
     m_names.push_back(name);
     for (int age = 1; age <= m_limits.oldFiles; ++age) {
-        m_names.push_back(name.substr(0, name.size() - kEnding.size()) + "." + std::to_string(age) +
-                          std::string(kEnding));
+        const std::string number = "." + std::to_string(age);
+        m_names.push_back(m_limits.numbers == Numbers::AtEnd
+                              ? name + number
+                              : name.substr(0, name.size() - kEnding.size()) + number + std::string(kEnding));
     }
 }
 

@@ -21,9 +21,11 @@ public:
         std::string root;  ///< folder that the path is opened below, as OpenFolder (folders.h) does
         std::string path;  ///< ends in ".log"; missing folders are made
     };
+    enum class Numbers { BeforeEnding, AtEnd };
     struct Limits {
         std::int64_t maxBytes;  ///< a file that would grow beyond is rotated first; a longer line has its own
         int oldFiles;           ///< rotated ones that are kept
+        Numbers numbers = Numbers::BeforeEnding;  ///< "main.1.log", or AtEnd: "main.log.1"
     };
     /// Told of the first failure of a row: what failed, and why.
     using Report = std::function<void(const char* what, const std::error_code& error)>;

@@ -22,13 +22,15 @@ using StatementPtr = std::unique_ptr<sqlite3_stmt, FreeWith<sqlite3_finalize>>;
 }
 
 /// One run of a prepared statement, which is ready for the next run when this goes out of scope. What is
-/// bound must live until then. Parameters count from 1, columns from 0.
+/// bound must live until then. Parameters count from 1, columns from 0. Of a null statement the step fails.
 class Run {
 public:
     explicit Run(const StatementPtr& statement) : m_statement(statement.get()) {}
     ~Run() {
         sqlite3_reset(m_statement);
-        sqlite3_clear_bindings(m_statement);
+        if (m_statement != nullptr) {
+            sqlite3_clear_bindings(m_statement);
+        }
     }
     Run(const Run&) = delete;
     Run& operator=(const Run&) = delete;

@@ -26,7 +26,7 @@ void TraceNumber(std::int32_t value) {
 
 /// Conditions of this run; an empty text: none.
 void LoadTraps(const std::string& conditions) {
-    TSFileSystem::MakeDir("/etc/zol", true);
+    static_cast<void>(TSFileSystem::MakeDir("/etc/zol", true));  // without it there are no conditions
     std::ofstream(DevicePath(ZOL_PATH_TRAP_CONF)) << conditions;
     cv::api::GetControl()->Reload();
 }

@@ -27,9 +27,8 @@ public:
     /// Sends `code` to every subscribed client and waits until each has answered, has died or `timeoutMs` is
     /// over; -1 waits without limit. A client that died, or answered with an error, counts as no reply.
     /// On the dispatch thread the wait goes on serving the main context, so calls, timers and signals are
-    /// handled meanwhile; on any other thread it blocks. CancelNotifications ends it early. Eight waits may
-    /// lie inside one another on the dispatch thread: while they last, a further notification is sent there,
-    /// too, but nobody waits for its replies and none counts.
+    /// handled meanwhile; on any other thread it blocks. CancelNotifications ends it early. Reentrant on the
+    /// dispatch thread up to 8 nested waits; a deeper call sends without waiting and returns 0.
     /// @return how many clients replied.
     virtual int SendNotification(int code, int timeoutMs) = 0;
 

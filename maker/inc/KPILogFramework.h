@@ -33,16 +33,16 @@ public:
     static CLogger& GetInstance();
 
     /// Stores one event; on return it survives a power cut. RESULT_SUCCESS, or one of the others. A damaged
-    /// database is set aside, never deleted, and a new one begun.
-    int AddEventLogSync(const std::string& type, const std::string& category, const std::string& eventId,
-                        const std::string& description);
+    /// database is set aside (the newest one is kept), and a new one begun.
+    [[nodiscard]] int AddEventLogSync(const std::string& type, const std::string& category,
+                                      const std::string& eventId, const std::string& description);
 
     /// The stored events, oldest first; none when there is no store. False when there is one and it cannot be
     /// read. Reading makes and repairs nothing.
-    bool ListEvents(std::vector<TSKpiEvent>& events);
+    [[nodiscard]] bool ListEvents(std::vector<TSKpiEvent>& events);
     /// How many events were dropped since the store was made; 0 when there is none, -1 when it cannot be
     /// read.
-    std::int64_t DroppedEvents();
+    [[nodiscard]] std::int64_t DroppedEvents();
 
 private:
     CLogger();

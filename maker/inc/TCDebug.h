@@ -10,22 +10,24 @@ public:
     static TCDebug* const m_instance;
 
     /// True when External would write somewhere.
-    bool OutputEnabled() const {
+    [[nodiscard]] bool OutputEnabled() const {
         return m_fileLog.load(std::memory_order_relaxed) || m_consoleLog.load(std::memory_order_relaxed);
     }
 
     /// Writes one line "<date time> <class> <function>(<line>) <message>" in local time to each output that
     /// is on. Line feeds and other control characters of the message become blanks; one at its end is
-    /// dropped. Lines longer than 2303 bytes are cut. Allocates nothing.
+    /// dropped. Lines longer than 2303 bytes are cut. Allocates nothing
+    /// unless the file has to be opened or rotated.
     void External(const char* className, const char* function, unsigned line, const char* format, ...)
         __attribute__((format(printf, 5, 6)));
     void VExternal(const char* className, const char* function, unsigned line, const char* format,
                    va_list arguments) __attribute__((format(printf, 5, 0)));
 
     /// Switches the file log (device path ZOL_PATH_DEBUG_LOG) on or off for this process. The file is opened
-    /// with the first line. Bounded to 1 MiB: a file that has reached half of that is kept aside as
-    /// "debug.log.1", and the one before it is dropped. A file that cannot be opened is said once on the
-    /// platform log; switching the log on again tries again.
+    /// with the first line and found again after it was deleted. Bounded to 1 MiB: a file that has reached
+    /// half of that is kept aside as "debug.log.1", and the one before it is dropped. A file that cannot be
+    /// written is said once on the platform log and tried again at most once a second; lines are lost
+    /// meanwhile.
     static void EnableFileLog(bool on);
     /// Switches the copy on standard error on or off.
     static void EnableConsoleLog(bool on);

@@ -19,14 +19,13 @@ public:
     static TCScopeHandler& Instance();
 
     /// One relaxed load once the markers have been read.
-    static bool IsActive() noexcept {
+    [[nodiscard]] static bool IsActive() noexcept {
         const EState state = s_state.load(std::memory_order_relaxed);
         return state != EState::INACTIVE && (state == EState::ACTIVE || Resolve());
     }
 
-    /// Switches tracing on or off, whatever the markers say. What is recorded stays. False when there is no
-    /// memory for a recording.
-    bool SetActive(bool active) noexcept;
+    /// Switches tracing on or off, whatever the markers say. What is recorded stays.
+    void SetActive(bool active) noexcept;
 
     /// Reads the trap conditions (ZOL_PATH_TRAP_CONF) anew and switches tracing on exactly when there are any
     /// or ZOL_PATH_DEBUG_MARKER exists. Lines that make no sense are logged with their number and skipped.
@@ -34,30 +33,28 @@ public:
     int Reload() noexcept;
 
     /// The conditions of a call site, null when there are none. They stay valid as long as they are held.
-    std::shared_ptr<const TSTrapCondition> ConditionsOf(const TSSourceLocation& location) const noexcept;
+    [[nodiscard]] std::shared_ptr<const TSTrapCondition> ConditionsOf(
+        const TSSourceLocation& location) const noexcept;
 
     /// Appends to the recording; a full one loses its oldest event and counts it.
     void Record(const TSEvent& event) noexcept;
 
     /// A copy of the recording, oldest first (may throw std::bad_alloc), and in `end`, unless it is null, the
     /// position behind its newest event.
-    std::vector<TSEvent> Events(std::uint64_t* end = nullptr) const;
+    [[nodiscard]] std::vector<TSEvent> Events(std::uint64_t* end = nullptr) const;
     /// Removes the events before a position that Events gave.
     void DiscardBefore(std::uint64_t end) noexcept;
     void Clear() noexcept;
     /// Events lost to newer ones since the process began or Clear.
-    std::uint64_t Overwritten() const noexcept;
+    [[nodiscard]] std::uint64_t Overwritten() const noexcept;
 
 private:
     enum class EState : int { UNKNOWN, INACTIVE, ACTIVE };
 
-    TCScopeHandler();
-    ~TCScopeHandler();
+    TCScopeHandler() noexcept;
     static bool Resolve() noexcept;
 
     static std::atomic<EState> s_state;
-    class Impl;
-    const std::unique_ptr<Impl> m_impl;
 };
 
 }  // namespace cv

@@ -1,7 +1,6 @@
 #pragma once
 /// The queue of matched traps.
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -35,18 +34,15 @@ public:
 
     /// A copy of the queue, oldest first (may throw std::bad_alloc), and in `end`, unless it is null, the
     /// position behind its newest match.
-    std::vector<TSTrapMatch> Items(std::uint64_t* end = nullptr) const;
+    [[nodiscard]] std::vector<TSTrapMatch> Items(std::uint64_t* end = nullptr) const;
     /// Removes the matches before a position that Items gave.
     void DiscardBefore(std::uint64_t end) noexcept;
     void Clear() noexcept;
     /// Matches lost to newer ones since the process began or Clear.
-    std::uint64_t Dropped() const noexcept;
+    [[nodiscard]] std::uint64_t Dropped() const noexcept;
 
 private:
-    TCTrapPattern();
-    ~TCTrapPattern();
-    class Impl;
-    const std::unique_ptr<Impl> m_impl;
+    TCTrapPattern() = default;
 };
 
 }  // namespace cv

@@ -1,6 +1,7 @@
 #pragma once
 /// The newest entries of a stream, in memory that never grows.
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
@@ -8,29 +9,18 @@
 
 namespace cv {
 
-/// Entries have positions that count up from 0 for ever. Any thread.
-template <class T>
+/// Entries have positions that count up from 0 for ever. Any thread. For static objects: it needs no heap,
+/// its pages are touched only as entries come, and nothing has to be destroyed.
+template <class T, std::size_t capacity>
 class BoundedRing {
 public:
-    explicit BoundedRing(std::size_t capacity) : m_capacity(capacity) {}
-
-    /// Takes the memory; may throw std::bad_alloc. Entries that come before it are lost and counted.
-    void Allocate() {
-        const Lock lock(m_mutex);
-        m_entries.resize(m_capacity);
-    }
-
     void Push(const T& entry) {
         const Lock lock(m_mutex);
-        if (m_entries.empty()) {
-            ++m_lost;
-            return;
-        }
-        if (m_end - m_begin == m_capacity) {
+        if (m_end - m_begin == capacity) {
             ++m_begin;
             ++m_lost;
         }
-        m_entries[static_cast<std::size_t>(m_end++ % m_capacity)] = entry;
+        m_entries[static_cast<std::size_t>(m_end++ % capacity)] = entry;
     }
 
     /// A copy, oldest first; may throw std::bad_alloc. In `end`, unless it is null, the position behind the
@@ -40,7 +30,7 @@ public:
         std::vector<T> items;
         items.reserve(static_cast<std::size_t>(m_end - m_begin));
         for (std::uint64_t position = m_begin; position != m_end; ++position) {
-            items.push_back(m_entries[static_cast<std::size_t>(position % m_capacity)]);
+            items.push_back(m_entries[static_cast<std::size_t>(position % capacity)]);
         }
         if (end != nullptr) {
             *end = m_end;
@@ -68,9 +58,8 @@ public:
 private:
     using Lock = std::lock_guard<std::mutex>;
 
-    const std::size_t m_capacity;
     mutable std::mutex m_mutex;  // guards all below
-    std::vector<T> m_entries;
+    std::array<T, capacity> m_entries;
     std::uint64_t m_begin = 0;
     std::uint64_t m_end = 0;
     std::uint64_t m_lost = 0;

@@ -8,58 +8,49 @@
 #include "MakerLog.h"
 #include "TSFileSystem.h"
 #include "TrapFile.h"
-#include "cv/TCTrapPattern.h"
 #include "device_paths.h"
 
 namespace cv {
 
 using Conditions = std::vector<TSTrapCondition>;
 
-class TCScopeHandler::Impl {
-public:
-    Impl() : events(MAX_EVENTS) {}
+namespace {
 
-    BoundedRing<TSEvent> events;
-    std::mutex mutex;  // guards the conditions
-    std::shared_ptr<const Conditions> conditions = std::make_shared<Conditions>();
-};
+using Recording = BoundedRing<TSEvent, TCScopeHandler::MAX_EVENTS>;
+
+Recording& TheRecording() {
+    static Recording recording;
+    return recording;
+}
+
+std::mutex g_conditionsMutex;  // guards TheConditions()
+
+std::shared_ptr<const Conditions>& TheConditions() {
+    // Never freed: traced code may run while the process's statics go.
+    static auto* conditions = new std::shared_ptr<const Conditions>(std::make_shared<Conditions>());
+    return *conditions;
+}
+
+}  // namespace
 
 std::atomic<TCScopeHandler::EState> TCScopeHandler::s_state{EState::UNKNOWN};
 
-TCScopeHandler::TCScopeHandler() : m_impl(std::make_unique<Impl>()) {
+TCScopeHandler::TCScopeHandler() noexcept {
     Reload();
 }
-TCScopeHandler::~TCScopeHandler() = default;
 
 TCScopeHandler& TCScopeHandler::Instance() {
-    static auto* instance = new TCScopeHandler;
-    return *instance;
+    static TCScopeHandler instance;
+    return instance;
 }
 
 bool TCScopeHandler::Resolve() noexcept {
-    try {
-        Instance();
-    } catch (const std::exception& error) {
-        s_state.store(EState::INACTIVE, std::memory_order_relaxed);
-        MAKER_ERROR("no tracing: %s", error.what());
-    }
+    Instance();
     return s_state.load(std::memory_order_relaxed) == EState::ACTIVE;
 }
 
-bool TCScopeHandler::SetActive(bool active) noexcept {
-    try {
-        if (active) {
-            // Whatever recording needs later is made now, so that traced code meets no failure.
-            TCTrapPattern::Instance();
-            m_impl->events.Allocate();
-        }
-    } catch (const std::exception& error) {
-        MAKER_ERROR("no tracing: %s", error.what());
-        s_state.store(EState::INACTIVE, std::memory_order_relaxed);
-        return false;
-    }
+void TCScopeHandler::SetActive(bool active) noexcept {
     s_state.store(active ? EState::ACTIVE : EState::INACTIVE, std::memory_order_relaxed);
-    return true;
 }
 
 int TCScopeHandler::Reload() noexcept {
@@ -69,8 +60,8 @@ int TCScopeHandler::Reload() noexcept {
         count = LoadTraps(*loaded);
         std::shared_ptr<const Conditions> conditions = std::move(loaded);
         // The old conditions are freed behind the lock.
-        const std::lock_guard<std::mutex> lock(m_impl->mutex);
-        m_impl->conditions.swap(conditions);
+        const std::lock_guard<std::mutex> lock(g_conditionsMutex);
+        TheConditions().swap(conditions);
     } catch (const std::exception& error) {
         MAKER_ERROR("no trap conditions: %s", error.what());
         count = -1;
@@ -83,8 +74,8 @@ std::shared_ptr<const TSTrapCondition> TCScopeHandler::ConditionsOf(
     const TSSourceLocation& location) const noexcept {
     std::shared_ptr<const Conditions> conditions;
     {
-        const std::lock_guard<std::mutex> lock(m_impl->mutex);
-        conditions = m_impl->conditions;
+        const std::lock_guard<std::mutex> lock(g_conditionsMutex);
+        conditions = TheConditions();
     }
     for (const TSTrapCondition& condition : *conditions) {
         if (condition.Matches(location)) {
@@ -95,23 +86,23 @@ std::shared_ptr<const TSTrapCondition> TCScopeHandler::ConditionsOf(
 }
 
 void TCScopeHandler::Record(const TSEvent& event) noexcept {
-    m_impl->events.Push(event);
+    TheRecording().Push(event);
 }
 
 std::vector<TSEvent> TCScopeHandler::Events(std::uint64_t* end) const {
-    return m_impl->events.Items(end);
+    return TheRecording().Items(end);
 }
 
 void TCScopeHandler::DiscardBefore(std::uint64_t end) noexcept {
-    m_impl->events.DiscardBefore(end);
+    TheRecording().DiscardBefore(end);
 }
 
 void TCScopeHandler::Clear() noexcept {
-    m_impl->events.Clear();
+    TheRecording().Clear();
 }
 
 std::uint64_t TCScopeHandler::Overwritten() const noexcept {
-    return m_impl->events.Lost();
+    return TheRecording().Lost();
 }
 
 }  // namespace cv

@@ -1,13 +1,15 @@
 #include "cv/TCTraceControl.h"
 
 #include <exception>
+#include <system_error>
 
 #include "MakerLog.h"
 #include "TSFileSystem.h"
 #include "TraceJson.h"
-#include "WholeFile.h"
+#include "base/atomic_file.h"
 #include "cv/TCScopeHandler.h"
 #include "cv/TCTrapPattern.h"
+#include "device_path.h"
 #include "platform_clock.h"
 
 namespace cv {
@@ -41,11 +43,15 @@ Snapshot Take(bool withTraps) {
 bool WriteInto(const std::string& folder, bool withParents, const std::string& text) {
     const std::string path =
         folder + (folder.empty() || folder.back() != '/' ? "/" : "") + TCTraceControl::DUMP_NAME;
-    if (!TSFileSystem::MakeDir(folder, withParents) || !maker::WriteWholeFile(path, text, kFileMode)) {
+    if (!TSFileSystem::MakeDir(folder, withParents)) {
         MAKER_ERROR("the trace dump cannot be saved in %s", folder.c_str());
         return false;
     }
-    return true;
+    const std::error_code error = base::ReplaceFile(DevicePath(path), text, kFileMode);
+    if (error) {
+        MAKER_ERROR("the trace dump cannot be saved in %s: %s", folder.c_str(), error.message().c_str());
+    }
+    return !error;
 }
 
 }  // namespace
@@ -54,8 +60,8 @@ bool TCTraceControl::IsActive() const {
     return TCScopeHandler::IsActive();
 }
 
-bool TCTraceControl::SetActive(bool active) {
-    return TCScopeHandler::Instance().SetActive(active);
+void TCTraceControl::SetActive(bool active) {
+    TCScopeHandler::Instance().SetActive(active);
 }
 
 int TCTraceControl::Reload() {
@@ -86,8 +92,8 @@ bool TCTraceControl::SaveDump(const std::string& sourceFolder, const std::string
 namespace api {
 
 TCTraceControl* GetControl() {
-    static auto* control = new TCTraceControl;
-    return control;
+    static TCTraceControl control;
+    return &control;
 }
 
 }  // namespace api

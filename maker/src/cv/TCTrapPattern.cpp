@@ -3,40 +3,40 @@
 #include "BoundedRing.h"
 
 namespace cv {
+namespace {
 
-class TCTrapPattern::Impl {
-public:
-    Impl() : matches(MAX_MATCHES) { matches.Allocate(); }
+using Matches = BoundedRing<TSTrapMatch, TCTrapPattern::MAX_MATCHES>;
 
-    BoundedRing<TSTrapMatch> matches;
-};
+Matches& TheMatches() {
+    static Matches matches;
+    return matches;
+}
 
-TCTrapPattern::TCTrapPattern() : m_impl(std::make_unique<Impl>()) {}
-TCTrapPattern::~TCTrapPattern() = default;
+}  // namespace
 
 TCTrapPattern& TCTrapPattern::Instance() {
-    static auto* instance = new TCTrapPattern;
-    return *instance;
+    static TCTrapPattern instance;
+    return instance;
 }
 
 void TCTrapPattern::AddItemToQueue(const TSTrapMatch& match) noexcept {
-    m_impl->matches.Push(match);
+    TheMatches().Push(match);
 }
 
 std::vector<TSTrapMatch> TCTrapPattern::Items(std::uint64_t* end) const {
-    return m_impl->matches.Items(end);
+    return TheMatches().Items(end);
 }
 
 void TCTrapPattern::DiscardBefore(std::uint64_t end) noexcept {
-    m_impl->matches.DiscardBefore(end);
+    TheMatches().DiscardBefore(end);
 }
 
 void TCTrapPattern::Clear() noexcept {
-    m_impl->matches.Clear();
+    TheMatches().Clear();
 }
 
 std::uint64_t TCTrapPattern::Dropped() const noexcept {
-    return m_impl->matches.Lost();
+    return TheMatches().Lost();
 }
 
 }  // namespace cv

@@ -11,8 +11,8 @@
 #include <system_error>
 #include <utility>
 
-#include "FileDescriptor.h"
 #include "MakerLog.h"
+#include "base/unique_fd.h"
 #include "cv/TCTrapPattern.h"
 #include "device_path.h"
 #include "device_paths.h"
@@ -207,7 +207,7 @@ int ParseTraps(std::string_view text, std::vector<TSTrapCondition>& conditions) 
 int LoadTraps(std::vector<TSTrapCondition>& conditions) {
     conditions.clear();
     // Without O_NONBLOCK a pipe in the file's place would hang the caller.
-    const maker::FileDescriptor file(
+    const base::UniqueFd file(
         open(DevicePath(ZOL_PATH_TRAP_CONF).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     if (!file && errno == ENOENT) {
         return 0;

@@ -1,32 +1,27 @@
 #include "TCDebug.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
+#include <memory>
 #include <mutex>
+#include <system_error>
 
-#include "FileDescriptor.h"
 #include "MakerLog.h"
-#include "TSFileSystem.h"
+#include "base/exception_wall.h"
+#include "base/rotating_file.h"
 #include "device_path.h"
 #include "device_paths.h"
 #include "platform_clock.h"
 
 namespace {
 
-constexpr std::size_t kMaxLine = 2304;       // bytes, the line feed included
-constexpr off_t kMaxFileSize = 512L * 1024;  // bytes; with the file kept aside 1 MiB
-constexpr mode_t kFileMode = 0640;
-constexpr const char* kOldSuffix = ".1";
-constexpr std::size_t kMaxPath = 4096;
+constexpr std::size_t kMaxLine = 2304;        // bytes, the line feed included
+constexpr std::int64_t kMaxFileSize{524288};  // bytes; with the file kept aside 1 MiB
 
 /// The lines are built here rather than on the stack: the runtime's threads have small ones.
 struct Line {
@@ -34,79 +29,24 @@ struct Line {
     std::size_t length;
 };
 
-/// The log file. Its user locks.
-class LogFile {
-public:
-    void Write(const Line& line) {
-        if (!m_file && !Open()) {
-            return;
-        }
-        if (m_size + static_cast<off_t>(line.length) > kMaxFileSize && !Rotate()) {
-            return;
-        }
-        const ssize_t written = write(m_file.Get(), line.text, line.length);
-        m_size += std::max<ssize_t>(written, 0);
-    }
-
-    void Close() {
-        m_file.Reset();
-        m_failed = false;
-    }
-
-private:
-    bool Open() {
-        if (m_failed) {
-            return false;
-        }
-        m_failed = true;
-        char path[kMaxPath];
-        if (device_path_map(ZOL_PATH_DEBUG_LOG, path, sizeof(path)) == 0 ||
-            !TSFileSystem::MakeDir(ZOL_PATH_LOG_DIR, true)) {
-            return false;
-        }
-        // Without O_NONBLOCK a pipe put in the file's place would hang every thread that logs.
-        maker::FileDescriptor file(
-            open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, kFileMode));
-        struct stat status {};
-        if (!file || fstat(file.Get(), &status) != 0) {
-            MAKER_ERROR("cannot open the debug log %s: errno %d", ZOL_PATH_DEBUG_LOG, errno);
-            return false;
-        }
-        if (!S_ISREG(status.st_mode)) {
-            MAKER_ERROR("the debug log %s is not a regular file", ZOL_PATH_DEBUG_LOG);
-            return false;
-        }
-        m_file = std::move(file);
-        m_size = status.st_size;
-        m_failed = false;
-        return true;
-    }
-
-    bool Rotate() {
-        char path[kMaxPath];
-        char old[kMaxPath];
-        device_path_map(ZOL_PATH_DEBUG_LOG, path, sizeof(path));
-        const int length = std::snprintf(old, sizeof(old), "%s%s", path, kOldSuffix);
-        m_file.Reset();
-        if (length >= static_cast<int>(sizeof(old)) || rename(path, old) != 0) {
-            MAKER_ERROR("cannot set the full debug log %s aside: errno %d", ZOL_PATH_DEBUG_LOG, errno);
-            m_failed = true;
-            return false;
-        }
-        return Open();
-    }
-
-    maker::FileDescriptor m_file;
-    off_t m_size = 0;
-    bool m_failed = false;
-};
-
 std::mutex g_mutex;  // guards the two below
 Line g_line;
-LogFile& TheFile() {
+std::unique_ptr<base::RotatingFile>& TheFile() {
     // Never freed: lines may come from static destructors.
-    static auto* file = new LogFile;
+    static auto* file = new std::unique_ptr<base::RotatingFile>;
     return *file;
+}
+
+void Report(const char* what, const char* why) {
+    MAKER_ERROR("the debug log %s %s: %s", ZOL_PATH_DEBUG_LOG, what, why);
+}
+
+std::unique_ptr<base::RotatingFile> NewFile() {
+    return std::make_unique<base::RotatingFile>(
+        base::RotatingFile::Place{DevicePath("/"), DevicePath(ZOL_PATH_DEBUG_LOG)},
+        base::RotatingFile::Limits{kMaxFileSize, 1, base::RotatingFile::Numbers::AtEnd},
+        &platform_clock_steady_ns,
+        [](const char* what, const std::error_code& error) { Report(what, error.message().c_str()); });
 }
 
 __attribute__((format(printf, 2, 0))) void AppendV(Line& line, const char* format, va_list arguments) {
@@ -168,8 +108,12 @@ void TCDebug::VExternal(const char* className, const char* function, unsigned li
     Append(g_line, " %s %s(%u) ", className, function, line);
     AppendV(g_line, format, arguments);
     Terminate(g_line);
-    if (m_fileLog.load(std::memory_order_relaxed)) {
-        TheFile().Write(g_line);
+    if (TheFile() != nullptr) {
+        base::CatchAll(
+            [] {
+                TheFile()->Write({g_line.text, g_line.length});
+            },
+            [](const char* why) { Report("cannot be written", why); });
     }
     if (m_consoleLog.load(std::memory_order_relaxed)) {
         // Nobody can be told when standard error is gone.
@@ -179,8 +123,9 @@ void TCDebug::VExternal(const char* className, const char* function, unsigned li
 
 void TCDebug::EnableFileLog(bool on) {
     const std::lock_guard<std::mutex> lock(g_mutex);
-    TheFile().Close();
-    s_object.m_fileLog.store(on, std::memory_order_relaxed);
+    TheFile() = base::CatchAll([on] { return on ? NewFile() : nullptr; },
+                               [](const char* why) { Report("cannot be opened", why); });
+    s_object.m_fileLog.store(TheFile() != nullptr, std::memory_order_relaxed);
 }
 
 void TCDebug::EnableConsoleLog(bool on) {

@@ -1,7 +1,9 @@
 #include "Bounded.h"
 
 #include <functional>
-#include <string>
+#include <utility>
+
+#include "base/bus_link.h"
 
 namespace zol::ipc {
 namespace {
@@ -29,7 +31,7 @@ public:
     /// False when the time is over first.
     bool Wait(unsigned milliseconds) {
         bool expired = false;
-        const GSourcePtr timer = StartTimer(m_context.get(), milliseconds, ExpiredCb, &expired);
+        const base::GSourcePtr timer = base::StartTimer(m_context.get(), milliseconds, ExpiredCb, &expired);
         while (!m_done && !expired) {
             g_main_context_iteration(m_context.get(), TRUE);
         }
@@ -49,40 +51,36 @@ private:
         return G_SOURCE_REMOVE;
     }
 
-    const GMainContextPtr m_context;
+    const base::GMainContextPtr m_context;
     const Finish m_finish;
     bool m_done = false;
 };
-
-// Made before the wait's own context is pushed: a connection calls back where it was made.
-GConnectionPtr NewConnection(const std::string& address) {
-    const auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                                         G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
-    return GConnectionPtr(G_DBUS_CONNECTION(
-        g_object_new(G_TYPE_DBUS_CONNECTION, "address", address.c_str(), "flags", flags, nullptr)));
-}
 
 }  // namespace
 
 void FlushWithin(GDBusConnection* connection, unsigned milliseconds) {
     BoundedWait wait([](GObject* source, GAsyncResult* result) {
-        GErrorPtr error;
-        g_dbus_connection_flush_finish(G_DBUS_CONNECTION(source), result, ErrorOut(error));
+        base::GErrorPtr error;
+        g_dbus_connection_flush_finish(G_DBUS_CONNECTION(source), result, base::OutError(error));
     });
     g_dbus_connection_flush(connection, nullptr, BoundedWait::ReadyCb, &wait);
     wait.Wait(milliseconds);
 }
 
-GConnectionPtr ConnectWithin(bool sessionBus, unsigned milliseconds, GErrorPtr& error) {
-    const std::string address = BusAddress(sessionBus, error);
-    if (address.empty()) {
+GConnectionPtr ConnectWithin(bool sessionBus, unsigned milliseconds, base::GErrorPtr& error) {
+    const GBusType bus = sessionBus ? G_BUS_TYPE_SESSION : G_BUS_TYPE_SYSTEM;
+    const base::GStringPtr address = base::BusAddress(bus, error);
+    if (address == nullptr) {
         return nullptr;
     }
-    GConnectionPtr connection = NewConnection(address);
-    const GCancellablePtr cancellable(g_cancellable_new());
+    // Made before the wait's own context is pushed: a connection calls back where it was made.
+    GConnectionPtr connection(G_DBUS_CONNECTION(g_object_new(G_TYPE_DBUS_CONNECTION, "address", address.get(),
+                                                             "flags", base::kBusConnectionFlags, nullptr)));
+    const base::GObjectPtr<GCancellable> cancellable(g_cancellable_new());
     bool connected = false;
     BoundedWait wait([&](GObject* source, GAsyncResult* result) {
-        connected = g_async_initable_init_finish(G_ASYNC_INITABLE(source), result, ErrorOut(error)) == TRUE;
+        connected =
+            g_async_initable_init_finish(G_ASYNC_INITABLE(source), result, base::OutError(error)) == TRUE;
     });
     g_async_initable_init_async(G_ASYNC_INITABLE(connection.get()), G_PRIORITY_DEFAULT, cancellable.get(),
                                 BoundedWait::ReadyCb, &wait);

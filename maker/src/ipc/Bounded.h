@@ -9,6 +9,6 @@ void FlushWithin(GDBusConnection* connection, unsigned milliseconds);
 
 /// Connects within `milliseconds`. The connection's callbacks run on the thread-default main context of the
 /// caller, which is not iterated meanwhile. Null with `error` set when it does not come about.
-GConnectionPtr ConnectWithin(bool sessionBus, unsigned milliseconds, GErrorPtr& error);
+[[nodiscard]] GConnectionPtr ConnectWithin(bool sessionBus, unsigned milliseconds, base::GErrorPtr& error);
 
 }  // namespace zol::ipc

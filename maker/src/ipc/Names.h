@@ -22,8 +22,4 @@ constexpr std::size_t kMaxSubscribers = 64;
 constexpr std::size_t kMaxSubscribersPerConnection = 4;
 constexpr std::size_t kMaxPathBytes = 255;
 
-/// Waits before the bus is tried again, in milliseconds: the first one, doubled each time up to the last.
-constexpr unsigned kFirstRetryMs = 100;
-constexpr unsigned kLastRetryMs = 30000;
-
 }  // namespace zol::ipc

@@ -12,10 +12,10 @@ gboolean RaiseFlagCb(gpointer data) {
 
 }  // namespace
 
-IpcNotifier::IpcNotifier(Begin begin)
+Notifier::Notifier(Begin begin)
     : m_begin(std::move(begin)), m_home(std::this_thread::get_id()), m_handle(this) {}
 
-IpcNotifier::~IpcNotifier() {
+Notifier::~Notifier() {
     Cancel();
     std::unique_lock<std::mutex> lock(m_mutex);
     m_left.wait(lock, [this] { return m_blockedThreads == 0; });
@@ -23,12 +23,12 @@ IpcNotifier::~IpcNotifier() {
 
 // Before the main loop runs and after it has returned nobody owns the context; its thread is then the one
 // that made the server.
-bool IpcNotifier::OnDispatchThread() const {
+bool Notifier::OnDispatchThread() const {
     return g_main_context_is_owner(g_main_context_default()) == TRUE || std::this_thread::get_id() == m_home;
 }
 
-int IpcNotifier::Send(int code, int timeoutMs) {
-    const auto round = std::make_shared<IpcRound>(code);
+int Notifier::Send(int code, int timeoutMs) {
+    const auto round = std::make_shared<Round>(code);
     const bool serve = OnDispatchThread();
     bool isTooDeep = false;
     {
@@ -65,28 +65,28 @@ int IpcNotifier::Send(int code, int timeoutMs) {
     return round->Replies();
 }
 
-void IpcNotifier::ServeUntilEnded(const IpcRound& round, int timeoutMs) {
+void Notifier::ServeUntilEnded(const Round& round, int timeoutMs) {
     bool expired = false;
-    GSourcePtr timer;
+    base::GSourcePtr timer;
     if (timeoutMs >= 0) {
-        timer = StartTimer(nullptr, static_cast<unsigned>(timeoutMs), RaiseFlagCb, &expired);
+        timer = base::StartTimer(nullptr, static_cast<unsigned>(timeoutMs), RaiseFlagCb, &expired);
     }
     while (!round.Ended() && !expired) {
         g_main_context_iteration(nullptr, TRUE);
     }
 }
 
-gboolean IpcNotifier::BeginWaitingCb(gpointer data) {
+gboolean Notifier::BeginWaitingCb(gpointer data) {
     AtBoundary("a notification", [&] {
-        if (IpcNotifier* self = Handle<IpcNotifier>::Find(data)) {
+        if (Notifier* self = base::CallbackHandle<Notifier>::Find(data)) {
             self->BeginWaiting();
         }
     });
     return G_SOURCE_REMOVE;
 }
 
-void IpcNotifier::BeginWaiting() {
-    std::deque<std::shared_ptr<IpcRound>> waiting;
+void Notifier::BeginWaiting() {
+    std::deque<std::shared_ptr<Round>> waiting;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         waiting.swap(m_waiting);
@@ -96,8 +96,8 @@ void IpcNotifier::BeginWaiting() {
     }
 }
 
-void IpcNotifier::Cancel() {
-    std::set<std::shared_ptr<IpcRound>> rounds;
+void Notifier::Cancel() {
+    std::set<std::shared_ptr<Round>> rounds;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_cancelled = true;

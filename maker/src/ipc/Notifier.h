@@ -14,29 +14,29 @@ namespace zol::ipc {
 
 /// Sends notifications and waits for the replies. Made and destroyed on the thread that dispatches GLib's
 /// default main context.
-class IpcNotifier {
+class Notifier {
 public:
     /// Waits on the dispatching thread that may lie inside one another.
     static constexpr int kMaxNestedWaits = 8;
 
     /// Starts a round on the dispatching thread.
-    using Begin = std::function<void(IpcRound& round)>;
+    using Begin = std::function<void(Round& round)>;
 
-    explicit IpcNotifier(Begin begin);
+    explicit Notifier(Begin begin);
     /// Ends all waits, and returns when no other thread waits any more.
-    ~IpcNotifier();
-    IpcNotifier(const IpcNotifier&) = delete;
-    IpcNotifier& operator=(const IpcNotifier&) = delete;
+    ~Notifier();
+    Notifier(const Notifier&) = delete;
+    Notifier& operator=(const Notifier&) = delete;
 
     /// See IDbusServer::SendNotification. Any thread.
-    int Send(int code, int timeoutMs);
+    [[nodiscard]] int Send(int code, int timeoutMs);
     /// See IDbusServer::CancelNotifications. Any thread.
     void Cancel();
 
 private:
     static gboolean BeginWaitingCb(gpointer data);
     bool OnDispatchThread() const;
-    static void ServeUntilEnded(const IpcRound& round, int timeoutMs);
+    static void ServeUntilEnded(const Round& round, int timeoutMs);
     void BeginWaiting();
 
     const Begin m_begin;
@@ -47,9 +47,9 @@ private:
     bool m_cancelled = false;
     int m_blockedThreads = 0;
     int m_nestedWaits = 0;
-    std::set<std::shared_ptr<IpcRound>> m_rounds;
-    std::deque<std::shared_ptr<IpcRound>> m_waiting;
-    const Handle<IpcNotifier> m_handle;
+    std::set<std::shared_ptr<Round>> m_rounds;
+    std::deque<std::shared_ptr<Round>> m_waiting;
+    const base::CallbackHandle<Notifier> m_handle;
 };
 
 }  // namespace zol::ipc

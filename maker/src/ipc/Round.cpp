@@ -4,7 +4,7 @@
 
 namespace zol::ipc {
 
-void IpcRound::Begin(GDBusConnection* connection, const std::vector<Subscriber>& subscribers) {
+void Round::Begin(GDBusConnection* connection, const std::vector<Subscriber>& subscribers) {
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         if (m_closed) {
@@ -22,26 +22,26 @@ void IpcRound::Begin(GDBusConnection* connection, const std::vector<Subscriber>&
     }
 }
 
-void IpcRound::Ask(GDBusConnection* connection, const Subscriber& subscriber) {
+void Round::Ask(GDBusConnection* connection, const Subscriber& subscriber) {
     // The round stays until the last answer. Its own waiter knows the time limit, so the call has none.
-    auto keep = std::make_unique<std::shared_ptr<IpcRound>>(shared_from_this());
+    auto keep = std::make_unique<std::shared_ptr<Round>>(shared_from_this());
     g_dbus_connection_call(connection, subscriber.name.c_str(), subscriber.path.c_str(), kClientInterface,
                            "Notify", g_variant_new("(i)", m_code), G_VARIANT_TYPE_UNIT,
                            G_DBUS_CALL_FLAGS_NO_AUTO_START, G_MAXINT, m_cancellable.get(), AnswerCb,
                            keep.release());
 }
 
-void IpcRound::AnswerCb(GObject* source, GAsyncResult* result, gpointer data) {
-    const std::unique_ptr<std::shared_ptr<IpcRound>> keep(static_cast<std::shared_ptr<IpcRound>*>(data));
+void Round::AnswerCb(GObject* source, GAsyncResult* result, gpointer data) {
+    const std::unique_ptr<std::shared_ptr<Round>> keep(static_cast<std::shared_ptr<Round>*>(data));
     AtBoundary("an answer to a notification", [&] {
-        GErrorPtr error;
-        const GVariantPtr reply(
-            g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, ErrorOut(error)));
+        base::GErrorPtr error;
+        const base::GVariantPtr reply(
+            g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, base::OutError(error)));
         (*keep)->OnAnswer(reply != nullptr);
     });
 }
 
-void IpcRound::OnAnswer(bool reply) {
+void Round::OnAnswer(bool reply) {
     const std::lock_guard<std::mutex> lock(m_mutex);
     --m_open;
     if (reply && !m_closed) {
@@ -52,7 +52,7 @@ void IpcRound::OnAnswer(bool reply) {
     }
 }
 
-void IpcRound::Close() {
+void Round::Close() {
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_closed = true;
@@ -63,12 +63,12 @@ void IpcRound::Close() {
     g_main_context_wakeup(nullptr);
 }
 
-bool IpcRound::Ended() const {
+bool Round::Ended() const {
     const std::lock_guard<std::mutex> lock(m_mutex);
     return EndedLocked();
 }
 
-void IpcRound::Wait(int timeoutMs) {
+void Round::Wait(int timeoutMs) {
     std::unique_lock<std::mutex> lock(m_mutex);
     const auto ended = [this] { return EndedLocked(); };
     if (timeoutMs < 0) {
@@ -78,7 +78,7 @@ void IpcRound::Wait(int timeoutMs) {
     }
 }
 
-int IpcRound::Replies() const {
+int Round::Replies() const {
     const std::lock_guard<std::mutex> lock(m_mutex);
     return m_replies;
 }

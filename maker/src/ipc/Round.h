@@ -11,11 +11,11 @@ namespace zol::ipc {
 
 /// Asks a number of subscribers at the same time and counts their replies. Begin and the answers run on the
 /// thread that dispatches GLib's default main context, everything else on any thread.
-class IpcRound : public std::enable_shared_from_this<IpcRound> {
+class Round : public std::enable_shared_from_this<Round> {
 public:
-    explicit IpcRound(int code) : m_code(code), m_cancellable(g_cancellable_new()) {}
-    IpcRound(const IpcRound&) = delete;
-    IpcRound& operator=(const IpcRound&) = delete;
+    explicit Round(int code) : m_code(code), m_cancellable(g_cancellable_new()) {}
+    Round(const Round&) = delete;
+    Round& operator=(const Round&) = delete;
 
     /// Sends the code to all of `subscribers`. A round that is closed already sends nothing.
     void Begin(GDBusConnection* connection, const std::vector<Subscriber>& subscribers);
@@ -24,22 +24,22 @@ public:
     void Close();
 
     /// All have answered, or the round is closed.
-    bool Ended() const;
+    [[nodiscard]] bool Ended() const;
 
     /// Blocks until Ended or `timeoutMs` is over (-1: without limit). Not on the dispatching thread.
     void Wait(int timeoutMs);
 
     /// Replies so far.
-    int Replies() const;
+    [[nodiscard]] int Replies() const;
 
 private:
     static void AnswerCb(GObject* source, GAsyncResult* result, gpointer data);
     void Ask(GDBusConnection* connection, const Subscriber& subscriber);
     void OnAnswer(bool reply);
-    bool EndedLocked() const { return m_closed || (m_begun && m_open == 0); }
+    [[nodiscard]] bool EndedLocked() const { return m_closed || (m_begun && m_open == 0); }
 
     const int m_code;
-    const GCancellablePtr m_cancellable;
+    const base::GObjectPtr<GCancellable> m_cancellable;
     mutable std::mutex m_mutex;
     std::condition_variable m_ended;
     // Guarded by m_mutex.

@@ -4,7 +4,7 @@
 
 namespace zol::ipc {
 
-bool IpcSubscribers::Add(GDBusConnection* connection, const std::string& name, const std::string& path) {
+bool Subscribers::Add(GDBusConnection* connection, const std::string& name, const std::string& path) {
     const auto known = m_clients.find(name);
     const std::size_t own = known != m_clients.end() ? known->second.paths.size() : 0;
     if (own > 0) {
@@ -19,16 +19,17 @@ bool IpcSubscribers::Add(GDBusConnection* connection, const std::string& name, c
     Client& client = m_clients[name];
     client.paths.push_back(path);
     ++m_count;
-    if (client.watch == nullptr) {
+    if (!client.watch) {
         // Also tells of a client that left between its call and this line.
-        client.watch = std::make_unique<Watch>(
+        const guint watch =
             g_bus_watch_name_on_connection(connection, name.c_str(), G_BUS_NAME_WATCHER_FLAGS_NONE, nullptr,
-                                           VanishedCb, m_handle.Data(), nullptr));
+                                           VanishedCb, m_handle.Data(), nullptr);
+        client.watch = base::Subscription([watch] { g_bus_unwatch_name(watch); });
     }
     return true;
 }
 
-void IpcSubscribers::Remove(const std::string& name) {
+void Subscribers::Remove(const std::string& name) {
     const auto found = m_clients.find(name);
     if (found != m_clients.end()) {
         m_count -= found->second.paths.size();
@@ -36,12 +37,12 @@ void IpcSubscribers::Remove(const std::string& name) {
     }
 }
 
-void IpcSubscribers::Clear() {
+void Subscribers::Clear() {
     m_clients.clear();
     m_count = 0;
 }
 
-std::vector<Subscriber> IpcSubscribers::All() const {
+std::vector<Subscriber> Subscribers::All() const {
     std::vector<Subscriber> all;
     all.reserve(m_count);
     for (const auto& [name, client] : m_clients) {
@@ -52,9 +53,9 @@ std::vector<Subscriber> IpcSubscribers::All() const {
     return all;
 }
 
-void IpcSubscribers::VanishedCb(GDBusConnection* /*connection*/, const gchar* name, gpointer data) {
+void Subscribers::VanishedCb(GDBusConnection* /*connection*/, const gchar* name, gpointer data) {
     AtBoundary("the end of a subscriber", [&] {
-        if (IpcSubscribers* self = Handle<IpcSubscribers>::Find(data)) {
+        if (Subscribers* self = base::CallbackHandle<Subscribers>::Find(data)) {
             self->Remove(name);
         }
     });

@@ -2,11 +2,11 @@
 /// Who gets notifications.
 #include <cstddef>
 #include <map>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "Gio.h"
+#include "base/subscription.h"
 
 namespace zol::ipc {
 
@@ -17,33 +17,22 @@ struct Subscriber {
 
 /// The subscribers of one connection to the bus. One that leaves the bus drops out. Lives on the thread that
 /// dispatches GLib's default main context.
-class IpcSubscribers {
+class Subscribers {
 public:
-    IpcSubscribers() : m_handle(this) {}
-    IpcSubscribers(const IpcSubscribers&) = delete;
-    IpcSubscribers& operator=(const IpcSubscribers&) = delete;
+    Subscribers() : m_handle(this) {}
+    Subscribers(const Subscribers&) = delete;
+    Subscribers& operator=(const Subscribers&) = delete;
 
     /// The same name and path again changes nothing. False when a limit is reached.
-    bool Add(GDBusConnection* connection, const std::string& name, const std::string& path);
+    [[nodiscard]] bool Add(GDBusConnection* connection, const std::string& name, const std::string& path);
     /// Removes all paths of a connection.
     void Remove(const std::string& name);
     void Clear();
-    std::vector<Subscriber> All() const;
+    [[nodiscard]] std::vector<Subscriber> All() const;
 
 private:
-    /// Owner of a watch on a bus name.
-    class Watch {
-    public:
-        explicit Watch(guint id) : m_id(id) {}
-        ~Watch() { g_bus_unwatch_name(m_id); }
-        Watch(const Watch&) = delete;
-        Watch& operator=(const Watch&) = delete;
-
-    private:
-        const guint m_id;
-    };
     struct Client {
-        std::unique_ptr<Watch> watch;
+        base::Subscription watch;  // on the bus name
         std::vector<std::string> paths;
     };
 
@@ -51,7 +40,7 @@ private:
 
     std::map<std::string, Client> m_clients;
     std::size_t m_count = 0;
-    const Handle<IpcSubscribers> m_handle;
+    const base::CallbackHandle<Subscribers> m_handle;
 };
 
 }  // namespace zol::ipc

@@ -26,7 +26,7 @@ bool MeansUnreachable(const GError* error) {
 
 /// "org.zol.Error.Failed: message" for an answer, the bare message for the rest.
 std::string Describe(GError* error) {
-    const ipc::GCharPtr name(g_dbus_error_get_remote_error(error));
+    const base::GStringPtr name(g_dbus_error_get_remote_error(error));
     g_dbus_error_strip_remote_error(error);
     return name != nullptr ? std::string(name.get()) + ": " + error->message : error->message;
 }
@@ -47,7 +47,7 @@ public:
 private:
     bool EnsureConnected(int timeoutMs);
     void Disconnect();
-    EResult Fail(ipc::GErrorPtr error);
+    EResult Fail(base::GErrorPtr error);
 
     const bool m_testMode;
     std::string m_lastError;
@@ -67,11 +67,11 @@ TCDbusClient::EResult TCDbusClient::Impl::Call(int code, const std::vector<unsig
         return EResult::UNREACHABLE;
     }
     GVariant* bytes = g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, request.data(), request.size(), 1);
-    ipc::GErrorPtr error;
-    const ipc::GVariantPtr answer(g_dbus_connection_call_sync(
+    base::GErrorPtr error;
+    const base::GVariantPtr answer(g_dbus_connection_call_sync(
         m_connection.get(), ipc::kBusName, ipc::kObjectPath, ipc::kNativeInterface, "Call",
         g_variant_new("(i@ay)", code, bytes), G_VARIANT_TYPE("(bay)"), G_DBUS_CALL_FLAGS_NO_AUTO_START,
-        timeoutMs < 0 ? G_MAXINT : timeoutMs, nullptr, ipc::ErrorOut(error)));
+        timeoutMs < 0 ? G_MAXINT : timeoutMs, nullptr, base::OutError(error)));
     if (answer == nullptr) {
         return Fail(std::move(error));
     }
@@ -81,14 +81,14 @@ TCDbusClient::EResult TCDbusClient::Impl::Call(int code, const std::vector<unsig
         m_lastError = "the daemon refused function code " + std::to_string(code);
         return EResult::REFUSED;
     }
-    const ipc::GVariantPtr content(g_variant_get_child_value(answer.get(), 1));
+    const base::GVariantPtr content(g_variant_get_child_value(answer.get(), 1));
     gsize size = 0;
     const auto* data = static_cast<const unsigned char*>(g_variant_get_fixed_array(content.get(), &size, 1));
     reply.assign(data, data + size);
     return EResult::HANDLED;
 }
 
-TCDbusClient::EResult TCDbusClient::Impl::Fail(ipc::GErrorPtr error) {
+TCDbusClient::EResult TCDbusClient::Impl::Fail(base::GErrorPtr error) {
     const bool unreachable = MeansUnreachable(error.get());
     m_lastError = Describe(error.get());
     return unreachable ? EResult::UNREACHABLE : EResult::FAILED;
@@ -99,7 +99,7 @@ bool TCDbusClient::Impl::EnsureConnected(int timeoutMs) {
         return true;
     }
     Disconnect();
-    ipc::GErrorPtr error;
+    base::GErrorPtr error;
     m_connection = ipc::ConnectWithin(m_testMode, static_cast<unsigned>(timeoutMs), error);
     if (m_connection == nullptr) {
         m_lastError = error != nullptr ? Describe(error.get()) : "the bus did not answer in time";

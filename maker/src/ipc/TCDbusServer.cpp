@@ -6,8 +6,8 @@
 #include <string>
 #include <utility>
 
-#include "BusLink.h"
 #include "Notifier.h"
+#include "ServedName.h"
 #include "Subscribers.h"
 
 namespace zol {
@@ -15,7 +15,7 @@ namespace {
 
 /// The bytes of a call's request, of at most the documented length; copied once, into `request`.
 bool ReadRequest(GDBusMethodInvocation* invocation, std::vector<unsigned char>& request) {
-    const ipc::GVariantPtr bytes(
+    const base::GVariantPtr bytes(
         g_variant_get_child_value(g_dbus_method_invocation_get_parameters(invocation), 1));
     gsize size = 0;
     const void* data = g_variant_get_fixed_array(bytes.get(), &size, 1);
@@ -44,10 +44,9 @@ void ReturnFailure(GDBusMethodInvocation* invocation, int code, const std::strin
 class TCDbusServer::Impl {
 public:
     explicit Impl(bool testMode)
-        : m_link(testMode, {[this](GDBusMethodInvocation* invocation) { OnCall(invocation); },
+        : m_name(testMode, {[this](GDBusMethodInvocation* invocation) { OnCall(invocation); },
                             [this] { m_subscribers.Clear(); }}),
-          m_notifier(
-              [this](ipc::IpcRound& round) { round.Begin(m_link.Connection(), m_subscribers.All()); }) {}
+          m_notifier([this](ipc::Round& round) { round.Begin(m_name.Connection(), m_subscribers.All()); }) {}
 
     void Register(int code, NativeCallHandler handler) {
         auto entry = std::make_shared<const NativeCallHandler>(std::move(handler));
@@ -55,7 +54,7 @@ public:
         m_handlers[code] = std::move(entry);
     }
 
-    ipc::IpcNotifier& Notifier() { return m_notifier; }
+    ipc::Notifier& Notifier() { return m_notifier; }
 
 private:
     using HandlerPtr = std::shared_ptr<const NativeCallHandler>;
@@ -69,9 +68,9 @@ private:
 
     mutable std::mutex m_mutex;
     std::map<int, HandlerPtr> m_handlers;  // guarded by m_mutex
-    ipc::IpcSubscribers m_subscribers;
-    ipc::IpcBusLink m_link;
-    ipc::IpcNotifier m_notifier;
+    ipc::Subscribers m_subscribers;
+    ipc::ServedName m_name;
+    ipc::Notifier m_notifier;
 };
 
 void TCDbusServer::Impl::OnCall(GDBusMethodInvocation* invocation) {

@@ -1,22 +1,15 @@
 #include "KPILogFramework.h"
 
-#include <exception>
-
 #include "MakerLog.h"
 #include "Store.h"
+#include "base/exception_wall.h"
 
 namespace KPILogFramework {
 namespace {
 
-/// Runs an operation on the store; an exception (there may be no memory) becomes `failed`.
-template <class Result, class Operation>
-Result Guarded(Result failed, Operation operation) {
-    try {
-        return operation();
-    } catch (const std::exception& error) {
-        MAKER_ERROR("KPI log: %s", error.what());
-        return failed;
-    }
+/// Of an exception: there may be no memory.
+void Report(const char* why) {
+    MAKER_ERROR("KPI log: %s", why);
 }
 
 }  // namespace
@@ -32,17 +25,21 @@ CLogger& CLogger::GetInstance() {
 int CLogger::AddEventLogSync(const std::string& type, const std::string& category, const std::string& eventId,
                              const std::string& description) {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    return Guarded(+RESULT_WRITE_FAILED, [&] { return m_store->Add(type, category, eventId, description); });
+    int result = RESULT_WRITE_FAILED;
+    base::CatchAll([&] { result = m_store->Add(type, category, eventId, description); }, Report);
+    return result;
 }
 
 bool CLogger::ListEvents(std::vector<TSKpiEvent>& events) {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    return Guarded(false, [&] { return m_store->List(events); });
+    return base::CatchAll([&] { return m_store->List(events); }, Report);
 }
 
 std::int64_t CLogger::DroppedEvents() {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    return Guarded(std::int64_t{-1}, [&] { return m_store->Dropped(); });
+    std::int64_t dropped = -1;
+    base::CatchAll([&] { dropped = m_store->Dropped(); }, Report);
+    return dropped;
 }
 
 }  // namespace KPILogFramework

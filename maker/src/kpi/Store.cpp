@@ -4,16 +4,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <ctime>
-#include <iterator>
-#include <string_view>
 
-#include "FileDescriptor.h"
 #include "MakerLog.h"
 #include "TSFileSystem.h"
+#include "base/set_aside.h"
+#include "base/unique_fd.h"
 #include "device_path.h"
 #include "device_paths.h"
 #include "platform_clock.h"
@@ -24,10 +21,6 @@ namespace {
 constexpr mode_t kFileMode = 0640;
 constexpr std::uint64_t kBusyStepUs = 20000;  // between two looks at a locked database
 constexpr int kBusySteps = 100;               // 2 s in all
-constexpr int kMaxDamaged = 16;               // damaged databases that are kept; then there is no log
-// In the order in which they are moved: a power cut in between leaves a damaged database to find again, and
-// never a foreign journal beside a new one.
-constexpr const char* kEndings[] = {"-shm", "-wal", ""};
 
 constexpr const char* kSetup =
     // Only a synced journal survives a power cut; short ones keep the flash usage low.
@@ -60,37 +53,17 @@ bool IsDamage(int result) {
     return primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB || primary == SQLITE_ERROR;
 }
 
-bool Exists(const std::string& path) {
-    return access(path.c_str(), F_OK) == 0;
-}
-
-/// A name under which nothing lies yet; empty when so many damaged ones are kept already.
-std::string FreeName(const std::string& path) {
-    for (int number = 1; number <= kMaxDamaged; ++number) {
-        std::string ending = ".damaged-" + std::to_string(number);
-        if (std::none_of(std::begin(kEndings), std::end(kEndings),
-                         [&](const char* file) { return Exists(path + ending + file); })) {
-            return ending;
-        }
-    }
-    return std::string();
-}
-
 /// @param fault what log lines say of it
 bool MoveAside(const std::string& path, const char* fault) {
-    const std::string name = FreeName(path);
-    if (name.empty()) {
-        MAKER_ERROR("the KPI log %s is %s, and %d earlier ones lie beside it", ZOL_PATH_KPI_DB, fault,
-                    kMaxDamaged);
-        return false;
+    const base::SetAsideResult kept = base::SetAside(path);
+    if (kept.error) {
+        MAKER_ERROR("the KPI log %s is %s, and its place cannot be cleared: %s", ZOL_PATH_KPI_DB, fault,
+                    kept.error.message().c_str());
+    } else {
+        MAKER_ERROR("the KPI log %s is %s, %s", ZOL_PATH_KPI_DB, fault,
+                    kept.name.empty() ? "removed" : "set aside as " ZOL_PATH_KPI_DB ".damaged");
     }
-    const std::string aside = path + name;
-    const bool moved = std::all_of(std::begin(kEndings), std::end(kEndings), [&](const char* file) {
-        return rename((path + file).c_str(), (aside + file).c_str()) == 0 || errno == ENOENT;
-    });
-    MAKER_ERROR("the KPI log %s is %s, %s %s%s", ZOL_PATH_KPI_DB, fault,
-                moved ? "set aside as" : "and could not be set aside as", ZOL_PATH_KPI_DB, name.c_str());
-    return moved;
+    return !kept.error;
 }
 
 ino_t InodeOf(const std::string& path) {
@@ -101,34 +74,16 @@ ino_t InodeOf(const std::string& path) {
 /// SQLite would delete a journal that it finds beside a new database; it may hold events.
 bool KeepLeftOverJournal(const std::string& path) {
     struct stat journal {};
-    return Exists(path) || stat((path + "-wal").c_str(), &journal) != 0 || journal.st_size == 0 ||
-           MoveAside(path, "gone and its journal is not");
+    return access(path.c_str(), F_OK) == 0 || stat((path + "-wal").c_str(), &journal) != 0 ||
+           journal.st_size == 0 || MoveAside(path, "gone and its journal is not");
 }
 
 /// SQLite would make the file readable for everyone. The descriptor is closed before the first connection
 /// exists, since closing it later would drop the connection's locks.
 bool MakeFile(const std::string& path) {
-    const maker::FileDescriptor file(
+    const base::UniqueFd file(
         open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kFileMode));
     return file || errno == EEXIST;
-}
-
-std::string Text(sqlite3_stmt* statement, int column) {
-    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement, column));
-    return text != nullptr
-               ? std::string(text, static_cast<std::size_t>(sqlite3_column_bytes(statement, column)))
-               : std::string();
-}
-
-void BindText(sqlite3_stmt* statement, int index, const std::string& text) {
-    sqlite3_bind_text64(statement, index, text.data(), text.size(), SQLITE_STATIC, SQLITE_UTF8);
-}
-
-/// Null when the statement does not fit the schema or the database cannot be read.
-maker::StatementPtr PrepareStatement(sqlite3* database, const char* sql) {
-    sqlite3_stmt* statement = nullptr;
-    sqlite3_prepare_v2(database, sql, -1, &statement, nullptr);
-    return maker::StatementPtr(statement);
 }
 
 }  // namespace
@@ -161,11 +116,12 @@ int CLogger::Store::Connect(const std::string& path, int flags) {
 }
 
 int CLogger::Store::CheckPages() {
-    const maker::StatementPtr check = PrepareStatement(m_database.get(), "PRAGMA quick_check(1)");
-    if (check == nullptr || sqlite3_step(check.get()) != SQLITE_ROW) {
+    const base::StatementPtr statement = base::Prepare(m_database.get(), "PRAGMA quick_check(1)");
+    base::Run check(statement);
+    if (check.Step() != SQLITE_ROW) {
         return sqlite3_errcode(m_database.get());
     }
-    return Text(check.get(), 0) == "ok" ? SQLITE_OK : SQLITE_CORRUPT;
+    return check.Text(0) == "ok" ? SQLITE_OK : SQLITE_CORRUPT;
 }
 
 int CLogger::Store::Prepare() {
@@ -176,7 +132,7 @@ int CLogger::Store::Prepare() {
     if (result == SQLITE_OK) {
         result = Execute(kSetup);
     }
-    if (result == SQLITE_OK && PrepareStatement(m_database.get(), kInsert) == nullptr) {
+    if (result == SQLITE_OK && base::Prepare(m_database.get(), kInsert) == nullptr) {
         result = sqlite3_errcode(m_database.get());
     }
     return result;
@@ -222,25 +178,26 @@ int CLogger::Store::OpenForWriting() {
 
 int CLogger::Store::Insert(const std::string& type, const std::string& category, const std::string& eventId,
                            const std::string& description) {
-    const maker::StatementPtr insert = PrepareStatement(m_database.get(), kInsert);
-    if (insert == nullptr) {
+    const base::StatementPtr statement = base::Prepare(m_database.get(), kInsert);
+    if (statement == nullptr) {
         return sqlite3_errcode(m_database.get());
     }
     platform_time_t now{};
     platform_clock_realtime(&now);
-    sqlite3_bind_int64(insert.get(), 1, now.seconds);
-    BindText(insert.get(), 2, type);
-    BindText(insert.get(), 3, category);
-    BindText(insert.get(), 4, eventId);
-    BindText(insert.get(), 5, description);
-    const int result = sqlite3_step(insert.get());
+    base::Run insert(statement);
+    insert.Bind(1, now.seconds);
+    insert.Bind(2, type);
+    insert.Bind(3, category);
+    insert.Bind(4, eventId);
+    insert.Bind(5, description);
+    const int result = insert.Step();
     return result == SQLITE_DONE ? SQLITE_OK : result;
 }
 
-std::int64_t CLogger::Store::Number(const char* sql) {
-    const maker::StatementPtr query = PrepareStatement(m_database.get(), sql);
-    return query != nullptr && sqlite3_step(query.get()) == SQLITE_ROW ? sqlite3_column_int64(query.get(), 0)
-                                                                       : 0;
+std::optional<std::int64_t> CLogger::Store::Number(const char* sql) {
+    const base::StatementPtr statement = base::Prepare(m_database.get(), sql);
+    base::Run query(statement);
+    return query.Step() == SQLITE_ROW ? std::optional(query.Number(0)) : std::nullopt;
 }
 
 /// Deletes the events up to a sequence number, given as an expression, but never the newest one.
@@ -254,10 +211,11 @@ int CLogger::Store::DropUpTo(const std::string& last) {
 
 int CLogger::Store::DropOldest() {
     int result = DropUpTo("(SELECT max(sequence) FROM event) - " + std::to_string(MAX_EVENTS));
-    const auto usedBytes = [this] {
-        return (Number("PRAGMA page_count") - Number("PRAGMA freelist_count")) * Number("PRAGMA page_size");
-    };
-    while (result == SQLITE_OK && usedBytes() > MAX_BYTES && Number("SELECT count(*) > 1 FROM event") != 0) {
+    constexpr const char* kUsedBytes =
+        "SELECT (page_count - freelist_count) * page_size"
+        " FROM pragma_page_count, pragma_freelist_count, pragma_page_size";
+    while (result == SQLITE_OK && Number(kUsedBytes).value_or(0) > MAX_BYTES &&
+           Number("SELECT count(*) FROM event").value_or(0) > 1) {
         result = DropUpTo("(SELECT min(sequence) FROM event)");
     }
     return result;
@@ -294,11 +252,8 @@ int CLogger::Store::Add(const std::string& type, const std::string& category, co
 }
 
 bool CLogger::Store::HoldsTables() {
-    const maker::StatementPtr select = PrepareStatement(
-        m_database.get(), "SELECT count(*) FROM sqlite_master WHERE name IN ('event', 'dropped')");
     // What cannot even be asked is for the caller to find out and report.
-    return select == nullptr || sqlite3_step(select.get()) != SQLITE_ROW ||
-           sqlite3_column_int(select.get(), 0) == 2;
+    return Number("SELECT count(*) FROM sqlite_master WHERE name IN ('event', 'dropped')").value_or(2) == 2;
 }
 
 CLogger::Store::EPresence CLogger::Store::OpenExisting() {
@@ -328,12 +283,13 @@ bool CLogger::Store::List(std::vector<TSKpiEvent>& events) {
     if (presence != EPresence::OPEN) {
         return presence == EPresence::ABSENT;
     }
-    const maker::StatementPtr select = PrepareStatement(m_database.get(), kSelect);
-    int result = select != nullptr ? SQLITE_ROW : SQLITE_ERROR;
-    while (select != nullptr && (result = sqlite3_step(select.get())) == SQLITE_ROW) {
-        sqlite3_stmt* row = select.get();
-        events.push_back({sqlite3_column_int64(row, 0), sqlite3_column_int64(row, 1), Text(row, 2),
-                          Text(row, 3), Text(row, 4), Text(row, 5)});
+    const base::StatementPtr statement = base::Prepare(m_database.get(), kSelect);
+    base::Run select(statement);
+    int result = SQLITE_ROW;
+    while ((result = select.Step()) == SQLITE_ROW) {
+        events.push_back({select.Number(0), select.Number(1), std::string(select.Text(2)),
+                          std::string(select.Text(3)), std::string(select.Text(4)),
+                          std::string(select.Text(5))});
     }
     if (result != SQLITE_DONE) {
         MAKER_ERROR("cannot read the KPI log %s: %s", ZOL_PATH_KPI_DB, sqlite3_errmsg(m_database.get()));
@@ -346,12 +302,11 @@ std::int64_t CLogger::Store::Dropped() {
     if (presence != EPresence::OPEN) {
         return presence == EPresence::ABSENT ? 0 : -1;
     }
-    const maker::StatementPtr select = PrepareStatement(m_database.get(), "SELECT count FROM dropped");
-    if (select == nullptr || sqlite3_step(select.get()) != SQLITE_ROW) {
+    const std::optional<std::int64_t> count = Number("SELECT count FROM dropped");
+    if (!count) {
         MAKER_ERROR("cannot read the KPI log %s: %s", ZOL_PATH_KPI_DB, sqlite3_errmsg(m_database.get()));
-        return -1;
     }
-    return sqlite3_column_int64(select.get(), 0);
+    return count.value_or(-1);
 }
 
 }  // namespace KPILogFramework

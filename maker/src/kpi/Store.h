@@ -3,11 +3,12 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "KPILogFramework.h"
-#include "Sqlite.h"
+#include "base/sqlite_handles.h"
 
 namespace KPILogFramework {
 
@@ -34,12 +35,13 @@ private:
                const std::string& description);
     int DropOldest();
     int DropUpTo(const std::string& last);
-    std::int64_t Number(const char* sql);
+    /// Of the first column of the first row.
+    std::optional<std::int64_t> Number(const char* sql);
     int Execute(const char* sql);
     bool SetAside(const std::string& path);
     void Close();
 
-    maker::DatabasePtr m_database;
+    base::DatabasePtr m_database;
     ino_t m_inode = 0;  // of the file behind the connection
     bool m_writable = false;
 };

@@ -191,7 +191,8 @@ TEST_F(Dump, FoldersThatExistAreUsedAndAnEarlierDumpIsReplaced) {
     EXPECT_EQ(fakes::ReadDeviceFile("/media/usb/dumpCV/other"), "stays");
 }
 
-TEST_F(Dump, ADestinationThatIsALinkIsRefusedAndLogged) {
+TEST_F(Dump, ADestinationThatIsAnybodysLinkIsRefusedAndLogged) {
+    chmod(Host(kStickRoot).c_str(), 0777);
     fakes::MakeDeviceFolder("/etc/target");
     fs::create_directory_symlink(Host("/etc/target"), Host("/media/usb/dumpCV"));
 
@@ -202,8 +203,9 @@ TEST_F(Dump, ADestinationThatIsALinkIsRefusedAndLogged) {
     EXPECT_TRUE(fakes::dlog::Has(std::string("the trace dump cannot be saved in ") + kStick));
 }
 
-TEST_F(Dump, ASourceThatIsALinkIsRefusedBeforeAnythingIsWritten) {
+TEST_F(Dump, ASourceThatIsAnybodysLinkIsRefusedBeforeAnythingIsWritten) {
     fakes::MakeDeviceFolder("/etc/target");
+    chmod(Host("/tmp").c_str(), 01777);
     fs::create_directory_symlink(Host("/etc/target"), Host("/tmp/zol"));
 
     EXPECT_FALSE(Save());
@@ -227,7 +229,7 @@ TEST_F(Dump, AFileInTheFolderThatIsALinkIsReplacedAndNotFollowed) {
     fakes::WriteDeviceFile("/etc/precious", "keep");
     fakes::MakeDeviceFolder(kStick);
     fs::create_symlink(Host("/etc/precious"), Host(kStickFile));
-    fs::create_symlink(Host("/etc/precious"), Host(kStickFile) + ".part");
+    fs::create_symlink(Host("/etc/precious"), Host(kStickFile) + ".new");
 
     EXPECT_TRUE(Save());
 
@@ -240,8 +242,8 @@ TEST_F(Dump, ADestinationThatCannotBeWrittenIsLoggedAndLeavesNoPartBehind) {
 
     EXPECT_FALSE(Save());
 
-    EXPECT_TRUE(fakes::dlog::Has(std::string("cannot write ") + kStickFile));
-    EXPECT_FALSE(fs::exists(Host(kStickFile) + ".part"));
+    EXPECT_TRUE(fakes::dlog::Has(std::string("the trace dump cannot be saved in ") + kStick));
+    EXPECT_FALSE(fs::exists(Host(kStickFile) + ".new"));
     EXPECT_TRUE(fs::exists(Host(kSourceFile)));
 }
 
@@ -291,11 +293,11 @@ TEST_F(Dump, TheControlSwitchesTracing) {
     ASSERT_NE(control, nullptr);
     EXPECT_EQ(control, cv::api::GetControl());
 
-    EXPECT_TRUE(control->SetActive(false));
+    control->SetActive(false);
     EXPECT_FALSE(control->IsActive());
     Work("unseen");
     EXPECT_TRUE(Events().empty());
-    EXPECT_TRUE(control->SetActive(true));
+    control->SetActive(true);
     EXPECT_TRUE(control->IsActive());
     EXPECT_EQ(control->Reload(), 0);
     EXPECT_FALSE(control->IsActive());

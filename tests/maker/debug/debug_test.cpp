@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <sstream>
@@ -170,7 +171,7 @@ TEST_F(DebugChannel, ALinkInPlaceOfTheFileIsRefusedAndSaidOnce) {
     Say("two");
 
     EXPECT_EQ(fakes::ReadDeviceFile("/etc/precious"), "keep");
-    EXPECT_EQ(fakes::dlog::Count("cannot open the debug log " ZOL_PATH_DEBUG_LOG), 1);
+    EXPECT_EQ(fakes::dlog::Count("the debug log " ZOL_PATH_DEBUG_LOG " cannot be opened"), 1);
 }
 
 TEST_F(DebugChannel, APipeInPlaceOfTheFileDoesNotHangTheWriter) {
@@ -192,6 +193,34 @@ TEST_F(DebugChannel, SwitchingOnAgainTriesAFileThatCouldNotBeOpened) {
     Say("lost too");
     EXPECT_FALSE(fakes::DeviceFileExists(ZOL_PATH_DEBUG_LOG));
     TCDebug::EnableFileLog(true);
+    Say("kept");
+
+    ASSERT_EQ(Lines().size(), 1U);
+    EXPECT_THAT(Lines()[0], testing::EndsWith("kept"));
+}
+
+TEST_F(DebugChannel, AFileThatCouldNotBeOpenedIsTriedAgainASecondLater) {
+    fakes::MakeDeviceFolder(ZOL_PATH_DEBUG_LOG);
+    TCDebug::EnableFileLog(true);
+    Say("lost");
+    fs::remove(fakes::Root() + ZOL_PATH_DEBUG_LOG);
+
+    fakes::clock::Advance(std::chrono::milliseconds(999));
+    Say("lost too");
+    EXPECT_FALSE(fakes::DeviceFileExists(ZOL_PATH_DEBUG_LOG));
+    fakes::clock::Advance(std::chrono::milliseconds(1));
+    Say("kept");
+
+    ASSERT_EQ(Lines().size(), 1U);
+    EXPECT_THAT(Lines()[0], testing::EndsWith("kept"));
+    EXPECT_EQ(fakes::dlog::Count(ZOL_PATH_DEBUG_LOG), 1);
+}
+
+TEST_F(DebugChannel, ADeletedFileIsMadeAnewWithItsFolder) {
+    TCDebug::EnableFileLog(true);
+    Say("gone");
+    fs::remove_all(fakes::Root() + ZOL_PATH_LOG_DIR);
+
     Say("kept");
 
     ASSERT_EQ(Lines().size(), 1U);

@@ -1,5 +1,7 @@
 #pragma once
 /// The KPI events that a test has sent.
+#include <gtest/gtest.h>
+
 #include <string>
 #include <vector>
 
@@ -7,7 +9,7 @@
 
 inline std::vector<std::string> SentKpiDescriptions() {
     std::vector<KPILogFramework::TSKpiEvent> events;
-    KPILogFramework::CLogger::GetInstance().ListEvents(events);
+    EXPECT_TRUE(KPILogFramework::CLogger::GetInstance().ListEvents(events));
     std::vector<std::string> descriptions;
     descriptions.reserve(events.size());
     for (const KPILogFramework::TSKpiEvent& event : events) {
