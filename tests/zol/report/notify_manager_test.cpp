@@ -195,8 +195,20 @@ TEST_F(NotifyManager, ASecondReportOfASecondWithOtherIdentifiersReplacesTheHeade
     EXPECT_EQ(Header(), expected);
 }
 
+TEST_F(NotifyManager, ATmpThatIsALinkOfTheImageIsFollowed) {
+    fakes::MakeDeviceFolder("/volatile");
+    std::filesystem::remove(fakes::Root() + "/tmp");
+    std::filesystem::create_directory_symlink("volatile", fakes::Root() + "/tmp");
+
+    Handle(NOTIFY_ZOL_VCONF);
+
+    EXPECT_EQ(PublishedPath(), kFolder);
+    EXPECT_TRUE(fakes::DeviceFileExists("/volatile/zol/tg-1_1700000000/header.json"));
+}
+
 TEST_F(NotifyManager, AReportRootThatIsALinkIsRefusedAndTheHitsWait) {
     fakes::MakeDeviceFolder("/tmp/elsewhere");
+    ASSERT_EQ(chmod((fakes::Root() + "/tmp").c_str(), 01777), 0);
     std::filesystem::create_symlink(fakes::Root() + "/tmp/elsewhere", fakes::Root() + "/tmp/zol");
 
     HandleHit("db/a", 5);
