@@ -2,38 +2,13 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "private_bus.h"
+
 namespace {
-
-/// A session bus of the test's own; none before Start.
-class PrivateBus {
-public:
-    PrivateBus() { setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1); }
-    ~PrivateBus() {
-        Stop();
-        unsetenv("DBUS_SESSION_BUS_ADDRESS");
-    }
-    PrivateBus(const PrivateBus&) = delete;
-    PrivateBus& operator=(const PrivateBus&) = delete;
-
-    void Start() {
-        m_bus.reset(g_test_dbus_new(G_TEST_DBUS_NONE));
-        g_test_dbus_up(m_bus.get());
-    }
-    void Stop() {
-        if (m_bus != nullptr) {
-            g_test_dbus_stop(m_bus.get());
-            m_bus.reset();
-        }
-    }
-
-private:
-    base::GObjectPtr<GTestDBus> m_bus;
-};
 
 /// The link lives on a context of the test's own.
 class BusLink : public testing::Test {
@@ -61,7 +36,7 @@ protected:
         }
     }
 
-    PrivateBus m_bus;
+    PrivateBus m_bus{kSessionBus};
     const base::GMainContextPtr m_context;
     std::vector<std::string> m_events;
     std::unique_ptr<base::BusLink> m_link;

@@ -11,7 +11,7 @@
 
 #include "base/atomic_file.h"
 #include "base/set_aside.h"
-#include "temp_folder.h"
+#include "temporary_folder.h"
 
 namespace {
 
@@ -48,7 +48,7 @@ protected:
         return file.is_open() ? text.str() : "(absent)";
     }
 
-    const TempFolder m_folder;
+    const TemporaryFolder m_folder;
 };
 
 using ReplaceFile = DurableFiles;

@@ -10,7 +10,7 @@
 #include <fstream>
 #include <string>
 
-#include "temp_folder.h"
+#include "temporary_folder.h"
 
 namespace {
 
@@ -42,7 +42,7 @@ protected:
     }
     static bool IsRoot() { return geteuid() == 0; }
 
-    const TempFolder m_root;
+    const TemporaryFolder m_root;
 };
 
 mode_t ModeOf(const std::string& path) {
@@ -102,7 +102,7 @@ TEST_F(Folders, AreReachedThroughALinkThatNamesTheRootItself) {
 }
 
 TEST_F(Folders, NeverLieOutsideTheRoot) {
-    const TempFolder outside;
+    const TemporaryFolder outside;
     Link("../../../../../../.." + outside.Path(), "/var");
     EXPECT_EQ(Open("/var/lib").path, Host(outside.Path() + "/lib"));
     EXPECT_FALSE(fs::exists(outside.Path() + "/lib"));

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "temp_folder.h"
+#include "temporary_folder.h"
 
 namespace {
 
@@ -23,7 +23,7 @@ protected:
         return names;
     }
 
-    TempFolder m_folder;
+    TemporaryFolder m_folder;
     base::Inotify m_inotify;
 };
 

@@ -10,7 +10,7 @@
 #include <string>
 
 #include "base/unique_fd.h"
-#include "temp_folder.h"
+#include "temporary_folder.h"
 
 namespace {
 
@@ -49,7 +49,7 @@ TEST(RunProcess, TellsThatThereIsNoSuchProgram) {
 }
 
 TEST(RunProcess, RunsInItsFolderAndMayBeQuiet) {
-    const TempFolder folder;
+    const TemporaryFolder folder;
     base::Command command = Shell("pwd > here; cat; out=$(readlink /proc/$$/fd/1); echo \"$out\" > out");
     command.folder = folder.Path();
     command.isQuiet = true;

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "base/unique_fd.h"
-#include "temp_folder.h"
+#include "temporary_folder.h"
 
 namespace {
 
@@ -41,7 +41,7 @@ protected:
                 }};
     }
 
-    const TempFolder m_root;
+    const TemporaryFolder m_root;
     std::vector<std::string> m_reports;
 };
 
@@ -110,7 +110,7 @@ TEST_F(RotatingFile, IsTriedAgainASecondLaterAndReportedOnce) {
 }
 
 TEST_F(RotatingFile, IsNeitherALinkNorAPipe) {
-    const TempFolder elsewhere;
+    const TemporaryFolder elsewhere;
     fs::create_directory(m_root.Path() + "/log");
     fs::create_symlink(elsewhere.Path() + "/target", Path());
     base::RotatingFile file = Make();

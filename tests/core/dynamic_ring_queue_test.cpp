@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "DynamicRingQueue.h"
-#include "allocation_counter.h"
+#include "allocations.h"
 #include "container_fixture.h"
 #include "pass_through.h"
 

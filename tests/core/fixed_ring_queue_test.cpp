@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "FixedRingQueue.h"
-#include "allocation_counter.h"
+#include "allocations.h"
 #include "container_fixture.h"
 
 namespace {

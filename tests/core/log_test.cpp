@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "Logging.h"
-#include "allocation_counter.h"
+#include "allocations.h"
 #include "death.h"
 #include "fake_clock.h"
 #include "log_fixture.h"

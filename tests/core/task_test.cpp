@@ -13,7 +13,7 @@
 #include "Handler.h"
 #include "Semaphore.h"
 #include "Time.h"
-#include "allocation_counter.h"
+#include "allocations.h"
 #include "test_task.h"
 
 namespace {

@@ -1,16 +1,15 @@
 #include "fakes.h"
 
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
+#include <optional>
 #include <sstream>
-#include <system_error>
-#include <vector>
 
 #include "device_path.h"
 #include "fake_internal.h"
+#include "temporary_folder.h"
 
 namespace fs = std::filesystem;
 
@@ -19,46 +18,29 @@ namespace {
 
 class RootFolder {
 public:
-    ~RootFolder() { Remove(); }
-
     std::string Path() {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_path.empty()) {
+        if (!m_folder) {
             Make();
         }
-        return m_path;
+        return m_folder->Path();
     }
 
     void Renew() {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        Remove();
         Make();
     }
 
 private:
     void Make() {
-        std::string pattern = (fs::canonical(fs::temp_directory_path()) / "zol-test-XXXXXX").string();
-        std::vector<char> buffer(pattern.begin(), pattern.end());
-        buffer.push_back('\0');
-        if (mkdtemp(buffer.data()) == nullptr) {
-            std::abort();
-        }
-        m_path = buffer.data();
+        m_folder.emplace();
         for (const char* folder : {"dev", "etc", "proc", "tmp", "usr/bin", "var/lib", "var/log", "run"}) {
-            fs::create_directories(fs::path(m_path) / folder);
-        }
-    }
-
-    void Remove() {
-        if (!m_path.empty()) {
-            std::error_code ignored;
-            fs::remove_all(m_path, ignored);
-            m_path.clear();
+            fs::create_directories(fs::path(m_folder->Path()) / folder);
         }
     }
 
     std::mutex m_mutex;
-    std::string m_path;
+    std::optional<TemporaryFolder> m_folder;
 };
 
 RootFolder& TheRoot() {

@@ -10,7 +10,10 @@
 #include <vector>
 
 #include "context_thread.h"
+#include "fake_service.h"
+#include "log_lines.h"
 #include "private_bus.h"
+#include "reports.h"
 
 namespace {
 

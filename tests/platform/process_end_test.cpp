@@ -8,7 +8,7 @@
 #include "child_process.h"
 #include "device_path.h"
 #include "display_capture/capture_tools.h"
-#include "temp_folder.h"
+#include "temporary_folder.h"
 #include "vconf.h"
 
 namespace {
@@ -53,8 +53,8 @@ const child::Program g_useUntilTheEnd("use-until-the-end", [](const child::Argum
 });
 
 TEST(ProcessEnd, PathsKeysAndCaptureToolsCanBeUsedUntilTheProcessIsGone) {
-    const TempFolder root;
-    const TempFolder tools;
+    const TemporaryFolder root;
+    const TemporaryFolder tools;
     for (const char* name : {"import", "convert"}) {
         ASSERT_EQ(symlink("/bin/true", (tools.Path() + "/" + name).c_str()), 0);
     }

@@ -15,8 +15,6 @@ using fakes::dlog::Has;
 using test::Bytes;
 using test::CallOnce;
 using test::Peer;
-using test::PrivateBus;
-using test::ServeUntil;
 
 constexpr const char* kName = "org.zol.Daemon1";
 
@@ -24,7 +22,7 @@ class IpcBus : public test::OnPrivateBus {};
 
 class IpcWithoutBus : public test::OnPrivateBus {
 protected:
-    IpcWithoutBus() : OnPrivateBus(PrivateBus::EStart::LATER) {}
+    IpcWithoutBus() : OnPrivateBus(false) {}
 };
 
 TEST_F(IpcWithoutBus, TheServerSaysItOnceAndServesWhenTheBusComes) {

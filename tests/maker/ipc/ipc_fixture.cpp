@@ -15,26 +15,6 @@ constexpr const char* kInterface = "org.zol.Native1";
 constexpr const char* kClientXml =
     "<node><interface name='org.zol.NotificationClient1'><method name='Notify'>"
     "<arg name='code' type='i' direction='in'/></method></interface></node>";
-constexpr unsigned kDeadlineMs = 30000;
-
-gboolean RaiseFlag(gpointer data) {
-    *static_cast<bool*>(data) = true;
-    return G_SOURCE_CONTINUE;
-}
-
-/// Sets a flag when its time is over.
-class Deadline {
-public:
-    explicit Deadline(unsigned milliseconds) : m_id(g_timeout_add(milliseconds, RaiseFlag, &m_over)) {}
-    ~Deadline() { g_source_remove(m_id); }
-    Deadline(const Deadline&) = delete;
-    Deadline& operator=(const Deadline&) = delete;
-    bool Over() const { return m_over; }
-
-private:
-    bool m_over = false;
-    guint m_id;
-};
 
 struct Answer {
     bool done = false;
@@ -73,22 +53,10 @@ guint32 AskBus(GDBusConnection* connection, const char* method, GVariant* argume
 
 }  // namespace
 
-bool ServeUntil(const std::function<bool()>& condition) {
-    const Deadline deadline(kDeadlineMs);
-    while (!condition()) {
-        if (deadline.Over()) {
-            return false;
-        }
-        g_main_context_iteration(nullptr, TRUE);
-    }
-    return true;
-}
-
 void ServeFor(unsigned milliseconds) {
-    const Deadline end(milliseconds);
-    while (!end.Over()) {
-        g_main_context_iteration(nullptr, TRUE);
-    }
+    bool isOver = false;
+    After(milliseconds, [&isOver] { isOver = true; });
+    EXPECT_TRUE(ServeUntil([&isOver] { return isOver; }));
 }
 
 void ServeWhile(const std::function<void()>& body) {

@@ -14,13 +14,12 @@
 #include "fake_dlog.h"
 #include "fakes.h"
 #include "private_bus.h"
+#include "waiting.h"
 
 namespace test {
 
 using Bytes = std::vector<unsigned char>;
 
-/// Serves the default main context until `condition` holds; false when that takes half a minute.
-bool ServeUntil(const std::function<bool()>& condition);
 /// Serves the default main context for this long: for things that must not happen meanwhile.
 void ServeFor(unsigned milliseconds);
 /// Runs `body` on a thread of its own and serves the default main context until it is over.
@@ -78,8 +77,11 @@ private:
 /// A bus, and a machine of the test's own.
 class OnPrivateBus : public testing::Test {
 protected:
-    explicit OnPrivateBus(PrivateBus::EStart start = PrivateBus::EStart::NOW) : m_bus(start) {
+    explicit OnPrivateBus(bool isBusUp = true) {
         fakes::Reset();
+        if (isBusUp) {
+            m_bus.Start();
+        }
     }
     /// Makes a server and serves until it owns the name.
     std::unique_ptr<zol::TCDbusServer> Serving();

@@ -14,7 +14,6 @@ namespace {
 using EResult = zol::TCDbusClient::EResult;
 using test::Bytes;
 using test::Peer;
-using test::ServeUntil;
 using test::ServeWhile;
 
 constexpr int kPowerOff = 5;

@@ -12,8 +12,6 @@
 
 namespace {
 
-using test::ServeUntil;
-
 constexpr const char* kName = "org.zol.Daemon1";
 constexpr const char* kPath = "/org/zol/Daemon1";
 constexpr const char* kNative = "org.zol.Native1";
@@ -26,7 +24,7 @@ constexpr unsigned kStranger = 1;
 constexpr unsigned kRoot = 0;
 
 /// What every system bus starts from.
-constexpr const char* kSystemBus =
+constexpr const char* kBusPolicy =
     "<policy context='default'><allow user='*'/><deny own='*'/><deny send_type='method_call'/>"
     "<allow send_type='signal'/><allow send_requested_reply='true' send_type='method_return'/>"
     "<allow send_requested_reply='true' send_type='error'/><allow receive_type='method_call'/>"
@@ -76,7 +74,10 @@ struct Question {
 
 class IpcPolicy : public testing::Test {
 protected:
-    IpcPolicy() : m_bus(test::PrivateBus::EStart::NOW, kSystemBus + InstalledPolicy()) { fakes::Reset(); }
+    IpcPolicy() : m_bus(kSystemBus, kBusPolicy + InstalledPolicy()) {
+        fakes::Reset();
+        m_bus.Start();
+    }
 
     void SetUp() override {
         if (geteuid() != 0) {
@@ -94,7 +95,7 @@ protected:
         return Ask(user, {kName, kPath, kNative, "Call", g_variant_new_parsed("(4, [byte 1])")});
     }
 
-    test::PrivateBus m_bus;
+    PrivateBus m_bus;
     std::unique_ptr<zol::TCDbusServer> m_server;
 };
 

@@ -10,9 +10,14 @@
 #include <string>
 #include <vector>
 
+#include "base/handles.h"
 #include "bt_hid/bluetooth_device.h"
+#include "fake_service.h"
+#include "log_lines.h"
 #include "private_bus.h"
+#include "reports.h"
 #include "vconf.h"
+#include "waiting.h"
 
 namespace {
 

@@ -15,7 +15,13 @@
 #include <thread>
 #include <vector>
 
+#include "base/glib_handles.h"
+#include "base/unique_fd.h"
+#include "context_thread.h"
+#include "fake_service.h"
+#include "log_lines.h"
 #include "private_bus.h"
+#include "reports.h"
 
 namespace {
 

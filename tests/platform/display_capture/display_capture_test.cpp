@@ -12,7 +12,8 @@
 #include <vector>
 
 #include "device_path.h"
-#include "private_bus.h"
+#include "log_lines.h"
+#include "temporary_folder.h"
 
 namespace {
 

@@ -12,9 +12,9 @@
 #include <thread>
 #include <vector>
 
-#include "allocation_count.h"
+#include "allocations.h"
 #include "child_process.h"
-#include "temp_folder.h"
+#include "temporary_folder.h"
 
 namespace fs = std::filesystem;
 
@@ -121,11 +121,11 @@ TEST_F(LogLine, LeavesErrnoAlone) {
 TEST_F(LogLine, AllocatesNothingHoweverLongItIs) {
     const std::string message(4095, 'x');
     dlog_emit(DLOG_BUFFER_MAIN, DLOG_PRIORITY_INFO, "TAG", "%s", message.c_str());
-    const std::size_t before = AllocationCount();
+    const std::size_t before = ThreadAllocations();
     for (int count = 0; count < 10; ++count) {
         dlog_emit(DLOG_BUFFER_MAIN, DLOG_PRIORITY_INFO, "TAG", "%s", message.c_str());
     }
-    EXPECT_EQ(AllocationCount(), before);
+    EXPECT_EQ(ThreadAllocations(), before);
 }
 
 TEST_F(LogLine, OfManyThreadsStaysWhole) {
@@ -155,7 +155,7 @@ TEST_F(LogLine, OfManyProcessesStaysWhole) {
     constexpr int kWriters = 4;
     constexpr int kLines = 200;
     const std::string text(600, 'y');
-    const TempFolder root;
+    const TemporaryFolder root;
     std::vector<Process> writers;
     for (int index = 0; index < kWriters; ++index) {
         writers.emplace_back("log-many", child::Arguments{std::to_string(kLines), text}, root.Path());
@@ -172,7 +172,7 @@ TEST_F(LogLine, OfManyProcessesStaysWhole) {
 }
 
 TEST_F(LogLine, IsDroppedWhenTheFolderCannotBeMade) {
-    const TempFolder root;
+    const TemporaryFolder root;
     std::ofstream(root.Path() + "/var") << "a file where a folder should be";
     Process writer("log-many", {"100", "text"}, root.Path());
     EXPECT_EQ(writer.ReadLine(), "done");

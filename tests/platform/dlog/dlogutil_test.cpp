@@ -13,8 +13,8 @@
 #include "child_process.h"
 #include "dlog.h"
 #include "platform_clock.h"
-#include "private_bus.h"
-#include "temp_folder.h"
+#include "temporary_folder.h"
+#include "waiting.h"
 
 namespace fs = std::filesystem;
 
@@ -60,7 +60,7 @@ protected:
                 [](const char* what, const std::error_code& error) { FAIL() << what << error.message(); }};
     }
 
-    TempFolder m_folder;
+    TemporaryFolder m_folder;
 };
 
 TEST_F(DlogUtil, ShowsTheLinesOfAllBuffersByTime) {

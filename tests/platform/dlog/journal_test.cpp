@@ -15,8 +15,7 @@
 #include "base/unique_fd.h"
 #include "child_process.h"
 #include "dlog/log_sinks.h"
-#include "private_bus.h"
-#include "temp_folder.h"
+#include "temporary_folder.h"
 
 namespace fs = std::filesystem;
 
@@ -75,7 +74,7 @@ public:
     }
 
 private:
-    TempFolder m_folder;
+    TemporaryFolder m_folder;
     base::UniqueFd m_fd;
     sockaddr_un m_address{};
 };
@@ -169,7 +168,7 @@ protected:
 private:
     static constexpr int kStart = 1700000000;
 
-    TempFolder m_root;
+    TemporaryFolder m_root;
     const std::string m_journal = m_root.Path() + "/var/log/journal/" + std::string(32, 'a');
     std::string m_thisBoot;
     int m_seconds = kStart;

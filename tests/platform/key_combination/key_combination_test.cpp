@@ -18,10 +18,13 @@
 #include <string>
 #include <vector>
 
+#include "base/glib_handles.h"
+#include "base/unique_fd.h"
 #include "child_process.h"
 #include "device_path.h"
 #include "key_combination/combinations.h"
-#include "private_bus.h"
+#include "temporary_folder.h"
+#include "waiting.h"
 
 namespace {
 
@@ -116,7 +119,7 @@ TEST(CombinationTracker, ADeviceThatGoesLetsGoOfItsKeys) {
 /// The other process: the key-combination service on mocked input devices. It tells where they are, then each
 /// id that fires, until it is released.
 int Serve(const child::Arguments& wanted, KeyCombination_Handler handler) {
-    const std::string mocked = Environment("UMOCKDEV_DIR");
+    const std::string mocked = std::getenv("UMOCKDEV_DIR");
     fs::create_directories(mocked + "/dev/input");
     fs::create_directories(DevicePath("/dev"));
     fs::create_symlink("/dev/input", DevicePath("/dev/input"));

@@ -9,8 +9,13 @@
 #include <string>
 #include <vector>
 
+#include "base/glib_handles.h"
 #include "child_process.h"
+#include "fake_service.h"
+#include "log_lines.h"
 #include "private_bus.h"
+#include "reports.h"
+#include "waiting.h"
 
 namespace {
 

@@ -10,6 +10,9 @@
 #include <string>
 #include <vector>
 
+#include "base/glib_handles.h"
+#include "fake_service.h"
+#include "log_lines.h"
 #include "private_bus.h"
 #include "usb_device/udisks.h"
 

@@ -1,17 +1,16 @@
 #include "key_store_fixture.h"
 
 #include <array>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 
 #include "child_process.h"
+#include "waiting.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-constexpr std::int64_t kLongUs = 60 * G_USEC_PER_SEC;
 
 std::string Get(const std::string& key) {
     int number = 0;
@@ -49,22 +48,9 @@ int CallVconf(const child::Arguments& calls) {
 
 const child::Program kVconf("vconf", CallVconf);
 
-int CountLines(const std::string& root, const std::string& text) {
-    std::ifstream log(root + "/var/log/zol/main.log");
-    int count = 0;
-    for (std::string line; std::getline(log, line);) {
-        count += line.find(text) != std::string::npos ? 1 : 0;
-    }
-    return count;
-}
-
-gboolean Wake(gpointer) {
-    return G_SOURCE_CONTINUE;
-}
-
 }  // namespace
 
-KeyStoreTest::KeyStoreTest() : m_context(g_main_context_new()) {
+KeyStoreTest::KeyStoreTest() : m_log(Root()), m_context(g_main_context_new()) {
     Reopen();
 }
 
@@ -84,16 +70,7 @@ int KeyStoreTest::GetInt(const std::string& key) {
 }
 
 bool KeyStoreTest::ServeUntil(const std::function<bool()>& condition) {
-    const std::int64_t end = g_get_monotonic_time() + kLongUs;
-    GSource* tick = g_timeout_source_new(100);
-    g_source_set_callback(tick, Wake, nullptr, nullptr);
-    g_source_attach(tick, m_context);
-    while (!condition() && g_get_monotonic_time() < end) {
-        g_main_context_iteration(m_context, TRUE);
-    }
-    g_source_destroy(tick);
-    g_source_unref(tick);
-    return condition();
+    return ::ServeUntil(condition, m_context);
 }
 
 void KeyStoreTest::ServePending() {
@@ -102,8 +79,8 @@ void KeyStoreTest::ServePending() {
 }
 
 bool KeyStoreTest::ServeUntilIdle() {
-    const std::int64_t end = g_get_monotonic_time() + kLongUs;
-    while (g_get_monotonic_time() < end) {
+    const auto end = std::chrono::steady_clock::now() + kPatience;
+    while (std::chrono::steady_clock::now() < end) {
         ServePending();
         gint priority = 0;
         gint timeout = 0;
@@ -128,11 +105,7 @@ std::string KeyStoreTest::InAnotherProcess(const std::vector<std::string>& calls
 }
 
 int KeyStoreTest::LogLines(const std::string& text) const {
-    return CountLines(Root(), text);
-}
-
-int KeyStoreTest::OwnLogLines(const std::string& text) {
-    return CountLines(std::getenv("ZOL_ROOT"), text);
+    return m_log.Count(text);
 }
 
 std::vector<std::string> KeyStoreTest::FilesNamed(const std::string& text) const {

@@ -7,7 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "temp_folder.h"
+#include "log_lines.h"
+#include "temporary_folder.h"
 #include "vconf.h"
 #include "vconf/key_store.h"
 
@@ -46,13 +47,12 @@ protected:
 
     /// Lines that other processes with this root logged and that contain the text.
     int LogLines(const std::string& text) const;
-    /// Lines that this process logged and that contain the text.
-    static int OwnLogLines(const std::string& text);
     /// Names in the durable folder that contain the text.
     std::vector<std::string> FilesNamed(const std::string& text) const;
 
 private:
-    TempFolder m_folder{std::getenv("ZOL_ROOT")};
+    TemporaryFolder m_folder{std::getenv("ZOL_ROOT")};
+    PlatformLog m_log;
     GMainContext* m_context;
     std::unique_ptr<keystore::KeyStore> m_store;
 };

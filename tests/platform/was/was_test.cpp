@@ -13,7 +13,9 @@
 #include <thread>
 #include <vector>
 
-#include "private_bus.h"
+#include "log_lines.h"
+#include "reports.h"
+#include "temporary_folder.h"
 #include "was/install_watch.h"
 
 namespace {

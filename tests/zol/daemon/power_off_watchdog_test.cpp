@@ -24,7 +24,7 @@
 #include "ZOLShiftedClock.h"
 #include "fake_dlog.h"
 #include "fakes.h"
-#include "main_context.h"
+#include "waiting.h"
 
 namespace {
 

@@ -20,7 +20,7 @@
 #include "fake_dlog.h"
 #include "fake_vconf.h"
 #include "fakes.h"
-#include "main_context.h"
+#include "waiting.h"
 
 namespace {
 

@@ -4,31 +4,19 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
 
-namespace test {
 namespace {
 
-constexpr const char* kVariable = "DBUS_SYSTEM_BUS_ADDRESS";
 constexpr const char* kAllowEverything =
     "<policy context='default'><allow user='*'/><allow own='*'/><allow send_destination='*'/>"
     "<allow receive_sender='*'/></policy>";
-
-std::string MakeFolder() {
-    std::string name = (std::filesystem::temp_directory_path() / "zol-bus-XXXXXX").string();
-    if (mkdtemp(&name[0]) == nullptr || chmod(name.c_str(), 0755) != 0) {
-        throw std::runtime_error("no temporary folder for a bus");
-    }
-    return name;
-}
 
 // Between fork and exec: system calls only.
 [[noreturn]] void Become(const char* const* arguments, const char* log) {
@@ -54,36 +42,19 @@ bool WaitForLine(int fd) {
 
 }  // namespace
 
-PrivateBus::PrivateBus(EStart start, const std::string& policy)
-    : m_folder(MakeFolder()), m_address("unix:path=" + m_folder + "/bus") {
-    if (const char* before = getenv(kVariable)) {
-        m_before = before;
-        m_wasSet = true;
-    }
-    setenv(kVariable, m_address.c_str(), 1);
-    WriteConfiguration(policy.empty() ? kAllowEverything : policy);
-    if (start == EStart::NOW) {
-        Start();
-    }
+PrivateBus::PrivateBus(const char* variable, const std::string& policy)
+    : m_address("unix:path=" + m_folder.Path() + "/bus") {
+    setenv(variable, m_address.c_str(), 1);
+    std::ofstream(m_folder.Path() + "/bus.conf")
+        << "<!DOCTYPE busconfig PUBLIC '-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN'\n"
+           " 'http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd'>\n"
+           "<busconfig><listen>"
+        << m_address << "</listen><auth>EXTERNAL</auth>" << (policy.empty() ? kAllowEverything : policy)
+        << "</busconfig>\n";
 }
 
 PrivateBus::~PrivateBus() {
     Stop();
-    if (m_wasSet) {
-        setenv(kVariable, m_before.c_str(), 1);
-    } else {
-        unsetenv(kVariable);
-    }
-    std::error_code ignored;
-    std::filesystem::remove_all(m_folder, ignored);
-}
-
-void PrivateBus::WriteConfiguration(const std::string& policy) const {
-    std::ofstream(m_folder + "/bus.conf")
-        << "<!DOCTYPE busconfig PUBLIC '-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN'\n"
-           " 'http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd'>\n"
-           "<busconfig><listen>"
-        << m_address << "</listen><auth>EXTERNAL</auth>" << policy << "</busconfig>\n";
 }
 
 void PrivateBus::Start() {
@@ -91,12 +62,12 @@ void PrivateBus::Start() {
     if (pipe2(ends, O_CLOEXEC) != 0) {
         throw std::runtime_error("no pipe for a bus");
     }
-    const std::string configuration = "--config-file=" + m_folder + "/bus.conf";
+    const std::string configuration = "--config-file=" + m_folder.Path() + "/bus.conf";
     const int told = dup(ends[1]);  // the only descriptor that the bus inherits
     const std::string print = "--print-address=" + std::to_string(told);
     const char* const arguments[] = {"dbus-daemon", "--nofork",   "--nopidfile", configuration.c_str(),
                                      print.c_str(), "--nosyslog", nullptr};
-    const std::string log = m_folder + "/bus.log";
+    const std::string log = m_folder.Path() + "/bus.log";
     m_pid = fork();
     if (m_pid == 0) {
         Become(arguments, log.c_str());
@@ -129,5 +100,3 @@ void PrivateBus::Pause() {
 void PrivateBus::Resume() {
     kill(m_pid, SIGCONT);
 }
-
-}  // namespace test

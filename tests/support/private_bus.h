@@ -4,16 +4,19 @@
 
 #include <string>
 
-namespace test {
+#include "temporary_folder.h"
 
-/// A dbus-daemon on a socket in a temporary folder, found through DBUS_SYSTEM_BUS_ADDRESS as long as this
-/// object lives. Everybody of this user may do everything there, unless `policy` says otherwise.
+/// Environment variables that say where a bus is.
+constexpr const char* kSystemBus = "DBUS_SYSTEM_BUS_ADDRESS";
+constexpr const char* kSessionBus = "DBUS_SESSION_BUS_ADDRESS";
+
+/// A dbus-daemon on a socket in a temporary folder that serves as one of the buses; the variable names it,
+/// and still does when this object is gone: no test ever meets the machine's own bus. No daemon runs before
+/// Start.
 class PrivateBus {
 public:
-    enum class EStart { NOW, LATER };
-
     /// @param policy the <policy> elements and <include>s of its configuration; empty: allow everything.
-    explicit PrivateBus(EStart start = EStart::NOW, const std::string& policy = "");
+    explicit PrivateBus(const char* variable = kSystemBus, const std::string& policy = "");
     ~PrivateBus();
     PrivateBus(const PrivateBus&) = delete;
     PrivateBus& operator=(const PrivateBus&) = delete;
@@ -30,13 +33,7 @@ public:
     const std::string& Address() const { return m_address; }
 
 private:
-    void WriteConfiguration(const std::string& policy) const;
-
-    std::string m_folder;
+    TemporaryFolder m_folder;
     std::string m_address;
-    std::string m_before;
-    bool m_wasSet = false;
     pid_t m_pid = -1;
 };
-
-}  // namespace test

@@ -1,4 +1,4 @@
-#include "allocation_counter.h"
+#include "allocations.h"
 
 #include <cstddef>
 

@@ -1,7 +1,6 @@
 #include "child_process.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
@@ -13,9 +12,8 @@
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <utility>
-
-#include "temp_folder.h"
 
 extern char** environ;
 
@@ -174,15 +172,11 @@ void Tell(const std::string& line) {
     }
 }
 
-}  // namespace child
-
-int main(int argc, char** argv) {
-    if (argc > 2 && std::strcmp(argv[1], child::kChildOption) == 0) {
-        return child::Programs().at(argv[2])(child::Arguments(argv + 3, argv + argc));
+std::optional<int> RunProgram(int argc, char** argv) {
+    if (argc < 3 || std::strcmp(argv[1], kChildOption) != 0) {
+        return std::nullopt;
     }
-    testing::InitGoogleMock(&argc, argv);
-    // What this process itself logs or keeps stays away from the machine's own files.
-    const TempFolder root;
-    setenv("ZOL_ROOT", root.Path().c_str(), 1);
-    return RUN_ALL_TESTS();
+    return Programs().at(argv[2])(Arguments(argv + 3, argv + argc));
 }
+
+}  // namespace child

@@ -2,6 +2,7 @@
 /// Processes that tests start: this very program again, running one of its named bodies instead of tests.
 #include <sys/types.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -51,6 +52,9 @@ private:
     base::UniqueFd m_input;
     base::UniqueFd m_output;
 };
+
+/// For main: runs the named body when this process was started for one. @return its exit status
+std::optional<int> RunProgram(int argc, char** argv);
 
 /// In a body: returns when the test releases it or is gone.
 void WaitForRelease();

@@ -3,7 +3,7 @@
 #include <condition_variable>
 #include <mutex>
 
-#include "fakes.h"
+#include "waiting.h"
 
 class Gate {
 public:
@@ -24,7 +24,7 @@ public:
     /// Waits until so many have come to the gate altogether; false when patience ends.
     bool AwaitArrival(int arrivals = 1) {
         std::unique_lock<std::mutex> lock(m_mutex);
-        return m_changed.wait_for(lock, fakes::kPatience, [&] { return m_arrived >= arrivals; });
+        return m_changed.wait_for(lock, kPatience, [&] { return m_arrived >= arrivals; });
     }
 
 private:
@@ -49,7 +49,7 @@ public:
     /// False when patience ends.
     bool Await(int value) {
         std::unique_lock<std::mutex> lock(m_mutex);
-        return m_changed.wait_for(lock, fakes::kPatience, [&] { return m_value >= value; });
+        return m_changed.wait_for(lock, kPatience, [&] { return m_value >= value; });
     }
 
 private:

@@ -1,5 +1,0 @@
-#pragma once
-#include <cstddef>
-
-/// How often the calling thread has allocated with `new` so far.
-std::size_t AllocationCount();

@@ -1,0 +1,40 @@
+#include "waiting.h"
+
+#include <thread>
+
+namespace {
+
+constexpr unsigned kLookMs = 2;
+
+gboolean GoOn(gpointer /*data*/) {
+    return G_SOURCE_CONTINUE;
+}
+
+bool WaitUntil(const std::function<bool()>& condition, const std::function<void()>& pass) {
+    const auto end = std::chrono::steady_clock::now() + kPatience;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
+        pass();
+    }
+    return true;
+}
+
+}  // namespace
+
+bool Eventually(const std::function<bool()>& condition) {
+    return WaitUntil(condition, [] { std::this_thread::sleep_for(std::chrono::milliseconds(kLookMs)); });
+}
+
+bool ServeUntil(const std::function<bool()>& condition, GMainContext* context) {
+    // Another thread may make the condition true without waking the context.
+    GSource* tick = g_timeout_source_new(kLookMs);
+    g_source_set_priority(tick, G_PRIORITY_LOW);
+    g_source_set_callback(tick, GoOn, nullptr, nullptr);
+    g_source_attach(tick, context);
+    const bool held = WaitUntil(condition, [context] { g_main_context_iteration(context, TRUE); });
+    g_source_destroy(tick);
+    g_source_unref(tick);
+    return held;
+}
