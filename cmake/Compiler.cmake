@@ -21,8 +21,10 @@ if(ZOL_WERROR)
 endif()
 
 if(ZOL_SANITIZE)
+    # Line numbers are all that a sanitizer's report shows.
+    set(CMAKE_CXX_FLAGS_DEBUG "-g1 -O1")
     target_compile_options(zol_flags INTERFACE
-        -fsanitize=${ZOL_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=undefined -O1)
+        -fsanitize=${ZOL_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
     target_link_options(zol_flags INTERFACE -fsanitize=${ZOL_SANITIZE})
     # The compiler warns that atomic_thread_fence is not modelled; Boost uses it, we do not.
     target_compile_options(zol_flags INTERFACE -Wno-tsan)

@@ -3,8 +3,9 @@
 set -euo pipefail
 ZOL_TOP=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 export ZOL_TOP
-# Compilations are found again from any clone of the project, not only from the one that made them.
-export CCACHE_BASEDIR="$ZOL_TOP" CCACHE_NOHASHDIR=true
+# Compilations are found again from any clone of the project, not only from the one that made them; those
+# with precompiled headers need the sloppiness.
+export CCACHE_BASEDIR="$ZOL_TOP" CCACHE_NOHASHDIR=true CCACHE_SLOPPINESS=pch_defines,time_macros
 
 if [ -t 1 ]; then
     bold=$(printf '\033[1m'); green=$(printf '\033[32m'); red=$(printf '\033[31m'); plain=$(printf '\033[0m')
