@@ -20,6 +20,8 @@ import pytest
 
 TOP = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(os.environ.get("ZOL_BUILD_DIR", TOP / "build" / "dev"))
+# What runs the build's programs when they are another machine's.
+EMULATOR = os.environ.get("ZOL_EMULATOR", "")
 BIN = BUILD / "bin"
 DEADLINE = float(os.environ.get("ZOL_E2E_DEADLINE", "30"))
 
@@ -50,6 +52,21 @@ SANITIZER_OPTIONS = {
 }
 
 
+def emulated(folder):
+    """A folder with a script for each program of the build that runs it in the emulator."""
+    for program in BIN.iterdir():
+        if program.is_file() and os.access(program, os.X_OK):
+            script = folder / program.name
+            script.write_text(f'#!/bin/sh\nexec {EMULATOR} -0 "$0" {program} "$@"\n')
+            script.chmod(0o755)
+    return folder
+
+
+if EMULATOR:
+    SCRIPTS = tempfile.TemporaryDirectory(prefix="zol-emulated-", dir="/tmp")
+    BIN = emulated(pathlib.Path(SCRIPTS.name))
+
+
 def wait_for(condition, what="the condition"):
     """The first true result of condition(); fails the test after the deadline."""
     end = time.monotonic() + DEADLINE
@@ -61,14 +78,23 @@ def wait_for(condition, what="the condition"):
         time.sleep(0.01)
 
 
+def program(process):
+    """The name of the program that a process runs."""
+    name = (process / "comm").read_text().rstrip("\n")
+    if EMULATOR.startswith(name[:15]):
+        # Behind the emulator's own words: -0, the name, the program.
+        words = (process / "cmdline").read_bytes().split(b"\0")
+        name = os.path.basename(os.fsdecode(words[words.index(b"-0") + 2]))
+    return name
+
+
 def processes_on(root, name=None):
     """Ids of the processes that run on a machine's root: all, or those of one program."""
     wanted = f"ZOL_ROOT={root}".encode()
     found = []
     for folder in pathlib.Path("/proc").glob("[0-9]*"):
         try:
-            if (wanted in (folder / "environ").read_bytes().split(b"\0") and
-                    name in (None, (folder / "comm").read_text().rstrip("\n"))):
+            if wanted in (folder / "environ").read_bytes().split(b"\0") and name in (None, program(folder)):
                 found.append(int(folder.name))
         except OSError:
             continue  # gone meanwhile, or somebody else's
