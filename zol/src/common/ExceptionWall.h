@@ -17,4 +17,10 @@ auto CatchAll(const char* module, Work&& work) noexcept -> decltype(work()) {
     });
 }
 
+/// The same for a function-try-block, in whose body log lines keep the function's own name: turns the
+/// exception under way into a log line of `module`.
+inline void LogCallbackException(const char* module) noexcept {
+    CatchAll(module, [] { throw; });
+}
+
 }  // namespace zol

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "CallbackException.h"
+#include "ExceptionWall.h"
 #include "Log.h"
 #include "Logging.h"
 #include "WorkerTask.h"

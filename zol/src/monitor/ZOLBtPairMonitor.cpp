@@ -1,6 +1,6 @@
 #include "ZOLBtPairMonitor.h"
 
-#include "CallbackException.h"
+#include "ExceptionWall.h"
 #include "Log.h"
 #include "VconfString.h"
 #include "WorkerTask.h"

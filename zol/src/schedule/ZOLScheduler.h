@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 
+#include "base/handles.h"
 #include "platform_clock.h"
 
 namespace zol {
@@ -69,10 +70,6 @@ public:
     TCShiftedClock& GetClock() const;
 
 private:
-    struct FreeAlarm {
-        void operator()(platform_alarm_t* alarm) const { platform_alarm_free(alarm); }
-    };
-
     void m_Run();
     bool m_IsRunning();
     void m_Stop();
@@ -90,7 +87,8 @@ private:
 
     boost::function<void()> m_disableCallback;
     TCShiftedClock& m_clock;
-    std::unique_ptr<platform_alarm_t, FreeAlarm> m_stopAlarm;  ///< rung by the destructor to end a sleep
+    std::unique_ptr<platform_alarm_t, base::FreeWith<platform_alarm_free>>
+        m_stopAlarm;               ///< rung by the destructor to end a sleep
     boost::mutex m_scheduleMutex;  ///< m_schedule, m_isRunning, m_firstBootTime and writes of m_startTime
     boost::mutex m_wakeUpMutex;    ///< m_lastWakeUpTime; never held together with m_scheduleMutex
     std::map<EScheduleEventType, TSEventTime> m_schedule;
