@@ -207,7 +207,9 @@ void TCTestRecording::m_EnableDlog(const std::string& dir) {
     // The writers outlive the shell that starts them. They inherit the writing end of this pipe, so that its
     // reading end tells when the last one is gone.
     std::array<int, 2> ends{-1, -1};
-    static_cast<void>(pipe2(ends.data(), O_CLOEXEC));  // without it the stop does not wait
+    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
+        ends = {-1, -1};  // without it the stop does not wait
+    }
     m_focusLogWriters.Reset(ends[0]);
     const base::UniqueFd inherited(ends[1]);
     // A focus log that does not begin is missing in the archive.
