@@ -1,11 +1,13 @@
 #include "TCDbusServer.h"
 
 #include <cstring>
+#include <list>
 #include <map>
 #include <mutex>
 #include <string>
 #include <utility>
 
+#include "NativeCall.h"
 #include "Notifier.h"
 #include "ServedName.h"
 #include "Subscribers.h"
@@ -13,31 +15,8 @@
 namespace zol {
 namespace {
 
-/// The bytes of a call's request, of at most the documented length; copied once, into `request`.
-bool ReadRequest(GDBusMethodInvocation* invocation, std::vector<unsigned char>& request) {
-    const base::GVariantPtr bytes(
-        g_variant_get_child_value(g_dbus_method_invocation_get_parameters(invocation), 1));
-    gsize size = 0;
-    const void* data = g_variant_get_fixed_array(bytes.get(), &size, 1);
-    if (size > ipc::kMaxMessageBytes) {
-        return false;
-    }
-    const auto* begin = static_cast<const unsigned char*>(data);
-    request.assign(begin, begin + size);
-    return true;
-}
-
-void ReturnReply(GDBusMethodInvocation* invocation, bool handled, const std::vector<unsigned char>& reply) {
-    g_dbus_method_invocation_return_value(
-        invocation,
-        g_variant_new("(b@ay)", handled ? TRUE : FALSE,
-                      g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, reply.data(), reply.size(), 1)));
-}
-
-void ReturnFailure(GDBusMethodInvocation* invocation, int code, const std::string& why) {
-    MAKER_ERROR("IPC: the handler of function code %d failed: %s", code, why.c_str());
-    ipc::ReturnError(invocation, ipc::kErrorFailed, why);
-}
+/// Above GLib's idle work, beside what comes from the bus.
+constexpr int kServePriority = G_PRIORITY_DEFAULT;
 
 }  // namespace
 
@@ -60,14 +39,25 @@ private:
     using HandlerPtr = std::shared_ptr<const NativeCallHandler>;
 
     void OnCall(GDBusMethodInvocation* invocation);
+    /// A call on its way to its handler.
+    struct Waiting {
+        Impl* server;
+        ipc::NativeCall call;
+        base::GSourcePtr source;
+    };
+
+    static gboolean ServeCb(gpointer data);
+
     void Call(GDBusMethodInvocation* invocation);
-    void Serve(GDBusMethodInvocation* invocation, int code);
+    void Serve(ipc::NativeCall& call);
+    void ServeOrThrow(ipc::NativeCall& call);
     void Subscribe(GDBusMethodInvocation* invocation);
     void Unsubscribe(GDBusMethodInvocation* invocation);
     HandlerPtr HandlerOf(int code) const;
 
     mutable std::mutex m_mutex;
     std::map<int, HandlerPtr> m_handlers;  // guarded by m_mutex
+    std::list<Waiting> m_waiting;
     ipc::Subscribers m_subscribers;
     ipc::ServedName m_name;
     ipc::Notifier m_notifier;
@@ -90,35 +80,48 @@ void TCDbusServer::Impl::OnCall(GDBusMethodInvocation* invocation) {
     ipc::ReturnError(invocation, ipc::kErrorFailed, std::string("no method ") + name);
 }
 
+/// The message that brought the call lives as long as the callback that runs now. So the handler runs in one
+/// of its own.
 void TCDbusServer::Impl::Call(GDBusMethodInvocation* invocation) {
-    gint32 code = 0;
-    g_variant_get_child(g_dbus_method_invocation_get_parameters(invocation), 0, "i", &code);
-    try {
-        Serve(invocation, code);
-    } catch (const std::exception& error) {
-        ReturnFailure(invocation, code, error.what());
-    } catch (...) {
-        ReturnFailure(invocation, code, "exception of an unknown type");
-    }
+    m_waiting.push_back({this, ipc::NativeCall(invocation), base::GSourcePtr(g_idle_source_new())});
+    Waiting& waiting = m_waiting.back();
+    g_source_set_priority(waiting.source.get(), kServePriority);
+    g_source_set_callback(waiting.source.get(), ServeCb, &waiting, nullptr);
+    g_source_attach(waiting.source.get(), nullptr);
 }
 
-void TCDbusServer::Impl::Serve(GDBusMethodInvocation* invocation, int code) {
-    std::vector<unsigned char> request;
-    if (!ReadRequest(invocation, request)) {
-        ipc::ReturnError(invocation, ipc::kErrorTooLarge, "the request is longer than 16 MiB");
+gboolean TCDbusServer::Impl::ServeCb(gpointer data) {
+    // Out of the list first: the handler may serve other calls while it waits.
+    Waiting now = std::move(*static_cast<Waiting*>(data));
+    now.server->m_waiting.remove_if([data](const Waiting& one) { return &one == data; });
+    now.server->Serve(now.call);
+    return G_SOURCE_REMOVE;
+}
+
+void TCDbusServer::Impl::Serve(ipc::NativeCall& call) {
+    base::CatchAll([&] { ServeOrThrow(call); },
+                   [&](const char* why) {
+                       MAKER_ERROR("IPC: the handler of function code %d failed: %s", call.Code(), why);
+                       call.ReturnError(ipc::kErrorFailed, why);
+                   });
+}
+
+void TCDbusServer::Impl::ServeOrThrow(ipc::NativeCall& call) {
+    if (call.IsTooLong()) {
+        call.ReturnError(ipc::kErrorTooLarge, "the request is longer than 16 MiB");
         return;
     }
-    // The handler may serve other calls while it waits, and may be replaced meanwhile: keep it.
-    const HandlerPtr handler = HandlerOf(code);
+    // The handler may be replaced while it runs: keep it.
+    const HandlerPtr handler = HandlerOf(call.Code());
     std::vector<unsigned char> reply;
-    const bool handled = handler != nullptr && *handler != nullptr && (*handler)(request, reply);
+    const bool handled = handler != nullptr && *handler != nullptr && (*handler)(call.Request(), reply);
     if (!handled) {
         reply.clear();
     } else if (reply.size() > ipc::kMaxMessageBytes) {
-        ipc::ReturnError(invocation, ipc::kErrorTooLarge, "the reply is longer than 16 MiB");
+        call.ReturnError(ipc::kErrorTooLarge, "the reply is longer than 16 MiB");
         return;
     }
-    ReturnReply(invocation, handled, reply);
+    call.Return(handled, reply);
 }
 
 TCDbusServer::Impl::HandlerPtr TCDbusServer::Impl::HandlerOf(int code) const {

@@ -1,10 +1,13 @@
 /// Calls of the IPC, through the real client class, the real server and a real bus.
 #include <gmock/gmock.h>
+#include <malloc.h>
 
 #include <atomic>
 #include <stdexcept>
+#include <string>
 #include <thread>
 
+#include "child_process.h"
 #include "dlog.h"
 #include "ipc_fixture.h"
 
@@ -225,6 +228,39 @@ TEST_F(IpcCall, OneClientMakesManyCalls) {
             EXPECT_EQ(reply, Bytes{i});
         }
     });
+}
+
+/// Another process, so that what it holds does not count here.
+int SendRequest(const child::Arguments& arguments) {
+    Bytes reply;
+    zol::TCDbusClient client(false);
+    return client.Call(test::kEcho, Bytes(std::stoul(arguments.at(0))), reply, 60000) == EResult::HANDLED ? 0
+                                                                                                          : 1;
+}
+
+const child::Program kSendRequest("send-request", SendRequest);
+
+std::size_t BytesInUse() {
+    const struct mallinfo2 now = mallinfo2();
+    return now.uordblks + now.hblkhd;
+}
+
+// The connection itself keeps the buffer that it read the message into.
+TEST_F(IpcCall, WhileARequestIsServedItsMessageIsGone) {
+    constexpr std::size_t kSize = 8 * kMiB;
+    const std::size_t before = BytesInUse();
+    std::size_t during = 0;
+    m_server->RegisterNativeCall(test::kEcho, [&](const Bytes& request, Bytes& /*reply*/) {
+        during = BytesInUse();
+        return request.size() == kSize;
+    });
+
+    child::Process client("send-request", {std::to_string(kSize)});
+    int status = -1;
+    test::ServeWhile([&] { status = client.Wait(); });
+
+    EXPECT_EQ(status, 0);
+    EXPECT_LT(during, before + 2 * kSize + kSize / 2);
 }
 
 }  // namespace
