@@ -11,6 +11,7 @@
 
 #include "base/glib_handles.h"
 #include "child_process.h"
+#include "failing_new.h"
 #include "fake_service.h"
 #include "log_lines.h"
 #include "private_bus.h"
@@ -167,6 +168,20 @@ TEST_F(Notification, WhatMakesNoSenseIsRefused) {
     EXPECT_LT(notification_set_expiry(notification.get(), -1), 0);
     EXPECT_LT(notification_post(nullptr), 0);
     notification_free(nullptr);
+}
+
+TEST_F(Notification, WithoutMemoryNothingIsThrown) {
+    for (std::size_t allocation = 1; allocation <= 2; ++allocation) {
+        FailAllocation(allocation);
+        EXPECT_EQ(notification_create(NOTIFICATION_TYPE_PLAIN), nullptr);
+    }
+    const NotificationPtr notification = Make("title", "content");
+    const std::string text(1000, 'x');
+    FailAllocation(1);
+    EXPECT_LT(notification_set_text(notification.get(), NOTIFICATION_TEXT_TITLE, text.c_str(), "TITLE",
+                                    NOTIFICATION_ARGUMENT_NONE),
+              0);
+    FailAllocation(0);
 }
 
 /// The exit status of app_launcher.
