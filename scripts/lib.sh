@@ -17,6 +17,12 @@ step() { printf '%s== %s%s\n' "$bold" "$*" "$plain"; }
 good() { printf '%s%s%s\n' "$green" "$*" "$plain"; }
 die() { printf '%s%s: %s%s\n' "$red" "$(basename "$0")" "$*" "$plain" >&2; exit 1; }
 
+# Prints the Debian 12 mirror that this machine itself uses, for images made of its packages.
+debian_mirror() {
+    apt-get indextargets --format '$(REPO_URI) $(RELEASE) $(COMPONENT)' 'Created-By: Packages' |
+        awk '($2 == "bookworm" || $2 == "stable" || $2 == "oldstable") && $3 == "main" && !done {print $1; done = 1}'
+}
+
 # Prints the comment block at the top of the calling script as its help.
 show_help() { sed -n '2,/^[^#]/{s/^# \{0,1\}//p;}' "$0"; }
 

@@ -4,7 +4,7 @@
 
 #define ZOL_PATH_GST_LOG_CONF "/usr/bin/gst_log.conf"  ///< configuration of the runtime log
 #define ZOL_PATH_CONSOLE "/dev/console"                ///< assertion reports
-#define ZOL_PATH_RELEASE_MARKER "/etc/release"         ///< present on images that survive a failed assertion
+#define ZOL_PATH_RELEASE_MARKER "/etc/release"         ///< can be opened for update: assertions are survived
 #define ZOL_PATH_DEBUG_MARKER "/etc/debug"             ///< present on debug images
 #define ZOL_PATH_UNIQUE_ID "/proc/global_uniqueID"     ///< tgid, at most 36 bytes
 #define ZOL_PATH_LIFE_CYCLE_ID "/proc/life_cycleID"    ///< lcid, at most 10 bytes

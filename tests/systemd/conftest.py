@@ -133,12 +133,16 @@ class Device:
 @pytest.fixture
 def device():
     folder = pathlib.Path(tempfile.mkdtemp(prefix="zol-device-"))
-    device = Device(folder)
-    device.boot()
-    device.run("useradd", "--system", "--groups", "zol", "member")
-    device.run("useradd", "--system", "stranger")
-    device.run("systemctl", "start", "zol")
-    device.wait_until_serving()
-    yield device
-    device.close()
-    shutil.rmtree(folder, ignore_errors=True)
+    device = None
+    try:
+        device = Device(folder)
+        device.boot()
+        device.run("useradd", "--system", "--groups", "zol", "member")
+        device.run("useradd", "--system", "stranger")
+        device.run("systemctl", "start", "zol")
+        device.wait_until_serving()
+        yield device
+    finally:
+        if device is not None:
+            device.close()
+        shutil.rmtree(folder, ignore_errors=True)
