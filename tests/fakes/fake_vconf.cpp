@@ -45,30 +45,6 @@ bool Fails(Store& store, const char* key, int failure) {
     return found != store.failures.end() && (found->second & failure) != 0;
 }
 
-int SetValue(const char* key, const Value& value) {
-    Store& store = The();
-    std::unique_lock<std::mutex> lock(store.mutex);
-    if (Fails(store, key, vconf::FAIL_SET)) {
-        return -1;
-    }
-    store.values[key] = value;
-    store.changed.emplace_back(key);
-    if (store.deliverInsideSets) {
-        lock.unlock();
-        vconf::Deliver();
-    }
-    return 0;
-}
-
-void SetAndDeliver(const std::string& key, const Value& value) {
-    {
-        const std::lock_guard<std::mutex> lock(The().mutex);
-        The().values[key] = value;
-        The().changed.push_back(key);
-    }
-    vconf::Deliver();
-}
-
 int GetNumber(const char* key, int type, int* out) {
     Store& store = The();
     const std::lock_guard<std::mutex> lock(store.mutex);
@@ -99,6 +75,47 @@ void DeliverOne(const std::string& key) {
     }
 }
 
+void DeliverChanges() {
+    Store& store = The();
+    for (;;) {
+        std::vector<std::string> changed;
+        {
+            const std::lock_guard<std::mutex> lock(store.mutex);
+            changed.swap(store.changed);
+        }
+        if (changed.empty()) {
+            return;
+        }
+        for (const std::string& key : changed) {
+            DeliverOne(key);
+        }
+    }
+}
+
+int SetValue(const char* key, const Value& value) {
+    Store& store = The();
+    std::unique_lock<std::mutex> lock(store.mutex);
+    if (Fails(store, key, vconf::FAIL_SET)) {
+        return -1;
+    }
+    store.values[key] = value;
+    store.changed.emplace_back(key);
+    if (store.deliverInsideSets) {
+        lock.unlock();
+        DeliverChanges();
+    }
+    return 0;
+}
+
+void SetAndDeliver(const std::string& key, const Value& value) {
+    {
+        const std::lock_guard<std::mutex> lock(The().mutex);
+        The().values[key] = value;
+        The().changed.push_back(key);
+    }
+    vconf::Deliver();
+}
+
 }  // namespace
 
 void ResetVconf() {
@@ -127,21 +144,8 @@ void Unset(const std::string& key) {
 }
 
 void Deliver() {
-    Store& store = The();
-    const std::lock_guard<std::recursive_mutex> delivery(store.delivery);
-    for (;;) {
-        std::vector<std::string> changed;
-        {
-            const std::lock_guard<std::mutex> lock(store.mutex);
-            changed.swap(store.changed);
-        }
-        if (changed.empty()) {
-            return;
-        }
-        for (const std::string& key : changed) {
-            DeliverOne(key);
-        }
-    }
+    const std::lock_guard<std::recursive_mutex> delivery(The().delivery);
+    DeliverChanges();
 }
 
 void DeliverInsideSets() {

@@ -13,7 +13,7 @@ void Unset(const std::string& key);
 
 /// Delivers, on the calling thread, the notifications of changes that the code under test made itself.
 void Deliver();
-/// Does so from now on inside every set of the code under test, as a device's store may.
+/// Does so from now on inside every set of the code under test, as a device's store may. For one thread.
 void DeliverInsideSets();
 
 /// The stored value; `missing` when there is none of that type.

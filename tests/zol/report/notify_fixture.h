@@ -24,6 +24,15 @@ constexpr const char* kTail =
 /// The task with its description builders in reach.
 class NotifyUnderTest : public TCNotifyManager {
 public:
+    NotifyUnderTest() = default;
+    ~NotifyUnderTest() override {
+        if (CCTask::FlagCreate()) {
+            Destroy();
+        }
+    }
+    NotifyUnderTest(const NotifyUnderTest&) = delete;
+    NotifyUnderTest& operator=(const NotifyUnderTest&) = delete;
+
     using TCNotifyManager::m_GetKpiDescription;
     void LoseKpiManager() { m_pKpiManager.reset(); }
 };
