@@ -52,11 +52,12 @@ bool HasType(const std::string& path, mode_t type) {
 }
 
 bool List(int folder, std::vector<std::string>& names) {
-    const int copy = openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    const base::FolderPtr listing(copy >= 0 ? fdopendir(copy) : nullptr);
+    base::UniqueFd copy(openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const base::FolderPtr listing(copy ? fdopendir(copy.Get()) : nullptr);
     if (listing == nullptr) {
         return false;
     }
+    static_cast<void>(copy.Release());  // the listing closes it
     errno = 0;
     while (const dirent* entry = readdir(listing.get())) {
         const std::string_view name = entry->d_name;

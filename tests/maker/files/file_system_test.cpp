@@ -1,14 +1,33 @@
 #include "TSFileSystem.h"
 
+#include <dirent.h>
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
+#include <iterator>
 #include <string>
 
 #include "fake_dlog.h"
 #include "fakes.h"
+
+namespace {
+
+bool g_isOutOfMemory = false;  // for listings of folders
+
+}  // namespace
+
+extern "C" DIR* fdopendir(int fd) {
+    static const auto real = reinterpret_cast<DIR* (*)(int)>(dlsym(RTLD_NEXT, "fdopendir"));
+    if (g_isOutOfMemory) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    return real(fd);
+}
 
 namespace {
 
@@ -123,6 +142,21 @@ TEST_F(FileSystem, AnExistingFolderIsFineAndKeepsItsMode) {
     EXPECT_TRUE(TSFileSystem::MakeDir("/", false));
 
     EXPECT_EQ(ModeOf("/tmp/zol"), 0700U);
+}
+
+TEST_F(FileSystem, AFolderThatCannotBeListedStaysAndLeavesNoDescriptorOpen) {
+    fakes::WriteDeviceFile("/tmp/folder/file", "x");
+    const auto descriptors = [] {
+        return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+    };
+    const auto before = descriptors();
+
+    g_isOutOfMemory = true;
+    EXPECT_FALSE(TSFileSystem::RemoveFolder("/tmp/folder"));
+    g_isOutOfMemory = false;
+
+    EXPECT_EQ(descriptors(), before);
+    EXPECT_TRUE(TSFileSystem::Exists("/tmp/folder/file"));
 }
 
 TEST_F(FileSystem, AFolderIsMadeThroughALinkThatOnlyRootCanHaveMade) {
