@@ -1,6 +1,5 @@
 #include "cv/TCScopeHandler.h"
 
-#include <exception>
 #include <mutex>
 #include <utility>
 
@@ -8,6 +7,7 @@
 #include "MakerLog.h"
 #include "TSFileSystem.h"
 #include "TrapFile.h"
+#include "base/exception_wall.h"
 #include "device_paths.h"
 
 namespace cv {
@@ -55,17 +55,16 @@ void TCScopeHandler::SetActive(bool active) noexcept {
 
 int TCScopeHandler::Reload() noexcept {
     int count = -1;
-    try {
+    const auto load = [&count] {
         auto loaded = std::make_shared<Conditions>();
-        count = LoadTraps(*loaded);
+        const int read = LoadTraps(*loaded);
         std::shared_ptr<const Conditions> conditions = std::move(loaded);
         // The old conditions are freed behind the lock.
         const std::lock_guard<std::mutex> lock(g_conditionsMutex);
         TheConditions().swap(conditions);
-    } catch (const std::exception& error) {
-        MAKER_ERROR("no trap conditions: %s", error.what());
-        count = -1;
-    }
+        count = read;
+    };
+    base::CatchAll(load, [](const char* why) { MAKER_ERROR("no trap conditions: %s", why); });
     SetActive(count > 0 || TSFileSystem::Exists(ZOL_PATH_DEBUG_MARKER));
     return count;
 }

@@ -1,12 +1,12 @@
 #include "cv/TCTraceControl.h"
 
-#include <exception>
 #include <system_error>
 
 #include "MakerLog.h"
 #include "TSFileSystem.h"
 #include "TraceJson.h"
 #include "base/atomic_file.h"
+#include "base/exception_wall.h"
 #include "cv/TCScopeHandler.h"
 #include "cv/TCTrapPattern.h"
 #include "device_path.h"
@@ -71,7 +71,7 @@ int TCTraceControl::Reload() {
 bool TCTraceControl::SaveDump(const std::string& sourceFolder, const std::string& destinationFolder,
                               int withTraps, int clear) {
     const std::lock_guard<std::mutex> lock(m_dumpMutex);
-    try {
+    const auto save = [&] {
         const Snapshot snapshot = Take(withTraps != 0);
         const std::string text = TraceJson(snapshot.dump);
         // Where a stick was unplugged, its mount point must not be made anew on the internal flash.
@@ -83,10 +83,9 @@ bool TCTraceControl::SaveDump(const std::string& sourceFolder, const std::string
             TCTrapPattern::Instance().DiscardBefore(snapshot.matchesEnd);
         }
         return true;
-    } catch (const std::exception& error) {
-        MAKER_ERROR("the trace dump cannot be saved: %s", error.what());
-        return false;
-    }
+    };
+    return base::CatchAll(save,
+                          [](const char* why) { MAKER_ERROR("the trace dump cannot be saved: %s", why); });
 }
 
 namespace api {
