@@ -1,5 +1,6 @@
 #include "base/set_aside.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -7,6 +8,7 @@
 
 #include "base/folders.h"
 #include "base/system_error.h"
+#include "base/unique_fd.h"
 
 namespace base {
 namespace {
@@ -18,7 +20,9 @@ bool Exists(const std::string& path) {
     return access(path.c_str(), F_OK) == 0;
 }
 
-/// A missing database means that an earlier call was cut short: the companions kept are those of this one.
+constexpr mode_t kFileMode = 0640;
+
+/// A missing one means that an earlier call was cut short: the companions kept are those of this database.
 void DropKept(const std::string& kept) {
     if (Exists(kept)) {
         for (const char* part : kParts) {
@@ -33,6 +37,10 @@ SetAsideResult SetAside(const std::string& path) {
     SetAsideResult result;
     const std::string kept = path + ".damaged";
     DropKept(kept);
+    if (!Exists(path)) {
+        // Without its database a companion would be taken for that of the next one to be set aside.
+        const UniqueFd none(open(kept.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kFileMode));
+    }
     bool isKept = true;
     for (const char* part : kParts) {
         const std::string from = path + part;
@@ -46,7 +54,8 @@ SetAsideResult SetAside(const std::string& path) {
         }
     }
     result.name = isKept ? kept : "";
-    result.error = SyncFolderOf(path);
+    // Its place is clear. After a power cut the damaged one may be back; then it is set aside again.
+    static_cast<void>(SyncFolderOf(path));
     return result;
 }
 

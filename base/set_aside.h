@@ -14,8 +14,8 @@ struct SetAsideResult {
 /// Clears the place of a damaged database: moves it with its companions ("-wal", "-shm", "-journal") to
 /// "<path>.damaged", in place of what was kept there before. Should that not be possible it is removed, since
 /// its owner has to go on. After a power cut in between the damaged database is still there to find, and at
-/// no moment does a companion of it lie beside a new one. The database itself may be missing. Nobody may have
-/// it open.
+/// no moment does a companion of it lie beside a new one. The database itself may be missing: an
+/// empty file is kept for it. Nobody may have it open.
 [[nodiscard]] SetAsideResult SetAside(const std::string& path);
 
 }  // namespace base

@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -11,31 +10,12 @@
 
 #include "base/atomic_file.h"
 #include "base/set_aside.h"
+#include "full_disk.h"
 #include "temporary_folder.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-
-/// While it lives no file of this process grows beyond `bytes`: a disk that is full.
-class FullDisk {
-public:
-    explicit FullDisk(rlim_t bytes) : m_handler(std::signal(SIGXFSZ, SIG_IGN)) {
-        getrlimit(RLIMIT_FSIZE, &m_limit);
-        const rlimit limit{bytes, m_limit.rlim_max};
-        setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    ~FullDisk() {
-        setrlimit(RLIMIT_FSIZE, &m_limit);
-        std::signal(SIGXFSZ, m_handler);
-    }
-    FullDisk(const FullDisk&) = delete;
-    FullDisk& operator=(const FullDisk&) = delete;
-
-private:
-    rlimit m_limit{};
-    void (*m_handler)(int);
-};
 
 class DurableFiles : public testing::Test {
 protected:
@@ -150,6 +130,28 @@ TEST_F(SetAside, ClearsALogWhoseDatabaseIsGone) {
     EXPECT_FALSE(base::SetAside(Path()).error);
     EXPECT_EQ(Read("file.damaged-wal"), "left over");
     EXPECT_FALSE(fs::exists(Path("file-wal")));
+}
+
+TEST_F(SetAside, KeepsNoDatabaseWithTheLogOfOneThatWasGone) {
+    Write("file-wal", "left over");
+    EXPECT_FALSE(base::SetAside(Path()).error);
+    Write("file", "later");
+    EXPECT_FALSE(base::SetAside(Path()).error);
+    EXPECT_EQ(Read("file.damaged"), "later");
+    EXPECT_EQ(Read("file.damaged-wal"), "(absent)");
+}
+
+TEST_F(SetAside, IsDoneAlsoWhenItsFolderCannotBeSynced) {
+    Write("file", "damaged");
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit none{0, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    const base::SetAsideResult result = base::SetAside(Path());
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_FALSE(result.error);
+    EXPECT_EQ(result.name, Path("file.damaged"));
+    EXPECT_EQ(Read("file.damaged"), "damaged");
 }
 
 TEST_F(SetAside, RemovesWhatItCannotKeep) {
