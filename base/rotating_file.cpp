@@ -38,10 +38,13 @@ void RotatingFile::Write(std::string_view lines) {
     if (!IsReady(static_cast<std::int64_t>(lines.size()))) {
         return;
     }
-    if (write(m_file.Get(), lines.data(), lines.size()) == static_cast<ssize_t>(lines.size())) {
+    const ssize_t written = write(m_file.Get(), lines.data(), lines.size());
+    if (written == static_cast<ssize_t>(lines.size())) {
         m_isReported = false;
     } else {
-        Fail("cannot be written", LastError());
+        // Only a full disk takes a part, and says nothing.
+        Fail("cannot be written",
+             written < 0 ? LastError() : std::make_error_code(std::errc::no_space_on_device));
     }
 }
 
@@ -69,7 +72,7 @@ bool RotatingFile::Open() {
         return false;
     }
     const std::error_code error = OpenNow();
-    return !error || Fail("cannot be opened", error);
+    return !error || FailToOpen("cannot be opened", error);
 }
 
 std::error_code RotatingFile::OpenNow() {
@@ -106,7 +109,7 @@ bool RotatingFile::Rotate() {
         error = MoveAll();
     }
     m_file.Reset();
-    return error ? Fail("cannot be rotated", error) : Open();
+    return error ? FailToOpen("cannot be rotated", error) : Open();
 }
 
 std::error_code RotatingFile::MoveAll() {
@@ -120,12 +123,17 @@ std::error_code RotatingFile::MoveAll() {
     return {};
 }
 
-/// The fault may last: one report, not one for each line that is lost. Always false.
-bool RotatingFile::Fail(const char* what, const std::error_code& error) {
-    m_nextAttempt = m_clock() + kRetryNs;
+/// The fault may last: one report, not one for each line that is lost.
+void RotatingFile::Fail(const char* what, const std::error_code& error) {
     if (!std::exchange(m_isReported, true)) {
         m_report(what, error);
     }
+}
+
+/// Nothing is open now; not every line is to try. Always false.
+bool RotatingFile::FailToOpen(const char* what, const std::error_code& error) {
+    m_nextAttempt = m_clock() + kRetryNs;
+    Fail(what, error);
     return false;
 }
 

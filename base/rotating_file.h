@@ -46,7 +46,8 @@ private:
     std::error_code OpenNow();
     bool Rotate();
     std::error_code MoveAll();
-    bool Fail(const char* what, const std::error_code& error);
+    void Fail(const char* what, const std::error_code& error);
+    bool FailToOpen(const char* what, const std::error_code& error);
 
     const Place m_place;
     const Limits m_limits;
@@ -57,7 +58,7 @@ private:
     UniqueFd m_folder;
     UniqueFd m_file;
     std::int64_t m_size = 0;          // of the file when it was last looked at
-    std::uint64_t m_nextAttempt = 0;  // nanoseconds before which a failed opening is not tried again
+    std::uint64_t m_nextAttempt = 0;  // nanoseconds before which nothing is opened: it has just failed
     bool m_isReported = false;
 };
 

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "base/unique_fd.h"
+#include "full_disk.h"
 #include "temporary_folder.h"
 
 namespace {
@@ -155,6 +157,22 @@ TEST_F(RotatingFile, DoesNotGrowWhenItCannotBeRotated) {
     g_now = kSecond;
     file.Write("written\n");
     EXPECT_EQ(Read(), "written\n");
+}
+
+TEST_F(RotatingFile, SaysThatTheDiskIsFullAndStillRotates) {
+    base::RotatingFile file = Make(25);
+    file.Write("0123456789\n");
+    {
+        const FullDisk full(15);
+        errno = 0;
+        file.Write("0123456789\n");
+    }
+    EXPECT_EQ(m_reports, std::vector<std::string>{"cannot be written: No space left on device"});
+
+    file.Write("abcdefghij\n");
+    EXPECT_EQ(Read("main.1.log"), "0123456789\n0123");
+    EXPECT_EQ(Read(), "abcdefghij\n");
+    EXPECT_EQ(m_reports.size(), 1U);
 }
 
 TEST_F(RotatingFile, IsFoundThroughALinkOfTheImage) {
