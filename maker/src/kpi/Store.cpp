@@ -9,6 +9,7 @@
 
 #include "MakerLog.h"
 #include "TSFileSystem.h"
+#include "base/folders.h"
 #include "base/set_aside.h"
 #include "base/unique_fd.h"
 #include "device_path.h"
@@ -100,9 +101,16 @@ int CLogger::Store::Execute(const char* sql) {
 
 int CLogger::Store::Connect(const std::string& path, int flags) {
     Close();
+    // SQLite refuses a link in any part of a path; those of the image are followed here.
+    const base::OpenedFolder folder =
+        base::OpenFolder(DevicePath("/"), DevicePath(ZOL_PATH_STATE_DIR), base::Make::Nothing);
+    if (folder.error) {
+        return SQLITE_CANTOPEN;
+    }
+    const std::string resolved = folder.path + path.substr(path.rfind('/'));
     sqlite3* database = nullptr;
-    const int result =
-        sqlite3_open_v2(path.c_str(), &database, flags | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_NOMUTEX, nullptr);
+    const int result = sqlite3_open_v2(resolved.c_str(), &database,
+                                       flags | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_NOMUTEX, nullptr);
     m_database.reset(database);
     if (result != SQLITE_OK) {
         return result;
@@ -269,8 +277,9 @@ CLogger::Store::EPresence CLogger::Store::OpenExisting() {
         return HoldsTables() ? EPresence::OPEN : EPresence::ABSENT;
     }
     // SQLite falls back to reading when this process may not write.
-    if (Connect(path, SQLITE_OPEN_READWRITE) != SQLITE_OK) {
-        MAKER_ERROR("cannot open the KPI log %s: %s", ZOL_PATH_KPI_DB, sqlite3_errmsg(m_database.get()));
+    const int result = Connect(path, SQLITE_OPEN_READWRITE);
+    if (result != SQLITE_OK) {
+        MAKER_ERROR("cannot open the KPI log %s: %s", ZOL_PATH_KPI_DB, sqlite3_errstr(result));
         Close();
         return EPresence::FAILED;
     }

@@ -1,9 +1,7 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 
-#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -18,6 +16,7 @@
 #include "fake_clock.h"
 #include "fake_dlog.h"
 #include "fakes.h"
+#include "full_disk.h"
 
 namespace {
 
@@ -309,27 +308,6 @@ TEST_F(KpiLog, ALockThatIsReleasedInTimeDelaysTheEventOnly) {
     EXPECT_EQ(List().size(), 2U);
 }
 
-/// No file of this process may grow beyond `bytes` while this lives.
-class FullDisk {
-public:
-    explicit FullDisk(rlim_t bytes) {
-        m_signal = std::signal(SIGXFSZ, SIG_IGN);
-        getrlimit(RLIMIT_FSIZE, &m_before);
-        const rlimit limit{bytes, m_before.rlim_max};
-        setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    ~FullDisk() {
-        setrlimit(RLIMIT_FSIZE, &m_before);
-        std::signal(SIGXFSZ, m_signal);
-    }
-    FullDisk(const FullDisk&) = delete;
-    FullDisk& operator=(const FullDisk&) = delete;
-
-private:
-    rlimit m_before{};
-    void (*m_signal)(int) = SIG_DFL;
-};
-
 TEST_F(KpiLog, AFullDiskLosesTheEventAndNothingElse) {
     EXPECT_EQ(Add("before"), 1);
     int result = 0;
@@ -373,8 +351,22 @@ TEST_F(KpiLog, ALinkInPlaceOfTheDatabaseIsRefused) {
 
     EXPECT_EQ(Add("lost"), CLogger::RESULT_NO_STORE);
 
+    std::vector<TSKpiEvent> events;
+    EXPECT_FALSE(CLogger::GetInstance().ListEvents(events));
     EXPECT_EQ(fs::file_size(fakes::Root() + "/etc/precious"), 0U);
     EXPECT_TRUE(fs::is_symlink(Host()));
+}
+
+TEST_F(KpiLog, IsKeptBehindALinkOfTheImage) {
+    const fs::path root = fakes::Root();
+    fs::create_directory(root / "opt");
+    fs::rename(root / "var", root / "opt/var");
+    fs::create_symlink("opt/var", root / "var");
+
+    EXPECT_EQ(Add("kept"), 1);
+
+    EXPECT_EQ(List().size(), 1U);
+    EXPECT_TRUE(fs::is_regular_file(root / ("opt" ZOL_PATH_KPI_DB)));
 }
 
 TEST_F(KpiLog, ALogThatWasRemovedIsBegunAnew) {
