@@ -79,20 +79,23 @@ void RemoteMonitor::Compare(Devices fresh) {
     const Devices before = std::exchange(m_devices, std::move(fresh));
     const auto connectedIn = [](const Devices& devices, const std::string& path) {
         const auto found = devices.find(path);
-        return found != devices.end() && found->second.IsConnectedRemoteControl();
+        return found != devices.end() && found->second.IsConnectedRemoteControl() ? &found->second : nullptr;
     };
     std::vector<std::string> addresses;
     std::vector<BluetoothDevice> changed;
     for (const auto& [path, device] : before) {
-        if (device.IsConnectedRemoteControl() && !connectedIn(m_devices, path)) {
+        if (device.IsConnectedRemoteControl() && connectedIn(m_devices, path) == nullptr) {
             Tell(device, false);
         }
     }
     for (const auto& [path, device] : m_devices) {
         if (device.IsConnectedRemoteControl()) {
             addresses.push_back(device.address);
-            if (!connectedIn(before, path)) {
+            const BluetoothDevice* known = connectedIn(before, path);
+            if (known == nullptr) {
                 changed.push_back(device);
+            } else if (known->address != device.address) {
+                m_renamed(known->address, device.address);
             }
         }
     }

@@ -50,12 +50,12 @@ public:
     void Add(const std::string& address, bool connected, std::uint16_t appearance = kRemoteAppearance) {
         {
             const std::lock_guard<std::mutex> lock(m_mutex);
-            m_devices[address] = {connected, appearance};
+            m_devices[address] = {connected, appearance, address};
         }
         if (m_service != nullptr) {
             m_service->Emit("/", kObjectManager, "InterfacesAdded",
                             g_variant_new("(o@a{sa{sv}})", PathOf(address).c_str(),
-                                          Interfaces(address, {connected, appearance})));
+                                          Interfaces({connected, appearance, address})));
         }
     }
     void Connect(const std::string& address, bool connected = true) {
@@ -76,6 +76,11 @@ public:
         g_variant_builder_add(&changed, "{sv}", property, value);
         m_service->Emit(PathOf(address).c_str(), "org.freedesktop.DBus.Properties", "PropertiesChanged",
                         g_variant_new("(sa{sv}as)", kDevice, &changed, nullptr));
+    }
+    /// While it is stopped.
+    void LearnAddress(const std::string& address, const std::string& identity) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_devices.at(address).address = identity;
     }
     void Remove(const std::string& address) {
         {
@@ -111,12 +116,13 @@ private:
     struct Device {
         bool connected;
         std::uint16_t appearance;
+        std::string address;  ///< the one it tells; its path keeps the first one
     };
 
-    static GVariant* Interfaces(const std::string& address, const Device& device) {
+    static GVariant* Interfaces(const Device& device) {
         GVariantBuilder properties;
         g_variant_builder_init(&properties, G_VARIANT_TYPE_VARDICT);
-        g_variant_builder_add(&properties, "{sv}", "Address", g_variant_new_string(address.c_str()));
+        g_variant_builder_add(&properties, "{sv}", "Address", g_variant_new_string(device.address.c_str()));
         g_variant_builder_add(&properties, "{sv}", "Alias", g_variant_new_string("Remote"));
         g_variant_builder_add(&properties, "{sv}", "Appearance", g_variant_new_uint16(device.appearance));
         g_variant_builder_add(&properties, "{sv}", "Connected",
@@ -131,8 +137,7 @@ private:
         GVariantBuilder objects;
         g_variant_builder_init(&objects, G_VARIANT_TYPE("a{oa{sa{sv}}}"));
         for (const auto& [address, device] : m_devices) {
-            g_variant_builder_add(&objects, "{o@a{sa{sv}}}", PathOf(address).c_str(),
-                                  Interfaces(address, device));
+            g_variant_builder_add(&objects, "{o@a{sa{sv}}}", PathOf(address).c_str(), Interfaces(device));
         }
         return g_variant_new("(@a{oa{sa{sv}}})", g_variant_builder_end(&objects));
     }
@@ -347,6 +352,21 @@ TEST_F(SmartRemote, WhatChangedWhileTheServiceWasAwayIsToldWhenItIsBack) {
     bluez.Start();
 
     EXPECT_THAT(reports.WaitFor(3), ElementsAre(Connected(kA), Disconnected(kA, kA), Connected(kB)));
+}
+
+TEST_F(SmartRemote, AnAddressThatChangedWhileTheServiceWasAwayIsPublishedAndIsNoEvent) {
+    WatchRemoteA();
+    bluez.Connect(kA);
+    reports.WaitFor(1);
+
+    bluez.Stop();
+    EXPECT_TRUE(log.WaitFor("BlueZ is missing"));
+    bluez.LearnAddress(kA, kB);
+    bluez.Start();
+    WaitUntilKnown();
+    bluez.Disconnect(kA);
+
+    EXPECT_THAT(reports.WaitFor(2), ElementsAre(Connected(kA), Disconnected(kB, kB)));
 }
 
 TEST_F(SmartRemote, AServiceThatComesLateIsOneLogLineAndThenWorks) {
