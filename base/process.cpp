@@ -47,21 +47,28 @@ private:
 /// Waits until the child has ended, without collecting its status.
 std::error_code AwaitEnd(pid_t child, unsigned timeoutMs) {
     using Clock = std::chrono::steady_clock;
-    // The header of glibc 2.36 declares the function for C only.
+    using Milliseconds = std::chrono::milliseconds;
+    constexpr Milliseconds kStep(10);
+    // None before Linux 5.3. The header of glibc 2.36 declares the function for C only.
     const UniqueFd process(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
-    if (!process) {
-        return LastError();
-    }
-    const auto end = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    const auto end = Clock::now() + Milliseconds(timeoutMs);
     for (;;) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
-        pollfd ended{process.Get(), POLLIN, 0};
-        const int ready = poll(&ended, 1, static_cast<int>(std::max<decltype(left)>(left, 0)));
-        if (ready != 0 && !(ready < 0 && errno == EINTR)) {
-            return ErrorUnless(ready > 0);
+        siginfo_t ended{};
+        if (waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOHANG | WNOWAIT) != 0) {
+            return LastError();
         }
-        if (ready == 0) {
+        if (ended.si_pid == child) {
+            return {};
+        }
+        const auto left = std::chrono::ceil<Milliseconds>(end - Clock::now());
+        if (left.count() <= 0) {
             return std::make_error_code(std::errc::timed_out);
+        }
+        // Without a descriptor (-1) poll just sleeps.
+        pollfd change{process.Get(), POLLIN, 0};
+        const Milliseconds wait = process ? left : std::min(left, kStep);
+        if (poll(&change, 1, static_cast<int>(wait.count())) < 0 && errno != EINTR) {
+            return LastError();
         }
     }
 }

@@ -1,16 +1,42 @@
 #include "base/process.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
+#include <cstdarg>
 #include <fstream>
 #include <string>
 
 #include "base/unique_fd.h"
 #include "temporary_folder.h"
+
+namespace {
+
+bool g_isOldKernel = false;  // one that has no descriptors of processes
+
+}  // namespace
+
+extern "C" long syscall(long number, ...) {
+    static const auto real = reinterpret_cast<long (*)(long, ...)>(dlsym(RTLD_NEXT, "syscall"));
+    if (g_isOldKernel && number == SYS_pidfd_open) {
+        errno = ENOSYS;
+        return -1;
+    }
+    va_list list;
+    va_start(list, number);
+    long words[6];
+    for (long& word : words) {
+        word = va_arg(list, long);
+    }
+    va_end(list);
+    return real(number, words[0], words[1], words[2], words[3], words[4], words[5]);
+}
 
 namespace {
 
@@ -81,6 +107,21 @@ TEST(RunProcess, KillsWhatTakesTooLongAndLeavesNoZombie) {
     const std::string before = Children();
     EXPECT_EQ(base::RunProcess(command).error, std::errc::timed_out);
     EXPECT_EQ(Children(), before);
+}
+
+TEST(RunProcess, HonoursTheTimeOnAnOldKernel) {
+    g_isOldKernel = true;
+    base::Command quick = Shell("exit 3");
+    quick.timeoutMs = 60000;
+    const base::ProcessEnd exited = base::RunProcess(quick);
+    base::Command slow;
+    slow.words = {"sleep", "1000"};
+    slow.timeoutMs = 20;
+    const base::ProcessEnd killed = base::RunProcess(slow);
+    g_isOldKernel = false;
+    EXPECT_FALSE(exited.error);
+    EXPECT_EQ(WEXITSTATUS(exited.status), 3);
+    EXPECT_EQ(killed.error, std::errc::timed_out);
 }
 
 }  // namespace
