@@ -22,6 +22,10 @@ struct CaptureWay {
 std::vector<CaptureWay> CaptureWays(const dc_capture_request& request, const std::string& raw,
                                     const std::string& picture);
 
+/// Captures into the file of a valid request.
+/// @param toolTimeoutMs what each program may take; then it is killed and the next way is tried
+bool Capture(const dc_capture_request& request, unsigned toolTimeoutMs);
+
 /// Whether a display is in the environment.
 bool HasDisplay();
 

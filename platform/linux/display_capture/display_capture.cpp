@@ -77,12 +77,12 @@ bool IsValid(const dc_capture_request* request) {
            request->quality <= 100;
 }
 
-base::ProcessEnd RunQuietly(const Command& words, const std::string& folder) {
+base::ProcessEnd RunQuietly(const Command& words, const std::string& folder, unsigned timeoutMs) {
     base::Command command;
     command.words = words;
     command.folder = folder;
     command.isQuiet = true;
-    command.timeoutMs = kToolTimeoutMs;
+    command.timeoutMs = timeoutMs;
     return base::RunProcess(command);
 }
 
@@ -101,9 +101,9 @@ std::string Failure(const base::ProcessEnd& end) {
                                  : "signal " + std::to_string(WTERMSIG(end.status));
 }
 
-bool Run(const CaptureWay& way, const std::string& folder) {
+bool Run(const CaptureWay& way, const std::string& folder, unsigned timeoutMs) {
     for (const Command& command : way.commands) {
-        const std::string failure = Failure(RunQuietly(command, folder));
+        const std::string failure = Failure(RunQuietly(command, folder, timeoutMs));
         if (!failure.empty()) {
             PLATFORM_LOG(WARN, "capture with %s failed: %s: %s", way.tool.c_str(), command[0].c_str(),
                          failure.c_str());
@@ -113,7 +113,9 @@ bool Run(const CaptureWay& way, const std::string& folder) {
     return true;
 }
 
-bool Capture(const dc_capture_request& request) {
+}  // namespace
+
+bool Capture(const dc_capture_request& request, unsigned toolTimeoutMs) {
     if (!HasDisplay()) {
         PLATFORM_LOG(ERROR, "no display to capture: neither WAYLAND_DISPLAY nor DISPLAY is set");
         return false;
@@ -130,7 +132,7 @@ bool Capture(const dc_capture_request& request) {
     }
     const auto ways = CaptureWays(request, raw.Name(), picture.Name());
     for (const CaptureWay& way : ways) {
-        if (Run(way, folder) && picture.HasContent()) {
+        if (Run(way, folder, toolTimeoutMs) && picture.HasContent()) {
             if (picture.MoveTo(target)) {
                 return true;
             }
@@ -143,10 +145,8 @@ bool Capture(const dc_capture_request& request) {
     return false;
 }
 
-}  // namespace
-
 }  // namespace platform
 
 extern "C" int dc_request_capture_to_file_sync(const dc_capture_request* request) {
-    return platform::IsValid(request) && platform::Capture(*request) ? 0 : -1;
+    return platform::IsValid(request) && platform::Capture(*request, platform::kToolTimeoutMs) ? 0 : -1;
 }

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "device_path.h"
+#include "display_capture/capture_tools.h"
 #include "log_lines.h"
 #include "temporary_folder.h"
 
@@ -172,6 +173,21 @@ TEST_F(Capture, AToolThatFailsIsFollowedByTheNext) {
     EXPECT_EQ(Ran(), "grim import xwd convert");
     EXPECT_EQ(log.Count("capture with grim failed: grim: status 1"), 1);
     EXPECT_EQ(log.Count("capture with import failed: import: signal 9"), 1);
+}
+
+TEST_F(Capture, AToolThatDoesNotEndIsKilledAndFollowedByTheNext) {
+    Install("import", "exec /bin/sleep 20");
+    Install("xwd");
+    Install("convert");
+    x11.Set(":7");
+    constexpr unsigned kTimeoutMs = 3000;  // enough for those that do end
+    const dc_capture_request request{file.c_str(),   960, 540, DC_PLANE_ALL, DC_ROTATION_NONE,
+                                     DC_FORMAT_JPEG, 100};
+
+    EXPECT_TRUE(platform::Capture(request, kTimeoutMs));
+
+    EXPECT_EQ(Ran(), "import xwd convert");
+    EXPECT_EQ(log.Count("capture with import failed: import: did not end"), 1);
 }
 
 TEST_F(Capture, NothingStaysWhenEveryToolFails) {
