@@ -34,8 +34,6 @@ public:
     }
     /// Hands the descriptor over without closing it; -1 when it owns none.
     [[nodiscard]] int Release() { return std::exchange(m_fd, -1); }
-    /// Closes now. False with errno when the system reports a late write error, or when it owns none.
-    [[nodiscard]] bool Close() { return close(Release()) == 0; }
 
 private:
     int m_fd = -1;

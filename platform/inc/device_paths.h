@@ -21,5 +21,6 @@
 #define ZOL_PATH_TRAP_CONF "/etc/zol/traps.conf"          ///< trap conditions of the tracing library
 #define ZOL_PATH_KEY_COMBINATIONS "/etc/zol/keycombination.conf"  ///< ids and the keys held together
 
-#define ZOL_PATH_RUN_DIR "/run/zol"                           ///< what lasts until power-off
-#define ZOL_PATH_DAEMON_LOCK ZOL_PATH_RUN_DIR "/daemon.lock"  ///< locked by the running daemon
+#define ZOL_PATH_RUN_DIR "/run/zol"                            ///< what lasts until power-off
+#define ZOL_PATH_DAEMON_LOCK ZOL_PATH_RUN_DIR "/daemon.lock"   ///< locked by the running daemon
+#define ZOL_PATH_JOURNAL_SOCKET "/run/systemd/journal/socket"  ///< present where there is a journal

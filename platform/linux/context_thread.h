@@ -44,7 +44,6 @@ public:
     /// Replaces what was set before. On the context's thread.
     void Set(GMainContext* context, unsigned milliseconds, std::function<void()> function);
     void Cancel() { m_source.reset(); }
-    bool IsSet() const { return m_source != nullptr; }
 
 private:
     static gboolean Run(gpointer data);

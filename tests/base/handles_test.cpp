@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cerrno>
 #include <cstring>
 #include <utility>
 
@@ -49,14 +48,6 @@ TEST(UniqueFdTest, HandsItsDescriptorOverOpen) {
     }
     EXPECT_TRUE(IsOpen(raw));
     UniqueFd(raw).Reset();
-}
-
-TEST(UniqueFdTest, TellsOfAnErrorWhenItIsClosed) {
-    UniqueFd fd = OpenNull();
-    EXPECT_TRUE(fd.Close());
-    EXPECT_FALSE(fd);
-    EXPECT_FALSE(fd.Close());
-    EXPECT_EQ(errno, EBADF);
 }
 
 TEST(OutErrorTest, HandsOverTheErrorOfTheLastCallOnly) {

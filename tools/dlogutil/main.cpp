@@ -18,8 +18,6 @@ using dlogutil::Format;
 using dlogutil::Record;
 using dlogutil::Source;
 
-constexpr const char* kJournalSocket = "/run/systemd/journal/socket";
-
 constexpr int kBadUsage = 2;
 
 struct Options {
@@ -55,7 +53,7 @@ std::unique_ptr<Source> Open(const Options& options, const std::vector<std::stri
     const std::vector<std::string> buffers = options.buffer == "all"
                                                  ? std::vector<std::string>{"main", "system"}
                                                  : std::vector<std::string>{options.buffer};
-    if (access(DevicePath(kJournalSocket).c_str(), F_OK) == 0) {
+    if (access(DevicePath(ZOL_PATH_JOURNAL_SOCKET).c_str(), F_OK) == 0) {
         return dlogutil::MakeJournalSource(DevicePath("/"), buffers, tags);
     }
     return dlogutil::MakeFileSource(DevicePath(ZOL_PATH_LOG_DIR), buffers);

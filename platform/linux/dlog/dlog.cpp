@@ -17,8 +17,6 @@
 
 namespace {
 
-constexpr const char* kJournalSocket = "/run/systemd/journal/socket";
-
 /// Where the lines go. Chosen once.
 struct Outputs {
     std::unique_ptr<dlog::Sink> main;
@@ -30,7 +28,7 @@ Outputs Choose() {
     const std::string folder = DevicePath(ZOL_PATH_LOG_DIR);
     const bool hasRoot = folder != ZOL_PATH_LOG_DIR;
     Outputs outputs;
-    if (!hasRoot && access(kJournalSocket, F_OK) == 0) {
+    if (!hasRoot && access(ZOL_PATH_JOURNAL_SOCKET, F_OK) == 0) {
         outputs.main = std::make_unique<dlog::JournalSink>("main");
         outputs.system = std::make_unique<dlog::JournalSink>("system");
     } else {
