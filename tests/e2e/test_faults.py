@@ -7,20 +7,29 @@ import struct
 import dbus
 import pytest
 
-from conftest import BUS_NAME, HANDOVER_KEY, RUNNING_KEY, int_rule, policy, wait_for
+from conftest import BUILD, BUS_NAME, HANDOVER_KEY, RUNNING_KEY, int_rule, policy, wait_for
 
 KEY = "db/menu/picture/backlight"
 RULE = int_rule(KEY, "IS", 3)
 
 SIGNATURE = b"serialization::archive"
+# Bytes of a long, and of a length, on the machine that the daemon is built for.
+LONG = 8 if (BUILD / "bin/zol_daemon").read_bytes()[4] == 2 else 4
+HUGE = 2 ** (8 * LONG - 4)
+
+
+def length(number):
+    return number.to_bytes(LONG, "little")
+
+
 # Library version, then the sizes of int, long, float and double, and the byte order.
-ARCHIVE_HEADER = (struct.pack("<Q", len(SIGNATURE)) + SIGNATURE + struct.pack("<H", 18) + bytes([4, 8, 4, 8]) +
+ARCHIVE_HEADER = (length(len(SIGNATURE)) + SIGNATURE + struct.pack("<H", 18) + bytes([4, LONG, 4, 8]) +
                   struct.pack("<I", 1))
 
 
 def archive(text, announced=None):
     data = text.encode()
-    return ARCHIVE_HEADER + struct.pack("<Q", len(data) if announced is None else announced) + data
+    return ARCHIVE_HEADER + length(len(data) if announced is None else announced) + data
 
 
 class Caller:
@@ -62,9 +71,9 @@ def test_function_code_5_is_not_handled(machine, caller):
 
 @pytest.mark.parametrize("data", [
     b"\x00", os.urandom(16), os.urandom(4096), archive(policy(RULE))[:40], archive(policy(RULE))[:-1],
-    archive("", announced=2**60), struct.pack("<Q", 2**60) + SIGNATURE, archive("x", announced=2**32)],
+    archive("", announced=HUGE), length(HUGE) + SIGNATURE, archive("x", announced=2**31)],
     ids=["one byte", "16 random bytes", "4096 random bytes", "cut in the header", "last byte missing",
-         "a string of 2^60 bytes", "a signature of 2^60 bytes", "a string of 4 GiB"])
+         "a huge string", "a huge signature", "a string of 2 GiB"])
 def test_a_request_that_is_no_archive_is_answered_with_an_error(machine, daemon, caller, data):
     with pytest.raises(dbus.DBusException) as error:
         caller.call(4, data)
