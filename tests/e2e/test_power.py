@@ -41,6 +41,8 @@ def listening(machine, logind):
     """A daemon that hears the power service."""
     daemon = machine.start_daemon()
     machine.wait_log(ALIVE, name="main")
+    # It asks for the lock once it has subscribed.
+    wait_for(logind.is_held_up, "the delay lock")
     yield daemon
     if daemon.process.poll() is None:
         assert daemon.stop() == 0
@@ -135,6 +137,7 @@ def test_a_power_service_that_comes_late_and_comes_back_is_heard(machine, daemon
     for turn in (1, 2):
         logind = Logind(machine)
         machine.wait_log(ALIVE, times=turn, name="main")
+        wait_for(logind.is_held_up, "the delay lock")
         logind.prepare_for_sleep(True)
         assert subscriber.next_line() == "code 5"
         logind.stop()
