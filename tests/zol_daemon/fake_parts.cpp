@@ -144,8 +144,12 @@ ZOLPowerUtils::~ZOLPowerUtils() {
 }
 
 TCControl::TCControl(TCPolicyManager& manager) : m_manager(manager) {}
-TCControlNative::TCControlNative(IDbus& /*server*/, TCPolicyManager& manager) : TCControl(manager) {
+TCControlNative::TCControlNative(IDbus& server, TCPolicyManager& manager)
+    : TCControl(manager), m_server(server) {
     Come("control");
+}
+TCControlNative::~TCControlNative() {
+    Step("-control");
 }
 
 }  // namespace zol

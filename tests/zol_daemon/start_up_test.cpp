@@ -66,7 +66,8 @@ std::vector<std::string> UpTo(const std::string& last, const std::vector<std::st
 TEST_F(Daemon, StartUpAndTeardownHappenInOneFixedOrder) {
     EXPECT_EQ(Run(), 0);
 
-    EXPECT_THAT(Steps(), ElementsAreArray(UpTo("+control", {"run", "-power", "-manager", "-server"})));
+    EXPECT_THAT(Steps(),
+                ElementsAreArray(UpTo("+control", {"run", "-control", "-power", "-manager", "-server"})));
     EXPECT_THAT(Messages(), ElementsAre("Malloc options set correctly!", "Create g_main_loop",
                                         "test mode is on", "Dbus server created. Testmode: 0"));
 }
@@ -119,8 +120,8 @@ TEST_F(Daemon, AnEmptyFileMakesADebugImageWhoseRecorderComesLast) {
 
     Run();
 
-    EXPECT_THAT(Steps(), ElementsAreArray(
-                             UpTo("+control", {"key combinations", "run", "-power", "-manager", "-server"})));
+    EXPECT_THAT(Steps(), ElementsAreArray(UpTo("+control", {"key combinations", "run", "-control", "-power",
+                                                            "-manager", "-server"})));
     EXPECT_EQ(fakes::dlog::Find("Debug Image!").priority, DLOG_PRIORITY_DEBUG);
 }
 
@@ -138,7 +139,7 @@ TEST_F(Daemon, WithoutAMainLoopEverythingIsBuiltReportedAndTakenDown) {
 
     EXPECT_EQ(Run(plan), 0);
 
-    EXPECT_THAT(Steps(), ElementsAreArray(UpTo("+control", {"-power", "-manager", "-server"})));
+    EXPECT_THAT(Steps(), ElementsAreArray(UpTo("+control", {"-control", "-power", "-manager", "-server"})));
     EXPECT_THAT(Messages(),
                 ElementsAre("Malloc options set correctly!", "Create g_main_loop", "test mode is on",
                             "Dbus server created. Testmode: 0", "failed to create g_main_loop"));

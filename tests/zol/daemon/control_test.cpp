@@ -99,6 +99,12 @@ TEST_F(Control, OnlyThePolicySettingCallIsRegistered) {
     EXPECT_EQ(zol::IControl_FC::SET_POLICY, 4);
 }
 
+TEST_F(Control, TheCallIsWithdrawnWhenTheAdapterGoes) {
+    FakeDbus dbus;
+    { const zol::TCControlNative control(dbus, *m_manager); }
+    EXPECT_FALSE(dbus.m_handlers.at(4));
+}
+
 TEST_F(Control, AnyOtherCodeIsRefusedWithoutAReply) {
     for (const int code : {5, 3, 0, -1}) {
         Bytes out;

@@ -75,10 +75,15 @@ void WriteInteger(std::int32_t number, Bytes& out) {
 
 }  // namespace
 
-TCControlNative::TCControlNative(IDbus& server, TCPolicyManager& manager) : TCControl(manager) {
-    server.RegisterNativeCall(IControl_FC::SET_POLICY, [this](const Bytes& in, Bytes& out) {
+TCControlNative::TCControlNative(IDbus& server, TCPolicyManager& manager)
+    : TCControl(manager), m_server(server) {
+    m_server.RegisterNativeCall(IControl_FC::SET_POLICY, [this](const Bytes& in, Bytes& out) {
         return m_OnCallReceived(IControl_FC::SET_POLICY, in, out);
     });
+}
+
+TCControlNative::~TCControlNative() {
+    m_server.RegisterNativeCall(IControl_FC::SET_POLICY, {});
 }
 
 bool TCControlNative::m_OnCallReceived(int code, const Bytes& in, Bytes& out) {

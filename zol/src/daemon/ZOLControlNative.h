@@ -8,12 +8,16 @@ namespace zol {
 
 class IDbus;
 
-/// Registers IControl_FC::SET_POLICY with the server for good: the server must not dispatch a call any more
-/// once this object is gone. Calls run on the server's dispatch thread, and hold it up until the policy is
-/// applied.
+/// Serves IControl_FC::SET_POLICY of the server for as long as it lives. Calls run on the server's dispatch
+/// thread, and hold it up until the policy is applied; on that thread it is destroyed, too, or when the
+/// server dispatches no calls.
 class TCControlNative : public TCControl {
 public:
+    /// @param server must outlive this object
     TCControlNative(IDbus& server, TCPolicyManager& manager);
+    ~TCControlNative();
+    TCControlNative(const TCControlNative&) = delete;
+    TCControlNative& operator=(const TCControlNative&) = delete;
 
     /// Serves one call. False, with no reply bytes, for any code but SET_POLICY and for an empty request.
     /// Throws boost::archive::archive_exception when the request is no archive of a string, is cut short,
@@ -23,6 +27,8 @@ public:
 
 private:
     bool m_SetPolicy(const std::vector<unsigned char>& in, std::vector<unsigned char>& out);
+
+    IDbus& m_server;
 };
 
 }  // namespace zol
