@@ -54,7 +54,8 @@ void ResetDiagnostics() {
 
 namespace keys {
 void Press(int id) {
-    if (g_state.handler != nullptr && id >= 0 && static_cast<std::size_t>(id) < g_state.wanted.size() &&
+    if (g_state.openKeys > 0 && g_state.handler != nullptr && id >= 0 &&
+        static_cast<std::size_t>(id) < g_state.wanted.size() &&
         g_state.wanted[static_cast<std::size_t>(id)] == 1) {
         g_state.handler(id, g_state.userData);
     }
@@ -136,7 +137,7 @@ int KeyCombination_Delete_Handler(KeyCombination_Handler handler) {
     return 0;
 }
 int KeyCombination_Finalize(void) {
-    --g_state.openKeys;
+    g_state.openKeys = 0;  // whatever number of clients there was
     return 0;
 }
 

@@ -257,6 +257,14 @@ TEST_F(TestRecording, WithoutTheKeyServiceNothingIsRegistered) {
     EXPECT_FALSE(fakes::keys::HandlerRegistered());
 }
 
+TEST_F(TestRecording, ASecondCallListensAnew) {
+    m_recording.setKeyCombinationHandler();
+
+    Start();
+
+    EXPECT_TRUE(Recording());
+}
+
 TEST_F(TestRecording, ItsEndEndsListening) {
     m_recording.removeKeyCombinationHandler();
     {

@@ -97,7 +97,7 @@ std::string ArchiveCommand(const std::string& folder) {
 }  // namespace
 
 std::atomic<bool> TCTestRecording::m_testflag{false};
-base::UniqueFd TCTestRecording::m_focusLogWriters;
+base::UniqueFd& TCTestRecording::m_focusLogWriters = *new base::UniqueFd;
 
 bool TCTestRecording::Create() {
     return StartWorkerTask(*this, *this, "ZOLTestRecording", kSource, kCreateLine);
@@ -110,6 +110,7 @@ void TCTestRecording::Destroy() {
 }
 
 void TCTestRecording::setKeyCombinationHandler() {
+    m_keys.Reset();  // first: a late withdrawal would take the new registration away
     if (KeyCombination_Initialize() != 0) {
         return;
     }

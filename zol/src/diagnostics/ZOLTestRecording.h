@@ -25,8 +25,8 @@ public:
     /// Stops listening to the keys, then ends the task. Only after a successful Create.
     void Destroy() override;
 
-    /// Begins to listen to the two combinations, for as long as this lives. Nothing happens where the service
-    /// refuses.
+    /// Begins to listen to the two combinations, for as long as this lives; a second call begins anew. Where
+    /// the service refuses it does not listen.
     void setKeyCombinationHandler();
     /// Stops listening; no handler is running when it returns. Not from inside a handler.
     void removeKeyCombinationHandler();
@@ -54,7 +54,8 @@ private:
     [[nodiscard]] static int m_runShell(const std::string& command, int inherited = -1);
 
     static std::atomic<bool> m_testflag;
-    /// Ends when the last process is gone that writes the focus log. Used while a combination is handled.
-    static base::UniqueFd m_focusLogWriters;
+    /// Ends when the last process is gone that writes the focus log. Used while a combination is handled,
+    /// which may still be so when the process ends: never destroyed.
+    static base::UniqueFd& m_focusLogWriters;
     base::Subscription m_keys;
 };
