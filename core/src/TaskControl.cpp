@@ -73,8 +73,8 @@ void CCTask::m_DropEvents(TSTask* record) {
     const std::lock_guard lock(m_lock);
     record->ended = true;
     CSEvent event;
-    // The queue is gone already where a task has destroyed itself.
-    while (m != nullptr && Get(&event, 0)) {
+    // Where a task has destroyed itself the queue is gone already, or that of its next life.
+    while (m.get() == record && Get(&event, 0)) {
         if (event.receiver == &record->handler && event.type == TSTask::CInternalHandler::EVENT_PING) {
             AnswerPing(event);
         }

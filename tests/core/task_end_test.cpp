@@ -68,7 +68,8 @@ TEST_F(TaskEnd, AHandlerMayBeUnboundWhileItsTimersAreKilled) {
         TestTask handler;
         ASSERT_TRUE(handler.CCHandler::Create(&task));
         std::thread other([&] {
-            static_cast<void>(handler.KillTimer(1)); /* there is none */
+            // There is none.
+            static_cast<void>(handler.KillTimer(1));
         });
         handler.CCHandler::Destroy();
         other.join();
@@ -104,6 +105,31 @@ TEST_F(TaskEnd, ASynchronousSenderIsReleasedByATaskThatDestroysItself) {
     EXPECT_FALSE(task.Post(EVENT_COUNT, true));
     EXPECT_EQ(task.count.Value(), 0);
     task.CCHandler::Destroy();
+}
+
+TEST_F(TaskEnd, ATaskThatBeginsAnewInItsOwnHandlerKeepsTheEventsOfItsNewLife) {
+    TestTask task;
+    Gate gate;
+    pid_t thread = 0;
+    task.onCall = [&] {
+        thread = ThisThread();
+        task.CCTask::Destroy();
+        task.onStart = [&] {
+            gate.Pass();
+            return true;
+        };
+        EXPECT_TRUE(task.CCTask::Create("Again", 8192));
+        EXPECT_TRUE(task.Post(EVENT_COUNT));
+    };
+    ASSERT_TRUE(task.Create());
+    ASSERT_TRUE(task.Post(EVENT_CALL));
+    ASSERT_TRUE(gate.AwaitArrival());
+
+    AwaitEnd(thread);
+    gate.Open();
+
+    EXPECT_TRUE(task.count.Await(1));
+    task.Destroy();
 }
 
 }  // namespace
