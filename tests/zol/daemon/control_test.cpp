@@ -9,6 +9,7 @@
 #include <map>
 #include <random>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -194,7 +195,16 @@ TEST_F(Control, APolicyLongerThanTheLimitIsRefusedBeforeRoomIsMade) {
     EXPECT_EQ(Answer(xml), 1);
 
     fakes::dlog::Clear();
-    ExpectRefused(Request(xml + " "));
+    Bytes out;
+    std::string reason;
+    try {
+        Call(Request(xml + " "), out);
+    } catch (const std::length_error& error) {
+        reason = error.what();
+    }
+    EXPECT_EQ(reason, "policy of more than 4194304 bytes");
+    EXPECT_TRUE(out.empty());
+    EXPECT_FALSE(fakes::dlog::Has("Policy set api invoked"));
     EXPECT_TRUE(fakes::dlog::Has("Request of 4194305 bytes refused, at most 4194304 are taken"));
 }
 

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 #include <sstream>
+#include <stdexcept>
 #include <streambuf>
 #include <string>
 
@@ -35,7 +36,8 @@ public:
     /// Strings of an archive, its signature included, are their length in a size_t and their bytes. The
     /// library makes room for the length before it looks whether the bytes are there, and a caller may
     /// announce anything.
-    void RequireWholeString(std::size_t limit) const {
+    /// @return the announced length
+    std::size_t RequireWholeString() const {
         const auto left = static_cast<std::size_t>(egptr() - gptr());
         std::size_t announced = 0;
         if (left < sizeof(announced)) {
@@ -47,18 +49,18 @@ public:
                     left - sizeof(announced));
             throw archive_exception(archive_exception::input_stream_error);
         }
-        if (announced > limit) {
-            ZOL_LOG(LOG_ERROR, "Request of %zu bytes refused, at most %zu are taken", announced, limit);
-            throw archive_exception(archive_exception::invalid_signature);
-        }
+        return announced;
     }
 };
 
 std::string ReadString(const Bytes& in) {
     BytesBuffer buffer(in);
-    buffer.RequireWholeString(in.size());
+    static_cast<void>(buffer.RequireWholeString());  // the signature, of any length
     boost::archive::binary_iarchive archive(buffer);
-    buffer.RequireWholeString(kMaxPolicyBytes);
+    if (const std::size_t size = buffer.RequireWholeString(); size > kMaxPolicyBytes) {
+        ZOL_LOG(LOG_ERROR, "Request of %zu bytes refused, at most %zu are taken", size, kMaxPolicyBytes);
+        throw std::length_error("policy of more than " + std::to_string(kMaxPolicyBytes) + " bytes");
+    }
     std::string text;
     archive >> text;
     return text;

@@ -20,9 +20,9 @@ public:
     TCControlNative& operator=(const TCControlNative&) = delete;
 
     /// Serves one call. False, with no reply bytes, for any code but SET_POLICY and for an empty request.
-    /// Throws boost::archive::archive_exception when the request is no archive of a string, is cut short,
-    /// announces more bytes than it carries, or carries more than kMaxPolicyBytes; nothing of the announced
-    /// size is allocated then. Beside the request one copy of its text is made.
+    /// Throws boost::archive::archive_exception when the request is no archive of a string, is cut short or
+    /// announces more bytes than it carries, std::length_error when it carries more than kMaxPolicyBytes;
+    /// nothing of the announced size is allocated then. Beside the request one copy of its text is made.
     bool m_OnCallReceived(int code, const std::vector<unsigned char>& in, std::vector<unsigned char>& out);
 
 private:
