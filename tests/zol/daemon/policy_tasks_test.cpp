@@ -118,7 +118,7 @@ TEST_F(PolicyTasks, ANotifyTaskThatCannotStartStopsTheRest) {
 
     ExpectNotRunning("pNotify is NULL or failed to create");
     ExpectFailedCheck("zol/src/ZOLNotifyManager", "CCTask::Create(\"ZolNotifyManager\")");
-    EXPECT_EQ(fakes::vconf::Registrations("db/a"), 0);
+    EXPECT_EQ(fakes::vconf::Registrations(), 0) << "nor is the hand-over key watched";
     EXPECT_EQ(fakes::bt_hid::Registrations(), 0);
 }
 

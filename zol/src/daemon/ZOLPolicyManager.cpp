@@ -191,6 +191,7 @@ void TCPolicyManager::m_CreatePolicyThread(int start) {
             break;
         case TCPolicyTasks::EStart::NO_NOTIFY:
             ZOL_LOG(LOG_ERROR, "pNotify is NULL or failed to create");
+            m_tasks.pop_back();  // nothing runs, and it would go on watching the hand-over key
             break;
         case TCPolicyTasks::EStart::NO_CHECKER:
             ZOL_LOG(LOG_ERROR, "pVconfMonitor is NULL or failed to create");
@@ -337,7 +338,7 @@ TCScheduler& TCPolicyManager::GetScheduler() {
 
 void TCPolicyManager::PreparePowerOn(bool check) {
     ZOL_LOG(LOG_DEBUG, "Preparing power on");
-    // A check is told of behind the write, a preparation before it.
+    // With `check` the line follows the write, without it precedes it.
     const bool wasPrepared = check && kPowerOnPrepared.Get().value_or(false);
     if (!check) {
         ZOL_LOG(LOG_DEBUG, "Power on prepared");
