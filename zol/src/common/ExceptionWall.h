@@ -12,8 +12,8 @@ namespace zol {
 template <typename Work>
 auto CatchAll(const char* module, Work&& work) noexcept -> decltype(work()) {
     return base::CatchAll(std::forward<Work>(work), [module](const char* what) {
-        const char* const kLogModule = module;
-        ZOL_LOG(LOG_ERROR, "callback failed: %s", what);
+        // Not ZOL_LOG: here the function's name is that of a lambda.
+        WriteLog(LOG_ERROR, module, __FILE__, "CatchAll", __LINE__, "callback failed: %s", what);
     });
 }
 
