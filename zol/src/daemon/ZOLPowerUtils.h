@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 
+#include "base/handles.h"
 #include "device_power.h"
 
 namespace zol {
@@ -58,10 +59,7 @@ public:
 private:
     enum EState { STATE_STARTING, STATE_RUNNING, STATE_ENDED };
 
-    struct ReleaseHold {
-        void operator()(device_power_hold_t* hold) const { device_power_release(hold); }
-    };
-    using HoldPtr = std::unique_ptr<device_power_hold_t, ReleaseHold>;
+    using HoldPtr = std::unique_ptr<device_power_hold_t, base::FreeWith<device_power_release>>;
 
     HoldPtr m_TakeHold();
     void m_PowerOffThread();
