@@ -1,9 +1,12 @@
 #include "fake_parts.h"
 
+#include <glib-unix.h>
 #include <glib.h>
 #include <malloc.h>
 
 #include <boost/thread/exceptions.hpp>
+#include <cstring>
+#include <functional>
 #include <stdexcept>
 
 #include "TCDbusServer.h"
@@ -22,8 +25,14 @@ namespace {
 fake_parts::Plan g_plan;
 std::vector<std::string> g_steps;
 
+/// What the caught signals call, the latest at the end. The daemon never lets go of their data.
+std::vector<std::function<void()>> g_signals;
+
 void Step(const std::string& what) {
     g_steps.push_back(what);
+    if (what == g_plan.signalAt) {
+        g_signals.back()();
+    }
 }
 
 void Come(const std::string& part) {
@@ -72,6 +81,16 @@ extern "C" void g_main_loop_run(GMainLoop* /*loop*/) {
     Step("run");
 }
 
+extern "C" void g_main_loop_quit(GMainLoop* /*loop*/) {
+    Step("quit");
+}
+
+extern "C" guint g_unix_signal_add(gint number, GSourceFunc handler, gpointer data) {
+    Step(std::string("catch ") + sigabbrev_np(number));
+    g_signals.emplace_back([handler, data] { handler(data); });
+    return 1;
+}
+
 void TCDebug::EnableFileLog(bool on) {
     Step(on ? "file log on" : "file log off");
 }
@@ -101,7 +120,9 @@ void TCDbusServer::RegisterNativeCall(int /*functionCode*/, NativeCallHandler /*
 int TCDbusServer::SendNotification(int /*code*/, int /*timeoutMs*/) {
     return 0;
 }
-void TCDbusServer::CancelNotifications() {}
+void TCDbusServer::CancelNotifications() {
+    Step("cancel waits");
+}
 
 std::int64_t TCShiftedClock::GetCurrentTime() const {
     return 0;

@@ -11,6 +11,7 @@ struct Plan {
     bool interrupt = false;  ///< it throws boost::thread_interrupted
     int refusedOption = 0;   ///< the one that mallopt refuses
     bool haveLoop = true;    ///< whether g_main_loop_new makes one
+    std::string signalAt;    ///< the step at which a signal comes
 };
 
 /// Forgets all steps and follows `plan` from now on.

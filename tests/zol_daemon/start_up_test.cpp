@@ -52,12 +52,9 @@ protected:
 
 /// The steps of every start, up to and with `last`, then those of `rest`.
 std::vector<std::string> UpTo(const std::string& last, const std::vector<std::string>& rest) {
-    const std::vector<std::string> start{"arenas 1", "mmap threshold 32768",
-                                         "new loop", "file log on",
-                                         "+server",  "load shift",
-                                         "+logger",  "+manager",
-                                         "storage",  "+power",
-                                         "+control"};
+    const std::vector<std::string> start{
+        "arenas 1", "mmap threshold 32768", "new loop", "catch TERM", "catch INT", "catch HUP", "file log on",
+        "+server",  "load shift",           "+logger",  "+manager",   "storage",   "+power",    "+control"};
     std::vector<std::string> steps(start.begin(), std::find(start.begin(), start.end(), last) + 1);
     steps.insert(steps.end(), rest.begin(), rest.end());
     return steps;
@@ -70,6 +67,26 @@ TEST_F(Daemon, StartUpAndTeardownHappenInOneFixedOrder) {
                 ElementsAreArray(UpTo("+control", {"run", "-control", "-power", "-manager", "-server"})));
     EXPECT_THAT(Messages(), ElementsAre("Malloc options set correctly!", "Create g_main_loop",
                                         "test mode is on", "Dbus server created. Testmode: 0"));
+}
+
+TEST_F(Daemon, ASignalWhileItRunsEndsTheLoopAndTheServersWaits) {
+    Plan plan;
+    plan.signalAt = "run";
+
+    EXPECT_EQ(Run(plan), 0);
+
+    EXPECT_THAT(Steps(), ElementsAreArray(UpTo("+control", {"run", "quit", "cancel waits", "-control",
+                                                            "-power", "-manager", "-server"})));
+}
+
+TEST_F(Daemon, ASignalWhileTheServerGoesLeavesItAlone) {
+    Plan plan;
+    plan.signalAt = "-server";
+
+    EXPECT_EQ(Run(plan), 0);
+
+    EXPECT_EQ(Steps().back(), "quit");
+    EXPECT_THAT(Steps(), Not(Contains("cancel waits")));
 }
 
 TEST_F(Daemon, EveryLineCarriesTheNamesOfTheEntryPointAndALineNumberOfItsOwn) {

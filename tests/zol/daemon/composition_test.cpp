@@ -9,6 +9,7 @@
 #include "TCDebug.h"
 #include "dlog.h"
 #include "fake_device_power.h"
+#include "fake_diagnostics.h"
 #include "fake_dlog.h"
 #include "fake_vconf.h"
 #include "fakes.h"
@@ -67,6 +68,15 @@ TEST_F(Composition, AppliesTheStoredPolicyAndHearsOfThePowerWhileItRuns) {
     EXPECT_TRUE(isSubscribed);
     EXPECT_EQ(fakes::vconf::Registrations("db/watched"), 0) << "its watches end with it";
     EXPECT_EQ(fakes::device_power::Calls().back(), "unsubscribe_poweroff");
+}
+
+TEST_F(Composition, TheTestRecorderListensToTheEndOfTheProcess) {
+    fakes::WriteDeviceFile(ZOL_PATH_DEBUG_MARKER, "");
+
+    EXPECT_EQ(Live([] {}), 0);
+
+    EXPECT_TRUE(fakes::keys::HandlerRegistered());
+    EXPECT_EQ(fakes::keys::OpenServices(), 1);
 }
 
 }  // namespace
