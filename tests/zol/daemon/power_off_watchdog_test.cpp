@@ -1,18 +1,12 @@
 /// A power-off that a client never answers, over the real bus: the lock watchdog goes on meanwhile.
 #include <gio/gio.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <stdlib.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <functional>
 #include <future>
 #include <memory>
-#include <stdexcept>
-#include <string>
 #include <thread>
 
 #include "Logging.h"
@@ -24,52 +18,12 @@
 #include "ZOLShiftedClock.h"
 #include "fake_dlog.h"
 #include "fakes.h"
+#include "private_bus.h"
 #include "waiting.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-
-constexpr const char* kBusVariable = "DBUS_SESSION_BUS_ADDRESS";
-
-/// A session bus of the test's own, which dies with the test program at the latest.
-class SessionBus {
-public:
-    SessionBus() {
-        const char* const command[] = {"dbus-daemon", "--session",         "--nofork", "--nopidfile",
-                                       "--nosyslog",  "--print-address=1", nullptr};
-        const auto flags = static_cast<GSpawnFlags>(G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD |
-                                                    G_SPAWN_STDERR_TO_DEV_NULL);
-        int output = -1;
-        if (g_spawn_async_with_pipes(nullptr, const_cast<char**>(command), nullptr, flags, &DieWithParent,
-                                     nullptr, &m_pid, nullptr, &output, nullptr, nullptr) == FALSE) {
-            throw std::runtime_error("no dbus-daemon");
-        }
-        setenv(kBusVariable, ReadLine(output).c_str(), 1);
-    }
-    ~SessionBus() {
-        unsetenv(kBusVariable);
-        kill(m_pid, SIGKILL);
-        waitpid(m_pid, nullptr, 0);
-    }
-    SessionBus(const SessionBus&) = delete;
-    SessionBus& operator=(const SessionBus&) = delete;
-
-private:
-    static void DieWithParent(void* /*data*/) { prctl(PR_SET_PDEATHSIG, SIGKILL); }
-    /// Takes the descriptor.
-    static std::string ReadLine(int descriptor) {
-        std::string line;
-        char character = '\0';
-        while (read(descriptor, &character, 1) == 1 && character != '\n') {
-            line += character;
-        }
-        close(descriptor);
-        return line;
-    }
-
-    GPid m_pid = -1;
-};
 
 /// A client that does not answer the notification it gets until it is let go.
 class HangingClient {
@@ -79,7 +33,7 @@ public:
         const auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                                              G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
         m_connection =
-            g_dbus_connection_new_for_address_sync(getenv(kBusVariable), flags, nullptr, nullptr, nullptr);
+            g_dbus_connection_new_for_address_sync(getenv(kSessionBus), flags, nullptr, nullptr, nullptr);
         g_dbus_connection_add_filter(m_connection, &KeepQuestion, this, nullptr);
         g_dbus_connection_call(m_connection, "org.zol.Daemon1", "/org/zol/Daemon1", "org.zol.Native1",
                                "Subscribe", g_variant_new("(o)", "/client"), nullptr, G_DBUS_CALL_FLAGS_NONE,
@@ -166,7 +120,8 @@ private:
 TEST(HangingPowerOff, DoesNotKeepTheLockWatchdogFromItsReports) {
     Finalize();
     fakes::Reset();
-    const SessionBus bus;
+    PrivateBus bus(kSessionBus);
+    bus.Start();
     zol::TCDbusServer server(true);
     zol::TCShiftedClock clock;
     zol::TCPolicyManager manager(clock, &server, nullptr);
