@@ -1,5 +1,11 @@
+#include <dlfcn.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <poll.h>
+#include <sys/stat.h>
 
+#include <atomic>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -7,6 +13,7 @@
 
 #include "TCDebug.h"
 #include "ZOLCVLogger.h"
+#include "base/unique_fd.h"
 #include "cv/TCScopeHandler.h"
 #include "dlog.h"
 #include "fake_dlog.h"
@@ -14,6 +21,25 @@
 #include "time_zone.h"
 
 namespace fs = std::filesystem;
+
+namespace {
+
+/// Where the filter of the focus lines gets its last one as soon as the recorder waits for it; negative:
+/// nowhere.
+std::atomic<int> g_filter{-1};
+constexpr int kRecordersWait = 5000;
+
+}  // namespace
+
+/// Stands before the C library's, for the whole test program.
+extern "C" int poll(pollfd* descriptors, nfds_t count, int timeout) {
+    using Poll = int (*)(pollfd*, nfds_t, int);
+    static const auto wait = reinterpret_cast<Poll>(dlsym(RTLD_NEXT, "poll"));
+    if (g_filter >= 0 && timeout == kRecordersWait) {
+        EXPECT_GT(dprintf(g_filter, "OnFocused at last\n"), 0);
+    }
+    return wait(descriptors, count, timeout);
+}
 
 namespace {
 
@@ -141,13 +167,20 @@ TEST_F(TestRecording, WhatItLogsIsThePathOfTheDevice) {
 }
 
 TEST_F(TestRecording, FocusLinesThatAreWrittenAfterTheFollowersEndAreInTheArchive) {
-    const std::string killed = "'" + fakes::Root() + "/killed'";
-    Tool("dlogutil", "until [ -e " + killed + " ]; do sleep 0.05; done");
-    Tool("killall", ": > " + killed);
-    Tool("grep", "cat > /dev/null; sleep 0.3; echo OnFocused at last");
+    const std::string killed = fakes::Root() + "/killed";
+    const std::string flush = fakes::Root() + "/flush";
+    ASSERT_EQ(mkfifo(killed.c_str(), 0600), 0);
+    ASSERT_EQ(mkfifo(flush.c_str(), 0600), 0);
+    // Both ends, so that none of the tools waits for the other to open it.
+    const base::UniqueFd toFilter(open(flush.c_str(), O_RDWR | O_CLOEXEC));
+    Tool("dlogutil", "read -r line < '" + killed + "'");
+    Tool("killall", "echo > '" + killed + "'");
+    Tool("grep", "cat > /dev/null; read -r line < '" + flush + "'; echo \"$line\"");
     fakes::keys::Press(kStart);
 
+    g_filter = toFilter.Get();
     Stop();
+    g_filter = -1;
 
     EXPECT_EQ(Unpack("csfs_log.txt"), "OnFocused at last\n");
     EXPECT_FALSE(fakes::dlog::Has("still being written"));
