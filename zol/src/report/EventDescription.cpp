@@ -10,9 +10,8 @@ EventDescription::EventDescription(const TCKpiManager& identifiers) {
     Add("evid", identifiers.Get(KPI_EVID));
 }
 
-EventDescription& EventDescription::Add(const char* name, const std::string& value) {
+void EventDescription::Add(const char* name, const std::string& value) {
     m_text.append(name).append("=").append(value).append(";");
-    return *this;
 }
 
 }  // namespace zol

@@ -20,7 +20,7 @@ public:
     /// Begins with the tgid, lcid and evid that `identifiers` holds.
     explicit EventDescription(const TCKpiManager& identifiers);
 
-    EventDescription& Add(const char* name, const std::string& value = "");
+    void Add(const char* name, const std::string& value = "");
     /// The description, ended by `defaultItems`.
     [[nodiscard]] std::string EndedBy(const std::string& defaultItems) const { return m_text + defaultItems; }
 
