@@ -20,7 +20,7 @@ public:
 
     /// @param elementSize bytes of an element, above 0
     /// @param count       slots, above 0; one of them stays free
-    /// @param lockAdd     asks for a locked Add, which it always is
+    /// @param lockAdd     ignored: Add always locks
     /// @param lockGet     a refused Remove leaves the queue locked; Get and Remove are locked in any case
     /// False when memory or the semaphore is missing or a number is out of range; nothing is kept then.
     [[nodiscard]] bool Create(int elementSize, unsigned count, bool lockAdd, bool lockGet);
@@ -41,7 +41,7 @@ public:
 
     /// Makes the element at `index` invalid: it keeps its place and its share of Size, and Get skips it.
     /// False out of range; with `lockGet` the calling thread then keeps the queue locked until it destroys
-    /// it.
+    /// it: Destroy must come from this same thread.
     [[nodiscard]] bool Remove(int index);
 
     /// Elements queued, removed ones that no Get has passed yet included.

@@ -53,7 +53,7 @@ CCTask::TSTimer* CCTask::TSTask::FindTimer(const CSEvent& event) {
 CCTask::TSTask::~TSTask() {
     while (timers.SetPosition(IPosition::POS_HEAD, 0)) {
         delete static_cast<TSTimer*>(timers.Data());
-        static_cast<void>(timers.Remove());  // what the loop stands on
+        static_cast<void>(timers.Remove());  // the current element
     }
     if (timerMutex.FlagCreate()) {
         timerMutex.Destroy();

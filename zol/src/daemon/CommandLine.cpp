@@ -8,10 +8,8 @@ namespace {
 
 constexpr const char* kUsage =
     "Usage: zol_daemon [--help | --version]\n"
-    "Without arguments: the policy daemon, in the "
-    "foreground, until SIGTERM, SIGINT or SIGHUP.\n"
-    "Exit status: 0 ended in order, 2 wrong usage, "
-    "3 a daemon runs on this device already.\n";
+    "Without arguments: the policy daemon, in the foreground, until SIGTERM, SIGINT or SIGHUP.\n"
+    "Exit status: 0 ended in order, 2 wrong usage, 3 a daemon runs on this device already.\n";
 
 }  // namespace
 

@@ -219,7 +219,7 @@ void TCTestRecording::m_EnableDlog(const std::string& dir) {
 
 void TCTestRecording::m_DisableDlog() {
     static_cast<void>(m_runShell("killall dlogutil"));  // fails when it has ended by itself
-    // The filter behind it writes what it still holds only now; the archive must not be made before.
+    // The filter behind it flushes its buffer only when its input ends; the archive must not be made before.
     pollfd writers{m_focusLogWriters.Get(), 0, 0};
     if (m_focusLogWriters && poll(&writers, 1, kFocusLogEndMs) == 0) {
         ZOL_LOG(LOG_ERROR, "[TestRecording] the focus log is still being written");

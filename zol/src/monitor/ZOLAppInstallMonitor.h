@@ -36,12 +36,12 @@ public:
                              void* userData);
 
     /// Type 0 registers with the service, on the task's thread, in place of StartMonitoring; any other type
-    /// is a failed assertion (false where that returns).
+    /// is a failed assertion (false where that returns). Type 0 and StartMonitoring must not run at a time.
     bool t_OnEvent(const CSEvent* event) override;
 
 private:
     bool m_RegisterCallback();
 
     const std::string m_appId;
-    base::Subscription m_registration;
+    base::Subscription m_registration;  ///< goes first: the callback uses all of the above
 };

@@ -19,9 +19,8 @@ struct TSCounted {
 class TCMonitorInformation {
 public:
     /// @param notify          receiver of the hits, not owned, must outlive this object; null: hits are lost
-    /// @param durationMinutes length of the counting period, kept in seconds and held at the limits of 32
-    /// bits
-    ///                        (68 years); with a negative one a later event never falls into the period
+    /// @param durationMinutes length of the counting period, kept in seconds and clamped to 32 bits (68
+    ///                        years); with a negative one a later event never falls into the period
     /// @param repetition      count that makes a hit; 1 and below make every event a hit
     /// @param method          selects the monitor's mode
     /// @param index           position of the rule among the policy's behaviour items, from 0
