@@ -2,7 +2,6 @@
 #include <signal.h>
 #include <sqlite3.h>
 #include <sys/file.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -13,6 +12,7 @@
 #include <vector>
 
 #include "child_process.h"
+#include "full_disk.h"
 #include "key_store_fixture.h"
 
 namespace fs = std::filesystem;
@@ -386,26 +386,6 @@ TEST_F(MissingStore, IsNotMadeBehindALinkThatAnybodyCanHavePlanted) {
     EXPECT_FALSE(SetInt("db/k", 2));
     EXPECT_TRUE(fs::is_empty(Root() + "/elsewhere"));
 }
-
-/// Lets no file of this process grow over a size, as a full disk would.
-class FullDisk {
-public:
-    explicit FullDisk(rlim_t bytes) : m_handler(signal(SIGXFSZ, SIG_IGN)) {
-        getrlimit(RLIMIT_FSIZE, &m_before);
-        const rlimit limit{bytes, m_before.rlim_max};
-        setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    ~FullDisk() {
-        setrlimit(RLIMIT_FSIZE, &m_before);
-        signal(SIGXFSZ, m_handler);
-    }
-    FullDisk(const FullDisk&) = delete;
-    FullDisk& operator=(const FullDisk&) = delete;
-
-private:
-    sighandler_t m_handler;
-    rlimit m_before{};
-};
 
 class StoreOnAFullDisk : public KeyStoreTest {};
 
