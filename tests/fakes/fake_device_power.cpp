@@ -6,9 +6,9 @@
 #include <condition_variable>
 #include <list>
 #include <map>
-#include <memory>
 #include <mutex>
 
+#include "base/glib_handles.h"
 #include "device_power.h"
 #include "fake_internal.h"
 
@@ -21,15 +21,11 @@ thread_local bool t_isPoweringOff = false;
 
 enum Kind { POWER_OFF, WAKE_UP };
 
-struct FreeContext {
-    void operator()(GMainContext* context) const { g_main_context_unref(context); }
-};
-
 struct Subscription {
     Kind kind;
     device_power_callback_fn callback;
     void* userData;
-    std::shared_ptr<GMainContext> context;
+    base::GMainContextPtr context;
 };
 
 struct Delivery {
@@ -114,8 +110,7 @@ int Subscribe(Kind kind, device_power_callback_fn callback, void* userData, cons
         state.subscriptions.erase(old);
     }
     state.subscriptions.push_back(
-        {kind, callback, userData,
-         std::shared_ptr<GMainContext>(g_main_context_ref_thread_default(), FreeContext())});
+        {kind, callback, userData, base::GMainContextPtr(g_main_context_ref_thread_default())});
     state.changed.notify_all();
     return 0;
 }

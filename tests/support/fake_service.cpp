@@ -2,16 +2,17 @@
 
 #include <cstdlib>
 #include <future>
+#include <memory>
 #include <stdexcept>
 #include <utility>
 
+#include "base/bus_link.h"
+
 namespace {
 
-void ThrowIf(GError* error) {
+void ThrowIf(const base::GErrorPtr& error) {
     if (error != nullptr) {
-        const std::string text = error->message;
-        g_error_free(error);
-        throw std::runtime_error(text);
+        throw std::runtime_error(error->message);
     }
 }
 
@@ -23,7 +24,7 @@ FakeService::FakeService(const std::string& name, const std::string& path, const
     std::promise<void> entered;
     m_thread = std::thread([&] {
         // Objects are served on the thread's default context.
-        g_main_context_push_thread_default(m_context);
+        g_main_context_push_thread_default(m_context.get());
         try {
             Enter(std::getenv(bus), name, path, xml);
             entered.set_value();
@@ -32,9 +33,9 @@ FakeService::FakeService(const std::string& name, const std::string& path, const
             entered.set_exception(std::current_exception());
         }
         while (!m_stop) {
-            g_main_context_iteration(m_context, TRUE);
+            g_main_context_iteration(m_context.get(), TRUE);
         }
-        g_main_context_pop_thread_default(m_context);
+        g_main_context_pop_thread_default(m_context.get());
     });
     try {
         entered.get_future().get();
@@ -50,36 +51,33 @@ FakeService::~FakeService() {
 
 void FakeService::Leave() {
     m_stop = true;
-    g_main_context_wakeup(m_context);
+    g_main_context_wakeup(m_context.get());
     m_thread.join();
     if (m_connection != nullptr) {
-        g_dbus_connection_unregister_object(m_connection, m_object);
-        g_dbus_connection_close_sync(m_connection, nullptr, nullptr);
-        g_object_unref(m_connection);
+        g_dbus_connection_unregister_object(m_connection.get(), m_object);
+        g_dbus_connection_close_sync(m_connection.get(), nullptr, nullptr);
     }
-    g_main_context_unref(m_context);
 }
 
 void FakeService::Enter(const char* address, const std::string& name, const std::string& path,
                         const std::string& xml) {
     static const GDBusInterfaceVTable table = {MethodCb, nullptr, nullptr, {}};
-    constexpr auto kFlags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                                              G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
-    GError* error = nullptr;
-    m_connection = g_dbus_connection_new_for_address_sync(address, kFlags, nullptr, nullptr, &error);
+    base::GErrorPtr error;
+    m_connection.reset(g_dbus_connection_new_for_address_sync(address, base::kBusConnectionFlags, nullptr,
+                                                              nullptr, base::OutError(error)));
     ThrowIf(error);
-    g_dbus_connection_set_exit_on_close(m_connection, FALSE);
-    GDBusNodeInfo* info = g_dbus_node_info_new_for_xml(xml.c_str(), &error);
+    g_dbus_connection_set_exit_on_close(m_connection.get(), FALSE);
+    const std::unique_ptr<GDBusNodeInfo, base::FreeWith<g_dbus_node_info_unref>> info(
+        g_dbus_node_info_new_for_xml(xml.c_str(), base::OutError(error)));
     ThrowIf(error);
-    m_object = g_dbus_connection_register_object(m_connection, path.c_str(), info->interfaces[0], &table,
-                                                 this, nullptr, &error);
-    g_dbus_node_info_unref(info);
+    m_object = g_dbus_connection_register_object(m_connection.get(), path.c_str(), info->interfaces[0],
+                                                 &table, this, nullptr, base::OutError(error));
     ThrowIf(error);
-    GVariant* owned = g_dbus_connection_call_sync(
-        m_connection, "org.freedesktop.DBus", "/", "org.freedesktop.DBus", "RequestName",
-        g_variant_new("(su)", name.c_str(), 4U), nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
+    const base::GVariantPtr owned(
+        g_dbus_connection_call_sync(m_connection.get(), "org.freedesktop.DBus", "/", "org.freedesktop.DBus",
+                                    "RequestName", g_variant_new("(su)", name.c_str(), 4U), nullptr,
+                                    G_DBUS_CALL_FLAGS_NONE, -1, nullptr, base::OutError(error)));
     ThrowIf(error);
-    g_variant_unref(owned);
 }
 
 void FakeService::MethodCb(GDBusConnection* /*connection*/, const char* /*sender*/, const char* path,
@@ -89,5 +87,5 @@ void FakeService::MethodCb(GDBusConnection* /*connection*/, const char* /*sender
 }
 
 void FakeService::Emit(const char* path, const char* interface, const char* signal, GVariant* arguments) {
-    g_dbus_connection_emit_signal(m_connection, nullptr, path, interface, signal, arguments, nullptr);
+    g_dbus_connection_emit_signal(m_connection.get(), nullptr, path, interface, signal, arguments, nullptr);
 }

@@ -6,6 +6,7 @@
 #include <string>
 #include <thread>
 
+#include "base/glib_handles.h"
 #include "private_bus.h"
 
 /// A service on a bus, answering on a thread of its own. It leaves the bus when it is destroyed.
@@ -32,8 +33,8 @@ private:
     void Leave();
 
     const Handler m_handler;
-    GMainContext* const m_context;
-    GDBusConnection* m_connection = nullptr;
+    const base::GMainContextPtr m_context;
+    base::GObjectPtr<GDBusConnection> m_connection;
     guint m_object = 0;
     std::atomic<bool> m_stop{false};
     std::thread m_thread;

@@ -6,6 +6,8 @@
 #include <thread>
 #include <utility>
 
+#include "base/bus_link.h"
+
 namespace test {
 namespace {
 
@@ -89,9 +91,8 @@ struct Peer::Offer {
 
 Peer::Peer() : m_info(g_dbus_node_info_new_for_xml(kClientXml, nullptr)) {
     gchar* address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
-    const auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                                         G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
-    m_connection = g_dbus_connection_new_for_address_sync(address, flags, nullptr, nullptr, nullptr);
+    m_connection =
+        g_dbus_connection_new_for_address_sync(address, base::kBusConnectionFlags, nullptr, nullptr, nullptr);
     g_free(address);
     if (m_connection == nullptr) {
         throw std::runtime_error("a peer cannot reach the private bus");

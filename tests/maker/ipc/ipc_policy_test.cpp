@@ -8,6 +8,7 @@
 #include <sstream>
 #include <thread>
 
+#include "base/bus_link.h"
 #include "ipc_fixture.h"
 
 namespace {
@@ -120,11 +121,9 @@ GVariant* Exchange(GDBusConnection* connection, const Question& question, GError
 
 std::string AskHere(const Question& question, GVariant** answer) {
     gchar* address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
-    const auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                                         G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
     GError* error = nullptr;
     GDBusConnection* connection =
-        g_dbus_connection_new_for_address_sync(address, flags, nullptr, nullptr, &error);
+        g_dbus_connection_new_for_address_sync(address, base::kBusConnectionFlags, nullptr, nullptr, &error);
     g_free(address);
     GVariant* reply = connection != nullptr ? Exchange(connection, question, &error) : nullptr;
     g_clear_object(&connection);

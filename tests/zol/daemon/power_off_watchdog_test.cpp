@@ -16,6 +16,7 @@
 #include "ZOLPolicyManager.h"
 #include "ZOLPowerUtils.h"
 #include "ZOLShiftedClock.h"
+#include "base/bus_link.h"
 #include "fake_dlog.h"
 #include "fakes.h"
 #include "private_bus.h"
@@ -30,10 +31,8 @@ class HangingClient {
 public:
     /// The server must have its name.
     HangingClient() {
-        const auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                                             G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
-        m_connection =
-            g_dbus_connection_new_for_address_sync(getenv(kSessionBus), flags, nullptr, nullptr, nullptr);
+        m_connection = g_dbus_connection_new_for_address_sync(getenv(kSessionBus), base::kBusConnectionFlags,
+                                                              nullptr, nullptr, nullptr);
         g_dbus_connection_add_filter(m_connection, &KeepQuestion, this, nullptr);
         g_dbus_connection_call(m_connection, "org.zol.Daemon1", "/org/zol/Daemon1", "org.zol.Native1",
                                "Subscribe", g_variant_new("(o)", "/client"), nullptr, G_DBUS_CALL_FLAGS_NONE,
