@@ -19,6 +19,7 @@
 #include "base/unique_fd.h"
 #include "context_thread.h"
 #include "fake_service.h"
+#include "gate.h"
 #include "log_lines.h"
 #include "private_bus.h"
 #include "reports.h"
@@ -26,7 +27,6 @@
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 constexpr const char* kPath = "/org/freedesktop/login1";
 constexpr const char* kManager = "org.freedesktop.login1.Manager";
@@ -180,20 +180,29 @@ TEST_F(Power, SleepAndWakeUpArriveOnTheSubscribersThread) {
 
 TEST_F(Power, TheMachineWaitsUntilThePowerOffCallbackHasRun) {
     FakeLogind logind;
-    std::mutex busy;
+    Gate callback;
     Listener listener;
-    listener.beforePowerOff = [&] { const std::lock_guard<std::mutex> lock(busy); };
+    listener.beforePowerOff = [&callback] { callback.Pass(); };
+    const device_power_callback_fn hear = [](int reason, void* data) {
+        static_cast<Reports<int>*>(data)->Add(reason);
+        return 0;
+    };
+    Reports<int> heard;
+    platform::ContextThread bystander("bystander");
+    ASSERT_TRUE(bystander.Start([&] { EXPECT_EQ(device_power_subscribe_poweroff(hear, &heard), 0); },
+                                [&] { EXPECT_EQ(device_power_unsubscribe_poweroff(hear), 0); }));
     EXPECT_THAT(logind.Locks(1), ElementsAre("sleep:shutdown, delay"));
-    EXPECT_TRUE(logind.IsHeld(0));
 
-    {
-        const std::lock_guard<std::mutex> lock(busy);
-        logind.PrepareForSleep(true);
-        EXPECT_TRUE(logind.IsHeld(0));
-        EXPECT_THAT(listener.reports.Now(), IsEmpty());
-    }
+    logind.PrepareForSleep(true);
+    logind.PrepareForSleep(true);
+    EXPECT_TRUE(callback.AwaitArrival());
+    // Who has heard of the second announcement knows that only the callback still holds the lock.
+    EXPECT_EQ(heard.WaitFor(2).size(), 2U);
+    EXPECT_TRUE(logind.IsHeld(0));
+    callback.Open();
     EXPECT_TRUE(logind.IsLetGo(0));
     EXPECT_THAT(listener.reports.Now(), ElementsAre("off standby"));
+    callback.Open();
 }
 
 TEST_F(Power, TheMachineWaitsForWorkThatOutlivesTheCallback) {
