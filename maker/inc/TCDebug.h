@@ -16,8 +16,8 @@ public:
 
     /// Writes one line "<date time> <class> <function>(<line>) <message>" in local time to each output that
     /// is on. Line feeds and other control characters of the message become blanks; one at its end is
-    /// dropped. Lines longer than 2303 bytes are cut. Allocates nothing
-    /// unless the file has to be opened or rotated.
+    /// dropped. Lines longer than 2303 bytes are cut. Allocates nothing unless the file has to be
+    /// opened or rotated.
     void External(const char* className, const char* function, unsigned line, const char* format, ...)
         __attribute__((format(printf, 5, 6)));
     void VExternal(const char* className, const char* function, unsigned line, const char* format,

@@ -33,8 +33,7 @@ public:
     };
 
     /// @param folders absolute paths that are opened as they are
-    /// @param entryEvents inotify's bits that `entry` wants to hear of; IN_CREATE, IN_DELETE and moves always
-    ///                    come
+    /// @param entryEvents inotify's bits `entry` wants to hear of; IN_CREATE, IN_DELETE and moves always come
     FolderWatch(std::vector<std::string> folders, std::uint32_t entryEvents, Handlers handlers);
     FolderWatch(const FolderWatch&) = delete;
     FolderWatch& operator=(const FolderWatch&) = delete;

@@ -17,8 +17,7 @@ public:
 
     /// Saves the recording as DUMP_NAME, in the Chrome trace-event JSON format, in both folders. They are
     /// device paths and made when they are missing, the destination only where its parent exists (a stick may
-    /// be gone), as by TSFileSystem::MakeDir.
-    /// Each file is replaced whole or not at all.
+    /// be gone), as by TSFileSystem::MakeDir. Each file is replaced whole or not at all.
     /// @param sourceFolder      the library's own folder; written first
     /// @param destinationFolder where the copy goes, such as a USB stick
     /// @param withTraps         not 0: matched traps are saved, too

@@ -5,8 +5,7 @@
 namespace zol {
 
 /// `text` as one word that the shell takes literally. Text of letters, digits and "_./-" alone, not beginning
-/// with
-/// "-", comes back unchanged, so that ordinary paths read as they are in logs.
+/// with "-", comes back unchanged, so that ordinary paths read as they are in logs.
 std::string ShellQuote(const std::string& text);
 
 }  // namespace zol
