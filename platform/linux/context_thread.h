@@ -64,7 +64,7 @@ public:
 
     /// Starts the thread and returns after `begin` has run on it. `end` runs on it as its last act.
     /// True at once when it runs already; false when the system gives no thread.
-    bool Start(std::function<void()> begin, std::function<void()> end);
+    [[nodiscard]] bool Start(std::function<void()> begin, std::function<void()> end);
     /// Ends the loop after the work at hand and joins. Work that was posted and has not begun is dropped.
     /// Nothing to do when it does not run.
     void Stop();

@@ -31,13 +31,13 @@ constexpr const char* kXml =
 class Follower {
 public:
     Follower() {
-        m_thread.Start(
+        EXPECT_TRUE(m_thread.Start(
             [this] {
                 m_service.emplace(
                     SystemService::Description{kName, "the lamp", "lamp reports"},
                     SystemService::Handlers{[this] { OnAppeared(); }, [this] { reports.Add("vanished"); }});
             },
-            [this] { m_service.reset(); });
+            [this] { m_service.reset(); }));
     }
     ~Follower() { m_thread.Stop(); }
 

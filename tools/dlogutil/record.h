@@ -22,7 +22,7 @@ enum class Format { Time, KernelTime, Brief };
 
 /// Reads "<date time> <P>/<TAG>(<pid>:<tid>): <message>". The monotonic time is left alone. False when the
 /// line has another form.
-bool ParseLine(std::string_view line, Record* out);
+[[nodiscard]] bool ParseLine(std::string_view line, Record* out);
 
 /// The record as a line with its end.
 std::string Print(const Record& record, Format format);
@@ -38,7 +38,7 @@ class Filters {
 public:
     /// @param text "TAG" or "TAG:P" with the lowest priority wanted; the tag "*" stands for every tag.
     /// @return false when P is no priority's letter
-    bool Add(const std::string& text);
+    [[nodiscard]] bool Add(const std::string& text);
 
     bool Wants(char priority, std::string_view tag) const;
 

@@ -17,22 +17,24 @@ public:
     Source& operator=(const Source&) = delete;
 
     /// Hands over what there is and has not been handed over yet, oldest first. False on an error.
-    virtual bool Drain(const std::function<void(const Record&)>& sink) = 0;
+    [[nodiscard]] virtual bool Drain(const std::function<void(const Record&)>& sink) = 0;
 
     /// Waits until there may be more. False when nobody reads the output any more, or on an error.
-    virtual bool Wait() = 0;
+    [[nodiscard]] virtual bool Wait() = 0;
 };
 
 /// The log files in `folder`; reads the buffers with these names.
-std::unique_ptr<Source> MakeFileSource(const std::string& folder, const std::vector<std::string>& buffers);
+[[nodiscard]] std::unique_ptr<Source> MakeFileSource(const std::string& folder,
+                                                     const std::vector<std::string>& buffers);
 
 /// The journal in /run/log and /var/log below `root` since the machine was started. Of a log buffer, or of
 /// every buffer when `buffers` names both of them; then a tag that is asked for is found wherever it was
 /// logged. Null when the journal cannot be opened.
-std::unique_ptr<Source> MakeJournalSource(const std::string& root, const std::vector<std::string>& buffers,
-                                          const std::vector<std::string>& tags);
+[[nodiscard]] std::unique_ptr<Source> MakeJournalSource(const std::string& root,
+                                                        const std::vector<std::string>& buffers,
+                                                        const std::vector<std::string>& tags);
 
 /// Waits for input on `fd`. False when the reader of the standard output is gone.
-bool WaitForInput(int fd, int timeoutMs);
+[[nodiscard]] bool WaitForInput(int fd, int timeoutMs);
 
 }  // namespace dlogutil

@@ -251,7 +251,7 @@ int CLogger::Store::Add(const std::string& type, const std::string& category, co
             return RESULT_SUCCESS;
         }
         MAKER_ERROR("cannot write the KPI log %s: %s", ZOL_PATH_KPI_DB, sqlite3_errmsg(m_database.get()));
-        Execute("ROLLBACK");
+        static_cast<void>(Execute("ROLLBACK"));  // what failed may have rolled back already
         if (!IsDamage(result) || !SetAside(DevicePath(ZOL_PATH_KPI_DB))) {
             break;
         }

@@ -16,29 +16,29 @@ namespace KPILogFramework {
 class CLogger::Store {
 public:
     /// Appends one event and drops what is over the limit, all or nothing. @return a RESULT_ code.
-    int Add(const std::string& type, const std::string& category, const std::string& eventId,
-            const std::string& description);
-    bool List(std::vector<TSKpiEvent>& events);
+    [[nodiscard]] int Add(const std::string& type, const std::string& category, const std::string& eventId,
+                          const std::string& description);
+    [[nodiscard]] bool List(std::vector<TSKpiEvent>& events);
     std::int64_t Dropped();
 
 private:
     enum class EPresence { OPEN, ABSENT, FAILED };
 
-    EPresence OpenExisting();
+    [[nodiscard]] EPresence OpenExisting();
     /// False while another process has made the file and not yet what is in it.
     bool HoldsTables();
-    int OpenForWriting();
-    int Connect(const std::string& path, int flags);
-    int Prepare();
-    int CheckPages();
-    int Insert(const std::string& type, const std::string& category, const std::string& eventId,
-               const std::string& description);
-    int DropOldest();
-    int DropUpTo(const std::string& last);
+    [[nodiscard]] int OpenForWriting();
+    [[nodiscard]] int Connect(const std::string& path, int flags);
+    [[nodiscard]] int Prepare();
+    [[nodiscard]] int CheckPages();
+    [[nodiscard]] int Insert(const std::string& type, const std::string& category, const std::string& eventId,
+                             const std::string& description);
+    [[nodiscard]] int DropOldest();
+    [[nodiscard]] int DropUpTo(const std::string& last);
     /// Of the first column of the first row.
-    std::optional<std::int64_t> Number(const char* sql);
-    int Execute(const char* sql);
-    bool SetAside(const std::string& path);
+    [[nodiscard]] std::optional<std::int64_t> Number(const char* sql);
+    [[nodiscard]] int Execute(const char* sql);
+    [[nodiscard]] bool SetAside(const std::string& path);
     void Close();
 
     base::DatabasePtr m_database;

@@ -53,35 +53,35 @@ public:
     const StoreFiles& Files() const { return m_files; }
 
     /// True when the key is there; else errno tells why not, as vconf.h has it. Makes and writes nothing.
-    bool Get(std::string_view key, Value* out);
+    [[nodiscard]] bool Get(std::string_view key, Value* out);
     /// False with errno when the value could not be stored; then the old one stands.
-    bool Set(std::string_view key, const Value& value);
+    [[nodiscard]] bool Set(std::string_view key, const Value& value);
     /// True when the key is gone, also when there was none.
-    bool Remove(std::string_view key);
+    [[nodiscard]] bool Remove(std::string_view key);
 
     /// Where the history ends now. Makes the store when it is missing. False when it cannot be read.
-    bool End(Position* out);
+    [[nodiscard]] bool End(Position* out);
     /// Appends the changes after `*position`, oldest first, kMaxChanges at most, and moves `*position`
     /// behind them. Of several changes of a key only the last is there. False when the store cannot be
     /// read now: try later.
-    bool ReadChanges(Position* position, std::vector<Change>* out);
+    [[nodiscard]] bool ReadChanges(Position* position, std::vector<Change>* out);
     static constexpr int kMaxChanges = 256;
 
 private:
     enum Access { READ, WRITE, ACCESS_COUNT };
 
     template <typename Operation>
-    bool Perform(Access access, Operation operation);
-    int Open(Access access);
-    int OpenExisting();
-    int Connect();
-    int Configure();
-    int CheckWhole();
-    int PrepareAll();
-    int Create();
-    int BuildNew();
-    int ReplaceDamaged();
-    int SetAside(const std::string& fault);
+    [[nodiscard]] bool Perform(Access access, Operation operation);
+    [[nodiscard]] int Open(Access access);
+    [[nodiscard]] int OpenExisting();
+    [[nodiscard]] int Connect();
+    [[nodiscard]] int Configure();
+    [[nodiscard]] int CheckWhole();
+    [[nodiscard]] int PrepareAll();
+    [[nodiscard]] int Create();
+    [[nodiscard]] int BuildNew();
+    [[nodiscard]] int ReplaceDamaged();
+    [[nodiscard]] int SetAside(const std::string& fault);
     int Fail(int code, const std::string& reason);
     void Close();
     bool IsFinal(Access access, int code) const;

@@ -21,11 +21,11 @@ public:
     KeyStore(const std::string& durableFolder, const std::string& memoryFolder,
              GMainContext* context = nullptr);
 
-    bool Get(const char* key, Value* out);
-    bool Set(const char* key, const Value& value);
-    bool Remove(const char* key);
-    bool Watch(const char* key, vconf_callback_fn callback, void* userData);
-    bool Withdraw(const char* key, vconf_callback_fn callback, void* userData);
+    [[nodiscard]] bool Get(const char* key, Value* out);
+    [[nodiscard]] bool Set(const char* key, const Value& value);
+    [[nodiscard]] bool Remove(const char* key);
+    [[nodiscard]] bool Watch(const char* key, vconf_callback_fn callback, void* userData);
+    [[nodiscard]] bool Withdraw(const char* key, vconf_callback_fn callback, void* userData);
 
 private:
     KeyDatabase& DatabaseOf(const char* key);

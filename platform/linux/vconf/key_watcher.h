@@ -31,8 +31,9 @@ public:
     KeyWatcher& operator=(const KeyWatcher&) = delete;
 
     /// Watches a key of the database with this index. False when its folder cannot be watched.
-    bool Add(std::size_t database, const std::string& key, vconf_callback_fn callback, void* userData);
-    bool Withdraw(const std::string& key, vconf_callback_fn callback, void* userData);
+    [[nodiscard]] bool Add(std::size_t database, const std::string& key, vconf_callback_fn callback,
+                           void* userData);
+    [[nodiscard]] bool Withdraw(const std::string& key, vconf_callback_fn callback, void* userData);
 
 private:
     struct Watched {
@@ -47,12 +48,12 @@ private:
     static gboolean DispatchSource(GSource* source, GSourceFunc callback, gpointer userData);
     static gboolean OnSource(gpointer self);
 
-    bool StartSource();
-    bool StartDatabase(Watched& watched);
-    bool WatchFolder(Watched& watched);
+    [[nodiscard]] bool StartSource();
+    [[nodiscard]] bool StartDatabase(Watched& watched);
+    [[nodiscard]] bool WatchFolder(Watched& watched);
     void Dispatch();
     void NoteEvent(const base::InotifyEvent& event);
-    bool Look(Watched& watched, std::vector<Change>* changes);
+    [[nodiscard]] bool Look(Watched& watched, std::vector<Change>* changes);
     bool TakeDueLook();
     void PlanNextLook(bool more);
     void DueIn(std::int64_t milliseconds);

@@ -32,10 +32,10 @@ public:
     const std::string& NewDatabase() const { return m_newDatabase; }
 
     /// Makes the folder and those above it. False with errno when it cannot be.
-    bool MakeFolder() const;
+    [[nodiscard]] bool MakeFolder() const;
 
     /// The file that stands under the database's name now; nothing when there is none.
-    std::optional<FileIdentity> Current() const;
+    [[nodiscard]] std::optional<FileIdentity> Current() const;
 
     /// True when there is a write-ahead log that is not empty.
     bool HasLog() const;
@@ -43,13 +43,13 @@ public:
     /// Held shared while a connection is opened and exclusively while the database is replaced, so that
     /// nobody opens a half-moved one. Gives up after `patienceMs`; then, or when the lock file cannot be
     /// opened, the result owns nothing. A shared lock is not needed where no lock file exists.
-    base::UniqueFd Lock(int operation, int patienceMs) const;
+    [[nodiscard]] base::UniqueFd Lock(int operation, int patienceMs) const;
     bool HasLock() const;
 
     /// Makes an empty NewDatabase(), whatever an interrupted earlier attempt left behind. False with errno.
-    bool BeginNew() const;
+    [[nodiscard]] bool BeginNew() const;
     /// Gives NewDatabase(), which nobody has open, its name, content and name durably. False with errno.
-    bool CommitNew() const;
+    [[nodiscard]] bool CommitNew() const;
 
     /// Wakes the watchers in every process. Writes nothing to the disk.
     void RingDoorbell() const;

@@ -25,7 +25,7 @@ public:
 
     /// Takes one registration back; false when there is none. After the last one the callback is not running
     /// and will not run: waits for it, unless called from inside a callback.
-    bool Withdraw(const std::string& key, vconf_callback_fn callback, void* userData);
+    [[nodiscard]] bool Withdraw(const std::string& key, vconf_callback_fn callback, void* userData);
 
     /// Calls those who watch the key of this change.
     void Deliver(const Change& change);

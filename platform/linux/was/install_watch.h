@@ -30,7 +30,7 @@ public:
 
     InstallWatch(std::recursive_mutex& mutex, std::vector<std::string> folders, EventFunction event);
     /// False when folders cannot be watched.
-    bool Start() { return m_watch.Start(); }
+    [[nodiscard]] bool Start() { return m_watch.Start(); }
 
     /// Any thread. What is there now is no install.
     void Add(const std::string& id);

@@ -111,7 +111,7 @@ private:
 class Listener {
 public:
     Listener() {
-        m_thread.Start(
+        EXPECT_TRUE(m_thread.Start(
             [this] {
                 EXPECT_EQ(device_power_subscribe_poweroff(PowerOff, this), 0);
                 EXPECT_EQ(device_power_subscribe_wakeup(WakeUp, this), 0);
@@ -120,7 +120,7 @@ public:
                 EXPECT_EQ(device_power_unsubscribe_wakeup(WakeUp), 0);
                 EXPECT_EQ(device_power_unsubscribe_poweroff(PowerOff), 0);
                 EXPECT_EQ(device_power_unsubscribe_poweroff(PowerOff), -1);
-            });
+            }));
     }
     ~Listener() { m_thread.Stop(); }
 
@@ -335,7 +335,7 @@ TEST_F(Power, SubscribingAgainReplacesTheUserDataAndIsRefusedElsewhere) {
     int one = 1;
     int two = 2;
     platform::ContextThread thread("subscriber");
-    thread.Start(
+    ASSERT_TRUE(thread.Start(
         [&] {
             EXPECT_EQ(device_power_subscribe_poweroff(write, &one), 0);
             EXPECT_EQ(device_power_subscribe_poweroff(write, &two), 0);
@@ -344,7 +344,7 @@ TEST_F(Power, SubscribingAgainReplacesTheUserDataAndIsRefusedElsewhere) {
         [&] {
             EXPECT_EQ(device_power_unsubscribe_poweroff(write), 0);
             EXPECT_EQ(device_power_unsubscribe_poweroff(write), -1);
-        });
+        }));
     int three = 3;
     EXPECT_EQ(device_power_subscribe_poweroff(write, &three), -1) << "on another thread";
     logind.Locks(1);
