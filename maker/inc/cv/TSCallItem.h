@@ -45,7 +45,7 @@ struct TSEvent {
 
 /// Adds items to an open scope and evaluates the trap conditions of each. Items are numbered from 0 in the
 /// order in which they are stored. On the thread of the scope; throws nothing. False when the scope is not
-/// active or holds MAX_ITEMS items already.
+/// active or holds MAX_ITEMS items already; a trace point may drop that, it can do nothing about it.
 struct TSCallItemHelper {
     template <class Number>
     static bool StoreFixed(TCScope& scope, Number value) noexcept {
