@@ -70,6 +70,12 @@ extern "C" int mallopt(int option, int value) noexcept {
     return option == g_plan.refusedOption ? 0 : 1;
 }
 
+/// What the daemon never frees: it makes one of each, these tests make one at every start.
+static std::vector<const void*>& Kept() {
+    static auto* const kept = new std::vector<const void*>;
+    return *kept;
+}
+
 extern "C" GMainLoop* g_main_loop_new(GMainContext* /*context*/, gboolean isRunning) {
     Step(isRunning == FALSE ? "new loop" : "new running loop");
     // Never run nor looked into: any address serves.
@@ -88,6 +94,7 @@ extern "C" void g_main_loop_quit(GMainLoop* /*loop*/) {
 extern "C" guint g_unix_signal_add(gint number, GSourceFunc handler, gpointer data) {
     Step(std::string("catch ") + sigabbrev_np(number));
     g_signals.emplace_back([handler, data] { handler(data); });
+    Kept().push_back(data);
     return 1;
 }
 
@@ -105,6 +112,7 @@ bool TCTestRecording::t_OnEvent(const CSEvent* /*event*/) {
 }
 void TCTestRecording::setKeyCombinationHandler() {
     Step("key combinations");
+    Kept().push_back(this);
 }
 
 namespace zol {
