@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
@@ -18,7 +19,7 @@
 
 namespace {
 
-bool g_isOldKernel = false;  // one that has no descriptors of processes
+std::atomic<bool> g_isOldKernel{false};  // one that has no descriptors of processes; GLib's threads ask too
 
 }  // namespace
 
