@@ -205,6 +205,10 @@ TEST_F(JournalReader, ShowsOtherProgramsOnlyWhenTheirTagIsAskedFor) {
 }
 
 TEST_F(JournalReader, FollowsWhatIsLoggedLater) {
+    const std::array emulator = {ZOL_TEST_EMULATOR};
+    if (*emulator.front() != '\0') {
+        GTEST_SKIP() << "the journal's library is not told of new entries under an emulator";
+    }
     Log("main", 2, "A", "before");
     Process follower = Start({"-v", "brief"});
     EXPECT_EQ(follower.ReadLine(), "I/A(7): before");
