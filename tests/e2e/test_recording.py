@@ -82,10 +82,8 @@ def test_without_a_display_the_rest_is_recorded(machine, running):
 
 
 def test_a_display_that_does_not_answer_is_told_and_the_rest_is_recorded(machine, recorder):
-    display = Display(machine)
-    display.process.terminate()
-    display.process.wait()
-    machine.env["DISPLAY"] = display.name
+    # The last number there is: servers of tests beside this one take the first that is free.
+    machine.env["DISPLAY"] = ":59535"
     recorder.start()
 
     recorder.begin()

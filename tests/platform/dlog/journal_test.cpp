@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -29,8 +30,9 @@ using testing::MatchesRegex;
 
 constexpr const char* kJournalSocket = "/run/systemd/journal/socket";
 
-/// Where the library's messages to the journal go instead; null for no change.
-const sockaddr_un* g_redirected = nullptr;
+/// Where the library's messages to the journal go instead; null for no change. Other threads of the program
+/// send too.
+std::atomic<const sockaddr_un*> g_redirected{nullptr};
 
 }  // namespace
 
@@ -40,13 +42,14 @@ extern "C" ssize_t sendmsg(int fd, const msghdr* message, int flags) {
     using Function = ssize_t (*)(int, const msghdr*, int);
     static const auto real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "sendmsg"));
     const auto* to = static_cast<const sockaddr_un*>(message->msg_name);
-    if (g_redirected == nullptr || to == nullptr || to->sun_family != AF_UNIX ||
+    const sockaddr_un* other = g_redirected;
+    if (other == nullptr || to == nullptr || to->sun_family != AF_UNIX ||
         std::strcmp(to->sun_path, kJournalSocket) != 0) {
         return real(fd, message, flags);
     }
     msghdr redirected = *message;
-    redirected.msg_name = const_cast<sockaddr_un*>(g_redirected);
-    redirected.msg_namelen = sizeof(*g_redirected);
+    redirected.msg_name = const_cast<sockaddr_un*>(other);
+    redirected.msg_namelen = sizeof(*other);
     return real(fd, &redirected, flags);
 }
 
