@@ -37,8 +37,11 @@ std::atomic<const sockaddr_un*> g_redirected{nullptr};
 }  // namespace
 
 /// The library sends to the machine's journal and to nothing else; its datagrams are led to the test's
-/// socket.
-extern "C" ssize_t sendmsg(int fd, const msghdr* message, int flags) {
+/// socket. Named outright: with 64-bit time on a 32-bit machine the headers rename the function, but not the
+/// library's call of it.
+extern "C" ssize_t SendOrRedirect(int fd, const msghdr* message, int flags) __asm__("sendmsg");
+
+ssize_t SendOrRedirect(int fd, const msghdr* message, int flags) {
     using Function = ssize_t (*)(int, const msghdr*, int);
     static const auto real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "sendmsg"));
     const auto* to = static_cast<const sockaddr_un*>(message->msg_name);
@@ -54,20 +57,6 @@ extern "C" ssize_t sendmsg(int fd, const msghdr* message, int flags) {
 }
 
 namespace {
-
-/// The stand-ins of these tests are the journal's own library's and the machine's, which an emulated program
-/// does not meet in the same form.
-class NotEmulated : public testing::Test {
-protected:
-    void SetUp() override {
-        const std::array emulator = {ZOL_TEST_EMULATOR};
-        if (*emulator.front() != '\0') {
-            GTEST_SKIP() << "the journal cannot be stood in for under an emulator";
-        }
-    }
-};
-
-class JournalSink : public NotEmulated {};
 
 /// The receiving end of the journal's native protocol.
 class JournalSocket {
@@ -119,13 +108,13 @@ std::string Sent(const char* buffer, const TestLine& line) {
     return socket.Receive();
 }
 
-TEST_F(JournalSink, SendsTheLineAsFields) {
+TEST(JournalSink, SendsTheLineAsFields) {
     const std::string sent = Sent("system", Line(4, "TAG", "text"));
     EXPECT_THAT(sent, AllOf(HasSubstr("MESSAGE=text\n"), HasSubstr("SYSLOG_IDENTIFIER=TAG\n"),
                             HasSubstr("DLOG_BUFFER=system\n"), HasSubstr("TID=8\n")));
 }
 
-TEST_F(JournalSink, GivesEachPriorityTheJournalsOwnAndItsLetter) {
+TEST(JournalSink, GivesEachPriorityTheJournalsOwnAndItsLetter) {
     const std::array<const char*, 6> expected = {"PRIORITY=7\nV", "PRIORITY=7\nD", "PRIORITY=6\nI",
                                                  "PRIORITY=4\nW", "PRIORITY=3\nE", "PRIORITY=2\nF"};
     for (int level = 0; level < 6; ++level) {
@@ -136,13 +125,13 @@ TEST_F(JournalSink, GivesEachPriorityTheJournalsOwnAndItsLetter) {
     }
 }
 
-TEST_F(JournalSink, SendsALineBreakInsideItsField) {
+TEST(JournalSink, SendsALineBreakInsideItsField) {
     const std::string sent = Sent("main", Line(2, "TAG", "a\nPRIORITY=0"));
     EXPECT_THAT(sent, HasSubstr(std::string("MESSAGE\n\x0c\0\0\0\0\0\0\0a\nPRIORITY=0\n", 29)));
 }
 
 /// A machine whose log is in the journal: a root with a journal file.
-class JournalReader : public NotEmulated {
+class JournalReader : public testing::Test {
 protected:
     JournalReader() {
         fs::create_directories(m_root.Path() + fs::path(kJournalSocket).parent_path().string());
