@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -55,6 +56,8 @@ public:
             });
     }
 
+    /// No more locks.
+    void Refuse() { m_refuses = true; }
     void PrepareForSleep(bool begins) { Emit("PrepareForSleep", begins); }
     void PrepareForShutdown(bool begins) { Emit("PrepareForShutdown", begins); }
 
@@ -99,7 +102,7 @@ private:
         return poll(&watched, 1, milliseconds);
     }
 
-    const bool m_refuses;
+    std::atomic<bool> m_refuses;
     const std::uint64_t m_waitsUs;
     std::mutex m_mutex;
     std::vector<base::UniqueFd> m_locks;
@@ -319,8 +322,12 @@ TEST_F(Power, AServiceThatComesLateIsOneLogLineAndThenWorks) {
 TEST_F(Power, LeavingLetsTheLockGo) {
     FakeLogind logind;
     {
-        const Listener listener;
+        Listener listener;
         logind.Locks(1);
+        logind.Refuse();
+        logind.PrepareForSleep(false);
+        // What is sent after the lock arrives after it.
+        EXPECT_THAT(listener.reports.WaitFor(1), ElementsAre("on standby"));
     }
     EXPECT_TRUE(logind.IsLetGo(0));
 }
