@@ -3,7 +3,6 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
-#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -79,26 +78,18 @@ int ShowToast(const Arguments& arguments) {
     return kExitOk;
 }
 
-/// The applications by id.
-const std::map<std::string, std::function<int(const Arguments&)>>& Applications() {
-    static const std::map<std::string, std::function<int(const Arguments&)>> applications = {
-        {kToastApp, ShowToast}};
-    return applications;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
     if (argc < 3 || std::strcmp(argv[1], "-s") != 0 || argc % 2 == 0) {
         return Usage();
     }
-    const auto application = Applications().find(argv[2]);
-    if (application == Applications().end()) {
+    if (std::strcmp(argv[2], kToastApp) != 0) {
         return Complain(kExitUsage, std::string("unknown application \"") + argv[2] + "\"");
     }
     Arguments arguments;
     for (int i = 3; i < argc; i += 2) {
         arguments[argv[i]] = argv[i + 1];
     }
-    return application->second(arguments);
+    return ShowToast(arguments);
 }
