@@ -22,9 +22,4 @@ private:
     unsigned m_sourceId = 0;
     unsigned long m_threadId = 0;  // who constructed it, 0 without a mutex
     void* m_tag = nullptr;
-    // Chain of the living scoped locks; see the source.
-    CSmartAutoLock* m_previous = nullptr;
-    CSmartAutoLock* m_next = nullptr;
-    struct Registry;
-    struct TSReport;
 };

@@ -3,55 +3,39 @@
 #include <glib.h>
 
 #include <mutex>
+#include <set>
 
 namespace {
+
 constexpr unsigned kReportIntervalMs = 5000;
-}  // namespace
 
 /// The living scoped locks. A scoped lock may end on its own thread while the main loop is about to report
 /// it, so the watchdog looks it up under the lock that the end has to take. It logs outside: whoever ends a
 /// scoped lock still holds the mutex, and a log may take its time.
-struct CSmartAutoLock::Registry {
+struct Registry {
     std::mutex mutex;
-    CSmartAutoLock* first = nullptr;
+    std::set<const void*> locks;
 
     static Registry& The() {
         static auto* registry = new Registry;  // scoped locks may outlive static objects
         return *registry;
     }
-
-    void Add(CSmartAutoLock* lock) {
-        lock->m_next = first;
-        if (first != nullptr) {
-            first->m_previous = lock;
-        }
-        first = lock;
-    }
-
-    void Remove(const CSmartAutoLock* lock) {
-        (lock->m_previous != nullptr ? lock->m_previous->m_next : first) = lock->m_next;
-        if (lock->m_next != nullptr) {
-            lock->m_next->m_previous = lock->m_previous;
-        }
-    }
-
-    bool Holds(const void* lock) const {
-        const CSmartAutoLock* living = first;
-        while (living != nullptr && living != lock) {
-            living = living->m_next;
-        }
-        return living != nullptr;
-    }
 };
 
-/// What the watchdog saw.
-struct CSmartAutoLock::TSReport {
-    void* tag;
-    unsigned long thread;
-    unsigned long locker;
+void Report(void* tag, unsigned long thread, unsigned long locker) {
+    const bool own = locker == thread || locker == 0;
+    if (own && tag != nullptr) {
+        _PRINT(LOG_TYPE_E, "[CSmartAutoLock][%p] Th[%lx] takes too long", tag, thread);
+    } else if (own) {
+        _PRINT(LOG_TYPE_E, "[CSmartAutoLock] Th[%lx] takes too long", thread);
+    } else if (tag != nullptr) {
+        _PRINT(LOG_TYPE_E, "[CSmartAutoLock][%p] Th[%lx] is blocked by Th[%lx]", tag, thread, locker);
+    } else {
+        _PRINT(LOG_TYPE_E, "[CSmartAutoLock] Th[%lx] is blocked by Th[%lx]", thread, locker);
+    }
+}
 
-    void Log() const;
-};
+}  // namespace
 
 CSmartAutoLock::CSmartAutoLock(CCMutex* mutex, void* tag)
     : m_mutex(mutex != nullptr && mutex->FlagCreate() ? mutex : nullptr) {
@@ -62,7 +46,7 @@ CSmartAutoLock::CSmartAutoLock(CCMutex* mutex, void* tag)
     m_tag = tag;
     {
         const std::lock_guard<std::mutex> guard(Registry::The().mutex);
-        Registry::The().Add(this);
+        Registry::The().locks.insert(this);
         m_sourceId = g_timeout_add(kReportIntervalMs, sm_CbTimeout, this);
     }
     m_mutex->Lock();
@@ -75,7 +59,7 @@ CSmartAutoLock::~CSmartAutoLock() {
     // Both in one: once it is unlocked the mutex may be destroyed, and the watchdog must not look at it then.
     const std::lock_guard<std::mutex> guard(Registry::The().mutex);
     static_cast<void>(m_mutex->Unlock());  // locked by this thread in the constructor
-    Registry::The().Remove(this);
+    Registry::The().locks.erase(this);
     g_source_remove(m_sourceId);
 }
 
@@ -83,31 +67,23 @@ int CSmartAutoLock::sm_CbTimeout(void* data) {
     if (data == nullptr) {
         return FALSE;
     }
-    TSReport report{};
+    void* tag = nullptr;
+    unsigned long thread = 0;
+    unsigned long locker = 0;
     {
         const std::lock_guard<std::mutex> guard(Registry::The().mutex);
         // A source that was removed after the main loop had picked it may stand for an earlier lock that
         // lived at the same address.
         GSource* source = g_main_current_source();
-        if ((source != nullptr && g_source_is_destroyed(source) != FALSE) || !Registry::The().Holds(data)) {
+        if ((source != nullptr && g_source_is_destroyed(source) != FALSE) ||
+            Registry::The().locks.count(data) == 0) {
             return FALSE;
         }
         const auto* lock = static_cast<const CSmartAutoLock*>(data);
-        report = {lock->m_tag, lock->m_threadId, lock->m_mutex->LockerId()};
+        tag = lock->m_tag;
+        thread = lock->m_threadId;
+        locker = lock->m_mutex->LockerId();
     }
-    report.Log();
+    Report(tag, thread, locker);
     return TRUE;
-}
-
-void CSmartAutoLock::TSReport::Log() const {
-    const bool own = locker == thread || locker == 0;
-    if (own && tag != nullptr) {
-        _PRINT(LOG_TYPE_E, "[CSmartAutoLock][%p] Th[%lx] takes too long", tag, thread);
-    } else if (own) {
-        _PRINT(LOG_TYPE_E, "[CSmartAutoLock] Th[%lx] takes too long", thread);
-    } else if (tag != nullptr) {
-        _PRINT(LOG_TYPE_E, "[CSmartAutoLock][%p] Th[%lx] is blocked by Th[%lx]", tag, thread, locker);
-    } else {
-        _PRINT(LOG_TYPE_E, "[CSmartAutoLock] Th[%lx] is blocked by Th[%lx]", thread, locker);
-    }
 }
