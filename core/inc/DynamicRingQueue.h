@@ -2,15 +2,12 @@
 /// An unbounded queue of pointers whose reader blocks.
 #include "Semaphore.h"
 
-/// Adding allocates a node; taken nodes are freed by the next Add. The pointers are not owned. For one adding
+/// Adding allocates a node, taking frees it. The pointers are not owned. For one adding
 /// and one getting thread; several writers need a lock of their own around Add.
 class CCDynamicRingQueue : public CCSemaphore {
 public:
-    CCDynamicRingQueue();
     /// Asserts that the queue is destroyed.
     ~CCDynamicRingQueue() override;
-    CCDynamicRingQueue(const CCDynamicRingQueue&) = delete;
-    CCDynamicRingQueue& operator=(const CCDynamicRingQueue&) = delete;
 
     /// False when memory or the semaphore is missing.
     [[nodiscard]] bool Create();
@@ -23,8 +20,7 @@ public:
     [[nodiscard]] bool Get(void** out, int ms);
 
 private:
-    struct TSNode;
     struct TSRecord;
 
-    TSRecord* m;
+    TSRecord* m = nullptr;
 };

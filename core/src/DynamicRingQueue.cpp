@@ -1,5 +1,6 @@
 #include "DynamicRingQueue.h"
 
+#include <list>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -10,39 +11,10 @@ using ring_queue::Asserts;
 using ring_queue::kHeader;
 using ring_queue::Milliseconds;
 
-struct CCDynamicRingQueue::TSNode {
-    TSNode* next;
-    bool taken;
-    void* value;
-};
-
 struct CCDynamicRingQueue::TSRecord {
-    TSNode* head = nullptr;
-    TSNode* tail = nullptr;
-    TSNode* lastTaken = nullptr;
-    std::mutex nodes;  // the reader walks the chain while the writer appends
-
-    ~TSRecord() { FreeUntil(nullptr); }
-    TSRecord() = default;
-    TSRecord(const TSRecord&) = delete;
-    TSRecord& operator=(const TSRecord&) = delete;
-
-    void Append(TSNode* node) {
-        (tail != nullptr ? tail->next : head) = node;
-        tail = node;
-    }
-
-    // Frees from the head up to, but not including, `end`.
-    void FreeUntil(const TSNode* end) {
-        while (head != end && head != nullptr) {
-            TSNode* const next = head->next;
-            delete head;
-            head = next;
-        }
-    }
+    std::mutex mutex;  // the reader takes while the writer appends
+    std::list<void*> values;
 };
-
-CCDynamicRingQueue::CCDynamicRingQueue() : m(nullptr) {}
 
 CCDynamicRingQueue::~CCDynamicRingQueue() {
     Asserts(m == nullptr, "!m", 96, kHeader);
@@ -73,34 +45,24 @@ bool CCDynamicRingQueue::Add(void* value) {
     if (!Asserts(m != nullptr, "m", 342)) {
         return false;
     }
-    auto* const node = new (std::nothrow) TSNode{nullptr, false, value};
-    if (node == nullptr) {
+    const std::lock_guard lock(m->mutex);
+    try {
+        m->values.push_back(value);
+    } catch (const std::bad_alloc&) {
         return false;
     }
-    const std::lock_guard<std::mutex> lock(m->nodes);
-    m->Append(node);
-    const bool given = Give();
-    // The last taken node stays: the reader's next walk starts from it.
-    if (m->lastTaken != nullptr) {
-        m->FreeUntil(m->lastTaken);
-    }
-    return given;
+    return Give();
 }
 
 bool CCDynamicRingQueue::Get(void** out, int ms) {
     if (!Asserts(m != nullptr, "m", 378) || !Try(Milliseconds(ms))) {
         return false;
     }
-    const std::lock_guard<std::mutex> lock(m->nodes);
-    TSNode* node = m->lastTaken != nullptr ? m->lastTaken : m->head;
-    while (node != nullptr && node->taken) {
-        node = node->next;
-    }
-    if (!Asserts(node != nullptr, "node", 398)) {
+    const std::lock_guard lock(m->mutex);
+    if (!Asserts(!m->values.empty(), "node", 398)) {
         return false;
     }
-    node->taken = true;
-    m->lastTaken = node;
-    *out = node->value;
+    *out = m->values.front();
+    m->values.pop_front();
     return true;
 }
