@@ -1,5 +1,6 @@
 #pragma once
 /// A growable array of pointers that tells when an element leaves it.
+#include <memory>
 
 /// The elements are not owned; the callback may free them. It must not change the array. One thread at a
 /// time, or under the owner's lock.
@@ -52,15 +53,16 @@ private:
     bool m_Contains(int index) const { return 0 <= index && index < m_size; }
     bool m_Reserve(int capacity);
     bool m_MakeRoom();
-    void m_ReleaseStorage();
+    void m_TellRemoved(void* element) const;
 
-    void** m_storage;
-    void* m_inline[kInlineSlots];
-    int m_size;
-    int m_capacity;
+    void* m_inline[kInlineSlots] = {};
+    std::unique_ptr<void*[]> m_grown;  // in place of m_inline once the array has grown
+    void** m_storage = m_inline;
+    int m_size = 0;
+    int m_capacity = kInlineSlots;
     struct {
         void* userData;
         RemoveCallback cbRemove;
     } m_callback;
-    int m_validCount;
+    int m_validCount = 0;
 };

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 #include <new>
+#include <utility>
 
 #include "Logging.h"
 
@@ -15,13 +16,7 @@ constexpr int kGrowth = 4;
 
 }  // namespace
 
-CCPointerArray::CCPointerArray(RemoveCallback cbRemove, void* userData)
-    : m_storage(m_inline),
-      m_inline{},
-      m_size(0),
-      m_capacity(kInlineSlots),
-      m_callback{userData, cbRemove},
-      m_validCount(0) {}
+CCPointerArray::CCPointerArray(RemoveCallback cbRemove, void* userData) : m_callback{userData, cbRemove} {}
 
 CCPointerArray::~CCPointerArray() {
     RemoveAll();
@@ -31,20 +26,20 @@ bool CCPointerArray::m_Reserve(int capacity) {
     if (capacity <= m_capacity) {
         return true;
     }
-    auto** const storage = new (std::nothrow) void*[static_cast<unsigned>(capacity)]();
-    if (storage == nullptr) {
+    std::unique_ptr<void*[]> grown(new (std::nothrow) void*[static_cast<unsigned>(capacity)]());
+    if (grown == nullptr) {
         return false;
     }
-    std::copy(m_storage, m_storage + m_size, storage);
-    m_ReleaseStorage();
-    m_storage = storage;
+    std::copy(m_storage, m_storage + m_size, grown.get());
+    m_grown = std::move(grown);
+    m_storage = m_grown.get();
     m_capacity = capacity;
     return true;
 }
 
-void CCPointerArray::m_ReleaseStorage() {
-    if (m_storage != m_inline) {
-        delete[] m_storage;
+void CCPointerArray::m_TellRemoved(void* element) const {
+    if (m_callback.cbRemove != nullptr) {
+        m_callback.cbRemove(m_callback.userData, element);
     }
 }
 
@@ -72,8 +67,8 @@ bool CCPointerArray::Set(int index, void* element) {
     }
     if (m_storage[index] == nullptr) {
         ++m_validCount;
-    } else if (m_callback.cbRemove != nullptr) {
-        m_callback.cbRemove(m_callback.userData, m_storage[index]);
+    } else {
+        m_TellRemoved(m_storage[index]);
     }
     m_storage[index] = element;
     m_size = std::max(m_size, index + 1);
@@ -84,9 +79,7 @@ bool CCPointerArray::RemoveAt(int index) {
     if (!AssertAtsc3(m_Contains(index), kIndexInRange, kSource, 113)) {
         return false;
     }
-    if (m_callback.cbRemove != nullptr) {
-        m_callback.cbRemove(m_callback.userData, m_storage[index]);
-    }
+    m_TellRemoved(m_storage[index]);
     std::copy(m_storage + index + 1, m_storage + m_size, m_storage + index);
     --m_size;
     // Slots behind the end are null, so that Set there does not take a leftover for an element.
@@ -96,14 +89,12 @@ bool CCPointerArray::RemoveAt(int index) {
 
 bool CCPointerArray::RemoveAll() {
     AssertAtsc3(m_size == 0 || m_callback.cbRemove != nullptr, "m_callback.cbRemove", kSource, 163);
-    if (m_callback.cbRemove != nullptr) {
-        for (int i = 0; i < m_size; ++i) {
-            if (m_storage[i] != nullptr) {
-                m_callback.cbRemove(m_callback.userData, m_storage[i]);
-            }
+    for (int i = 0; i < m_size; ++i) {
+        if (m_storage[i] != nullptr) {
+            m_TellRemoved(m_storage[i]);
         }
     }
-    m_ReleaseStorage();
+    m_grown.reset();
     m_storage = m_inline;
     std::fill_n(m_inline, kInlineSlots, nullptr);
     m_capacity = kInlineSlots;
@@ -113,10 +104,8 @@ bool CCPointerArray::RemoveAll() {
 }
 
 bool CCPointerArray::Merge(CCPointerArray* other) {
-    if (other == nullptr || other == this || other->m_size > INT_MAX - m_size) {
-        return false;
-    }
-    if (!m_Reserve(m_size + other->m_size)) {
+    if (other == nullptr || other == this || other->m_size > INT_MAX - m_size ||
+        !m_Reserve(m_size + other->m_size)) {
         return false;
     }
     std::copy(other->m_storage, other->m_storage + other->m_size, m_storage + m_size);
@@ -127,10 +116,7 @@ bool CCPointerArray::Merge(CCPointerArray* other) {
 }
 
 void* CCPointerArray::Data(int index) const {
-    if (!AssertAtsc3(m_Contains(index), kIndexInRange, kSource, 139)) {
-        return nullptr;
-    }
-    return m_storage[index];
+    return AssertAtsc3(m_Contains(index), kIndexInRange, kSource, 139) ? m_storage[index] : nullptr;
 }
 
 bool CCPointerArray::GetAt(int index, void** out) const {
