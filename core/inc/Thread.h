@@ -20,7 +20,7 @@ public:
     /// 10 KiB of stack. It is address space only: pages that are never touched cost no memory.
     static constexpr unsigned long kStackFloor = 256UL * 1024;
 
-    CCThread();
+    CCThread() = default;
 
     /// What the thread runs. Called once, on the new thread, after Create has set everything up.
     virtual void ThreadBody() = 0;

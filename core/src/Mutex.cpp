@@ -2,9 +2,10 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <new>
 
-#include "Semaphore.h"
+#include "OwnedSemaphore.h"
 
 namespace {
 constexpr const char* kSource = "core/src/Mutex";
@@ -14,7 +15,7 @@ struct CCMutex::TSMutex {
     std::int32_t count = 0;
     // Only the holder changes it; others compare it with themselves, or print it.
     std::atomic<unsigned long> owner{0};
-    CCSemaphore semaphore;
+    CCOwnedSemaphore semaphore;
 
     bool OwnedByCaller() const { return owner.load(std::memory_order_relaxed) == ThreadId(); }
     void TakenByCaller() {
@@ -27,15 +28,11 @@ bool CCMutex::Create() {
     if (!AssertAtsc3(m == nullptr, "!m", kSource, 15)) {
         return false;
     }
-    auto* record = new (std::nothrow) TSMutex;
-    if (record == nullptr) {
+    std::unique_ptr<TSMutex> record(new (std::nothrow) TSMutex);
+    if (record == nullptr || !record->semaphore.Create(1)) {
         return false;
     }
-    if (!record->semaphore.Create(1)) {
-        delete record;
-        return false;
-    }
-    m = record;
+    m = record.release();
     return true;
 }
 
@@ -43,7 +40,6 @@ void CCMutex::Destroy() {
     if (!AssertAtsc3(m != nullptr, "m", kSource, 37)) {
         return;
     }
-    m->semaphore.Destroy();
     delete m;
     m = nullptr;
 }
@@ -88,8 +84,5 @@ bool CCMutex::Try(unsigned long milliseconds) {
 }
 
 unsigned long CCMutex::LockerId() const {
-    if (!AssertAtsc3(m != nullptr, "m", kSource, 109)) {
-        return 0;
-    }
-    return m->owner.load(std::memory_order_relaxed);
+    return AssertAtsc3(m != nullptr, "m", kSource, 109) ? m->owner.load(std::memory_order_relaxed) : 0;
 }

@@ -3,6 +3,7 @@
 #include <semaphore.h>
 
 #include <cerrno>
+#include <memory>
 #include <new>
 
 #include "platform_clock.h"
@@ -12,22 +13,16 @@ constexpr const char* kSource = "core/src/Semaphore";
 }  // namespace
 
 struct CCSemaphore::TSSemaphore {
-    std::uint32_t initialValue = 0;
     sem_t semaphore{};
 };
 
 bool CCSemaphore::Create(std::uint32_t value) {
     AssertExit(m == nullptr, "!m", kSource, 15);
-    auto* record = new (std::nothrow) TSSemaphore;
-    if (record == nullptr) {
+    std::unique_ptr<TSSemaphore> record(new (std::nothrow) TSSemaphore);
+    if (record == nullptr || sem_init(&record->semaphore, 0, value) != 0) {
         return false;
     }
-    record->initialValue = value;
-    if (sem_init(&record->semaphore, 0, value) != 0) {
-        delete record;
-        return false;
-    }
-    m = record;
+    m = record.release();
     return true;
 }
 

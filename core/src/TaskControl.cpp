@@ -2,7 +2,7 @@
 #include <new>
 
 #include "Logging.h"
-#include "Semaphore.h"
+#include "OwnedSemaphore.h"
 #include "TaskRecord.h"
 
 namespace {
@@ -12,21 +12,8 @@ constexpr std::uint64_t kFullQueueRetryUs = 1000;
 
 /// The semaphores of one ping: the task gives the first, the caller the second when it has stopped waiting.
 struct PingPair {
-    CCSemaphore answered;
-    CCSemaphore left;
-
-    PingPair() = default;
-    ~PingPair() {
-        for (CCSemaphore* semaphore : {&answered, &left}) {
-            if (semaphore->FlagCreate()) {
-                semaphore->Destroy();
-            }
-        }
-    }
-    PingPair(const PingPair&) = delete;
-    PingPair& operator=(const PingPair&) = delete;
-
-    bool Create() { return answered.Create(0) && left.Create(0); }
+    CCOwnedSemaphore answered;
+    CCOwnedSemaphore left;
 };
 
 /// Answers a ping and releases it.
@@ -133,7 +120,7 @@ bool CCTask::Ping(unsigned long ms) {
         return false;
     }
     std::unique_ptr<PingPair> pair(new (std::nothrow) PingPair);
-    if (pair == nullptr || !pair->Create()) {
+    if (pair == nullptr || !pair->answered.Create(0) || !pair->left.Create(0)) {
         return false;
     }
     CSEvent event;

@@ -1,5 +1,5 @@
 #include "Logging.h"
-#include "Semaphore.h"
+#include "OwnedSemaphore.h"
 #include "TaskRecord.h"
 
 namespace {
@@ -28,7 +28,7 @@ bool CCTask::Send(CSEvent* event, bool sync) {
         event->receiver->t_OnEvent(event);
         return true;
     }
-    CCSemaphore handled;
+    CCOwnedSemaphore handled;
     if (!handled.Create(0)) {
         return false;
     }
@@ -38,7 +38,6 @@ bool CCTask::Send(CSEvent* event, bool sync) {
         handled.Take();
     }
     event->sem = nullptr;
-    handled.Destroy();
     return added;
 }
 

@@ -12,8 +12,8 @@
 #include <cstring>
 
 #include "Logging.h"
+#include "OwnedSemaphore.h"
 #include "Record.h"
-#include "Semaphore.h"
 
 namespace {
 
@@ -36,35 +36,19 @@ bool SetNice(pid_t kernelId, CCThread::EPriorityType priority) {
 }  // namespace
 
 struct CCThread::TSThread {
-    CCSemaphore start;  // given when Create has finished
-    CCSemaphore end;    // given when the body has returned
+    CCOwnedSemaphore start;  // given when Create has finished
+    CCOwnedSemaphore end;    // given when the body has returned
     std::atomic<unsigned long> id{kEnded};
-    CCSemaphore kernelIdKnown;
+    CCOwnedSemaphore kernelIdKnown;
     std::atomic<pid_t> kernelId{kNotStarted};
     char name[kNameLength + 1] = {};
     std::atomic<EPriorityType> priority{PRIORITY_NORMAL};
     std::uint32_t stackSize = 0;
 
-    TSThread() = default;
-    ~TSThread() {
-        for (CCSemaphore* semaphore : {&start, &end, &kernelIdKnown}) {
-            if (semaphore->FlagCreate()) {
-                semaphore->Destroy();
-            }
-        }
-    }
-    TSThread(const TSThread&) = delete;
-    TSThread& operator=(const TSThread&) = delete;
-
     bool CreateSemaphores() { return start.Create(0) && end.Create(0) && kernelIdKnown.Create(0); }
 };
 
 namespace {
-
-void* Entry(void* thread) {
-    TCThreadRun(thread);
-    return nullptr;
-}
 
 /// False when the thread cannot be started with that stack.
 bool StartDetached(void* thread, unsigned long stackSize, pthread_t* id) {
@@ -72,17 +56,19 @@ bool StartDetached(void* thread, unsigned long stackSize, pthread_t* id) {
     if (pthread_attr_init(&attributes) != 0) {
         return false;
     }
+    const auto entry = [](void* self) -> void* {
+        TCThreadRun(self);
+        return nullptr;
+    };
     pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
     const bool started =
         pthread_attr_setstacksize(&attributes, std::max(stackSize, CCThread::kStackFloor)) == 0 &&
-        pthread_create(id, &attributes, &Entry, thread) == 0;
+        pthread_create(id, &attributes, entry, thread) == 0;
     pthread_attr_destroy(&attributes);
     return started;
 }
 
 }  // namespace
-
-CCThread::CCThread() = default;
 
 CCThread::~CCThread() {
     AssertAtsc3(m == nullptr, "!m", "core/inc/Thread", 30);
