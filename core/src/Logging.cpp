@@ -42,26 +42,10 @@ constexpr std::uint32_t kDefaultTypes = LOG_TYPE_E | LOG_TYPE_D | LOG_TYPE_G;
 constexpr const char* kDlogTag = "ATSC3GST";
 
 /// Guards the lazy loading. Usable before any constructor of this process has run.
-class CLogInfoLoadMutex {
-public:
-    constexpr CLogInfoLoadMutex() = default;
-    ~CLogInfoLoadMutex() { pthread_mutex_destroy(&m_mutex); }
-    CLogInfoLoadMutex(const CLogInfoLoadMutex&) = delete;
-    CLogInfoLoadMutex& operator=(const CLogInfoLoadMutex&) = delete;
+using CLogInfoLoadMutex = std::mutex;
 
-    void lock() { pthread_mutex_lock(&m_mutex); }
-    void unlock() { pthread_mutex_unlock(&m_mutex); }
-
-private:
-    pthread_mutex_t m_mutex = PTHREAD_MUTEX_INITIALIZER;
-};
-
-class CLogInfo {
-public:
-    constexpr CLogInfo() = default;
+struct CLogInfo {
     ~CLogInfo() { Finalize(); }
-    CLogInfo(const CLogInfo&) = delete;
-    CLogInfo& operator=(const CLogInfo&) = delete;
 };
 
 CLogInfoLoadMutex g_loadMutex;
@@ -97,17 +81,9 @@ void SendUdp(const char* text) {
 }
 
 void SendDlog(ELogType type, const char* text) {
-    switch (type) {
-        case LOG_TYPE_E:
-            dlog_emit(DLOG_BUFFER_MAIN, DLOG_PRIORITY_ERROR, kDlogTag, "%s", text);
-            break;
-        case LOG_TYPE_D:
-        case LOG_TYPE_I:
-        case LOG_TYPE_G:
-            dlog_emit(DLOG_BUFFER_MAIN, DLOG_PRIORITY_INFO, kDlogTag, "%s", text);
-            break;
-        default:
-            break;
+    if (_TYPE_TO_CHAR(type) != '?') {
+        const int priority = type == LOG_TYPE_E ? DLOG_PRIORITY_ERROR : DLOG_PRIORITY_INFO;
+        dlog_emit(DLOG_BUFFER_MAIN, priority, kDlogTag, "%s", text);
     }
 }
 
@@ -129,24 +105,14 @@ void AddAddress(const char* text) {
 /// @param letters what stands behind the module's letter and colon
 void SetTypes(const char* letters) {
     for (; *letters != '\0'; ++letters) {
-        switch (*letters) {
-            case '*':
-                g_logType = kAllTypes;
-                return;
-            case 'E':
-                g_logType += LOG_TYPE_E;
-                break;
-            case 'D':
-                g_logType += LOG_TYPE_D;
-                break;
-            case 'I':
-                g_logType += LOG_TYPE_I;
-                break;
-            case 'G':
-                g_logType += LOG_TYPE_G;
-                break;
-            default:
-                break;
+        if (*letters == '*') {
+            g_logType = kAllTypes;
+            return;
+        }
+        for (const ELogType type : {LOG_TYPE_E, LOG_TYPE_D, LOG_TYPE_I, LOG_TYPE_G}) {
+            if (*letters == _TYPE_TO_CHAR(type)) {
+                g_logType += type;
+            }
         }
     }
 }
