@@ -12,11 +12,8 @@
 /// length of one copy, so Peek, Remove and Size are sound from any thread, too.
 class CCFixedRingQueue : public CCSemaphore {
 public:
-    CCFixedRingQueue();
     /// Asserts that the queue is destroyed.
     ~CCFixedRingQueue() override;
-    CCFixedRingQueue(const CCFixedRingQueue&) = delete;
-    CCFixedRingQueue& operator=(const CCFixedRingQueue&) = delete;
 
     /// @param elementSize bytes of an element, above 0
     /// @param count       slots, above 0; one of them stays free
@@ -61,5 +58,5 @@ protected:
 private:
     struct TSRecord;
 
-    TSRecord* m;
+    TSRecord* m = nullptr;
 };

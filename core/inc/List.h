@@ -13,7 +13,7 @@ public:
         ADD_AFTER = 1    ///< behind the current element
     };
 
-    CCList();
+    CCList() = default;
     /// Asserts that its owner has emptied the list.
     ~CCList() override;
     CCList(const CCList&) = delete;

@@ -6,11 +6,8 @@
 /// writers need a lock of their own around Add.
 class CCRingQueue : public CCSemaphore {
 public:
-    CCRingQueue();
     /// Asserts that the queue is destroyed.
     ~CCRingQueue() override;
-    CCRingQueue(const CCRingQueue&) = delete;
-    CCRingQueue& operator=(const CCRingQueue&) = delete;
 
     /// False when `count` is 0 or memory or the semaphore is missing.
     [[nodiscard]] bool Create(unsigned count);
@@ -25,5 +22,5 @@ public:
 private:
     struct TSRecord;
 
-    TSRecord* m;
+    TSRecord* m = nullptr;
 };

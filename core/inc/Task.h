@@ -33,11 +33,6 @@ public:
     /// Slots of the event queue; one of them always stays free.
     static constexpr unsigned kQueueSlots = 256;
 
-    CCTask();
-    ~CCTask() override;
-    CCTask(const CCTask&) = delete;
-    CCTask& operator=(const CCTask&) = delete;
-
     /// Starts the task.
     /// @param name      kept up to 16 characters; not null
     /// @param stackSize bytes asked for; see CCThread::kStackFloor

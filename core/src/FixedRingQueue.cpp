@@ -65,8 +65,6 @@ struct CCFixedRingQueue::TSRecord {
     }
 };
 
-CCFixedRingQueue::CCFixedRingQueue() : m(nullptr) {}
-
 CCFixedRingQueue::~CCFixedRingQueue() {
     Asserts(m == nullptr, "!m", 62, kHeader);
 }

@@ -12,8 +12,6 @@ constexpr TSCursorChecks kCursorChecks = {__ASSERT_ATSC3, kSource, 72, 104};
 
 }  // namespace
 
-CCList::CCList() = default;
-
 CCList::~CCList() {
     AssertAtsc3(m_chain.size == 0, "m_size == 0", kSource, 14);
     for (const TSElement* element = m_chain.head; element != nullptr;) {

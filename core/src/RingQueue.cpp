@@ -19,8 +19,6 @@ struct CCRingQueue::TSRecord {
     std::mutex indices;  // the reader tests `write` while the writer moves it
 };
 
-CCRingQueue::CCRingQueue() : m(nullptr) {}
-
 CCRingQueue::~CCRingQueue() {
     Asserts(m == nullptr, "!m", 31, kHeader);
 }

@@ -15,9 +15,6 @@ constexpr std::uint64_t kIdlePauseNs = 10 * kNsPerMs;
 
 }  // namespace
 
-CCTask::CCTask() = default;
-CCTask::~CCTask() = default;
-
 bool CCTask::Create(const char* name, unsigned long stackSize) {
     if (!AssertAtsc3(!FlagCreate(), "!m", kSource, 261) ||
         !AssertAtsc3(name != nullptr, "name != NULL", kSource, 262)) {
@@ -45,14 +42,12 @@ bool CCTask::m_Build(const char* name, unsigned long stackSize) {
                 "CCFixedRingQueue::Create(sizeof(CSEvent), 256, true, false)", kSource, 268)) {
         return false;
     }
-    if (_CHECK(m->handler.Create(this, m.get()), "m->handler.Create(this, m)", kSource, 269)) {
-        if (_CHECK(m->timerMutex.Create(), "m->timerMutex.Create()", kSource, 292)) {
-            if (_CHECK(CCThread::Create(name, stackSize), "CCThread::Create(name, stackSize)", kSource,
-                       293)) {
-                return true;
-            }
-            m->timerMutex.Destroy();
-        }
+    if (_CHECK(m->handler.Create(this, m.get()), "m->handler.Create(this, m)", kSource, 269) &&
+        _CHECK(m->timerMutex.Create(), "m->timerMutex.Create()", kSource, 292) &&
+        _CHECK(CCThread::Create(name, stackSize), "CCThread::Create(name, stackSize)", kSource, 293)) {
+        return true;
+    }
+    if (m->handler.FlagCreate()) {
         m->handler.Destroy();
     }
     CCFixedRingQueue::Destroy();

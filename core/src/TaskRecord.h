@@ -44,10 +44,7 @@ struct CCTask::TSTask {
     static constexpr std::size_t kNameLength = 16;
     static constexpr std::uint64_t kNothingDue = std::numeric_limits<std::uint64_t>::max();
 
-    TSTask() = default;
     ~TSTask();
-    TSTask(const TSTask&) = delete;
-    TSTask& operator=(const TSTask&) = delete;
 
     /// Makes the timer the list's current one. Null when there is none. Under the task's m_lock.
     TSTimer* FindTimer(const CCHandler* owner, unsigned long id);
