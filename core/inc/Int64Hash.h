@@ -5,13 +5,10 @@
 #include "Hash.h"
 
 struct TSInt64Keys;
-extern template class CCHash<std::uint64_t, TSInt64Keys>;
+extern template class CCHash<std::uint64_t, std::uint64_t, TSInt64Keys>;
 
 /// As CCIntegerHash, with 64-bit keys.
-class CCInt64Hash : public CCHash<std::uint64_t, TSInt64Keys> {
+class CCInt64Hash : public CCHash<std::uint64_t, std::uint64_t, TSInt64Keys> {
 public:
     [[nodiscard]] bool Create(unsigned long sizeOfTable);
-    [[nodiscard]] bool Add(std::uint64_t key, const void* data);
-    [[nodiscard]] bool Find(std::uint64_t key);
-    std::uint64_t Key() const;
 };

@@ -3,20 +3,15 @@
 #include "Hash.h"
 
 struct TSStringKeys;
-extern template class CCHash<const void*, TSStringKeys>;
+extern template class CCHash<const void*, const void*, TSStringKeys>;
 
-/// As CCIntegerHash, with keys that each node keeps a copy of. A failed assertion ends the process;
-/// one of them is that the table is empty when it is destroyed.
-class CCStringHash : public CCHash<const void*, TSStringKeys> {
+/// As CCIntegerHash, with keys that each node keeps a copy of; Key gives that copy. A failed assertion ends
+/// the process; one of them is that the table is empty when it is destroyed.
+class CCStringHash : public CCHash<const void*, const void*, TSStringKeys> {
 public:
     /// The key length of NUL-terminated keys.
     static constexpr unsigned long kNulTerminated = static_cast<unsigned long>(-1);
 
     /// @param keyLength bytes of every key, or kNulTerminated
     [[nodiscard]] bool Create(unsigned long sizeOfTable, unsigned long keyLength);
-    /// False without memory.
-    [[nodiscard]] bool Add(const void* key, const void* data);
-    [[nodiscard]] bool Find(const void* key);
-    /// The current node's copy of its key; null after Remove.
-    const void* Key() const;
 };

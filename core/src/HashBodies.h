@@ -20,16 +20,6 @@ constexpr std::uint32_t HashByte(std::uint32_t hash, unsigned char byte) {
     return hash * 33U + byte;
 }
 
-/// The hash of an integer key, least significant byte first.
-template <class Integer>
-std::uint32_t HashInteger(Integer key) {
-    std::uint32_t hash = 0;
-    for (std::size_t i = 0; i < sizeof(key); ++i) {
-        hash = HashByte(hash, static_cast<unsigned char>((key >> (8 * i)) & 0xFFU));
-    }
-    return hash;
-}
-
 /// Keys that are their own copies.
 template <class Integer>
 struct TSPlainKeys {
@@ -37,7 +27,13 @@ struct TSPlainKeys {
     static void Report(const char* expression, const char* source, int line) {
         __ASSERT_ATSC3(expression, source, line);
     }
-    static std::uint32_t Hash(Integer key) { return HashInteger(key); }
+    static std::uint32_t Hash(Integer key) {
+        std::uint32_t hash = 0;
+        for (std::size_t i = 0; i < sizeof(key); ++i) {
+            hash = HashByte(hash, static_cast<unsigned char>((key >> (8 * i)) & 0xFFU));
+        }
+        return hash;
+    }
     static bool Equal(Integer a, Integer b) { return a == b; }
     static bool Copy(Integer key, Integer* copy) {
         *copy = key;
@@ -52,22 +48,22 @@ constexpr unsigned long kMaxTableSize = 0x7fffffffUL;
 /// 2 for less than 2, else the smallest prime at or above the request.
 std::uint32_t HashTableSize(std::uint32_t request);
 
-template <class Key, class Keys>
-struct CCHash<Key, Keys>::TSNode {
-    Key key;
+template <class Argument, class Stored, class Keys>
+struct CCHash<Argument, Stored, Keys>::TSNode {
+    Stored key;
     TSNode* previous;
     TSNode* next;
     const void* data;
 };
 
-template <class Key, class Keys>
-struct CCHash<Key, Keys>::TSRecord {
+template <class Argument, class Stored, class Keys>
+struct CCHash<Argument, Stored, Keys>::TSRecord {
     TSChain<TSNode> chain;
     std::uint32_t tableSize;
     std::unique_ptr<TSNode*[]> table;
     Keys keys;
 
-    std::uint32_t Bucket(Key key) const { return keys.Hash(key) % tableSize; }
+    std::uint32_t Bucket(Stored key) const { return keys.Hash(key) % tableSize; }
 
     /// The first node of the first bucket behind this one that is not empty.
     TSNode* FirstBehind(std::uint32_t bucket) const {
@@ -102,16 +98,13 @@ bool HashHolds(bool condition, const char* expression, int line, const char* sou
     return condition;
 }
 
-template <class Key, class Keys>
-CCHash<Key, Keys>::CCHash() : m(nullptr) {}
-
-template <class Key, class Keys>
-CCHash<Key, Keys>::~CCHash() {
+template <class Argument, class Stored, class Keys>
+CCHash<Argument, Stored, Keys>::~CCHash() {
     HashHolds<Keys>(m == nullptr, "!m", 30, Keys::kHeader);
 }
 
-template <class Key, class Keys>
-bool CCHash<Key, Keys>::t_Create(unsigned long sizeOfTable, Keys keys) {
+template <class Argument, class Stored, class Keys>
+bool CCHash<Argument, Stored, Keys>::t_Create(unsigned long sizeOfTable, Keys keys) {
     if (!HashHolds<Keys>(sizeOfTable > 0, "sizeOfTable > 0", 31) ||
         !HashHolds<Keys>(sizeOfTable <= kMaxTableSize, "sizeOfTable <= 0x7fffffff", 32) ||
         !HashHolds<Keys>(m == nullptr, "!m", 33)) {
@@ -129,8 +122,8 @@ bool CCHash<Key, Keys>::t_Create(unsigned long sizeOfTable, Keys keys) {
     return m != nullptr;
 }
 
-template <class Key, class Keys>
-void CCHash<Key, Keys>::Destroy() {
+template <class Argument, class Stored, class Keys>
+void CCHash<Argument, Stored, Keys>::Destroy() {
     if (!HashHolds<Keys>(m != nullptr, "m", 71)) {
         return;
     }
@@ -145,17 +138,18 @@ void CCHash<Key, Keys>::Destroy() {
     m = nullptr;
 }
 
-template <class Key, class Keys>
-unsigned long CCHash<Key, Keys>::Count() const {
+template <class Argument, class Stored, class Keys>
+unsigned long CCHash<Argument, Stored, Keys>::Count() const {
     return HashHolds<Keys>(m != nullptr, "m", 80) ? m->chain.size : 0;
 }
 
-template <class Key, class Keys>
-bool CCHash<Key, Keys>::t_Add(Key key, const void* data) {
+template <class Argument, class Stored, class Keys>
+bool CCHash<Argument, Stored, Keys>::Add(Argument argument, const void* data) {
     if (!HashHolds<Keys>(m != nullptr, "m", 88)) {
         return false;
     }
-    auto node = std::unique_ptr<TSNode>(new (std::nothrow) TSNode{Key{}, nullptr, nullptr, data});
+    const auto key = static_cast<Stored>(argument);
+    auto node = std::unique_ptr<TSNode>(new (std::nothrow) TSNode{Stored{}, nullptr, nullptr, data});
     if (node == nullptr || !m->keys.Copy(key, &node->key)) {
         return false;
     }
@@ -167,11 +161,12 @@ bool CCHash<Key, Keys>::t_Add(Key key, const void* data) {
     return true;
 }
 
-template <class Key, class Keys>
-bool CCHash<Key, Keys>::t_Find(Key key) {
+template <class Argument, class Stored, class Keys>
+bool CCHash<Argument, Stored, Keys>::Find(Argument argument) {
     if (!HashHolds<Keys>(m != nullptr, "m", 139)) {
         return false;
     }
+    const auto key = static_cast<Stored>(argument);
     if (m->chain.HasCurrent() && m->keys.Equal(m->chain.current->key, key)) {
         return true;
     }
@@ -192,16 +187,16 @@ bool CCHash<Key, Keys>::t_Find(Key key) {
     return false;
 }
 
-template <class Key, class Keys>
-bool CCHash<Key, Keys>::SetPosition(EPosState state, long index) {
+template <class Argument, class Stored, class Keys>
+bool CCHash<Argument, Stored, Keys>::SetPosition(EPosState state, long index) {
     if (!HashHolds<Keys>(m != nullptr, "m", 184)) {
         return false;
     }
     return MoveCursor(m->chain, state, index, {Keys::Report, Keys::kSource, 196, 243});
 }
 
-template <class Key, class Keys>
-bool CCHash<Key, Keys>::Remove() {
+template <class Argument, class Stored, class Keys>
+bool CCHash<Argument, Stored, Keys>::Remove() {
     if (!HashHolds<Keys>(m != nullptr, "m", 267) || !m->chain.HasCurrent()) {
         return false;
     }
@@ -209,15 +204,15 @@ bool CCHash<Key, Keys>::Remove() {
     return true;
 }
 
-template <class Key, class Keys>
-Key CCHash<Key, Keys>::t_Key() const {
+template <class Argument, class Stored, class Keys>
+Argument CCHash<Argument, Stored, Keys>::Key() const {
     const bool current = HashHolds<Keys>(m != nullptr, "m", 358) &&
                          HashHolds<Keys>(m->chain.current != nullptr, "m->cur", 359);
-    return current ? m->chain.current->key : Key{};
+    return current ? m->chain.current->key : Stored{};
 }
 
-template <class Key, class Keys>
-const void* CCHash<Key, Keys>::Data() const {
+template <class Argument, class Stored, class Keys>
+const void* CCHash<Argument, Stored, Keys>::Data() const {
     const bool current = HashHolds<Keys>(m != nullptr, "m", 367) &&
                          HashHolds<Keys>(m->chain.current != nullptr, "m->cur", 368);
     return current ? m->chain.current->data : nullptr;

@@ -9,20 +9,8 @@ struct TSInt64Keys : TSPlainKeys<std::uint64_t> {
     static constexpr const char* kHeader = "core/inc/Int64Hash";
 };
 
-template class CCHash<std::uint64_t, TSInt64Keys>;
+template class CCHash<std::uint64_t, std::uint64_t, TSInt64Keys>;
 
 bool CCInt64Hash::Create(unsigned long sizeOfTable) {
     return t_Create(sizeOfTable, {});
-}
-
-bool CCInt64Hash::Add(std::uint64_t key, const void* data) {
-    return t_Add(key, data);
-}
-
-bool CCInt64Hash::Find(std::uint64_t key) {
-    return t_Find(key);
-}
-
-std::uint64_t CCInt64Hash::Key() const {
-    return t_Key();
 }

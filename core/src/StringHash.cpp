@@ -53,20 +53,8 @@ struct TSStringKeys {
     static void Free(const void* copy) { delete[] static_cast<const unsigned char*>(copy); }
 };
 
-template class CCHash<const void*, TSStringKeys>;
+template class CCHash<const void*, const void*, TSStringKeys>;
 
 bool CCStringHash::Create(unsigned long sizeOfTable, unsigned long keyLength) {
     return t_Create(sizeOfTable, {keyLength});
-}
-
-bool CCStringHash::Add(const void* key, const void* data) {
-    return t_Add(key, data);
-}
-
-bool CCStringHash::Find(const void* key) {
-    return t_Find(key);
-}
-
-const void* CCStringHash::Key() const {
-    return t_Key();
 }
