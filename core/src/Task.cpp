@@ -76,10 +76,12 @@ std::shared_ptr<CCTask::TSTask> CCTask::m_Record() const {
 void CCTask::ThreadBody() {
     // Held to the end: where a task destroys itself, `m` goes before the loop does.
     const std::shared_ptr<TSTask> record = m;
-    m_loopThread = SelfId();
+    unsigned long self = SelfId();
+    m_loopThread = self;
     t_Main();
     m_DropEvents(record.get());
-    m_loopThread = 0;
+    // Unless it stands for a new life already, which the handler that ended this one began.
+    m_loopThread.compare_exchange_strong(self, 0);
 }
 
 void CCTask::t_Main() {

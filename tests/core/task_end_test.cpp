@@ -12,11 +12,7 @@ namespace {
 
 /// Others go on using a task while it ends.
 class TaskEnd : public TaskFixture {
-protected:
-    static constexpr int kRounds = 50;
-
-    TaskEnd() { SurviveAssertions(); }
-
+public:
     static pid_t ThisThread() { return static_cast<pid_t>(syscall(SYS_gettid)); }
     /// Waits until the thread is no more.
     static void AwaitEnd(pid_t thread) {
@@ -24,6 +20,11 @@ protected:
             std::this_thread::yield();
         }
     }
+
+protected:
+    static constexpr int kRounds = 50;
+
+    TaskEnd() { SurviveAssertions(); }
 };
 
 TEST_F(TaskEnd, TimersMayBeKilledMeanwhile) {
@@ -108,32 +109,47 @@ TEST_F(TaskEnd, ASynchronousSenderIsReleasedByATaskThatDestroysItself) {
     task.CCHandler::Destroy();
 }
 
-TEST_F(TaskEnd, ATaskThatBeginsAnewInItsOwnHandlerKeepsTheEventsOfItsNewLife) {
+/// A task that begins anew in its own handler and has an event then; the first life's thread has ended.
+TestTask& BegunAnew() {
     // Never freed: nothing that the thread checker sees orders the end of the first life's thread before the
     // reuse of the memory.
     static auto* const kept = new std::vector<TestTask*>;
     kept->push_back(new TestTask);
     TestTask& task = *kept->back();
-    Gate gate;
     pid_t thread = 0;
     task.onCall = [&] {
-        thread = ThisThread();
+        thread = TaskEnd::ThisThread();
         task.CCTask::Destroy();
-        task.onStart = [&] {
-            gate.Pass();
+        task.onStart = [&task] {
+            task.gate.Pass();
             return true;
         };
         EXPECT_TRUE(task.CCTask::Create("Again", 8192));
         EXPECT_TRUE(task.Post(EVENT_COUNT));
+        EXPECT_TRUE(task.gate.AwaitArrival()) << "the new life begins before the old one ends";
     };
-    ASSERT_TRUE(task.Create());
-    ASSERT_TRUE(task.Post(EVENT_CALL));
-    ASSERT_TRUE(gate.AwaitArrival());
+    EXPECT_TRUE(task.Create());
+    EXPECT_TRUE(task.Post(EVENT_CALL));
+    EXPECT_TRUE(task.gate.AwaitArrival());
+    TaskEnd::AwaitEnd(thread);
+    task.gate.Open();
+    return task;
+}
 
-    AwaitEnd(thread);
-    gate.Open();
+TEST_F(TaskEnd, ATaskThatBeginsAnewInItsOwnHandlerKeepsTheEventsOfItsNewLife) {
+    TestTask& task = BegunAnew();
 
     EXPECT_TRUE(task.count.Await(1));
+    task.Destroy();
+}
+
+TEST_F(TaskEnd, ATaskThatBeginsAnewInItsOwnHandlerMaySendToItself) {
+    TestTask& task = BegunAnew();
+    task.onCall = [&task] { EXPECT_TRUE(task.Post(EVENT_COUNT, true)); };
+
+    ASSERT_TRUE(task.Post(EVENT_CALL));
+
+    ASSERT_TRUE(task.count.Await(2)) << "it waits for itself";
     task.Destroy();
 }
 
