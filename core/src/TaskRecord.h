@@ -46,10 +46,11 @@ struct CCTask::TSTask {
 
     ~TSTask();
 
-    /// Makes the timer the list's current one. Null when there is none. Under the task's m_lock.
+    /// The first timer that matches, which it makes the list's current one. Null when there is none. Under
+    /// the task's m_lock.
+    template <class Matches>
+    TSTimer* FindTimer(Matches matches);
     TSTimer* FindTimer(const CCHandler* owner, unsigned long id);
-    /// The timer that a queued event stands for; null when it has been killed. Under the task's m_lock.
-    TSTimer* FindTimer(const CSEvent& event);
 
     // The task's m_lock guards list and records. timerMutex is held while timer events are posted, keeps a
     // timer from being killed meanwhile and must not be taken by those who set timers.

@@ -27,27 +27,20 @@ bool IsEventOfTimer(const void* element, const void* context) {
 
 }  // namespace
 
-CCTask::TSTimer* CCTask::TSTask::FindTimer(const CCHandler* owner, unsigned long id) {
+template <class Matches>
+CCTask::TSTimer* CCTask::TSTask::FindTimer(Matches matches) {
     for (bool more = timers.SetPosition(IPosition::POS_HEAD, 0); more;
          more = timers.SetPosition(IPosition::POS_CURRENT, 1)) {
         auto* timer = static_cast<TSTimer*>(timers.Data());
-        if (AssertAtsc3(timer != nullptr, "obj", kSource, 639) && timer->id == id &&
-            timer->handler == owner) {
+        if (AssertAtsc3(timer != nullptr, "obj", kSource, 639) && matches(*timer)) {
             return timer;
         }
     }
     return nullptr;
 }
 
-CCTask::TSTimer* CCTask::TSTask::FindTimer(const CSEvent& event) {
-    for (bool more = timers.SetPosition(IPosition::POS_HEAD, 0); more;
-         more = timers.SetPosition(IPosition::POS_CURRENT, 1)) {
-        auto* timer = static_cast<TSTimer*>(timers.Data());
-        if (timer == event.param.p && timer->serial == static_cast<std::uint32_t>(event.param.l[1])) {
-            return timer;
-        }
-    }
-    return nullptr;
+CCTask::TSTimer* CCTask::TSTask::FindTimer(const CCHandler* owner, unsigned long id) {
+    return FindTimer([=](const TSTimer& timer) { return timer.id == id && timer.handler == owner; });
 }
 
 CCTask::TSTask::~TSTask() {
@@ -106,7 +99,10 @@ void CCTask::t_HandleTimerEvent(const CSEvent* event) {
     unsigned long id = 0;
     {
         const std::lock_guard list(m_lock);
-        TSTimer* timer = m->FindTimer(*event);
+        TSTimer* timer = m->FindTimer([event](const TSTimer& queued) {
+            return &queued == event->param.p &&
+                   queued.serial == static_cast<std::uint32_t>(event->param.l[1]);
+        });
         if (timer == nullptr) {
             return;  // killed by another thread after its event was taken from the queue
         }
