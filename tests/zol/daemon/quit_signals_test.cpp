@@ -43,14 +43,14 @@ protected:
 };
 
 TEST_P(QuitSignals, EndTheMainLoopAndTheServersWaits) {
-    const zol_daemon::QuitSignals::WaitsOf waits(m_signals, m_server);
+    const base::Subscription waits = m_signals.EndWaitsOf(m_server);
     EXPECT_CALL(m_server, CancelNotifications());
 
     RunAndSignal();
 }
 
 TEST_P(QuitSignals, EndTheMainLoopEvenWhenTheServerFails) {
-    const zol_daemon::QuitSignals::WaitsOf waits(m_signals, m_server);
+    const base::Subscription waits = m_signals.EndWaitsOf(m_server);
     EXPECT_CALL(m_server, CancelNotifications()).WillOnce(testing::Throw(std::runtime_error("no memory")));
 
     RunAndSignal();
@@ -59,7 +59,7 @@ TEST_P(QuitSignals, EndTheMainLoopEvenWhenTheServerFails) {
 }
 
 TEST_P(QuitSignals, LeaveAServerAloneThatIsAboutToGo) {
-    { const zol_daemon::QuitSignals::WaitsOf waits(m_signals, m_server); }
+    { const base::Subscription waits = m_signals.EndWaitsOf(m_server); }
 
     RunAndSignal();
 }

@@ -2,6 +2,8 @@
 /// How a signal ends the daemon.
 #include <glib.h>
 
+#include "base/subscription.h"
+
 namespace zol {
 class IDbusServer;
 }
@@ -20,21 +22,12 @@ public:
     QuitSignals(const QuitSignals&) = delete;
     QuitSignals& operator=(const QuitSignals&) = delete;
 
-    /// While it lives a signal ends the server's waits for clients, too: a client that never answers would
-    /// hold up the teardown.
-    class WaitsOf {
-    public:
-        /// Neither is owned; both must outlive this object. One at a time.
-        WaitsOf(QuitSignals& signals, zol::IDbusServer& server) : m_signals(signals) {
-            m_signals.m_server = &server;
-        }
-        ~WaitsOf() { m_signals.m_server = nullptr; }
-        WaitsOf(const WaitsOf&) = delete;
-        WaitsOf& operator=(const WaitsOf&) = delete;
-
-    private:
-        QuitSignals& m_signals;
-    };
+    /// While the result lives a signal ends the server's waits for clients, too: a client that never answers
+    /// would hold up the teardown. The server must outlive the result. One at a time.
+    [[nodiscard]] base::Subscription EndWaitsOf(zol::IDbusServer& server) {
+        m_server = &server;
+        return base::Subscription([this] { m_server = nullptr; });
+    }
 
 private:
     explicit QuitSignals(GMainLoop* loop) : m_loop(loop) {}

@@ -53,7 +53,7 @@ int main() {
         TCDebug::EnableFileLog(true);
         zol::TCDbusServer server(kTestMode);
         ZOL_LOG(LOG_DEBUG, "Dbus server created. Testmode: %d", kTestMode ? 1 : 0);
-        const QuitSignals::WaitsOf waits(signals, server);
+        const base::Subscription waits = signals.EndWaitsOf(server);
         zol::TCShiftedClock clock;
         clock.LoadTimeShift();
         zol::TCCVLogger logger;
