@@ -144,7 +144,7 @@ TCCVLogger::TCCVLogger() {
 }
 
 // The real ones would bring the whole daemon along.
-class TCPolicyTasks {};
+struct TCPolicyManager::TSTasks {};
 TCScheduler::TCScheduler(boost::function<void()> /*disableCallback*/, TCShiftedClock& clock)
     : m_clock(clock) {}
 TCScheduler::~TCScheduler() = default;

@@ -10,14 +10,16 @@
 #include "Log.h"
 #include "PolicyFile.h"
 #include "PolicyFlag.h"
-#include "PolicyTasks.h"
 #include "PolicyValidation.h"
 #include "PolicyWords.h"
 #include "TCDirsManager.h"
 #include "TSFileSystem.h"
 #include "ZOLCVLogger.h"
 #include "ZOLInformationStorage.h"
+#include "ZOLMonitorManager.h"
+#include "ZOLNotifyManager.h"
 #include "ZOLPolicyParser.h"
+#include "ZOLVconfChecker.h"
 
 namespace zol {
 namespace {
@@ -36,6 +38,35 @@ void KeepInStorage(const ZOLPolicy& policy) {
 }
 
 }  // namespace
+
+/// What watches one policy. Those that report go before the one they report to.
+struct TCPolicyManager::TSTasks {
+    std::unique_ptr<TCNotifyManager> notify;
+    std::unique_ptr<TCMonitorManager> monitors;
+    std::unique_ptr<TCVconfChecker> checker;
+
+    bool StartNotify() {
+        notify = std::make_unique<TCNotifyManager>();
+        return notify->Create();
+    }
+    bool StartChecker(const std::vector<ZOLVconfMonitor>& keys) {
+        checker = std::make_unique<TCVconfChecker>(notify.get(), keys);
+        if (!checker->Create()) {
+            return false;
+        }
+        checker->CheckNow(keys);
+        return true;
+    }
+    bool StartMonitors() {
+        monitors = std::make_unique<TCMonitorManager>(notify.get());
+        if (!monitors->Create()) {
+            return false;
+        }
+        // What cannot start is logged; what started goes on.
+        static_cast<void>(monitors->StartMonitoring());
+        return true;
+    }
+};
 
 TCPolicyManager::TCPolicyManager(TCShiftedClock& clock, IDbusServer* server, TCCVLogger* logger)
     : m_server(server), m_scheduler([this] { RemovePolicy(); }, clock), m_logger(logger) {
@@ -184,21 +215,16 @@ void TCPolicyManager::m_CreatePolicyThread(int start) {
         m_SetCorvelPolicy(false);
         return;
     }
-    m_tasks.push_back(std::make_unique<TCPolicyTasks>());
-    switch (m_tasks.back()->Start(vconfItems, monitorCount > 0)) {
-        case TCPolicyTasks::EStart::STARTED:
-            m_SetCorvelPolicy(true);
-            break;
-        case TCPolicyTasks::EStart::NO_NOTIFY:
-            ZOL_LOG(LOG_ERROR, "pNotify is NULL or failed to create");
-            m_tasks.pop_back();  // nothing runs, and it would go on watching the hand-over key
-            break;
-        case TCPolicyTasks::EStart::NO_CHECKER:
-            ZOL_LOG(LOG_ERROR, "pVconfMonitor is NULL or failed to create");
-            break;
-        case TCPolicyTasks::EStart::NO_MONITORS:
-            ZOL_LOG(LOG_ERROR, "pMonitor is NULL or failed to create");
-            break;
+    TSTasks& tasks = m_tasks.emplace_back();
+    if (!tasks.StartNotify()) {
+        ZOL_LOG(LOG_ERROR, "pNotify is NULL or failed to create");
+        m_tasks.pop_back();  // nothing runs, and it would go on watching the hand-over key
+    } else if (vconfCount > 0 && !tasks.StartChecker(vconfItems)) {
+        ZOL_LOG(LOG_ERROR, "pVconfMonitor is NULL or failed to create");
+    } else if (monitorCount > 0 && !tasks.StartMonitors()) {
+        ZOL_LOG(LOG_ERROR, "pMonitor is NULL or failed to create");
+    } else {
+        m_SetCorvelPolicy(true);
     }
 }
 

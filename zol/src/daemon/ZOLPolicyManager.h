@@ -13,7 +13,6 @@ namespace zol {
 class IDbusServer;
 class TCCVLogger;
 class TCShiftedClock;
-class TCPolicyTasks;
 
 /// Built once, on the main thread; construction applies the stored policy. UpdatePolicy and the operations
 /// on the stored policy are for one thread at a time (the one that dispatches calls); RemovePolicy,
@@ -59,6 +58,8 @@ public:
     bool NotifyPowerOff();
 
 private:
+    struct TSTasks;
+
     [[nodiscard]] static bool m_Store(const std::string& xml);
     void m_UpdateScheduler(const ZOLPolicy& policy, bool isNewPolicy);
     void m_CreatePolicyThread(int start);
@@ -74,7 +75,7 @@ private:
 
     // The scheduler goes first, so that no expiry finds a manager half gone, then the tasks.
     IDbusServer* const m_server;
-    std::vector<std::unique_ptr<TCPolicyTasks>> m_tasks;  ///< one set per policy applied
+    std::vector<TSTasks> m_tasks;  ///< one set per policy applied
     TCScheduler m_scheduler;
     TCCVLogger* const m_logger;
 };
