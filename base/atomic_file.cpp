@@ -27,11 +27,10 @@ std::error_code ReplacementFile::Open(mode_t mode) {
         return LastError();
     }
     m_isLeftOver = true;
-    m_file.reset(fdopen(fd.Get(), "w"));
+    m_file = OpenStream(std::move(fd), "w");
     if (m_file == nullptr) {
         return LastError();
     }
-    static_cast<void>(fd.Release());  // the stream's from now on
     // Unbuffered: nothing may be left for after the sync.
     std::setvbuf(m_file.get(), nullptr, _IONBF, 0);
     return {};

@@ -22,12 +22,7 @@ constexpr std::size_t kThreadNameSize = 16;  // the kernel's, terminator include
 
 /// Opens an existing console: an assertion must not leave a file behind where there is none.
 base::FilePtr OpenConsole(const char* path) {
-    base::UniqueFd fd(open(path, O_WRONLY | O_TRUNC | O_NOCTTY | O_CLOEXEC));
-    base::FilePtr console(fd ? fdopen(fd.Get(), "w") : nullptr);
-    if (console) {
-        static_cast<void>(fd.Release());  // the stream's now
-    }
-    return console;
+    return base::OpenStream(base::UniqueFd(open(path, O_WRONLY | O_TRUNC | O_NOCTTY | O_CLOEXEC)), "w");
 }
 
 void WriteCallStack(std::FILE* console) {

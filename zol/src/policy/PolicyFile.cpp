@@ -33,11 +33,8 @@ base::FilePtr OpenRegular(const std::string& path, TSPolicyRead& result) {
         return nullptr;
     }
     result.size = status.st_size;
-    base::FilePtr file(fdopen(descriptor.Get(), "r"));
+    base::FilePtr file = base::OpenStream(std::move(descriptor), "r");
     result.open = base::ErrorUnless(file != nullptr);
-    if (file != nullptr) {
-        static_cast<void>(descriptor.Release());  // the stream's from now on
-    }
     return file;
 }
 

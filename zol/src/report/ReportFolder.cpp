@@ -36,11 +36,7 @@ base::FilePtr ReportFolder::OpenHeader() const {
     }
     // Against the umask. A file system without modes refuses, and needs none.
     static_cast<void>(fchmod(descriptor.Get(), kHeaderMode));
-    base::FilePtr file(fdopen(descriptor.Get(), "w"));
-    if (file != nullptr) {
-        static_cast<void>(descriptor.Release());  // the stream owns it now
-    }
-    return file;
+    return base::OpenStream(std::move(descriptor), "w");
 }
 
 std::error_code ReportFolder::WriteHeader(base::FilePtr file, const TCKpiManager& identifiers) {
