@@ -28,7 +28,7 @@ ZOLPowerUtils* Validated(void* data, unsigned line) {
 
 gboolean QuitLoopOfThisContext(gpointer loop) {
     g_main_loop_quit(static_cast<GMainLoop*>(loop));
-    return G_SOURCE_REMOVE;
+    return G_SOURCE_CONTINUE;  // a subscription may serve the context before the loop runs
 }
 
 void LogUnlessSubscribed(int result, const char* what) {
@@ -39,7 +39,10 @@ void LogUnlessSubscribed(int result, const char* what) {
 
 }  // namespace
 
-ZOLPowerUtils::ZOLPowerUtils(TCPolicyManager* policyManager) : m_pPolicyManager(policyManager) {
+ZOLPowerUtils::ZOLPowerUtils(TCPolicyManager* policyManager)
+    : m_pPolicyManager(policyManager),
+      m_context(g_main_context_new()),
+      m_loop(g_main_loop_new(m_context.get(), FALSE)) {
     m_powerThread = boost::thread([this] { m_PowerOffThread(); });
 }
 
@@ -58,49 +61,21 @@ ZOLPowerUtils::~ZOLPowerUtils() {
 }
 
 void ZOLPowerUtils::m_PowerOffThread() {
-    GMainContext* context = g_main_context_new();
-    m_loop = g_main_loop_new(context, FALSE);
-    {
-        const Lock lock(m_stateMutex);
-        m_context = context;
-    }
-    g_main_context_push_thread_default(context);
-
+    g_main_context_push_thread_default(m_context.get());
     LogUnlessSubscribed(device_power_subscribe_poweroff(PowerOffCallback, this), "power-off");
     LogUnlessSubscribed(device_power_subscribe_wakeup(m_PreWakeUpCallback, this), "wake-up");
-    m_RunLoop();
+    g_main_loop_run(m_loop.get());
     device_power_unsubscribe_wakeup(m_PreWakeUpCallback);
     device_power_unsubscribe_poweroff(PowerOffCallback);
-
-    g_main_context_pop_thread_default(context);
-    g_main_context_unref(context);
-    g_main_loop_unref(m_loop);
-}
-
-void ZOLPowerUtils::m_RunLoop() {
-    {
-        const Lock lock(m_stateMutex);
-        if (m_isStopRequested) {
-            return;
-        }
-        m_state = STATE_RUNNING;
-    }
-    g_main_loop_run(m_loop);
-    const Lock lock(m_stateMutex);
-    m_state = STATE_ENDED;
+    g_main_context_pop_thread_default(m_context.get());
 }
 
 void ZOLPowerUtils::m_QuitLoop() {
-    const Lock lock(m_stateMutex);
-    m_isStopRequested = true;
-    if (m_state != STATE_RUNNING) {
-        return;
-    }
-    // The loop may be about to run and would then forget a quit; a source of its context waits for it.
+    // A loop that is only about to run would forget a quit; a source of its context waits for it.
     GSource* source = g_idle_source_new();
     g_source_set_priority(source, G_PRIORITY_HIGH);
-    g_source_set_callback(source, QuitLoopOfThisContext, m_loop, nullptr);
-    g_source_attach(source, m_context);
+    g_source_set_callback(source, QuitLoopOfThisContext, m_loop.get(), nullptr);
+    g_source_attach(source, m_context.get());
     g_source_unref(source);
 }
 
@@ -143,7 +118,7 @@ gboolean ZOLPowerUtils::m_StopMainLoop(void* data) {
 }
 
 ZOLPowerUtils::HoldPtr ZOLPowerUtils::m_TakeHold() {
-    const Lock lock(m_stateMutex);
+    const Lock lock(m_holdMutex);
     if (m_holds.empty()) {
         return nullptr;
     }
@@ -156,7 +131,7 @@ void ZOLPowerUtils::m_PowerOffCallback() {
     ZOL_LOG(LOG_ERROR, "Starting power off callback!");
     const Lock lock(m_powerOffMutex);
     {
-        const Lock stateLock(m_stateMutex);
+        const Lock holdLock(m_holdMutex);
         m_holds.emplace_back(device_power_hold());
     }
     m_powerOffStart = platform_clock_steady_ns();

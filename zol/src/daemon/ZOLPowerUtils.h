@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 
+#include "base/glib_handles.h"
 #include "base/handles.h"
 #include "device_power.h"
 
@@ -57,25 +58,20 @@ public:
     void m_PowerOffCallback();
 
 private:
-    enum EState { STATE_STARTING, STATE_RUNNING, STATE_ENDED };
-
     using HoldPtr = std::unique_ptr<device_power_hold_t, base::FreeWith<device_power_release>>;
 
     HoldPtr m_TakeHold();
     void m_PowerOffThread();
-    void m_RunLoop();
     void m_QuitLoop();
 
     TCPolicyManager* const m_pPolicyManager;
-    double m_powerOffDuration = 0;      ///< seconds of the last hand-over
-    std::uint64_t m_powerOffStart = 0;  ///< steady nanoseconds, start of the last hand-over
-    std::mutex m_powerOffMutex;         ///< held for the whole hand-over
-    std::mutex m_stateMutex;            ///< m_holds, m_state, m_isStopRequested and handing out m_context
-    std::deque<HoldPtr> m_holds;        ///< of the hand-overs that the main context has not begun
-    EState m_state = STATE_STARTING;
-    bool m_isStopRequested = false;
-    GMainContext* m_context = nullptr;  ///< the power thread's, which makes and frees it
-    GMainLoop* m_loop = nullptr;        ///< on m_context
+    double m_powerOffDuration = 0;          ///< seconds of the last hand-over
+    std::uint64_t m_powerOffStart = 0;      ///< steady nanoseconds, start of the last hand-over
+    std::mutex m_powerOffMutex;             ///< held for the whole hand-over
+    std::mutex m_holdMutex;                 ///< m_holds
+    std::deque<HoldPtr> m_holds;            ///< of the hand-overs that the main context has not begun
+    const base::GMainContextPtr m_context;  ///< the power thread's
+    const base::GMainLoopPtr m_loop;        ///< on m_context
     boost::thread m_powerThread;
 };
 
