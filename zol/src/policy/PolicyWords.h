@@ -1,9 +1,8 @@
 #pragma once
-/// What stands in a policy document: the words that mean a code, and the attributes of an item.
+/// The words of a policy document that mean a code.
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <string>
 #include <string_view>
 
 #include "ZOLPolicy.h"
@@ -34,31 +33,5 @@ constexpr std::int32_t CodeOf(const std::array<TSWord, N>& words, std::string_vi
     }
     return 0;
 }
-
-/// An attribute, in lower case, and the member of the item that it fills: exactly one of the two.
-template <typename Item>
-struct TSItemAttribute {
-    const char* name;
-    std::string Item::*text = nullptr;
-    std::int32_t Item::*number = nullptr;
-};
-
-inline constexpr std::array<TSItemAttribute<ZOLVconfMonitor>, 7> kVconfAttributes{
-    {{"key", &ZOLVconfMonitor::key},
-     {"condition", &ZOLVconfMonitor::condition},
-     {"intvalue", nullptr, &ZOLVconfMonitor::intValue},
-     {"greater", nullptr, &ZOLVconfMonitor::greater},
-     {"less", nullptr, &ZOLVconfMonitor::less},
-     {"strvalue", &ZOLVconfMonitor::strValue},
-     {"type", &ZOLVconfMonitor::type}}};
-
-inline constexpr std::array<TSItemAttribute<ZOLPolicyMonitor>, 7> kMonitorAttributes{
-    {{"kind", nullptr, &ZOLPolicyMonitor::type},
-     {"id", &ZOLPolicyMonitor::id},
-     {"name", &ZOLPolicyMonitor::name},
-     {"method", nullptr, &ZOLPolicyMonitor::method},
-     {"duration", nullptr, &ZOLPolicyMonitor::duration},
-     {"repetition", nullptr, &ZOLPolicyMonitor::repetition},
-     {"reserve1", &ZOLPolicyMonitor::reserve1}}};
 
 }  // namespace zol
