@@ -2,7 +2,7 @@
 /// The text of a KPI event.
 #include <string>
 
-class TCKpiManager;
+#include "ZOLKpiManager.h"
 
 namespace zol {
 
@@ -18,9 +18,15 @@ public:
         "bt_type=;bt_name=;bt_rssi=;bt_no_detect_accum=;bt_detach_accum=}";
 
     /// Begins with the tgid, lcid and evid that `identifiers` holds.
-    explicit EventDescription(const TCKpiManager& identifiers);
+    explicit EventDescription(const TCKpiManager& identifiers) {
+        Add("tgid", identifiers.Get(KPI_TGID));
+        Add("lcid", identifiers.Get(KPI_LCID));
+        Add("evid", identifiers.Get(KPI_EVID));
+    }
 
-    void Add(const char* name, const std::string& value = "");
+    void Add(const char* name, const std::string& value = "") {
+        m_text.append(name).append("=").append(value).append(";");
+    }
     /// The description, ended by `defaultItems`.
     [[nodiscard]] std::string EndedBy(const std::string& defaultItems) const { return m_text + defaultItems; }
 

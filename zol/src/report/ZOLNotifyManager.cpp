@@ -104,8 +104,8 @@ void TCNotifyManager::m_DoNotify(long index) {
     }
     if (index == kVconfHits) {
         m_ReportVconfHits();
-    } else {
-        m_ReportMonitorHit(index);
+    } else if (const std::optional<std::string> description = m_GetKpiDescription(index)) {
+        m_SendKpi(*description);
     }
     m_UpdateVconfKey(folder.Path().c_str());
 }
@@ -136,12 +136,6 @@ void TCNotifyManager::m_ReportVconfHits() {
     }
     for (const TSVconfNotifyItem& hit : hits) {
         m_SendKpi(m_GetKpiDescription(hit.key, hit.intValue, hit.strValue));
-    }
-}
-
-void TCNotifyManager::m_ReportMonitorHit(long index) {
-    if (const std::optional<std::string> description = m_GetKpiDescription(index)) {
-        m_SendKpi(*description);
     }
 }
 

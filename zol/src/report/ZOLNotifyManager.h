@@ -30,8 +30,6 @@ public:
     /// Ends the task when it runs. Not on the task's own thread. A class that derives and handles events ends
     /// it in its own destructor: it must not run any more while the object is taken apart.
     ~TCNotifyManager() override;
-    TCNotifyManager(const TCNotifyManager&) = delete;
-    TCNotifyManager& operator=(const TCNotifyManager&) = delete;
 
     /// Starts the task. False, and logged, when it cannot; Destroy must not be called then.
     [[nodiscard]] bool Create();
@@ -71,7 +69,6 @@ private:
     void m_DoNotify(long index);
     [[nodiscard]] bool m_CreateHeaderInfo(const char* path);
     void m_ReportVconfHits();
-    void m_ReportMonitorHit(long index);
     void m_SendKpi(const std::string& description);
     void m_UpdateVconfKey(const char* path);
     void m_NotifyFromList();
