@@ -3,7 +3,7 @@
 #include <array>
 #include <cstdarg>
 #include <cstdio>
-#include <cstring>
+#include <string_view>
 
 #include "TCDebug.h"
 
@@ -14,17 +14,10 @@ namespace {
 constexpr std::size_t kMaxMessage = 4096;
 constexpr const char* kTag = "ZOL";
 
-struct BaseName {
-    const char* begin;
-    int length;
-};
-
-BaseName SourceName(const char* path) {
-    const char* slash = std::strrchr(path, '/');
-    const char* begin = slash != nullptr ? slash + 1 : path;
-    const char* dot = std::strrchr(begin, '.');
-    return {begin,
-            static_cast<int>(dot != nullptr ? static_cast<std::size_t>(dot - begin) : std::strlen(begin))};
+/// Without folder and ending.
+std::string_view SourceName(std::string_view path) {
+    path.remove_prefix(path.rfind('/') + 1);  // 0 when there is no folder
+    return path.substr(0, path.rfind('.'));
 }
 
 }  // namespace
@@ -38,9 +31,9 @@ void WriteLog(ELogPriority priority, const char* module, const char* file, const
     std::vsnprintf(message.data(), message.size(), format, arguments);
     va_end(arguments);
 
-    const BaseName source = SourceName(file);
-    dlog_emit(DLOG_BUFFER_SYSTEM, priority, kTag, "%.*s: %s(%d) > %s", source.length, source.begin, function,
-              line, message.data());
+    const std::string_view source = SourceName(file);
+    dlog_emit(DLOG_BUFFER_SYSTEM, priority, kTag, "%.*s: %s(%d) > %s", static_cast<int>(source.size()),
+              source.data(), function, line, message.data());
     if (TCDebug::m_instance->OutputEnabled()) {
         TCDebug::m_instance->External(module, function, static_cast<unsigned>(line), "%s", message.data());
     }
