@@ -23,8 +23,6 @@ public:
     /// Ends the task and withdraws the callback, which is not running when this returns. Neither on the
     /// task's own thread nor from inside the callback.
     ~TCAppInstallMonitor() override;
-    TCAppInstallMonitor(const TCAppInstallMonitor&) = delete;
-    TCAppInstallMonitor& operator=(const TCAppInstallMonitor&) = delete;
 
     /// Starts the task. False, and logged, when it cannot.
     [[nodiscard]] bool Create();

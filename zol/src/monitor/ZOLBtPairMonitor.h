@@ -31,8 +31,6 @@ public:
     /// Ends the task and withdraws the callback, which is not running when this returns. Neither on the
     /// task's own thread nor from inside the callback.
     ~TCBtPairMonitor() override;
-    TCBtPairMonitor(const TCBtPairMonitor&) = delete;
-    TCBtPairMonitor& operator=(const TCBtPairMonitor&) = delete;
 
     /// Starts the task. False, and logged, when it cannot.
     [[nodiscard]] bool Create();

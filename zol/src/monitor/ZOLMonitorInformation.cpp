@@ -25,11 +25,8 @@ std::int32_t ToSeconds(int minutes) {
 TCMonitorInformation::TCMonitorInformation(TCNotifyManager* notify, int durationMinutes, int repetition,
                                            int method, int index)
     : m_pNotify(notify),
-      m_firstCallTime(0),
-      m_bFirstCalled(false),
       m_duration(ToSeconds(durationMinutes)),
       m_policyRepetition(repetition),
-      m_currentRepetition(0),
       m_monitorIndex(index),
       m_method(method) {}
 

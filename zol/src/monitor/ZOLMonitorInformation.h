@@ -56,11 +56,11 @@ public:
 
 private:
     TCNotifyManager* m_pNotify;
-    std::int64_t m_firstCallTime;
-    bool m_bFirstCalled;
+    std::int64_t m_firstCallTime = 0;
+    bool m_bFirstCalled = false;
     std::int32_t m_duration;
     std::int32_t m_policyRepetition;
-    std::int32_t m_currentRepetition;
+    std::int32_t m_currentRepetition = 0;
     std::int32_t m_monitorIndex;
     std::int32_t m_method;
 };

@@ -27,8 +27,6 @@ public:
     /// when this returns. The notify manager is left alone. Neither on a task's own thread nor from inside a
     /// platform callback.
     ~TCMonitorManager() override;
-    TCMonitorManager(const TCMonitorManager&) = delete;
-    TCMonitorManager& operator=(const TCMonitorManager&) = delete;
 
     /// Starts the task. False, and logged, when it cannot.
     [[nodiscard]] bool Create();

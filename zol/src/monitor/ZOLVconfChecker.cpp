@@ -94,9 +94,6 @@ void TCVconfChecker::m_KeyChangedCb(keynode_t* node, void* userData) {
 }
 
 bool TCVconfChecker::m_Check(const keynode_t* node) {
-    if (node == nullptr || node->keyname == nullptr) {
-        return false;
-    }
     const auto first = m_firstItem.find(node->keyname);
     if (first == m_firstItem.end()) {
         return false;

@@ -27,8 +27,6 @@ public:
     TCVconfChecker(TCNotifyManager* notify, std::vector<ZOLVconfMonitor> items);
     /// Withdraws every key callback and, when the task runs, Destroy. Not on the task's own thread.
     ~TCVconfChecker() override;
-    TCVconfChecker(const TCVconfChecker&) = delete;
-    TCVconfChecker& operator=(const TCVconfChecker&) = delete;
 
     /// Starts the task. False, and logged, when it cannot; Destroy must not be called then.
     [[nodiscard]] bool Create();
