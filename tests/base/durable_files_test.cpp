@@ -1,14 +1,12 @@
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "base/atomic_file.h"
 #include "base/set_aside.h"
+#include "files.h"
 #include "full_disk.h"
 #include "temporary_folder.h"
 
@@ -19,13 +17,8 @@ namespace fs = std::filesystem;
 class DurableFiles : public testing::Test {
 protected:
     std::string Path(const std::string& name = "file") const { return m_folder.Path() + "/" + name; }
-    void Write(const std::string& name, const std::string& text) const { std::ofstream(Path(name)) << text; }
-    std::string Read(const std::string& name = "file") const {
-        std::ifstream file(Path(name));
-        std::ostringstream text;
-        text << file.rdbuf();
-        return file.is_open() ? text.str() : "(absent)";
-    }
+    void Write(const std::string& name, const std::string& text) const { WriteFile(Path(name), text); }
+    Files Content() const { return ReadFolder(m_folder.Path()); }
 
     const TemporaryFolder m_folder;
 };
@@ -35,28 +28,19 @@ using ReplaceFile = DurableFiles;
 TEST_F(ReplaceFile, PutsTheNewContentInPlaceOfTheOld) {
     Write("file", "old and longer");
     EXPECT_FALSE(base::ReplaceFile(Path(), "new", 0640));
-    EXPECT_EQ(Read(), "new");
-    struct stat status {};
-    ASSERT_EQ(stat(Path().c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777, 0640U);
-    EXPECT_FALSE(fs::exists(Path("file.new")));
+    EXPECT_EQ(Content(), (Files{{"file", "new"}}));
+    EXPECT_EQ(ModeOf(Path()), 0640U);
 }
 
-TEST_F(ReplaceFile, ReplacesALinkAndLeavesItsTargetAlone) {
-    Write("target", "precious");
-    fs::create_symlink("target", Path());
-    EXPECT_FALSE(base::ReplaceFile(Path(), "new", 0640));
-    EXPECT_EQ(Read("target"), "precious");
-    EXPECT_FALSE(fs::is_symlink(Path()));
-    EXPECT_EQ(Read(), "new");
-}
-
-TEST_F(ReplaceFile, WritesThroughNothingThatLiesUnderTheTemporaryName) {
-    Write("target", "precious");
-    fs::create_symlink("target", Path("file.new"));
-    EXPECT_FALSE(base::ReplaceFile(Path(), "new", 0640));
-    EXPECT_EQ(Read("target"), "precious");
-    EXPECT_EQ(Read(), "new");
+TEST_F(ReplaceFile, FollowsNoLinkUnderItsNameOrTheTemporaryOne) {
+    for (const char* name : {"file", "file.new"}) {
+        Write("target", "precious");
+        fs::create_symlink("target", Path(name));
+        EXPECT_FALSE(base::ReplaceFile(Path(), "new", 0640));
+        EXPECT_EQ(Content(), (Files{{"file", "new"}, {"target", "precious"}}));
+        EXPECT_FALSE(fs::is_symlink(Path()));
+        fs::remove(Path());
+    }
 }
 
 TEST_F(ReplaceFile, KeepsTheOldContentWhenTheDiskIsFull) {
@@ -67,8 +51,7 @@ TEST_F(ReplaceFile, KeepsTheOldContentWhenTheDiskIsFull) {
         error = base::ReplaceFile(Path(), std::string(5000, 'x'), 0640);
     }
     EXPECT_EQ(error, std::errc::file_too_large);
-    EXPECT_EQ(Read(), "old");
-    EXPECT_FALSE(fs::exists(Path("file.new")));
+    EXPECT_EQ(Content(), (Files{{"file", "old"}}));
 }
 
 TEST_F(ReplaceFile, SaysWhyItCannot) {
@@ -86,58 +69,54 @@ TEST_F(ReplaceFile, LeavesTheOldContentWhenItIsNotCarriedThrough) {
         EXPECT_EQ(file.Write("new"), 3U);
         EXPECT_FALSE(file.SetOwner(geteuid(), getegid()));
         EXPECT_FALSE(file.Sync());
-        EXPECT_EQ(Read("file.new"), "new");
+        EXPECT_EQ(Content(), (Files{{"file", "old"}, {"file.new", "new"}}));
     }
-    EXPECT_EQ(Read(), "old");
-    EXPECT_FALSE(fs::exists(Path("file.new")));
+    EXPECT_EQ(Content(), (Files{{"file", "old"}}));
 }
 
-using SetAside = DurableFiles;
+class SetAside : public DurableFiles {
+protected:
+    /// Sets "file" aside, which succeeds.
+    void KeepIt() const {
+        const base::SetAsideResult result = base::SetAside(Path());
+        EXPECT_FALSE(result.error);
+        EXPECT_EQ(result.name, Path("file.damaged"));
+    }
+};
 
 TEST_F(SetAside, MovesTheDatabaseWithItsCompanions) {
-    for (const char* name : {"file", "file-wal", "file-shm", "file-journal"}) {
-        Write(name, name);
-    }
-    const base::SetAsideResult result = base::SetAside(Path());
-    EXPECT_FALSE(result.error);
-    EXPECT_EQ(result.name, Path("file.damaged"));
+    Files expected;
     for (const std::string part : {"", "-wal", "-shm", "-journal"}) {
-        EXPECT_EQ(Read("file.damaged" + part), "file" + part);
-        EXPECT_FALSE(fs::exists(Path("file" + part))) << part;
+        Write("file" + part, part);
+        expected["file.damaged" + part] = part;
     }
+    KeepIt();
+    EXPECT_EQ(Content(), expected);
 }
 
 TEST_F(SetAside, KeepsTheNewestOnlyAndNoCompanionOfAnother) {
     Write("file.damaged", "older");
     Write("file.damaged-wal", "older");
     Write("file", "newer");
-    EXPECT_EQ(base::SetAside(Path()).name, Path("file.damaged"));
-    EXPECT_EQ(Read("file.damaged"), "newer");
-    EXPECT_EQ(Read("file.damaged-wal"), "(absent)");
+    KeepIt();
+    EXPECT_EQ(Content(), (Files{{"file.damaged", "newer"}}));
 }
 
 TEST_F(SetAside, GoesOnWhereAPowerCutEndedIt) {
     Write("file.damaged-wal", "moved already");
     Write("file", "damaged");
-    EXPECT_EQ(base::SetAside(Path()).name, Path("file.damaged"));
-    EXPECT_EQ(Read("file.damaged"), "damaged");
-    EXPECT_EQ(Read("file.damaged-wal"), "moved already");
+    KeepIt();
+    EXPECT_EQ(Content(), (Files{{"file.damaged", "damaged"}, {"file.damaged-wal", "moved already"}}));
 }
 
-TEST_F(SetAside, ClearsALogWhoseDatabaseIsGone) {
+TEST_F(SetAside, KeepsALogWhoseDatabaseIsGoneUntilThereIsAnotherDatabase) {
     Write("file-wal", "left over");
     EXPECT_FALSE(base::SetAside(Path()).error);
-    EXPECT_EQ(Read("file.damaged-wal"), "left over");
+    EXPECT_EQ(ReadFile(Path("file.damaged-wal")), "left over");
     EXPECT_FALSE(fs::exists(Path("file-wal")));
-}
-
-TEST_F(SetAside, KeepsNoDatabaseWithTheLogOfOneThatWasGone) {
-    Write("file-wal", "left over");
-    EXPECT_FALSE(base::SetAside(Path()).error);
     Write("file", "later");
-    EXPECT_FALSE(base::SetAside(Path()).error);
-    EXPECT_EQ(Read("file.damaged"), "later");
-    EXPECT_EQ(Read("file.damaged-wal"), "(absent)");
+    KeepIt();
+    EXPECT_EQ(Content(), (Files{{"file.damaged", "later"}}));
 }
 
 TEST_F(SetAside, IsDoneAlsoWhenItsFolderCannotBeSynced) {
@@ -146,11 +125,9 @@ TEST_F(SetAside, IsDoneAlsoWhenItsFolderCannotBeSynced) {
     getrlimit(RLIMIT_NOFILE, &before);
     const rlimit none{0, before.rlim_max};
     setrlimit(RLIMIT_NOFILE, &none);
-    const base::SetAsideResult result = base::SetAside(Path());
+    KeepIt();
     setrlimit(RLIMIT_NOFILE, &before);
-    EXPECT_FALSE(result.error);
-    EXPECT_EQ(result.name, Path("file.damaged"));
-    EXPECT_EQ(Read("file.damaged"), "damaged");
+    EXPECT_EQ(Content(), (Files{{"file.damaged", "damaged"}}));
 }
 
 TEST_F(SetAside, RemovesWhatItCannotKeep) {

@@ -7,9 +7,9 @@
 
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
 #include <string>
 
+#include "files.h"
 #include "temporary_folder.h"
 
 namespace {
@@ -24,7 +24,6 @@ constexpr uid_t kStranger = 65534;
 class Folders : public testing::Test {
 protected:
     Folders() {
-        chmod(m_root.Path().c_str(), 0755);
         for (const char* folder : {"/var", "/opt", "/tmp"}) {
             fs::create_directory(Host(folder));
             chmod(Host(folder).c_str(), 0755);
@@ -44,11 +43,6 @@ protected:
 
     const TemporaryFolder m_root;
 };
-
-mode_t ModeOf(const std::string& path) {
-    struct stat status {};
-    return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
-}
 
 TEST_F(Folders, AreMadeAsFarAsAsked) {
     EXPECT_EQ(Open("/var/lib/zol", Make::Last).error, std::errc::no_such_file_or_directory);
@@ -177,7 +171,7 @@ TEST_F(Folders, OfAnOrdinaryUserMayBeLinkedByThatUser) {
 }
 
 TEST_F(Folders, AreNotMadeInPlaceOfAFile) {
-    std::ofstream(Host("/var/file")) << "x";
+    WriteFile(Host("/var/file"), "x");
     EXPECT_EQ(Open("/var/file").refused, "\"file\" is a link or not a folder");
     EXPECT_EQ(Open("/var/file/below").error, std::errc::not_a_directory);
 }

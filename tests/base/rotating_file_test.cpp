@@ -7,12 +7,11 @@
 
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "base/unique_fd.h"
+#include "files.h"
 #include "full_disk.h"
 #include "temporary_folder.h"
 
@@ -28,12 +27,7 @@ protected:
     RotatingFile() { g_now = 0; }
 
     std::string Path(const std::string& name = "main.log") const { return m_root.Path() + "/log/" + name; }
-    std::string Read(const std::string& name = "main.log") const {
-        std::ifstream file(Path(name));
-        std::ostringstream text;
-        text << file.rdbuf();
-        return text.str();
-    }
+    std::string Read(const std::string& name = "main.log") const { return ReadFile(Path(name)); }
     base::RotatingFile Make(std::int64_t maxBytes = 1000) {
         return {{m_root.Path() + "/", Path()},
                 {maxBytes, 2},
@@ -51,9 +45,7 @@ TEST_F(RotatingFile, IsMadeWithItsFolderAndAppendedTo) {
     Make().Write("one\n");
     Make().Write("two\n");
     EXPECT_EQ(Read(), "one\ntwo\n");
-    struct stat status {};
-    ASSERT_EQ(stat(Path().c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777, 0640U);
+    EXPECT_EQ(ModeOf(Path()), 0640U);
     EXPECT_TRUE(m_reports.empty());
 }
 
@@ -62,10 +54,8 @@ TEST_F(RotatingFile, KeepsTwoOldFilesAndStaysWithinItsLimit) {
     for (const char* line : {"longer than the limit\n", "123456789\n", "1\n", "2345678\n", "9\n"}) {
         file.Write(line);
     }
-    EXPECT_EQ(Read(), "9\n");
-    EXPECT_EQ(Read("main.1.log"), "1\n2345678\n");
-    EXPECT_EQ(Read("main.2.log"), "123456789\n");
-    EXPECT_FALSE(fs::exists(Path("main.3.log")));
+    EXPECT_EQ(ReadFolder(Path("")),
+              (Files{{"main.log", "9\n"}, {"main.1.log", "1\n2345678\n"}, {"main.2.log", "123456789\n"}}));
 }
 
 TEST_F(RotatingFile, IsRotatedOnceForAllWhoWrite) {
@@ -75,9 +65,9 @@ TEST_F(RotatingFile, IsRotatedOnceForAllWhoWrite) {
     other.Write("b23456789\n");
     one.Write("c23456789\n");
     other.Write("d23456789\n");
-    EXPECT_EQ(Read(), "d23456789\n");
-    EXPECT_EQ(Read("main.1.log"), "c23456789\n");
-    EXPECT_EQ(Read("main.2.log"), "b23456789\n");
+    EXPECT_EQ(
+        ReadFolder(Path("")),
+        (Files{{"main.log", "d23456789\n"}, {"main.1.log", "c23456789\n"}, {"main.2.log", "b23456789\n"}}));
 }
 
 TEST_F(RotatingFile, ComesBackAfterItWasDeletedWithItsFolder) {
@@ -93,7 +83,7 @@ TEST_F(RotatingFile, ComesBackAfterItWasDeletedWithItsFolder) {
 }
 
 TEST_F(RotatingFile, IsTriedAgainASecondLaterAndReportedOnce) {
-    std::ofstream(m_root.Path() + "/log") << "a file where a folder should be";
+    WriteFile(m_root.Path() + "/log", "a file where a folder should be");
     base::RotatingFile file = Make();
     file.Write("lost\n");
     fs::remove(m_root.Path() + "/log");
@@ -106,7 +96,7 @@ TEST_F(RotatingFile, IsTriedAgainASecondLaterAndReportedOnce) {
     EXPECT_EQ(m_reports, std::vector<std::string>{"cannot be opened: Not a directory"});
 
     fs::remove_all(m_root.Path() + "/log");
-    std::ofstream(m_root.Path() + "/log") << "again";
+    WriteFile(m_root.Path() + "/log", "again");
     file.Write("lost\n");
     EXPECT_EQ(m_reports.size(), 2U);
 }
@@ -146,12 +136,11 @@ TEST_F(RotatingFile, DoesNotWriteOnIntoAPipeThatTookItsPlace) {
 TEST_F(RotatingFile, DoesNotGrowWhenItCannotBeRotated) {
     base::RotatingFile file = Make(10);
     file.Write("123456789\n");
-    std::ofstream(Path("main.1.log")) << "older";
+    WriteFile(Path("main.1.log"), "older");
     fs::create_directory(Path("main.2.log"));
     file.Write("lost\n");
     EXPECT_EQ(Read(), "123456789\n");
-    ASSERT_EQ(m_reports.size(), 1U);
-    EXPECT_EQ(m_reports[0], "cannot be rotated: Is a directory");
+    EXPECT_EQ(m_reports, std::vector<std::string>{"cannot be rotated: Is a directory"});
 
     fs::remove(Path("main.2.log"));
     g_now = kSecond;
@@ -176,15 +165,11 @@ TEST_F(RotatingFile, SaysThatTheDiskIsFullAndStillRotates) {
 }
 
 TEST_F(RotatingFile, IsFoundThroughALinkOfTheImage) {
-    chmod(m_root.Path().c_str(), 0755);
     fs::create_symlink("/volatile", m_root.Path() + "/log");
     base::RotatingFile file = Make();
     file.Write("one\n");
     file.Write("two\n");
-    std::ifstream written(m_root.Path() + "/volatile/main.log");
-    std::string line;
-    EXPECT_TRUE(std::getline(written, line) && std::getline(written, line));
-    EXPECT_EQ(line, "two");
+    EXPECT_EQ(ReadFile(m_root.Path() + "/volatile/main.log"), "one\ntwo\n");
 }
 
 }  // namespace
