@@ -2,13 +2,12 @@
 
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <mutex>
 #include <optional>
-#include <sstream>
 
 #include "device_path.h"
 #include "fake_internal.h"
+#include "files.h"
 #include "temporary_folder.h"
 
 namespace fs = std::filesystem;
@@ -67,16 +66,11 @@ std::string Root() {
 }
 
 void WriteDeviceFile(const std::string& devicePath, const std::string& content) {
-    const fs::path path = Root() + devicePath;
-    fs::create_directories(path.parent_path());
-    std::ofstream(path, std::ios::binary) << content;
+    WriteFile(Root() + devicePath, content);
 }
 
 std::string ReadDeviceFile(const std::string& devicePath) {
-    const std::ifstream file(Root() + devicePath, std::ios::binary);
-    std::ostringstream content;
-    content << file.rdbuf();
-    return content.str();
+    return ReadFile(Root() + devicePath);
 }
 
 bool DeviceFileExists(const std::string& devicePath) {

@@ -140,16 +140,8 @@ std::string Process::ReadAll() {
     return text;
 }
 
-void Process::Release() {
-    m_input.Reset();
-}
-
-void Process::CloseOutput() {
-    m_output.Reset();
-}
-
-void Process::Kill() {
-    kill(m_pid, SIGKILL);
+void Process::Signal(int number) {
+    kill(m_pid, number);
 }
 
 int Process::Wait() {

@@ -2,6 +2,7 @@
 /// Processes that tests start: this very program again, running one of its named bodies instead of tests.
 #include <sys/types.h>
 
+#include <csignal>
 #include <optional>
 #include <string>
 #include <vector>
@@ -37,10 +38,11 @@ public:
     /// All that it still prints.
     std::string ReadAll();
     /// Lets a body that waits in WaitForRelease() go on.
-    void Release();
-    void Kill();
+    void Release() { m_input.Reset(); }
+    void Kill() { Signal(SIGKILL); }
+    void Signal(int number);
     /// Nobody reads its output any more.
-    void CloseOutput();
+    void CloseOutput() { m_output.Reset(); }
     /// Its exit status, or minus the signal that ended it.
     int Wait();
 

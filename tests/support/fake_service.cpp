@@ -1,12 +1,9 @@
 #include "fake_service.h"
 
-#include <cstdlib>
 #include <future>
 #include <memory>
 #include <stdexcept>
 #include <utility>
-
-#include "base/bus_link.h"
 
 namespace {
 
@@ -26,7 +23,8 @@ FakeService::FakeService(const std::string& name, const std::string& path, const
         // Objects are served on the thread's default context.
         g_main_context_push_thread_default(m_context.get());
         try {
-            Enter(std::getenv(bus), name, path, xml);
+            m_connection = ConnectTo(bus);
+            Enter(name, path, xml);
             entered.set_value();
         } catch (...) {
             m_stop = true;
@@ -59,14 +57,9 @@ void FakeService::Leave() {
     }
 }
 
-void FakeService::Enter(const char* address, const std::string& name, const std::string& path,
-                        const std::string& xml) {
+void FakeService::Enter(const std::string& name, const std::string& path, const std::string& xml) {
     static const GDBusInterfaceVTable table = {MethodCb, nullptr, nullptr, {}};
     base::GErrorPtr error;
-    m_connection.reset(g_dbus_connection_new_for_address_sync(address, base::kBusConnectionFlags, nullptr,
-                                                              nullptr, base::OutError(error)));
-    ThrowIf(error);
-    g_dbus_connection_set_exit_on_close(m_connection.get(), FALSE);
     const std::unique_ptr<GDBusNodeInfo, base::FreeWith<g_dbus_node_info_unref>> info(
         g_dbus_node_info_new_for_xml(xml.c_str(), base::OutError(error)));
     ThrowIf(error);

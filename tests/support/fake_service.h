@@ -29,7 +29,7 @@ private:
     static void MethodCb(GDBusConnection* connection, const char* sender, const char* path,
                          const char* interface, const char* method, GVariant* arguments,
                          GDBusMethodInvocation* invocation, gpointer data);
-    void Enter(const char* address, const std::string& name, const std::string& path, const std::string& xml);
+    void Enter(const std::string& name, const std::string& path, const std::string& xml);
     void Leave();
 
     const Handler m_handler;

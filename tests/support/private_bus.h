@@ -1,9 +1,12 @@
 #pragma once
 /// A bus of the test's own.
-#include <sys/types.h>
+#include <gio/gio.h>
 
+#include <optional>
 #include <string>
 
+#include "base/glib_handles.h"
+#include "child_process.h"
 #include "temporary_folder.h"
 
 /// Environment variables that say where a bus is.
@@ -17,9 +20,6 @@ class PrivateBus {
 public:
     /// @param policy the <policy> elements and <include>s of its configuration; empty: allow everything.
     explicit PrivateBus(const char* variable = kSystemBus, const std::string& policy = "");
-    ~PrivateBus();
-    PrivateBus(const PrivateBus&) = delete;
-    PrivateBus& operator=(const PrivateBus&) = delete;
 
     /// Starts the bus and returns when it takes connections. Its address stays the same over its whole life.
     /// Throws std::runtime_error when it does not start.
@@ -35,5 +35,8 @@ public:
 private:
     TemporaryFolder m_folder;
     std::string m_address;
-    pid_t m_pid = -1;
+    std::optional<child::Process> m_daemon;
 };
+
+/// A connection to the bus that the variable names. Throws std::runtime_error where there is none.
+[[nodiscard]] base::GObjectPtr<GDBusConnection> ConnectTo(const char* variable = kSystemBus);

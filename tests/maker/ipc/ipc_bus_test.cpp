@@ -9,14 +9,12 @@
 
 namespace {
 
-using EResult = zol::TCDbusClient::EResult;
 using fakes::dlog::Count;
 using fakes::dlog::Has;
 using test::Bytes;
 using test::CallOnce;
+using test::EResult;
 using test::Peer;
-
-constexpr const char* kName = "org.zol.Daemon1";
 
 class IpcBus : public test::OnPrivateBus {};
 
@@ -46,31 +44,8 @@ TEST_F(IpcWithoutBus, TheServerNotifiesNobodyAndGoes) {
     EXPECT_EQ(server.SendNotification(5, -1), 0);
 }
 
-TEST_F(IpcWithoutBus, TheClientSaysUnreachable) {
-    zol::TCDbusClient client(false);
-    Bytes reply;
-
-    EXPECT_EQ(client.Call(test::kEcho, {1}, reply, -1), EResult::UNREACHABLE);
-    EXPECT_NE(client.LastError(), "");
-}
-
-TEST_F(IpcWithoutBus, AClientThatFailedConnectsWhenTheBusIsThere) {
-    zol::TCDbusClient client(false);
-    Bytes reply;
-    ASSERT_EQ(client.Call(test::kEcho, {1}, reply, -1), EResult::UNREACHABLE);
-    m_bus.Start();
-    const auto server = Serving();
-    test::RegisterEcho(*server);
-
-    EResult result = EResult::FAILED;
-    test::ServeWhile([&] { result = client.Call(test::kEcho, {1}, reply, -1); });
-
-    EXPECT_EQ(result, EResult::HANDLED);
-    EXPECT_EQ(client.LastError(), "");
-}
-
 TEST_F(IpcBus, AnAddressThatMakesNoSenseIsLoggedOnceAndTheDaemonComesUp) {
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", "nonsense", 1);
+    setenv(kSystemBus, "nonsense", 1);
     zol::TCDbusServer server(false);
 
     EXPECT_TRUE(ServeUntil([] { return Has("IPC: cannot reach the bus"); }));
@@ -78,16 +53,14 @@ TEST_F(IpcBus, AnAddressThatMakesNoSenseIsLoggedOnceAndTheDaemonComesUp) {
 }
 
 TEST_F(IpcBus, WithoutADaemonTheClientSaysUnreachable) {
-    zol::TCDbusClient client(false);
-    Bytes reply;
+    const test::Outcome outcome = CallOnce(test::kEcho, {1});
 
-    EXPECT_EQ(client.Call(test::kEcho, {1}, reply, -1), EResult::UNREACHABLE);
-    EXPECT_THAT(client.LastError(), testing::HasSubstr(kName));
+    EXPECT_EQ(outcome.result, EResult::UNREACHABLE);
+    EXPECT_THAT(outcome.error, testing::HasSubstr(test::kDaemonName));
 }
 
 TEST_F(IpcBus, ABusThatGoesAndComesBackIsLoggedOnceEachAndServedAgain) {
     const auto server = Serving();
-    test::RegisterEcho(*server);
     fakes::dlog::Clear();
 
     m_bus.Stop();
@@ -103,8 +76,7 @@ TEST_F(IpcBus, ABusThatGoesAndComesBackIsLoggedOnceEachAndServedAgain) {
 
 TEST_F(IpcBus, SubscribersOfALostBusAreForgottenAndTheWaitForThemEnds) {
     const auto server = Serving();
-    Peer hanging;
-    ASSERT_EQ(hanging.SubscribeAndHang("/a"), "");
+    const Peer hanging(Peer::Hang);
     test::After(0, [this] { m_bus.Stop(); });
 
     EXPECT_EQ(server->SendNotification(5, -1), 0);
@@ -114,55 +86,49 @@ TEST_F(IpcBus, SubscribersOfALostBusAreForgottenAndTheWaitForThemEnds) {
 
 TEST_F(IpcBus, SubscribersOfALostBusTakeNoRoomFromThoseOfTheNext) {
     const auto server = Serving();
-    std::vector<std::unique_ptr<Peer>> peers;
-    for (int i = 0; i < 16; ++i) {
-        peers.push_back(std::make_unique<Peer>());
-        for (const char* path : {"/a", "/b", "/c", "/d"}) {
-            ASSERT_EQ(peers.back()->SubscribeAndReply(path), "");
-        }
-    }
+    const auto peers = test::AllPeers();
 
     m_bus.Stop();
     ASSERT_TRUE(ServeUntil([] { return Has("IPC: lost the bus"); }));
     m_bus.Start();
     ASSERT_TRUE(ServeUntil([] { return Count("IPC: serving") == 2; }));
 
-    Peer newcomer;
-    EXPECT_EQ(newcomer.SubscribeAndReply("/a"), "");
+    const Peer newcomer(Peer::Reply);
     EXPECT_EQ(server->SendNotification(5, -1), 1);
 }
 
 TEST_F(IpcBus, AClientSurvivesItsBus) {
     const auto server = Serving();
-    test::RegisterEcho(*server);
     zol::TCDbusClient client(false);
-    Bytes reply;
-    EResult result = EResult::FAILED;
-    const auto call = [&] { test::ServeWhile([&] { result = client.Call(4, {1}, reply, -1); }); };
-    call();
-    ASSERT_EQ(result, EResult::HANDLED);
+    const auto call = [&] {
+        Bytes reply;
+        EResult result = EResult::FAILED;
+        test::ServeWhile([&] { result = client.Call(test::kEcho, {1}, reply, -1); });
+        return result;
+    };
+    ASSERT_EQ(call(), EResult::HANDLED);
 
     m_bus.Stop();
     ASSERT_TRUE(ServeUntil([] { return Has("IPC: lost the bus"); }));
-    call();
-    EXPECT_EQ(result, EResult::UNREACHABLE);
+    EXPECT_EQ(call(), EResult::UNREACHABLE);
+    EXPECT_NE(client.LastError(), "");
     m_bus.Start();
     ASSERT_TRUE(ServeUntil([] { return Count("IPC: serving") == 2; }));
-    call();
 
-    EXPECT_EQ(result, EResult::HANDLED);
+    EXPECT_EQ(call(), EResult::HANDLED);
+    EXPECT_EQ(client.LastError(), "");
 }
 
 TEST_F(IpcBus, ANameThatIsTakenIsLoggedOnceAndServedWhenItIsFreed) {
     Peer squatter;
-    ASSERT_TRUE(squatter.OwnName(kName));
+    ASSERT_TRUE(squatter.OwnName(test::kDaemonName));
     zol::TCDbusServer server(false);
     test::RegisterEcho(server);
     ASSERT_TRUE(ServeUntil([] { return Has("IPC: the name is taken"); }));
     EXPECT_EQ(Count("IPC: "), 1);
     EXPECT_EQ(fakes::dlog::Find("IPC: ").priority, DLOG_PRIORITY_ERROR);
 
-    squatter.ReleaseName(kName);
+    squatter.ReleaseName(test::kDaemonName);
 
     ASSERT_TRUE(ServeUntil([] { return Has("IPC: serving"); }));
     EXPECT_EQ(Count("IPC: "), 2);
@@ -173,7 +139,7 @@ TEST_F(IpcBus, TheNameIsFreeOnceTheServerIsGone) {
     Serving();
     Peer successor;
 
-    EXPECT_TRUE(ServeUntil([&] { return successor.OwnName(kName); }));
+    EXPECT_TRUE(ServeUntil([&] { return successor.OwnName(test::kDaemonName); }));
 }
 
 TEST_F(IpcBus, APausedBusHoldsUpNeitherTheServerNorTheClient) {
@@ -181,16 +147,14 @@ TEST_F(IpcBus, APausedBusHoldsUpNeitherTheServerNorTheClient) {
     {
         zol::TCDbusServer server(false);
         test::ServeFor(20);
-        zol::TCDbusClient client(false);
-        Bytes reply;
-        EXPECT_EQ(client.Call(test::kEcho, {1}, reply, 50), EResult::UNREACHABLE);
-        EXPECT_NE(client.LastError(), "");
+        const test::Outcome outcome = CallOnce(test::kEcho, {1}, 50);
+        EXPECT_EQ(outcome.result, EResult::UNREACHABLE);
+        EXPECT_NE(outcome.error, "");
     }
     m_bus.Resume();
     test::ServeFor(20);
 
     const auto server = Serving();
-    test::RegisterEcho(*server);
     EXPECT_EQ(CallOnce(test::kEcho, {1}).result, EResult::HANDLED);
 }
 
@@ -202,7 +166,7 @@ TEST_F(IpcBus, AServerGoesInTimeFromABusThatStoppedReading) {
 
     m_bus.Resume();
     Peer successor;
-    EXPECT_TRUE(ServeUntil([&] { return successor.OwnName(kName); }));
+    EXPECT_TRUE(ServeUntil([&] { return successor.OwnName(test::kDaemonName); }));
 }
 
 TEST_F(IpcBus, AServerThatGoesWhileItConnectsLeavesNothingBehind) {
@@ -211,12 +175,11 @@ TEST_F(IpcBus, AServerThatGoesWhileItConnectsLeavesNothingBehind) {
 
     EXPECT_EQ(Count("IPC: "), 0);
     Peer successor;
-    EXPECT_TRUE(successor.OwnName(kName));
+    EXPECT_TRUE(successor.OwnName(test::kDaemonName));
 }
 
 TEST_F(IpcBus, ACallThatIsStillWaitingWhenTheServerGoesIsAnsweredWithAnError) {
     auto server = Serving();
-    test::RegisterEcho(*server);
     EResult result = EResult::HANDLED;
     std::atomic<bool> asked{false};
     std::thread caller([&] {
@@ -225,9 +188,7 @@ TEST_F(IpcBus, ACallThatIsStillWaitingWhenTheServerGoesIsAnsweredWithAnError) {
         asked = true;
         result = client.Call(test::kEcho, {1}, reply, -1);
     });
-    while (!asked) {
-        std::this_thread::yield();
-    }
+    ASSERT_TRUE(Eventually([&] { return asked.load(); }));
 
     server.reset();  // without serving: the call is on its way or queued
     test::ServeWhile([&] { caller.join(); });

@@ -1,59 +1,10 @@
 #include "ipc_fixture.h"
 
 #include <atomic>
-#include <exception>
-#include <stdexcept>
 #include <thread>
 #include <utility>
 
-#include "base/bus_link.h"
-
 namespace test {
-namespace {
-
-constexpr const char* kName = "org.zol.Daemon1";
-constexpr const char* kPath = "/org/zol/Daemon1";
-constexpr const char* kInterface = "org.zol.Native1";
-constexpr const char* kClientXml =
-    "<node><interface name='org.zol.NotificationClient1'><method name='Notify'>"
-    "<arg name='code' type='i' direction='in'/></method></interface></node>";
-
-struct Answer {
-    bool done = false;
-    std::string error;
-    GVariant* reply = nullptr;
-};
-
-void OnAnswer(GObject* source, GAsyncResult* result, gpointer data) {
-    auto* answer = static_cast<Answer*>(data);
-    GError* error = nullptr;
-    answer->reply = g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, &error);
-    if (error != nullptr) {
-        gchar* name = g_dbus_error_get_remote_error(error);
-        answer->error = name != nullptr ? name : error->message;
-        g_free(name);
-        g_error_free(error);
-    }
-    answer->done = true;
-}
-
-void ReplyAtOnce(Peer& /*peer*/, int /*code*/, GDBusMethodInvocation* invocation) {
-    g_dbus_method_invocation_return_value(invocation, nullptr);
-}
-
-guint32 AskBus(GDBusConnection* connection, const char* method, GVariant* arguments) {
-    GVariant* reply = g_dbus_connection_call_sync(
-        connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", method,
-        arguments, G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-    guint32 answer = 0;
-    if (reply != nullptr) {
-        g_variant_get(reply, "(u)", &answer);
-        g_variant_unref(reply);
-    }
-    return answer;
-}
-
-}  // namespace
 
 void ServeFor(unsigned milliseconds) {
     bool isOver = false;
@@ -83,100 +34,93 @@ void After(unsigned milliseconds, std::function<void()> body) {
         new std::function<void()>(std::move(body)));
 }
 
-struct Peer::Offer {
-    Peer* peer;
-    OnNotify onNotify;
-    guint registration;
-};
+// Unlike GDBus's own calls this one can do without an interface.
+Answer Ask(GDBusConnection* connection, const Question& question) {
+    const base::GObjectPtr<GDBusMessage> message(
+        g_dbus_message_new_method_call(question.name, question.path, question.interface, question.method));
+    if (question.arguments != nullptr) {
+        g_dbus_message_set_body(message.get(), question.arguments);
+    }
+    base::GErrorPtr error;
+    const base::GObjectPtr<GDBusMessage> reply(g_dbus_connection_send_message_with_reply_sync(
+        connection, message.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE,
+        static_cast<gint>(std::chrono::milliseconds(kPatience).count()), nullptr, nullptr,
+        base::OutError(error)));
+    Answer answer;
+    if (reply != nullptr && g_dbus_message_to_gerror(reply.get(), base::OutError(error)) == FALSE) {
+        GVariant* body = g_dbus_message_get_body(reply.get());
+        answer.body.reset(body != nullptr ? g_variant_ref(body) : nullptr);
+    }
+    if (error != nullptr) {
+        const base::GStringPtr name(g_dbus_error_get_remote_error(error.get()));
+        answer.error = name != nullptr ? name.get() : error->message;
+    }
+    return answer;
+}
 
-Peer::Peer() : m_info(g_dbus_node_info_new_for_xml(kClientXml, nullptr)) {
-    gchar* address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
-    m_connection =
-        g_dbus_connection_new_for_address_sync(address, base::kBusConnectionFlags, nullptr, nullptr, nullptr);
-    g_free(address);
-    if (m_connection == nullptr) {
-        throw std::runtime_error("a peer cannot reach the private bus");
+Peer::Peer(const OnNotify& onNotify, const Paths& paths) {
+    for (const std::string& path : paths) {
+        EXPECT_EQ(Subscribe(path, onNotify), "");
     }
 }
 
 Peer::~Peer() {
-    for (const auto& offer : m_offers) {
-        g_dbus_connection_unregister_object(m_connection, offer->registration);
+    for (const auto& served : m_served) {
+        g_dbus_connection_unregister_object(Connection(), served->registration);
     }
-    Leave();
+    g_dbus_connection_close_sync(Connection(), nullptr, nullptr);
     for (GDBusMethodInvocation* invocation : m_kept) {
         g_object_unref(invocation);
     }
-    g_object_unref(m_connection);
-    g_dbus_node_info_unref(m_info);
 }
 
-std::string Peer::Call(const char* method, GVariant* arguments, GVariant** reply) {
+void Peer::Reply(Peer& /*peer*/, int /*code*/, GDBusMethodInvocation* invocation) {
+    g_dbus_method_invocation_return_value(invocation, nullptr);
+}
+
+void Peer::Hang(Peer& peer, int /*code*/, GDBusMethodInvocation* invocation) {
+    peer.m_kept.push_back(invocation);
+}
+
+void Peer::Die(Peer& peer, int /*code*/, GDBusMethodInvocation* invocation) {
+    g_dbus_connection_close_sync(peer.Connection(), nullptr, nullptr);
+    g_object_unref(invocation);
+}
+
+std::string Peer::Call(const char* method, GVariant* arguments) {
     Answer answer;
-    g_dbus_connection_call(m_connection, kName, kPath, kInterface, method, arguments, nullptr,
-                           G_DBUS_CALL_FLAGS_NONE, G_MAXINT, nullptr, OnAnswer, &answer);
-    if (!ServeUntil([&] { return answer.done; })) {
-        std::terminate();  // a late answer would write to this frame
-    }
-    if (reply != nullptr) {
-        *reply = answer.reply;
-    } else if (answer.reply != nullptr) {
-        g_variant_unref(answer.reply);
-    }
+    ServeWhile([&] { answer = Ask(Connection(), {kDaemonName, kDaemonPath, kNative, method, arguments}); });
     return answer.error;
 }
 
-void Peer::Send(const char* method, GVariant* arguments) {
-    g_dbus_connection_call(m_connection, kName, kPath, kInterface, method, arguments, nullptr,
-                           G_DBUS_CALL_FLAGS_NONE, G_MAXINT, nullptr, nullptr, nullptr);
-    g_dbus_connection_flush_sync(m_connection, nullptr, nullptr);
+void Peer::NotifyCb(GDBusConnection* /*connection*/, const gchar* /*sender*/, const gchar* /*path*/,
+                    const gchar* /*interface*/, const gchar* /*method*/, GVariant* parameters,
+                    GDBusMethodInvocation* invocation, gpointer data) {
+    auto* served = static_cast<Served*>(data);
+    gint32 code = 0;
+    g_variant_get(parameters, "(i)", &code);
+    served->peer->m_codes.push_back(code);
+    served->onNotify(*served->peer, code, invocation);
 }
 
-void Peer::MakeOffer(const std::string& path, OnNotify onNotify) {
-    static const GDBusInterfaceVTable vtable = {
-        [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* parameters,
-           GDBusMethodInvocation* invocation, gpointer data) {
-            auto* offer = static_cast<Offer*>(data);
-            gint32 code = 0;
-            g_variant_get(parameters, "(i)", &code);
-            offer->peer->m_codes.push_back(code);
-            offer->onNotify(*offer->peer, code, invocation);
-        },
-        nullptr,
-        nullptr,
-        {}};
-    m_offers.push_back(std::make_unique<Offer>(Offer{this, std::move(onNotify), 0}));
-    m_offers.back()->registration = g_dbus_connection_register_object(
-        m_connection, path.c_str(), m_info->interfaces[0], &vtable, m_offers.back().get(), nullptr, nullptr);
+void Peer::Offer(const std::string& path, const OnNotify& onNotify) {
+    static GDBusNodeInfo* const info = g_dbus_node_info_new_for_xml(
+        "<node><interface name='org.zol.NotificationClient1'><method name='Notify'>"
+        "<arg name='code' type='i' direction='in'/></method></interface></node>",
+        nullptr);
+    static const GDBusInterfaceVTable vtable = {NotifyCb, nullptr, nullptr, {}};
+    m_served.push_back(std::make_unique<Served>(Served{this, onNotify, 0}));
+    m_served.back()->registration = g_dbus_connection_register_object(
+        Connection(), path.c_str(), info->interfaces[0], &vtable, m_served.back().get(), nullptr, nullptr);
 }
 
-std::string Peer::Subscribe(const std::string& path, OnNotify onNotify) {
-    MakeOffer(path, std::move(onNotify));
+std::string Peer::Subscribe(const std::string& path, const OnNotify& onNotify) {
+    Offer(path, onNotify);
     return Call("Subscribe", g_variant_new("(o)", path.c_str()));
 }
 
-std::string Peer::SubscribeAndReply(const std::string& path) {
-    return Subscribe(path, ReplyAtOnce);
-}
-
-std::string Peer::SubscribeFromThisThread(const std::string& path) {
-    MakeOffer(path, ReplyAtOnce);
-    GError* error = nullptr;
-    GVariant* reply = g_dbus_connection_call_sync(m_connection, kName, kPath, kInterface, "Subscribe",
-                                                  g_variant_new("(o)", path.c_str()), nullptr,
-                                                  G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
-    if (reply != nullptr) {
-        g_variant_unref(reply);
-        return "";
-    }
-    std::string message = error->message;
-    g_error_free(error);
-    return message;
-}
-
-std::string Peer::SubscribeAndHang(const std::string& path) {
-    return Subscribe(
-        path, [](Peer& peer, int, GDBusMethodInvocation* invocation) { peer.m_kept.push_back(invocation); });
+bool Peer::AwaitCodes(std::size_t count) const {
+    return ServeUntil([&] { return m_codes.size() >= count; });
 }
 
 void Peer::AnswerAll() {
@@ -185,21 +129,40 @@ void Peer::AnswerAll() {
     }
 }
 
-void Peer::Leave() {
-    g_dbus_connection_close_sync(m_connection, nullptr, nullptr);
+Answer Peer::AskBus(const char* method, GVariant* arguments) {
+    return Ask(Connection(),
+               {"org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", method, arguments});
 }
 
 bool Peer::OwnName(const char* name) {
-    return AskBus(m_connection, "RequestName", g_variant_new("(su)", name, 0U)) == 1;
+    guint32 result = 0;
+    g_variant_get(AskBus("RequestName", g_variant_new("(su)", name, 0U)).body.get(), "(u)", &result);
+    return result == 1;
 }
 
 void Peer::ReleaseName(const char* name) {
-    AskBus(m_connection, "ReleaseName", g_variant_new("(s)", name));
+    EXPECT_EQ(AskBus("ReleaseName", g_variant_new("(s)", name)).error, "");
+}
+
+std::vector<std::unique_ptr<Peer>> AllPeers() {
+    std::vector<std::unique_ptr<Peer>> peers(16);
+    for (auto& peer : peers) {
+        peer = std::make_unique<Peer>(Peer::Reply, Paths{"/a", "/b", "/c", "/d"});
+    }
+    return peers;
+}
+
+OnPrivateBus::OnPrivateBus(bool isBusUp, const std::string& policy) : m_bus(kSystemBus, policy) {
+    fakes::Reset();
+    if (isBusUp) {
+        m_bus.Start();
+    }
 }
 
 std::unique_ptr<zol::TCDbusServer> OnPrivateBus::Serving() {
     const int before = fakes::dlog::Count("IPC: serving");
     auto server = std::make_unique<zol::TCDbusServer>(false);
+    RegisterEcho(*server);
     EXPECT_TRUE(ServeUntil([&] { return fakes::dlog::Count("IPC: serving") > before; }));
     return server;
 }
@@ -212,7 +175,7 @@ void RegisterEcho(zol::TCDbusServer& server) {
 }
 
 Outcome CallOnce(int code, const Bytes& request, int timeoutMs) {
-    Outcome outcome{zol::TCDbusClient::EResult::FAILED, {}, {}};
+    Outcome outcome{EResult::FAILED, {}, {}};
     ServeWhile([&] {
         zol::TCDbusClient client(false);
         outcome.result = client.Call(code, request, outcome.reply, timeoutMs);

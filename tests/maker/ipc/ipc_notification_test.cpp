@@ -6,25 +6,22 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "ipc_fixture.h"
 
 namespace {
 
-using EResult = zol::TCDbusClient::EResult;
 using test::Bytes;
+using test::EResult;
 using test::Peer;
 using test::ServeWhile;
+using Codes = std::vector<int>;
 
 constexpr int kPowerOff = 5;
 constexpr const char* kTooMany = "org.zol.Error.TooManySubscribers";
 
-class IpcNotification : public test::OnPrivateBus {
-protected:
-    IpcNotification() : m_server(Serving()) { test::RegisterEcho(*m_server); }
-
-    std::unique_ptr<zol::TCDbusServer> m_server;
-};
+class IpcNotification : public test::OnServedBus {};
 
 /// What SendNotification returns on a thread that is not the server's.
 int SendElsewhere(zol::TCDbusServer& server, int code, int timeoutMs) {
@@ -39,31 +36,31 @@ TEST_F(IpcNotification, WithoutSubscribersNobodyReplies) {
 }
 
 TEST_F(IpcNotification, EverySubscriberIsToldAndItsReplyCounted) {
-    Peer first;
-    Peer second;
-    ASSERT_EQ(first.SubscribeAndReply("/a"), "");
-    ASSERT_EQ(second.SubscribeAndReply("/a"), "");
+    const Peer first(Peer::Reply);
+    const Peer second(Peer::Reply);
 
     EXPECT_EQ(m_server->SendNotification(kPowerOff, -1), 2);
     EXPECT_EQ(SendElsewhere(*m_server, 6, -1), 2);
 
-    EXPECT_EQ(first.Codes(), (std::vector<int>{kPowerOff, 6}));
-    EXPECT_EQ(second.Codes(), (std::vector<int>{kPowerOff, 6}));
+    EXPECT_EQ(first.Codes(), (Codes{kPowerOff, 6}));
+    EXPECT_EQ(second.Codes(), (Codes{kPowerOff, 6}));
 }
 
-TEST_F(IpcNotification, AnErrorIsNoReply) {
-    Peer refusing;
-    Peer replying;
-    ASSERT_EQ(refusing.Subscribe("/a",
-                                 [](Peer&, int, GDBusMethodInvocation* invocation) {
-                                     g_dbus_method_invocation_return_dbus_error(invocation, "org.example.No",
-                                                                                "no");
-                                 }),
-              "");
-    ASSERT_EQ(replying.SubscribeAndReply("/a"), "");
+TEST_F(IpcNotification, AnErrorOrADeathIsNoReplyAndBlocksNobody) {
+    const auto refuse = [](Peer&, int, GDBusMethodInvocation* invocation) {
+        g_dbus_method_invocation_return_dbus_error(invocation, "org.example.No", "no");
+    };
+    const Peer refusing(refuse);
+    const Peer replying(Peer::Reply);
+    for (const bool isElsewhere : {false, true}) {
+        const Peer dying(Peer::Die);
 
-    EXPECT_EQ(m_server->SendNotification(kPowerOff, -1), 1);
-    EXPECT_EQ(refusing.Asked(), 1);
+        EXPECT_EQ(
+            isElsewhere ? SendElsewhere(*m_server, kPowerOff, -1) : m_server->SendNotification(kPowerOff, -1),
+            1);
+        EXPECT_EQ(dying.Codes().size(), 1U);
+    }
+    EXPECT_EQ(refusing.Codes().size(), 2U);
 }
 
 TEST_F(IpcNotification, AnObjectThatIsNotThereIsNoReply) {
@@ -74,11 +71,8 @@ TEST_F(IpcNotification, AnObjectThatIsNotThereIsNoReply) {
 }
 
 TEST_F(IpcNotification, UnsubscribeEndsAllPathsOfTheCallerAndOfNobodyElse) {
-    Peer leaver;
-    Peer stayer;
-    ASSERT_EQ(leaver.SubscribeAndReply("/a"), "");
-    ASSERT_EQ(leaver.SubscribeAndReply("/b"), "");
-    ASSERT_EQ(stayer.SubscribeAndReply("/a"), "");
+    Peer leaver(Peer::Reply, {"/a", "/b"});
+    const Peer stayer(Peer::Reply);
     EXPECT_EQ(m_server->SendNotification(kPowerOff, -1), 3);
 
     EXPECT_EQ(leaver.Call("Unsubscribe", nullptr), "");
@@ -88,8 +82,7 @@ TEST_F(IpcNotification, UnsubscribeEndsAllPathsOfTheCallerAndOfNobodyElse) {
 }
 
 TEST_F(IpcNotification, SubscribingAPathAgainChangesNothing) {
-    Peer peer;
-    ASSERT_EQ(peer.SubscribeAndReply("/a"), "");
+    Peer peer(Peer::Reply);
     for (int i = 0; i < 10; ++i) {
         EXPECT_EQ(peer.Call("Subscribe", g_variant_new("(o)", "/a")), "");
     }
@@ -97,41 +90,12 @@ TEST_F(IpcNotification, SubscribingAPathAgainChangesNothing) {
     EXPECT_EQ(m_server->SendNotification(kPowerOff, -1), 1);
 }
 
-TEST_F(IpcNotification, AClientThatDiesWhileItIsAskedIsNoReplyAndBlocksNobody) {
-    Peer dying;
-    Peer replying;
-    ASSERT_EQ(replying.SubscribeAndReply("/a"), "");
-    ASSERT_EQ(dying.Subscribe("/a",
-                              [](Peer& peer, int, GDBusMethodInvocation* invocation) {
-                                  peer.Leave();
-                                  g_object_unref(invocation);
-                              }),
-              "");
-
-    EXPECT_EQ(m_server->SendNotification(kPowerOff, -1), 1);
-    EXPECT_EQ(dying.Asked(), 1);
-}
-
-TEST_F(IpcNotification, AClientThatDiesWhileAnotherThreadWaitsIsNoReply) {
-    Peer dying;
-    ASSERT_EQ(dying.Subscribe("/a",
-                              [](Peer& peer, int, GDBusMethodInvocation* invocation) {
-                                  peer.Leave();
-                                  g_object_unref(invocation);
-                              }),
-              "");
-
-    EXPECT_EQ(SendElsewhere(*m_server, kPowerOff, -1), 0);
-}
-
 TEST_F(IpcNotification, AllClientsAreAskedAtTheSameTime) {
-    Peer first;
-    Peer second;
-    ASSERT_EQ(first.SubscribeAndHang("/a"), "");
-    ASSERT_EQ(second.SubscribeAndHang("/a"), "");
+    Peer first(Peer::Hang);
+    Peer second(Peer::Hang);
     bool bothAsked = false;
     test::After(0, [&] {
-        bothAsked = ServeUntil([&] { return first.Asked() == 1 && second.Asked() == 1; });
+        bothAsked = first.AwaitCodes(1) && second.AwaitCodes(1);
         first.AnswerAll();
         second.AnswerAll();
     });
@@ -141,10 +105,8 @@ TEST_F(IpcNotification, AllClientsAreAskedAtTheSameTime) {
 }
 
 TEST_F(IpcNotification, TheTimeLimitEndsTheWaitWithTheRepliesSoFar) {
-    Peer hanging;
-    Peer replying;
-    ASSERT_EQ(hanging.SubscribeAndHang("/a"), "");
-    ASSERT_EQ(replying.SubscribeAndReply("/a"), "");
+    Peer hanging(Peer::Hang);
+    Peer replying(Peer::Reply);
 
     EXPECT_LE(m_server->SendNotification(kPowerOff, 200), 1);
     EXPECT_LE(SendElsewhere(*m_server, kPowerOff, 200), 1);
@@ -152,18 +114,16 @@ TEST_F(IpcNotification, TheTimeLimitEndsTheWaitWithTheRepliesSoFar) {
 }
 
 TEST_F(IpcNotification, AReplyAfterTheTimeLimitDoesNotCountForTheNextNotification) {
-    Peer peer;
-    ASSERT_EQ(peer.SubscribeAndHang("/a"), "");
+    Peer peer(Peer::Hang);
     ASSERT_EQ(m_server->SendNotification(kPowerOff, 0), 0);
-    ASSERT_TRUE(ServeUntil([&] { return peer.Asked() == 1; }));
+    ASSERT_TRUE(peer.AwaitCodes(1));
     peer.AnswerAll();
 
     EXPECT_EQ(m_server->SendNotification(kPowerOff, 50), 0);
 }
 
 TEST_F(IpcNotification, CallsAndTimersAreServedWhileAClientHangs) {
-    Peer hanging;
-    ASSERT_EQ(hanging.SubscribeAndHang("/a"), "");
+    Peer hanging(Peer::Hang);
     EResult result = EResult::FAILED;
     test::After(0, [&] {
         result = test::CallOnce(test::kEcho, {1}).result;
@@ -175,11 +135,10 @@ TEST_F(IpcNotification, CallsAndTimersAreServedWhileAClientHangs) {
 }
 
 TEST_F(IpcNotification, CallsAreServedWhileAnotherThreadWaitsForAHangingClient) {
-    Peer hanging;
-    ASSERT_EQ(hanging.SubscribeAndHang("/a"), "");
+    Peer hanging(Peer::Hang);
     int replies = -1;
     std::thread waiter([&] { replies = m_server->SendNotification(kPowerOff, -1); });
-    ASSERT_TRUE(ServeUntil([&] { return hanging.Asked() == 1; }));
+    ASSERT_TRUE(hanging.AwaitCodes(1));
 
     EXPECT_EQ(test::CallOnce(test::kEcho, {1}).result, EResult::HANDLED);
 
@@ -191,8 +150,7 @@ TEST_F(IpcNotification, CallsAreServedWhileAnotherThreadWaitsForAHangingClient) 
 }
 
 TEST_F(IpcNotification, CancellingFromAnotherThreadEndsAWaitThatServesTheMainContext) {
-    Peer hanging;
-    ASSERT_EQ(hanging.SubscribeAndHang("/a"), "");
+    Peer hanging(Peer::Hang);
     std::thread canceller;
     // Begun on the main context, so that the wait is under way when the other thread cancels it.
     test::After(0, [&] { canceller = std::thread([&] { m_server->CancelNotifications(); }); });
@@ -202,8 +160,7 @@ TEST_F(IpcNotification, CancellingFromAnotherThreadEndsAWaitThatServesTheMainCon
 }
 
 TEST_F(IpcNotification, CancellingStaysInForce) {
-    Peer hanging;
-    ASSERT_EQ(hanging.SubscribeAndHang("/a"), "");
+    Peer hanging(Peer::Hang);
     m_server->CancelNotifications();
 
     EXPECT_EQ(m_server->SendNotification(kPowerOff, -1), 0);
@@ -212,24 +169,15 @@ TEST_F(IpcNotification, CancellingStaysInForce) {
 }
 
 TEST_F(IpcNotification, OneNotificationInsideTheWaitForAnotherCountsItsOwnReplies) {
-    Peer slow;
-    Peer quick;
-    std::vector<GDBusMethodInvocation*> kept;
-    ASSERT_EQ(slow.Subscribe("/a",
-                             [&](Peer&, int code, GDBusMethodInvocation* invocation) {
-                                 if (code == kPowerOff) {
-                                     kept.push_back(invocation);
-                                 } else {
-                                     g_dbus_method_invocation_return_value(invocation, nullptr);
-                                 }
-                             }),
-              "");
-    ASSERT_EQ(quick.SubscribeAndReply("/a"), "");
+    Peer slow([](Peer& peer, int code, GDBusMethodInvocation* invocation) {
+        (code == kPowerOff ? Peer::Hang : Peer::Reply)(peer, code, invocation);
+    });
+    const Peer quick(Peer::Reply);
     int inner = -1;
     test::After(0, [&] {
-        EXPECT_TRUE(ServeUntil([&] { return !kept.empty(); }));
+        EXPECT_TRUE(slow.AwaitCodes(1));
         inner = m_server->SendNotification(8, -1);
-        g_dbus_method_invocation_return_value(kept.front(), nullptr);
+        slow.AnswerAll();
     });
 
     EXPECT_EQ(m_server->SendNotification(kPowerOff, -1), 2);
@@ -239,18 +187,15 @@ TEST_F(IpcNotification, OneNotificationInsideTheWaitForAnotherCountsItsOwnReplie
 TEST_F(IpcNotification, WaitsForAClientThatNeverAnswersNestOnlySoDeepAndEverybodyIsStillTold) {
     constexpr int kNotifications = 20;
     constexpr int kDeepest = 9;  // eight waits, and the one that only sends
-    Peer hanging;
-    Peer replying;
-    ASSERT_EQ(hanging.SubscribeAndHang("/a"), "");
-    ASSERT_EQ(replying.SubscribeAndReply("/a"), "");
+    Peer hanging(Peer::Hang);
+    Peer replying(Peer::Reply);
     int sent = 0;
     int depth = 0;
     int deepest = 0;
     bool everybodyTold = false;
     const std::function<void()> notify = [&] {
         if (sent == kNotifications) {
-            everybodyTold = ServeUntil(
-                [&] { return hanging.Asked() == kNotifications && replying.Asked() == kNotifications; });
+            everybodyTold = hanging.AwaitCodes(kNotifications) && replying.AwaitCodes(kNotifications);
             m_server->CancelNotifications();
             return;
         }
@@ -269,14 +214,13 @@ TEST_F(IpcNotification, WaitsForAClientThatNeverAnswersNestOnlySoDeepAndEverybod
 }
 
 TEST_F(IpcNotification, AfterNestedWaitsHaveEndedANotificationIsWaitedForAgain) {
-    Peer hanging;
-    ASSERT_EQ(hanging.SubscribeAndHang("/a"), "");
+    Peer hanging(Peer::Hang);
     for (int i = 0; i < 20; ++i) {
         ASSERT_EQ(m_server->SendNotification(kPowerOff, 0), 0);
     }
-    ASSERT_TRUE(ServeUntil([&] { return hanging.Asked() == 20; }));
+    ASSERT_TRUE(hanging.AwaitCodes(20));
     test::After(0, [&] {
-        EXPECT_TRUE(ServeUntil([&] { return hanging.Asked() == 21; }));
+        EXPECT_TRUE(hanging.AwaitCodes(21));
         hanging.AnswerAll();
     });
 
@@ -284,20 +228,18 @@ TEST_F(IpcNotification, AfterNestedWaitsHaveEndedANotificationIsWaitedForAgain) 
 }
 
 TEST_F(IpcNotification, AHandlerMayNotifyAndItsCallerIsStillAnswered) {
-    Peer client;
-    ASSERT_EQ(client.SubscribeAndReply("/a"), "");
+    Peer client(Peer::Reply);
     m_server->RegisterNativeCall(9, [this](const Bytes&, Bytes& out) {
         out = {static_cast<unsigned char>(m_server->SendNotification(7, -1))};
         return true;
     });
 
     EXPECT_EQ(test::CallOnce(9, {}).reply, Bytes{1});
-    EXPECT_EQ(client.Codes(), std::vector<int>{7});
+    EXPECT_EQ(client.Codes(), Codes{7});
 }
 
 TEST_F(IpcNotification, SeveralThreadsMayNotifyAtOnce) {
-    Peer peer;
-    ASSERT_EQ(peer.SubscribeAndReply("/a"), "");
+    Peer peer(Peer::Reply);
     std::atomic<int> replies{0};
     ServeWhile([&] {
         std::vector<std::thread> senders;
@@ -314,40 +256,30 @@ TEST_F(IpcNotification, SeveralThreadsMayNotifyAtOnce) {
     });
 
     EXPECT_EQ(replies, 40);
-    EXPECT_EQ(peer.Asked(), 40);
+    EXPECT_EQ(peer.Codes().size(), 40U);
 }
 
 TEST_F(IpcNotification, AConnectionGetsFourSubscriptions) {
-    Peer peer;
-    for (const char* path : {"/a", "/b", "/c", "/d"}) {
-        EXPECT_EQ(peer.SubscribeAndReply(path), "");
-    }
+    Peer peer(Peer::Reply, {"/a", "/b", "/c", "/d"});
 
-    EXPECT_EQ(peer.SubscribeAndReply("/e"), kTooMany);
+    EXPECT_EQ(peer.Subscribe("/e"), kTooMany);
 
     EXPECT_EQ(m_server->SendNotification(kPowerOff, -1), 4);
 }
 
 TEST_F(IpcNotification, APathOfMoreThan255BytesIsRefused) {
-    Peer peer;
     const std::string longest = "/" + std::string(254, 'a');
-    EXPECT_EQ(peer.SubscribeAndReply(longest), "");
+    Peer peer(Peer::Reply, {longest});
 
-    EXPECT_EQ(peer.SubscribeAndReply(longest + "a"), "org.zol.Error.TooLarge");
+    EXPECT_EQ(peer.Subscribe(longest + "a"), "org.zol.Error.TooLarge");
 
     EXPECT_EQ(m_server->SendNotification(kPowerOff, -1), 1);
 }
 
 TEST_F(IpcNotification, SixtyFourSubscriptionsFitAndOneThatLeavesMakesRoom) {
-    std::vector<std::unique_ptr<Peer>> peers;
-    for (int i = 0; i < 16; ++i) {
-        peers.push_back(std::make_unique<Peer>());
-        for (const char* path : {"/a", "/b", "/c", "/d"}) {
-            ASSERT_EQ(peers.back()->SubscribeAndReply(path), "");
-        }
-    }
+    auto peers = test::AllPeers();
     Peer late;
-    EXPECT_EQ(late.SubscribeAndReply("/a"), kTooMany);
+    EXPECT_EQ(late.Subscribe("/a"), kTooMany);
     EXPECT_EQ(m_server->SendNotification(kPowerOff, -1), 64);
 
     peers.pop_back();
@@ -357,11 +289,10 @@ TEST_F(IpcNotification, SixtyFourSubscriptionsFitAndOneThatLeavesMakesRoom) {
 }
 
 TEST_F(IpcNotification, AServerThatIsDestroyedEndsTheWaitsOfOtherThreads) {
-    Peer hanging;
-    ASSERT_EQ(hanging.SubscribeAndHang("/a"), "");
+    Peer hanging(Peer::Hang);
     int replies = -1;
     std::thread waiter([&] { replies = m_server->SendNotification(kPowerOff, -1); });
-    ASSERT_TRUE(ServeUntil([&] { return hanging.Asked() == 1; }));
+    ASSERT_TRUE(hanging.AwaitCodes(1));
 
     m_server.reset();
     waiter.join();
@@ -372,10 +303,9 @@ TEST_F(IpcNotification, AServerThatIsDestroyedEndsTheWaitsOfOtherThreads) {
 }
 
 TEST_F(IpcNotification, AServerThatIsDestroyedWithUnansweredQuestionsIsNotTouchedByTheAnswers) {
-    Peer hanging;
-    ASSERT_EQ(hanging.SubscribeAndHang("/a"), "");
+    Peer hanging(Peer::Hang);
     ASSERT_EQ(m_server->SendNotification(kPowerOff, 0), 0);
-    ASSERT_TRUE(ServeUntil([&] { return hanging.Asked() == 1; }));
+    ASSERT_TRUE(hanging.AwaitCodes(1));
 
     m_server.reset();
     hanging.AnswerAll();
