@@ -1,6 +1,7 @@
 #include "waiting.h"
 
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -37,4 +38,14 @@ bool ServeUntil(const std::function<bool()>& condition, GMainContext* context) {
     g_source_destroy(tick);
     g_source_unref(tick);
     return held;
+}
+
+void OnThreads(int count, const std::function<void(int)>& body) {
+    std::vector<std::thread> threads;
+    for (int index = 0; index < count; ++index) {
+        threads.emplace_back(body, index);
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
 }

@@ -13,3 +13,5 @@ constexpr std::chrono::seconds kPatience(60);
 /// Serves a main context (null: the default one) until the condition holds, whoever makes it true; false when
 /// kPatience ends.
 [[nodiscard]] bool ServeUntil(const std::function<bool()>& condition, GMainContext* context = nullptr);
+/// Runs `body` on `count` threads at the same time, with 0 to `count` - 1, and returns when all are done.
+void OnThreads(int count, const std::function<void(int)>& body);

@@ -8,6 +8,7 @@
 #include "device_paths.h"
 #include "fake_dlog.h"
 #include "fakes.h"
+#include "waiting.h"
 
 namespace {
 
@@ -39,11 +40,10 @@ TEST_F(DirsManager, AStateFolderThatCannotBeMadeIsLoggedAndNotThrown) {
 TEST_F(DirsManager, AnInterruptedThreadIsInterruptedInInitialize) {
     bool interrupted = false;
     boost::thread thread([&interrupted] {
-        boost::this_thread::disable_interruption notYet;
-        while (!boost::this_thread::interruption_requested()) {
-            boost::this_thread::yield();
+        {
+            const boost::this_thread::disable_interruption notYet;
+            EXPECT_TRUE(Eventually([] { return boost::this_thread::interruption_requested(); }));
         }
-        const boost::this_thread::restore_interruption now(notYet);
         try {
             TCDirsManager::Initialize();
         } catch (const boost::thread_interrupted&) {
