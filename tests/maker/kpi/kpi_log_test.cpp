@@ -1,28 +1,29 @@
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <sqlite3.h>
-#include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
-#include <fstream>
-#include <memory>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "KPILogFramework.h"
-#include "TSFileSystem.h"
+#include "base/sqlite_handles.h"
 #include "device_paths.h"
 #include "fake_clock.h"
 #include "fake_dlog.h"
 #include "fakes.h"
+#include "files.h"
 #include "full_disk.h"
+#include "waiting.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using KPILogFramework::CLogger;
 using KPILogFramework::TSKpiEvent;
+using testing::ElementsAre;
 
 /// Another process at the same database.
 class OtherConnection {
@@ -37,7 +38,7 @@ public:
     }
 
 private:
-    std::unique_ptr<sqlite3, int (*)(sqlite3*)> m_database{nullptr, sqlite3_close};
+    base::DatabasePtr m_database;
 };
 
 class KpiLog : public testing::Test {
@@ -54,6 +55,18 @@ protected:
         std::vector<TSKpiEvent> events;
         EXPECT_TRUE(CLogger::GetInstance().ListEvents(events));
         return events;
+    }
+    static std::vector<std::string> Descriptions() {
+        std::vector<std::string> descriptions;
+        for (const TSKpiEvent& event : List()) {
+            descriptions.push_back(event.description);
+        }
+        return descriptions;
+    }
+    /// What was there is a log no longer: the event that is added begins a new one.
+    static void ExpectNewLog() {
+        EXPECT_EQ(Add("after"), 1);
+        EXPECT_THAT(Descriptions(), ElementsAre("after"));
     }
     static std::int64_t Dropped() { return CLogger::GetInstance().DroppedEvents(); }
 
@@ -87,11 +100,8 @@ TEST_F(KpiLog, EventsAreListedOldestFirstEvenWhenTheClockGoesBack) {
     fakes::clock::SetWall(1);
     Add("second");
 
-    const std::vector<TSKpiEvent> events = List();
-    ASSERT_EQ(events.size(), 2U);
-    EXPECT_EQ(events[0].description, "first");
-    EXPECT_EQ(events[1].description, "second");
-    EXPECT_EQ(events[1].sequence, 2);
+    EXPECT_THAT(Descriptions(), ElementsAre("first", "second"));
+    EXPECT_EQ(List()[1].sequence, 2);
 }
 
 TEST_F(KpiLog, TextIsKeptByteForByte) {
@@ -100,22 +110,16 @@ TEST_F(KpiLog, TextIsKeptByteForByte) {
     EXPECT_EQ(Add(text), 1);
     EXPECT_EQ(Add(""), 1);
 
-    ASSERT_EQ(List().size(), 2U);
-    EXPECT_EQ(List()[0].description, text);
-    EXPECT_EQ(List()[1].description, "");
+    EXPECT_THAT(Descriptions(), ElementsAre(text, ""));
 }
 
-TEST_F(KpiLog, WithoutAStoreTheListIsEmptyAndNothingIsMade) {
+TEST_F(KpiLog, AStoreThatIsMissingOrJustBeingMadeIsAnEmptyList) {
     EXPECT_TRUE(List().empty());
     EXPECT_EQ(Dropped(), 0);
-
     EXPECT_FALSE(fs::exists(Host()));
-}
 
-TEST_F(KpiLog, AStoreThatIsJustBeingMadeIsAnEmptyList) {
     // Another process has made the file and not yet its tables.
     fakes::WriteDeviceFile(ZOL_PATH_KPI_DB, "");
-
     EXPECT_TRUE(List().empty());
     EXPECT_EQ(Dropped(), 0);
     EXPECT_FALSE(fakes::dlog::Has("cannot read the KPI log"));
@@ -125,9 +129,7 @@ TEST_F(KpiLog, TheFileMayBeReadByOwnerAndGroupOnly) {
     Add("x");
 
     for (const char* sidecar : {"", "-wal", "-shm"}) {
-        struct stat status {};
-        ASSERT_EQ(stat(Host(sidecar).c_str(), &status), 0);
-        EXPECT_EQ(status.st_mode & 0137, 0U) << sidecar;
+        EXPECT_EQ(ModeOf(Host(sidecar)), 0640U) << sidecar;
     }
 }
 
@@ -179,35 +181,22 @@ TEST_F(KpiLog, ALogThatCannotCountWhatItDropsDropsNothing) {
 }
 
 TEST_F(KpiLog, EventsOfSeveralThreadsAreAllStored) {
-    constexpr int kThreads = 4;
-    constexpr int kEvents = 25;
-    std::vector<std::thread> threads;
-    threads.reserve(kThreads);
-    for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back([i] {
-            for (int event = 0; event < kEvents; ++event) {
-                EXPECT_EQ(Add(std::to_string(i * kEvents + event)), 1);
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    OnThreads(4, [](int thread) {
+        for (int event = 0; event < 25; ++event) {
+            EXPECT_EQ(Add(std::to_string(thread * 25 + event)), 1);
+        }
+    });
 
-    std::set<std::string> descriptions;
-    for (const TSKpiEvent& event : List()) {
-        descriptions.insert(event.description);
-    }
-    EXPECT_EQ(descriptions.size(), static_cast<std::size_t>(kThreads * kEvents));
+    const std::vector<std::string> all = Descriptions();
+    EXPECT_EQ(std::set<std::string>(all.begin(), all.end()).size(), 100U);
 }
 
 TEST_F(KpiLog, AFileThatIsNoDatabaseIsSetAsideAndANewLogIsBegun) {
     const std::string garbage(10000, '#');
     fakes::WriteDeviceFile(ZOL_PATH_KPI_DB, garbage);
 
-    EXPECT_EQ(Add("after"), 1);
+    ExpectNewLog();
 
-    EXPECT_EQ(List().size(), 1U);
     EXPECT_EQ(fakes::ReadDeviceFile(ZOL_PATH_KPI_DB ".damaged"), garbage);
     EXPECT_TRUE(fakes::dlog::Has("is damaged, set aside as " ZOL_PATH_KPI_DB ".damaged"));
 }
@@ -222,9 +211,8 @@ TEST_F(KpiLog, ADatabaseWithABrokenPageIsSetAside) {
     fakes::Reset();
     fakes::WriteDeviceFile(ZOL_PATH_KPI_DB, content);
 
-    EXPECT_EQ(Add("after"), 1);
+    ExpectNewLog();
 
-    EXPECT_EQ(List().size(), 1U);
     EXPECT_EQ(fs::file_size(Host(".damaged")), size);
 }
 
@@ -234,25 +222,22 @@ TEST_F(KpiLog, DamageThatHappensAgainAndAgainKeepsTheNewestLogAndAlwaysGoesOn) {
         fakes::WriteDeviceFile(ZOL_PATH_KPI_DB ".new", std::string(kSize, fault));
         fs::rename(Host(".new"), Host());
         fs::remove(Host("-wal"));  // which would heal it
-        ASSERT_EQ(Add("after"), 1);
+        ExpectNewLog();
     }
 
-    EXPECT_EQ(List().size(), 1U);
     EXPECT_TRUE(fakes::ReadDeviceFile(ZOL_PATH_KPI_DB ".damaged") == std::string(kSize, 't'));
-    int copies = 0;
-    for (const auto& entry : fs::directory_iterator(fakes::Root() + ZOL_PATH_STATE_DIR)) {
-        copies += entry.file_size() == kSize ? 1 : 0;
-    }
-    EXPECT_EQ(copies, 1);
+    const Files files = ReadFolder(fakes::Root() + ZOL_PATH_STATE_DIR);
+    EXPECT_EQ(std::count_if(files.begin(), files.end(),
+                            [](const auto& file) { return file.second.size() == kSize; }),
+              1);
 }
 
 TEST_F(KpiLog, AJournalWithoutItsDatabaseIsKept) {
     fakes::WriteDeviceFile(ZOL_PATH_KPI_DB "-wal", "evidence");
 
-    EXPECT_EQ(Add("after"), 1);
+    ExpectNewLog();
 
     EXPECT_EQ(fakes::ReadDeviceFile(ZOL_PATH_KPI_DB ".damaged-wal"), "evidence");
-    EXPECT_EQ(List().size(), 1U);
 }
 
 TEST_F(KpiLog, ReadingADamagedLogFailsAndLeavesItAlone) {
@@ -270,9 +255,8 @@ TEST_F(KpiLog, ADatabaseOfSomebodyElsesShapeIsSetAside) {
     fakes::MakeDeviceFolder(ZOL_PATH_STATE_DIR);
     ASSERT_TRUE(OtherConnection().Run("CREATE TABLE event (something TEXT)"));
 
-    EXPECT_EQ(Add("after"), 1);
+    ExpectNewLog();
 
-    EXPECT_EQ(List().size(), 1U);
     EXPECT_TRUE(fs::exists(Host(".damaged")));
 }
 
@@ -319,10 +303,7 @@ TEST_F(KpiLog, AFullDiskLosesTheEventAndNothingElse) {
     EXPECT_TRUE(fakes::dlog::Has("cannot write the KPI log " ZOL_PATH_KPI_DB));
 
     EXPECT_EQ(Add("after"), 1);
-    const std::vector<TSKpiEvent> events = List();
-    ASSERT_EQ(events.size(), 2U);
-    EXPECT_EQ(events[0].description, "before");
-    EXPECT_EQ(events[1].description, "after");
+    EXPECT_THAT(Descriptions(), ElementsAre("before", "after"));
     EXPECT_FALSE(fs::exists(Host(".damaged")));
 }
 
@@ -334,8 +315,7 @@ TEST_F(KpiLog, ADiskThatIsFullFromTheStartMeansNoStore) {
     }
     EXPECT_EQ(result, CLogger::RESULT_NO_STORE);
 
-    EXPECT_EQ(Add("after"), 1);
-    EXPECT_EQ(List().size(), 1U);
+    ExpectNewLog();
 }
 
 TEST_F(KpiLog, AStateFolderThatCannotBeMadeMeansNoStore) {
@@ -375,10 +355,7 @@ TEST_F(KpiLog, ALogThatWasRemovedIsBegunAnew) {
         fs::remove(Host(sidecar));
     }
 
-    EXPECT_EQ(Add("after"), 1);
-
-    ASSERT_EQ(List().size(), 1U);
-    EXPECT_EQ(List()[0].description, "after");
+    ExpectNewLog();
 }
 
 }  // namespace
