@@ -3,12 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstdlib>
 #include <ctime>
-#include <string>
 
 #include "fake_clock.h"
 #include "fakes.h"
+#include "variable.h"
 
 namespace {
 
@@ -18,23 +17,10 @@ constexpr time_t kYear = 365 * kDay;
 
 class TimeUtil : public testing::Test {
 protected:
-    TimeUtil() {
-        const char* before = std::getenv("TZ");
-        m_hadZone = before != nullptr;
-        m_before = m_hadZone ? before : "";
-        fakes::Reset();
-    }
-    ~TimeUtil() override {
-        if (m_hadZone) {
-            SetZone(m_before);
-        } else {
-            unsetenv("TZ");
-            tzset();
-        }
-    }
+    TimeUtil() { fakes::Reset(); }
 
-    static void SetZone(const std::string& zone) {
-        setenv("TZ", zone.c_str(), 1);
+    void SetZone(const char* zone) {
+        m_zone.Set(zone);
         tzset();
     }
 
@@ -51,8 +37,7 @@ protected:
     }
 
 private:
-    bool m_hadZone = false;
-    std::string m_before;
+    Variable m_zone{"TZ", "UTC0"};
 };
 
 TEST_F(TimeUtil, TheCurrentTimeIsThePlatformClocksInWholeSeconds) {
@@ -89,18 +74,7 @@ INSTANTIATE_TEST_SUITE_P(Zones, TimeUtilInZone,
                                          "IST-5:30", "NPT-5:45", "<+14>-14", "<-12>12",
                                          "IST-1GMT0,M10.5.0,M3.5.0/1"));  // winter time as the exception
 
-TEST_F(TimeUtil, TheTwoPassesOfTheDoubledHourAreAnHourApart) {
-    SetZone("CET-1CEST,M3.5.0,M10.5.0/3");
-    constexpr time_t kSummer = 1698539400;  // 2023-10-29 02:30 CEST
-    constexpr time_t kWinter = kSummer + kHour;
-    ASSERT_EQ(Local(kSummer).tm_hour, 2);
-    ASSERT_EQ(Local(kWinter).tm_hour, 2);
-
-    EXPECT_EQ(ThereAndBack(kSummer), kSummer);
-    EXPECT_EQ(ThereAndBack(kWinter), kWinter);
-}
-
-TEST_F(TimeUtil, EverySecondAroundBothChangesComesBackUnchanged) {
+TEST_F(TimeUtil, EverySecondAroundBothChangesAndInTheDoubledHourComesBackUnchanged) {
     SetZone("CET-1CEST,M3.5.0,M10.5.0/3");
     for (const time_t change : {time_t{1679792400}, time_t{1698541200}}) {
         ASSERT_NE(Local(change - 1).tm_isdst, Local(change).tm_isdst);
@@ -133,12 +107,9 @@ TEST_F(TimeUtil, TheResultIsNormalisedUtc) {
 
     const tm utc = CTimeUtil::ConvertToUTCTime(local);
 
-    EXPECT_EQ(utc.tm_year, 124);
-    EXPECT_EQ(utc.tm_mon, 1);
-    EXPECT_EQ(utc.tm_mday, 29);
-    EXPECT_EQ(utc.tm_hour, 22);
-    EXPECT_EQ(utc.tm_min, 31);
-    EXPECT_EQ(utc.tm_sec, 1);
+    char text[32];
+    std::strftime(text, sizeof(text), "%F %T", &utc);
+    EXPECT_STREQ(text, "2024-02-29 22:31:01");
     EXPECT_EQ(utc.tm_isdst, 0);
     EXPECT_EQ(utc.tm_gmtoff, 0);
 }

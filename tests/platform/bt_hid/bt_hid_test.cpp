@@ -4,13 +4,14 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
-#include "base/handles.h"
+#include "base/glib_handles.h"
 #include "bt_hid/bluetooth_device.h"
 #include "fake_service.h"
 #include "log_lines.h"
@@ -28,6 +29,7 @@ using testing::IsEmpty;
 constexpr const char* kKey = "file/bluetooth/bt_last_connected_smart_rc";
 constexpr const char* kA = "AA:AA:AA:AA:AA:AA";
 constexpr const char* kB = "BB:BB:BB:BB:BB:BB";
+constexpr const char* kC = "CC:CC:CC:CC:CC:CC";
 constexpr std::uint16_t kRemoteAppearance = 0x0180;
 constexpr std::uint16_t kKeyboardAppearance = 0x03C1;
 
@@ -48,14 +50,14 @@ std::string PathOf(const std::string& address) {
 class FakeBlueZ {
 public:
     void Add(const std::string& address, bool connected, std::uint16_t appearance = kRemoteAppearance) {
+        const Device device = {connected, appearance, address};
         {
             const std::lock_guard<std::mutex> lock(m_mutex);
-            m_devices[address] = {connected, appearance, address};
+            m_devices[address] = device;
         }
         if (m_service != nullptr) {
             m_service->Emit("/", kObjectManager, "InterfacesAdded",
-                            g_variant_new("(o@a{sa{sv}})", PathOf(address).c_str(),
-                                          Interfaces({connected, appearance, address})));
+                            g_variant_new("(o@a{sa{sv}})", PathOf(address).c_str(), Interfaces(device)));
         }
     }
     void Connect(const std::string& address, bool connected = true) {
@@ -67,15 +69,12 @@ public:
     }
     void Disconnect(const std::string& address) { Connect(address, false); }
     void Change(const std::string& address, const char* property, GVariant* value) {
-        if (m_service == nullptr) {
-            g_variant_unref(g_variant_ref_sink(value));
-            return;
+        const base::GVariantPtr change(
+            g_variant_ref_sink(g_variant_new_parsed("(%s, {%s: %v}, @as [])", kDevice, property, value)));
+        if (m_service != nullptr) {
+            m_service->Emit(PathOf(address).c_str(), "org.freedesktop.DBus.Properties", "PropertiesChanged",
+                            change.get());
         }
-        GVariantBuilder changed;
-        g_variant_builder_init(&changed, G_VARIANT_TYPE_VARDICT);
-        g_variant_builder_add(&changed, "{sv}", property, value);
-        m_service->Emit(PathOf(address).c_str(), "org.freedesktop.DBus.Properties", "PropertiesChanged",
-                        g_variant_new("(sa{sv}as)", kDevice, &changed, nullptr));
     }
     /// While it is stopped.
     void LearnAddress(const std::string& address, const std::string& identity) {
@@ -87,9 +86,8 @@ public:
             const std::lock_guard<std::mutex> lock(m_mutex);
             m_devices.erase(address);
         }
-        const char* interfaces[] = {kDevice, nullptr};
         m_service->Emit("/", kObjectManager, "InterfacesRemoved",
-                        g_variant_new("(o^as)", PathOf(address).c_str(), interfaces));
+                        g_variant_new_parsed("(%o, [%s])", PathOf(address).c_str(), kDevice));
     }
     void Start() {
         m_service = std::make_unique<FakeService>(
@@ -120,17 +118,10 @@ private:
     };
 
     static GVariant* Interfaces(const Device& device) {
-        GVariantBuilder properties;
-        g_variant_builder_init(&properties, G_VARIANT_TYPE_VARDICT);
-        g_variant_builder_add(&properties, "{sv}", "Address", g_variant_new_string(device.address.c_str()));
-        g_variant_builder_add(&properties, "{sv}", "Alias", g_variant_new_string("Remote"));
-        g_variant_builder_add(&properties, "{sv}", "Appearance", g_variant_new_uint16(device.appearance));
-        g_variant_builder_add(&properties, "{sv}", "Connected",
-                              g_variant_new_boolean(device.connected ? TRUE : FALSE));
-        GVariantBuilder interfaces;
-        g_variant_builder_init(&interfaces, G_VARIANT_TYPE("a{sa{sv}}"));
-        g_variant_builder_add(&interfaces, "{sa{sv}}", kDevice, &properties);
-        return g_variant_builder_end(&interfaces);
+        return g_variant_new_parsed(
+            "{'org.bluez.Device1': {'Address': <%s>, 'Alias': <'Remote'>, 'Appearance': <%q>,"
+            " 'Connected': <%b>}}",
+            device.address.c_str(), device.appearance, device.connected ? TRUE : FALSE);
     }
     GVariant* Objects() {
         const std::lock_guard<std::mutex> lock(m_mutex);
@@ -171,14 +162,19 @@ protected:
 
     /// Registers and waits until the devices are known: what connects from now on is an event.
     void Watch() {
+        bluez.Start();
         ASSERT_EQ(bt_hid_set_smart_rc_connection_cb(WriteDown, &reports), 0);
         WaitUntilKnown();
     }
-    /// As most tests begin: a remote is known and not connected.
-    void WatchRemoteA() {
+    /// As most tests begin: two remotes are known and not connected.
+    void WatchRemotes() {
         bluez.Add(kA, false);
-        bluez.Start();
+        bluez.Add(kB, false);
         Watch();
+    }
+    void StopBlueZ() {
+        bluez.Stop();
+        EXPECT_TRUE(log.WaitFor("BlueZ is missing"));
     }
     void WaitUntilKnown() { ASSERT_TRUE(log.WaitFor("watching the Bluetooth devices", ++m_looks)); }
 
@@ -191,32 +187,80 @@ private:
     int m_looks = 0;
 };
 
-TEST_F(SmartRemote, TheNewIdIsPublishedBeforeTheConnectIsTold) {
+/// What BlueZ tells after two remotes are known, and what comes of it.
+struct Story {
+    const char* name;
+    std::function<void(FakeBlueZ& bluez)> happens;
+    std::vector<std::string> told;
+};
+
+class SmartRemoteStory : public SmartRemote, public testing::WithParamInterface<Story> {};
+
+TEST_P(SmartRemoteStory, IsToldInOrderWithThePublishedId) {
     ASSERT_EQ(vconf_set_str(kKey, kB), 0);
-    WatchRemoteA();
+    WatchRemotes();
 
-    bluez.Connect(kA);
+    GetParam().happens(bluez);
 
-    EXPECT_THAT(reports.WaitFor(1), ElementsAre(Connected(kA)));
+    EXPECT_EQ(reports.WaitFor(GetParam().told.size()), GetParam().told);
 }
 
-TEST_F(SmartRemote, ADisconnectLeavesTheIdOfTheRemoteThatConnectedLast) {
-    bluez.Add(kA, false);
-    bluez.Add(kB, false);
-    bluez.Start();
-    Watch();
-
-    bluez.Connect(kA);
-    bluez.Connect(kB);
-    bluez.Disconnect(kA);
-
-    EXPECT_THAT(reports.WaitFor(3), ElementsAre(Connected(kA), Connected(kB), Disconnected(kA, kB)));
-    EXPECT_EQ(Published(), kB);
-}
+INSTANTIATE_TEST_SUITE_P(Stories, SmartRemoteStory,
+                         testing::Values(Story{"ADisconnectLeavesTheIdOfTheRemoteThatConnectedLast",
+                                               [](FakeBlueZ& bluez) {
+                                                   bluez.Connect(kA);
+                                                   bluez.Connect(kB);
+                                                   bluez.Disconnect(kA);
+                                               },
+                                               {Connected(kA), Connected(kB), Disconnected(kA, kB)}},
+                                         Story{"ADeviceThatIsRemovedWhileConnectedIsADisconnect",
+                                               [](FakeBlueZ& bluez) {
+                                                   bluez.Connect(kA);
+                                                   bluez.Remove(kA);
+                                                   bluez.Add(kA, true);
+                                               },
+                                               {Connected(kA), Disconnected(kA, kA), Connected(kA)}},
+                                         Story{"OtherDevicesAreNotTold",
+                                               [](FakeBlueZ& bluez) {
+                                                   bluez.Add(kC, false, kKeyboardAppearance);
+                                                   bluez.Connect(kC);
+                                                   bluez.Remove(kC);
+                                                   bluez.Connect(kA);
+                                               },
+                                               {Connected(kA)}},
+                                         Story{"ADeviceThatTurnsOutToBeARemoteWhileConnectedConnectsThen",
+                                               [](FakeBlueZ& bluez) {
+                                                   bluez.Add(kC, true, kKeyboardAppearance);
+                                                   bluez.Change(kC, "Appearance",
+                                                                g_variant_new_uint16(kRemoteAppearance));
+                                               },
+                                               {Connected(kC)}},
+                                         Story{"AValueThatIsKnownAlreadyIsNoEvent",
+                                               [](FakeBlueZ& bluez) {
+                                                   bluez.Connect(kA);
+                                                   bluez.Connect(kA);
+                                                   bluez.Disconnect(kA);
+                                               },
+                                               {Connected(kA), Disconnected(kA, kA)}},
+                                         Story{"AnAddressThatChangesWhileConnectedIsPublishedAndIsNoEvent",
+                                               [](FakeBlueZ& bluez) {
+                                                   bluez.Connect(kA);
+                                                   bluez.Change(kA, "Address", g_variant_new_string(kC));
+                                                   bluez.Disconnect(kA);
+                                               },
+                                               {Connected(kA), Disconnected(kC, kC)}},
+                                         Story{"AnAddressThatChangesLeavesTheIdOfTheRemoteThatConnectedLast",
+                                               [](FakeBlueZ& bluez) {
+                                                   bluez.Connect(kA);
+                                                   bluez.Connect(kB);
+                                                   bluez.Change(kA, "Address", g_variant_new_string(kC));
+                                                   bluez.Disconnect(kA);
+                                               },
+                                               {Connected(kA), Connected(kB), Disconnected(kC, kB)}}),
+                         [](const auto& row) { return row.param.name; });
 
 TEST_F(SmartRemote, ARemoteThatIsConnectedAlreadyIsPublishedButIsNoEvent) {
     bluez.Add(kA, true);
-    bluez.Start();
     Watch();
     EXPECT_TRUE(Eventually([] { return Published() == kA; }));
 
@@ -229,7 +273,6 @@ TEST_F(SmartRemote, AmongSeveralConnectedRemotesThePublishedOneStays) {
     ASSERT_EQ(vconf_set_str(kKey, kB), 0);
     bluez.Add(kA, true);
     bluez.Add(kB, true);
-    bluez.Start();
     Watch();
 
     bluez.Disconnect(kA);
@@ -237,78 +280,9 @@ TEST_F(SmartRemote, AmongSeveralConnectedRemotesThePublishedOneStays) {
     EXPECT_THAT(reports.WaitFor(1), ElementsAre(Disconnected(kA, kB)));
 }
 
-TEST_F(SmartRemote, ADeviceThatIsRemovedWhileConnectedIsADisconnect) {
-    WatchRemoteA();
-
-    bluez.Connect(kA);
-    bluez.Remove(kA);
-    bluez.Add(kA, true);
-
-    EXPECT_THAT(reports.WaitFor(3), ElementsAre(Connected(kA), Disconnected(kA, kA), Connected(kA)));
-}
-
-TEST_F(SmartRemote, OtherDevicesAreNotTold) {
-    bluez.Add(kA, false);
-    bluez.Add(kB, false, kKeyboardAppearance);
-    bluez.Start();
-    Watch();
-
-    bluez.Connect(kB);
-    bluez.Remove(kB);
-    bluez.Connect(kA);
-
-    EXPECT_THAT(reports.WaitFor(1), ElementsAre(Connected(kA)));
-}
-
-TEST_F(SmartRemote, ADeviceThatTurnsOutToBeARemoteWhileConnectedConnectsThen) {
-    bluez.Add(kA, true, kKeyboardAppearance);
-    bluez.Start();
-    Watch();
-
-    bluez.Change(kA, "Appearance", g_variant_new_uint16(kRemoteAppearance));
-
-    EXPECT_THAT(reports.WaitFor(1), ElementsAre(Connected(kA)));
-}
-
-TEST_F(SmartRemote, AValueThatIsKnownAlreadyIsNoEvent) {
-    WatchRemoteA();
-
-    bluez.Connect(kA);
-    bluez.Connect(kA);
-    bluez.Disconnect(kA);
-
-    EXPECT_THAT(reports.WaitFor(2), ElementsAre(Connected(kA), Disconnected(kA, kA)));
-}
-
-TEST_F(SmartRemote, AnAddressThatChangesWhileConnectedIsPublishedAndIsNoEvent) {
-    WatchRemoteA();
-    bluez.Connect(kA);
-    bluez.Change(kA, "Address", g_variant_new_string(kB));
-
-    bluez.Disconnect(kA);
-
-    EXPECT_THAT(reports.WaitFor(2), ElementsAre(Connected(kA), Disconnected(kB, kB)));
-}
-
-TEST_F(SmartRemote, AnAddressThatChangesLeavesTheIdOfTheRemoteThatConnectedLast) {
-    constexpr const char* kIdentityOfA = "CC:CC:CC:CC:CC:CC";
-    bluez.Add(kA, false);
-    bluez.Add(kB, false);
-    bluez.Start();
-    Watch();
-    bluez.Connect(kA);
-    bluez.Connect(kB);
-
-    bluez.Change(kA, "Address", g_variant_new_string(kIdentityOfA));
-    bluez.Disconnect(kA);
-
-    EXPECT_THAT(reports.WaitFor(3),
-                ElementsAre(Connected(kA), Connected(kB), Disconnected(kIdentityOfA, kB)));
-}
-
 TEST_F(SmartRemote, AStormOfConnectsArrivesWholeAndInOrder) {
     constexpr std::size_t kConnects = 1000;
-    WatchRemoteA();
+    WatchRemotes();
 
     for (std::size_t i = 0; i < kConnects; ++i) {
         bluez.Connect(kA);
@@ -323,12 +297,11 @@ TEST_F(SmartRemote, AStormOfConnectsArrivesWholeAndInOrder) {
 }
 
 TEST_F(SmartRemote, ARestartOfTheServiceIsNoEventWhileTheLinkStays) {
-    WatchRemoteA();
+    WatchRemotes();
     bluez.Connect(kA);
     reports.WaitFor(1);
 
-    bluez.Stop();
-    EXPECT_TRUE(log.WaitFor("BlueZ is missing"));
+    StopBlueZ();
     bluez.Start();
     WaitUntilKnown();
     bluez.Disconnect(kA);
@@ -338,15 +311,11 @@ TEST_F(SmartRemote, ARestartOfTheServiceIsNoEventWhileTheLinkStays) {
 }
 
 TEST_F(SmartRemote, WhatChangedWhileTheServiceWasAwayIsToldWhenItIsBack) {
-    bluez.Add(kA, false);
-    bluez.Add(kB, false);
-    bluez.Start();
-    Watch();
+    WatchRemotes();
     bluez.Connect(kA);
     reports.WaitFor(1);
 
-    bluez.Stop();
-    EXPECT_TRUE(log.WaitFor("BlueZ is missing"));
+    StopBlueZ();
     bluez.Disconnect(kA);
     bluez.Connect(kB);
     bluez.Start();
@@ -355,12 +324,11 @@ TEST_F(SmartRemote, WhatChangedWhileTheServiceWasAwayIsToldWhenItIsBack) {
 }
 
 TEST_F(SmartRemote, AnAddressThatChangedWhileTheServiceWasAwayIsPublishedAndIsNoEvent) {
-    WatchRemoteA();
+    WatchRemotes();
     bluez.Connect(kA);
     reports.WaitFor(1);
 
-    bluez.Stop();
-    EXPECT_TRUE(log.WaitFor("BlueZ is missing"));
+    StopBlueZ();
     bluez.LearnAddress(kA, kB);
     bluez.Start();
     WaitUntilKnown();
@@ -385,7 +353,6 @@ TEST_F(SmartRemote, AServiceThatComesLateIsOneLogLineAndThenWorks) {
 TEST_F(SmartRemote, AServiceThatDoesNotListItsDevicesIsAskedAgain) {
     bluez.Add(kA, false);
     bluez.Refuse(2);
-    bluez.Start();
     Watch();
 
     bluez.Connect(kA);
@@ -396,7 +363,7 @@ TEST_F(SmartRemote, AServiceThatDoesNotListItsDevicesIsAskedAgain) {
 
 TEST_F(SmartRemote, TheLatestCallbackHasTheSlot) {
     Reports<std::string> others;
-    WatchRemoteA();
+    WatchRemotes();
     ASSERT_EQ(bt_hid_set_smart_rc_connection_cb(WriteDown, &others), 0);
 
     EXPECT_EQ(bt_hid_unset_smart_rc_connection_cb(WriteDown, &reports), -1);
@@ -409,7 +376,7 @@ TEST_F(SmartRemote, TheLatestCallbackHasTheSlot) {
 }
 
 TEST_F(SmartRemote, WithdrawingDuringAStormEndsIt) {
-    WatchRemoteA();
+    WatchRemotes();
     for (int i = 0; i < 100; ++i) {
         bluez.Connect(kA);
         bluez.Disconnect(kA);
@@ -432,25 +399,28 @@ TEST_F(SmartRemote, WithdrawingDuringAStormEndsIt) {
 }
 
 TEST(RemoteControl, IconClassOrAppearanceSayWhatItIs) {
-    const auto with = [](const char* icon, std::uint32_t deviceClass, std::uint16_t appearance) {
-        BluetoothDevice device;
-        device.icon = icon;
-        device.deviceClass = deviceClass;
-        device.appearance = appearance;
-        return device.IsRemoteControl();
+    struct Row {
+        const char* icon;
+        std::uint32_t deviceClass;
+        std::uint16_t appearance;
+        bool isRemoteControl;
     };
-    EXPECT_TRUE(with("input-remote", 0, 0));
-    EXPECT_TRUE(with("remote-control", 0, 0));
-    EXPECT_TRUE(with("", 0x00050C, 0));  // peripheral, remote control
-    EXPECT_TRUE(with("", 0x00254C, 0));  // and keyboard, and a service bit
-    EXPECT_TRUE(with("", 0, 0x0180));    // generic remote control
-    EXPECT_TRUE(with("", 0, 0x01BF));    // last of the category
-    EXPECT_FALSE(with("", 0, 0));
-    EXPECT_FALSE(with("input-keyboard", 0x000540, 0x03C1));
-    EXPECT_FALSE(with("", 0x00020C, 0));  // a smart phone: same minor bits, other major class
-    EXPECT_FALSE(with("", 0x000508, 0));  // gamepad
-    EXPECT_FALSE(with("", 0, 0x017F));
-    EXPECT_FALSE(with("", 0, 0x01C0));
+    for (const Row& row : {Row{"input-remote", 0, 0, true}, Row{"remote-control", 0, 0, true},
+                           Row{"", 0x00050C, 0, true},  // peripheral, remote control
+                           Row{"", 0x00254C, 0, true},  // and keyboard, and a service bit
+                           Row{"", 0, 0x0180, true},    // generic remote control
+                           Row{"", 0, 0x01BF, true},    // last of the category
+                           Row{"", 0, 0, false}, Row{"input-keyboard", 0x000540, 0x03C1, false},
+                           Row{"", 0x00020C, 0, false},  // a smart phone: same minor bits, other major class
+                           Row{"", 0x000508, 0, false},  // gamepad
+                           Row{"", 0, 0x017F, false}, Row{"", 0, 0x01C0, false}}) {
+        BluetoothDevice device;
+        device.icon = row.icon;
+        device.deviceClass = row.deviceClass;
+        device.appearance = row.appearance;
+        EXPECT_EQ(device.IsRemoteControl(), row.isRemoteControl)
+            << row.icon << " " << row.deviceClass << " " << row.appearance;
+    }
 }
 
 }  // namespace
