@@ -151,6 +151,11 @@ int Process::Wait() {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
+bool IsEmulated() {
+    const std::array words = {ZOL_TEST_EMULATOR};
+    return *words.front() != '\0';
+}
+
 void WaitForRelease() {
     char byte = 0;
     while (read(STDIN_FILENO, &byte, 1) > 0) {

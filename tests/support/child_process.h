@@ -55,6 +55,9 @@ private:
     base::UniqueFd m_output;
 };
 
+/// Whether this program runs through an emulator.
+bool IsEmulated();
+
 /// For main: runs the named body when this process was started for one. @return its exit status
 std::optional<int> RunProgram(int argc, char** argv);
 

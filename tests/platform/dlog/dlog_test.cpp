@@ -6,17 +6,15 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <string>
-#include <thread>
+#include <utility>
 #include <vector>
 
 #include "allocations.h"
 #include "child_process.h"
+#include "files.h"
 #include "temporary_folder.h"
-
-namespace fs = std::filesystem;
+#include "waiting.h"
 
 namespace {
 
@@ -24,15 +22,6 @@ using child::Process;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::MatchesRegex;
-
-std::vector<std::string> Lines(const std::string& path) {
-    std::ifstream file(path);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(file, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
 
 /// Arguments: count, text. Logs the numbered text as often.
 int LogMany(const child::Arguments& arguments) {
@@ -50,9 +39,16 @@ protected:
     static std::string Path(const char* name) {
         return std::string(std::getenv("ZOL_ROOT")) + "/var/log/zol/" + name;
     }
+    static std::size_t Count() { return ReadLines(Path("main.log")).size(); }
     static std::string Last(const char* name = "main.log") {
-        const std::vector<std::string> lines = Lines(Path(name));
+        const std::vector<std::string> lines = ReadLines(Path(name));
         return lines.empty() ? "" : lines.back();
+    }
+    /// What a message of this tag becomes.
+    static std::string Logged(const std::string& message, const char* tag = "T",
+                              int priority = DLOG_PRIORITY_INFO) {
+        dlog_emit(DLOG_BUFFER_MAIN, priority, tag, "%s", message.c_str());
+        return Last();
     }
 };
 
@@ -74,8 +70,7 @@ TEST_F(LogLine, HasOneLetterForEachPriority) {
                                                    {-3, " V/T("},
                                                    {99, " F/T("}};
     for (const auto& [priority, letter] : letters) {
-        dlog_emit(DLOG_BUFFER_MAIN, priority, "T", "x");
-        EXPECT_THAT(Last(), HasSubstr(letter));
+        EXPECT_THAT(Logged("x", "T", priority), HasSubstr(letter));
     }
 }
 
@@ -87,29 +82,17 @@ TEST_F(LogLine, GoesToTheFileOfItsBuffer) {
     EXPECT_THAT(Last("system.log"), EndsWith("): three"));
 }
 
-TEST_F(LogLine, LosesTheLineEndOfItsMessage) {
-    const std::size_t before = Lines(Path("main.log")).size();
-    dlog_emit(DLOG_BUFFER_MAIN, DLOG_PRIORITY_INFO, "T", "text\r\n\n");
-    EXPECT_EQ(Lines(Path("main.log")).size(), before + 1);
-    EXPECT_THAT(Last(), EndsWith("): text"));
+TEST_F(LogLine, CannotBeForgedByItsMessageOrTagAndLosesItsLineEnd) {
+    const std::size_t before = Count();
+    const std::string line = Logged("a\nb\x1b[1mc\td\x7f\r.\r\n\n", "T\nG");
+    EXPECT_EQ(Count(), before + 1);
+    EXPECT_THAT(line, HasSubstr(" I/T\\nG("));
+    EXPECT_THAT(line, EndsWith("): a\\nb\\x1b[1mc\td\\x7f\\x0d."));
 }
 
-TEST_F(LogLine, CannotBeForgedByItsMessageOrTag) {
-    const std::size_t before = Lines(Path("main.log")).size();
-    dlog_emit(DLOG_BUFFER_MAIN, DLOG_PRIORITY_INFO, "T\nG", "a\nb\x1b[1mc\td\x7f\r.");
-    EXPECT_EQ(Lines(Path("main.log")).size(), before + 1);
-    EXPECT_THAT(Last(), HasSubstr(" I/T\\nG("));
-    EXPECT_THAT(Last(), EndsWith("): a\\nb\\x1b[1mc\td\\x7f\\x0d."));
-}
-
-TEST_F(LogLine, IsCutAt4095Bytes) {
-    dlog_emit(DLOG_BUFFER_MAIN, DLOG_PRIORITY_INFO, "T", "%s", std::string(5000, 'x').c_str());
-    EXPECT_THAT(Last(), EndsWith("): " + std::string(4095, 'x')));
-}
-
-TEST_F(LogLine, MayHaveNoTag) {
-    dlog_emit(DLOG_BUFFER_MAIN, DLOG_PRIORITY_INFO, nullptr, "x");
-    EXPECT_THAT(Last(), HasSubstr(" I/("));
+TEST_F(LogLine, IsCutAt4095BytesAndMayHaveNoTag) {
+    EXPECT_THAT(Logged(std::string(5000, 'x')), EndsWith("): " + std::string(4095, 'x')));
+    EXPECT_THAT(Logged("x", nullptr), HasSubstr(" I/("));
 }
 
 TEST_F(LogLine, LeavesErrnoAlone) {
@@ -129,23 +112,14 @@ TEST_F(LogLine, AllocatesNothingHoweverLongItIs) {
 }
 
 TEST_F(LogLine, OfManyThreadsStaysWhole) {
-    constexpr int kThreads = 3;
-    constexpr std::size_t kLines = 100;
-    const std::size_t before = Lines(Path("main.log")).size();
-    std::vector<std::thread> threads;
-    for (int index = 0; index < kThreads; ++index) {
-        threads.emplace_back([] {
-            for (std::size_t line = 0; line < kLines; ++line) {
-                dlog_emit(DLOG_BUFFER_MAIN, DLOG_PRIORITY_INFO, "THREAD", "%s",
-                          std::string(300, 'z').c_str());
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    const std::vector<std::string> lines = Lines(Path("main.log"));
-    ASSERT_EQ(lines.size(), before + kThreads * kLines);
+    const std::size_t before = Count();
+    OnThreads(3, [](int) {
+        for (int line = 0; line < 100; ++line) {
+            dlog_emit(DLOG_BUFFER_MAIN, DLOG_PRIORITY_INFO, "THREAD", "%s", std::string(300, 'z').c_str());
+        }
+    });
+    const std::vector<std::string> lines = ReadLines(Path("main.log"));
+    ASSERT_EQ(lines.size(), before + 300);
     for (std::size_t at = before; at < lines.size(); ++at) {
         ASSERT_THAT(lines[at], MatchesRegex("[0-9. :-]+ I/THREAD\\([0-9]+:[0-9]+\\): z{300}"));
     }
@@ -164,7 +138,7 @@ TEST_F(LogLine, OfManyProcessesStaysWhole) {
         EXPECT_EQ(writer.ReadLine(), "done");
         EXPECT_EQ(writer.Wait(), 0);
     }
-    const std::vector<std::string> lines = Lines(root.Path() + "/var/log/zol/main.log");
+    const std::vector<std::string> lines = ReadLines(root.Path() + "/var/log/zol/main.log");
     EXPECT_EQ(lines.size(), static_cast<std::size_t>(kWriters * kLines));
     for (const std::string& line : lines) {
         ASSERT_THAT(line, MatchesRegex("[0-9. :-]+ I/MANY\\([0-9]+:[0-9]+\\): [0-9]+ y{600}"));
@@ -173,7 +147,7 @@ TEST_F(LogLine, OfManyProcessesStaysWhole) {
 
 TEST_F(LogLine, IsDroppedWhenTheFolderCannotBeMade) {
     const TemporaryFolder root;
-    std::ofstream(root.Path() + "/var") << "a file where a folder should be";
+    WriteFile(root.Path() + "/var", "a file where a folder should be");
     Process writer("log-many", {"100", "text"}, root.Path());
     EXPECT_EQ(writer.ReadLine(), "done");
     EXPECT_EQ(writer.Wait(), 0);

@@ -11,7 +11,6 @@
 #include <array>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <sstream>
@@ -22,7 +21,9 @@
 #include "base/unique_fd.h"
 #include "child_process.h"
 #include "device_path.h"
+#include "files.h"
 #include "key_combination/combinations.h"
+#include "log_lines.h"
 #include "temporary_folder.h"
 #include "waiting.h"
 
@@ -37,15 +38,11 @@ using testing::IsEmpty;
 constexpr int kOne = 1;
 constexpr int kTwo = 2;
 
-std::vector<Combination> Read(const std::string& text, std::vector<std::string>* complaints = nullptr) {
+std::vector<Combination> Read(const std::string& text, const std::vector<std::string>& complaints = {}) {
     std::istringstream table(text);
     std::vector<std::string> found;
     std::vector<Combination> combinations = platform::ReadCombinations(table, found);
-    if (complaints != nullptr) {
-        *complaints = found;
-    } else {
-        EXPECT_THAT(found, IsEmpty());
-    }
+    EXPECT_EQ(found, complaints);
     return combinations;
 }
 
@@ -56,18 +53,15 @@ TEST(CombinationTable, ALineNamesAnIdAndTheKeysHeldTogether) {
 }
 
 TEST(CombinationTable, WrongLinesAreNamedAndTheOthersCount) {
-    std::vector<std::string> complaints;
     const auto combinations = Read(
         "95 KEY_RED\n128 = KEY_RED\n-1 = KEY_RED\nred = KEY_RED\n95 = KEY_RED + KEY_BLEU\n95 =\n"
         "95 = KEY_RED + + KEY_BLUE\n99999999999 = KEY_RED\n96 = KEY_BLUE\n",
-        &complaints);
+        {"line 1: no \"=\"", "line 2: \"128\" is no id from 0 to 127",
+         "line 3: \"-1\" is no id from 0 to 127", "line 4: \"red\" is no id from 0 to 127",
+         "line 5: unknown key KEY_BLEU", "line 6: unknown key ", "line 7: unknown key ",
+         "line 8: \"99999999999\" is no id from 0 to 127"});
 
     EXPECT_THAT(combinations, ElementsAre(Combination{96, {KEY_BLUE}}));
-    EXPECT_THAT(complaints,
-                ElementsAre("line 1: no \"=\"", "line 2: \"128\" is no id from 0 to 127",
-                            "line 3: \"-1\" is no id from 0 to 127", "line 4: \"red\" is no id from 0 to 127",
-                            "line 5: unknown key KEY_BLEU", "line 6: unknown key ", "line 7: unknown key ",
-                            "line 8: \"99999999999\" is no id from 0 to 127"));
 }
 
 TEST(CombinationTable, TheDefaultOneHoldsStartAndStop) {
@@ -205,7 +199,10 @@ public:
             return static_cast<bool>(m_fd);
         }));
     }
-    void Press(unsigned key) { Send(EV_KEY, key, 1); }
+    template <class... Keys>
+    void Press(Keys... keys) {
+        (Send(EV_KEY, keys, 1), ...);
+    }
     void Release(unsigned key) { Send(EV_KEY, key, 0); }
     void Hold(unsigned key) { Send(EV_KEY, key, 2); }
     void LoseEvents() { Send(EV_SYN, SYN_DROPPED, 0); }
@@ -230,17 +227,12 @@ private:
     base::UniqueFd m_fd;
 };
 
-bool IsEmulated() {
-    const std::array words = {ZOL_TEST_EMULATOR};
-    return *words.front() != '\0';
-}
-
 class KeyService : public testing::Test {
 protected:
     void SetUp() override {
         const base::GStringPtr runner(g_find_program_in_path("umockdev-run"));
         const base::GStringPtr self(g_file_read_link("/proc/self/exe", nullptr));
-        if (IsEmulated()) {
+        if (child::IsEmulated()) {
             GTEST_SKIP() << "input devices cannot be mocked under an emulator";
         }
         ASSERT_NE(runner, nullptr) << "umockdev-run is not installed";
@@ -262,41 +254,36 @@ protected:
         fs::create_directories(m_root.Path() + "/etc/zol");
         return m_root.Path() + "/etc/zol/keycombination.conf";
     }
-    void WriteTable(const std::string& text) const { std::ofstream(Table()) << text; }
     /// The service comes up with the built-in table and says why.
     void ExpectBuiltInTable(const std::string& why) {
         Start();
-        EXPECT_TRUE(IsLogged("/etc/zol/keycombination.conf: " + why + ": the built-in table holds"));
+        EXPECT_TRUE(m_log.WaitFor("/etc/zol/keycombination.conf: " + why + ": the built-in table holds"));
         Keyboard keyboard(m_folder, "event1");
-        keyboard.Press(KEY_RED);
-        keyboard.Press(KEY_GREEN);
-        EXPECT_EQ(NextId(), "#95");
-        End();
+        keyboard.Press(KEY_RED, KEY_GREEN);
+        EndAfter({"#95"});
     }
     std::string NextId() { return m_process->ReadLine(); }
-    bool IsLogged(const std::string& text) const {
-        return Eventually([&] {
-            std::ifstream log(m_root.Path() + "/var/log/zol/main.log");
-            const std::string lines{std::istreambuf_iterator<char>(log), std::istreambuf_iterator<char>()};
-            return lines.find(text) != std::string::npos;
-        });
-    }
-    void End() {
+    /// These fire, and nothing goes wrong as the service ends.
+    void EndAfter(const std::vector<std::string>& ids) {
+        for (const std::string& id : ids) {
+            EXPECT_EQ(NextId(), id);
+        }
         m_process->Release();
         EXPECT_EQ(m_process->Wait(), 0);
     }
 
+    TemporaryFolder m_root;
+    PlatformLog m_log{m_root.Path()};
     std::string m_folder;
 
 private:
     void Mock(const std::string& name, const std::vector<unsigned>& held) {
         const std::string device = "/dev/input/" + name;
         const std::string answers = m_root.Path() + "/" + name + ".ioctl";
-        std::ofstream(answers) << KeyboardAnswers(device, held);
+        WriteFile(answers, KeyboardAnswers(device, held));
         m_command.push_back("--ioctl=" + device + "=" + answers);
     }
 
-    TemporaryFolder m_root;
     std::string m_self;
     child::Arguments m_command;
     std::unique_ptr<child::Process> m_process;
@@ -304,18 +291,16 @@ private:
 
 TEST_F(KeyService, ADeviceThatIsPluggedInLaterIsHeard) {
     Start();
-    EXPECT_TRUE(IsLogged("no input device in /dev/input: no key combinations until one appears"));
+    EXPECT_TRUE(m_log.WaitFor("no input device in /dev/input: no key combinations until one appears"));
     Keyboard keyboard(m_folder, "event1");
-    EXPECT_TRUE(IsLogged("input device event1 is there: key combinations work"));
+    EXPECT_TRUE(m_log.WaitFor("input device event1 is there: key combinations work"));
 
-    keyboard.Press(KEY_RED);
-    keyboard.Press(KEY_GREEN);
+    keyboard.Press(KEY_RED, KEY_GREEN);
     EXPECT_EQ(NextId(), "#95");
     keyboard.Hold(KEY_GREEN);
     keyboard.Release(KEY_GREEN);
     keyboard.Press(KEY_BLUE);
-    EXPECT_EQ(NextId(), "#96");
-    End();
+    EndAfter({"#96"});
 }
 
 TEST_F(KeyService, ADeviceThatIsPulledOutLetsGoOfItsKeys) {
@@ -325,18 +310,14 @@ TEST_F(KeyService, ADeviceThatIsPulledOutLetsGoOfItsKeys) {
     first.Press(KEY_RED);
     first.PullOut();
 
-    second.Press(KEY_GREEN);
-    second.Press(KEY_BLUE);
-    second.Press(KEY_RED);
+    second.Press(KEY_GREEN, KEY_BLUE, KEY_RED);
     EXPECT_EQ(NextId(), "#95");
     EXPECT_EQ(NextId(), "#96");
 
     second.PullOut();
     Keyboard again(m_folder, "event1");
-    again.Press(KEY_RED);
-    again.Press(KEY_BLUE);
-    EXPECT_EQ(NextId(), "#96");
-    End();
+    again.Press(KEY_RED, KEY_BLUE);
+    EndAfter({"#96"});
 }
 
 TEST_F(KeyService, KeysThatAreHeldAsTheDeviceComesCount) {
@@ -345,8 +326,7 @@ TEST_F(KeyService, KeysThatAreHeldAsTheDeviceComesCount) {
     second.Press(KEY_BLUE);
     const Keyboard first(m_folder, "event1");
 
-    EXPECT_EQ(NextId(), "#96");
-    End();
+    EndAfter({"#96"});
 }
 
 TEST_F(KeyService, LostEventsAreMadeUpFor) {
@@ -360,23 +340,18 @@ TEST_F(KeyService, LostEventsAreMadeUpFor) {
     first.Release(KEY_RED);
     first.LoseEvents();
 
-    EXPECT_EQ(NextId(), "#95");
-    End();
+    EndAfter({"#95"});
 }
 
 TEST_F(KeyService, TheTableFileSaysWhichKeys) {
-    WriteTable("96 = KEY_R + KEY_S\n97 = KEY_R\nnonsense\n");
+    WriteFile(Table(), "96 = KEY_R + KEY_S\n97 = KEY_R\nnonsense\n");
     Start();
-    EXPECT_TRUE(IsLogged("/etc/zol/keycombination.conf: line 3: no \"=\""));
+    EXPECT_TRUE(m_log.WaitFor("/etc/zol/keycombination.conf: line 3: no \"=\""));
     Keyboard keyboard(m_folder, "event1");
 
-    keyboard.Press(KEY_RED);
-    keyboard.Press(KEY_GREEN);
-    keyboard.Press(KEY_R);
-    keyboard.Press(KEY_S);
+    keyboard.Press(KEY_RED, KEY_GREEN, KEY_R, KEY_S);
 
-    EXPECT_EQ(NextId(), "#96");
-    End();
+    EndAfter({"#96"});
 }
 
 TEST_F(KeyService, APipeInTheTablesPlaceHoldsNobodyUp) {
@@ -396,7 +371,7 @@ TEST_F(KeyService, ATableThatCannotBeOpenedIsTold) {
 }
 
 TEST_F(KeyService, ATableThatIsNoneByItsSizeIsNotRead) {
-    WriteTable(std::string(65537, '#'));
+    WriteFile(Table(), std::string(65537, '#'));
     ExpectBuiltInTable("more than 65536 bytes");
 }
 
@@ -404,27 +379,21 @@ TEST_F(KeyService, AHandlerCannotEndTheServiceThatCallsIt) {
     Start({}, "keys-ending-inside");
     Keyboard keyboard(m_folder, "event1");
 
-    keyboard.Press(KEY_RED);
-    keyboard.Press(KEY_GREEN);
-    keyboard.Press(KEY_BLUE);
+    keyboard.Press(KEY_RED, KEY_GREEN, KEY_BLUE);
 
-    EXPECT_EQ(NextId(), "#95");
-    EXPECT_EQ(NextId(), "#96");
-    End();
+    EndAfter({"#95", "#96"});
 }
 
 TEST_F(KeyService, WhatIsNoInputDeviceIsNamedAndLeftAlone) {
     Start();
-    std::ofstream(m_folder + "/event7") << "no device";
-    std::ofstream(m_folder + "/mouse0") << "other interface";
-    EXPECT_TRUE(IsLogged("input device event7: "));
+    WriteFile(m_folder + "/event7", "no device");
+    WriteFile(m_folder + "/mouse0", "other interface");
+    EXPECT_TRUE(m_log.WaitFor("input device event7: "));
     Keyboard keyboard(m_folder, "event1");
 
-    keyboard.Press(KEY_RED);
-    keyboard.Press(KEY_BLUE);
+    keyboard.Press(KEY_RED, KEY_BLUE);
 
-    EXPECT_EQ(NextId(), "#96");
-    End();
+    EndAfter({"#96"});
 }
 
 }  // namespace

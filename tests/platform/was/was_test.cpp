@@ -13,6 +13,8 @@
 #include <thread>
 #include <vector>
 
+#include "files.h"
+#include "gate.h"
 #include "log_lines.h"
 #include "reports.h"
 #include "temporary_folder.h"
@@ -30,31 +32,24 @@ void WriteDown(const char* appId, was_notify_event_e event, int value1, int valu
     static_cast<Reports<std::string>*>(userData)->Add(std::string(appId) + " " + std::to_string(event));
 }
 
-void Write(const fs::path& file, const std::string& content) {
-    std::ofstream(file, std::ios::trunc) << content;
-}
-
 /// A registration for "gate" whose callback holds up all events until the gate is opened.
-struct Gate {
-    Reports<int> entered;
-    Reports<int> opened;
+struct GateApp {
+    Gate gate;
     std::atomic<bool> left{false};
 
     static void Callback(const char* /*appId*/, was_notify_event_e /*event*/, int /*value1*/, int /*value2*/,
                          void* userData) {
-        auto* self = static_cast<Gate*>(userData);
-        self->entered.Add(1);
-        self->opened.WaitFor(1);
+        auto* self = static_cast<GateApp*>(userData);
+        self->gate.Pass();
         self->left = true;
     }
-    was_install_status_request Request() {
+    void Monitor() {
         was_install_status_request request{};
         std::strcpy(request.app_id, "gate");
         request.callback = Callback;
         request.user_data = this;
-        return request;
+        ASSERT_EQ(was_monitor_webapp_install_status(request), 0);
     }
-    void Open() { opened.Add(1); }
 };
 
 class WebApps : public testing::Test {
@@ -62,6 +57,8 @@ protected:
     WebApps() {
         setenv("XDG_DATA_HOME", (folder.Path() + "/home").c_str(), 1);
         setenv("XDG_DATA_DIRS", (folder.Path() + "/system:" + folder.Path() + "/more").c_str(), 1);
+        fs::create_directories(User());
+        fs::create_directories(System());
     }
     ~WebApps() override { was_unmonitor_webapp_install_status(WriteDown, &reports); }
 
@@ -75,13 +72,14 @@ protected:
     int Monitor(const std::string& id) { return was_monitor_webapp_install_status(Request(id, reports)); }
     fs::path User() const { return folder.Path() + "/home/applications"; }
     fs::path System() const { return folder.Path() + "/system/applications"; }
-    void MakeFolders() const {
-        fs::create_directories(User());
-        fs::create_directories(System());
+    /// As on a machine that never had an application.
+    void RemoveFolders() const {
+        fs::remove_all(folder.Path() + "/home");
+        fs::remove_all(folder.Path() + "/system");
     }
     /// All reports up to an install of "fence", whose monitoring began before.
     std::vector<std::string> UpToFence(std::size_t before) {
-        Write(User() / "fence.tmp", "fence");
+        WriteFile(User() / "fence.tmp", "fence");
         fs::rename(User() / "fence.tmp", User() / "fence.desktop");
         std::vector<std::string> all = reports.WaitFor(before + 1);
         EXPECT_EQ(all.back(), "fence 100");
@@ -93,7 +91,7 @@ protected:
         int limit = 0;
         std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> limit;
         ASSERT_GT(limit, 0);
-        Write(System() / "a", "");
+        WriteFile(System() / "a", "");
         for (int events = 0; events <= limit; events += 4) {
             fs::rename(System() / "a", System() / "b");
             fs::rename(System() / "b", System() / "a");
@@ -110,7 +108,6 @@ protected:
 };
 
 TEST_F(WebApps, AFinishedWriteIsOneInstall) {
-    MakeFolders();
     MonitorAppAndFence();
     {
         std::ofstream file(User() / "app.desktop");
@@ -122,12 +119,11 @@ TEST_F(WebApps, AFinishedWriteIsOneInstall) {
 }
 
 TEST_F(WebApps, ARenameOverTheOldFileIsOneInstall) {
-    MakeFolders();
-    Write(System() / "app.desktop", "old");
+    WriteFile(System() / "app.desktop", "old");
     MonitorAppAndFence();
 
     // As package managers do it: written beside, the old one linked away, then renamed over it.
-    Write(System() / "app.desktop.dpkg-new", "new");
+    WriteFile(System() / "app.desktop.dpkg-new", "new");
     fs::create_hard_link(System() / "app.desktop", System() / "app.desktop.dpkg-tmp");
     fs::rename(System() / "app.desktop.dpkg-new", System() / "app.desktop");
     fs::remove(System() / "app.desktop.dpkg-tmp");
@@ -137,8 +133,7 @@ TEST_F(WebApps, ARenameOverTheOldFileIsOneInstall) {
 }
 
 TEST_F(WebApps, ASymbolicLinkIsOneInstallAlsoWhenItIsReplaced) {
-    MakeFolders();
-    Write(folder.Path() + "/target", "content");
+    WriteFile(folder.Path() + "/target", "content");
     MonitorAppAndFence();
 
     fs::create_symlink(folder.Path() + "/target", User() / "app.desktop");
@@ -150,8 +145,7 @@ TEST_F(WebApps, ASymbolicLinkIsOneInstallAlsoWhenItIsReplaced) {
 }
 
 TEST_F(WebApps, AHardLinkIsOneInstall) {
-    MakeFolders();
-    Write(User() / "app.source", "content");
+    WriteFile(User() / "app.source", "content");
     MonitorAppAndFence();
 
     fs::create_hard_link(User() / "app.source", User() / "app.desktop");
@@ -160,8 +154,7 @@ TEST_F(WebApps, AHardLinkIsOneInstall) {
 }
 
 TEST_F(WebApps, OpeningForWritingWithoutWritingIsNoInstall) {
-    MakeFolders();
-    Write(User() / "app.desktop", "content");
+    WriteFile(User() / "app.desktop", "content");
     MonitorAppAndFence();
 
     std::ofstream(User() / "app.desktop", std::ios::app).close();
@@ -170,25 +163,23 @@ TEST_F(WebApps, OpeningForWritingWithoutWritingIsNoInstall) {
 }
 
 TEST_F(WebApps, WritingTheSameContentAgainIsAnInstall) {
-    MakeFolders();
-    Write(User() / "app.desktop", "content");
+    WriteFile(User() / "app.desktop", "content");
     MonitorAppAndFence();
     // File times advance in ticks; the second write must not share one with the first.
     fs::last_write_time(User() / "app.desktop", fs::file_time_type::clock::now() - std::chrono::hours(1));
 
-    Write(User() / "app.desktop", "content");
+    WriteFile(User() / "app.desktop", "content");
 
     EXPECT_THAT(UpToFence(1), ElementsAre("app 100"));
 }
 
 TEST_F(WebApps, ARemovalReportsAnotherCode) {
-    MakeFolders();
-    Write(User() / "app.desktop", "content");
+    WriteFile(User() / "app.desktop", "content");
     MonitorAppAndFence();
 
     fs::remove(User() / "app.desktop");
     EXPECT_THAT(reports.WaitFor(1), ElementsAre("app 200"));
-    Write(User() / "app.desktop", "content");
+    WriteFile(User() / "app.desktop", "content");
     EXPECT_THAT(reports.WaitFor(2), ElementsAre("app 200", "app 100"));
     fs::rename(User() / "app.desktop", User() / "app.away");
 
@@ -196,9 +187,8 @@ TEST_F(WebApps, ARemovalReportsAnotherCode) {
 }
 
 TEST_F(WebApps, AnAppThatIsStillInAnotherFolderIsNotGone) {
-    MakeFolders();
-    Write(User() / "app.desktop", "content");
-    Write(System() / "app.desktop", "content");
+    WriteFile(User() / "app.desktop", "content");
+    WriteFile(System() / "app.desktop", "content");
     MonitorAppAndFence();
 
     fs::remove(User() / "app.desktop");
@@ -209,19 +199,19 @@ TEST_F(WebApps, AnAppThatIsStillInAnotherFolderIsNotGone) {
 }
 
 TEST_F(WebApps, FoldersThatAppearLaterAreWatchedToo) {
+    RemoveFolders();
     MonitorAppAndFence();
 
-    fs::create_directories(System());
-    Write(System() / "app.desktop", "content");
+    WriteFile(System() / "app.desktop", "content");
     EXPECT_THAT(reports.WaitFor(1), ElementsAre("app 100"));
     fs::create_directories(User());
     EXPECT_THAT(UpToFence(1), ElementsAre("app 100"));
 }
 
 TEST_F(WebApps, AFolderThatComesWithTheAppInItIsOneInstall) {
+    RemoveFolders();
     MonitorAppAndFence();
-    fs::create_directories(folder.Path() + "/prepared/applications");
-    Write(folder.Path() + "/prepared/applications/app.desktop", "content");
+    WriteFile(folder.Path() + "/prepared/applications/app.desktop", "content");
 
     fs::rename(folder.Path() + "/prepared", folder.Path() + "/more");
     EXPECT_THAT(reports.WaitFor(1), ElementsAre("app 100"));
@@ -231,14 +221,12 @@ TEST_F(WebApps, AFolderThatComesWithTheAppInItIsOneInstall) {
 }
 
 TEST_F(WebApps, AFolderThatGoesAwayTakesItsAppsAndIsWatchedAgainWhenItIsBack) {
-    MakeFolders();
-    Write(System() / "app.desktop", "content");
+    WriteFile(System() / "app.desktop", "content");
     MonitorAppAndFence();
 
     fs::remove_all(folder.Path() + "/system");
     EXPECT_THAT(reports.WaitFor(1), ElementsAre("app 200"));
-    fs::create_directories(System());
-    Write(System() / "app.desktop", "content");
+    WriteFile(System() / "app.desktop", "content");
     EXPECT_THAT(reports.WaitFor(2), ElementsAre("app 200", "app 100"));
     fs::rename(System(), folder.Path() + "/elsewhere");
     EXPECT_THAT(reports.WaitFor(3), ElementsAre("app 200", "app 100", "app 200"));
@@ -248,65 +236,50 @@ TEST_F(WebApps, AFolderThatGoesAwayTakesItsAppsAndIsWatchedAgainWhenItIsBack) {
 }
 
 TEST_F(WebApps, OneFolderUnderTwoNamesIsOneFolder) {
-    MakeFolders();
     fs::create_directory_symlink(folder.Path() + "/system", folder.Path() + "/more");
     MonitorAppAndFence();
 
-    Write(System() / "app.desktop", "content");
-
-    EXPECT_THAT(UpToFence(1), ElementsAre("app 100"));
-}
-
-TEST_F(WebApps, AnAppInAFolderWithTwoNamesIsGoneWhenItIsRemoved) {
-    MakeFolders();
-    fs::create_directory_symlink(folder.Path() + "/system", folder.Path() + "/more");
-    Write(System() / "app.desktop", "content");
-    MonitorAppAndFence();
-
+    WriteFile(System() / "app.desktop", "content");
+    EXPECT_THAT(reports.WaitFor(1), ElementsAre("app 100"));
     fs::remove(System() / "app.desktop");
-    EXPECT_THAT(reports.WaitFor(1), ElementsAre("app 200"));
-    Write(System() / "app.desktop", "content");
 
-    EXPECT_THAT(UpToFence(2), ElementsAre("app 200", "app 100"));
+    EXPECT_THAT(UpToFence(2), ElementsAre("app 100", "app 200"));
 }
 
 TEST_F(WebApps, WhatHappenedWhenEventsWereLostIsToldOnce) {
-    MakeFolders();
     fs::create_directory_symlink(folder.Path() + "/system", folder.Path() + "/more");
     MonitorAppAndFence();
-    Gate gate;
-    ASSERT_EQ(was_monitor_webapp_install_status(gate.Request()), 0);
-    Write(System() / "gate.desktop", "content");
-    gate.entered.WaitFor(1);
+    GateApp app;
+    app.Monitor();
+    WriteFile(System() / "gate.desktop", "content");
+    ASSERT_TRUE(app.gate.AwaitArrival());
 
     // Told before the events are lost; then one that can only be found by looking, and a folder that went.
-    Write(System() / "app.desktop", "content");
+    WriteFile(System() / "app.desktop", "content");
     LoseEvents();
     fs::rename(User(), folder.Path() + "/away");
     fs::create_directories(User());
-    gate.Open();
+    app.gate.Open();
 
     EXPECT_THAT(reports.WaitFor(1), ElementsAre("app 100"));
     EXPECT_TRUE(log.WaitFor("events of watched folders were lost"));
     EXPECT_THAT(UpToFence(1), ElementsAre("app 100"));
-    EXPECT_EQ(was_unmonitor_webapp_install_status(Gate::Callback, &gate), 0);
+    EXPECT_EQ(was_unmonitor_webapp_install_status(GateApp::Callback, &app), 0);
 }
 
 TEST_F(WebApps, OtherFilesAndOtherIdsAreNotTold) {
-    MakeFolders();
     MonitorAppAndFence();
 
-    Write(User() / "app", "content");
-    Write(User() / "app.desktop.bak", "content");
-    Write(User() / "apps.desktop", "content");
-    Write(User() / ".desktop", "content");
+    WriteFile(User() / "app", "content");
+    WriteFile(User() / "app.desktop.bak", "content");
+    WriteFile(User() / "apps.desktop", "content");
+    WriteFile(User() / ".desktop", "content");
     fs::create_directory(User() / "app.desktop");
 
     EXPECT_THAT(UpToFence(0), IsEmpty());
 }
 
 TEST_F(WebApps, AnIdThatCouldLeaveTheFoldersIsRefused) {
-    MakeFolders();
     for (const char* id : {"", ".", "..", "/", "../app", "a/b", "/etc/passwd"}) {
         EXPECT_LT(Monitor(id), 0) << id;
     }
@@ -319,24 +292,22 @@ TEST_F(WebApps, AnIdThatCouldLeaveTheFoldersIsRefused) {
 }
 
 TEST_F(WebApps, AnIdOf127CharactersIsWatched) {
-    MakeFolders();
     const std::string id(127, 'i');
     ASSERT_EQ(Monitor(id), 0);
 
-    Write(User() / (id + ".desktop"), "content");
+    WriteFile(User() / (id + ".desktop"), "content");
 
     EXPECT_THAT(reports.WaitFor(1), ElementsAre(id + " 100"));
 }
 
 TEST_F(WebApps, WithdrawingEndsTheReportsOfThatRegistrationOnly) {
-    MakeFolders();
     Reports<std::string> others;
     MonitorAppAndFence();
     ASSERT_EQ(was_monitor_webapp_install_status(Request("app", others)), 0);
 
     EXPECT_EQ(was_unmonitor_webapp_install_status(WriteDown, &reports), 0);
     EXPECT_EQ(was_unmonitor_webapp_install_status(WriteDown, &reports), -1);
-    Write(User() / "app.desktop", "content");
+    WriteFile(User() / "app.desktop", "content");
 
     EXPECT_THAT(others.WaitFor(1), ElementsAre("app 100"));
     EXPECT_THAT(reports.Now(), IsEmpty());
@@ -344,34 +315,32 @@ TEST_F(WebApps, WithdrawingEndsTheReportsOfThatRegistrationOnly) {
 }
 
 TEST_F(WebApps, WithdrawingWaitsForACallbackThatRuns) {
-    MakeFolders();
-    Gate gate;
-    ASSERT_EQ(was_monitor_webapp_install_status(gate.Request()), 0);
-    Write(User() / "gate.desktop", "content");
-    gate.entered.WaitFor(1);
+    GateApp app;
+    app.Monitor();
+    WriteFile(User() / "gate.desktop", "content");
+    ASSERT_TRUE(app.gate.AwaitArrival());
 
     Reports<int> leaving;
     bool leftBeforeTheEnd = true;
     std::thread withdrawing([&] {
         leaving.Add(1);
-        EXPECT_EQ(was_unmonitor_webapp_install_status(Gate::Callback, &gate), 0);
-        leftBeforeTheEnd = !gate.left;
+        EXPECT_EQ(was_unmonitor_webapp_install_status(GateApp::Callback, &app), 0);
+        leftBeforeTheEnd = !app.left;
     });
     leaving.WaitFor(1);
-    gate.Open();
+    app.gate.Open();
     withdrawing.join();
     EXPECT_FALSE(leftBeforeTheEnd);
 }
 
 TEST_F(WebApps, WithdrawingDuringAStormEndsIt) {
-    MakeFolders();
     MonitorAppAndFence();
     Reports<std::string> storm;
     ASSERT_EQ(was_monitor_webapp_install_status(Request("storm", storm)), 0);
     std::atomic<bool> enough{false};
     std::thread writer([&] {
         while (!enough) {
-            Write(User() / "storm.tmp", "content");
+            WriteFile(User() / "storm.tmp", "content");
             fs::rename(User() / "storm.tmp", User() / "storm.desktop");
         }
     });
@@ -379,7 +348,7 @@ TEST_F(WebApps, WithdrawingDuringAStormEndsIt) {
 
     EXPECT_EQ(was_unmonitor_webapp_install_status(WriteDown, &storm), 0);
     const std::size_t told = storm.Now().size();
-    Write(User() / "app.desktop", "content");
+    WriteFile(User() / "app.desktop", "content");
     EXPECT_THAT(reports.WaitFor(1), ElementsAre("app 100"));
     enough = true;
     writer.join();
