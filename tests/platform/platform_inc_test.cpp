@@ -1,18 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <regex>
 #include <string>
 
-namespace {
+#include "files.h"
 
-std::string WithoutComments(const std::filesystem::path& header) {
-    std::ifstream file(header);
-    const std::string text{std::istreambuf_iterator<char>(file), {}};
-    return std::regex_replace(text, std::regex("//[^\n]*"), "");
-}
+namespace {
 
 // Two libraries that were built with different flags must agree on every byte: _TIME_BITS decides the width
 // of time_t, _FILE_OFFSET_BITS that of off_t, the machine that of long.
@@ -20,7 +14,7 @@ TEST(PlatformInterfaces, NameNoTypeWhoseWidthDependsOnBuildFlags) {
     const std::regex varying(R"(\b(long|timespec|timeval|time_t|off_t|ino_t|stat|tm|wchar_t|double)\b)");
     int headers = 0;
     for (const auto& entry : std::filesystem::directory_iterator(ZOL_PLATFORM_INC_DIR)) {
-        const std::string text = WithoutComments(entry.path());
+        const std::string text = std::regex_replace(ReadFile(entry.path()), std::regex("//[^\n]*"), "");
         std::smatch found;
         EXPECT_FALSE(std::regex_search(text, found, varying))
             << entry.path().filename() << " names " << found.str();

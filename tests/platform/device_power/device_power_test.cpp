@@ -169,11 +169,16 @@ protected:
     PrivateBus bus;
 };
 
-TEST_F(Power, SleepAndWakeUpArriveOnTheSubscribersThread) {
+/// logind gives the subscriber a delay lock.
+class PowerLock : public Power {
+protected:
+    PowerLock() { EXPECT_THAT(logind.Locks(1), ElementsAre("sleep:shutdown, delay")); }
+
     FakeLogind logind;
     Listener listener;
-    logind.Locks(1);
+};
 
+TEST_F(PowerLock, SleepAndWakeUpArriveOnTheSubscribersThread) {
     logind.PrepareForSleep(true);
     logind.PrepareForSleep(false);
     EXPECT_THAT(listener.reports.WaitFor(2), ElementsAre("off standby", "on standby"));
@@ -181,10 +186,8 @@ TEST_F(Power, SleepAndWakeUpArriveOnTheSubscribersThread) {
     EXPECT_THAT(listener.reports.WaitFor(3), ElementsAre("off standby", "on standby", "off shutdown"));
 }
 
-TEST_F(Power, TheMachineWaitsUntilThePowerOffCallbackHasRun) {
-    FakeLogind logind;
+TEST_F(PowerLock, TheMachineWaitsUntilThePowerOffCallbackHasRun) {
     Gate callback;
-    Listener listener;
     listener.beforePowerOff = [&callback] { callback.Pass(); };
     const device_power_callback_fn hear = [](int reason, void* data) {
         static_cast<Reports<int>*>(data)->Add(reason);
@@ -194,7 +197,6 @@ TEST_F(Power, TheMachineWaitsUntilThePowerOffCallbackHasRun) {
     platform::ContextThread bystander("bystander");
     ASSERT_TRUE(bystander.Start([&] { EXPECT_EQ(device_power_subscribe_poweroff(hear, &heard), 0); },
                                 [&] { EXPECT_EQ(device_power_unsubscribe_poweroff(hear), 0); }));
-    EXPECT_THAT(logind.Locks(1), ElementsAre("sleep:shutdown, delay"));
 
     logind.PrepareForSleep(true);
     logind.PrepareForSleep(true);
@@ -208,11 +210,8 @@ TEST_F(Power, TheMachineWaitsUntilThePowerOffCallbackHasRun) {
     callback.Open();
 }
 
-TEST_F(Power, TheMachineWaitsForWorkThatOutlivesTheCallback) {
-    FakeLogind logind;
-    Listener listener;
+TEST_F(PowerLock, TheMachineWaitsForWorkThatOutlivesTheCallback) {
     listener.HoldNext();
-    logind.Locks(1);
 
     logind.PrepareForShutdown(true);
     listener.reports.WaitFor(1);
@@ -238,11 +237,8 @@ TEST_F(Power, WorkThatIsNotDoneHoldsTheMachineNoLongerThanLogindWaits) {
     device_power_release(listener.hold);
 }
 
-TEST_F(Power, WorkThatIsNotDoneWhenTheMachineIsBackHoldsNothingUp) {
-    FakeLogind logind;
-    Listener listener;
+TEST_F(PowerLock, WorkThatIsNotDoneWhenTheMachineIsBackHoldsNothingUp) {
     listener.HoldNext();
-    logind.Locks(1);
 
     logind.PrepareForSleep(true);
     logind.PrepareForSleep(false);
@@ -265,11 +261,7 @@ TEST_F(Power, OnlyAPowerOffCallbackCanHoldAndOnlyWhatWaits) {
     device_power_release(nullptr);
 }
 
-TEST_F(Power, TheLockIsTakenAgainAfterTheMachineIsBack) {
-    FakeLogind logind;
-    Listener listener;
-    logind.Locks(1);
-
+TEST_F(PowerLock, TheLockIsTakenAgainAfterTheMachineIsBack) {
     logind.PrepareForSleep(true);
     EXPECT_TRUE(logind.IsLetGo(0));
     logind.PrepareForSleep(false);
@@ -278,11 +270,7 @@ TEST_F(Power, TheLockIsTakenAgainAfterTheMachineIsBack) {
     EXPECT_TRUE(logind.IsHeld(1));
 }
 
-TEST_F(Power, AShutdownThatIsCalledOffWakesNobody) {
-    FakeLogind logind;
-    Listener listener;
-    logind.Locks(1);
-
+TEST_F(PowerLock, AShutdownThatIsCalledOffWakesNobody) {
     logind.PrepareForShutdown(true);
     logind.PrepareForShutdown(false);
     EXPECT_EQ(logind.Locks(2).size(), 2U);

@@ -5,13 +5,13 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <string>
 
 #include "base/rotating_file.h"
 #include "base/unique_fd.h"
 #include "child_process.h"
 #include "dlog.h"
+#include "files.h"
 #include "platform_clock.h"
 #include "temporary_folder.h"
 #include "waiting.h"
@@ -53,6 +53,9 @@ protected:
 
     std::string Folder() const { return m_folder.Path() + "/var/log/zol"; }
 
+    static std::string Line(const std::string& message) {
+        return "2026-01-31 12:00:00.000 I/A(1:2): " + message + "\n";
+    }
     base::RotatingFile MainLog(std::int64_t maxBytes) const {
         return {{m_folder.Path() + "/", Folder() + "/main.log"},
                 {maxBytes, 2},
@@ -127,7 +130,7 @@ TEST_F(DlogUtil, ShowsWhatWasLoggedBetweenALookAtANewFolderAndItsWatch) {
     }));
     // It has missed main.log by now, and cannot watch the folder yet.
     fs::remove(Folder() + "/main.1.log");
-    std::ofstream(Folder() + "/main.log") << "2026-01-31 12:00:00.000 I/A(1:2): between\n";
+    WriteFile(Folder() + "/main.log", Line("between"));
     const std::string moved = m_folder.Path() + "/moved";
     fs::rename(Folder() + "/system.log", moved);
     base::UniqueFd writer(open(moved.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
@@ -138,15 +141,13 @@ TEST_F(DlogUtil, ShowsWhatWasLoggedBetweenALookAtANewFolderAndItsWatch) {
 
 TEST_F(DlogUtil, FollowsWhenTheFilesAreTurnedOver) {
     base::RotatingFile file = MainLog(100);
-    const auto write = [&](int number) {
-        file.Write("2026-01-31 12:00:00.000 I/A(1:2): line " + std::to_string(number) + "\n");
-    };
-    write(0);
+    file.Write(Line("line 0"));
     Process follower = Start({});
     EXPECT_THAT(follower.ReadLine(), EndsWith("line 0"));
     for (int number = 1; number < 20; ++number) {
-        write(number);
-        EXPECT_THAT(follower.ReadLine(), EndsWith("line " + std::to_string(number)));
+        const std::string text = "line " + std::to_string(number);
+        file.Write(Line(text));
+        EXPECT_THAT(follower.ReadLine(), EndsWith(text));
     }
     EXPECT_TRUE(fs::exists(Folder() + "/main.2.log"));
 }
@@ -154,7 +155,7 @@ TEST_F(DlogUtil, FollowsWhenTheFilesAreTurnedOver) {
 TEST_F(DlogUtil, ReadsTheOldFilesFirst) {
     base::RotatingFile file = MainLog(1);
     for (const char* number : {"1", "2", "3"}) {
-        file.Write(std::string("2026-01-31 12:00:00.000 I/A(1:2): ") + number + "\n");
+        file.Write(Line(number));
     }
     EXPECT_EQ(Output({"-d", "-v", "brief"}), "I/A(1): 1\nI/A(1): 2\nI/A(1): 3\n");
 }
@@ -184,10 +185,10 @@ TEST_F(DlogUtil, EndsWhenNobodyReadsItsOutputAnyMore) {
 }
 
 TEST_F(DlogUtil, RefusesBadUsage) {
-    EXPECT_EQ(Start({"-d", "A:Q"}).Wait(), 2);
-    EXPECT_EQ(Start({"-d", "A:"}).Wait(), 2);
-    EXPECT_EQ(Start({"-d", "-b", "radio"}).Wait(), 2);
-    EXPECT_EQ(Start({"-d", "-v", "long"}).Wait(), 2);
+    for (const child::Arguments& arguments :
+         {child::Arguments{"-d", "A:Q"}, {"-d", "A:"}, {"-d", "-b", "radio"}, {"-d", "-v", "long"}}) {
+        EXPECT_EQ(Start(arguments).Wait(), 2) << arguments.back();
+    }
     EXPECT_EQ(Start({"--help"}).Wait(), 0);
 }
 

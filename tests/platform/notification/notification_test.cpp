@@ -78,73 +78,70 @@ protected:
         // The next test has another bus: GLib must forget this one first.
         bus.Stop();
         notify_uninit();
-        EXPECT_TRUE(Eventually([] {
-            g_main_context_iteration(nullptr, FALSE);
+        EXPECT_TRUE(ServeUntil([] {
             const base::GObjectPtr<GDBusConnection> old(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr));
             return old == nullptr;
         }));
     }
-    static NotificationPtr Make(const char* title, const char* content) {
-        NotificationPtr notification(notification_create(NOTIFICATION_TYPE_PLAIN));
-        EXPECT_EQ(notification_set_text(notification.get(), NOTIFICATION_TEXT_TITLE, title, "TITLE", -1), 0);
-        EXPECT_EQ(
-            notification_set_text(notification.get(), NOTIFICATION_TEXT_CONTENT, content, "CONTENT", -1), 0);
-        EXPECT_EQ(notification_set_display_applist(notification.get(), 17), 0);
-        EXPECT_EQ(notification_set_layout(notification.get(), NOTIFICATION_LAYOUT_SINGLE), 0);
-        return notification;
+    /// A notification with "title" and "content".
+    static NotificationPtr Make() {
+        NotificationPtr made(notification_create(NOTIFICATION_TYPE_PLAIN));
+        EXPECT_EQ(notification_set_text(made.get(), NOTIFICATION_TEXT_TITLE, "title", "TITLE", -1), 0);
+        EXPECT_EQ(notification_set_text(made.get(), NOTIFICATION_TEXT_CONTENT, "content", "CONTENT", -1), 0);
+        EXPECT_EQ(notification_set_display_applist(made.get(), 17), 0);
+        EXPECT_EQ(notification_set_layout(made.get(), NOTIFICATION_LAYOUT_SINGLE), 0);
+        return made;
     }
+    int Post() const { return notification_post(notification.get()); }
 
     PlatformLog log;
     PrivateBus bus{kSessionBus};
+    const NotificationPtr notification = Make();
 };
 
 TEST_F(Notification, IsShownWithItsTextsAndUpdatedWhenItIsPostedAgain) {
     bus.Start();
     FakeServer server;
-    const NotificationPtr notification = Make("title", "content");
 
-    EXPECT_EQ(notification_post(notification.get()), 0);
+    EXPECT_EQ(Post(), 0);
     notification_set_text(notification.get(), NOTIFICATION_TEXT_CONTENT, "other", "CONTENT", -1);
     notification_set_expiry(notification.get(), 5000);
-    EXPECT_EQ(notification_post(notification.get()), 0);
+    EXPECT_EQ(Post(), 0);
 
     EXPECT_THAT(server.shown.Now(), ElementsAre("0 title|content -1", "7 title|other 5000"));
 }
 
 TEST_F(Notification, WithoutAServerPostingFailsAndSaysSoOnce) {
     bus.Start();
-    const NotificationPtr notification = Make("title", "content");
 
-    EXPECT_LT(notification_post(notification.get()), 0);
-    EXPECT_LT(notification_post(notification.get()), 0);
+    EXPECT_LT(Post(), 0);
+    EXPECT_LT(Post(), 0);
     EXPECT_EQ(log.Count("nobody shows notifications"), 1);
 
     FakeServer server;
-    EXPECT_EQ(notification_post(notification.get()), 0);
+    EXPECT_EQ(Post(), 0);
     EXPECT_THAT(server.shown.Now(), ElementsAre("0 title|content -1"));
 }
 
 TEST_F(Notification, WithoutASessionBusPostingFails) {
     unsetenv(kSessionBus);
     setenv("XDG_RUNTIME_DIR", "/nonexistent", 1);
-    const NotificationPtr notification = Make("title", "content");
 
-    EXPECT_LT(notification_post(notification.get()), 0);
+    EXPECT_LT(Post(), 0);
     EXPECT_EQ(log.Count("nobody shows notifications: no session bus"), 1);
 
     // Ends the failure, so that the next one is logged again.
     PrivateBus another(kSessionBus);
     another.Start();
     const FakeServer server;
-    EXPECT_EQ(notification_post(notification.get()), 0);
+    EXPECT_EQ(Post(), 0);
 }
 
 TEST_F(Notification, ABusThatWasRestartedIsUsedAgain) {
-    const NotificationPtr notification = Make("title", "content");
     bus.Start();
     {
         const FakeServer server;
-        EXPECT_EQ(notification_post(notification.get()), 0);
+        EXPECT_EQ(Post(), 0);
     }
     bus.Stop();
     bus.Start();
@@ -152,13 +149,12 @@ TEST_F(Notification, ABusThatWasRestartedIsUsedAgain) {
     // The end of the old connection may not have been noticed yet, and is told in the main context.
     EXPECT_TRUE(Eventually([&] {
         g_main_context_iteration(nullptr, FALSE);
-        return notification_post(notification.get()) == 0;
+        return Post() == 0;
     }));
     EXPECT_THAT(server.shown.Now(), ElementsAre("0 title|content -1"));
 }
 
 TEST_F(Notification, WhatMakesNoSenseIsRefused) {
-    const NotificationPtr notification = Make("title", "content");
     EXPECT_EQ(notification_create(1), nullptr);
     EXPECT_LT(notification_set_text(notification.get(), 2, "text", "KEY", -1), 0);
     EXPECT_LT(notification_set_text(notification.get(), NOTIFICATION_TEXT_TITLE, nullptr, "TITLE", -1), 0);
@@ -175,7 +171,6 @@ TEST_F(Notification, WithoutMemoryNothingIsThrown) {
         FailAllocation(allocation);
         EXPECT_EQ(notification_create(NOTIFICATION_TYPE_PLAIN), nullptr);
     }
-    const NotificationPtr notification = Make("title", "content");
     const std::string text(1000, 'x');
     FailAllocation(1);
     EXPECT_LT(notification_set_text(notification.get(), NOTIFICATION_TEXT_TITLE, text.c_str(), "TITLE",
