@@ -1,5 +1,6 @@
 #pragma once
-/// The maker's time utility.
+/// The maker's time utility. time_t and tm may stand here: this library is always built with its callers,
+/// never taken from the device.
 #include <ctime>
 
 struct CTimeUtil {
