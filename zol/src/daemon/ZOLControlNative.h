@@ -15,7 +15,7 @@ class TCControlNative : public TCControl {
 public:
     /// @param server must outlive this object
     TCControlNative(IDbus& server, TCPolicyManager& manager);
-    ~TCControlNative();
+    ~TCControlNative() override;
 
     /// Serves one call. False, with no reply bytes, for any code but SET_POLICY and for an empty request.
     /// Throws boost::archive::archive_exception when the request is no archive of a string, is cut short or
