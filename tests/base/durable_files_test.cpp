@@ -125,8 +125,10 @@ TEST_F(SetAside, IsDoneAlsoWhenItsFolderCannotBeSynced) {
     getrlimit(RLIMIT_NOFILE, &before);
     const rlimit none{0, before.rlim_max};
     setrlimit(RLIMIT_NOFILE, &none);
-    KeepIt();
+    const base::SetAsideResult result = base::SetAside(Path());
     setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_FALSE(result.error);
+    EXPECT_EQ(result.name, Path("file.damaged"));
     EXPECT_EQ(Content(), (Files{{"file.damaged", "damaged"}}));
 }
 
