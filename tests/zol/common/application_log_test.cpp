@@ -1,20 +1,14 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <string>
 
 #include "Log.h"
-#include "fake_dlog.h"
-#include "fakes.h"
+#include "device_test.h"
+#include "dlog.h"
 
 namespace {
 
 constexpr const char* kLogModule = "ApplicationLog";
 
-class ApplicationLog : public testing::Test {
-protected:
-    ApplicationLog() { fakes::Reset(); }
-};
+using ApplicationLog = DeviceTest;
 
 TEST_F(ApplicationLog, ShowsSourceFunctionLineAndMessage) {
     zol::WriteLog(zol::LOG_INFO, kLogModule, "zol/src/ZOLX.cpp", "m_Do", 12, "%s %d", "message", 5);

@@ -1,11 +1,9 @@
 #include "KeyWatch.h"
 
-#include <gtest/gtest.h>
-
 #include <utility>
 
+#include "device_test.h"
 #include "fake_vconf.h"
-#include "fakes.h"
 
 namespace {
 
@@ -14,10 +12,8 @@ using zol::WatchKey;
 
 constexpr const char* kKey = "db/k";
 
-class KeyWatchTest : public testing::Test {
+class KeyWatchTest : public DeviceTest {
 protected:
-    KeyWatchTest() { fakes::Reset(); }
-
     KeyWatch Watch(const char* key = kKey) {
         return WatchKey(
             key, [](keynode_t*, void* calls) { ++*static_cast<int*>(calls); }, &m_calls);

@@ -1,29 +1,22 @@
 /// The daemon as it is composed, on the fakes of the platform.
 #include <glib.h>
-#include <gtest/gtest.h>
-
 #include <csignal>
 #include <cstdlib>
 #include <string>
 
 #include "TCDebug.h"
-#include "dlog.h"
+#include "device_test.h"
 #include "fake_device_power.h"
 #include "fake_diagnostics.h"
-#include "fake_dlog.h"
 #include "fake_vconf.h"
-#include "fakes.h"
 #include "policy_manager_fixture.h"
 #include "zol_daemon.h"
 
 namespace {
 
-class Composition : public testing::Test {
+class Composition : public DeviceTest {
 protected:
-    Composition() {
-        fakes::Reset();
-        setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nowhere", 1);
-    }
+    Composition() { setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nowhere", 1); }
     ~Composition() override {
         TCDebug::EnableFileLog(false);
         unsetenv("DBUS_SYSTEM_BUS_ADDRESS");

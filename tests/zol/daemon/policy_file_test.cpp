@@ -91,18 +91,16 @@ protected:
         fakes::vconf::SetBool(kPowerOnKey, true);
         EXPECT_FALSE(m_manager->UpdatePolicy(PolicyFor("db/new")));
         EXPECT_EQ(StoredPolicy(), PolicyFor("db/old"));
-        EXPECT_EQ(fakes::dlog::Find(reason).priority, DLOG_PRIORITY_ERROR) << reason;
-        EXPECT_EQ(fakes::dlog::Find("Something went wrong with storing of policy").priority,
-                  DLOG_PRIORITY_ERROR);
-        EXPECT_EQ(fakes::vconf::GetInt(kRunningKey), 0);
-        EXPECT_EQ(fakes::vconf::GetInt(kPowerOnKey), 0);
+        EXPECT_FALSE(IsRunning());
+        EXPECT_FALSE(IsPowerOnPrepared());
+        ExpectErrors({reason, "Something went wrong with storing of policy"});
     }
     void ExpectNotLoaded(const std::string& reason, int priority) {
         Start();
         zol::ZOLPolicy policy;
         EXPECT_FALSE(m_manager->LoadPolicy(policy));
-        EXPECT_EQ(fakes::dlog::Find(reason).priority, priority) << reason;
-        EXPECT_EQ(fakes::vconf::GetInt(kRunningKey), 0);
+        EXPECT_FALSE(IsRunning());
+        ExpectLogged(priority, {reason});
     }
 };
 
@@ -133,11 +131,6 @@ TEST_F(StoredPolicyFile, BelongsToThePolicyAccountAndIsNotForEveryone) {
     }
 }
 
-TEST_F(StoredPolicyFile, LeavesNothingBesideIt) {
-    EXPECT_TRUE(Start().UpdatePolicy(PolicyFor("db/a")));
-    EXPECT_FALSE(fakes::DeviceFileExists(kTemporary));
-}
-
 TEST_F(StoredPolicyFile, AFullDiskLeavesTheOldPolicy) {
     StartWith(PolicyFor("db/old"));
     {
@@ -145,16 +138,22 @@ TEST_F(StoredPolicyFile, AFullDiskLeavesTheOldPolicy) {
         EXPECT_FALSE(m_manager->UpdatePolicy(PolicyFor("db/old")));
     }
     EXPECT_EQ(StoredPolicy(), PolicyFor("db/old"));
-    const std::string line = "Written policy size differs from expected, written: 50, expected: " +
-                             std::to_string(PolicyFor("db/old").size());
-    EXPECT_EQ(fakes::dlog::Find(line).priority, DLOG_PRIORITY_ERROR);
-    EXPECT_FALSE(Has("Policy written, size: "));
     EXPECT_FALSE(fakes::DeviceFileExists(kTemporary));
-    EXPECT_EQ(fakes::vconf::GetInt(kRunningKey), 0);
+    EXPECT_FALSE(IsRunning());
+    EXPECT_FALSE(Has("Policy written, size: "));
+    ExpectErrors({"Written policy size differs from expected, written: 50, expected: " +
+                  std::to_string(PolicyFor("db/old").size())});
 }
 
-TEST_F(StoredPolicyFile, ATemporaryFileThatCannotBeMadeLeavesTheOldPolicy) {
+TEST_F(StoredPolicyFile, AFileThatCannotBeSyncedClosedOrMadeLeavesTheOldPolicy) {
     StartWith(PolicyFor("db/old"));
+    t_failNextSync = true;
+    ExpectRefusedAndOldKept("Could not sync file: Input/output error");
+    t_failNextClose = true;
+    ExpectRefusedAndOldKept("Could not close file: Input/output error");
+    EXPECT_EQ(Logged("Policy written, size: "), 2);
+    EXPECT_FALSE(fakes::DeviceFileExists(kTemporary));
+
     fakes::MakeDeviceFolder(kTemporary);
     ExpectRefusedAndOldKept("Unable to create file /var/lib/zol/policy.xml, errno 17");
 }
@@ -169,24 +168,6 @@ TEST_F(StoredPolicyFile, ALinkInThePlaceOfTheTemporaryFileIsNotFollowed) {
     EXPECT_EQ(fakes::ReadDeviceFile("/etc/victim"), "untouched");
 }
 
-TEST_F(StoredPolicyFile, AFileThatCannotBeSyncedLeavesTheOldPolicy) {
-    StartWith(PolicyFor("db/old"));
-    t_failNextSync = true;
-
-    ExpectRefusedAndOldKept("Could not sync file: Input/output error");
-    EXPECT_TRUE(Has("Policy written, size: "));
-    EXPECT_FALSE(fakes::DeviceFileExists(kTemporary));
-}
-
-TEST_F(StoredPolicyFile, AFileThatCannotBeClosedLeavesTheOldPolicy) {
-    StartWith(PolicyFor("db/old"));
-    t_failNextClose = true;
-
-    ExpectRefusedAndOldKept("Could not close file: Input/output error");
-    EXPECT_TRUE(Has("Policy written, size: "));
-    EXPECT_FALSE(fakes::DeviceFileExists(kTemporary));
-}
-
 TEST_F(StoredPolicyFile, IsWrittenSyncedMovedIntoPlaceAndMadeToLastInThatOrder) {
     Start();
     const std::string xml = PolicyFor("db/a");
@@ -197,13 +178,6 @@ TEST_F(StoredPolicyFile, IsWrittenSyncedMovedIntoPlaceAndMadeToLastInThatOrder) 
 
     EXPECT_EQ(steps, (std::vector<std::string>{"sync " + std::to_string(xml.size()) + " bytes",
                                                "rename policy.xml.new to policy.xml", "sync folder"}));
-}
-
-TEST_F(StoredPolicyFile, AFolderThatIsGoneRefusesTheUpdate) {
-    Start();
-    ASSERT_EQ(rmdir(Mapped(ZOL_PATH_STATE_DIR).c_str()), 0);
-    EXPECT_FALSE(m_manager->UpdatePolicy(PolicyFor("db/a")));
-    EXPECT_TRUE(Has("Unable to create file /var/lib/zol/policy.xml, errno 2"));
 }
 
 TEST_F(StoredPolicyFile, AHalfWrittenFileOfAPowerCutIsPassedOverAndOverwritten) {
@@ -232,6 +206,15 @@ TEST_F(StoredPolicyFile, APipeInItsPlaceDoesNotHoldUpTheStart) {
                     DLOG_PRIORITY_DEBUG);
 }
 
+TEST_F(StoredPolicyFile, AFileThatIsMalformedOrLongerThanAnyPolicyStartsNothing) {
+    StorePolicy("<zolitem><zols</zolitem>");
+    ExpectNotLoaded("Parsing failed.", DLOG_PRIORITY_ERROR);
+
+    ASSERT_EQ(truncate(Mapped(ZOL_PATH_POLICY).c_str(), zol::kMaxPolicyBytes + 1), 0);
+    ExpectNotLoaded("Policy /var/lib/zol/policy.xml of 4194305 bytes refused, at most 4194304 are read",
+                    DLOG_PRIORITY_ERROR);
+}
+
 TEST_F(StoredPolicyFile, AFileThatMayNotBeReadIsLogged) {
     Start();
     StorePolicy(PolicyFor("db/a"));
@@ -244,10 +227,8 @@ TEST_F(StoredPolicyFile, AFileThatMayNotBeReadIsLogged) {
         zol::ZOLPolicy policy;
         EXPECT_FALSE(m_manager->LoadPolicy(policy));
     }
-    EXPECT_EQ(fakes::dlog::Find(
-                  "Unable to open policy /var/lib/zol/policy.xml, errno: 13, message: Permission denied")
-                  .priority,
-              DLOG_PRIORITY_DEBUG);
+    ExpectLogged(DLOG_PRIORITY_DEBUG,
+                 {"Unable to open policy /var/lib/zol/policy.xml, errno: 13, message: Permission denied"});
 }
 
 TEST_F(StoredPolicyFile, AFileThatGivesFewerBytesThanItSaysIsRefused) {
@@ -260,20 +241,8 @@ TEST_F(StoredPolicyFile, AFileThatGivesFewerBytesThanItSaysIsRefused) {
     ExpectNotLoaded("expected size 4096", DLOG_PRIORITY_DEBUG);
 }
 
-TEST_F(StoredPolicyFile, AFileLongerThanAnyPolicyIsRefusedUnread) {
-    StorePolicy("");
-    ASSERT_EQ(truncate(Mapped(ZOL_PATH_POLICY).c_str(), zol::kMaxPolicyBytes + 1), 0);
-    ExpectNotLoaded("Policy /var/lib/zol/policy.xml of 4194305 bytes refused, at most 4194304 are read",
-                    DLOG_PRIORITY_ERROR);
-}
-
-TEST_F(StoredPolicyFile, AMalformedFileStartsNothing) {
-    StorePolicy("<zolitem><zols</zolitem>");
-    ExpectNotLoaded("Parsing failed.", DLOG_PRIORITY_ERROR);
-}
-
 TEST_F(StoredPolicyFile, ATruncatedFileStillAppliesTheItemsItHolds) {
-    const std::string whole = "<zolitem numofzol=\"2\">" + ItemFor("db/a") + ItemFor("db/b") + "</zolitem>";
+    const std::string whole = Document(ItemFor("db/a") + ItemFor("db/b"), 2);
     StartWith(whole.substr(0, whole.find("db/b") + 2));
 
     EXPECT_EQ(fakes::vconf::Registrations("db/a"), 1);
@@ -283,8 +252,8 @@ TEST_F(StoredPolicyFile, ATruncatedFileStillAppliesTheItemsItHolds) {
 
 TEST_F(StoredPolicyFile, AnEmptyFileIsAPolicyWithoutItems) {
     StartWith("");
-    EXPECT_TRUE(Has("policy_monitorCnt is zero"));
     EXPECT_FALSE(IsRunning());
+    ExpectErrors({"policy_monitorCnt is zero"});
 }
 
 }  // namespace

@@ -18,9 +18,6 @@ using testing::StartsWith;
 std::string KeyItem(const std::string& condition) {
     return "<zols key=\"db/x\" condition=\"" + condition + "\" type=\"INT\" intvalue=\"1\"/>";
 }
-std::string MonitorItem(const std::string& attributes) {
-    return "<monitor " + attributes + "/>";
-}
 
 /// What the manager says of each item while it applies a policy.
 class PolicyItemLog : public PolicyManagerTest {
@@ -42,14 +39,10 @@ protected:
         }
         return texts;
     }
-    void StartWithItem(const std::string& item) {
-        StartWith("<zolitem numofzol=\"1\">" + item + "</zolitem>");
-    }
-
     /// A refused monitor: one line of its check, then the removal.
     void ExpectRefused(const std::string& attributes, const std::string& reason) {
         fakes::dlog::Clear();
-        StartWithItem(MonitorItem(attributes));
+        StartWith(Document("<monitor " + attributes + "/>"));
         const auto lines = Of("m_CheckThisMonitorPolicy");
         ASSERT_THAT(Texts(lines), ElementsAre(reason));
         EXPECT_EQ(lines.front().priority, DLOG_PRIORITY_ERROR);
@@ -60,22 +53,17 @@ protected:
     std::set<std::string> m_places;  ///< of the reasons, lines included
 };
 
-TEST_F(PolicyItemLog, AnAcceptedKeyIsGreetedByItsCheck) {
-    StartWithItem(KeyItem("IS"));
-
-    const auto lines = Of("m_CheckThisVconfPolicy");
-    ASSERT_THAT(Texts(lines), ElementsAre("bye"));
-    EXPECT_EQ(lines.front().priority, DLOG_PRIORITY_ERROR);
+TEST_F(PolicyItemLog, AnAcceptedKeyIsGreetedByItsCheckAndARefusedOneRemovedWithoutAReason) {
+    StartWith(Document(KeyItem("IS")));
+    EXPECT_THAT(Texts(Of("m_CheckThisVconfPolicy")), ElementsAre("bye"));
     EXPECT_THAT(Of("m_RemoveInvalidVconfPolicy"), IsEmpty());
-}
+    ExpectErrors({"> bye"});
 
-TEST_F(PolicyItemLog, ARefusedKeyIsRemovedWithoutAReason) {
-    StartWithItem(KeyItem("SOMEHOW"));
-
+    fakes::dlog::Clear();
+    StartWith(Document(KeyItem("SOMEHOW")));
     EXPECT_THAT(Of("m_CheckThisVconfPolicy"), IsEmpty());
-    const auto lines = Of("m_RemoveInvalidVconfPolicy");
-    ASSERT_THAT(Texts(lines), ElementsAre("removed"));
-    EXPECT_EQ(lines.front().priority, DLOG_PRIORITY_ERROR);
+    EXPECT_THAT(Texts(Of("m_RemoveInvalidVconfPolicy")), ElementsAre("removed"));
+    ExpectErrors({"> removed"});
 }
 
 TEST_F(PolicyItemLog, ARefusedMonitorIsRemovedWithItsReason) {
@@ -86,16 +74,14 @@ TEST_F(PolicyItemLog, ARefusedMonitorIsRemovedWithItsReason) {
     ExpectRefused("kind=\"3\" method=\"33\"", "ZOL_BT_PAIR, method is not valid [33]");
     ExpectRefused("kind=\"-7\" method=\"11\"", "MonitoringType is not valid [-7]");
     EXPECT_EQ(m_places.size(), 6U) << "each reason has a line of its own";
-}
-
-TEST_F(PolicyItemLog, ALaunchMonitorLacksIdAndNameInTheWordsOfAnInstall) {
+    // A launch monitor lacks these in the words of an install.
     ExpectRefused("kind=\"2\" method=\"21\" name=\"App\"", "APP_INSTALL, id is null or empty.");
     ExpectRefused("kind=\"2\" method=\"21\" id=\"org.app\"", "APP_INSTALL, name is null or empty.");
 }
 
 TEST_F(PolicyItemLog, AnAcceptedMonitorIsShownBetweenTwoEmptyLines) {
-    StartWithItem(
-        MonitorItem(R"(kind="1" method="11" id="org.app" name="App" duration="60" repetition="3")"));
+    StartWith(
+        Document(R"(<monitor kind="1" method="11" id="org.app" name="App" duration="60" repetition="3"/>)"));
 
     const auto lines = Of("m_CheckThisMonitorPolicy");
     EXPECT_THAT(Texts(lines), ElementsAre("", "type : 1", "Id : org.app", "Name : App", "method : 11",

@@ -1,42 +1,36 @@
 #pragma once
 /// A policy manager on a machine of its own.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <memory>
 #include <string>
 
-#include "IDbus.h"
 #include "PolicyFlag.h"
 #include "ZOLInformationStorage.h"
 #include "ZOLPolicyManager.h"
 #include "ZOLShiftedClock.h"
 #include "device_paths.h"
+#include "device_test.h"
 #include "fake_vconf.h"
-#include "fakes.h"
+#include "mock_dbus_server.h"
 
 constexpr const char* kRunningKey = zol::kMonitoringRuns.key;
 constexpr const char* kPowerOnKey = zol::kPowerOnPrepared.key;
-
-class MockDbusServer : public zol::IDbusServer {
-public:
-    MOCK_METHOD(int, SendNotification, (int code, int timeoutMs), (override));
-    MOCK_METHOD(void, CancelNotifications, (), (override));
-};
 
 /// One item that holds when `key` is 1.
 inline std::string ItemFor(const std::string& key) {
     return "<zols key=\"" + key + "\" condition=\"IS\" type=\"INT\" intvalue=\"1\"/>";
 }
 
-inline std::string PolicyFor(const std::string& key) {
-    return "<zolitem numofzol=\"1\"><zol_expired_time time=\"1000\"/>" + ItemFor(key) + "</zolitem>";
+inline std::string Document(const std::string& items, int count = 1) {
+    return "<zolitem numofzol=\"" + std::to_string(count) + "\">" + items + "</zolitem>";
 }
 
-class PolicyManagerTest : public testing::Test {
+inline std::string PolicyFor(const std::string& key) {
+    return Document("<zol_expired_time time=\"1000\"/>" + ItemFor(key));
+}
+
+class PolicyManagerTest : public DeviceTest {
 protected:
     PolicyManagerTest() {
-        fakes::Reset();
         Storage().SetZOLMonitorInformation(0, std::vector<zol::ZOLVconfMonitor>());
         Storage().SetZOLMonitorInformation(0, std::vector<zol::ZOLPolicyMonitor>());
     }
@@ -50,7 +44,8 @@ protected:
 
     static void StorePolicy(const std::string& xml) { fakes::WriteDeviceFile(ZOL_PATH_POLICY, xml); }
     static std::string StoredPolicy() { return fakes::ReadDeviceFile(ZOL_PATH_POLICY); }
-    static bool IsRunning() { return fakes::vconf::GetInt(kRunningKey) == 1; }
+    static bool IsRunning() { return fakes::vconf::GetInt(kRunningKey, 0) == 1; }
+    static bool IsPowerOnPrepared() { return fakes::vconf::GetInt(kPowerOnKey, 0) == 1; }
 
     /// Starts the daemon's policy side, ending the one that ran before.
     zol::TCPolicyManager& Start() {

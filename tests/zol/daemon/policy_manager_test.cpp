@@ -43,62 +43,32 @@ protected:
             fakes::clock::Advance(std::chrono::seconds(5));
         }
     }
-    static void ExpectLogged(const std::string& text, int priority) {
-        EXPECT_EQ(fakes::dlog::Find(text).priority, priority) << text;
-    }
-    /// That these parts were logged, in this order.
-    static void ExpectLoggedInOrder(const std::vector<std::string>& parts) {
-        std::size_t next = 0;
-        for (const fakes::LogLine& line : fakes::dlog::Lines()) {
-            if (next < parts.size() && line.text.find(parts[next]) != std::string::npos) {
-                ++next;
-            }
-        }
-        EXPECT_EQ(next, parts.size()) << "missing: " << (next < parts.size() ? parts[next] : "");
-    }
 };
 
-std::string Document(const std::string& items, int count = 1) {
-    return "<zolitem numofzol=\"" + std::to_string(count) + "\">" + items + "</zolitem>";
-}
-
-TEST_F(PolicyManager, WithoutAStoredPolicyNothingRuns) {
+TEST_F(PolicyManager, WithoutAStoredPolicyNothingRunsAndTheFlagOfTheLastProcessIsCleared) {
+    fakes::vconf::SetBool(kRunningKey, true);
     Start();
 
-    ExpectLogged("Policy /var/lib/zol/policy.xml does not exist", DLOG_PRIORITY_DEBUG);
     EXPECT_EQ(fakes::vconf::GetInt(kRunningKey), 0);
     EXPECT_EQ(fakes::vconf::Registrations(), 0);
     EXPECT_FALSE(Has("TCNotifyManager()"));
     EXPECT_FALSE(Has("Current policy:"));
-}
-
-TEST_F(PolicyManager, AFlagLeftByTheLastProcessIsClearedAtEveryStart) {
-    fakes::vconf::SetBool(kRunningKey, true);
-    Start();
-
-    EXPECT_FALSE(IsRunning());
-}
-
-TEST_F(PolicyManager, AStoredPolicyIsAppliedAtStart) {
-    StartWith(PolicyFor("db/a"));
-
-    EXPECT_TRUE(IsRunning());
-    EXPECT_EQ(fakes::vconf::Registrations("db/a"), 1);
-    EXPECT_EQ(Applied().vconfMonitors.at(0).key, "db/a");
+    ExpectLogged(DLOG_PRIORITY_DEBUG, {"Policy /var/lib/zol/policy.xml does not exist"});
 }
 
 TEST_F(PolicyManager, AStartBuildsTheSchedulerClearsTheFlagAppliesAndThenShowsThePolicy) {
     StartWith(PolicyFor("db/a"));
 
-    ExpectLoggedInOrder(
-        {"Loading start time from vconf", "vconf_set_bool(db/zol/corvel_policy) : 0 sucessful",
-         "Set policy information.", "bye", "vconfPolicyCount[1]", "monitorList[0]", "totalCount[1]",
-         "TCNotifyManager()", "[TCVconfChecker] Create", "[db/a] registered",
-         "vconf_set_bool(db/zol/corvel_policy) : 1 sucessful", "Current policy:", "monitorInfo cnt = 1",
-         "key[db/a], condition[IS], type[INT], intValue[1], strValue[null]"});
-    ExpectLogged("Set policy information.", DLOG_PRIORITY_ERROR);
-    ExpectLogged("vconfPolicyCount[1]", DLOG_PRIORITY_ERROR);
-    ExpectLogged("Current policy:", DLOG_PRIORITY_ERROR);
+    EXPECT_TRUE(IsRunning());
+    EXPECT_EQ(fakes::vconf::Registrations("db/a"), 1);
+    EXPECT_EQ(Applied().vconfMonitors.at(0).key, "db/a");
+    ExpectInOrder({"Loading start time from vconf", "vconf_set_bool(db/zol/corvel_policy) : 0 sucessful",
+                   "Set policy information.", "bye", "vconfPolicyCount[1]", "monitorList[0]", "totalCount[1]",
+                   "TCNotifyManager()", "[TCVconfChecker] Create", "[db/a] registered",
+                   "vconf_set_bool(db/zol/corvel_policy) : 1 sucessful",
+                   "Current policy:", "monitorInfo cnt = 1",
+                   "key[db/a], condition[IS], type[INT], intValue[1], strValue[null]"});
+    ExpectErrors({"Set policy information.", "vconfPolicyCount[1]", "Current policy:"});
 }
 
 TEST_F(PolicyManager, AStartThatIsInterruptedWhileMakingItsFoldersGoesOn) {
@@ -113,8 +83,8 @@ TEST_F(PolicyManager, AStartThatIsInterruptedWhileMakingItsFoldersGoesOn) {
     starter.interrupt();
     starter.join();
 
-    ExpectLogged("TCDirsManager::Initialize interrupted", DLOG_PRIORITY_ERROR);
     EXPECT_TRUE(IsRunning());
+    ExpectErrors({"TCDirsManager::Initialize interrupted"});
 }
 
 TEST_F(PolicyManager, AReloadedPolicyKeepsItsStart) {
@@ -124,21 +94,18 @@ TEST_F(PolicyManager, AReloadedPolicyKeepsItsStart) {
     EXPECT_EQ(fakes::vconf::GetString(zol::TCScheduler::KEY_START_TIME), "1600000000");
 }
 
-TEST_F(PolicyManager, AFlagThatCannotBeReadAtStartCountsAsRunning) {
-    fakes::vconf::Fail(kRunningKey, fakes::vconf::FAIL_GET);
+TEST_F(PolicyManager, WhereTheFlagCannotBeReadUpdatesAreStoredAndNothingIsApplied) {
+    fakes::vconf::Fail(kRunningKey, fakes::vconf::FAIL_GET | fakes::vconf::FAIL_SET);
     StartWith(PolicyFor("db/a"));
+    EXPECT_TRUE(m_manager->UpdatePolicy(PolicyFor("db/b")));
+    EXPECT_TRUE(m_manager->UpdatePolicy(PolicyFor("db/c")));
 
-    ExpectLogged("vconf_get_bool(db/zol/corvel_policy) failed", DLOG_PRIORITY_ERROR);
-    ExpectLogged("Monitoring is already running.", DLOG_PRIORITY_ERROR);
-    EXPECT_FALSE(Has("TCNotifyManager()"));
+    EXPECT_EQ(StoredPolicy(), PolicyFor("db/c"));
     EXPECT_TRUE(Applied().vconfMonitors.empty());
-}
-
-TEST_F(PolicyManager, AFlagThatCannotBeWrittenIsLogged) {
-    fakes::vconf::Fail(kRunningKey, fakes::vconf::FAIL_SET);
-    Start();
-
-    ExpectLogged("vconf_set_bool(db/zol/corvel_policy) failed\n", DLOG_PRIORITY_ERROR);
+    EXPECT_FALSE(Has("TCNotifyManager()"));
+    EXPECT_EQ(Count("Monitoring is already running."), 3);
+    ExpectErrors({"vconf_get_bool(db/zol/corvel_policy) failed", "Monitoring is already running.",
+                  "vconf_set_bool(db/zol/corvel_policy) failed\n"});
 }
 
 TEST_F(PolicyManager, AnUpdateIsStoredByteForByteAndApplied) {
@@ -148,39 +115,24 @@ TEST_F(PolicyManager, AnUpdateIsStoredByteForByteAndApplied) {
     EXPECT_EQ(StoredPolicy(), xml);
     EXPECT_TRUE(IsRunning());
     EXPECT_EQ(fakes::vconf::Registrations("db/\xC3\xA4"), 1);
-    ExpectLoggedInOrder({"Policy update", "Storing policy",
-                         "Policy written, size: " + std::to_string(xml.size()), "Update policy information.",
-                         "vconfPolicyCount[1]", "vconf_set_bool(db/zol/corvel_policy) : 1 sucessful"});
-    ExpectLogged("Policy update", DLOG_PRIORITY_ERROR);
-    ExpectLogged("Update policy information.", DLOG_PRIORITY_ERROR);
-    ExpectLogged("Policy written, size: ", DLOG_PRIORITY_DEBUG);
+    ExpectInOrder({"Policy update", "Storing policy", "Policy written, size: " + std::to_string(xml.size()),
+                   "Update policy information.", "vconfPolicyCount[1]",
+                   "vconf_set_bool(db/zol/corvel_policy) : 1 sucessful"});
+    ExpectErrors({"Policy update", "Update policy information."});
+    ExpectLogged(DLOG_PRIORITY_DEBUG, {"Policy written, size: "});
 }
 
-TEST_F(PolicyManager, AnUpdateStartsThePolicyNow) {
+TEST_F(PolicyManager, AnUpdateStartsThePolicyNowWithoutAVersionAndTakesThePowerOnMarkOff) {
     Start();
     fakes::vconf::SetString(zol::TCScheduler::KEY_START_TIME, "1");
+    fakes::vconf::SetBool(kPowerOnKey, true);
     EXPECT_TRUE(m_manager->UpdatePolicy(PolicyFor("db/a")));
 
     EXPECT_EQ(fakes::vconf::GetString(zol::TCScheduler::KEY_START_TIME),
               std::to_string(m_clock.GetCurrentTime()));
     EXPECT_EQ(fakes::vconf::GetString(zol::TCScheduler::KEY_FIRST_BOOT_TIME), "0");
-}
-
-TEST_F(PolicyManager, AnUpdateWritesTheVersionThatDocumentsDoNotCarry) {
-    StartAndPush(PolicyFor("db/a"));
-    EXPECT_EQ(fakes::vconf::GetInt(kVersionKey), -1);
-}
-
-TEST_F(PolicyManager, AnAppliedUpdateTakesThePowerOnMarkOff) {
-    fakes::vconf::SetBool(kPowerOnKey, true);
-    StartAndPush(PolicyFor("db/a"));
+    EXPECT_EQ(fakes::vconf::GetInt(kVersionKey), -1) << "documents carry none";
     EXPECT_EQ(fakes::vconf::GetInt(kPowerOnKey), 0);
-}
-
-TEST_F(PolicyManager, APowerOnMarkThatCannotBeTakenOffIsLogged) {
-    fakes::vconf::Fail(kPowerOnKey, fakes::vconf::FAIL_SET);
-    StartAndPush(PolicyFor("db/a"));
-    ExpectLogged("Unable to set db/private/tvs-cv/power_on_prepared", DLOG_PRIORITY_ERROR);
 }
 
 TEST_F(PolicyManager, APolicyOfMonitorsAloneIsCommandsOnly) {
@@ -189,19 +141,13 @@ TEST_F(PolicyManager, APolicyOfMonitorsAloneIsCommandsOnly) {
     fakes::vconf::SetBool(kPowerOnKey, true);
     EXPECT_TRUE(m_manager->UpdatePolicy(Document("<monitor kind=\"3\" method=\"31\"/>")));
 
-    ExpectLogged("Policy contains commands only, old policy should be left intact", DLOG_PRIORITY_DEBUG);
     EXPECT_EQ(StoredPolicy(), PolicyFor("db/a"));
     EXPECT_EQ(fakes::vconf::GetInt(kRunningKey), 0);
     EXPECT_EQ(fakes::vconf::GetInt(kPowerOnKey), 0);
     EXPECT_EQ(Applied().vconfMonitors.at(0).key, "db/a");
     EXPECT_EQ(fakes::vconf::Registrations("db/a"), 1);
     ExpectScheduleUntouched();
-}
-
-TEST_F(PolicyManager, AnEmptyDocumentIsCommandsOnly) {
-    StartAndPush("");
-    EXPECT_TRUE(Has("Policy contains commands only"));
-    EXPECT_FALSE(fakes::DeviceFileExists(ZOL_PATH_POLICY));
+    ExpectLogged(DLOG_PRIORITY_DEBUG, {"Policy contains commands only, old policy should be left intact"});
 }
 
 TEST_F(PolicyManager, AMalformedUpdateIsRefusedAndClearsTheFlag) {
@@ -210,10 +156,10 @@ TEST_F(PolicyManager, AMalformedUpdateIsRefusedAndClearsTheFlag) {
     EXPECT_FALSE(m_manager->UpdatePolicy(PolicyFor("db/b") + "</zolitem>"));
     EXPECT_FALSE(m_manager->UpdatePolicy("<zolitem></zol>"));
 
-    ExpectLogged("Error occurred while parsing policy, policy update failed", DLOG_PRIORITY_ERROR);
     EXPECT_EQ(StoredPolicy(), PolicyFor("db/a"));
     EXPECT_EQ(fakes::vconf::GetInt(kRunningKey), 0);
     EXPECT_EQ(fakes::vconf::GetInt(kPowerOnKey), 0);
+    ExpectErrors({"Error occurred while parsing policy, policy update failed"});
 }
 
 TEST_F(PolicyManager, AnUpdateWhileMonitoringRunsIsStoredAndWaitsForTheNextStart) {
@@ -224,28 +170,17 @@ TEST_F(PolicyManager, AnUpdateWhileMonitoringRunsIsStoredAndWaitsForTheNextStart
     EXPECT_TRUE(m_manager->UpdatePolicy(PolicyFor("db/b")));
 
     EXPECT_EQ(StoredPolicy(), PolicyFor("db/b"));
-    ExpectLogged("Monitoring is already running.", DLOG_PRIORITY_ERROR);
     EXPECT_EQ(Applied().vconfMonitors.at(0).key, "db/a");
     EXPECT_EQ(fakes::vconf::Registrations("db/b"), 0);
     EXPECT_EQ(fakes::vconf::GetInt(kPowerOnKey), 1);
     EXPECT_TRUE(IsRunning());
     ExpectScheduleUntouched();
+    ExpectErrors({"Monitoring is already running."});
 
     Start();
     EXPECT_EQ(Applied().vconfMonitors.at(0).key, "db/b");
     EXPECT_EQ(fakes::vconf::Registrations("db/a"), 0);
     EXPECT_EQ(fakes::vconf::Registrations("db/b"), 1);
-}
-
-TEST_F(PolicyManager, AnUpdateIsStoredButNeverAppliedWhenTheFlagCannotBeRead) {
-    Start();
-    fakes::vconf::Fail(kRunningKey, fakes::vconf::FAIL_GET);
-    EXPECT_TRUE(m_manager->UpdatePolicy(PolicyFor("db/a")));
-    EXPECT_TRUE(m_manager->UpdatePolicy(PolicyFor("db/b")));
-
-    EXPECT_EQ(StoredPolicy(), PolicyFor("db/b"));
-    EXPECT_FALSE(Has("TCNotifyManager()"));
-    EXPECT_TRUE(Applied().vconfMonitors.empty());
 }
 
 TEST_F(PolicyManager, AnUpdateAfterACommandsOnlyOneMakesAFurtherSetOfTasks) {
@@ -272,9 +207,8 @@ TEST_F(PolicyManager, InvalidItemsAreTakenOutBeforeAnythingIsWatched) {
     EXPECT_TRUE(Applied().policyMonitors.empty());
     EXPECT_EQ(Applied().count, 0U);  // the monitors were counted last
     EXPECT_EQ(Count("removed"), 3);
-    ExpectLogged("removed", DLOG_PRIORITY_ERROR);
-    ExpectLogged("ZOL_BT_PAIR, method is not valid [33]", DLOG_PRIORITY_ERROR);
-    ExpectLoggedInOrder({"vconfPolicyCount[1]", "monitorList[0]", "totalCount[1]"});
+    ExpectErrors({"removed", "ZOL_BT_PAIR, method is not valid [33]"});
+    ExpectInOrder({"vconfPolicyCount[1]", "monitorList[0]", "totalCount[1]"});
 }
 
 TEST_F(PolicyManager, APolicyOfInvalidItemsOnlyMakesNoTask) {
@@ -282,10 +216,10 @@ TEST_F(PolicyManager, APolicyOfInvalidItemsOnlyMakesNoTask) {
         Document("<zols key=\"a\" condition=\"is\" type=\"INT\" intvalue=\"1\"/>"
                  "<monitor kind=\"1\" method=\"12\"/>"));
 
-    ExpectLogged("policy_monitorCnt is zero", DLOG_PRIORITY_ERROR);
-    EXPECT_FALSE(Has("TCNotifyManager()"));
     EXPECT_EQ(fakes::vconf::GetInt(kRunningKey), 0);
     EXPECT_EQ(fakes::vconf::Registrations(), 0);
+    EXPECT_FALSE(Has("TCNotifyManager()"));
+    ExpectErrors({"policy_monitorCnt is zero"});
 }
 
 TEST_F(PolicyManager, AnItemThatHoldsAlreadyIsReportedAtOnceAndNotWatched) {
@@ -324,79 +258,65 @@ TEST_F(PolicyManager, ExpiryEndsInALineInTheLogAndNothingElse) {
     LetOneSchedulerPassGoBy();
     ASSERT_TRUE(fakes::dlog::WaitFor("Disabled ZOL due to scheduled event!"));
 
-    ExpectLogged("Removing policy", DLOG_PRIORITY_ERROR);
     EXPECT_TRUE(IsRunning());
     EXPECT_TRUE(fakes::DeviceFileExists(ZOL_PATH_POLICY));
     EXPECT_EQ(fakes::vconf::Registrations("db/a"), 1);
+    ExpectErrors({"Removing policy"});
 }
 
-TEST_F(PolicyManager, AStoredPolicyThatIsOverdueAtStartExpires) {
-    fakes::vconf::SetString(zol::TCScheduler::KEY_START_TIME, std::to_string(fakes::clock::kEpoch - 2000));
-    StartWith(PolicyFor("db/a"));
-    LetOneSchedulerPassGoBy();
+TEST_F(PolicyManager, AStoredPolicyExpiresAtStartOnlyWhenItIsOverdue) {
+    for (const int age : {900, 2000}) {
+        fakes::vconf::SetString(zol::TCScheduler::KEY_START_TIME,
+                                std::to_string(m_clock.GetCurrentTime() - age));
+        StartWith(PolicyFor("db/a"));
+        LetOneSchedulerPassGoBy();
+        ASSERT_TRUE(fakes::clock::AwaitSleeper(std::chrono::seconds(5)));
 
-    EXPECT_TRUE(fakes::dlog::WaitFor("Removing policy"));
-    EXPECT_TRUE(IsRunning());
-}
-
-TEST_F(PolicyManager, AStoredPolicyThatIsNotOverdueAtStartDoesNotExpire) {
-    fakes::vconf::SetString(zol::TCScheduler::KEY_START_TIME, std::to_string(fakes::clock::kEpoch - 900));
-    StartWith(PolicyFor("db/a"));
-    LetOneSchedulerPassGoBy();
-    ASSERT_TRUE(fakes::clock::AwaitSleeper(std::chrono::seconds(5)));
-
-    EXPECT_FALSE(Has("Removing policy"));
+        EXPECT_EQ(Count("Removing policy"), age > 1000 ? 1 : 0);
+        EXPECT_TRUE(IsRunning());
+    }
 }
 
 TEST_F(PolicyManager, TellsWhetherAPolicyIsStored) {
     Start();
     EXPECT_FALSE(m_manager->IsPolicyExists());
-    ExpectLogged("Policy files does not exists", DLOG_PRIORITY_DEBUG);
     m_manager->RemoveExpiredPolicy();
     EXPECT_FALSE(Has("need to check ExpiredPolicy !!!"));
 
     StorePolicy(PolicyFor("db/a"));
     EXPECT_TRUE(m_manager->IsPolicyExists());
-    ExpectLogged("policy file exists !!!", DLOG_PRIORITY_ERROR);
     m_manager->RemoveExpiredPolicy();
-    ExpectLogged("need to check ExpiredPolicy !!!", DLOG_PRIORITY_ERROR);
     EXPECT_EQ(StoredPolicy(), PolicyFor("db/a"));
+    ExpectErrors({"policy file exists !!!", "need to check ExpiredPolicy !!!"});
+    ExpectLogged(DLOG_PRIORITY_DEBUG, {"Policy files does not exists"});
 }
 
-TEST_F(PolicyManager, PreparingPowerOnSetsTheMark) {
+TEST_F(PolicyManager, PreparingPowerOnSetsTheMarkAndCheckingThePreparationTakesItOff) {
     Start().PreparePowerOn(false);
-
     EXPECT_EQ(fakes::vconf::GetInt(kPowerOnKey), 1);
-    ExpectLoggedInOrder({"Preparing power on", "Power on prepared"});
-    ExpectLogged("Power on prepared", DLOG_PRIORITY_DEBUG);
-}
-
-TEST_F(PolicyManager, CheckingThePreparationTakesTheMarkOff) {
-    Start().PreparePowerOn(false);
-    fakes::dlog::Clear();
-    m_manager->PreparePowerOn(true);
-
-    EXPECT_EQ(fakes::vconf::GetInt(kPowerOnKey), 0);
-    ExpectLogged("Power on already prepared", DLOG_PRIORITY_DEBUG);
-    EXPECT_FALSE(Has("Power on prepared"));
-}
-
-TEST_F(PolicyManager, CheckingWithoutAPreparationLeavesNoMark) {
-    Start().PreparePowerOn(true);
-
-    EXPECT_EQ(fakes::vconf::GetInt(kPowerOnKey), 0);
-    EXPECT_TRUE(Has("Power on prepared"));
+    ExpectInOrder({"Preparing power on", "Power on prepared"});
     EXPECT_FALSE(Has("Power on already prepared"));
+
+    m_manager->PreparePowerOn(true);
+    EXPECT_EQ(fakes::vconf::GetInt(kPowerOnKey), 0);
+    EXPECT_EQ(Count("Power on prepared"), 1);
+
+    m_manager->PreparePowerOn(true);
+    EXPECT_EQ(fakes::vconf::GetInt(kPowerOnKey), 0) << "there was no preparation to check";
+    EXPECT_EQ(Count("Power on prepared"), 2);
+    EXPECT_EQ(Count("Power on already prepared"), 1);
+    ExpectLogged(DLOG_PRIORITY_DEBUG, {"Power on prepared", "Power on already prepared"});
 }
 
-TEST_F(PolicyManager, APreparationThatCannotBeReadOrWrittenGoesOn) {
-    Start();
+TEST_F(PolicyManager, APowerOnMarkThatCannotBeReadOrWrittenHoldsNothingUp) {
     fakes::vconf::SetBool(kPowerOnKey, true);
     fakes::vconf::Fail(kPowerOnKey, fakes::vconf::FAIL_GET | fakes::vconf::FAIL_SET);
+    StartAndPush(PolicyFor("db/a"));
+    ExpectErrors({"Unable to set db/private/tvs-cv/power_on_prepared"});
     m_manager->PreparePowerOn(true);
     m_manager->PreparePowerOn(false);
 
-    EXPECT_EQ(Count("Unable to set db/private/tvs-cv/power_on_prepared"), 2);
+    EXPECT_EQ(Count("Unable to set db/private/tvs-cv/power_on_prepared"), 3);
     EXPECT_EQ(Count("Power on prepared"), 2);
     EXPECT_FALSE(Has("Power on already prepared"));
 }
@@ -404,29 +324,24 @@ TEST_F(PolicyManager, APreparationThatCannotBeReadOrWrittenGoesOn) {
 TEST_F(PolicyManager, EveryReloadAsksTheUsageLoggerForTheVolumeFirst) {
     zol::TCCVLogger logger;
     zol::TCPolicyManager manager(m_clock, nullptr, &logger);
-    ExpectLoggedInOrder({"LogVolumeLevel(", "Policy /var/lib/zol/policy.xml does not exist"});
-
-    fakes::dlog::Clear();
     manager.ReloadSchedule();
-    ExpectLoggedInOrder({"LogVolumeLevel(", "Policy /var/lib/zol/policy.xml does not exist"});
+    ExpectInOrder({"LogVolumeLevel(", "Policy /var/lib/zol/policy.xml does not exist", "LogVolumeLevel(",
+                   "Policy /var/lib/zol/policy.xml does not exist"});
 }
 
 TEST_F(PolicyManager, PowerOffIsToldToEveryClientWithoutATimeLimit) {
-    EXPECT_CALL(m_server, SendNotification(5, -1)).WillOnce(Return(1)).WillOnce(Return(7));
+    EXPECT_CALL(m_server, SendNotification(5, -1))
+        .WillOnce(Return(1))
+        .WillOnce(Return(7))
+        .WillOnce(Return(0));
     EXPECT_TRUE(Start().NotifyPowerOff());
     EXPECT_TRUE(m_manager->NotifyPowerOff());
-}
+    EXPECT_FALSE(m_manager->NotifyPowerOff());
 
-TEST_F(PolicyManager, PowerOffThatNobodyAnswersIsLogged) {
-    EXPECT_CALL(m_server, SendNotification(5, -1)).WillOnce(Return(0));
-    EXPECT_FALSE(Start().NotifyPowerOff());
-    ExpectLogged("No application responded to power off notification!", DLOG_PRIORITY_DEBUG);
-}
-
-TEST_F(PolicyManager, PowerOffWithoutAServerIsLogged) {
-    zol::TCPolicyManager manager(m_clock, nullptr, nullptr);
-    EXPECT_FALSE(manager.NotifyPowerOff());
-    ExpectLogged("Dbus server is null!", DLOG_PRIORITY_DEBUG);
+    zol::TCPolicyManager serverless(m_clock, nullptr, nullptr);
+    EXPECT_FALSE(serverless.NotifyPowerOff());
+    ExpectLogged(DLOG_PRIORITY_DEBUG,
+                 {"No application responded to power off notification!", "Dbus server is null!"});
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -46,14 +47,16 @@ protected:
 
     /// Pushes a policy of these items to a manager that has none, with room for so many threads.
     void Push(const std::string& items, int threads = -1) {
+        Stop();
+        std::filesystem::remove(fakes::Root() + ZOL_PATH_POLICY);
         Start();
         g_threadsLeft = threads;
-        EXPECT_TRUE(m_manager->UpdatePolicy("<zolitem>" + items + "</zolitem>"));
+        EXPECT_TRUE(m_manager->UpdatePolicy(Document(items)));
         g_threadsLeft = -1;
     }
     static void ExpectNotRunning(const std::string& reason) {
-        EXPECT_EQ(fakes::dlog::Find(reason).priority, DLOG_PRIORITY_ERROR) << reason;
         EXPECT_EQ(fakes::vconf::GetInt(kRunningKey), 0);
+        ExpectErrors({reason});
     }
     static void ExpectFailedCheck(const std::string& source, const std::string& expression) {
         const std::string line = fakes::dlog::Find("_CHECK FAIL: " + source + ":").text;
@@ -68,67 +71,49 @@ TEST_F(PolicyTasks, BothKindsOfItemsAreWatchedTheKeysFirst) {
     EXPECT_EQ(fakes::vconf::Registrations("db/a"), 1);
     EXPECT_EQ(fakes::bt_hid::Registrations(), 1);
     EXPECT_EQ(fakes::was::RegisteredIds(), std::vector<std::string>{"org.app"});
-    EXPECT_TRUE(Has("totalCount[3]"));
-
-    std::vector<std::string> order;
-    for (const fakes::LogLine& line : fakes::dlog::Lines()) {
-        for (const char* step :
-             {"[TCNotifyManager] Created", "[db/a] registered", "[TCMonitorManager] Created"}) {
-            if (line.text.find(step) != std::string::npos) {
-                order.emplace_back(step);
-            }
-        }
-    }
-    EXPECT_EQ(order, (std::vector<std::string>{"[TCNotifyManager] Created", "[db/a] registered",
-                                               "[TCMonitorManager] Created"}));
+    ExpectInOrder(
+        {"totalCount[3]", "[TCNotifyManager] Created", "[db/a] registered", "[TCMonitorManager] Created"});
 }
 
 TEST_F(PolicyTasks, WithoutAValidMonitorThereIsNoMonitorManager) {
     Push(ItemFor("db/a") + "<monitor kind=\"3\" method=\"30\"/>");
 
     EXPECT_TRUE(IsRunning());
-    EXPECT_FALSE(Has("[TCMonitorManager] Create"));
     EXPECT_EQ(fakes::bt_hid::Registrations(), 0);
+    EXPECT_FALSE(Has("[TCMonitorManager] Create"));
 }
 
 TEST_F(PolicyTasks, WithoutAValidKeyThereIsNoChecker) {
     Push(std::string("<zols key=\"db/a\" condition=\"IS\" type=\"INT\"/>") + kPairing);
-
     EXPECT_TRUE(IsRunning());
+    EXPECT_EQ(fakes::bt_hid::Registrations(), 1);
+
+    StartWith(Document(kPairing));
+    EXPECT_TRUE(IsRunning()) << "nor where a stored policy has none";
+    EXPECT_EQ(fakes::bt_hid::Registrations(), 1);
     EXPECT_FALSE(Has("[TCVconfChecker] Create"));
-    EXPECT_EQ(fakes::bt_hid::Registrations(), 1);
 }
 
-TEST_F(PolicyTasks, AStoredPolicyOfMonitorsAloneIsWatchedAtStart) {
-    StartWith("<zolitem>" + std::string(kPairing) + "</zolitem>");
-
-    EXPECT_TRUE(IsRunning());
-    EXPECT_EQ(fakes::bt_hid::Registrations(), 1);
-}
-
-TEST_F(PolicyTasks, AMonitorThatCannotStartLeavesTheFlagSet) {
-    fakes::bt_hid::FailRegistrations(-1);
-    Push(ItemFor("db/a") + kPairing);
-
-    EXPECT_TRUE(IsRunning());
-}
-
-TEST_F(PolicyTasks, ANotifyTaskThatCannotStartStopsTheRest) {
+TEST_F(PolicyTasks, ATaskThatCannotStartStopsTheRestAndTheNextUpdateMakesANewSet) {
     Push(ItemFor("db/a") + kPairing, 0);
-
     ExpectNotRunning("pNotify is NULL or failed to create");
     ExpectFailedCheck("zol/src/ZOLNotifyManager", "CCTask::Create(\"ZolNotifyManager\")");
     EXPECT_EQ(fakes::vconf::Registrations(), 0) << "nor is the hand-over key watched";
-    EXPECT_EQ(fakes::bt_hid::Registrations(), 0);
-}
 
-TEST_F(PolicyTasks, ACheckerThatCannotStartStopsTheRest) {
     Push(ItemFor("db/a") + kPairing, 1);
-
     ExpectNotRunning("pVconfMonitor is NULL or failed to create");
     ExpectFailedCheck("zol/src/ZOLVconfChecker", "CCTask::Create(\"ZOLVconfChecker\")");
     EXPECT_EQ(fakes::vconf::Registrations("db/a"), 0);
+
+    Push(ItemFor("db/a") + kPairing, 2);
+    ExpectNotRunning("pMonitor is NULL or failed to create");
+    EXPECT_EQ(fakes::vconf::Registrations("db/a"), 1) << "the checker has started";
     EXPECT_EQ(fakes::bt_hid::Registrations(), 0);
+
+    fakes::bt_hid::FailRegistrations(-1);
+    EXPECT_TRUE(m_manager->UpdatePolicy(Document(ItemFor("db/b") + kPairing)));
+    EXPECT_TRUE(IsRunning()) << "a monitor that cannot start does not count";
+    EXPECT_EQ(fakes::vconf::Registrations("db/b"), 1);
 }
 
 TEST_F(PolicyTasks, AnInstallMonitorThatCannotStartIsLeftOutAndTheOthersAreWatched) {
@@ -143,26 +128,10 @@ TEST_F(PolicyTasks, AnInstallMonitorThatCannotStartIsLeftOutAndTheOthersAreWatch
     EXPECT_EQ(fakes::was::RegisteredIds(), std::vector<std::string>{"org.other"});
 }
 
-TEST_F(PolicyTasks, AMonitorManagerThatCannotStartLeavesTheKeysWatched) {
-    Push(ItemFor("db/a") + kPairing, 2);
-
-    ExpectNotRunning("pMonitor is NULL or failed to create");
-    EXPECT_EQ(fakes::vconf::Registrations("db/a"), 1);
-    EXPECT_EQ(fakes::bt_hid::Registrations(), 0);
-}
-
-TEST_F(PolicyTasks, AnUpdateAfterAFailedStartMakesANewSet) {
-    Push(ItemFor("db/a"), 0);
-    EXPECT_TRUE(m_manager->UpdatePolicy(PolicyFor("db/b")));
-
-    EXPECT_TRUE(IsRunning());
-    EXPECT_EQ(fakes::vconf::Registrations("db/b"), 1);
-}
-
 TEST_F(PolicyTasks, AtTheEndEveryPlatformCallbackOfEverySetIsWithdrawn) {
     Push(ItemFor("db/a") + kPairing + kInstall);
-    EXPECT_TRUE(m_manager->UpdatePolicy("<zolitem/>"));
-    EXPECT_TRUE(m_manager->UpdatePolicy("<zolitem>" + ItemFor("db/b") + kInstall + "</zolitem>"));
+    EXPECT_TRUE(m_manager->UpdatePolicy(""));
+    EXPECT_TRUE(m_manager->UpdatePolicy(Document(ItemFor("db/b") + kInstall)));
     EXPECT_EQ(fakes::was::RegisteredIds().size(), 2U);
     Stop();
 

@@ -98,17 +98,12 @@ public:
     /// Lets five seconds after five seconds pass until the watchdog has reported so often; false when
     /// fakes::kPatience ends.
     bool AwaitReports(int count) {
-        const auto patience = std::chrono::steady_clock::now() + fakes::kPatience;
-        while (fakes::dlog::Count("takes too long") < count) {
-            GSource* source = g_main_context_find_source_by_user_data(nullptr, m_lock.get());
-            if (source == nullptr || std::chrono::steady_clock::now() > patience) {
-                return false;
-            }
+        return Eventually([&] {
             // Again and again: a report that is under way sets the time anew when it is done.
+            GSource* source = g_main_context_find_source_by_user_data(nullptr, m_lock.get());
             g_source_set_ready_time(source, 0);
-            std::this_thread::yield();
-        }
-        return true;
+            return fakes::dlog::Count("takes too long") >= count;
+        });
     }
 
 private:

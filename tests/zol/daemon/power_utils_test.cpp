@@ -1,8 +1,5 @@
 #include "ZOLPowerUtils.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -10,17 +7,14 @@
 #include <stdexcept>
 #include <thread>
 
-#include "IDbus.h"
 #include "ZOLPolicyManager.h"
 #include "ZOLShiftedClock.h"
 #include "device_power.h"
-#include "dlog.h"
+#include "device_test.h"
 #include "fake_clock.h"
 #include "fake_device_power.h"
-#include "fake_dlog.h"
 #include "fake_vconf.h"
-#include "fakes.h"
-#include "waiting.h"
+#include "mock_dbus_server.h"
 
 namespace {
 
@@ -33,12 +27,6 @@ using zol::ZOLPowerUtils;
 constexpr const char* kPreparedKey = "db/private/tvs-cv/power_on_prepared";
 constexpr int kPowerOffCode = 5;
 constexpr int kNoLimit = -1;
-
-class MockServer : public zol::IDbusServer {
-public:
-    MOCK_METHOD(int, SendNotification, (int, int), (override));
-    MOCK_METHOD(void, CancelNotifications, (), (override));
-};
 
 /// Makes this thread the owner of the default main context, as the daemon's main loop does.
 class MainLoop {
@@ -62,10 +50,9 @@ public:
     std::atomic<bool> isBroken{false};
 };
 
-class PowerHooks : public testing::Test {
+class PowerHooks : public DeviceTest {
 protected:
     PowerHooks() {
-        fakes::Reset();
         fakes::clock::SetWall(1000);
         m_manager = std::make_unique<zol::TCPolicyManager>(m_clock, &m_server, nullptr);
         fakes::dlog::Clear();
@@ -89,7 +76,7 @@ protected:
     }
 
     MainLoop m_mainLoop;
-    testing::StrictMock<MockServer> m_server;
+    testing::StrictMock<MockDbusServer> m_server;
     BreakableClock m_clock;
     std::unique_ptr<zol::TCPolicyManager> m_manager;
     std::unique_ptr<ZOLPowerUtils> m_power;
@@ -109,18 +96,20 @@ TEST_F(PowerHooks, EveryCallbackReportsNullDataAndReturnsZero) {
     EXPECT_EQ(fakes::dlog::Count("ASSERT: [zol/src/ZOLPowerUtils:"), 5);
 }
 
-TEST_F(PowerOff, TellsTheClientsOnTheMainContext) {
+TEST_F(PowerOff, TellsTheClientsOnTheMainContextAndHoldsTheDeviceUntilTheyHaveAnswered) {
     Start();
     std::thread::id teller;
-    EXPECT_CALL(m_server, SendNotification(kPowerOffCode, kNoLimit)).WillOnce([&teller](int, int) {
+    EXPECT_CALL(m_server, SendNotification(kPowerOffCode, kNoLimit)).WillOnce(InvokeWithoutArgs([&teller] {
         teller = std::this_thread::get_id();
+        EXPECT_EQ(fakes::device_power::Holds(), 1);
         return 1;
-    });
+    }));
 
     ASSERT_TRUE(fakes::device_power::PowerOff(DEVICE_POWER_STANDBY));
     EXPECT_EQ(teller, std::thread::id()) << "the power thread only queues";
+    EXPECT_EQ(fakes::device_power::Holds(), 1);
 
-    ASSERT_TRUE(ServeUntil([&teller] { return teller != std::thread::id(); }));
+    ASSERT_TRUE(ServeUntil([] { return fakes::device_power::Holds() == 0; }));
     EXPECT_EQ(teller, std::this_thread::get_id());
 }
 
@@ -133,10 +122,8 @@ TEST_F(PowerOff, OnTheThreadOfTheMainContextTheTimedSpanHoldsTheWork) {
 
     m_power->m_PowerOffCallback();
 
-    EXPECT_EQ(fakes::dlog::Find("Starting power off callback!").priority, DLOG_PRIORITY_ERROR);
-    EXPECT_EQ(
-        fakes::dlog::Find("Power off callback successfuly executed! Time taken: 2.500000 seconds").priority,
-        DLOG_PRIORITY_ERROR);
+    ExpectErrors({"Starting power off callback!",
+                  "Power off callback successfuly executed! Time taken: 2.500000 seconds"});
 }
 
 TEST_F(PowerOff, FromAnotherThreadTheTimedSpanHoldsTheQueuingOnly) {
@@ -191,19 +178,6 @@ TEST_F(PowerOff, AClientThatNeverAnswersKeepsNeitherThePowerThreadNorTheMainCont
     EXPECT_TRUE(IsPrepared());
 }
 
-TEST_F(PowerOff, HoldsTheDeviceUntilTheClientsHaveAnswered) {
-    Start();
-    EXPECT_CALL(m_server, SendNotification).WillOnce(InvokeWithoutArgs([] {
-        EXPECT_EQ(fakes::device_power::Holds(), 1);
-        return 1;
-    }));
-
-    ASSERT_TRUE(fakes::device_power::PowerOff(DEVICE_POWER_STANDBY));
-    EXPECT_EQ(fakes::device_power::Holds(), 1) << "queued only";
-
-    EXPECT_TRUE(ServeUntil([] { return fakes::device_power::Holds() == 0; }));
-}
-
 TEST_F(PowerOff, EachHandOverReleasesItsOwnHold) {
     Start();
     EXPECT_CALL(m_server, SendNotification)
@@ -228,15 +202,6 @@ TEST_F(PowerOff, AnExceptionEndsInTheLog) {
     EXPECT_EQ(ZOLPowerUtils::PowerOffCallback(DEVICE_POWER_SHUTDOWN, m_power.get()), 0);
 
     EXPECT_TRUE(fakes::dlog::Has("callback failed: bus gone"));
-}
-
-TEST_F(WakeUp, MarksThePowerOnAsPreparedOnTheMainContext) {
-    Start();
-
-    ASSERT_TRUE(fakes::device_power::WakeUp(DEVICE_POWER_STANDBY));
-    EXPECT_FALSE(IsPrepared());
-
-    EXPECT_TRUE(ServeUntil(IsPrepared));
 }
 
 TEST_F(WakeUp, MakesTheTimeInStandbyTimeThatPassed) {
@@ -271,14 +236,6 @@ TEST_F(WakeUp, WithoutItTheTimeInStandbyIsTakenOut) {
     EXPECT_EQ(m_clock.GetCurrentTime(), 1000);
 }
 
-TEST_F(PowerThread, SubscribesAndUnsubscribesInOrder) {
-    Start();
-    Stop();
-
-    EXPECT_THAT(fakes::device_power::Calls(), ElementsAre("subscribe_poweroff", "subscribe_wakeup",
-                                                          "unsubscribe_wakeup", "unsubscribe_poweroff"));
-}
-
 TEST_F(PowerThread, EndsWheneverItIsStopped) {
     for (int round = 0; round < 100; ++round) {
         const ZOLPowerUtils power(m_manager.get());
@@ -289,13 +246,15 @@ TEST_F(PowerThread, EndsWheneverItIsStopped) {
     EXPECT_EQ(fakes::device_power::Calls().size(), 400U);
 }
 
-TEST_F(PowerThread, EndsBySourceOfTheMainContextToo) {
+TEST_F(PowerThread, SubscribesAndUnsubscribesInOrderAlsoWhereASourceOfTheMainContextEndsIt) {
     Start();
-
     EXPECT_EQ(ZOLPowerUtils::m_StopMainLoop(m_power.get()), 0);
-
     EXPECT_TRUE(ServeUntil([] { return fakes::device_power::Calls().size() == 4; }));
     EXPECT_EQ(ZOLPowerUtils::m_StopMainLoop(m_power.get()), 0);
+    Stop();
+
+    EXPECT_THAT(fakes::device_power::Calls(), ElementsAre("subscribe_poweroff", "subscribe_wakeup",
+                                                          "unsubscribe_wakeup", "unsubscribe_poweroff"));
 }
 
 TEST_F(PowerThread, NotificationsThatStillWaitAreDroppedWithTheObject) {

@@ -1,30 +1,17 @@
 #include "QuitSignals.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <csignal>
 #include <cstring>
 #include <stdexcept>
 #include <string>
 
-#include "IDbus.h"
-#include "dlog.h"
-#include "fake_dlog.h"
-#include "fakes.h"
+#include "device_test.h"
+#include "mock_dbus_server.h"
 
 namespace {
 
-class MockServer : public zol::IDbusServer {
-public:
-    MOCK_METHOD(int, SendNotification, (int code, int timeoutMs), (override));
-    MOCK_METHOD(void, CancelNotifications, (), (override));
-};
-
-class QuitSignals : public testing::TestWithParam<int> {
+class QuitSignals : public DeviceTest, public testing::WithParamInterface<int> {
 protected:
-    QuitSignals() { fakes::Reset(); }
-
     /// A signal that is caught, and its callback.
     static void Signal() {
         ASSERT_EQ(raise(GetParam()), 0);
@@ -39,7 +26,7 @@ protected:
     // Both for ever, as in the daemon.
     GMainLoop* const m_loop = g_main_loop_new(nullptr, FALSE);
     zol_daemon::QuitSignals& m_signals = zol_daemon::QuitSignals::Catch(m_loop);
-    testing::StrictMock<MockServer> m_server;
+    testing::StrictMock<MockDbusServer> m_server;
 };
 
 TEST_P(QuitSignals, EndTheMainLoopAndTheServersWaits) {
@@ -55,7 +42,7 @@ TEST_P(QuitSignals, EndTheMainLoopEvenWhenTheServerFails) {
 
     RunAndSignal();
 
-    EXPECT_EQ(fakes::dlog::Find("callback failed: no memory").priority, DLOG_PRIORITY_ERROR);
+    ExpectErrors({"callback failed: no memory"});
 }
 
 TEST_P(QuitSignals, LeaveAServerAloneThatIsAboutToGo) {
