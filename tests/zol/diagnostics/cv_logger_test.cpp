@@ -1,7 +1,5 @@
 #include "ZOLCVLogger.h"
 
-#include <gtest/gtest.h>
-
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -11,10 +9,9 @@
 #include "cv/TCScopeHandler.h"
 #include "cv/TCTrapPattern.h"
 #include "device_paths.h"
+#include "device_test.h"
 #include "dlog.h"
-#include "fake_dlog.h"
 #include "fake_vconf.h"
-#include "fakes.h"
 
 namespace {
 
@@ -25,10 +22,9 @@ constexpr const char* kForeground = "db/factory/RSC_FG";
 constexpr const char* kBackground = "db/factory/RSC_BG";
 constexpr const char* kVolume = "file/private/sound/volume/Master";
 
-class UsageLogger : public testing::Test {
+class UsageLogger : public DeviceTest {
 protected:
     UsageLogger() {
-        fakes::Reset();
         Tracing().Reload();
         Tracing().Clear();
         cv::TCTrapPattern::Instance().Clear();
@@ -55,9 +51,8 @@ TEST_F(UsageLogger, WatchesItsFiveKeysAndSaysSo) {
     }
     EXPECT_EQ(fakes::vconf::Registrations(), 5);
 
-    ASSERT_EQ(fakes::dlog::Lines().size(), 2U);
-    EXPECT_EQ(fakes::dlog::Find("[TCCVLogger] start").priority, DLOG_PRIORITY_INFO);
-    EXPECT_EQ(fakes::dlog::Find("m_LoggingCsfs() end").priority, DLOG_PRIORITY_INFO);
+    EXPECT_EQ(fakes::dlog::Lines().size(), 2U);
+    ExpectInOrder({"[TCCVLogger] start", "m_LoggingCsfs() end"});
 }
 
 TEST_F(UsageLogger, AllItsLinesAreOfPriorityInfo) {
@@ -102,51 +97,38 @@ TEST_F(UsageLogger, ItsCallbacksStayRegisteredWhenItGoesAndReportOn) {
 
 TEST_F(UsageLogger, AKeyThatCannotBeWatchedIsLoggedAndTheOthersAreWatched) {
     fakes::Reset();
-    for (const char* key : {kFocus, kSelect, kLaunch, kForeground}) {
+    const std::vector<std::pair<const char*, const char*>> keys{
+        {kFocus, "register m_ScreenScrollCb fail"},
+        {kSelect, "register m_ScreenSelectCb fail"},
+        {kLaunch, "register m_GetRSCCb about VCONFKEY_RSC_LAUNCH fail"},
+        {kForeground, "register m_GetRSCCb about VCONFKEY_RSC_FG fail"},
+        {kBackground, "register m_GetRSCCb about VCONFKEY_RSC_FG fail"}};  // the foreground's text
+    for (const auto& [key, text] : keys) {
+        fakes::Reset();
         fakes::vconf::Fail(key, fakes::vconf::FAIL_NOTIFY);
+
+        const zol::TCCVLogger logger;
+
+        EXPECT_EQ(fakes::vconf::Registrations(), 4) << key;
+        EXPECT_EQ(fakes::vconf::Registrations(key), 0);
+        EXPECT_EQ(Logged(text), 1) << key;
+        EXPECT_EQ(Logged("m_LoggingCsfs() end"), 1);
     }
-
-    m_logger = std::make_unique<zol::TCCVLogger>();
-
-    EXPECT_EQ(fakes::dlog::Count("register m_ScreenScrollCb fail"), 1);
-    EXPECT_EQ(fakes::dlog::Count("register m_ScreenSelectCb fail"), 1);
-    EXPECT_EQ(fakes::dlog::Count("register m_GetRSCCb about VCONFKEY_RSC_LAUNCH fail"), 1);
-    EXPECT_EQ(fakes::dlog::Count("register m_GetRSCCb about VCONFKEY_RSC_FG fail"), 1);
-    EXPECT_EQ(fakes::dlog::Count("m_LoggingCsfs() end"), 1);
-    EXPECT_EQ(fakes::vconf::Registrations(), 1);
 }
 
-TEST_F(UsageLogger, TheBackgroundKeysFailureIsReportedWithTheForegroundsMessage) {
-    fakes::Reset();
-    fakes::vconf::Fail(kBackground, fakes::vconf::FAIL_NOTIFY);
+TEST_F(UsageLogger, AFocusChangeOrSelectionIsLoggedAndRecordedWithItsText) {
+    for (const auto& [key, callback] :
+         {std::pair(kFocus, "m_ScreenScrollCb"), {kSelect, "m_ScreenSelectCb"}}) {
+        Tracing().Clear();
+        fakes::vconf::SetString(key, std::string("%s of ") + key);
 
-    m_logger = std::make_unique<zol::TCCVLogger>();
-
-    EXPECT_EQ(fakes::dlog::Count("register m_GetRSCCb about VCONFKEY_RSC_FG fail"), 1);
-    EXPECT_EQ(fakes::vconf::Registrations(kForeground), 1);
-}
-
-TEST_F(UsageLogger, AFocusChangeIsLoggedAndRecordedWithItsText) {
-    fakes::vconf::SetString(kFocus, "home_%s_button");
-
-    const fakes::LogLine line = fakes::dlog::Find("home_%s_button");
-    EXPECT_EQ(line.priority, DLOG_PRIORITY_INFO);
-    EXPECT_NE(line.text.find(": m_ScreenScrollCb("), std::string::npos);
-    ASSERT_EQ(Events().size(), 1U);
-    const cv::TSEvent event = Events()[0];
-    EXPECT_STREQ(event.site->function, "m_ScreenScrollCb");
-    ASSERT_EQ(event.itemCount, 1);
-    EXPECT_EQ(event.TextOf(event.items[0]), "home_%s_button");
-}
-
-TEST_F(UsageLogger, ASelectionIsLoggedAndRecordedWithItsText) {
-    fakes::vconf::SetString(kSelect, "store");
-
-    EXPECT_NE(fakes::dlog::Find("store").text.find(": m_ScreenSelectCb("), std::string::npos);
-    ASSERT_EQ(Events().size(), 1U);
-    const cv::TSEvent event = Events()[0];
-    EXPECT_STREQ(event.site->function, "m_ScreenSelectCb");
-    EXPECT_EQ(event.TextOf(event.items[0]), "store");
+        ASSERT_EQ(Events().size(), 1U);
+        const cv::TSEvent event = Events()[0];
+        EXPECT_STREQ(event.site->function, callback);
+        ASSERT_EQ(event.itemCount, 1);
+        EXPECT_EQ(event.TextOf(event.items[0]), std::string("%s of ") + key);
+        ExpectPlaces(std::string("ZOLCVLogger: ") + callback, {std::string("%s of ") + key});
+    }
 }
 
 TEST_F(UsageLogger, AChangeOfAnUnsetOrUnreadableFocusKeyLogsThatTheValueIsNullAndRecordsNothing) {
@@ -167,7 +149,6 @@ TEST_F(UsageLogger, AChangeOfAnUnsetOrUnreadableFocusKeyLogsThatTheValueIsNullAn
 TEST_F(UsageLogger, AnRscChangeIsLoggedAndRecordedWithItsTextAndThreeNumbers) {
     SetRsc(1, -2, 3);
 
-    EXPECT_EQ(fakes::dlog::Count("iRSC_Launch = 1, iRSC_FG = -2, iRSC_BG = 3"), 1);
     ASSERT_EQ(Events().size(), 1U);
     const cv::TSEvent event = Events()[0];
     ASSERT_EQ(event.itemCount, 4);
@@ -178,6 +159,7 @@ TEST_F(UsageLogger, AnRscChangeIsLoggedAndRecordedWithItsTextAndThreeNumbers) {
         EXPECT_EQ(static_cast<std::int64_t>(event.items[i + 1].bits), expected[i]);
         EXPECT_EQ(event.items[i + 1].size, 4U);
     }
+    EXPECT_EQ(Logged("iRSC_Launch = 1, iRSC_FG = -2, iRSC_BG = 3"), 1);
 }
 
 TEST_F(UsageLogger, EachOfTheThreeRscKeysReportsAllThree) {
@@ -224,53 +206,40 @@ TEST_F(UsageLogger, ACallbackWithoutNodeOrUserDataDoesNothing) {
     EXPECT_TRUE(Events().empty());
 }
 
-TEST_F(UsageLogger, TheVolumeLevelIsRecordedInFourBytesAndLogged) {
+TEST_F(UsageLogger, TheVolumeLevelOrMinusOneIsRecordedInFourBytesAndLogged) {
+    m_logger->LogVolumeLevel();
     fakes::vconf::SetInt(kVolume, 42);
-
     m_logger->LogVolumeLevel();
 
-    EXPECT_EQ(fakes::dlog::Count("volume level : 42"), 1);
-    ASSERT_EQ(Events().size(), 1U);
-    EXPECT_EQ(Events()[0].items[0].size, 4U);
-    EXPECT_EQ(Events()[0].items[0].bits, 42U);
+    ASSERT_EQ(Events().size(), 2U);
+    EXPECT_EQ(static_cast<std::int64_t>(Events()[0].items[0].bits), -1);
+    EXPECT_EQ(Events()[1].items[0].bits, 42U);
+    EXPECT_EQ(Events()[1].items[0].size, 4U);
+    ExpectInOrder({"volume level : -1", "volume level : 42"});
 }
 
-TEST_F(UsageLogger, AVolumeThatCannotBeReadIsMinusOne) {
-    m_logger->LogVolumeLevel();
-
-    EXPECT_EQ(fakes::dlog::Count("volume level : -1"), 1);
-    EXPECT_EQ(static_cast<std::int64_t>(Events().at(0).items[0].bits), -1);
-}
-
-TEST_F(UsageLogger, AVolumeThatMeetsATrapConditionIsQueued) {
+TEST_F(UsageLogger, AVolumeOrFocusThatMeetsATrapConditionIsQueued) {
     fakes::WriteDeviceFile(ZOL_PATH_TRAP_CONF,
                            "loud ZOLCVLogger:LogVolumeLevel 0 signed > 80\n"
                            "none ZOLCVLogger:LogVolumeLevel 0 unsigned == 4294967295\n"
-                           "text ZOLCVLogger:LogVolumeLevel 0 text == 81\n");
-    ASSERT_EQ(Tracing().Reload(), 3);
+                           "text ZOLCVLogger:LogVolumeLevel 0 text == 81\n"
+                           "shop ZOLCVLogger:m_ScreenScrollCb 0 text begins store\n");
+    ASSERT_EQ(Tracing().Reload(), 4);
 
     m_logger->LogVolumeLevel();
-    fakes::vconf::SetInt(kVolume, 80);
-    m_logger->LogVolumeLevel();
-    fakes::vconf::SetInt(kVolume, 81);
-    m_logger->LogVolumeLevel();
-
-    const std::vector<cv::TSTrapMatch> matches = cv::TCTrapPattern::Instance().Items();
-    ASSERT_EQ(matches.size(), 3U);
-    EXPECT_STREQ(matches[0].name, "none");
-    EXPECT_STREQ(matches[1].name, "loud");
-    EXPECT_STREQ(matches[2].name, "text");
-}
-
-TEST_F(UsageLogger, AFocusThatMeetsATrapConditionIsQueued) {
-    fakes::WriteDeviceFile(ZOL_PATH_TRAP_CONF, "shop ZOLCVLogger:m_ScreenScrollCb 0 text begins store\n");
-    ASSERT_EQ(Tracing().Reload(), 1);
-
+    for (const int volume : {80, 81}) {
+        fakes::vconf::SetInt(kVolume, volume);
+        m_logger->LogVolumeLevel();
+    }
     fakes::vconf::SetString(kFocus, "home");
     fakes::vconf::SetString(kFocus, "store_tile");
 
-    ASSERT_EQ(cv::TCTrapPattern::Instance().Items().size(), 1U);
-    EXPECT_STREQ(cv::TCTrapPattern::Instance().Items()[0].value, "store_tile");
+    std::vector<std::string> matches;
+    for (const cv::TSTrapMatch& match : cv::TCTrapPattern::Instance().Items()) {
+        matches.emplace_back(match.name);
+    }
+    EXPECT_EQ(matches, (std::vector<std::string>{"none", "loud", "text", "shop"}));
+    EXPECT_STREQ(cv::TCTrapPattern::Instance().Items().back().value, "store_tile");
 }
 
 TEST_F(UsageLogger, WithTracingInactiveEveryCallbackStillLogsAndRecordsNothing) {
@@ -281,11 +250,9 @@ TEST_F(UsageLogger, WithTracingInactiveEveryCallbackStillLogsAndRecordsNothing) 
     SetRsc(1, 2, 3);
     m_logger->LogVolumeLevel();
 
-    EXPECT_TRUE(fakes::dlog::Has("focus_text"));
-    EXPECT_TRUE(fakes::dlog::Has("select_text"));
-    EXPECT_TRUE(fakes::dlog::Has("iRSC_Launch = 1, iRSC_FG = 2, iRSC_BG = 3"));
-    EXPECT_TRUE(fakes::dlog::Has("volume level : -1"));
     EXPECT_TRUE(Events().empty());
+    ExpectInOrder(
+        {"focus_text", "select_text", "iRSC_Launch = 1, iRSC_FG = 2, iRSC_BG = 3", "volume level : -1"});
 }
 
 }  // namespace

@@ -91,14 +91,23 @@ TEST_F(TestRecordingFaults, EveryFailureOfTheUsbServiceIsToldAndTheServiceClosed
     EXPECT_EQ(fakes::usb::OpenServices(), 0);
 }
 
-TEST_F(TestRecordingFaults, AStateThatCannotBeWrittenStartsNothing) {
+TEST_F(TestRecordingFaults, AStateThatCannotBeWrittenStartsNothingAndEndsNothing) {
     fakes::vconf::Fail(kStateKey, fakes::vconf::FAIL_SET);
-
     Start();
     Stop();
+    EXPECT_EQ(Logged("[TestRecording] Recording hasn't been run yet."), 1);
 
-    EXPECT_TRUE(fakes::dlog::Has("[TestRecording] vconf set failed for : 1"));
-    EXPECT_TRUE(fakes::dlog::Has("[TestRecording] Recording hasn't been run yet."));
+    fakes::vconf::Fail(kStateKey, fakes::vconf::FAIL_NONE);
+    Start();
+    fakes::vconf::Fail(kStateKey, fakes::vconf::FAIL_SET);
+    Stop();
+    EXPECT_TRUE(Recording());
+    EXPECT_TRUE(fs::exists(m_stick + "/testrecording.tar.gz"));
+
+    fakes::vconf::Fail(kStateKey, fakes::vconf::FAIL_NONE);
+    Start();
+    EXPECT_EQ(Logged("[TestRecording] Already recording..."), 1);
+    ExpectErrors({"[TestRecording] vconf set failed for : 1", "[TestRecording] vconf set failed for : 0"});
 }
 
 TEST_F(TestRecordingFaults, AFollowerThatDoesNotEndIsToldAndTheRestIsPacked) {
@@ -108,7 +117,7 @@ TEST_F(TestRecordingFaults, AFollowerThatDoesNotEndIsToldAndTheRestIsPacked) {
     Stop();
 
     EXPECT_THAT(ListArchive(), HasSubstr("dumpCV/"));
-    EXPECT_TRUE(fakes::dlog::Has("[TestRecording] the focus log is still being written"));
+    EXPECT_EQ(Logged("[TestRecording] the focus log is still being written"), 1);
 }
 
 TEST_F(TestRecordingFaults, TheArchiveHoldsWhatExistsWhenTheRestIsMissing) {
@@ -118,11 +127,11 @@ TEST_F(TestRecordingFaults, TheArchiveHoldsWhatExistsWhenTheRestIsMissing) {
 
     Stop();
 
-    EXPECT_TRUE(fakes::dlog::Has("[TestRecording] dc_request_capture_to_file_sync failed"));
     const std::string names = ListArchive();
     EXPECT_THAT(names, HasSubstr("csfs_log.txt"));
     EXPECT_THAT(names, HasSubstr("ScreenCapture/"));
     EXPECT_THAT(names, testing::Not(HasSubstr("recorded_scenario.txt")));
+    EXPECT_EQ(Logged("[TestRecording] dc_request_capture_to_file_sync failed"), 1);
 }
 
 TEST_F(TestRecordingFaults, AStickThatVanishesEndsTheRecordingWithoutAnArchive) {
@@ -135,16 +144,6 @@ TEST_F(TestRecordingFaults, AStickThatVanishesEndsTheRecordingWithoutAnArchive) 
     // The state could not be told; the recording goes on until there is a stick again.
     EXPECT_EQ(fakes::vconf::GetInt(kStateKey), 1);
     EXPECT_EQ(fakes::dlog::Count("[TestRecording] Fail to get USB Path"), 2);
-}
-
-TEST_F(TestRecordingFaults, AStickWithAFolderInTheScenariosPlaceRecordsAllTheSame) {
-    // A folder is no file: it is left alone and packed.
-    fs::create_directories(m_stick + "/recorded_scenario.txt");
-
-    Start();
-
-    EXPECT_TRUE(Recording());
-    EXPECT_TRUE(fakes::dlog::Has("StartDlog cmd is"));
 }
 
 TEST_F(TestRecordingFaults, AShellThatCannotBeAwaitedKeepsTheRecordingActive) {
@@ -186,20 +185,6 @@ TEST_F(TestRecordingFaults, OnAStickThatTakesNothingEachFailingStepIsToldAndTheR
     fs::remove(m_stick);
 }
 
-TEST_F(TestRecordingFaults, AStateThatCannotBeWrittenAtTheEndLeavesTheRecordingActive) {
-    Start();
-    fakes::vconf::Fail(kStateKey, fakes::vconf::FAIL_SET);
-
-    Stop();
-
-    EXPECT_TRUE(Recording());
-    EXPECT_TRUE(fs::exists(m_stick + "/testrecording.tar.gz"));
-    EXPECT_EQ(fakes::dlog::Find("[TestRecording] vconf set failed for : 0").priority, DLOG_PRIORITY_ERROR);
-    fakes::vconf::Fail(kStateKey, fakes::vconf::FAIL_NONE);
-    Start();
-    EXPECT_TRUE(fakes::dlog::Has("[TestRecording] Already recording..."));
-}
-
 TEST_F(TestRecordingFaults, AShellThatCannotBeStartedIsToldByBothToasts) {
     bool refused = false;
     std::thread([&] {
@@ -215,8 +200,8 @@ TEST_F(TestRecordingFaults, AShellThatCannotBeStartedIsToldByBothToasts) {
 
     EXPECT_TRUE(Recording());
     EXPECT_THAT(ToolCalls(), IsEmpty());
-    EXPECT_EQ(fakes::dlog::Count("[TestRecording] Fail to run shell"), 2);
-    EXPECT_EQ(fakes::dlog::Find("[TestRecording] Fail to run shell").priority, DLOG_PRIORITY_ERROR);
+    EXPECT_EQ(Logged("[TestRecording] Fail to run shell"), 2);
+    ExpectErrors({"[TestRecording] Fail to run shell"});
 }
 
 TEST_F(TestRecordingFaults, AnOldScenarioOrFocusLogThatCannotBeRemovedKeepsTheFocusLogFromBegin) {
@@ -228,12 +213,10 @@ TEST_F(TestRecordingFaults, AnOldScenarioOrFocusLogThatCannotBeRemovedKeepsTheFo
             Start();
         }
 
-        EXPECT_EQ(
-            fakes::dlog::Find("Failed to remove recorded scenario file! Dir: " + m_device + name).priority,
-            DLOG_PRIORITY_ERROR);
-        EXPECT_FALSE(fakes::dlog::Has("StartDlog cmd is"));
         EXPECT_EQ(Read(m_stick + name), "old");
         EXPECT_TRUE(Recording());
+        EXPECT_EQ(Logged("StartDlog cmd is"), 0);
+        ExpectErrors({"Failed to remove recorded scenario file! Dir: " + m_device + name});
         Stop();
         fs::remove(m_stick + name);
     }
@@ -248,13 +231,11 @@ TEST_F(TestRecordingFaults, FoldersThatAreLinksAreToldAndNotFollowed) {
 
     Stop();
 
-    for (const char* name : {"/ScreenCapture/", "/dumpCV/"}) {
-        const std::string line = "Failed to remove Screen Capture directory! Dir: " + m_device + name;
-        EXPECT_EQ(fakes::dlog::Find(line).priority, DLOG_PRIORITY_ERROR) << name;
-    }
     EXPECT_EQ(fakes::ReadDeviceFile("/etc/target/precious"), "keep");
     EXPECT_EQ(std::distance(fs::directory_iterator(fakes::Root() + "/etc/target"), {}), 1);
     EXPECT_THAT(fakes::capture::Requests(), IsEmpty());
+    const std::string refused = "Failed to remove Screen Capture directory! Dir: " + m_device;
+    ExpectErrors({refused + "/ScreenCapture/", refused + "/dumpCV/"});
 }
 
 TEST_F(TestRecordingFaults, LinksThatCameWithTheStickAreReplacedAndNotFollowed) {
@@ -277,15 +258,17 @@ TEST_F(TestRecordingFaults, LinksThatCameWithTheStickAreReplacedAndNotFollowed) 
     EXPECT_FALSE(fs::exists(unborn));
 }
 
-TEST_F(TestRecordingFaults, PipesInTheFilesPlacesHoldNobodyUp) {
+TEST_F(TestRecordingFaults, PipesAndAFolderInTheFilesPlacesHoldNobodyUp) {
     for (const char* name : {"/csfs_log.txt", "/testrecording.tar.gz"}) {
         ASSERT_EQ(mkfifo((m_stick + name).c_str(), 0600), 0);
     }
+    fs::create_directories(m_stick + "/recorded_scenario.txt");
     Start();
 
     Stop();
 
     EXPECT_THAT(ListArchive(), HasSubstr("csfs_log.txt"));
+    EXPECT_THAT(ListArchive(), HasSubstr("recorded_scenario.txt/")) << "left alone: a folder is no file";
 }
 
 TEST_F(TestRecordingFaults, ALinkInTheArchivesPlaceThatCannotBeRemovedIsToldAndNothingIsPacked) {

@@ -1,7 +1,6 @@
 #pragma once
 /// A test recorder with a stick, keys to press and tools that stand in for those that it calls.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -14,9 +13,9 @@
 
 #include "ShellQuote.h"
 #include "ZOLTestRecording.h"
+#include "device_test.h"
 #include "fake_diagnostics.h"
 #include "fake_vconf.h"
-#include "fakes.h"
 
 constexpr int kStart = 95;
 constexpr int kStop = 96;
@@ -65,10 +64,9 @@ private:
 };
 
 /// The tools note how they were called.
-class RecordingFixture : public testing::Test {
+class RecordingFixture : public DeviceTest {
 protected:
     RecordingFixture() : m_path(SearchPath()) {
-        fakes::Reset();
         m_tools = std::filesystem::path(fakes::Root()) / "tools";
         std::filesystem::create_directories(m_tools);
         for (const char* name : {"app_launcher", "dlogutil", "killall"}) {

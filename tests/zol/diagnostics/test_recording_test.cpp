@@ -48,52 +48,38 @@ using testing::IsEmpty;
 
 using TestRecording = RecordingFixture;
 
-TEST_F(TestRecording, AStartSetsTheStateFollowsTheLogAndShowsAToast) {
-    Start();
-
-    EXPECT_EQ(fakes::vconf::GetInt(kStateKey), 1);
-    EXPECT_TRUE(fakes::dlog::Has("[TestRecording] Start recording..."));
-    EXPECT_TRUE(fakes::dlog::Has("[TestRecording] value of db/window_system/system_state is 1"));
-    EXPECT_TRUE(
-        fakes::dlog::Has("[TestRecording] StartDlog cmd is dlogutil -v kerneltime CSFS | grep OnFocused > " +
-                         m_device + "/csfs_log.txt&"));
-    EXPECT_THAT(ToolCalls(), testing::Contains(kStartToast));
-}
-
-TEST_F(TestRecording, TheScenarioOfAnEarlierRecordingIsRemovedAtTheStart) {
+TEST_F(TestRecording, AStartSetsTheStateFollowsTheLogShowsAToastAndASecondOneDoesNot) {
     std::ofstream(m_stick + "/recorded_scenario.txt") << "old";
 
     Start();
 
-    EXPECT_FALSE(fs::exists(m_stick + "/recorded_scenario.txt"));
+    EXPECT_EQ(fakes::vconf::GetInt(kStateKey), 1);
+    EXPECT_FALSE(fs::exists(m_stick + "/recorded_scenario.txt")) << "of an earlier recording";
+    EXPECT_THAT(ToolCalls(), testing::Contains(kStartToast));
+    const std::string follower =
+        "[TestRecording] StartDlog cmd is dlogutil -v kerneltime CSFS | grep OnFocused > " + m_device +
+        "/csfs_log.txt&";
+    ExpectInOrder({"[TestRecording] Start recording...",
+                   "[TestRecording] value of db/window_system/system_state is 1", follower});
+
+    Start();
+
+    EXPECT_EQ(Logged("[TestRecording] Already recording..."), 1);
+    EXPECT_EQ(Logged(follower), 1);
 }
 
 TEST_F(TestRecording, AStopWithoutARecordingOnlyLogs) {
     Stop();
-
     EXPECT_THAT(ToolCalls(), IsEmpty());
     EXPECT_FALSE(fakes::vconf::Exists(kStateKey));
-    EXPECT_TRUE(fakes::dlog::Has("[TestRecording] Recording hasn't been run yet."));
-}
+    EXPECT_EQ(Logged("[TestRecording] Recording hasn't been run yet."), 1);
 
-TEST_F(TestRecording, ASecondStartDoesNotRestartTheFocusLog) {
-    Start();
-
-    Start();
-
-    EXPECT_TRUE(fakes::dlog::Has("[TestRecording] Already recording..."));
-    EXPECT_EQ(fakes::dlog::Count("StartDlog cmd is"), 1);
-}
-
-TEST_F(TestRecording, ASecondStopAfterAFinishedRecordingOnlyLogs) {
     Start();
     Stop();
     const std::size_t calls = ToolCalls().size();
-
     Stop();
-
     EXPECT_EQ(ToolCalls().size(), calls);
-    EXPECT_TRUE(fakes::dlog::Has("[TestRecording] Recording hasn't been run yet."));
+    EXPECT_EQ(Logged("[TestRecording] Recording hasn't been run yet."), 2);
 }
 
 TEST_F(TestRecording, WithoutAStickNothingIsRecordedButTheToastIsShown) {
@@ -102,11 +88,10 @@ TEST_F(TestRecording, WithoutAStickNothingIsRecordedButTheToastIsShown) {
     Start();
     Stop();
 
-    EXPECT_TRUE(fakes::dlog::Has("[TestRecording] failed to get USB device"));
-    EXPECT_TRUE(fakes::dlog::Has("[TestRecording] Fail to get USB Path"));
-    EXPECT_TRUE(fakes::dlog::Has("[TestRecording] Recording hasn't been run yet."));
     EXPECT_FALSE(fakes::vconf::Exists(kStateKey));
     EXPECT_THAT(ToolCalls(), ElementsAre(kStartToast));
+    ExpectInOrder({"[TestRecording] failed to get USB device", "[TestRecording] Fail to get USB Path",
+                   "[TestRecording] Recording hasn't been run yet."});
 }
 
 TEST_F(TestRecording, AStopCapturesTheScreenAndPacksEverything) {
@@ -144,15 +129,12 @@ TEST_F(TestRecording, ItsLinesAreErrorsButTheLastOne) {
     fakes::usb::SetStick("");
     Start();
 
-    for (const char* text :
-         {"Start recording...", "value of db/window_system/system_state is 1", "StartDlog cmd is",
-          "Already recording...", "Stop recording...", "value of db/window_system/system_state is 0",
-          "now time is", "Recording hasn't been run yet.", "failed to get USB device",
-          "Fail to get USB Path"}) {
-        EXPECT_EQ(fakes::dlog::Find(std::string("[TestRecording] ") + text).priority, DLOG_PRIORITY_ERROR)
-            << text;
-    }
-    EXPECT_EQ(fakes::dlog::Find("[TestRecording] Done making tar file.").priority, DLOG_PRIORITY_INFO);
+    ExpectErrors({"[TestRecording] Start recording...", "value of db/window_system/system_state is 1",
+                  "[TestRecording] StartDlog cmd is", "[TestRecording] Already recording...",
+                  "[TestRecording] Stop recording...", "value of db/window_system/system_state is 0",
+                  "[TestRecording] now time is", "[TestRecording] Recording hasn't been run yet.",
+                  "[TestRecording] failed to get USB device", "[TestRecording] Fail to get USB Path"});
+    ExpectLogged(DLOG_PRIORITY_INFO, {"[TestRecording] Done making tar file."});
 }
 
 TEST_F(TestRecording, WhatItLogsIsThePathOfTheDevice) {
@@ -218,12 +200,15 @@ TEST_F(TestRecording, TheTraceDumpIsSavedWithItsTrapsAndClearedFromTheRecording)
     EXPECT_THAT(tracing.Events(), IsEmpty());
 }
 
-TEST_F(TestRecording, ItAsksForTheTwoCombinationsOnly) {
+TEST_F(TestRecording, ItAsksForTheTwoCombinationsOnlyAndIgnoresOthers) {
     std::vector<int> wanted(128);
     wanted[95] = 1;
     wanted[96] = 1;
-
     EXPECT_EQ(fakes::keys::Wanted(), wanted);
+
+    TCTestRecording::keyCombinationHandlerCb(94, nullptr);
+    TCTestRecording::keyCombinationHandlerCb(97, nullptr);
+    EXPECT_THAT(fakes::dlog::Lines(), IsEmpty());
 }
 
 TEST_F(TestRecording, AnOrdinaryPathGivesThePlainTarCommand) {
@@ -264,13 +249,6 @@ TEST_F(TestRecording, CapturesAndDumpsOfAnEarlierRecordingAreReplaced) {
     EXPECT_FALSE(fs::exists(m_stick + "/dumpCV/old"));
 }
 
-TEST_F(TestRecording, OtherCombinationsAreIgnored) {
-    TCTestRecording::keyCombinationHandlerCb(94, nullptr);
-    TCTestRecording::keyCombinationHandlerCb(97, nullptr);
-
-    EXPECT_THAT(fakes::dlog::Lines(), IsEmpty());
-}
-
 TEST_F(TestRecording, ItsLinesNameTheKeyInputManagerOnTheSecondChannel) {
     TCDebug::EnableFileLog(true);
 
@@ -280,25 +258,10 @@ TEST_F(TestRecording, ItsLinesNameTheKeyInputManagerOnTheSecondChannel) {
     EXPECT_THAT(fakes::ReadDeviceFile("/var/log/zol/debug.log"), testing::HasSubstr("zol::KeyInputManager"));
 }
 
-TEST_F(TestRecording, WithoutTheKeyServiceNothingIsRegistered) {
-    m_recording.removeKeyCombinationHandler();
-    fakes::keys::FailInitialize(true);
-    TCTestRecording other;
-
-    other.setKeyCombinationHandler();
-
-    EXPECT_FALSE(fakes::keys::HandlerRegistered());
-}
-
-TEST_F(TestRecording, ASecondCallListensAnew) {
+TEST_F(TestRecording, ASecondCallListensAnewAndItsEndEndsListening) {
     m_recording.setKeyCombinationHandler();
-
     Start();
-
     EXPECT_TRUE(Recording());
-}
-
-TEST_F(TestRecording, ItsEndEndsListening) {
     m_recording.removeKeyCombinationHandler();
     {
         TCTestRecording other;
@@ -310,48 +273,42 @@ TEST_F(TestRecording, ItsEndEndsListening) {
     EXPECT_EQ(fakes::keys::OpenServices(), 0);
 }
 
-TEST_F(TestRecording, EventsAreNoneOfItsTasks) {
+TEST_F(TestRecording, WithoutTheKeyServiceNothingIsRegistered) {
+    m_recording.removeKeyCombinationHandler();
+    fakes::keys::FailInitialize(true);
+
+    m_recording.setKeyCombinationHandler();
+
+    EXPECT_FALSE(fakes::keys::HandlerRegistered());
+}
+
+TEST_F(TestRecording, ItsTaskTakesNoEventsAndItsEndEndsListening) {
     struct Recorder : TCTestRecording {
         using TCTestRecording::t_OnEvent;
     } recorder;
-
     EXPECT_FALSE(recorder.t_OnEvent(nullptr));
-
-    EXPECT_EQ(fakes::dlog::Find("[TestRecording] t_OnEvent").priority, DLOG_PRIORITY_ERROR);
-}
-
-TEST_F(TestRecording, ItsTaskComesAndGoesAndEndsListening) {
     ASSERT_TRUE(m_recording.Create());
 
     m_recording.Destroy();
 
     EXPECT_FALSE(fakes::keys::HandlerRegistered());
-    EXPECT_TRUE(fakes::dlog::Has("[TCTestRecording] Destroy"));
+    EXPECT_EQ(Logged("[TCTestRecording] Destroy"), 1);
+    ExpectErrors({"[TestRecording] t_OnEvent"});
 }
 
-TEST_F(TestRecording, CreatedTwiceItSaysThatItsTaskCannotBe) {
-    fakes::WriteDeviceFile("/etc/release", "");  // a failed assertion returns there
-    TCTestRecording other;
-    ASSERT_TRUE(other.Create());
-
-    EXPECT_FALSE(other.Create());
-
-    EXPECT_TRUE(
-        fakes::dlog::Has("_CHECK FAIL: zol/src/ZOLTestRecording:45, CCTask::Create(\"ZOLTestRecording\")"));
-    other.Destroy();
-}
-
-TEST_F(TestRecording, WhereItsHandlerIsBoundAlreadyItSaysSoAndItsTaskEnds) {
-    fakes::WriteDeviceFile("/etc/release", "");  // a failed assertion returns there
+TEST_F(TestRecording, CreatedTwiceOrWhereItsHandlerIsBoundAlreadyItSaysWhichCheckFailed) {
+    SurviveAssertions();
     TCTestRecording other;
     TCTestRecording bound;
     ASSERT_TRUE(other.Create());
     ASSERT_TRUE(bound.CCHandler::Create(&other));
 
+    EXPECT_FALSE(other.Create());
     EXPECT_FALSE(bound.Create());
 
-    EXPECT_TRUE(fakes::dlog::Has("_CHECK FAIL: zol/src/ZOLTestRecording:46, CCHandler::Create(this)"));
     EXPECT_FALSE(bound.CCTask::FlagCreate());
+    EXPECT_EQ(Logged("_CHECK FAIL: zol/src/ZOLTestRecording:45, CCTask::Create(\"ZOLTestRecording\")"), 1);
+    EXPECT_EQ(Logged("_CHECK FAIL: zol/src/ZOLTestRecording:46, CCHandler::Create(this)"), 1);
     bound.CCHandler::Destroy();
     other.Destroy();
 }
