@@ -13,7 +13,6 @@ struct Remote {
     std::mutex mutex;
     bt_hid_smart_rc_connection_cb callback = nullptr;
     void* userData = nullptr;
-    int made = 0;
     int failure = 0;
 };
 
@@ -29,7 +28,6 @@ void ResetBtHid() {
     const std::lock_guard<std::mutex> lock(remote.mutex);
     remote.callback = nullptr;
     remote.userData = nullptr;
-    remote.made = 0;
     remote.failure = 0;
 }
 
@@ -56,11 +54,6 @@ int Registrations() {
     return The().callback != nullptr ? 1 : 0;
 }
 
-int RegistrationsMade() {
-    const std::lock_guard<std::mutex> lock(The().mutex);
-    return The().made;
-}
-
 }  // namespace bt_hid
 }  // namespace fakes
 
@@ -72,7 +65,6 @@ extern "C" int bt_hid_set_smart_rc_connection_cb(bt_hid_smart_rc_connection_cb c
     }
     remote.callback = callback;
     remote.userData = user_data;
-    ++remote.made;
     return 0;
 }
 

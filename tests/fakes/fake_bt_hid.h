@@ -13,8 +13,6 @@ bool Connect(bool connected = true, const std::string& address = "AA:BB:CC:DD:EE
 void FailRegistrations(int result);
 /// The callback slot is taken: 1, else 0.
 int Registrations();
-/// Registrations that succeeded since Reset, withdrawn ones included.
-int RegistrationsMade();
 
 }  // namespace bt_hid
 }  // namespace fakes

@@ -1,17 +1,12 @@
 #include "ZOLAppInstallMonitor.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "dlog.h"
 #include "fake_was.h"
 #include "monitor_fixture.h"
 
@@ -54,29 +49,15 @@ protected:
     std::unique_ptr<TCAppInstallMonitor> m_monitor;
 };
 
-TEST_F(AppInstallMonitor, TwoInstallsThirtyMinutesApartAreAHit) {
-    Start();
+TEST_F(AppInstallMonitor, TwoInstallsWithinAnHourAreAHitAndSixtyOneMinutesApartNone) {
+    TCAppInstallMonitor& monitor = Start();
     InstallAt({0, 30 * kMinute});
     EXPECT_EQ(m_notify.Hits(), Hits({kIndex}));
-}
-
-TEST_F(AppInstallMonitor, TwoInstallsSixtyOneMinutesApartAreNone) {
-    TCAppInstallMonitor& monitor = Start();
-    InstallAt({0, 61 * kMinute});
-    EXPECT_EQ(m_notify.Hits(), Hits());
+    InstallAt({100 * kMinute, 161 * kMinute});
+    EXPECT_EQ(m_notify.Hits(), Hits({kIndex}));
     EXPECT_EQ(monitor.GetCurrentRepetition(), 1);
-}
-
-TEST_F(AppInstallMonitor, AnInstallExactlyAtTheEndStillCounts) {
-    Start();
-    InstallAt({0, 60 * kMinute});
-    EXPECT_EQ(m_notify.Hits(), Hits({kIndex}));
-}
-
-TEST_F(AppInstallMonitor, InstallsOfOneSecondAllCount) {
-    Start(kId, 3);
-    InstallAt({7, 7, 7});
-    EXPECT_EQ(m_notify.Hits(), Hits({kIndex}));
+    InstallAt({221 * kMinute});
+    EXPECT_EQ(m_notify.Hits(), Hits({kIndex, kIndex})) << "exactly at the end";
 }
 
 TEST_F(AppInstallMonitor, OtherEventsChangeNothing) {
@@ -100,12 +81,10 @@ TEST_F(AppInstallMonitor, EachStepIsLoggedByTheCallbackFromALineOfItsOwn) {
         "[InstallMonitor] CurrentTime > ExpireTime, set now time to FirstCallTime",
         "[InstallMonitor] AppInstallCb(), Current Repetition : 2",
         "[InstallMonitor] abnormal behavior, send to Notifier", "[InstallMonitor] Send Event success"};
-    for (const std::string& text : texts) {
-        EXPECT_EQ(PriorityOf(text), DLOG_PRIORITY_INFO) << text;
-    }
+    ExpectLogged(DLOG_PRIORITY_INFO, texts);
     m_notify.Destroy();
     InstallAt({0, 1});
-    EXPECT_EQ(PriorityOf("[InstallMonitor] Send Event fail"), DLOG_PRIORITY_ERROR);
+    ExpectErrors({"[InstallMonitor] Send Event fail"});
     texts.emplace_back("[InstallMonitor] Send Event fail");
     ExpectPlaces("ZOLAppInstallMonitor: AppInstallCb", texts);
 }
@@ -137,52 +116,38 @@ TEST_F(AppInstallMonitor, IdsThatCouldLeaveTheApplicationsFoldersAreNotWatched) 
     EXPECT_TRUE(RegisteredIds().empty());
 }
 
-TEST_F(AppInstallMonitor, ARefusalOfTheServiceIsLoggedWithItsResult) {
+TEST_F(AppInstallMonitor, ARefusalOfTheServiceIsLoggedWithItsResultAlsoThroughTheTask) {
     fakes::was::FailRegistrations(kId, -5);
     EXPECT_FALSE(Make().StartMonitoring());
-    EXPECT_EQ(PriorityOf("[InstallMonitor] RegisterCallback() fail, return [-5]"), DLOG_PRIORITY_ERROR);
     EXPECT_EQ(Logged("[InstallMonitor] RegisterCallback() fail"), 2);
+    EXPECT_TRUE(Post(0));
+    EXPECT_EQ(Logged("[InstallMonitor] RegisterCallback() fail"), 4);
+    ExpectErrors({"[InstallMonitor] RegisterCallback() fail, return [-5]"});
 }
 
-TEST_F(AppInstallMonitor, SaysWhatItWatches) {
-    Make();
-    EXPECT_EQ(PriorityOf("[INSTALL MONITOR] org.kaldo.example, 60, 2, 11"), DLOG_PRIORITY_INFO);
+TEST_F(AppInstallMonitor, SaysWhatItWatchesAndWhichCheckFailed) {
+    EXPECT_FALSE(Make().Create()) << "a second time";
     EXPECT_STREQ(m_monitor->Name(), "InstallMonitor");
+    ExpectLogged(DLOG_PRIORITY_INFO, {"[INSTALL MONITOR] org.kaldo.example, 60, 2, 11"});
     EXPECT_EQ(Logged("[TCAppInstallMonitor] Created : " + std::to_string(m_monitor->Id())), 1);
+    EXPECT_EQ(Logged("CCTask::Create(\"InstallMonitor\")"), 1);
 }
 
 TEST_F(AppInstallMonitor, ACallbackWithoutAMonitorIsAnError) {
     TCAppInstallMonitor::AppInstallCb(kId, WAS_NOTIFY_INSTALL_COMPLETED, 0, 0, nullptr);
-    EXPECT_EQ(PriorityOf("[InstallMonitor] AppInstallCb() called, pMonitor is NULL"), DLOG_PRIORITY_ERROR);
+    ExpectErrors({"[InstallMonitor] AppInstallCb() called, pMonitor is NULL"});
 }
 
-TEST_F(AppInstallMonitor, AnEventOfTypeZeroStartsItOnItsOwnTask) {
+TEST_F(AppInstallMonitor, AnEventOfTypeZeroStartsItOnItsOwnTaskAndAnyOtherAsserts) {
     Make();
     EXPECT_TRUE(Post(0));
     EXPECT_EQ(RegisteredIds(), std::vector<std::string>({kId}));
     EXPECT_EQ(Logged("[TCAppInstallMonitor::t_OnEvent] TYPE:0"), 1);
     EXPECT_EQ(Logged("[TCAppInstallMonitor::t_OnEvent] monitoring start"), 1);
-}
-
-TEST_F(AppInstallMonitor, AStartThroughItsTaskThatIsRefusedIsLogged) {
-    fakes::was::FailRegistrations(kId, -1);
-    Make();
-    EXPECT_TRUE(Post(0));
-    EXPECT_EQ(Logged("[InstallMonitor] RegisterCallback() fail"), 2);
-}
-
-TEST_F(AppInstallMonitor, AnUnknownEventAsserts) {
-    Make();
     Post(1);
-    EXPECT_EQ(Logged("ASSERT: !\"[TCAppInstallMonitor] Unknown Event Type\" [zol/src/ZOLAppInstallMonitor"),
-              1);
     m_monitor->t_OnEvent(nullptr);
-    EXPECT_EQ(Logged("ASSERT: event [zol/src/ZOLAppInstallMonitor"), 1);
-}
-
-TEST_F(AppInstallMonitor, CreatedTwiceItSaysWhichCheckFailed) {
-    EXPECT_FALSE(Make().Create());
-    EXPECT_EQ(Logged("CCTask::Create(\"InstallMonitor\")"), 1);
+    ExpectAssertedOnceEach({"!\"[TCAppInstallMonitor] Unknown Event Type\" [zol/src/ZOLAppInstallMonitor",
+                            "event [zol/src/ZOLAppInstallMonitor"});
 }
 
 TEST_F(AppInstallMonitor, StartedAgainItIsStillRegisteredOnce) {
@@ -210,19 +175,10 @@ TEST_F(AppInstallMonitor, ARegistrationThatItsTaskStillMakesEndsWithIt) {
 
 TEST_F(AppInstallMonitor, CallbacksMayArriveWhileItEnds) {
     Start(kId, 1);
-    std::atomic<int> installs{0};
-    std::thread service([&installs] {
-        while (Install(kId) > 0) {
-            ++installs;
-        }
-    });
-    while (installs < 10) {
-        std::this_thread::yield();
-    }
+    Storm installs([] { return Install(kId) > 0; });
     m_monitor.reset();
-    service.join();
     EXPECT_TRUE(RegisteredIds().empty());
-    EXPECT_EQ(Logged("[InstallMonitor] abnormal behavior, send to Notifier"), installs);
+    EXPECT_EQ(installs.Join(), Logged("[InstallMonitor] abnormal behavior, send to Notifier"));
 }
 
 }  // namespace

@@ -1,17 +1,12 @@
 #include "ZOLBtPairMonitor.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
 #include <cstdint>
 #include <initializer_list>
 #include <limits>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "dlog.h"
 #include "fake_bt_hid.h"
 #include "fake_vconf.h"
 #include "monitor_fixture.h"
@@ -49,62 +44,34 @@ protected:
     std::unique_ptr<TCBtPairMonitor> m_monitor;
 };
 
-TEST_F(BtPairMonitor, ABurstWithinTheIgnoreTimeCountsOnce) {
-    TCBtPairMonitor& monitor = Start(kCounting);
-    ConnectAt({100, 105, 112});
-    EXPECT_EQ(monitor.GetCurrentRepetition(), 1);
-    EXPECT_EQ(Logged(kIgnored), 2);
-    ConnectAt({125});
-    EXPECT_EQ(monitor.GetCurrentRepetition(), 2);
-}
-
-TEST_F(BtPairMonitor, ACallbackExactlyTheIgnoreTimeLaterIsIgnored) {
-    TCBtPairMonitor& monitor = Start(kCounting);
-    ConnectAt({100, 110});
-    EXPECT_EQ(monitor.GetCurrentRepetition(), 1);
-}
-
-TEST_F(BtPairMonitor, ACallbackOneSecondAfterTheIgnoreTimeCounts) {
-    TCBtPairMonitor& monitor = Start(kCounting);
-    ConnectAt({100, 111});
-    EXPECT_EQ(monitor.GetCurrentRepetition(), 2);
-}
-
-TEST_F(BtPairMonitor, AnIgnoreTimeOfZeroBecomesTen) {
-    TCBtPairMonitor& monitor = Start(kCounting, 3, 0);
-    ConnectAt({100, 110, 121});
-    EXPECT_EQ(monitor.GetCurrentRepetition(), 2);
-    EXPECT_EQ(Logged("ignoreTime is 0"), 1);
-    EXPECT_EQ(Logged("set default ignoreTime"), 1);
-}
-
-TEST_F(BtPairMonitor, ANegativeIgnoreTimeIgnoresNothing) {
-    TCBtPairMonitor& monitor = Start(kCounting, 5, -1);
-    ConnectAt({100, 100, 100});
-    EXPECT_EQ(monitor.GetCurrentRepetition(), 3);
-}
-
-TEST_F(BtPairMonitor, TheVeryFirstCallbackAlwaysCounts) {
-    TCBtPairMonitor& monitor = Start(kCounting, 3, std::numeric_limits<int>::max());
-    ConnectAt({0});
-    EXPECT_EQ(monitor.GetCurrentRepetition(), 1);
-    ConnectAt({100000});
-    EXPECT_EQ(monitor.GetCurrentRepetition(), 1) << "this one is within 68 years";
-}
-
-TEST_F(BtPairMonitor, TheVeryFirstCallbackCountsOnAClockThatWasNeverSet) {
-    TCBtPairMonitor& monitor = Start(kCounting);
-    fakes::clock::SetWall(5);
-    Connect();
-    EXPECT_EQ(monitor.GetCurrentRepetition(), 1);
-}
-
-TEST_F(BtPairMonitor, AfterTheClockIsSetBackOneCallbackIsIgnored) {
-    TCBtPairMonitor& monitor = Start(kCounting);
-    ConnectAt({5000, 100});
-    EXPECT_EQ(monitor.GetCurrentRepetition(), 1);
-    ConnectAt({111});
-    EXPECT_EQ(monitor.GetCurrentRepetition(), 2) << "the ignored one has set the new time";
+TEST_F(BtPairMonitor, ACallbackCountsOnlyOutsideTheIgnoreTimeAfterTheOneBefore) {
+    constexpr int kLongest = std::numeric_limits<int>::max();
+    struct {
+        const char* what;
+        int ignoreTime;
+        std::initializer_list<std::int64_t> seconds;
+        int counted;
+    } const cases[] = {
+        {"a burst counts once, each callback ignored anew", 10, {100, 105, 112}, 1},
+        {"and again later", 10, {100, 105, 112, 125}, 2},
+        {"exactly the ignore time later it is ignored", 10, {100, 110}, 1},
+        {"a second after that it counts", 10, {100, 111}, 2},
+        {"an ignore time of zero becomes ten", 0, {100, 110, 121}, 2},
+        {"a negative one ignores nothing", -1, {100, 100, 100}, 3},
+        {"the very first counts, the next is within 68 years", kLongest, {0, 100000}, 1},
+        {"the very first counts on a clock that was never set", 10, {5 - fakes::clock::kEpoch}, 1},
+        {"after the clock is set back one is ignored", 10, {5000, 100}, 1},
+        {"and has set the new time", 10, {5000, 100, 111}, 2},
+    };
+    for (const auto& [what, ignoreTime, seconds, counted] : cases) {
+        fakes::dlog::Clear();
+        TCBtPairMonitor& monitor = Start(kCounting, 5, ignoreTime);
+        ConnectAt(seconds);
+        EXPECT_EQ(monitor.GetCurrentRepetition(), counted) << what;
+        EXPECT_EQ(Logged(kIgnored), static_cast<int>(seconds.size()) - counted) << what;
+        EXPECT_EQ(Logged("ignoreTime is 0"), ignoreTime == 0 ? 1 : 0) << what;
+        EXPECT_EQ(Logged("set default ignoreTime"), ignoreTime == 0 ? 1 : 0) << what;
+    }
 }
 
 TEST_F(BtPairMonitor, ADisconnectCountsLikeAConnect) {
@@ -130,29 +97,12 @@ TEST_F(BtPairMonitor, EachStepIsLoggedByTheCallbackFromALineOfItsOwn) {
                                       "[BtMonitor] BtCountingCb(), Current Repetition : 2",
                                       "[BtMonitor] abnormal behavior, send to Notifier",
                                       "[BtMonitor] Send Event success"};
-    for (const std::string& text : texts) {
-        EXPECT_EQ(PriorityOf(text), DLOG_PRIORITY_INFO) << text;
-    }
+    ExpectLogged(DLOG_PRIORITY_INFO, texts);
     m_notify.Destroy();
     ConnectAt({640, 660});
-    EXPECT_EQ(PriorityOf("[BtMonitor] Send Event fail"), DLOG_PRIORITY_ERROR);
+    ExpectErrors({"[BtMonitor] Send Event fail"});
     texts.emplace_back("[BtMonitor] Send Event fail");
     ExpectPlaces("ZOLBtPairMonitor: BtCountingCb", texts);
-}
-
-TEST_F(BtPairMonitor, ACallbackExactlyAtTheEndOfThePeriodCounts) {
-    Start(kCounting, 2);
-    ConnectAt({0, 600});
-    EXPECT_EQ(m_notify.Hits(), Hits({kIndex}));
-}
-
-TEST_F(BtPairMonitor, TenThousandConnectsInASecondCountOnce) {
-    TCBtPairMonitor& monitor = Start(kCounting, 2);
-    for (int i = 0; i < 10000; ++i) {
-        Connect(i % 2 == 0);
-    }
-    EXPECT_EQ(monitor.GetCurrentRepetition(), 1);
-    EXPECT_EQ(m_notify.Hits(), Hits());
 }
 
 TEST_F(BtPairMonitor, TenThousandConnectsOfTheSameRemoteFillTheQueueAndNoMore) {
@@ -166,13 +116,13 @@ TEST_F(BtPairMonitor, TenThousandConnectsOfTheSameRemoteFillTheQueueAndNoMore) {
     EXPECT_EQ(m_notify.Hits(), Hits(kQueueLength, kIndex));
 }
 
-TEST_F(BtPairMonitor, AConnectOfTheStoredRemoteIsAHit) {
+TEST_F(BtPairMonitor, EachConnectOfTheStoredRemoteIsAHitWithoutAnIgnoreTime) {
     fakes::vconf::SetString(kIdKey, "A");
     Start(kLastConnected);
-    Connect();
-    EXPECT_EQ(m_notify.Hits(), Hits({kIndex}));
-    EXPECT_EQ(PriorityOf("m_LastConnectedId is same as currentId, abnormal case"), DLOG_PRIORITY_ERROR);
-    EXPECT_EQ(PriorityOf("[BtMonitor] BtLastConnectedCb() called, connected : 1"), DLOG_PRIORITY_INFO);
+    ConnectAt({0, 0, 1});
+    EXPECT_EQ(m_notify.Hits(), Hits(3, kIndex));
+    ExpectErrors({"m_LastConnectedId is same as currentId, abnormal case"});
+    ExpectLogged(DLOG_PRIORITY_INFO, {"[BtMonitor] BtLastConnectedCb() called, connected : 1"});
 }
 
 TEST_F(BtPairMonitor, ADisconnectStoresTheRemoteOfTheNextHit) {
@@ -221,81 +171,53 @@ TEST_F(BtPairMonitor, AKeyThatCannotBeReadReportsNothingAndKeepsTheStoredId) {
     EXPECT_EQ(m_notify.Hits(), Hits({kIndex}));
 }
 
-TEST_F(BtPairMonitor, LastConnectedModeKnowsNoIgnoreTime) {
-    fakes::vconf::SetString(kIdKey, "A");
-    Start(kLastConnected);
-    ConnectAt({0, 0, 1});
-    EXPECT_EQ(m_notify.Hits().size(), 3U);
-}
-
-TEST_F(BtPairMonitor, AnUnknownMethodIsRefusedWithMinusOne) {
+TEST_F(BtPairMonitor, AnUnknownMethodIsRefusedWithMinusOneAndARefusalOfThePlatformWithItsResult) {
     EXPECT_FALSE(Make(33).StartMonitoring());
-    EXPECT_EQ(PriorityOf("[BtMonitor] fail to register bt callback, return [-1]"), DLOG_PRIORITY_ERROR);
-    EXPECT_EQ(PriorityOf("[BtMonitor] RegisterBtCallback() fail"), DLOG_PRIORITY_ERROR);
-    EXPECT_EQ(fakes::bt_hid::Registrations(), 0);
-}
-
-TEST_F(BtPairMonitor, ARefusalOfThePlatformIsLoggedWithItsResult) {
     fakes::bt_hid::FailRegistrations(-22);
     EXPECT_FALSE(Make(kCounting).StartMonitoring());
-    EXPECT_EQ(Logged("[BtMonitor] fail to register bt callback, return [-22]"), 1);
+    EXPECT_EQ(fakes::bt_hid::Registrations(), 0);
+    ExpectErrors({"[BtMonitor] fail to register bt callback, return [-1]",
+                  "[BtMonitor] fail to register bt callback, return [-22]",
+                  "[BtMonitor] RegisterBtCallback() fail"});
 }
 
 TEST_F(BtPairMonitor, CallbacksWithoutAMonitorAreLoggedAndIgnored) {
     TCBtPairMonitor::BtCountingCb(true, nullptr, nullptr);
     TCBtPairMonitor::BtLastConnectedCb(false, nullptr, nullptr);
-    EXPECT_EQ(PriorityOf("[BtMonitor] BtCountingCb() called, pMonitor is NULL"), DLOG_PRIORITY_INFO);
-    EXPECT_EQ(PriorityOf("[BtMonitor] BtLastConnectedCb() called, pMonitor is NULL"), DLOG_PRIORITY_INFO);
+    ExpectLogged(DLOG_PRIORITY_INFO, {"[BtMonitor] BtCountingCb() called, pMonitor is NULL",
+                                      "[BtMonitor] BtLastConnectedCb() called, pMonitor is NULL"});
 }
 
-TEST_F(BtPairMonitor, ItsTaskIsNamedAndKnowsNoEvent) {
+TEST_F(BtPairMonitor, ItsTaskIsNamedKnowsNoEventAndCannotBeCreatedTwice) {
     TCBtPairMonitor& monitor = Make(kCounting);
     EXPECT_STREQ(monitor.Name(), "BtMonitor");
-    EXPECT_EQ(Logged("[BtPairMonitor] Created : " + std::to_string(monitor.Id())), 1);
     const CSEvent event;
     EXPECT_FALSE(monitor.t_OnEvent(&event));
-    EXPECT_EQ(PriorityOf("[BtMonitor] t_OnEvent"), DLOG_PRIORITY_INFO);
-}
-
-TEST_F(BtPairMonitor, CreatedTwiceItSaysWhichCheckFailed) {
-    EXPECT_FALSE(Make(kCounting).Create());
+    EXPECT_FALSE(monitor.Create());
+    EXPECT_EQ(Logged("[BtPairMonitor] Created : " + std::to_string(monitor.Id())), 1);
     EXPECT_EQ(Logged("CCTask::Create(\"BtMonitor\")"), 1);
+    ExpectLogged(DLOG_PRIORITY_INFO, {"[BtMonitor] t_OnEvent"});
 }
 
-TEST_F(BtPairMonitor, StartedAgainItIsStillRegistered) {
+TEST_F(BtPairMonitor, ItsEndWithdrawsItsOwnCallbackHoweverOftenItWasStarted) {
     EXPECT_TRUE(Start(kCounting).StartMonitoring());
     EXPECT_TRUE(Connect());
-}
-
-TEST_F(BtPairMonitor, ItsEndWithdrawsTheCallback) {
-    Start(kCounting);
     m_monitor.reset();
     EXPECT_EQ(fakes::bt_hid::Registrations(), 0);
-}
 
-TEST_F(BtPairMonitor, ItsEndLeavesTheCallbackOfALaterMonitorAlone) {
     Start(kCounting);
-    TCBtPairMonitor second(&m_notify, 10, 3, kCounting, 10, kIndex);
-    ASSERT_TRUE(second.StartMonitoring());
+    TCBtPairMonitor later(&m_notify, 10, 3, kCounting, 10, kIndex);
+    ASSERT_TRUE(later.StartMonitoring());
     m_monitor.reset();
     EXPECT_EQ(fakes::bt_hid::Registrations(), 1);
 }
 
 TEST_F(BtPairMonitor, CallbacksMayArriveWhileItEnds) {
     Start(kCounting, 1, -1);
-    std::atomic<int> connects{0};
-    std::thread platform([&connects] {
-        while (Connect()) {
-            ++connects;
-        }
-    });
-    while (connects < 10) {
-        std::this_thread::yield();
-    }
+    Storm connects([] { return Connect(); });
     m_monitor.reset();
-    platform.join();
     EXPECT_EQ(fakes::bt_hid::Registrations(), 0);
-    EXPECT_EQ(Logged("[BtMonitor] abnormal behavior, send to Notifier"), connects);
+    EXPECT_EQ(connects.Join(), Logged("[BtMonitor] abnormal behavior, send to Notifier"));
 }
 
 }  // namespace

@@ -1,27 +1,23 @@
 #pragma once
 /// A machine with a remote, a web-app service and a notify manager whose hits can be read.
-#include <gtest/gtest.h>
-
-#include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <mutex>
-#include <set>
-#include <string>
 #include <thread>
 #include <vector>
-
 #include "Event.h"
 #include "Task.h"
 #include "ZOLNotifyManager.h"
+#include "device_test.h"
+#include "dlog.h"
 #include "fake_clock.h"
-#include "fake_dlog.h"
-#include "fakes.h"
+#include "gate.h"
 
 /// Notes every event that is posted to it; makes reports of vconf hits only.
 class RecordingNotify : public TCNotifyManager {
 public:
     ~RecordingNotify() override {
-        Release();
+        m_gate.Open();
         if (CCTask::FlagCreate()) {
             Destroy();
         }
@@ -30,20 +26,13 @@ public:
     /// Blocks the task inside an event: from now on its queue only fills.
     void Hold() {
         PostTo(kHold, false);
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_changed.wait(lock, [this] { return m_isHeld; });
+        ASSERT_TRUE(m_gate.AwaitArrival());
     }
-    void Release() {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_isReleased = true;
-        m_changed.notify_all();
-    }
+    void Release() { m_gate.Open(); }
     /// Lets the task handle what is queued, and waits for it.
     void ReleaseAndDrain() {
         Release();
-        while (Size() > 0) {
-            std::this_thread::yield();
-        }
+        ASSERT_TRUE(Eventually([this] { return Size() == 0; }));
     }
     /// Indices of the monitor hits posted so far, in order.
     std::vector<long> Hits() {
@@ -59,12 +48,12 @@ public:
     }
 
     bool t_OnEvent(const CSEvent* event) override {
-        std::unique_lock<std::mutex> lock(m_mutex);
         if (event->type == kHold) {
-            m_isHeld = true;
-            m_changed.notify_all();
-            m_changed.wait(lock, [this] { return m_isReleased; });
-        } else if (event->type == NOTIFY_ZOL_MONITOR) {
+            m_gate.Pass();
+            return true;
+        }
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (event->type == NOTIFY_ZOL_MONITOR) {
             m_hits.push_back(event->param.l[0]);
         } else if (event->type == NOTIFY_ZOL_VCONF) {
             ++m_vconfEvents;
@@ -86,46 +75,48 @@ private:
         ASSERT_TRUE(CCTask::Send(&event, sync));
     }
 
+    Gate m_gate;
     std::mutex m_mutex;
-    std::condition_variable m_changed;
-    bool m_isHeld = false;
-    bool m_isReleased = false;
     std::vector<long> m_hits;
     int m_vconfEvents = 0;
 };
 
-/// Resets the fakes before the members of a fixture are made.
-struct FreshMachine {
-    FreshMachine() {
-        fakes::Reset();
-        // With this file in place a failed assertion reports and returns.
-        fakes::WriteDeviceFile("/etc/release", "");
+/// Delivers callbacks from a thread of its own until nobody takes one any more.
+class Storm {
+public:
+    /// @param deliver returns false when nobody is registered; the storm has begun when this returns.
+    explicit Storm(const std::function<bool()>& deliver)
+        : m_thread([this, deliver] {
+              while (deliver()) {
+                  m_delivered.Add();
+              }
+          }) {
+        EXPECT_TRUE(m_delivered.Await(10));
     }
+    /// Waits for its end. @return how many were delivered
+    int Join() {
+        m_thread.join();
+        return m_delivered.Value();
+    }
+
+private:
+    Counter m_delivered;
+    std::thread m_thread;
 };
 
-class MonitorFixture : public testing::Test, FreshMachine {
+class MonitorFixture : public DeviceTest {
 protected:
     using Hits = std::vector<long>;
 
-    MonitorFixture() { EXPECT_TRUE(m_notify.Create()); }
+    MonitorFixture() {
+        SurviveAssertions();
+        EXPECT_TRUE(m_notify.Create());
+    }
 
     /// Events that fit the notify manager's queue.
     static constexpr std::size_t kQueueLength = 255;
 
     /// Sets the wall clock to this many seconds after the test's epoch.
     static void At(std::int64_t seconds) { fakes::clock::SetWall(fakes::clock::kEpoch + seconds); }
-    static int PriorityOf(const std::string& text) { return fakes::dlog::Find(text).priority; }
-    static int Logged(const std::string& text) { return fakes::dlog::Count(text); }
-    /// Each text was logged by `function`, given as "source: function", from a line of its own.
-    static void ExpectPlaces(const std::string& function, const std::vector<std::string>& texts) {
-        std::set<std::string> places;
-        for (const std::string& text : texts) {
-            const std::string line = fakes::dlog::Find("> " + text).text;
-            EXPECT_EQ(line.substr(0, line.find('(')), function) << text;
-            places.insert(line.substr(0, line.find(" > ")));
-        }
-        EXPECT_EQ(places.size(), texts.size());
-    }
-
     RecordingNotify m_notify;
 };

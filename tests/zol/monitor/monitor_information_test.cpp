@@ -1,14 +1,11 @@
 #include "ZOLMonitorInformation.h"
 
-#include <gtest/gtest.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <thread>
 #include <vector>
 
-#include "dlog.h"
 #include "monitor_fixture.h"
 
 namespace {
@@ -35,18 +32,30 @@ Seconds HitsAmong(TCMonitorInformation& rule, const Seconds& events) {
     }
     return hits;
 }
-/// The same for a rule that has counted nothing yet.
-Seconds HitsOf(TCMonitorInformation rule, const Seconds& events) {
-    return HitsAmong(rule, events);
-}
 
-TEST(RepetitionPeriod, ThreeEventsWithinTenMinutesAreAHitAtTheThird) {
-    EXPECT_EQ(HitsOf(Rule(10, 3), {0, 100, 200}), Seconds({200}));
-}
-
-TEST(RepetitionPeriod, AnEventExactlyAtTheEndStillCountsAndOneSecondLaterDoesNot) {
-    EXPECT_EQ(HitsOf(Rule(10, 3), {0, 100, 600}), Seconds({600}));
-    EXPECT_EQ(HitsOf(Rule(10, 3), {0, 100, 601}), Seconds());
+TEST(RepetitionPeriod, ThePolicysNumberOfEventsWithinAPeriodIsAHit) {
+    struct {
+        const char* what;
+        int minutes;
+        int repetition;
+        Seconds events;
+        Seconds hits;
+    } const cases[] = {
+        {"the third within ten minutes", 10, 3, {0, 100, 200}, {200}},
+        {"exactly at the end counts", 10, 3, {0, 100, 600}, {600}},
+        {"a second later does not", 10, 3, {0, 100, 601}, {}},
+        {"a period does not slide: 599 to 602 are not in one", 10, 3, {0, 599, 601, 602, 603}, {603}},
+        {"a clock set back stays in the period", 10, 3, {1000, 400, 1600}, {1600}},
+        {"no minutes last a second", 0, 2, {5, 6, 6}, {6}},
+        {"in less than none no two events fall", -1, 2, {100, 100, 101, 200}, {}},
+        {"a threshold of one", 10, 1, {0, 1, 2000}, {0, 1, 2000}},
+        {"of none", 10, 0, {0, 1, 2000}, {0, 1, 2000}},
+        {"of less than none", 10, std::numeric_limits<int>::min(), {0, 1, 2000}, {0, 1, 2000}},
+    };
+    for (const auto& [what, minutes, repetition, events, hits] : cases) {
+        TCMonitorInformation rule = Rule(minutes, repetition);
+        EXPECT_EQ(HitsAmong(rule, events), hits) << what;
+    }
 }
 
 TEST(RepetitionPeriod, AnEventAfterTheEndBeginsANewPeriodWithTheCountOne) {
@@ -71,11 +80,6 @@ TEST(RepetitionPeriod, OnlyAnEventAfterTheEndSaysThatThePeriodIsNew) {
     EXPECT_EQ(rule.GetCurrentRepetition(), 1) << "600 was a hit, after which 5000 opens a period";
 }
 
-TEST(RepetitionPeriod, ThePeriodDoesNotSlide) {
-    // 599, 601 and 602 lie within ten minutes, but not in one period.
-    EXPECT_EQ(HitsOf(Rule(10, 3), {0, 599, 601, 602, 603}), Seconds({603}));
-}
-
 TEST(RepetitionPeriod, AHitTellsTheCountClearsItAndClosesThePeriod) {
     auto rule = Rule(10, 2);
     EXPECT_EQ(rule.CountEvent(0).repetition, 1);
@@ -85,25 +89,6 @@ TEST(RepetitionPeriod, AHitTellsTheCountClearsItAndClosesThePeriod) {
 
     EXPECT_EQ(HitsAmong(rule, {2, 602}), Seconds({602})) << "2 opens the next period";
     EXPECT_EQ(rule.GetFirstCallTime(), 2);
-}
-
-TEST(RepetitionPeriod, ThresholdsOfOneAndBelowMakeEveryEventAHit) {
-    for (const int repetition : {1, 0, -1, std::numeric_limits<int>::min()}) {
-        EXPECT_EQ(HitsOf(Rule(10, repetition), {0, 1, 2000}), Seconds({0, 1, 2000})) << repetition;
-    }
-}
-
-TEST(RepetitionPeriod, AClockThatIsSetBackStaysInThePeriod) {
-    // The end is still measured from the first event.
-    EXPECT_EQ(HitsOf(Rule(10, 3), {1000, 400, 1600}), Seconds({1600}));
-}
-
-TEST(RepetitionPeriod, ADurationOfZeroLastsOneSecond) {
-    EXPECT_EQ(HitsOf(Rule(0, 2), {5, 6, 6}), Seconds({6}));
-}
-
-TEST(RepetitionPeriod, WithANegativeDurationNoTwoEventsFallIntoOnePeriod) {
-    EXPECT_EQ(HitsOf(Rule(-1, 2), {100, 100, 101, 200}), Seconds());
 }
 
 TEST(RepetitionPeriod, AHugeDurationIsHeldAtSixtyEightYears) {
@@ -137,20 +122,14 @@ TEST_F(MonitorInformation, ReadsTheWallClockInSeconds) {
     fakes::clock::FailRealtime(false);
 }
 
-TEST_F(MonitorInformation, AHitCarriesTheIndex) {
+TEST_F(MonitorInformation, AHitCarriesTheIndexAndNeedsANotifyManagerThatRuns) {
     EXPECT_TRUE(m_rule.NotifyZOL());
     EXPECT_EQ(m_notify.Hits(), Hits({kIndex}));
-    EXPECT_EQ(PriorityOf("NotifyZOL() CALL"), DLOG_PRIORITY_ERROR);
-}
-
-TEST_F(MonitorInformation, WithoutANotifyManagerAHitIsLost) {
-    EXPECT_FALSE(Rule(10, 1).NotifyZOL());
-    EXPECT_EQ(PriorityOf("m_pNotify is NULL"), DLOG_PRIORITY_ERROR);
-}
-
-TEST_F(MonitorInformation, ANotifyManagerWhoseTaskHasEndedTakesNoHit) {
     m_notify.Destroy();
     EXPECT_FALSE(m_rule.NotifyZOL());
+    EXPECT_EQ(Logged("m_pNotify is NULL"), 0);
+    EXPECT_FALSE(Rule(10, 1).NotifyZOL());
+    ExpectErrors({"NotifyZOL() CALL", "m_pNotify is NULL"});
 }
 
 TEST_F(MonitorInformation, AFullNotifyQueueTakesNoHitUntilThereIsRoom) {
@@ -170,9 +149,7 @@ TEST_F(MonitorInformation, AFullNotifyQueueDoesNotHoldUpTheEndOfItsTask) {
     }
     std::thread releaser([this] {
         // The events that Destroy drops keep their places until the task gets to them.
-        while (m_notify.CCHandler::FlagCreate()) {
-            std::this_thread::yield();
-        }
+        EXPECT_TRUE(Eventually([this] { return !m_notify.CCHandler::FlagCreate(); }));
         m_notify.Release();
     });
     m_notify.Destroy();

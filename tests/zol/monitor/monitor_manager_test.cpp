@@ -1,17 +1,12 @@
 #include "ZOLMonitorManager.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
 #include <memory>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include "ZOLInformationStorage.h"
 #include "ZOLPolicy.h"
-#include "dlog.h"
 #include "fake_bt_hid.h"
 #include "fake_was.h"
 #include "monitor_fixture.h"
@@ -60,14 +55,6 @@ protected:
         SetPolicy(std::move(items));
         return m_manager->StartMonitoring();
     }
-    /// Starts a policy with one pairing item and says which ignore time the monitor was given.
-    static void ExpectIgnoreTime(const std::string& reserve1, const std::string& seconds) {
-        fakes::dlog::Clear();
-        TCMonitorManager manager(nullptr);
-        SetPolicy({Pairing(reserve1)});
-        EXPECT_TRUE(manager.StartMonitoring());
-        EXPECT_EQ(Logged("> ignoreTime is " + seconds), 1) << reserve1;
-    }
 
     std::unique_ptr<TCMonitorManager> m_manager = std::make_unique<TCMonitorManager>(&m_notify);
 };
@@ -76,9 +63,8 @@ TEST_F(MonitorManager, AnEmptyPolicyStartsNothing) {
     EXPECT_TRUE(Start({}));
     EXPECT_EQ(fakes::bt_hid::Registrations(), 0);
     EXPECT_TRUE(RegisteredIds().empty());
-    EXPECT_EQ(PriorityOf(" --------> StartMonitoring() begin"), DLOG_PRIORITY_INFO);
-    EXPECT_EQ(PriorityOf("Start Initialize"), DLOG_PRIORITY_INFO);
-    EXPECT_EQ(PriorityOf(" --------> StartMonitoring() end"), DLOG_PRIORITY_INFO);
+    ExpectLogged(DLOG_PRIORITY_INFO, {" --------> StartMonitoring() begin", "Start Initialize",
+                                      " --------> StartMonitoring() end"});
 }
 
 TEST_F(MonitorManager, AHitCarriesTheItemsPositionAmongItemsOfEveryType) {
@@ -93,30 +79,22 @@ TEST_F(MonitorManager, OfTwoPairingItemsTheFirstIsMonitored) {
     EXPECT_TRUE(Start({Pairing("null", 31, 1), Pairing("null", 32, 1)}));
     fakes::bt_hid::Connect();
     EXPECT_EQ(m_notify.Hits(), Hits({0}));
-    EXPECT_EQ(fakes::bt_hid::RegistrationsMade(), 1);
-    EXPECT_EQ(PriorityOf("BtPairMonitoring is already exist. return false"), DLOG_PRIORITY_ERROR);
-    EXPECT_EQ(PriorityOf("fail to init BT PAIR"), DLOG_PRIORITY_ERROR);
     EXPECT_EQ(Logged("BT PAIR monitoring started."), 1);
+    ExpectErrors({"BtPairMonitoring is already exist. return false", "fail to init BT PAIR"});
 }
 
-TEST_F(MonitorManager, OfTwoInstallItemsWithOneIdTheFirstWins) {
-    EXPECT_TRUE(Start({Installing("a"), Installing("a")}));
+TEST_F(MonitorManager, OfTwoInstallItemsWithOneIdTheFirstWinsAndOneWithoutAnIdIsRefused) {
+    EXPECT_TRUE(Start({Installing("a"), Installing("a"), Installing("")}));
     EXPECT_EQ(Install("a"), 1);
     EXPECT_EQ(m_notify.Hits(), Hits({0}));
-    EXPECT_EQ(PriorityOf("AppId key is already exist. return false"), DLOG_PRIORITY_ERROR);
-    EXPECT_EQ(PriorityOf("fail to init APP INSTALL"), DLOG_PRIORITY_ERROR);
-}
-
-TEST_F(MonitorManager, AnInstallItemWithoutAnIdIsRefused) {
-    EXPECT_TRUE(Start({Installing("")}));
-    EXPECT_TRUE(RegisteredIds().empty());
-    EXPECT_EQ(PriorityOf("AppId is empty"), DLOG_PRIORITY_ERROR);
-    EXPECT_EQ(Logged("fail to init APP INSTALL"), 1);
+    EXPECT_EQ(RegisteredIds(), std::vector<std::string>({"a"}));
+    EXPECT_EQ(Logged("fail to init APP INSTALL"), 2);
+    ExpectErrors({"AppId key is already exist. return false", "AppId is empty", "fail to init APP INSTALL"});
 }
 
 TEST_F(MonitorManager, LaunchItemsAreSkipped) {
     EXPECT_TRUE(Start({Launching("a")}));
-    EXPECT_EQ(PriorityOf("APP LAUNCH , skip"), DLOG_PRIORITY_INFO);
+    ExpectLogged(DLOG_PRIORITY_INFO, {"APP LAUNCH , skip"});
     EXPECT_EQ(Logged("APP LAUNCH not implemented"), 0);
 }
 
@@ -130,69 +108,47 @@ TEST_F(MonitorManager, TheFirstInstallMonitorThatCannotStartEndsTheStart) {
     fakes::was::FailRegistrations("b", -1);
     EXPECT_FALSE(Start({Installing("c"), Installing("a"), Installing("b")}));
     EXPECT_EQ(RegisteredIds(), std::vector<std::string>({"a"}));
-    EXPECT_EQ(PriorityOf("fail to start APP INSTALL"), DLOG_PRIORITY_ERROR);
+    ExpectErrors({"fail to start APP INSTALL"});
     EXPECT_EQ(Logged("StartMonitoring() end"), 0);
 }
 
 TEST_F(MonitorManager, APairingMonitorThatCannotStartEndsTheStart) {
     EXPECT_FALSE(Start({Installing("a"), Pairing("null", 33)}));
     EXPECT_TRUE(RegisteredIds().empty());
-    EXPECT_EQ(PriorityOf("fail to start BT PAIR"), DLOG_PRIORITY_ERROR);
+    ExpectErrors({"fail to start BT PAIR"});
 }
 
-TEST_F(MonitorManager, AnIgnoreTimeThatIsNoNumberIsTheDefault) {
-    ExpectIgnoreTime("null", "0");
-    EXPECT_EQ(Logged("set default ignoreTime"), 1);
-    EXPECT_EQ(Logged("invalid ignoreTime, set to default value"), 0);
-    ExpectIgnoreTime("abc", "0");
-    EXPECT_EQ(Logged("invalid ignoreTime, set to default value"), 0);
-    ExpectIgnoreTime("", "0");
+TEST_F(MonitorManager, AnIgnoreTimeIsTheNumberAtItsBeginningHeldAt32BitsAndTheDefaultWithoutOne) {
+    const std::vector<std::pair<const char*, int>> cases{{"null", 0},
+                                                         {"abc", 0},
+                                                         {"", 0},
+                                                         {"30", 30},
+                                                         {" 12abc", 12},
+                                                         {"2147483647", 2147483647},
+                                                         {"2147483648", 2147483647},
+                                                         {"4294967301", 2147483647},
+                                                         {"99999999999999999999999999", 2147483647},
+                                                         {"-5", 0},
+                                                         {"-99999999999999999999999999", 0}};
+    for (const auto& [text, seconds] : cases) {
+        fakes::dlog::Clear();
+        TCMonitorManager manager(nullptr);
+        SetPolicy({Pairing(text)});
+        EXPECT_TRUE(manager.StartMonitoring());
+        EXPECT_EQ(Logged("> ignoreTime is " + std::to_string(seconds)), 1) << text;
+        EXPECT_EQ(Logged("set default ignoreTime"), seconds == 0 ? 1 : 0) << text;
+        EXPECT_EQ(Logged("invalid ignoreTime, set to default value"), text[0] == '-' ? 1 : 0) << text;
+    }
+    ExpectErrors({"invalid ignoreTime, set to default value"});
 }
 
-TEST_F(MonitorManager, ANegativeIgnoreTimeIsLoggedAndTheDefault) {
-    ExpectIgnoreTime("-5", "0");
-    EXPECT_EQ(Logged("set default ignoreTime"), 1);
-    EXPECT_EQ(PriorityOf("invalid ignoreTime, set to default value"), DLOG_PRIORITY_ERROR);
-}
-
-TEST_F(MonitorManager, AnIgnoreTimeIsTheNumberAtTheBeginning) {
-    ExpectIgnoreTime("30", "30");
-    ExpectIgnoreTime(" 12abc", "12");
-}
-
-TEST_F(MonitorManager, AnIgnoreTimeOutOfRangeIsHeldAt32Bits) {
-    ExpectIgnoreTime("2147483647", "2147483647");
-    ExpectIgnoreTime("2147483648", "2147483647");
-    ExpectIgnoreTime("4294967301", "2147483647");
-    ExpectIgnoreTime("99999999999999999999999999", "2147483647");
-    EXPECT_EQ(Logged("invalid ignoreTime"), 0);
-    ExpectIgnoreTime("-99999999999999999999999999", "0");
-    EXPECT_EQ(Logged("invalid ignoreTime, set to default value"), 1);
-}
-
-TEST_F(MonitorManager, DefaultAndGivenIgnoreTimesTakeEffect) {
+TEST_F(MonitorManager, TheDefaultIgnoreTimeTakesEffect) {
     EXPECT_TRUE(Start({Pairing("-5")}));
     for (const int second : {0, 10, 21}) {
         At(second);
         fakes::bt_hid::Connect();
     }
     EXPECT_EQ(m_notify.Hits(), Hits({0, 0})) << "the one at 10 seconds is ignored";
-}
-
-TEST_F(MonitorManager, NegativeDurationAndRepetitionAreTakenAsTheyAre) {
-    ZOLPolicyMonitor everyOne = Installing("every");
-    everyOne.duration = -1000000000;
-    everyOne.repetition = -3;
-    ZOLPolicyMonitor none = Installing("none");
-    none.duration = -1;
-    none.repetition = 2;
-    EXPECT_TRUE(Start({everyOne, none}));
-    for (int second = 0; second < 3; ++second) {
-        At(second);
-        Install("every");
-        Install("none");
-    }
-    EXPECT_EQ(m_notify.Hits(), Hits({0, 0, 0}));
 }
 
 TEST_F(MonitorManager, WithoutANotifyManagerEveryHitIsLost) {
@@ -204,23 +160,20 @@ TEST_F(MonitorManager, WithoutANotifyManagerEveryHitIsLost) {
     EXPECT_EQ(Logged("[InstallMonitor] Send Event fail"), 1);
 }
 
-TEST_F(MonitorManager, ItsTaskIsNamedAndAcceptsTypeZeroOnly) {
+TEST_F(MonitorManager, ItsTaskIsNamedAcceptsTypeZeroOnlyAndCannotBeCreatedTwice) {
     EXPECT_STREQ(m_manager->Name(), "ZolMonitorManage") << "16 characters are kept";
-    EXPECT_EQ(PriorityOf("[TCMonitorManager] Created"), DLOG_PRIORITY_INFO);
+    ExpectLogged(DLOG_PRIORITY_INFO, {"[TCMonitorManager] Created"});
     CSEvent event;
     event.receiver = m_manager.get();
     EXPECT_TRUE(CCTask::Send(&event, true));
     EXPECT_TRUE(m_manager->t_OnEvent(&event));
     EXPECT_EQ(Logged("[TCMonitorManager::t_OnEvent] TYPE:0"), 2);
-    EXPECT_EQ(Logged("ASSERT"), 0);
+    EXPECT_EQ(Assertions(), 0);
     event.type = 1;
     m_manager->t_OnEvent(&event);
-    EXPECT_EQ(Logged("ASSERT: !\"[TCMonitorManager] Unknown Event Type\" [zol/src/ZOLMonitorManager"), 1);
     m_manager->t_OnEvent(nullptr);
-    EXPECT_EQ(Logged("ASSERT: event [zol/src/ZOLMonitorManager"), 1);
-}
-
-TEST_F(MonitorManager, CreatedTwiceItSaysWhichCheckFailed) {
+    ExpectAssertedOnceEach({"!\"[TCMonitorManager] Unknown Event Type\" [zol/src/ZOLMonitorManager",
+                            "event [zol/src/ZOLMonitorManager"});
     EXPECT_FALSE(m_manager->Create());
     EXPECT_EQ(Logged("CCTask::Create(\"ZolMonitorManager\")"), 1);
 }
@@ -232,9 +185,9 @@ TEST_F(MonitorManager, DestroyEndsTheNotifyManagerAndNothingElse) {
     EXPECT_TRUE(m_manager->CCTask::FlagCreate());
     EXPECT_EQ(fakes::bt_hid::Registrations(), 1);
     EXPECT_EQ(RegisteredIds().size(), 1U);
-    EXPECT_EQ(PriorityOf("[TCMonitorManager] Destroyed"), DLOG_PRIORITY_INFO);
     m_manager->Destroy();
-    EXPECT_EQ(Logged("ASSERT: m_pNotify [zol/src/ZOLMonitorManager"), 1);
+    ExpectLogged(DLOG_PRIORITY_INFO, {"[TCMonitorManager] Destroyed"});
+    ExpectAssertedOnceEach({"m_pNotify [zol/src/ZOLMonitorManager"});
 }
 
 TEST_F(MonitorManager, ItsEndWithdrawsEveryCallbackAndLeavesTheNotifyManagerAlone) {
@@ -247,23 +200,11 @@ TEST_F(MonitorManager, ItsEndWithdrawsEveryCallbackAndLeavesTheNotifyManagerAlon
 
 TEST_F(MonitorManager, CallbacksMayArriveWhileItEnds) {
     EXPECT_TRUE(Start({Pairing("1", 31, 1000), Installing("a"), Installing("b")}));
-    std::atomic<int> events{0};
-    std::thread remote([&events] {
-        while (fakes::bt_hid::Connect()) {
-            ++events;
-        }
-    });
-    std::thread service([&events] {
-        while (Install("a") + Install("b") > 0) {
-            ++events;
-        }
-    });
-    while (events < 10) {
-        std::this_thread::yield();
-    }
+    Storm remote([] { return fakes::bt_hid::Connect(); });
+    Storm service([] { return Install("a") + Install("b") > 0; });
     m_manager.reset();
-    remote.join();
-    service.join();
+    remote.Join();
+    service.Join();
     fakes::dlog::Clear();
     EXPECT_FALSE(fakes::bt_hid::Connect());
     EXPECT_EQ(Install("a"), 0);

@@ -1,14 +1,12 @@
 #include "ZOLVconfChecker.h"
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <memory>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
-#include "dlog.h"
 #include "fake_vconf.h"
 #include "kpi_events.h"
 #include "monitor_fixture.h"
@@ -25,11 +23,16 @@ using Reports = std::vector<std::string>;
 
 constexpr const char* kWatched = "db/k";
 
-ZOLVconfMonitor IntItem(const char* condition, int value, const std::string& key = kWatched) {
+ZOLVconfMonitor Item(const char* type, const char* condition, const std::string& key) {
     ZOLVconfMonitor item;
     item.key = key;
-    item.type = "INT";
+    item.type = type;
     item.condition = condition;
+    return item;
+}
+
+ZOLVconfMonitor IntItem(const char* condition, int value, const std::string& key = kWatched) {
+    ZOLVconfMonitor item = Item("INT", condition, key);
     item.intValue = value;
     return item;
 }
@@ -42,10 +45,7 @@ ZOLVconfMonitor BetweenItem(int greater, int less) {
 }
 
 ZOLVconfMonitor StringItem(const char* condition, const char* text, const std::string& key = kWatched) {
-    ZOLVconfMonitor item;
-    item.key = key;
-    item.type = "STRING";
-    item.condition = condition;
+    ZOLVconfMonitor item = Item("STRING", condition, key);
     item.strValue = text;
     return item;
 }
@@ -89,12 +89,6 @@ protected:
         const std::size_t begin = text.find(before) + before.size();
         return text.substr(begin, text.find(after, begin) - begin);
     }
-    static void ExpectErrors(const std::vector<std::string>& texts) {
-        for (const std::string& text : texts) {
-            EXPECT_EQ(PriorityOf("> " + text), DLOG_PRIORITY_ERROR) << text;
-        }
-    }
-
     std::unique_ptr<TCVconfChecker> m_checker;
 };
 
@@ -104,13 +98,15 @@ using CheckAtStart = VconfChecker;
 using KeyChange = VconfChecker;
 using CheckerLife = VconfChecker;
 
-TEST_F(IntegerRules, BetweenExcludesBothBounds) {
-    const ZOLVconfMonitor item = BetweenItem(10, 20);
-
-    EXPECT_FALSE(HoldsAtStart(item, 10));
-    EXPECT_TRUE(HoldsAtStart(item, 11));
-    EXPECT_TRUE(HoldsAtStart(item, 19));
-    EXPECT_FALSE(HoldsAtStart(item, 20));
+TEST_F(IntegerRules, BetweenGreaterAndLessExcludeTheirBoundsAndIsAndNotCompareExactly) {
+    const std::vector<std::tuple<ZOLVconfMonitor, int, bool>> cases{
+        {BetweenItem(10, 20), 10, false}, {BetweenItem(10, 20), 11, true},   {BetweenItem(10, 20), 19, true},
+        {BetweenItem(10, 20), 20, false}, {IntItem("GREATER", 5), 5, false}, {IntItem("GREATER", 5), 6, true},
+        {IntItem("LESS", 5), 4, true},    {IntItem("LESS", 5), 5, false},    {IntItem("IS", 5), 5, true},
+        {IntItem("IS", 5), -5, false},    {IntItem("NOT", 5), 4, true},      {IntItem("NOT", 5), 5, false}};
+    for (const auto& [item, value, holds] : cases) {
+        EXPECT_EQ(HoldsAtStart(item, value), holds) << item.condition << " at " << value;
+    }
 }
 
 TEST_F(IntegerRules, ABetweenHitIsReportedAsMinusOneAndNull) {
@@ -119,20 +115,6 @@ TEST_F(IntegerRules, ABetweenHitIsReportedAsMinusOneAndNull) {
     EXPECT_EQ(Reported(), Reports({"db/k=null"}));
     ExpectErrors({"[m_CheckIntType] greater[10] < vconfValue[15] < less[20], send event to notify",
                   "key[db/k], intValue[-1], strValue[null]"});
-}
-
-TEST_F(IntegerRules, GreaterAndLessAreStrict) {
-    EXPECT_FALSE(HoldsAtStart(IntItem("GREATER", 5), 5));
-    EXPECT_TRUE(HoldsAtStart(IntItem("GREATER", 5), 6));
-    EXPECT_TRUE(HoldsAtStart(IntItem("LESS", 5), 4));
-    EXPECT_FALSE(HoldsAtStart(IntItem("LESS", 5), 5));
-}
-
-TEST_F(IntegerRules, IsAndNotCompareExactly) {
-    EXPECT_TRUE(HoldsAtStart(IntItem("IS", 5), 5));
-    EXPECT_FALSE(HoldsAtStart(IntItem("IS", 5), -5));
-    EXPECT_TRUE(HoldsAtStart(IntItem("NOT", 5), 4));
-    EXPECT_FALSE(HoldsAtStart(IntItem("NOT", 5), 5));
 }
 
 TEST_F(IntegerRules, EachHitReportsTheValueReadAndIsLoggedWithBoth) {
@@ -160,20 +142,16 @@ TEST_F(IntegerRules, AConditionInLowerCaseIsCodeZeroAndNeverHolds) {
 }
 
 TEST_F(IntegerRules, AnUnknownTypeWordIsTreatedAsAnInteger) {
-    ZOLVconfMonitor item = IntItem("IS", 5);
-    item.type = "DOUBLE";
-
+    ZOLVconfMonitor item = Item("DOUBLE", "IS", kWatched);
+    item.intValue = 5;
     EXPECT_TRUE(HoldsAtStart(item, 5));
 }
 
-TEST_F(StringRules, IsAndNotCompareExactly) {
+TEST_F(StringRules, IsAndNotCompareExactlyAndTheOtherConditionsNeverHold) {
     EXPECT_TRUE(HoldsAtStart(StringItem("IS", "on"), "on"));
     EXPECT_FALSE(HoldsAtStart(StringItem("IS", "on"), "On"));
     EXPECT_TRUE(HoldsAtStart(StringItem("NOT", "on"), "on "));
     EXPECT_FALSE(HoldsAtStart(StringItem("NOT", "on"), "on"));
-}
-
-TEST_F(StringRules, TheOtherConditionsAndUnknownWordsNeverHold) {
     for (const char* condition : {"GREATER", "LESS", "BETWEEN", "is", ""}) {
         EXPECT_FALSE(HoldsAtStart(StringItem(condition, "on"), "on")) << condition;
         EXPECT_FALSE(HoldsAtStart(StringItem(condition, "on"), "off")) << condition;
@@ -201,9 +179,11 @@ TEST_F(CheckAtStart, AnItemThatHoldsIsReportedOnceAndNotWatched) {
     Watch({IntItem("IS", 5)});
 
     SetInt(kWatched, 5);
+    m_checker->CheckNow({});
 
     EXPECT_EQ(Registrations(kWatched), 0);
     EXPECT_EQ(Reported(), Reports({"db/k=5"}));
+    EXPECT_EQ(m_notify.VconfEvents(), 1);
 }
 
 TEST_F(CheckAtStart, TwoItemsThatHoldAreTwoHitsAndOneEvent) {
@@ -217,20 +197,19 @@ TEST_F(CheckAtStart, TwoItemsThatHoldAreTwoHitsAndOneEvent) {
     ExpectErrors({"m_Notify() CALL"});
 }
 
-TEST_F(CheckAtStart, WhatWasPostedIsNotPostedAgain) {
-    SetInt(kWatched, 5);
-    Watch({IntItem("IS", 5)});
-
-    m_checker->CheckNow({});
-
-    EXPECT_EQ(m_notify.VconfEvents(), 1);
-}
-
-TEST_F(CheckAtStart, AnEmptyListRegistersAndPostsNothing) {
+TEST_F(CheckerLife, WithAnEmptyListItRegistersPostsAndHandlesNothing) {
     Watch({});
-
+    CSEvent event;
+    event.type = 77;
+    EXPECT_TRUE(m_checker->t_OnEvent(&event));
+    EXPECT_TRUE(m_checker->t_OnEvent(nullptr));
+    EXPECT_STREQ(m_checker->Name(), "ZOLVconfChecker");
     EXPECT_EQ(m_notify.VconfEvents(), 0);
     EXPECT_EQ(Registrations(), 1) << "the notify manager's own";
+
+    m_checker.reset();
+    ExpectLogged(DLOG_PRIORITY_INFO, {"[TCVconfChecker] Create", "[TCVconfChecker] Created",
+                                      "[TCVconfChecker] Destroy", "[TCVconfChecker] Destroyed"});
 }
 
 TEST_F(CheckAtStart, AKeyThatCannotBeReadIsWatchedAllTheSame) {
@@ -251,29 +230,24 @@ TEST_F(CheckAtStart, AKeyThatCannotBeWatchedIsLogged) {
     EXPECT_EQ(Logged("[db/k] registered"), 0);
 }
 
-TEST_F(CheckAtStart, WithoutANotifyManagerHitsAreLost) {
-    SetInt(kWatched, 5);
-
-    Watch({IntItem("IS", 5)}, nullptr);
-
-    EXPECT_EQ(Reported(), Reports());
-    ExpectErrors({"m_pNotify is NULL"});
-}
-
-TEST_F(CheckAtStart, ANotifyManagerThatDoesNotRunTakesNoEvent) {
+TEST_F(CheckAtStart, WithoutANotifyManagerThatRunsHitsAreLost) {
     SetInt(kWatched, 5);
     TCNotifyManager idle;
 
+    Watch({IntItem("IS", 5)}, nullptr);
     Watch({IntItem("IS", 5)}, &idle);
     m_checker.reset();
 
-    ExpectErrors({"Send() fail"});
+    EXPECT_EQ(Reported(), Reports());
+    ExpectErrors({"> m_pNotify is NULL", "> Send() fail"});
 }
 
-TEST_F(KeyChange, EveryHitIsReportedWithItsOwnEvent) {
+TEST_F(KeyChange, EveryHitIsReportedWithItsOwnEventAndAnotherChangePostsNothing) {
     SetInt(kWatched, 1);
     Watch({IntItem("IS", 5)});
+    SetInt(kWatched, 4);
     EXPECT_EQ(m_notify.VconfEvents(), 0);
+    EXPECT_EQ(Logged("found on list!"), 0);
 
     SetInt(kWatched, 5);
     EXPECT_EQ(Reported(), Reports({"db/k=5"}));
@@ -281,17 +255,7 @@ TEST_F(KeyChange, EveryHitIsReportedWithItsOwnEvent) {
     SetInt(kWatched, 5);
     EXPECT_EQ(Reported(), Reports({"db/k=5", "db/k=5"}));
     EXPECT_EQ(m_notify.VconfEvents(), 2);
-    ExpectErrors({"[m_KeyChangedCb] key : db/k", "find!", "found on list!"});
-}
-
-TEST_F(KeyChange, AChangeThatDoesNotHoldPostsNothing) {
-    SetInt(kWatched, 1);
-    Watch({IntItem("IS", 5)});
-
-    SetInt(kWatched, 4);
-
-    EXPECT_EQ(m_notify.VconfEvents(), 0);
-    EXPECT_EQ(Logged("found on list!"), 0);
+    ExpectErrors({"> [m_KeyChangedCb] key : db/k", "> find!", "> found on list!"});
 }
 
 TEST_F(KeyChange, OnlyTheFirstItemOfAKeyIsEvaluated) {
@@ -385,17 +349,6 @@ TEST_F(CheckerLife, DestroyEndsTheTaskAndKeepsWatching) {
     EXPECT_EQ(Reported(), Reports({"db/k=5"}));
 }
 
-TEST_F(CheckerLife, ItsLifeIsLogged) {
-    Watch({});
-    EXPECT_STREQ(m_checker->Name(), "ZOLVconfChecker");
-    m_checker.reset();
-
-    for (const char* text : {"[TCVconfChecker] Create", "[TCVconfChecker] Created",
-                             "[TCVconfChecker] Destroy", "[TCVconfChecker] Destroyed"}) {
-        EXPECT_EQ(PriorityOf(text), DLOG_PRIORITY_INFO) << text;
-    }
-}
-
 TEST_F(CheckerLife, AHandlerThatCannotBeBoundIsLoggedAndTheTaskIsUndone) {
     TCVconfChecker other(nullptr, {});
     ASSERT_TRUE(other.Create());
@@ -408,15 +361,6 @@ TEST_F(CheckerLife, AHandlerThatCannotBeBoundIsLoggedAndTheTaskIsUndone) {
     EXPECT_EQ(Logged("_CHECK FAIL: zol/src/ZOLVconfChecker:"), 1);
     EXPECT_EQ(Logged(", CCHandler::Create(this)"), 1);
     checker.CCHandler::Destroy();
-}
-
-TEST_F(CheckerLife, ItsTaskHandlesNothing) {
-    Watch({});
-
-    CSEvent event;
-    event.type = 77;
-    EXPECT_TRUE(m_checker->t_OnEvent(&event));
-    EXPECT_TRUE(m_checker->t_OnEvent(nullptr));
 }
 
 TEST_F(CheckerLife, ChangesThatArriveWhileItIsDestroyedDoNoHarm) {
