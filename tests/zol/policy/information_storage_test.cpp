@@ -1,15 +1,11 @@
 #include "ZOLInformationStorage.h"
 
-#include <gtest/gtest.h>
-
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "dlog.h"
-#include "fake_dlog.h"
+#include "device_test.h"
 #include "fake_vconf.h"
-#include "fakes.h"
 
 namespace {
 
@@ -23,10 +19,8 @@ constexpr const char* kVersionKey = "db/private/tvs-cv/policy_version";
 /// The storage as a process finds it at its start.
 class FreshStorage : public TCInformationStorage {};
 
-class InformationStorage : public testing::Test {
+class InformationStorage : public DeviceTest {
 protected:
-    InformationStorage() { fakes::Reset(); }
-
     TSCurrentZOLPolicyInformation Snapshot() {
         TSCurrentZOLPolicyInformation snapshot;
         m_storage.GetZOLPolicyInformation(snapshot);
@@ -78,52 +72,32 @@ TEST_F(InformationStorage, TheCountSetLastIsReturnedByBothGetters) {
     EXPECT_EQ(ids.size(), 1U);
 }
 
-TEST_F(InformationStorage, ASetterReplacesTheWholeList) {
+TEST_F(InformationStorage, SettersAndGettersReplaceWholeListsAndAReaderOwnsWhatItWasGiven) {
     m_storage.SetZOLMonitorInformation(2, Keys({"a", "b"}));
     m_storage.SetZOLMonitorInformation(1, Keys({"c"}));
+    unsigned count = 9;
+    std::vector<ZOLVconfMonitor> copy = Keys({"old", "older"});
+    m_storage.GetZOLMonitorInformation(count, copy);
+    EXPECT_EQ(count, 1U);
+    ASSERT_EQ(copy.size(), 1U);
+    copy.at(0).key = "changed";
 
     EXPECT_EQ(Snapshot().vconfMonitors.size(), 1U);
     EXPECT_EQ(Snapshot().vconfMonitors.at(0).key, "c");
 }
 
-TEST_F(InformationStorage, AReaderOwnsWhatItWasGiven) {
-    m_storage.SetZOLMonitorInformation(1, Keys({"a"}));
-    unsigned count = 0;
-    std::vector<ZOLVconfMonitor> copy;
-    m_storage.GetZOLMonitorInformation(count, copy);
-    copy.at(0).key = "changed";
-    copy.emplace_back();
+TEST_F(InformationStorage, TheVersionIsWrittenToItsKeyAndKeptWhereThatFails) {
+    for (const int version : {-1, 42}) {
+        m_storage.SetPolicyVersion(version);
+        EXPECT_EQ(fakes::vconf::GetInt(kVersionKey), version);
+        EXPECT_EQ(Snapshot().policyVersion, version);
+    }
+    EXPECT_EQ(Logged("Unable to save policy version!"), 0);
 
-    EXPECT_EQ(Snapshot().vconfMonitors.size(), 1U);
-    EXPECT_EQ(Snapshot().vconfMonitors.at(0).key, "a");
-}
-
-TEST_F(InformationStorage, AGetterReplacesWhatTheReaderHeldBefore) {
-    unsigned count = 9;
-    std::vector<ZOLPolicyMonitor> ids = Ids({"old", "older"});
-    m_storage.GetZOLMonitorInformation(count, ids);
-
-    EXPECT_EQ(count, 0U);
-    EXPECT_TRUE(ids.empty());
-}
-
-TEST_F(InformationStorage, TheVersionIsWrittenToItsKey) {
-    m_storage.SetPolicyVersion(-1);
-    EXPECT_EQ(fakes::vconf::GetInt(kVersionKey), -1);
-
-    m_storage.SetPolicyVersion(42);
-    EXPECT_EQ(fakes::vconf::GetInt(kVersionKey), 42);
-    EXPECT_EQ(Snapshot().policyVersion, 42);
-    EXPECT_FALSE(fakes::dlog::Has("Unable to save policy version!"));
-}
-
-TEST_F(InformationStorage, AVersionThatCannotBeWrittenIsLoggedAndKept) {
     fakes::vconf::Fail(kVersionKey, fakes::vconf::FAIL_SET);
     m_storage.SetPolicyVersion(7);
-
-    EXPECT_EQ(fakes::dlog::Find("Unable to save policy version!").priority, DLOG_PRIORITY_ERROR);
     EXPECT_EQ(Snapshot().policyVersion, 7);
-    EXPECT_FALSE(fakes::vconf::Exists(kVersionKey));
+    ExpectErrors({"Unable to save policy version!"});
 }
 
 TEST_F(InformationStorage, InitializeAndResetLeaveThePolicyAlone) {

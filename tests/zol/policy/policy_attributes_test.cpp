@@ -13,6 +13,9 @@ namespace {
 using zol::TCAttributes;
 using zol::TCElements;
 
+constexpr std::int32_t kMax = std::numeric_limits<std::int32_t>::max();
+constexpr std::int32_t kMin = std::numeric_limits<std::int32_t>::min();
+
 TCAttributes With(const std::string& value) {
     TCAttributes attributes;
     attributes.Insert("a", value);
@@ -26,17 +29,7 @@ Type Read(const std::string& value, Type before) {
     return before;
 }
 
-TEST(Attributes, NamesAreFoundInLowerCaseWhateverTheirSpelling) {
-    TCAttributes attributes;
-    attributes.Insert("IntValue", "7");
-
-    std::string text;
-    EXPECT_TRUE(attributes.GetValue("intvalue", text));
-    EXPECT_EQ(text, "7");
-    EXPECT_FALSE(attributes.GetValue("IntValue", text));
-}
-
-TEST(Attributes, TheLastOfNamesThatDifferOnlyInCaseWins) {
+TEST(Attributes, NamesAreFoundInLowerCaseAndTheLastOfOneNameWins) {
     TCAttributes attributes;
     attributes.Insert("KEY", "first");
     attributes.Insert("key", "second");
@@ -45,6 +38,7 @@ TEST(Attributes, TheLastOfNamesThatDifferOnlyInCaseWins) {
     std::string text;
     EXPECT_TRUE(attributes.GetValue("key", text));
     EXPECT_EQ(text, "third");
+    EXPECT_FALSE(attributes.GetValue("Key", text));
 }
 
 template <typename Type>
@@ -64,35 +58,29 @@ TEST(Attributes, AMissingNameIsFalseAndLeavesTheVariableAlone) {
     ExpectLeftAlone<bool>(false);
 }
 
-TEST(Attributes, AnIntegerIsReadUpToTheFirstOtherCharacter) {
-    EXPECT_EQ(Read<std::int32_t>("12ab", -1), 12);
-    EXPECT_EQ(Read<std::int32_t>(" \t\n\v\f\r-8 9", -1), -8);
-    EXPECT_EQ(Read<std::int32_t>("+3", -1), 3);
-    EXPECT_EQ(Read<std::int32_t>("0x10", -1), 0);
-    EXPECT_EQ(Read<std::int32_t>("1.9", -1), 1);
-}
-
-TEST(Attributes, AnIntegerThatDoesNotStartWithANumberKeepsItsDefault) {
+TEST(Attributes, AnIntegerIsReadUpToTheFirstOtherCharacterAndHeldInThirtyTwoBits) {
+    const std::vector<std::pair<std::string, std::int32_t>> cases{
+        {"12ab", 12},
+        {" \t\n\v\f\r-8 9", -8},
+        {"+3", 3},
+        {"0x10", 0},
+        {"1.9", 1},
+        {"2147483647", kMax},
+        {"2147483648", kMax},
+        {"-2147483648", kMin},
+        {"-2147483649", kMin},
+        {std::string(1000, '9'), kMax},
+        {"-" + std::string(1000, '9'), kMin},
+        {std::string(1000, '0') + "5", 5},
+    };
+    for (const auto& [text, expected] : cases) {
+        EXPECT_EQ(Read<std::int32_t>(text, 77), expected) << text;
+        EXPECT_EQ(Read<std::uint32_t>(text, 77), static_cast<std::uint32_t>(expected)) << text;
+    }
     for (const char* text : {"", "x7", "-", "+", "--1", "+ 1", "   ", "\302\2405"}) {
-        EXPECT_EQ(Read<std::int32_t>(text, -1), -1) << text;
+        EXPECT_EQ(Read<std::int32_t>(text, -1), -1) << text << " keeps the default";
         EXPECT_EQ(Read<std::uint32_t>(text, 17), 17U) << text;
     }
-}
-
-TEST(Attributes, AnIntegerBeyondThirtyTwoBitsBecomesTheNearestLimit) {
-    EXPECT_EQ(Read<std::int32_t>("2147483647", 0), std::numeric_limits<std::int32_t>::max());
-    EXPECT_EQ(Read<std::int32_t>("2147483648", 0), std::numeric_limits<std::int32_t>::max());
-    EXPECT_EQ(Read<std::int32_t>("-2147483648", 0), std::numeric_limits<std::int32_t>::min());
-    EXPECT_EQ(Read<std::int32_t>("-2147483649", 0), std::numeric_limits<std::int32_t>::min());
-    EXPECT_EQ(Read<std::int32_t>(std::string(1000, '9'), 0), std::numeric_limits<std::int32_t>::max());
-    EXPECT_EQ(Read<std::int32_t>("-" + std::string(1000, '9'), 0), std::numeric_limits<std::int32_t>::min());
-    EXPECT_EQ(Read<std::int32_t>(std::string(1000, '0') + "5", 0), 5);
-}
-
-TEST(Attributes, AnUnsignedIntegerIsReadAsASignedOne) {
-    EXPECT_EQ(Read<std::uint32_t>("12ab", 0), 12U);
-    EXPECT_EQ(Read<std::uint32_t>("-1", 0), 4294967295U);
-    EXPECT_EQ(Read<std::uint32_t>("3000000000", 0), 2147483647U);
 }
 
 TEST(Attributes, ALongUnsignedNumberIsReadInThirtyTwoBitsOnEveryMachine) {

@@ -64,20 +64,15 @@ TEST(VconfItems, AnUnknownConditionOrTypeIsRefused) {
     EXPECT_EQ(CheckVconfPolicy(item), EPolicyFault::CONDITION) << "the first fault counts";
 }
 
-TEST(VconfItems, GreaterWithABoundButNoIntegerValueIsRefused) {
-    ZOLVconfMonitor item = Item("GREATER", "INT");
-    item.greater = 10;
-    EXPECT_EQ(CheckVconfPolicy(item), EPolicyFault::NO_INT_VALUE);
-}
-
 TEST(VconfItems, EveryIntegerConditionButBetweenNeedsAnIntegerValue) {
     for (const char* condition : {"IS", "NOT", "GREATER", "LESS"}) {
         ZOLVconfMonitor item = Item(condition, "INT");
+        item.greater = 10;
         EXPECT_EQ(CheckVconfPolicy(item), EPolicyFault::NO_INT_VALUE) << condition;
-        item.intValue = 0;
-        EXPECT_EQ(CheckVconfPolicy(item), EPolicyFault::NONE) << condition;
-        item.intValue = -2;
-        EXPECT_EQ(CheckVconfPolicy(item), EPolicyFault::NONE) << condition;
+        for (const int value : {0, -2}) {
+            item.intValue = value;
+            EXPECT_EQ(CheckVconfPolicy(item), EPolicyFault::NONE) << condition;
+        }
     }
 }
 
@@ -88,51 +83,46 @@ TEST(VconfItems, BetweenIsKeptUnlessBothBoundsAreMissing) {
     EXPECT_EQ(CheckVconfPolicy(Between(-1, -1)), EPolicyFault::NO_BOUNDS);
 }
 
-TEST(VconfItems, AStringWithoutAValueIsRefused) {
-    EXPECT_EQ(CheckVconfPolicy(Item("IS", "STRING")), EPolicyFault::NO_STR_VALUE);
-    EXPECT_EQ(CheckVconfPolicy(Item("NOT", "STRING")), EPolicyFault::NO_STR_VALUE);
-}
-
-TEST(VconfItems, AStringCanOnlyBeOrNotBeAValue) {
-    for (const char* condition : {"IS", "NOT", "GREATER", "LESS", "BETWEEN"}) {
+TEST(VconfItems, AStringCanOnlyBeOrNotBeAValueEvenAnEmptyOne) {
+    for (const std::string condition : {"IS", "NOT", "GREATER", "LESS", "BETWEEN"}) {
         ZOLVconfMonitor item = Item(condition, "STRING");
-        item.strValue = "on";
         item.intValue = item.greater = item.less = 5;
-        const bool isComparable = condition == std::string("IS") || condition == std::string("NOT");
-        EXPECT_EQ(CheckVconfPolicy(item), isComparable ? EPolicyFault::NONE : EPolicyFault::STRING_CONDITION)
-            << condition;
+        const bool isComparable = condition == "IS" || condition == "NOT";
+        EXPECT_EQ(CheckVconfPolicy(item) == EPolicyFault::NO_STR_VALUE, isComparable) << condition;
+        for (const char* value : {"on", ""}) {
+            item.strValue = value;
+            EXPECT_EQ(CheckVconfPolicy(item),
+                      isComparable ? EPolicyFault::NONE : EPolicyFault::STRING_CONDITION)
+                << condition;
+        }
     }
 }
 
-TEST(VconfItems, AnEmptyStringIsAValue) {
-    ZOLVconfMonitor item = Item("IS", "STRING");
-    item.strValue = "";
-    EXPECT_EQ(CheckVconfPolicy(item), EPolicyFault::NONE);
-}
-
-TEST(MonitorItems, EachTypeTakesItsOwnMethods) {
-    EXPECT_EQ(CheckMonitorPolicy(Monitor(1, 11, "org.app", "App")), EPolicyFault::NONE);
-    EXPECT_EQ(CheckMonitorPolicy(Monitor(2, 21, "org.app", "App")), EPolicyFault::NONE);
-    EXPECT_EQ(CheckMonitorPolicy(Monitor(3, 31, "", "")), EPolicyFault::NONE);
-    EXPECT_EQ(CheckMonitorPolicy(Monitor(3, 32, "", "")), EPolicyFault::NONE);
-}
-
-TEST(MonitorItems, AnApplicationMonitorLacksMethodThenIdThenName) {
-    EXPECT_EQ(CheckMonitorPolicy(Monitor(1, 21, "", "")), EPolicyFault::APP_INSTALL_METHOD);
-    EXPECT_EQ(CheckMonitorPolicy(Monitor(1, 11, "", "")), EPolicyFault::NO_ID);
-    EXPECT_EQ(CheckMonitorPolicy(Monitor(1, 11, "org.app", "")), EPolicyFault::NO_NAME);
-    EXPECT_EQ(CheckMonitorPolicy(Monitor(2, 11, "", "")), EPolicyFault::APP_LAUNCH_METHOD);
-    EXPECT_EQ(CheckMonitorPolicy(Monitor(2, 21, "", "App")), EPolicyFault::NO_ID);
-    EXPECT_EQ(CheckMonitorPolicy(Monitor(2, 21, "org.app", "")), EPolicyFault::NO_NAME);
-}
-
-TEST(MonitorItems, APairingMonitorWithAnotherMethodIsRefused) {
-    EXPECT_EQ(CheckMonitorPolicy(Monitor(3, 33, "", "")), EPolicyFault::BT_PAIR_METHOD);
-}
-
-TEST(MonitorItems, AnUnknownTypeIsRefused) {
-    EXPECT_EQ(CheckMonitorPolicy(Monitor(0, 11, "org.app", "App")), EPolicyFault::MONITORING_TYPE);
-    EXPECT_EQ(CheckMonitorPolicy(Monitor(-7, 11, "org.app", "App")), EPolicyFault::MONITORING_TYPE);
+TEST(MonitorItems, EachTypeTakesItsOwnMethodsAndAnApplicationItsIdAndName) {
+    struct {
+        int type;
+        int method;
+        const char* id;
+        const char* name;
+        EPolicyFault fault;
+    } const cases[] = {
+        {1, 11, "org.app", "App", EPolicyFault::NONE},
+        {1, 21, "", "", EPolicyFault::APP_INSTALL_METHOD},
+        {1, 11, "", "", EPolicyFault::NO_ID},
+        {1, 11, "org.app", "", EPolicyFault::NO_NAME},
+        {2, 21, "org.app", "App", EPolicyFault::NONE},
+        {2, 11, "", "", EPolicyFault::APP_LAUNCH_METHOD},
+        {2, 21, "", "App", EPolicyFault::NO_ID},
+        {2, 21, "org.app", "", EPolicyFault::NO_NAME},
+        {3, 31, "", "", EPolicyFault::NONE},
+        {3, 32, "", "", EPolicyFault::NONE},
+        {3, 33, "", "", EPolicyFault::BT_PAIR_METHOD},
+        {0, 11, "org.app", "App", EPolicyFault::MONITORING_TYPE},
+        {-7, 11, "org.app", "App", EPolicyFault::MONITORING_TYPE},
+    };
+    for (const auto& [type, method, id, name, fault] : cases) {
+        EXPECT_EQ(CheckMonitorPolicy(Monitor(type, method, id, name)), fault) << type << " " << method << id;
+    }
 }
 
 }  // namespace

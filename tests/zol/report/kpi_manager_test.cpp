@@ -1,16 +1,13 @@
 #include "ZOLKpiManager.h"
 
-#include <gtest/gtest.h>
-
 #include <cstdlib>
 
 #include "KPILogFramework.h"
+#include "device_test.h"
 #include "dlog.h"
 #include "fake_clock.h"
-#include "fake_dlog.h"
 #include "fake_runtime_info.h"
 #include "fake_vconf.h"
-#include "fakes.h"
 #include "runtime_info.h"
 
 namespace {
@@ -20,9 +17,14 @@ constexpr const char* kTgidFile = "/proc/global_uniqueID";
 constexpr const char* kLcidFile = "/proc/life_cycleID";
 constexpr const char* kChipFile = "/proc/soq_chipid_val";
 
-class KpiManager : public testing::Test {
+class KpiManager : public DeviceTest {
 protected:
-    KpiManager() { fakes::Reset(); }
+    /// What is read from a file with this content.
+    std::string Read(const char* file, const std::string& content, void (TCKpiManager::*read)(), int index) {
+        fakes::WriteDeviceFile(file, content);
+        (m_kpi.*read)();
+        return m_kpi.Get(index);
+    }
 
     TCKpiManager m_kpi;
 };
@@ -37,165 +39,86 @@ template <class Code>
     std::_Exit(0);
 }
 
-TEST_F(KpiManager, EveryIdentifierIsEmptyAtFirst) {
+TEST_F(KpiManager, EveryIdentifierIsEmptyAtFirstAndNullOutsideTheTable) {
     for (int index = 0; index < KPI_COUNT; ++index) {
         EXPECT_EQ(m_kpi.Get(index), "") << index;
     }
-    EXPECT_EQ(fakes::dlog::Find("TCKpiManager()").priority, -1) << "logged before Reset";
-}
-
-TEST_F(KpiManager, ItsConstructionIsLogged) {
-    const TCKpiManager another;
-    EXPECT_EQ(fakes::dlog::Find("TCKpiManager()").priority, DLOG_PRIORITY_ERROR);
-}
-
-TEST_F(KpiManager, AnIndexOutsideTheTableYieldsNull) {
     EXPECT_EQ(m_kpi.Get(8), "NULL");
     EXPECT_EQ(m_kpi.Get(-1), "NULL");
+    ExpectErrors({"TCKpiManager()"});
 }
 
-TEST_F(KpiManager, AnHwduidOf20CharactersIsCutTo13) {
+TEST_F(KpiManager, AnHwduidIsCutTo13CharactersAndAMissingOneIsNull) {
     fakes::vconf::SetString(kHwduidKey, "ABCDEFGHIJKLMNOPQRST");
-
     m_kpi.m_GetHWDuid();
-
     EXPECT_EQ(m_kpi.Get(KPI_HWDUID), "ABCDEFGHIJKLM");
-    EXPECT_EQ(fakes::dlog::Find("vconf_get_str(db/comss/hwduid) success").priority, DLOG_PRIORITY_INFO);
-}
+    ExpectLogged(DLOG_PRIORITY_INFO, {"vconf_get_str(db/comss/hwduid) success"});
 
-TEST_F(KpiManager, AMissingHwduidIsNullAndReplacesTheOldOne) {
-    fakes::vconf::SetString(kHwduidKey, "OLD");
-    m_kpi.m_GetHWDuid();
     fakes::vconf::Unset(kHwduidKey);
-
     m_kpi.m_GetHWDuid();
-
     EXPECT_EQ(m_kpi.Get(KPI_HWDUID), "NULL");
-    EXPECT_EQ(fakes::dlog::Find("vconf_get_str(db/comss/hwduid) failed").priority, DLOG_PRIORITY_ERROR);
+    ExpectErrors({"vconf_get_str(db/comss/hwduid) failed"});
 }
 
-TEST_F(KpiManager, TheLineFeedOfATgidFileBelongsToTheTgid) {
-    fakes::WriteDeviceFile(kTgidFile, "tg-1\n");
-
-    m_kpi.m_GetTgid();
-
-    EXPECT_EQ(m_kpi.Get(KPI_TGID), "tg-1\n");
+TEST_F(KpiManager, TheFirst36BytesOfATgidFileAndTheFirst10OfAnLcidFileCountLineFeedsToo) {
+    const auto tgid = [this](const std::string& content) {
+        return Read(kTgidFile, content, &TCKpiManager::m_GetTgid, KPI_TGID);
+    };
+    EXPECT_EQ(tgid("tg-1\n"), "tg-1\n");
+    EXPECT_EQ(tgid(std::string(36, 'a') + "bcd"), std::string(36, 'a'));
+    EXPECT_EQ(Read(kLcidFile, "0123456789ab", &TCKpiManager::m_GetLcid, KPI_LCID), "0123456789");
     EXPECT_EQ(fakes::clock::SleptUs(), 0U);
 }
 
-TEST_F(KpiManager, OfATgidFileOnlyTheFirst36BytesCount) {
-    fakes::WriteDeviceFile(kTgidFile, std::string(36, 'a') + "bcd");
-
+TEST_F(KpiManager, ATgidFileThatIsMissingOrEmptyIsTriedThreeTimes) {
     m_kpi.m_GetTgid();
-
-    EXPECT_EQ(m_kpi.Get(KPI_TGID), std::string(36, 'a'));
-}
-
-TEST_F(KpiManager, AMissingTgidFileIsTriedThreeTimes) {
-    m_kpi.m_GetTgid();
-
     EXPECT_EQ(m_kpi.Get(KPI_TGID), "NULL");
-    for (const char* attempt : {"(1)", "(2)", "(3)"}) {
-        const std::string text = std::string("file open failed. again for tgid value ") + attempt;
-        EXPECT_EQ(fakes::dlog::Find(text).priority, DLOG_PRIORITY_ERROR);
-    }
-    EXPECT_EQ(fakes::dlog::Count("file open failed. again"), 3);
     EXPECT_EQ(fakes::clock::SleptUs(), 30000U);
+    const std::string open = "file open failed. again for tgid value ";
+    EXPECT_EQ(Logged(open), 3);
+    ExpectErrors({open + "(1)", open + "(2)", open + "(3)"});
+
+    EXPECT_EQ(Read(kTgidFile, "", &TCKpiManager::m_GetTgid, KPI_TGID), "NULL");
+    EXPECT_EQ(fakes::clock::SleptUs(), 60000U);
+    const std::string read = "file read failed. try again for tgid value ";
+    EXPECT_EQ(Logged(read), 3);
+    ExpectErrors({read + "(1)", read + "(3)"});
 }
 
-TEST_F(KpiManager, AnEmptyTgidFileIsReadThreeTimes) {
-    fakes::WriteDeviceFile(kTgidFile, "");
-
-    m_kpi.m_GetTgid();
-
-    EXPECT_EQ(m_kpi.Get(KPI_TGID), "NULL");
-    EXPECT_EQ(fakes::dlog::Count("file read failed. try again for tgid value (1)"), 1);
-    EXPECT_EQ(fakes::dlog::Count("file read failed. try again for tgid value (3)"), 1);
-    EXPECT_EQ(fakes::dlog::Count("file read failed. try again for tgid value"), 3);
-    EXPECT_EQ(fakes::clock::SleptUs(), 30000U);
-}
-
-TEST_F(KpiManager, ATgidFileThatIsAFolderIsNoTgid) {
-    fakes::MakeDeviceFolder(kTgidFile);
-
-    m_kpi.m_GetTgid();
-
-    EXPECT_EQ(m_kpi.Get(KPI_TGID), "NULL");
-}
-
-TEST_F(KpiManager, OfALcidFileOnlyTheFirst10BytesCount) {
-    fakes::WriteDeviceFile(kLcidFile, "0123456789ab");
-
+TEST_F(KpiManager, AnLcidFileThatIsMissingOrEmptyIsLoggedOnce) {
     m_kpi.m_GetLcid();
-
-    EXPECT_EQ(m_kpi.Get(KPI_LCID), "0123456789");
-}
-
-TEST_F(KpiManager, AMissingLcidFileIsLoggedOnce) {
-    m_kpi.m_GetLcid();
-
     EXPECT_EQ(m_kpi.Get(KPI_LCID), "NULL");
-    EXPECT_EQ(fakes::dlog::Count("file open failed"), 1);
-}
+    EXPECT_EQ(Logged("file open failed"), 1);
 
-TEST_F(KpiManager, AnEmptyLcidFileIsLoggedWithItsLineFeed) {
-    fakes::WriteDeviceFile(kLcidFile, "");
-
-    m_kpi.m_GetLcid();
-
-    EXPECT_EQ(m_kpi.Get(KPI_LCID), "NULL");
-    EXPECT_EQ(fakes::dlog::Find("file read failed\n").priority, DLOG_PRIORITY_ERROR);
+    EXPECT_EQ(Read(kLcidFile, "", &TCKpiManager::m_GetLcid, KPI_LCID), "NULL");
+    EXPECT_EQ(Logged("file read failed\n"), 1);
+    ExpectErrors({"file read failed\n"});
 }
 
 TEST_F(KpiManager, TheEvidIsTheWallClockInWholeSeconds) {
-    fakes::clock::SetWall(1700000123, 999999999);
+    for (const std::int64_t seconds : {std::int64_t{1700000123}, std::int64_t{4102444800}}) {
+        fakes::clock::SetWall(seconds, 999999999);
+        m_kpi.m_GetEvid();
+        EXPECT_EQ(m_kpi.Get(KPI_EVID), std::to_string(seconds));
+    }
 
-    m_kpi.m_GetEvid();
-
-    EXPECT_EQ(m_kpi.Get(KPI_EVID), "1700000123");
-}
-
-TEST_F(KpiManager, AnEvidAfter2038KeepsItsTenDigits) {
-    fakes::clock::SetWall(4102444800, 0);
-
-    m_kpi.m_GetEvid();
-
-    EXPECT_EQ(m_kpi.Get(KPI_EVID), "4102444800");
-}
-
-TEST_F(KpiManager, AClockThatCannotBeReadGivesNoEvid) {
     fakes::clock::FailRealtime(true);
-
     m_kpi.m_GetEvid();
-
     EXPECT_EQ(m_kpi.Get(KPI_EVID), "NULL");
-    EXPECT_EQ(fakes::dlog::Find("gettimeofday() fail").priority, DLOG_PRIORITY_ERROR);
+    ExpectErrors({"gettimeofday() fail"});
 }
 
 TEST_F(KpiManager, TheFourWordsOfAChipIdAreJoinedInUpperCase) {
-    fakes::WriteDeviceFile(kChipFile, "0x1 0x2 0xab 0xffffffff\n");
-
-    m_kpi.m_GetChipId();
-
-    EXPECT_EQ(m_kpi.Get(KPI_CHIP_ID), "00000001_00000002_000000AB_FFFFFFFF");
-}
-
-TEST_F(KpiManager, MissingWordsOfAChipIdAreZero) {
-    fakes::WriteDeviceFile(kChipFile, "0x7");
-
-    m_kpi.m_GetChipId();
-
-    EXPECT_EQ(m_kpi.Get(KPI_CHIP_ID), "00000007_00000000_00000000_00000000");
-}
-
-TEST_F(KpiManager, AChipFileThatIsMissingOrHoldsNoNumberGivesNull) {
     m_kpi.m_GetChipId();
     EXPECT_EQ(m_kpi.Get(KPI_CHIP_ID), "NULL");
-
-    for (const char* content : {"", "nonsense", "17"}) {
-        fakes::WriteDeviceFile(kChipFile, content);
-        m_kpi.m_GetChipId();
-        EXPECT_EQ(m_kpi.Get(KPI_CHIP_ID), "NULL") << content;
+    const std::vector<std::pair<const char*, const char*>> cases{
+        {"0x1 0x2 0xab 0xffffffff\n", "00000001_00000002_000000AB_FFFFFFFF"},
+        {"0x7", "00000007_00000000_00000000_00000000"},
+        {"", "NULL"},
+        {"nonsense", "NULL"},
+        {"17", "NULL"}};
+    for (const auto& [content, id] : cases) {
+        EXPECT_EQ(Read(kChipFile, content, &TCKpiManager::m_GetChipId, KPI_CHIP_ID), id) << content;
     }
 }
 
@@ -224,30 +147,10 @@ TEST_F(ReleaseModeDeathTest, TheSecondCallOfTheProcessYieldsNull) {
 TEST_F(KpiManager, ShopModeIsYesNoOrAsItWas) {
     m_kpi.m_IsShopMode();
     EXPECT_EQ(m_kpi.Get(KPI_SHOP_MODE), "n") << "an unreadable value counts as 0";
-
-    fakes::runtime_info::Set(RUNTIME_INFO_SHOP_MODE, 1);
-    m_kpi.m_IsShopMode();
-    EXPECT_EQ(m_kpi.Get(KPI_SHOP_MODE), "y");
-
-    fakes::runtime_info::Set(RUNTIME_INFO_SHOP_MODE, 2);
-    m_kpi.m_IsShopMode();
-    EXPECT_EQ(m_kpi.Get(KPI_SHOP_MODE), "y");
-}
-
-TEST_F(KpiManager, ReadingAllLeavesTheLastFourAlone) {
-    fakes::vconf::SetString(kHwduidKey, "HW");
-    fakes::WriteDeviceFile(kTgidFile, "tg");
-    fakes::WriteDeviceFile(kLcidFile, "lc");
-    fakes::WriteDeviceFile(kChipFile, "0x1");
-
-    m_kpi.GetAllInformation();
-
-    EXPECT_EQ(m_kpi.Get(0), "HW");
-    EXPECT_EQ(m_kpi.Get(1), "tg");
-    EXPECT_EQ(m_kpi.Get(2), "lc");
-    EXPECT_EQ(m_kpi.Get(3), "1700000000");
-    for (int index = KPI_CHIP_ID; index < KPI_COUNT; ++index) {
-        EXPECT_EQ(m_kpi.Get(index), "") << index;
+    for (const int mode : {1, 2}) {
+        fakes::runtime_info::Set(RUNTIME_INFO_SHOP_MODE, mode);
+        m_kpi.m_IsShopMode();
+        EXPECT_EQ(m_kpi.Get(KPI_SHOP_MODE), "y");
     }
 }
 
@@ -257,19 +160,16 @@ TEST_F(KpiManager, NumbersBecomeDecimalText) {
 }
 
 TEST_F(KpiManager, AnEventThatIsSentStandsInTheEventLog) {
-    std::vector<KPILogFramework::TSKpiEvent> before;
-    ASSERT_TRUE(KPILogFramework::CLogger::GetInstance().ListEvents(before));
-
     EXPECT_TRUE(m_kpi.SendKPI("20_errdata", "ZOL", "EV007", "{a=1;}"));
 
-    std::vector<KPILogFramework::TSKpiEvent> after;
-    ASSERT_TRUE(KPILogFramework::CLogger::GetInstance().ListEvents(after));
-    ASSERT_EQ(after.size(), before.size() + 1);
-    EXPECT_EQ(after.back().type, "20_errdata");
-    EXPECT_EQ(after.back().category, "ZOL");
-    EXPECT_EQ(after.back().eventId, "EV007");
-    EXPECT_EQ(after.back().description, "{a=1;}");
-    EXPECT_EQ(fakes::dlog::Find("sent 19_errdata KPI").priority, DLOG_PRIORITY_ERROR);
+    std::vector<KPILogFramework::TSKpiEvent> events;
+    ASSERT_TRUE(KPILogFramework::CLogger::GetInstance().ListEvents(events));
+    ASSERT_EQ(events.size(), 1U);
+    EXPECT_EQ(events[0].type, "20_errdata");
+    EXPECT_EQ(events[0].category, "ZOL");
+    EXPECT_EQ(events[0].eventId, "EV007");
+    EXPECT_EQ(events[0].description, "{a=1;}");
+    ExpectErrors({"sent 19_errdata KPI"});
 }
 
 TEST_F(KpiManager, AnEventThatCannotBeSentIsLoggedWithTheReasonOfTheEventLog) {
@@ -277,8 +177,8 @@ TEST_F(KpiManager, AnEventThatCannotBeSentIsLoggedWithTheReasonOfTheEventLog) {
 
     EXPECT_FALSE(m_kpi.SendKPI("20_errdata", "ZOL", "EV007", "{a=1;}"));
 
-    EXPECT_EQ(fakes::dlog::Find("ERR(-1): could not send event log").priority, DLOG_PRIORITY_ERROR);
-    EXPECT_FALSE(fakes::dlog::Has("sent 19_errdata KPI"));
+    ExpectErrors({"ERR(-1): could not send event log"});
+    EXPECT_EQ(Logged("sent 19_errdata KPI"), 0);
 }
 
 }  // namespace

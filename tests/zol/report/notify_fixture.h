@@ -1,7 +1,5 @@
 #pragma once
 /// A notify manager on a device with identifiers, for the tests of its reports, texts and paths.
-#include <gtest/gtest.h>
-
 #include <memory>
 #include <string>
 #include <vector>
@@ -9,8 +7,8 @@
 #include "Event.h"
 #include "ZOLInformationStorage.h"
 #include "ZOLNotifyManager.h"
+#include "device_test.h"
 #include "fake_vconf.h"
-#include "fakes.h"
 
 constexpr const char* kKey = "db/zol/send_zol_files_path";
 constexpr const char* kFolder = "/tmp/zol/tg-1_1700000000";
@@ -43,10 +41,9 @@ inline zol::ZOLVconfMonitor Key(const std::string& key) {
     return item;
 }
 
-class NotifyFixture : public testing::Test {
+class NotifyFixture : public DeviceTest {
 protected:
     NotifyFixture() {
-        fakes::Reset();
         fakes::vconf::SetString("db/comss/hwduid", "HW-1");
         fakes::WriteDeviceFile("/proc/global_uniqueID", "tg-1");
         fakes::WriteDeviceFile("/proc/life_cycleID", "lc-1");
@@ -59,12 +56,20 @@ protected:
             static_cast<unsigned>(monitors.size()), monitors);
     }
 
-    /// What the task does with an event, on this thread.
-    void Handle(std::uint32_t type, long index = 0) {
+    CSEvent Event(std::uint32_t type, long index = 0) {
         CSEvent event;
         event.receiver = m_notify.get();
         event.type = type;
         event.param.l[0] = index;
+        return event;
+    }
+    bool Post(bool sync) {
+        CSEvent event = Event(NOTIFY_ZOL_VCONF);
+        return CCTask::Send(&event, sync);
+    }
+    /// What the task does with an event, on this thread.
+    void Handle(std::uint32_t type, long index = 0) {
+        const CSEvent event = Event(type, index);
         EXPECT_TRUE(m_notify->t_OnEvent(&event));
     }
     void HandleHit(const std::string& key, int value, const std::string& text = "null") {

@@ -1,20 +1,14 @@
 #include "ReportFolder.h"
 
-#include <gtest/gtest.h>
-
 #include <string>
 
-#include "ZOLKpiManager.h"
-#include "fakes.h"
+#include "device_test.h"
 
 namespace {
 
 using zol::ReportFolder;
 
-class ReportFolderTest : public testing::Test {
-protected:
-    ReportFolderTest() { fakes::Reset(); }
-};
+using ReportFolderTest = DeviceTest;
 
 TEST_F(ReportFolderTest, ThePathIsMadeOfTgidAndEvidAndCutAt127Bytes) {
     EXPECT_EQ(ReportFolder("tg-1\n", "17").Path(), "/tmp/zol/tg-1\n_17");
