@@ -1,15 +1,13 @@
 #pragma once
 /// The scheduler on a clock that stands still until a test moves it.
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <chrono>
 #include <memory>
 
 #include "ZOLScheduler.h"
 #include "ZOLShiftedClock.h"
+#include "device_test.h"
 #include "fake_clock.h"
-#include "fakes.h"
 
 constexpr const char* kStartKey = "db/private/zol/policy_time";
 constexpr const char* kFirstBootKey = "db/private/zol/policy_first_boot_time";
@@ -17,12 +15,9 @@ constexpr const char* kShiftKey = "db/private/zol/clock_diff";
 constexpr int kStepsOfAPass = 6;
 
 /// A scheduler whose passes go by when the test lets them.
-class Scheduler : public testing::Test {
+class Scheduler : public DeviceTest {
 protected:
-    Scheduler() {
-        fakes::Reset();
-        fakes::clock::SetWall(1000);
-    }
+    Scheduler() { fakes::clock::SetWall(1000); }
 
     /// The first pass has begun when this returns.
     void Start() {
@@ -61,6 +56,15 @@ protected:
     void FinishPassOnAStandingClock() {
         LetStepsPassOnAStandingClock(kStepsOfAPass);
         AwaitSleep();
+    }
+    /// The wall clock is set to each of these seconds, in their order, and a wake-up comes at one of them.
+    void SetClockAndWakeUp(std::initializer_list<std::int64_t> seconds, std::int64_t wakeUp) {
+        for (const std::int64_t second : seconds) {
+            fakes::clock::SetWall(second);
+            if (second == wakeUp) {
+                m_scheduler->SetLastWakeUpTime();
+            }
+        }
     }
 
     std::int64_t PolicyTime() { return m_clock.GetCurrentTime(); }

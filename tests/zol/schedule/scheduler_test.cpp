@@ -3,7 +3,6 @@
 #include <stdexcept>
 
 #include "dlog.h"
-#include "fake_dlog.h"
 #include "fake_vconf.h"
 #include "scheduler_fixture.h"
 
@@ -40,10 +39,9 @@ TEST_F(Schedule, ADueEventFiresOnceAndIsTakenOut) {
     FinishPass();
 
     EXPECT_EQ(m_disabled, 1);
-    EXPECT_EQ(fakes::dlog::Count("Found scheduled event! 0"), 1);
-    EXPECT_EQ(fakes::dlog::Find("Found scheduled event! 0").priority, DLOG_PRIORITY_DEBUG);
-    EXPECT_EQ(fakes::dlog::Find("Executing disable ZOL callback!").priority, DLOG_PRIORITY_ERROR);
-    EXPECT_EQ(fakes::dlog::Find("Disabled ZOL due to scheduled event!").priority, DLOG_PRIORITY_DEBUG);
+    EXPECT_EQ(Logged("Found scheduled event! 0"), 1);
+    ExpectErrors({"Executing disable ZOL callback!"});
+    ExpectLogged(DLOG_PRIORITY_DEBUG, {"Found scheduled event! 0", "Disabled ZOL due to scheduled event!"});
 }
 
 /// Five seconds ahead for as many reads as the test says.
@@ -84,28 +82,16 @@ TEST_F(Schedule, WithoutACallbackTheEventIsTakenOutAllTheSame) {
     EXPECT_FALSE(fakes::dlog::Has("Executing disable ZOL callback!"));
 }
 
-TEST_F(Schedule, AnOffsetOfTheLargestExpiryDoesNotOverflow) {
+TEST_F(Schedule, WhatIsComparedUnsignedHasNoBaseOrWasReplacedNeverComes) {
     Start();
     SetEvent(TIME_BASE_START, 4294967295);
-
     FinishPass();
-
-    EXPECT_EQ(m_disabled, 0);
-}
-
-TEST_F(Schedule, ADueTimeBelowZeroIsComparedUnsignedAndNeverComes) {
-    Start();
-    SetEvent(TIME_BASE_START, -1001);
-
+    SetEvent(TIME_BASE_START, -1101);
     FinishPass();
-
-    EXPECT_EQ(m_disabled, 0);
-}
-
-TEST_F(Schedule, AnUnknownBaseIsNeverDue) {
-    Start();
     SetEvent(static_cast<zol::ETimeBase>(2), 0);
-
+    FinishPass();
+    SetEvent(TIME_BASE_START, 0);
+    m_scheduler->SetSchedule({}, false);
     FinishPass();
 
     EXPECT_EQ(m_disabled, 0);
@@ -130,16 +116,6 @@ TEST_F(Schedule, TheFirstBootIsTheBaseOnceThereWasOne) {
 
     FinishPass();
     EXPECT_EQ(m_disabled, 1);
-}
-
-TEST_F(Schedule, ANewTableReplacesTheOldOne) {
-    Start();
-    SetEvent(TIME_BASE_START, 0);
-    m_scheduler->SetSchedule({}, false);
-
-    FinishPass();
-
-    EXPECT_EQ(m_disabled, 0);
 }
 
 TEST_F(Schedule, ANewPolicyStartsOnTheOldShiftAndThenForgetsIt) {
@@ -229,32 +205,24 @@ TEST_F(Schedule, AnInterruptedCallbackEndsTheThreadAndTheDestructorStillJoins) {
     SetEvent(TIME_BASE_START, 0);
     LetStepsPass(kStepsOfAPass);
 
-    while (m_disabled == 0) {
-        boost::this_thread::yield();
-    }
+    ASSERT_TRUE(Eventually([this] { return m_disabled != 0; }));
     Stop();
 
     EXPECT_EQ(m_disabled, 1);
 }
 
-TEST_F(StoredMoments, TheFirstStartAfterANewPolicyBecomesTheFirstBoot) {
+TEST_F(StoredMoments, TheFirstStartAfterANewPolicyBecomesTheFirstBootAndALaterOneKeepsIt) {
     fakes::vconf::SetString(kFirstBootKey, "0");
-
     Start();
-
     EXPECT_EQ(fakes::vconf::GetString(kFirstBootKey), "1000");
-    EXPECT_EQ(fakes::dlog::Find("Setting first boot time after new policy.").priority, DLOG_PRIORITY_DEBUG);
-    EXPECT_EQ(fakes::dlog::Find("Storing first boot time in vconf").priority, DLOG_PRIORITY_DEBUG);
-}
 
-TEST_F(StoredMoments, ALaterStartKeepsTheFirstBoot) {
-    fakes::vconf::SetString(kFirstBootKey, "123");
-
+    fakes::clock::SetWall(2000);
     Start();
     m_scheduler->SetFirstBootTime();
-
-    EXPECT_EQ(fakes::vconf::GetString(kFirstBootKey), "123");
-    EXPECT_FALSE(fakes::dlog::Has("Setting first boot time after new policy."));
+    EXPECT_EQ(fakes::vconf::GetString(kFirstBootKey), "1000");
+    EXPECT_EQ(Logged("Setting first boot time after new policy."), 1);
+    ExpectLogged(DLOG_PRIORITY_DEBUG,
+                 {"Setting first boot time after new policy.", "Storing first boot time in vconf"});
 }
 
 TEST_F(StoredMoments, TheStartTimeIsLoaded) {
@@ -264,8 +232,7 @@ TEST_F(StoredMoments, TheStartTimeIsLoaded) {
 
     EXPECT_EQ(m_scheduler->GetTimeElapsed(), 800);
     EXPECT_EQ(&m_scheduler->GetClock(), &m_clock);
-    EXPECT_TRUE(fakes::dlog::Has("Loading start time from vconf"));
-    EXPECT_TRUE(fakes::dlog::Has("Loading first boot time from vconf"));
+    ExpectInOrder({"Loading start time from vconf", "Loading first boot time from vconf"});
 }
 
 TEST_F(StoredMoments, TextsThatAreNoNumbersAreLoggedAndCountAsNone) {
@@ -274,10 +241,9 @@ TEST_F(StoredMoments, TextsThatAreNoNumbersAreLoggedAndCountAsNone) {
 
     Start();
 
-    EXPECT_EQ(fakes::dlog::Find("Could not convert start time").priority, DLOG_PRIORITY_ERROR);
-    EXPECT_EQ(fakes::dlog::Find("Could not convert first boot time").priority, DLOG_PRIORITY_ERROR);
     EXPECT_EQ(m_scheduler->GetTimeElapsed(), 1000);
     EXPECT_EQ(fakes::vconf::GetString(kFirstBootKey), "1000");
+    ExpectErrors({"Could not convert start time", "Could not convert first boot time"});
 }
 
 }  // namespace

@@ -1,16 +1,14 @@
 #include "ZOLShiftedClock.h"
 
 #include <dlfcn.h>
-#include <gtest/gtest.h>
 
 #include <ctime>
 #include <stdexcept>
 
+#include "device_test.h"
 #include "dlog.h"
 #include "fake_clock.h"
-#include "fake_dlog.h"
 #include "fake_vconf.h"
-#include "fakes.h"
 #include "time_zone.h"
 
 namespace {
@@ -40,10 +38,8 @@ constexpr const char* kMiddleEurope = "CET-1CEST,M3.5.0,M10.5.0/3";
 constexpr std::int64_t kOctoberChange = 1698541200;  // 2023-10-29 01:00:00 UTC, 03:00 becomes 02:00
 constexpr std::int64_t kMarchChange = 1711846800;    // 2024-03-31 01:00:00 UTC, 02:00 becomes 03:00
 
-class ShiftedClock : public testing::Test {
+class ShiftedClock : public DeviceTest {
 protected:
-    ShiftedClock() { fakes::Reset(); }
-
     void ExpectNoJumpAround(std::int64_t change) {
         for (std::int64_t wall = change - 7200; wall <= change + 7200; wall += 60) {
             fakes::clock::SetWall(wall);
@@ -54,27 +50,17 @@ protected:
     TCShiftedClock m_clock;
 };
 
-TEST_F(ShiftedClock, StartsAsTheWallClockInUtcSeconds) {
+TEST_F(ShiftedClock, StartsAsTheWallClockInUtcSecondsAndReadingItIsLogged) {
     fakes::clock::SetWall(1700000000, 999999999);
 
     EXPECT_EQ(m_clock.GetCurrentTime(), 1700000000);
+    ExpectLogged(DLOG_PRIORITY_DEBUG, {"Getting current time"});
+    EXPECT_EQ(fakes::dlog::Find("Getting current time").buffer, DLOG_BUFFER_SYSTEM);
 }
 
-TEST_F(ShiftedClock, ReadingItIsLoggedForDebugging) {
-    m_clock.GetCurrentTime();
-
-    const fakes::LogLine line = fakes::dlog::Find("Getting current time");
-    EXPECT_EQ(line.priority, DLOG_PRIORITY_DEBUG);
-    EXPECT_EQ(line.buffer, DLOG_BUFFER_SYSTEM);
-}
-
-TEST_F(ShiftedClock, PolicyTimeDoesNotJumpInTheDoubledHour) {
+TEST_F(ShiftedClock, PolicyTimeJumpsNeitherInTheDoubledHourNorInTheOneThatIsLeftOut) {
     const TimeZone zone(kMiddleEurope);
     ExpectNoJumpAround(kOctoberChange);
-}
-
-TEST_F(ShiftedClock, PolicyTimeDoesNotJumpInTheHourThatIsLeftOut) {
-    const TimeZone zone(kMiddleEurope);
     ExpectNoJumpAround(kMarchChange);
 }
 
@@ -92,57 +78,43 @@ TEST_F(ShiftedClock, AMomentWithoutACalendarDateIsRefusedByTheDateLibrary) {
     t_isBeyondCalendar = false;
 }
 
-TEST_F(ShiftedClock, AccumulatedSecondsAddUpAndAreNotStored) {
+TEST_F(ShiftedClock, AccumulatedSecondsAddUpBeyond32BitsAndAreStoredOnlyWhenItIsTold) {
     fakes::clock::SetWall(5000);
-
     m_clock.AccumulateTimeShift(100);
     m_clock.AccumulateTimeShift(-3600);
-
     EXPECT_EQ(m_clock.GetCurrentTime(), 5000 - 3500);
     EXPECT_FALSE(fakes::vconf::Exists(kKey));
-}
-
-TEST_F(ShiftedClock, AShiftBeyond32BitsCounts) {
-    fakes::clock::SetWall(1000);
-
-    m_clock.AccumulateTimeShift(5000000000);
-
-    EXPECT_EQ(m_clock.GetCurrentTime(), 5000001000);
-}
-
-TEST_F(ShiftedClock, StoringWritesTheDecimalTextOfTheShift) {
-    m_clock.AccumulateTimeShift(-3600);
 
     m_clock.StoreTimeShift();
+    EXPECT_EQ(fakes::vconf::GetString(kKey), "-3500");
 
-    EXPECT_EQ(fakes::vconf::GetString(kKey), "-3600");
+    m_clock.AccumulateTimeShift(5000000000);
+    EXPECT_EQ(m_clock.GetCurrentTime(), 5000001500);
 }
 
-TEST_F(ShiftedClock, ResetForgetsTheShiftAndStoresZero) {
+TEST_F(ShiftedClock, ResetForgetsTheShiftAndStoresZeroWhereItCan) {
     fakes::clock::SetWall(1000);
     m_clock.AccumulateTimeShift(77);
-
+    fakes::vconf::Fail(kKey, fakes::vconf::FAIL_SET);
     m_clock.ResetTimeShift();
-
     EXPECT_EQ(m_clock.GetCurrentTime(), 1000);
+    EXPECT_FALSE(fakes::vconf::Exists(kKey));
+
+    fakes::vconf::Fail(kKey, fakes::vconf::FAIL_NONE);
+    m_clock.ResetTimeShift();
     EXPECT_EQ(fakes::vconf::GetString(kKey), "0");
 }
 
-TEST_F(ShiftedClock, AFailedWriteIsIgnored) {
-    fakes::vconf::Fail(kKey, fakes::vconf::FAIL_SET);
-
-    m_clock.ResetTimeShift();
-
-    EXPECT_FALSE(fakes::vconf::Exists(kKey));
-}
-
-TEST_F(ShiftedClock, LoadingTakesTheStoredShift) {
+TEST_F(ShiftedClock, LoadingTakesTheStoredShiftAndWrapsWhereItIsAbsurd) {
     fakes::clock::SetWall(1000);
     fakes::vconf::SetString(kKey, "-250");
-
     m_clock.LoadTimeShift();
-
     EXPECT_EQ(m_clock.GetCurrentTime(), 750);
+
+    fakes::clock::SetWall(1);
+    fakes::vconf::SetString(kKey, "9223372036854775807");
+    m_clock.LoadTimeShift();
+    EXPECT_EQ(m_clock.GetCurrentTime(), INT64_MIN);
 }
 
 TEST_F(ShiftedClock, AMissingKeyLeavesTheShiftAndSaysNothing) {
@@ -164,18 +136,9 @@ TEST_F(ShiftedClock, AStoredTextThatIsNoNumberIsLoggedAndLeavesTheShift) {
         fakes::dlog::Clear();
         fakes::vconf::SetString(kKey, text);
         m_clock.LoadTimeShift();
-        EXPECT_EQ(fakes::dlog::Find("Could not convert time shift").priority, DLOG_PRIORITY_ERROR) << text;
         EXPECT_EQ(m_clock.GetCurrentTime(), 1005) << text;
+        ExpectErrors({"Could not convert time shift"});
     }
-}
-
-TEST_F(ShiftedClock, AnAbsurdStoredShiftWrapsInsteadOfFailing) {
-    fakes::clock::SetWall(1);
-    fakes::vconf::SetString(kKey, "9223372036854775807");
-
-    m_clock.LoadTimeShift();
-
-    EXPECT_EQ(m_clock.GetCurrentTime(), INT64_MIN);
 }
 
 }  // namespace
