@@ -25,20 +25,10 @@ TEST_F(DynamicRingQueue, TakesAnyNumberAndGivesThemBackInOrder) {
         ASSERT_EQ(out, &value);
     }
     EXPECT_FALSE(queue.Get(&out, 0));
-    queue.Destroy();
-}
-
-TEST_F(DynamicRingQueue, AddingAndTakingByTurnsKeepsTheOrder) {
-    int values[6] = {};
-    CCDynamicRingQueue queue;
+    EXPECT_TRUE(queue.Add(&values[0]));
+    queue.Destroy();  // the leak check sees what stays behind
     ASSERT_TRUE(queue.Create());
-    void* out = nullptr;
-    for (int i = 0; i < 6; i += 2) {
-        EXPECT_TRUE(queue.Add(&values[i]));
-        EXPECT_TRUE(queue.Add(&values[i + 1]));
-        EXPECT_TRUE(queue.Get(&out, 0));
-        EXPECT_EQ(out, &values[i / 2]);
-    }
+    EXPECT_FALSE(queue.Get(&out, 0));
     queue.Destroy();
 }
 
@@ -64,19 +54,6 @@ TEST_F(DynamicRingQueue, TakesNoMoreMemoryHoweverLongItIsUsed) {
     EXPECT_EQ(ThreadBlocksInUse(), with + 1) << "the counter counts";
 }
 
-TEST_F(DynamicRingQueue, NodesLeftInItAreReleasedByDestroy) {
-    int value = 0;
-    CCDynamicRingQueue queue;
-    ASSERT_TRUE(queue.Create());
-    EXPECT_TRUE(queue.Add(&value));
-    EXPECT_TRUE(queue.Add(&value));
-    queue.Destroy();  // the leak check sees what stays behind
-    ASSERT_TRUE(queue.Create());
-    void* out = nullptr;
-    EXPECT_FALSE(queue.Get(&out, 0));
-    queue.Destroy();
-}
-
 TEST_F(DynamicRingQueue, AWakeUpWithoutANodeAsserts) {
     CCDynamicRingQueue queue;
     ASSERT_TRUE(queue.Create());
@@ -96,10 +73,8 @@ TEST_F(DynamicRingQueue, UsedOutOfOrderItAsserts) {
     ASSERT_TRUE(queue.Create());
     EXPECT_FALSE(queue.Create());
     queue.Destroy();
-    for (const char* const where : {"m [core/src/RingQueue:342]", "m [core/src/RingQueue:378]",
-                                    "m [core/src/RingQueue:325]", "!m [core/src/RingQueue:303]"}) {
-        EXPECT_EQ(Assertions(where), 1) << where;
-    }
+    ExpectAssertedOnceEach({"m [core/src/RingQueue:342]", "m [core/src/RingQueue:378]",
+                            "m [core/src/RingQueue:325]", "!m [core/src/RingQueue:303]"});
 }
 
 TEST_F(DynamicRingQueue, AnAdderAndAReaderMayWorkAtTheSameTime) {

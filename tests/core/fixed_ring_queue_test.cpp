@@ -16,6 +16,7 @@
 #include "FixedRingQueue.h"
 #include "allocations.h"
 #include "container_fixture.h"
+#include "waiting.h"
 
 namespace {
 
@@ -56,8 +57,9 @@ protected:
     bool m_created = false;
 };
 
-TEST_F(FixedRingQueue, With256SlotsItAccepts255Elements) {
+TEST_F(FixedRingQueue, With256SlotsItAccepts255ElementsAndGivesNoneOfAnEmptyQueue) {
     Create(kSlots);
+    EXPECT_EQ(Get(), std::nullopt);
     for (int i = 0; i < 255; ++i) {
         ASSERT_TRUE(m_queue.Add(&i)) << i;
     }
@@ -66,25 +68,11 @@ TEST_F(FixedRingQueue, With256SlotsItAccepts255Elements) {
     EXPECT_EQ(m_queue.Size(), 255U);
 }
 
-TEST_F(FixedRingQueue, GetWithoutAWaitOnAnEmptyQueueReturnsFalse) {
-    Create(kSlots);
-    EXPECT_EQ(Get(), std::nullopt);
-}
-
 TEST_F(FixedRingQueue, ARemovedElementKeepsItsShareOfTheSizeAndGetSkipsIt) {
     Create(kSlots);
     AddAll({1, 2, 3});
     EXPECT_TRUE(m_queue.Remove(0));
     EXPECT_EQ(m_queue.Size(), 3U);
-    EXPECT_EQ(Get(), 2);
-}
-
-TEST_F(FixedRingQueue, AWakeUpForARemovedElementFindsNothing) {
-    Create(kSlots);
-    AddAll({1});
-    EXPECT_TRUE(m_queue.Remove(0));
-    EXPECT_EQ(Get(), std::nullopt);
-    AddAll({2});
     EXPECT_EQ(Get(), 2);
 }
 
@@ -111,28 +99,17 @@ TEST_F(FixedRingQueue, ElementsComeOutInOrderAcrossTheEndOfTheRing) {
     EXPECT_EQ(m_queue.Size(), 0U);
 }
 
-TEST_F(FixedRingQueue, PeekReadsWithoutTaking) {
+TEST_F(FixedRingQueue, PeekReadsWithoutTakingAndLikeRemoveRefusesPlacesThatHoldNothing) {
     Create(kSlots);
     AddAll({1, 2});
     EXPECT_EQ(Peek(1), 2);
     EXPECT_EQ(Peek(0), 1);
-    EXPECT_EQ(Get(), 1);
-}
-
-TEST_F(FixedRingQueue, PeekRefusesRemovedElementsAndPlacesOutOfRange) {
-    Create(kSlots);
-    AddAll({1});
+    for (const int place : {2, -1}) {
+        EXPECT_EQ(Peek(place), std::nullopt);
+        EXPECT_FALSE(m_queue.Remove(place));
+    }
+    EXPECT_TRUE(m_queue.Remove(1));
     EXPECT_EQ(Peek(1), std::nullopt);
-    EXPECT_EQ(Peek(-1), std::nullopt);
-    EXPECT_TRUE(m_queue.Remove(0));
-    EXPECT_EQ(Peek(0), std::nullopt);
-}
-
-TEST_F(FixedRingQueue, RemoveRefusesPlacesOutOfRange) {
-    Create(kSlots);
-    AddAll({1});
-    EXPECT_FALSE(m_queue.Remove(1));
-    EXPECT_FALSE(m_queue.Remove(-1));
     EXPECT_EQ(Get(), 1);
 }
 
@@ -166,10 +143,7 @@ void AddElsewhere(CCFixedRingQueue* queue) {
             _exit(1);
         }
     }).detach();
-    while (adder == 0 || !Sleeps(adder)) {
-        std::this_thread::yield();
-    }
-    _exit(0);
+    _exit(Eventually([&] { return adder != 0 && Sleeps(adder); }) ? 0 : 2);
 }
 
 using FixedRingQueueDeathTest = FixedRingQueue;
@@ -212,22 +186,16 @@ TEST_F(FixedRingQueue, UsedBeforeCreateItAsserts) {
     EXPECT_FALSE(m_queue.Peek(0, &value));
     EXPECT_FALSE(m_queue.Remove(0));
     EXPECT_EQ(m_queue.Size(), 0U);
-    for (const char* const line : {"201", "238", "256", "279"}) {
-        EXPECT_EQ(Assertions(std::string("m [core/src/RingQueue:") + line + "]"), 1) << line;
-    }
+    ExpectAssertedOnceEach({"m [core/src/RingQueue:201]", "m [core/src/RingQueue:238]",
+                            "m [core/src/RingQueue:256]", "m [core/src/RingQueue:279]"});
 }
 
-TEST_F(FixedRingQueue, CreatedTwiceItAssertsAndKeepsItsElements) {
+TEST_F(FixedRingQueue, CreatedTwiceItAssertsAndKeepsItsElementsUntilItIsDestroyed) {
     Create(kSlots);
-    AddAll({1});
+    AddAll({1, 2});
     EXPECT_FALSE(m_queue.Create(sizeof(int), kSlots, true, false));
     EXPECT_EQ(Assertions("!m [core/src/RingQueue:115]"), 1);
     EXPECT_EQ(Get(), 1);
-}
-
-TEST_F(FixedRingQueue, CanBeCreatedAgainAfterDestroy) {
-    Create(kSlots);
-    AddAll({1});
     m_queue.Destroy();
     Create(4);
     EXPECT_EQ(m_queue.Size(), 0U);
@@ -268,22 +236,16 @@ TEST_F(FixedRingQueue, ManyAddersAndOneReaderLoseAndRepeatNothing) {
         adders.emplace_back([this, adder] {
             for (int i = 0; i < kEach; ++i) {
                 const int value = adder * kEach + i;
-                while (!m_queue.Add(&value)) {
-                    std::this_thread::yield();
-                }
+                EXPECT_TRUE(Eventually([&] { return m_queue.Add(&value); }));
             }
         });
     }
     std::array<int, kAdders> next{};
-    for (int received = 0; received < kAdders * kEach;) {
-        const std::optional<int> value = Get();
-        if (!value) {
-            std::this_thread::yield();
-            continue;
-        }
-        const auto adder = static_cast<std::size_t>(*value / kEach);
-        EXPECT_EQ(*value % kEach, next.at(adder)++) << "each adder's elements keep their order";
-        ++received;
+    for (int received = 0; received < kAdders * kEach; ++received) {
+        int value = 0;
+        EXPECT_TRUE(Eventually([&] { return m_queue.Get(&value, 0); }));
+        const auto adder = static_cast<std::size_t>(value / kEach);
+        EXPECT_EQ(value % kEach, next.at(adder)++) << "each adder's elements keep their order";
     }
     for (std::thread& adder : adders) {
         adder.join();
@@ -296,9 +258,7 @@ TEST_F(FixedRingQueue, PeekAndRemoveFromAnotherThreadDisturbNeitherAddersNorRead
     Create(16);
     std::thread adder([this] {
         for (int value = 1; value <= kValues; ++value) {
-            while (!m_queue.Add(&value)) {
-                std::this_thread::yield();
-            }
+            EXPECT_TRUE(Eventually([&] { return m_queue.Add(&value); }));
         }
     });
     int removed = 0;
@@ -316,14 +276,10 @@ TEST_F(FixedRingQueue, PeekAndRemoveFromAnotherThreadDisturbNeitherAddersNorRead
     });
     int last = 0;
     int received = 0;
-    while (last < kValues) {
-        const std::optional<int> value = Get();
-        if (value) {
-            EXPECT_GT(*value, last);
-            last = *value;
-            ++received;
-        }
-        std::this_thread::yield();
+    for (int value = 0; last < kValues; ++received) {
+        EXPECT_TRUE(Eventually([&] { return m_queue.Get(&value, 0); }));
+        EXPECT_GT(value, last);
+        last = value;
     }
     adder.join();
     remover.join();

@@ -20,22 +20,43 @@ protected:
 
 TEST_F(LogConfiguration, WithoutAFileErrorDebugAndGeneralLinesGoToThePlatformLog) {
     Initialize();
-
     EXPECT_EQ(g_logType, 11U);
     EXPECT_EQ(g_logWay, LOG_WAY_DLOG);
     EXPECT_EQ(g_ipListIdx, 0);
     EXPECT_EQ(g_sockfd, -1);
+
+    fakes::MakeDeviceFolder("/usr/bin/gst_log.conf");
+    Finalize();
+    Initialize();
+    EXPECT_EQ(g_logType, 11U) << "a folder is no file";
 }
 
-TEST_F(LogConfiguration, PrintFollowedByAnEmptyLineGivesThePlatformLog) {
-    Load("PRINT\n\nZ:E\n");
-    EXPECT_EQ(g_logWay, LOG_WAY_DLOG);
-}
-
-TEST_F(LogConfiguration, TheLastWayWins) {
-    Load("DLOG\nUDP\nPRINT\nZ:E\n");
-    EXPECT_EQ(g_logWay, LOG_WAY_PRINT);
-    EXPECT_EQ(g_logType, 1U);
+TEST_F(LogConfiguration, WaysAndTypesAreReadToTheFirstModuleLineThatMatches) {
+    struct {
+        const char* what;
+        std::string file;
+        unsigned way;
+        unsigned types;
+    } const cases[] = {
+        {"an empty line behind PRINT gives the platform log", "PRINT\n\nZ:E\n", LOG_WAY_DLOG, 1},
+        {"the last way wins", "DLOG\nUDP\nPRINT\nZ:E\n", LOG_WAY_PRINT, 1},
+        {"a letter that stands twice is added twice", "Z:EE\n", LOG_WAY_DLOG, 2},
+        {"another module's line is ignored, which sets nothing", "X:E\n", LOG_WAY_DLOG, 11},
+        {"and the next one is read", "X:E\nZ:I\n", LOG_WAY_DLOG, 4},
+        {"a star matches every module", "PRINT\n*:E\n", LOG_WAY_PRINT, 1},
+        {"a star for the types sets all four and ends the reading", "DLOG\nZ:*E\nPRINT\n", LOG_WAY_DLOG, 15},
+        {"lines behind a matching one are not read", "Z:EG\nPRINT\n10.0.0.2\nZ:D\n", LOG_WAY_DLOG, 9},
+        {"unknown type letters are skipped", "Z:xEyIz\n", LOG_WAY_DLOG, 5},
+        {"without types the reading ends and leaves the defaults", "PRINT\nZ:\nUDP\n", LOG_WAY_DLOG, 11},
+        {"an endless line is read in pieces", std::string(1000, 'x') + "\nZ:E\n", LOG_WAY_DLOG, 1},
+    };
+    for (const auto& [what, file, way, types] : cases) {
+        Finalize();
+        Load(file);
+        EXPECT_EQ(g_logWay, way) << what;
+        EXPECT_EQ(g_logType, types) << what;
+        EXPECT_EQ(g_ipListIdx, 0) << what;
+    }
 }
 
 TEST_F(LogConfiguration, UdpWithAnAddressAndThreeTypes) {
@@ -49,17 +70,13 @@ TEST_F(LogConfiguration, UdpWithAnAddressAndThreeTypes) {
     EXPECT_GE(g_sockfd, 0);
 }
 
-TEST_F(LogConfiguration, AWayWithAnAddressBehindItIsAnAddress) {
-    Load("UDP 10.0.0.2\nUDP 10.20.30.40\nZ:E\n");
+TEST_F(LogConfiguration, AWayWithAnAddressBehindItIsAnAddressOfFifteenCharacters) {
+    Load("UDP 10.0.0.2\nUDP 10.20.30.4055\nZ:E\n");
 
     EXPECT_EQ(g_logWay, LOG_WAY_DLOG);
     ASSERT_EQ(g_ipListIdx, 2);
     EXPECT_STREQ(g_ipList[0], "UDP 10.0.0.2");
-}
-
-TEST_F(LogConfiguration, AnAddressKeepsItsFirstFifteenCharacters) {
-    Load("123.123.123.12345\n");
-    EXPECT_STREQ(g_ipList[0], "123.123.123.123");
+    EXPECT_STREQ(g_ipList[1], "UDP 10.20.30.40");
 }
 
 TEST_F(LogConfiguration, ALineEndsAtItsFirstLowerCaseR) {
@@ -68,49 +85,6 @@ TEST_F(LogConfiguration, ALineEndsAtItsFirstLowerCaseR) {
     ASSERT_EQ(g_ipListIdx, 1) << "\"delive\" holds no dot";
     EXPECT_STREQ(g_ipList[0], "10.0.0.2");
     EXPECT_EQ(g_logType, 1U);
-}
-
-TEST_F(LogConfiguration, ALetterThatStandsTwiceIsAddedTwice) {
-    Load("Z:EE\n");
-    EXPECT_EQ(g_logType, 2U);
-}
-
-TEST_F(LogConfiguration, AModuleLineOfAnotherModuleIsIgnored) {
-    Load("X:E\n");
-    EXPECT_EQ(g_logType, 11U) << "nothing was set";
-
-    Finalize();
-    Load("X:E\nZ:I\n");
-    EXPECT_EQ(g_logType, 4U);
-}
-
-TEST_F(LogConfiguration, AStarMatchesEveryModule) {
-    Load("*:E\n");
-    EXPECT_EQ(g_logType, 1U);
-}
-
-TEST_F(LogConfiguration, AStarForTheTypesSetsAllFourAndEndsTheReading) {
-    Load("DLOG\nZ:*E\nPRINT\n");
-    EXPECT_EQ(g_logType, 15U);
-    EXPECT_EQ(g_logWay, LOG_WAY_DLOG);
-}
-
-TEST_F(LogConfiguration, LinesBehindAMatchingModuleLineAreNotRead) {
-    Load("Z:EG\nPRINT\n10.0.0.2\nZ:D\n");
-    EXPECT_EQ(g_logType, 9U);
-    EXPECT_EQ(g_logWay, LOG_WAY_DLOG);
-    EXPECT_EQ(g_ipListIdx, 0);
-}
-
-TEST_F(LogConfiguration, UnknownTypeLettersAreSkipped) {
-    Load("Z:xEyIz\n");
-    EXPECT_EQ(g_logType, 5U);
-}
-
-TEST_F(LogConfiguration, AModuleLineWithoutTypesEndsTheReadingAndLeavesTheDefaults) {
-    Load("PRINT\nZ:\nUDP\n");
-    EXPECT_EQ(g_logType, 11U);
-    EXPECT_EQ(g_logWay, LOG_WAY_DLOG);
 }
 
 TEST_F(LogConfiguration, UdpWithoutTypesEndsWithThePlatformLogAndAnOpenSocket) {
@@ -129,17 +103,6 @@ TEST_F(LogConfiguration, MoreAddressesThanSlotsAreIgnored) {
 
     EXPECT_EQ(g_ipListIdx, kMaxLogAddresses);
     EXPECT_STREQ(g_ipList[kMaxLogAddresses - 1], "10.0.2.55");
-}
-
-TEST_F(LogConfiguration, AnEndlessLineIsReadInPieces) {
-    Load(std::string(1000, 'x') + "\nZ:E\n");
-    EXPECT_EQ(g_logType, 1U);
-}
-
-TEST_F(LogConfiguration, AFolderInItsPlaceIsAsGoodAsNoFile) {
-    fakes::MakeDeviceFolder("/usr/bin/gst_log.conf");
-    Initialize();
-    EXPECT_EQ(g_logType, 11U);
 }
 
 TEST_F(LogConfiguration, FinalizeClosesTheSocketOfLinesThatGoOutByUdp) {

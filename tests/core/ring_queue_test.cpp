@@ -26,22 +26,17 @@ TEST_F(RingQueue, HoldsOnePointerLessThanItHasSlots) {
     queue.Destroy();
 }
 
-TEST_F(RingQueue, RefusesToHaveNoSlots) {
-    CCRingQueue queue;
-    EXPECT_FALSE(queue.Create(0));
-}
-
-TEST_F(RingQueue, UsedOutOfOrderItAsserts) {
+TEST_F(RingQueue, UsedOutOfOrderItAssertsAndItRefusesToHaveNoSlots) {
     CCRingQueue queue;
     void* out = nullptr;
+    EXPECT_FALSE(queue.Create(0));
     EXPECT_FALSE(queue.Add(nullptr));
     EXPECT_FALSE(queue.Get(&out, 0));
     ASSERT_TRUE(queue.Create(2));
     EXPECT_FALSE(queue.Create(2));
     queue.Destroy();
-    EXPECT_EQ(Assertions("m [core/src/RingQueue:55]"), 1);
-    EXPECT_EQ(Assertions("m [core/src/RingQueue:72]"), 1);
-    EXPECT_EQ(Assertions("!m [core/src/RingQueue:21]"), 1);
+    ExpectAssertedOnceEach(
+        {"m [core/src/RingQueue:55]", "m [core/src/RingQueue:72]", "!m [core/src/RingQueue:21]"});
 }
 
 TEST_F(RingQueue, AnAdderAndAReaderMayWorkAtTheSameTime) {

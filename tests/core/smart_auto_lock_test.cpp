@@ -70,88 +70,58 @@ protected:
 };
 
 TEST_F(LockWatchdog, ALockHeldForTwelveSecondsTakesTooLongTwice) {
-    Place lock;
-    lock.Lock(&m_mutex, &m_mutex);
-    EXPECT_TRUE(PassInterval(lock.Address())) << "at 5 seconds";
-    EXPECT_TRUE(PassInterval(lock.Address())) << "at 10 seconds";
-    g_main_context_iteration(nullptr, FALSE);  // at 12: not due
-    lock.Unlock();
-
-    EXPECT_EQ(fakes::dlog::Count("[CSmartAutoLock][" + Pointer(&m_mutex) + "] Th[" + Hex(ThreadId()) +
-                                 "] takes too long"),
-              2);
-    EXPECT_EQ(fakes::dlog::Lines().size(), 2U);
-    EXPECT_EQ(Source(lock.Address()), nullptr);
-    EXPECT_EQ(m_mutex.LockerId(), 0U);
-}
-
-TEST_F(LockWatchdog, WithoutATagTheReportHasNone) {
-    Place lock;
-    lock.Lock(&m_mutex, nullptr);
-    EXPECT_TRUE(PassInterval(lock.Address()));
-    lock.Unlock();
-    EXPECT_TRUE(fakes::dlog::Has("[CSmartAutoLock] Th[" + Hex(ThreadId()) + "] takes too long"));
-}
-
-TEST_F(LockWatchdog, AThreadThatWaitsIsBlockedByTheHolder) {
-    m_mutex.Lock();
-    Place tagged;
-    Place plain;
-    std::atomic<unsigned long> waiter{0};
-    std::thread other([&] {
-        waiter = ThreadId();
-        tagged.Lock(&m_mutex, &waiter);
-        plain.Lock(&m_mutex, nullptr);
-        plain.Unlock();
-        tagged.Unlock();
-    });
-    while (Source(tagged.Address()) == nullptr) {
-        std::this_thread::yield();
-    }
-    EXPECT_TRUE(PassInterval(tagged.Address()));
-    EXPECT_TRUE(PassInterval(tagged.Address()));
-    EXPECT_EQ(fakes::dlog::Count("[CSmartAutoLock][" + Pointer(&waiter) + "] Th[" + Hex(waiter) +
-                                 "] is blocked by Th[" + Hex(ThreadId()) + "]"),
-              2);
-    EXPECT_TRUE(m_mutex.Unlock());
-    other.join();
-}
-
-TEST_F(LockWatchdog, WithoutATagTheBlockedReportHasNone) {
-    m_mutex.Lock();
-    Place lock;
-    std::atomic<unsigned long> waiter{0};
-    std::thread other([&] {
-        waiter = ThreadId();
-        lock.Lock(&m_mutex, nullptr);
+    for (void* const tag : {static_cast<void*>(&m_mutex), static_cast<void*>(nullptr)}) {
+        fakes::dlog::Clear();
+        Place lock;
+        lock.Lock(&m_mutex, tag);
+        EXPECT_TRUE(PassInterval(lock.Address())) << "at 5 seconds";
+        EXPECT_TRUE(PassInterval(lock.Address())) << "at 10 seconds";
+        g_main_context_iteration(nullptr, FALSE);  // at 12: not due
         lock.Unlock();
-    });
-    while (Source(lock.Address()) == nullptr) {
-        std::this_thread::yield();
+
+        EXPECT_EQ(Source(lock.Address()), nullptr);
+        EXPECT_EQ(m_mutex.LockerId(), 0U);
+        EXPECT_EQ(Logged("[CSmartAutoLock]" + (tag != nullptr ? "[" + Pointer(tag) + "]" : "") + " Th[" +
+                         Hex(ThreadId()) + "] takes too long"),
+                  2);
+        EXPECT_EQ(fakes::dlog::Lines().size(), 2U);
     }
-    EXPECT_EQ(CSmartAutoLock::sm_CbTimeout(lock.Address()), TRUE);
-    EXPECT_TRUE(fakes::dlog::Has("[CSmartAutoLock] Th[" + Hex(waiter) + "] is blocked by Th[" +
-                                 Hex(ThreadId()) + "]"));
-    EXPECT_TRUE(m_mutex.Unlock());
-    other.join();
 }
 
-TEST_F(LockWatchdog, AMutexThatIsNotCreatedGetsNeitherLockNorWatchdog) {
+TEST_F(LockWatchdog, AThreadThatWaitsIsBlockedByTheHolderAndATagIsNamed) {
+    for (const bool isTagged : {true, false}) {
+        fakes::dlog::Clear();
+        m_mutex.Lock();
+        Place place;
+        std::atomic<unsigned long> waiter{0};
+        std::thread other([&] {
+            waiter = ThreadId();
+            place.Lock(&m_mutex, isTagged ? &waiter : nullptr);
+            place.Unlock();
+        });
+        ASSERT_TRUE(Eventually([&] { return Source(place.Address()) != nullptr; }));
+        EXPECT_TRUE(PassInterval(place.Address()));
+        EXPECT_TRUE(PassInterval(place.Address()));
+        EXPECT_EQ(Logged("[CSmartAutoLock]" + (isTagged ? "[" + Pointer(&waiter) + "]" : "") + " Th[" +
+                         Hex(waiter) + "] is blocked by Th[" + Hex(ThreadId()) + "]"),
+                  2);
+        EXPECT_TRUE(m_mutex.Unlock());
+        other.join();
+    }
+}
+
+TEST_F(LockWatchdog, AMutexThatIsNotCreatedGetsNeitherLockNorWatchdogNorIsALockReportedThatHasEnded) {
     CCMutex other;
     CSmartAutoLock lock(&other, nullptr);
     CSmartAutoLock none(nullptr, nullptr);
     EXPECT_EQ(Source(&lock), nullptr);
-    EXPECT_EQ(CSmartAutoLock::sm_CbTimeout(&lock), FALSE);
-    EXPECT_EQ(CSmartAutoLock::sm_CbTimeout(&none), FALSE);
-    EXPECT_EQ(CSmartAutoLock::sm_CbTimeout(nullptr), FALSE);
-    EXPECT_TRUE(fakes::dlog::Lines().empty());
-}
-
-TEST_F(LockWatchdog, ALockThatHasEndedIsNotReported) {
-    Place lock;
-    lock.Lock(&m_mutex, nullptr);
-    lock.Unlock();
-    EXPECT_EQ(CSmartAutoLock::sm_CbTimeout(lock.Address()), FALSE);
+    Place ended;
+    ended.Lock(&m_mutex, nullptr);
+    ended.Unlock();
+    for (void* const data : {static_cast<void*>(&lock), static_cast<void*>(&none), ended.Address(),
+                             static_cast<void*>(nullptr)}) {
+        EXPECT_EQ(CSmartAutoLock::sm_CbTimeout(data), FALSE);
+    }
     EXPECT_TRUE(fakes::dlog::Lines().empty());
 }
 
@@ -197,9 +167,8 @@ TEST_F(LockWatchdog, ALockEndsWhileItsReportIsStuckInTheLog) {
         g_seqNum = 0;
         StuckOutput output;
         std::thread mainLoop([&] { CSmartAutoLock::sm_CbTimeout(lock.Address()); });
-        while (g_seqNum == 0) {  // taken when the line is made, just before it gets stuck
-            std::this_thread::yield();
-        }
+        // Taken when the line is made, just before it gets stuck.
+        EXPECT_TRUE(Eventually([] { return g_seqNum != 0; }));
         std::thread other([&] {
             { CSmartAutoLock second(&m_other, nullptr); }
             ended.Add();

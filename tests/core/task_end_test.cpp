@@ -16,9 +16,7 @@ public:
     static pid_t ThisThread() { return static_cast<pid_t>(syscall(SYS_gettid)); }
     /// Waits until the thread is no more.
     static void AwaitEnd(pid_t thread) {
-        while (syscall(SYS_tgkill, getpid(), thread, 0) == 0) {
-            std::this_thread::yield();
-        }
+        EXPECT_TRUE(Eventually([thread] { return syscall(SYS_tgkill, getpid(), thread, 0) != 0; }));
     }
 
 protected:
@@ -94,9 +92,7 @@ TEST_F(TaskEnd, ASynchronousSenderIsReleasedByATaskThatDestroysItself) {
     ASSERT_TRUE(task.Post(EVENT_CALL));
     ASSERT_TRUE(gate.AwaitArrival());
     std::thread sender([&] { task.Post(EVENT_COUNT, true); });
-    while (task.Size() == 0) {
-        std::this_thread::yield();
-    }
+    EXPECT_TRUE(Eventually([&] { return task.Size() != 0; }));
 
     gate.Open();
     sender.join();

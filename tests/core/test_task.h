@@ -83,5 +83,4 @@ protected:
 
     /// Waits until the loop has nothing to do before the moment `left` from now.
     static bool AwaitPause(ms left = ms(10)) { return fakes::clock::AwaitSleeper(left); }
-    static int Asserted(const std::string& text) { return fakes::dlog::Count("ASSERT: " + text); }
 };

@@ -83,26 +83,21 @@ TEST_F(Thread, HasNoIdOnceItsBodyHasReturned) {
     Runner thread([&] { done.Add(); });
     ASSERT_TRUE(thread.Create("runner", kStack));
     ASSERT_TRUE(done.Await(1));
-    while (thread.Id() != static_cast<unsigned long>(-1)) {
-        std::this_thread::yield();
-    }
+    EXPECT_TRUE(Eventually([&] { return thread.Id() == static_cast<unsigned long>(-1); }));
     thread.Destroy();
 }
 
-TEST_F(Thread, ANameLongerThanSixteenCharactersIsCutToFifteenInTheKernel) {
+TEST_F(Thread, ANameReachesTheSystemWithItsFirstSixteenCharactersOfWhichItKeepsFifteen) {
     std::string name;
     Runner thread([&] { name = KernelName(); });
     ASSERT_TRUE(thread.Create("0123456789abcdefghij", kStack));
     thread.Destroy();
+    EXPECT_EQ(g_asked.name, "0123456789abcdef");
     EXPECT_EQ(name, "0123456789abcde");
-}
 
-TEST_F(Thread, WithAnEmptyNameKeepsThatOfItsMaker) {
-    std::string name;
-    Runner thread([&] { name = KernelName(); });
     ASSERT_TRUE(thread.Create("", kStack));
     thread.Destroy();
-    EXPECT_EQ(name, KernelName());
+    EXPECT_EQ(name, KernelName()) << "an empty one leaves that of its maker";
 }
 
 TEST_F(Thread, GetsTheFloorWhenItAsksForLessStackAndStillTellsWhatItAskedFor) {
@@ -162,13 +157,6 @@ TEST_F(Thread, DestroyedByItselfReportsAndDoesNotWait) {
     EXPECT_TRUE(fakes::dlog::Has("Assert Error : Current Thread can't destroy itself\n"));
 }
 
-TEST_F(Thread, ANameReachesTheSystemWithItsFirstSixteenCharacters) {
-    Runner thread([] {});
-    ASSERT_TRUE(thread.Create("0123456789abcdefghij", kStack));
-    thread.Destroy();
-    EXPECT_EQ(g_asked.name, "0123456789abcdef");
-}
-
 TEST_F(Thread, EachPriorityHasItsNiceValue) {
     constexpr std::pair<int, int> kNice[] = {{CCThread::PRIORITY_HIGH, -10},
                                              {CCThread::PRIORITY_NORMAL, 0},
@@ -201,20 +189,7 @@ TEST_F(Thread, EachPriorityHasItsNiceValue) {
     thread.Destroy();
 }
 
-TEST_F(Thread, APriorityThatTheSystemRefusesIsNotKept) {
-    Gate gate;
-    Runner thread([&] { gate.Pass(); });
-    ASSERT_TRUE(thread.Create("runner", kStack));
-    EXPECT_TRUE(thread.SetPriority(CCThread::PRIORITY_LOW));
-    g_asked.answer = -1;
-    EXPECT_FALSE(thread.SetPriority(CCThread::PRIORITY_HIGH));
-    EXPECT_FALSE(CCThread::SetSelfPriority(CCThread::PRIORITY_HIGH));
-    EXPECT_EQ(thread.Priority(), CCThread::PRIORITY_LOW);
-    gate.Open();
-    thread.Destroy();
-}
-
-TEST_F(Thread, APriorityIsThatOfTheThreadInTheSystem) {
+TEST_F(Thread, APriorityIsThatOfTheThreadInTheSystemUnlessThatRefusesIt) {
     Gate gate;
     int nice = 0;
     Runner thread([&] {
@@ -224,6 +199,9 @@ TEST_F(Thread, APriorityIsThatOfTheThreadInTheSystem) {
     ASSERT_TRUE(thread.Create("runner", kStack));
     EXPECT_EQ(thread.Priority(), CCThread::PRIORITY_NORMAL);
     EXPECT_TRUE(thread.SetPriority(CCThread::PRIORITY_LOW));
+    g_asked.answer = -1;
+    EXPECT_FALSE(thread.SetPriority(CCThread::PRIORITY_HIGH));
+    EXPECT_FALSE(CCThread::SetSelfPriority(CCThread::PRIORITY_HIGH));
     EXPECT_EQ(thread.Priority(), CCThread::PRIORITY_LOW);
     gate.Open();
     thread.Destroy();
@@ -239,9 +217,7 @@ TEST_F(Thread, ThePriorityOfAThreadThatHasEndedCannotBeSet) {
     });
     ASSERT_TRUE(thread.Create("runner", kStack));
     ASSERT_TRUE(done.Await(1));
-    while (syscall(SYS_tgkill, getpid(), kernelId, 0) == 0) {
-        std::this_thread::yield();
-    }
+    ASSERT_TRUE(Eventually([&] { return syscall(SYS_tgkill, getpid(), kernelId, 0) != 0; }));
     EXPECT_FALSE(thread.SetPriority(CCThread::PRIORITY_LOW));
     EXPECT_EQ(thread.Priority(), CCThread::PRIORITY_NORMAL);
     thread.Destroy();
@@ -268,22 +244,12 @@ TEST_F(Thread, UsedOutsideOfCreateAndDestroyItAsserts) {
     EXPECT_FALSE(thread.SetPriority(CCThread::PRIORITY_LOW));
     thread.Destroy();
 
-    for (const char* place :
-         {"threadName != NULL [core/src/Thread:79]", "m [core/src/Thread:195]", "m [core/src/Thread:187]",
-          "m [core/src/Thread:278]", "m [core/src/Thread:208]", "m [core/src/Thread:164]"}) {
-        EXPECT_EQ(fakes::dlog::Count(std::string("ASSERT: ") + place), 1) << place;
-    }
-}
-
-TEST_F(Thread, CreatedTwiceAsserts) {
-    SurviveAssertions();
-    Gate gate;
-    Runner thread([&] { gate.Pass(); });
     ASSERT_TRUE(thread.Create("runner", kStack));
     EXPECT_FALSE(thread.Create("again", kStack));
-    EXPECT_TRUE(fakes::dlog::Has("ASSERT: !m [core/src/Thread:78]"));
-    gate.Open();
     thread.Destroy();
+    ExpectAssertedOnceEach({"threadName != NULL [core/src/Thread:79]", "m [core/src/Thread:195]",
+                            "m [core/src/Thread:187]", "m [core/src/Thread:278]", "m [core/src/Thread:208]",
+                            "m [core/src/Thread:164]", "!m [core/src/Thread:78]"});
 }
 
 }  // namespace

@@ -1,16 +1,12 @@
-#include <gtest/gtest.h>
 #include <time.h>
 
 #include "Time.h"
+#include "device_test.h"
 #include "fake_clock.h"
-#include "fakes.h"
 
 namespace {
 
-class Time : public testing::Test {
-protected:
-    Time() { fakes::Reset(); }
-};
+using Time = DeviceTest;
 
 TEST_F(Time, TheStampsReadTheWallClockInTheirUnits) {
     fakes::clock::SetWall(1700000000, 123456789);
@@ -40,7 +36,7 @@ TEST_F(Time, SleepTakesMillisecondsInA32BitProduct) {
     EXPECT_EQ(fakes::clock::SleptUs(), 1500007U + 704U);
 }
 
-TEST_F(Time, TheThreadsTicksAreMillisecondsOfItsOwnProcessorTime) {
+TEST_F(Time, TheThreadsTicksAreMillisecondsOfItsOwnProcessorTimeWhateverTheWallClockSays) {
     const auto used = [] {
         timespec time{};
         clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
@@ -52,20 +48,13 @@ TEST_F(Time, TheThreadsTicksAreMillisecondsOfItsOwnProcessorTime) {
     EXPECT_GE(tick, first);
     EXPECT_LE(tick, used());
 
+    fakes::clock::Advance(std::chrono::hours(1));
     while (CCTime::ThreadTick() < tick + 2) {  // works, so that it moves
     }
     EXPECT_GE(used(), tick + 2);
     const std::uint64_t later = ustick();
     EXPECT_GE(later, tick + 2);
     EXPECT_LE(later, used());
-}
-
-TEST_F(Time, TheThreadsTicksDoNotFollowTheWallClock) {
-    const std::uint64_t before = CCTime::ThreadTick();
-
-    fakes::clock::Advance(std::chrono::hours(1));
-
-    EXPECT_LT(CCTime::ThreadTick(), before + 3600000U);
 }
 
 }  // namespace

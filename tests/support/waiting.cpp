@@ -6,6 +6,8 @@
 namespace {
 
 constexpr unsigned kLookMs = 2;
+/// Looks without a pause first: much comes in a moment.
+constexpr int kQuickLooks = 1000;
 
 gboolean GoOn(gpointer /*data*/) {
     return G_SOURCE_CONTINUE;
@@ -25,7 +27,14 @@ bool WaitUntil(const std::function<bool()>& condition, const std::function<void(
 }  // namespace
 
 bool Eventually(const std::function<bool()>& condition) {
-    return WaitUntil(condition, [] { std::this_thread::sleep_for(std::chrono::milliseconds(kLookMs)); });
+    int looks = 0;
+    return WaitUntil(condition, [&looks] {
+        if (++looks < kQuickLooks) {
+            std::this_thread::yield();
+        } else {
+            std::this_thread::sleep_for(std::chrono::milliseconds(kLookMs));
+        }
+    });
 }
 
 bool ServeUntil(const std::function<bool()>& condition, GMainContext* context) {
