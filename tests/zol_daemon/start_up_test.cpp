@@ -1,7 +1,6 @@
 #include "zol_daemon.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <malloc.h>
 
 #include <algorithm>
@@ -9,10 +8,9 @@
 #include <string>
 #include <vector>
 
+#include "device_test.h"
 #include "dlog.h"
-#include "fake_dlog.h"
 #include "fake_parts.h"
-#include "fakes.h"
 
 namespace {
 
@@ -23,10 +21,8 @@ using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::Not;
 
-class Daemon : public testing::Test {
+class Daemon : public DeviceTest {
 protected:
-    Daemon() { fakes::Reset(); }
-
     static int Run(const Plan& plan = {}) {
         fake_parts::Reset(plan);
         return zol_daemon::main();
@@ -99,55 +95,41 @@ TEST_F(Daemon, EveryLineCarriesTheNamesOfTheEntryPointAndALineNumberOfItsOwn) {
         places.insert(line.text.substr(0, line.text.find(" > ")));
     }
     EXPECT_EQ(places.size(), 5U);
-    EXPECT_EQ(fakes::dlog::Find("test mode is on").priority, DLOG_PRIORITY_INFO);
-    EXPECT_EQ(fakes::dlog::Find("Create g_main_loop").priority, DLOG_PRIORITY_DEBUG);
+    ExpectLogged(DLOG_PRIORITY_INFO, {"test mode is on"});
+    ExpectLogged(DLOG_PRIORITY_DEBUG, {"Create g_main_loop", "Debug Image!"});
 }
 
-TEST_F(Daemon, TheMmapThresholdIsSetOnlyAfterTheArenaLimitWasAccepted) {
-    Plan plan;
-    plan.refusedOption = M_ARENA_MAX;
+TEST_F(Daemon, TheMmapThresholdIsSetOnlyAfterTheArenaLimitWasAcceptedAndTheStartGoesOn) {
+    for (const int refused : {M_ARENA_MAX, M_MMAP_THRESHOLD}) {
+        fakes::dlog::Clear();
+        Plan plan;
+        plan.refusedOption = refused;
 
-    EXPECT_EQ(Run(plan), 0);
+        EXPECT_EQ(Run(plan), 0);
 
-    EXPECT_THAT(Steps(), Contains("arenas 1"));
-    EXPECT_THAT(Steps(), Not(Contains("mmap threshold 32768")));
-    EXPECT_THAT(Steps(), Contains("run")) << "the start goes on";
-    EXPECT_EQ(Messages().front(), "Create g_main_loop");
+        const auto hasThreshold = Contains("mmap threshold 32768");
+        EXPECT_EQ(testing::Matches(hasThreshold)(Steps()), refused == M_MMAP_THRESHOLD);
+        EXPECT_THAT(Steps(), testing::IsSupersetOf({"arenas 1", "run"}));
+        EXPECT_EQ(Messages().front(), "Create g_main_loop");
+    }
 }
 
-TEST_F(Daemon, ARefusedMmapThresholdIsSilentAndTheStartGoesOn) {
-    Plan plan;
-    plan.refusedOption = M_MMAP_THRESHOLD;
-
-    EXPECT_EQ(Run(plan), 0);
-
-    EXPECT_THAT(Steps(), Contains("run"));
-    EXPECT_EQ(Messages().front(), "Create g_main_loop");
-}
-
-TEST_F(Daemon, WithoutTheDebugMarkerThereIsNoTestRecorder) {
+TEST_F(Daemon, AnEmptyFileOrFolderMakesADebugImageWhoseRecorderComesLast) {
     Run();
-
     EXPECT_THAT(Steps(), Not(Contains("key combinations")));
-    EXPECT_FALSE(fakes::dlog::Has("Debug Image!"));
-}
+    EXPECT_EQ(Logged("Debug Image!"), 0);
 
-TEST_F(Daemon, AnEmptyFileMakesADebugImageWhoseRecorderComesLast) {
     fakes::WriteDeviceFile("/etc/debug", "");
-
     Run();
+    const auto steps =
+        UpTo("+control", {"key combinations", "run", "-control", "-power", "-manager", "-server"});
+    EXPECT_THAT(Steps(), ElementsAreArray(steps));
 
-    EXPECT_THAT(Steps(), ElementsAreArray(UpTo("+control", {"key combinations", "run", "-control", "-power",
-                                                            "-manager", "-server"})));
-    EXPECT_EQ(fakes::dlog::Find("Debug Image!").priority, DLOG_PRIORITY_DEBUG);
-}
-
-TEST_F(Daemon, AFolderMakesADebugImageToo) {
+    fakes::Reset();
     fakes::MakeDeviceFolder("/etc/debug");
-
     Run();
-
-    EXPECT_TRUE(fakes::dlog::Has("Debug Image!"));
+    EXPECT_THAT(Steps(), ElementsAreArray(steps));
+    ExpectLogged(DLOG_PRIORITY_DEBUG, {"Debug Image!"});
 }
 
 TEST_F(Daemon, WithoutAMainLoopEverythingIsBuiltReportedAndTakenDown) {
@@ -160,27 +142,24 @@ TEST_F(Daemon, WithoutAMainLoopEverythingIsBuiltReportedAndTakenDown) {
     EXPECT_THAT(Messages(),
                 ElementsAre("Malloc options set correctly!", "Create g_main_loop", "test mode is on",
                             "Dbus server created. Testmode: 0", "failed to create g_main_loop"));
-    EXPECT_EQ(fakes::dlog::Find("failed to create g_main_loop").priority, DLOG_PRIORITY_ERROR);
+    ExpectErrors({"failed to create g_main_loop"});
 }
 
-TEST_F(Daemon, AnExceptionOutOfThePolicyManagerDestroysOnlyTheServer) {
-    EXPECT_EQ(RunFailing("manager"), 0);
+TEST_F(Daemon, AnExceptionOutOfAPartDestroysInReverseWhatWasBuiltBefore) {
+    struct {
+        const char* part;
+        const char* last;
+        std::vector<std::string> teardown;
+    } const cases[] = {{"manager", "+logger", {"-server"}},
+                       {"power", "storage", {"-manager", "-server"}},
+                       {"control", "+power", {"-power", "-manager", "-server"}}};
+    for (const auto& [part, last, teardown] : cases) {
+        EXPECT_EQ(RunFailing(part), 0);
 
-    EXPECT_THAT(Steps(), ElementsAreArray(UpTo("+logger", {"-server"})));
-    EXPECT_EQ(Messages().back(), "ZOL error");
-    EXPECT_EQ(fakes::dlog::Find("ZOL error").priority, DLOG_PRIORITY_ERROR);
-}
-
-TEST_F(Daemon, AnExceptionOutOfThePowerHooksDestroysManagerThenServer) {
-    EXPECT_EQ(RunFailing("power"), 0);
-
-    EXPECT_THAT(Steps(), ElementsAreArray(UpTo("storage", {"-manager", "-server"})));
-}
-
-TEST_F(Daemon, AnExceptionOutOfTheControlAdapterDestroysAllInReverse) {
-    EXPECT_EQ(RunFailing("control"), 0);
-
-    EXPECT_THAT(Steps(), ElementsAreArray(UpTo("+power", {"-power", "-manager", "-server"})));
+        EXPECT_THAT(Steps(), ElementsAreArray(UpTo(last, teardown)));
+        EXPECT_EQ(Messages().back(), "ZOL error");
+    }
+    ExpectErrors({"ZOL error"});
 }
 
 TEST_F(Daemon, AnInterruptedThreadIsReportedAsSuch) {
@@ -188,7 +167,7 @@ TEST_F(Daemon, AnInterruptedThreadIsReportedAsSuch) {
 
     EXPECT_THAT(Steps(), ElementsAreArray(UpTo("file log on", {})));
     EXPECT_EQ(Messages().back(), "boost::thread_interrupted");
-    EXPECT_EQ(fakes::dlog::Find("boost::thread_interrupted").priority, DLOG_PRIORITY_ERROR);
+    ExpectErrors({"boost::thread_interrupted"});
 }
 
 }  // namespace
