@@ -117,6 +117,13 @@ bool AwaitSleeper(nanoseconds duration, int sleepers) {
     });
 }
 
+bool PassSleeps(nanoseconds duration, int times) {
+    for (; times > 0 && AwaitSleeper(duration); --times) {
+        Advance(duration);
+    }
+    return times == 0;
+}
+
 void SleepAdvances(bool on) {
     const std::lock_guard<std::mutex> lock(The().mutex);
     The().sleepAdvances = on;

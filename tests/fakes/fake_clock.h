@@ -23,6 +23,9 @@ void FailRealtime(bool fail);
 /// Advance has woken do not count.
 bool AwaitSleeper(std::chrono::nanoseconds duration, int sleepers = 1);
 
+/// Lets time pass so often, each time as soon as a thread sleeps for that long; false when patience ends.
+[[nodiscard]] bool PassSleeps(std::chrono::nanoseconds duration, int times);
+
 /// By default platform_sleep_us lets the time pass by itself and returns at once; off: it blocks until
 /// Advance.
 void SleepAdvances(bool on);

@@ -38,10 +38,7 @@ protected:
         EXPECT_EQ(fakes::vconf::GetInt(kVersionKey), 33);
     }
     static void LetOneSchedulerPassGoBy() {
-        for (int step = 0; step < 6; ++step) {
-            ASSERT_TRUE(fakes::clock::AwaitSleeper(std::chrono::seconds(5)));
-            fakes::clock::Advance(std::chrono::seconds(5));
-        }
+        ASSERT_TRUE(fakes::clock::PassSleeps(std::chrono::seconds(5), 6));
     }
 };
 
@@ -229,19 +226,6 @@ TEST_F(PolicyManager, AnItemThatHoldsAlreadyIsReportedAtOnceAndNotWatched) {
     EXPECT_EQ(Count("m_Notify() CALL"), 1);
     EXPECT_EQ(fakes::vconf::Registrations("db/a"), 0);
     EXPECT_EQ(fakes::vconf::Registrations("db/b"), 1);
-}
-
-TEST_F(PolicyManager, TenThousandItemsAreStoredAndWatched) {
-    std::string items;
-    for (int item = 0; item < 10000; ++item) {
-        items += ItemFor("db/k" + std::to_string(item));
-    }
-    StartAndPush(Document(items, 10000));
-
-    EXPECT_EQ(StoredPolicy(), Document(items, 10000));
-    EXPECT_EQ(Applied().vconfMonitors.size(), 10000U);
-    EXPECT_EQ(fakes::vconf::Registrations("db/k9999"), 1);
-    EXPECT_TRUE(Has("vconfPolicyCount[10000]"));
 }
 
 TEST_F(PolicyManager, AtItsEndEveryCallbackIsWithdrawn) {

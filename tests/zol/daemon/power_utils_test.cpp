@@ -68,10 +68,7 @@ protected:
 
     /// Ends a pass of the scheduler, which has begun before.
     static void FinishSchedulerPass() {
-        for (int step = 0; step < 6; ++step) {
-            ASSERT_TRUE(fakes::clock::AwaitSleeper(5s));
-            fakes::clock::Advance(5s);
-        }
+        ASSERT_TRUE(fakes::clock::PassSleeps(5s, 6));
         ASSERT_TRUE(fakes::clock::AwaitSleeper(5s));
     }
 
@@ -224,16 +221,6 @@ TEST_F(WakeUp, OfAClockThatCannotBeReadStillPreparesThePowerOn) {
 
     EXPECT_TRUE(fakes::dlog::Has("callback failed: no such year"));
     EXPECT_TRUE(ServeUntil(IsPrepared));
-}
-
-TEST_F(WakeUp, WithoutItTheTimeInStandbyIsTakenOut) {
-    Start();
-    ASSERT_TRUE(fakes::clock::AwaitSleeper(5s));
-    fakes::clock::SetWall(5000);
-
-    FinishSchedulerPass();
-
-    EXPECT_EQ(m_clock.GetCurrentTime(), 1000);
 }
 
 TEST_F(PowerThread, EndsWheneverItIsStopped) {

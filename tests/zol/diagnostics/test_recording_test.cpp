@@ -262,6 +262,7 @@ TEST_F(TestRecording, ASecondCallListensAnewAndItsEndEndsListening) {
     m_recording.setKeyCombinationHandler();
     Start();
     EXPECT_TRUE(Recording());
+    Stop();
     m_recording.removeKeyCombinationHandler();
     {
         TCTestRecording other;

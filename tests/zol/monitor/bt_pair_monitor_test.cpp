@@ -105,17 +105,6 @@ TEST_F(BtPairMonitor, EachStepIsLoggedByTheCallbackFromALineOfItsOwn) {
     ExpectPlaces("ZOLBtPairMonitor: BtCountingCb", texts);
 }
 
-TEST_F(BtPairMonitor, TenThousandConnectsOfTheSameRemoteFillTheQueueAndNoMore) {
-    fakes::vconf::SetString(kIdKey, "A");
-    Start(kLastConnected);
-    m_notify.Hold();
-    for (int i = 0; i < 10000; ++i) {
-        Connect();
-    }
-    m_notify.ReleaseAndDrain();
-    EXPECT_EQ(m_notify.Hits(), Hits(kQueueLength, kIndex));
-}
-
 TEST_F(BtPairMonitor, EachConnectOfTheStoredRemoteIsAHitWithoutAnIgnoreTime) {
     fakes::vconf::SetString(kIdKey, "A");
     Start(kLastConnected);

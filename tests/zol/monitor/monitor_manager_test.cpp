@@ -98,12 +98,6 @@ TEST_F(MonitorManager, LaunchItemsAreSkipped) {
     EXPECT_EQ(Logged("APP LAUNCH not implemented"), 0);
 }
 
-TEST_F(MonitorManager, InstallMonitorsStartInTheOrderOfTheirIds) {
-    EXPECT_TRUE(Start({Installing("c"), Installing("a"), Installing("b")}));
-    EXPECT_EQ(RegisteredIds(), std::vector<std::string>({"a", "b", "c"}));
-    EXPECT_EQ(Logged("APP INSTALL monitoring started."), 3);
-}
-
 TEST_F(MonitorManager, TheFirstInstallMonitorThatCannotStartEndsTheStart) {
     fakes::was::FailRegistrations("b", -1);
     EXPECT_FALSE(Start({Installing("c"), Installing("a"), Installing("b")}));

@@ -108,15 +108,6 @@ TEST_F(NotifyManager, TheTgidNamesTheFolderWithItsLineFeedAndMissingToo) {
     EXPECT_TRUE(fakes::DeviceFileExists("/tmp/zol/NULL_1700000000/header.json"));
 }
 
-TEST_F(NotifyManager, TwoReportsWithinASecondShareAFolder) {
-    HandleHit("db/a", 5);
-    CollectorEmptiesTheKey();
-    HandleHit("db/b", 5);
-
-    EXPECT_EQ(PublishedPath(), kFolder);
-    EXPECT_EQ(SentKpiDescriptions().size(), 2U);
-}
-
 TEST_F(NotifyManager, AHeaderThatCannotBeWrittenIsLoggedAndTheReportGoesOut) {
     constexpr rlim_t kBytes = 10;
     {

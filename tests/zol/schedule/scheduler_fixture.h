@@ -36,12 +36,7 @@ protected:
 
     void AwaitSleep() { ASSERT_TRUE(fakes::clock::AwaitSleeper(std::chrono::seconds(5))); }
 
-    void LetStepsPass(int steps) {
-        for (int step = 0; step < steps; ++step) {
-            AwaitSleep();
-            fakes::clock::Advance(std::chrono::seconds(5));
-        }
-    }
+    void LetStepsPass(int steps) { ASSERT_TRUE(fakes::clock::PassSleeps(std::chrono::seconds(5), steps)); }
     void LetStepsPassOnAStandingClock(int steps) {
         for (int step = 0; step < steps; ++step) {
             AwaitSleep();
