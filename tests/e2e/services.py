@@ -79,8 +79,8 @@ class Logind(Mock):
     def prepare_for_sleep(self, begins):
         self._emit("PrepareForSleep", begins)
 
-    def prepare_for_shutdown(self):
-        self._emit("PrepareForShutdown", True)
+    def prepare_for_shutdown(self, begins):
+        self._emit("PrepareForShutdown", begins)
 
 
 class Udisks(Mock):

@@ -32,7 +32,7 @@ class Watcher:
         return self.process.returncode, output + errors
 
 
-def test_a_watch_prints_key_type_and_value_of_every_change(machine):
+def test_a_watch_prints_key_type_and_value_of_every_change_in_one_line(machine):
     watcher = Watcher(machine, NUMBER, TEXT, SWITCH)
     assert watcher.greeting == "watching 3 keys\n"
 
@@ -40,6 +40,8 @@ def test_a_watch_prints_key_type_and_value_of_every_change(machine):
                              (SWITCH, "false", "bool"), (NUMBER, "8", "int"), (TEXT, "", "string")):
         machine.set(key, value, kind)
         assert watcher.next_change() == f"{key}\t{kind}\t{value}\n"
+    machine.set(TEXT, NASTY, "string")
+    assert watcher.next_change() == f"{TEXT}\tstring\t{NASTY_SHOWN}\n"
 
     assert watcher.stop(signal.SIGTERM) == (0, "")
 
@@ -53,20 +55,6 @@ def test_a_watch_tells_of_its_keys_only(machine):
 
     assert watcher.next_change() == f"{NUMBER}\tint\t1\n"
     assert watcher.stop(signal.SIGINT) == (0, "")
-
-
-def test_a_watched_text_of_several_lines_is_printed_as_one(machine):
-    watcher = Watcher(machine, TEXT)
-
-    machine.set(TEXT, NASTY, "string")
-
-    assert watcher.next_change() == f"{TEXT}\tstring\t{NASTY_SHOWN}\n"
-    assert watcher.stop(signal.SIGTERM) == (0, "")
-
-
-@pytest.mark.parametrize("how", [signal.SIGINT, signal.SIGTERM])
-def test_a_watch_ends_in_order_when_it_is_interrupted(machine, how):
-    assert Watcher(machine, NUMBER).stop(how) == (0, "")
 
 
 def test_a_policy_is_pushed_from_a_file(machine, daemon):
