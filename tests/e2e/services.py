@@ -7,7 +7,6 @@ from conftest import wait_for
 
 MOCK = "org.freedesktop.DBus.Mock"
 REMOTE_CLASS = 0x00050C  # class of device: peripheral, remote control
-PHONE_CLASS = 0x5A020C
 
 
 class Mock:
@@ -49,9 +48,9 @@ class Bluez(Mock):
     def path(address):
         return "/org/bluez/hci0/dev_" + address.replace(":", "_")
 
-    def add_remote(self, address, device_class=REMOTE_CLASS):
+    def add_remote(self, address):
         self.bluez.AddDevice("hci0", address, "Remote")
-        self.update(self.path(address), self.DEVICE, {"Class": dbus.UInt32(device_class)})
+        self.update(self.path(address), self.DEVICE, {"Class": dbus.UInt32(REMOTE_CLASS)})
 
     def set_connected(self, address, connected):
         self.update(self.path(address), self.DEVICE, {"Connected": dbus.Boolean(connected)})

@@ -78,23 +78,6 @@ def test_the_stored_policy_is_applied_again_after_a_restart(machine, daemon, how
     assert again.stop() == 0
 
 
-def test_an_update_while_monitoring_runs_is_stored_and_applied_at_the_next_start(machine, daemon):
-    machine.push(policy(int_rule(BACKLIGHT, "IS", 3)))
-    second = policy(int_rule("db/other", "IS", 9))
-
-    assert machine.push(second).returncode == 0
-
-    machine.wait_log("Monitoring is already running.")
-    assert machine.path("/var/lib/zol/policy.xml").read_text() == second
-    machine.set("db/other", "9", "int")
-    machine.set(BACKLIGHT, "3", "int")
-    assert [e["items"]["key"] for e in wait_for(machine.kpi)] == [BACKLIGHT]
-    daemon.stop()
-    again = machine.start_daemon()
-    wait_for(lambda: [e["items"]["key"] for e in machine.kpi()] == [BACKLIGHT, "db/other"], "the second rule")
-    assert again.stop() == 0
-
-
 def test_the_expiry_is_logged_once_policy_time_passes_it(machine):
     # The steered clock runs a hundred times as fast as ours: at more, a pass that a busy machine holds up looks
     # like a clock that was set.

@@ -1,7 +1,7 @@
 """A daemon without the services around it comes up, says once what is missing, and ends in order."""
 import pytest
 
-from conftest import int_rule, policy, wait_for
+from conftest import int_rule, policy
 from recording import START, Recorder
 from services import Bluez, Logind
 

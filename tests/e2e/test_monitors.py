@@ -5,7 +5,7 @@ import time
 import pytest
 
 from conftest import TGID, int_rule, policy, wait_for
-from services import PHONE_CLASS, Bluez
+from services import Bluez
 
 LAST_CONNECTED = "file/bluetooth/bt_last_connected_smart_rc"
 FIRST, SECOND = "AA:BB:CC:DD:EE:01", "AA:BB:CC:DD:EE:02"
@@ -108,17 +108,6 @@ def test_the_same_remote_connecting_again_is_a_hit_and_a_new_one_is_none(machine
     assert machine.published().name.startswith(TGID)
 
 
-def test_a_phone_is_no_remote(machine, bluez, daemon):
-    phone = "AA:BB:CC:DD:EE:03"
-    bluez.add_remote(phone, device_class=PHONE_CLASS)
-    push_and_await_pairing(machine, pairing(32))
-
-    bluez.set_connected(phone, True)
-    Remote(machine, bluez, 32).set_connected(FIRST, True)
-
-    assert machine.log().count(CALLS[32]) == 1
-
-
 def test_a_bluetooth_service_that_comes_late_is_heard(machine, daemon):
     machine.push(pairing(32))
     machine.wait_log("[BtMonitor] success to register bt callback.")
@@ -182,20 +171,6 @@ def test_an_app_that_is_installed_three_times_is_reported(machine, applications,
     assert event["items"]["zol_error_type"] == "1"
     assert machine.log().count("event : 100") == 3
     assert (machine.published() / "header.json").exists()
-
-
-def test_another_app_and_a_removal_are_no_installs(machine, applications, daemon):
-    machine.push(install(repetition=2))
-    machine.wait_log("APP INSTALL monitoring started.")
-
-    (applications / "org.kaldo.other.desktop").write_text(desktop_file(1))
-    by_write(applications, 1)
-    await_installs(machine, 1)
-    (applications / f"{APP}.desktop").unlink()
-    machine.wait_log("[InstallMonitor] AppInstallCb(), event : 200")
-
-    assert machine.kpi() == []
-    assert machine.log().count("event : 100") == 1
 
 
 def test_a_folder_that_does_not_exist_yet_is_watched_when_it_appears(machine, daemon):

@@ -228,15 +228,6 @@ TEST_F(PolicyManager, AnItemThatHoldsAlreadyIsReportedAtOnceAndNotWatched) {
     EXPECT_EQ(fakes::vconf::Registrations("db/b"), 1);
 }
 
-TEST_F(PolicyManager, AtItsEndEveryCallbackIsWithdrawn) {
-    StartWith(PolicyFor("db/a"));
-    EXPECT_TRUE(m_manager->UpdatePolicy(""));
-    EXPECT_TRUE(m_manager->UpdatePolicy(PolicyFor("db/b")));
-    Stop();
-
-    EXPECT_EQ(fakes::vconf::Registrations(), 0);
-}
-
 TEST_F(PolicyManager, ExpiryEndsInALineInTheLogAndNothingElse) {
     StartAndPush(Document("<zol_expired_time time=\"10\"/>" + ItemFor("db/a")));
     LetOneSchedulerPassGoBy();
