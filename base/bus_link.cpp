@@ -1,5 +1,6 @@
 #include "base/bus_link.h"
 
+#include <memory>
 #include <utility>
 
 namespace base {
@@ -12,19 +13,20 @@ BusLink::BusLink(GBusType bus, Callbacks callbacks)
     : m_bus(bus),
       m_callbacks(std::move(callbacks)),
       m_context(g_main_context_ref_thread_default()),
-      m_cancellable(g_cancellable_new()),
-      m_handle(this) {
+      m_cancellable(g_cancellable_new()) {
     Connect();
 }
 
 BusLink::~BusLink() {
-    m_isEnding = true;
     g_cancellable_cancel(m_cancellable.get());
     // A context that ends with its thread must not be left with an operation under way: each would keep the
     // other alive. The default context outlives everybody, and its other work is not this destructor's to
     // run.
-    while (m_isConnecting && m_context.get() != g_main_context_default()) {
+    while (m_attempt != nullptr && m_context.get() != g_main_context_default()) {
         g_main_context_iteration(m_context.get(), TRUE);
+    }
+    if (m_attempt != nullptr) {
+        m_attempt->link = nullptr;
     }
     Drop();
 }
@@ -36,17 +38,18 @@ void BusLink::Connect() {
         OnFailed(ErrorText(error.get()));
         return;
     }
-    m_isConnecting = true;
+    m_attempt = new Attempt{this};
     g_dbus_connection_new_for_address(address.get(), kBusConnectionFlags, nullptr, m_cancellable.get(),
-                                      ConnectedCb, m_handle.Data());
+                                      ConnectedCb, m_attempt);
 }
 
 void BusLink::ConnectedCb(GObject* /*source*/, GAsyncResult* result, gpointer data) noexcept {
+    const std::unique_ptr<Attempt> attempt(static_cast<Attempt*>(data));
     GErrorPtr error;
     GObjectPtr<GDBusConnection> connection(g_dbus_connection_new_for_address_finish(result, OutError(error)));
-    if (BusLink* self = CallbackHandle<BusLink>::Find(data)) {
-        self->m_isConnecting = false;
-        if (!self->m_isEnding) {
+    if (BusLink* self = attempt->link) {
+        self->m_attempt = nullptr;
+        if (g_cancellable_is_cancelled(self->m_cancellable.get()) == FALSE) {
             self->OnConnected(std::move(connection), error.get());
         }
     }
@@ -62,7 +65,7 @@ void BusLink::OnConnected(GObjectPtr<GDBusConnection> connection, const GError* 
         return;
     }
     m_connection = std::move(connection);
-    m_closedHandler = g_signal_connect(m_connection.get(), "closed", G_CALLBACK(ClosedCb), m_handle.Data());
+    m_closedHandler = g_signal_connect(m_connection.get(), "closed", G_CALLBACK(ClosedCb), this);
     m_callbacks.connected();
 }
 
@@ -73,23 +76,14 @@ void BusLink::OnFailed(const char* reason) {
 
 void BusLink::ClosedCb(GDBusConnection* /*connection*/, gboolean /*vanished*/, GError* error,
                        gpointer data) noexcept {
-    if (BusLink* self = CallbackHandle<BusLink>::Find(data)) {
-        self->m_callbacks.lost(error != nullptr ? error->message : "connection closed");
-        self->Drop();
-        self->RetryLater();
-    }
+    auto* self = static_cast<BusLink*>(data);
+    self->m_callbacks.lost(error != nullptr ? error->message : "connection closed");
+    self->Drop();
+    self->RetryLater();
 }
 
 void BusLink::RetryLater() {
-    m_retry = StartTimer(m_context.get(), m_backoff.Next(), RetryCb, m_handle.Data());
-}
-
-gboolean BusLink::RetryCb(gpointer data) noexcept {
-    if (BusLink* self = CallbackHandle<BusLink>::Find(data)) {
-        self->m_retry.reset();
-        self->Connect();
-    }
-    return G_SOURCE_REMOVE;
+    m_retry = StartTimer(m_context.get(), m_backoff.Next(), [this] { Connect(); });
 }
 
 void BusLink::Drop() {

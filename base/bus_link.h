@@ -5,7 +5,6 @@
 #include <functional>
 
 #include "base/backoff.h"
-#include "base/callback_handle.h"
 #include "base/glib_handles.h"
 
 namespace base {
@@ -51,10 +50,14 @@ public:
     void Confirm() { m_backoff.Reset(); }
 
 private:
+    /// An attempt to connect. It may outlive the link, which is null then.
+    struct Attempt {
+        BusLink* link;
+    };
+
     static void ConnectedCb(GObject* source, GAsyncResult* result, gpointer data) noexcept;
     static void ClosedCb(GDBusConnection* connection, gboolean vanished, GError* error,
                          gpointer data) noexcept;
-    static gboolean RetryCb(gpointer data) noexcept;
 
     void Connect();
     void OnConnected(GObjectPtr<GDBusConnection> connection, const GError* error);
@@ -70,9 +73,7 @@ private:
     GObjectPtr<GDBusConnection> m_connection;
     gulong m_closedHandler = 0;
     GSourcePtr m_retry;
-    bool m_isConnecting = false;
-    bool m_isEnding = false;
-    const CallbackHandle<BusLink> m_handle;
+    Attempt* m_attempt = nullptr;  // the one under way
 };
 
 }  // namespace base

@@ -2,7 +2,9 @@
 /// Owners of GLib's handles.
 #include <gio/gio.h>
 
+#include <functional>
 #include <memory>
+#include <utility>
 
 #include "base/handles.h"
 
@@ -44,12 +46,18 @@ inline const char* ErrorText(const GError* error) {
     return error != nullptr ? error->message : "unknown error";
 }
 
-/// Calls `function` after `milliseconds` on `context` (null: the default one), and again as often as it
-/// returns G_SOURCE_CONTINUE. Destroying the result on the context's thread cancels it.
-[[nodiscard]] inline GSourcePtr StartTimer(GMainContext* context, unsigned milliseconds, GSourceFunc function,
-                                           gpointer data) {
+/// Calls `function` once after `milliseconds` on `context` (null: the default one). Destroying the result on
+/// the context's thread cancels it, also from inside the function. An exception ends the process.
+[[nodiscard]] inline GSourcePtr StartTimer(GMainContext* context, unsigned milliseconds,
+                                           std::function<void()> function) {
+    using Function = std::function<void()>;
+    const auto run = [](gpointer data) noexcept -> gboolean {
+        (*static_cast<Function*>(data))();
+        return G_SOURCE_REMOVE;
+    };
+    const auto release = [](gpointer data) { delete static_cast<Function*>(data); };
     GSourcePtr timer(g_timeout_source_new(milliseconds));
-    g_source_set_callback(timer.get(), function, data, nullptr);
+    g_source_set_callback(timer.get(), run, new Function(std::move(function)), release);
     g_source_attach(timer.get(), context);
     return timer;
 }

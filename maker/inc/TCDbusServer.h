@@ -25,7 +25,7 @@ public:
     void CancelNotifications() override;
 
 private:
-    class Impl;
+    struct Impl;
     std::unique_ptr<Impl> m_impl;
 };
 

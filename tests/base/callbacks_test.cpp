@@ -1,13 +1,11 @@
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "base/backoff.h"
-#include "base/callback_handle.h"
 #include "base/exception_wall.h"
 #include "base/subscription.h"
 
@@ -59,18 +57,6 @@ TEST(SubscriptionTest, WithdrawsWhatItHadBeforeItTakesAnother) {
     subscription.Reset();
     subscription.Reset();
     EXPECT_EQ(order, "ab");
-}
-
-TEST(CallbackHandleTest, FindsItsObjectForAsLongAsThatLives) {
-    int object = 0;
-    int other = 0;
-    auto handle = std::make_unique<base::CallbackHandle<int>>(&object);
-    const base::CallbackHandle<int> second(&other);
-    const gpointer data = handle->Data();
-    EXPECT_EQ(base::CallbackHandle<int>::Find(data), &object);
-    EXPECT_EQ(base::CallbackHandle<int>::Find(second.Data()), &other);
-    handle.reset();
-    EXPECT_EQ(base::CallbackHandle<int>::Find(data), nullptr);
 }
 
 }  // namespace

@@ -61,21 +61,27 @@ TEST(OutErrorTest, HandsOverTheErrorOfTheLastCallOnly) {
     EXPECT_EQ(error, nullptr);
 }
 
-gboolean Count(gpointer count) {
-    ++*static_cast<int*>(count);
-    return G_SOURCE_CONTINUE;
-}
-
-TEST(StartTimerTest, RunsOnItsContextUntilItIsDestroyed) {
+TEST(StartTimerTest, RunsOnceOnItsContext) {
     const base::GMainContextPtr context(g_main_context_new());
     int count = 0;
-    base::GSourcePtr timer = base::StartTimer(context.get(), 0, Count, &count);
+    const base::GSourcePtr timer = base::StartTimer(context.get(), 0, [&count] { ++count; });
     g_main_context_iteration(context.get(), TRUE);
-    g_main_context_iteration(context.get(), TRUE);
-    EXPECT_EQ(count, 2);
-    timer.reset();
+    EXPECT_EQ(count, 1);
     EXPECT_EQ(g_main_context_iteration(context.get(), FALSE), FALSE);
-    EXPECT_EQ(count, 2);
+    EXPECT_EQ(count, 1);
+}
+
+TEST(StartTimerTest, IsCancelledByItsDestructionAlsoFromInside) {
+    const base::GMainContextPtr context(g_main_context_new());
+    int count = 0;
+    base::GSourcePtr timer = base::StartTimer(context.get(), 0, [&count] { ++count; });
+    timer = base::StartTimer(context.get(), 0, [&] {
+        timer.reset();
+        ++count;
+    });
+    g_main_context_iteration(context.get(), TRUE);
+    EXPECT_EQ(g_main_context_iteration(context.get(), FALSE), FALSE);
+    EXPECT_EQ(count, 1);
 }
 
 base::DatabasePtr OpenInMemory() {

@@ -1,24 +1,18 @@
 #include "Notifier.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace zol::ipc {
-namespace {
 
-gboolean RaiseFlagCb(gpointer data) {
-    *static_cast<bool*>(data) = true;
-    return G_SOURCE_REMOVE;
-}
-
-}  // namespace
-
-Notifier::Notifier(Begin begin)
-    : m_begin(std::move(begin)), m_home(std::this_thread::get_id()), m_handle(this) {}
+Notifier::Notifier(Begin begin) : m_begin(std::move(begin)), m_home(std::this_thread::get_id()) {}
 
 Notifier::~Notifier() {
     Cancel();
     std::unique_lock<std::mutex> lock(m_mutex);
     m_left.wait(lock, [this] { return m_blockedThreads == 0; });
+    while (g_idle_remove_by_data(this) != FALSE) {
+    }
 }
 
 // Before the main loop runs and after it has returned nobody owns the context; its thread is then the one
@@ -36,13 +30,9 @@ int Notifier::Send(int code, int timeoutMs) {
         if (m_cancelled) {
             return 0;
         }
-        m_rounds.insert(round);
-        if (serve) {
-            isTooDeep = ++m_nestedWaits > kMaxNestedWaits;
-        } else {
-            m_waiting.push_back(round);
-            ++m_blockedThreads;
-        }
+        m_rounds.push_back(round);
+        isTooDeep = serve && m_nestedWaits >= kMaxNestedWaits;
+        ++(serve ? m_nestedWaits : m_blockedThreads);
     }
     if (isTooDeep) {
         // Each would add one to the stack for as long as some client does not answer.
@@ -54,12 +44,12 @@ int Notifier::Send(int code, int timeoutMs) {
         ServeUntilEnded(*round, timeoutMs);
     } else {
         // Not g_main_context_invoke: while no main loop runs that would begin it on this very thread.
-        g_idle_add_full(G_PRIORITY_DEFAULT, BeginWaitingCb, m_handle.Data(), nullptr);
+        g_idle_add_full(G_PRIORITY_DEFAULT, BeginRoundsCb, this, nullptr);
         round->Wait(timeoutMs);
     }
     round->Close();
     const std::lock_guard<std::mutex> lock(m_mutex);
-    m_rounds.erase(round);
+    m_rounds.erase(std::find(m_rounds.begin(), m_rounds.end(), round));
     --(serve ? m_nestedWaits : m_blockedThreads);
     m_left.notify_all();
     return round->Replies();
@@ -69,43 +59,36 @@ void Notifier::ServeUntilEnded(const Round& round, int timeoutMs) {
     bool expired = false;
     base::GSourcePtr timer;
     if (timeoutMs >= 0) {
-        timer = base::StartTimer(nullptr, static_cast<unsigned>(timeoutMs), RaiseFlagCb, &expired);
+        timer = base::StartTimer(nullptr, static_cast<unsigned>(timeoutMs), [&expired] { expired = true; });
     }
     while (!round.Ended() && !expired) {
         g_main_context_iteration(nullptr, TRUE);
     }
 }
 
-gboolean Notifier::BeginWaitingCb(gpointer data) {
-    AtBoundary("a notification", [&] {
-        if (Notifier* self = base::CallbackHandle<Notifier>::Find(data)) {
-            self->BeginWaiting();
+gboolean Notifier::BeginRoundsCb(gpointer data) {
+    AtBoundary("a notification", [data] {
+        auto* self = static_cast<Notifier*>(data);
+        for (const auto& round : self->Rounds()) {
+            self->m_begin(*round);
         }
     });
     return G_SOURCE_REMOVE;
 }
 
-void Notifier::BeginWaiting() {
-    std::deque<std::shared_ptr<Round>> waiting;
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        waiting.swap(m_waiting);
-    }
-    for (const auto& round : waiting) {
-        m_begin(*round);
-    }
-}
-
 void Notifier::Cancel() {
-    std::set<std::shared_ptr<Round>> rounds;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_cancelled = true;
-        rounds = m_rounds;
     }
-    for (const auto& round : rounds) {
+    for (const auto& round : Rounds()) {
         round->Close();
     }
+}
+
+std::vector<std::shared_ptr<Round>> Notifier::Rounds() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_rounds;
 }
 
 }  // namespace zol::ipc

@@ -1,12 +1,11 @@
 #pragma once
 /// Notifications from the server to its subscribers.
 #include <condition_variable>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <thread>
+#include <vector>
 
 #include "Round.h"
 
@@ -34,10 +33,10 @@ public:
     void Cancel();
 
 private:
-    static gboolean BeginWaitingCb(gpointer data);
+    static gboolean BeginRoundsCb(gpointer data);
     bool OnDispatchThread() const;
     static void ServeUntilEnded(const Round& round, int timeoutMs);
-    void BeginWaiting();
+    [[nodiscard]] std::vector<std::shared_ptr<Round>> Rounds();
 
     const Begin m_begin;
     const std::thread::id m_home;
@@ -47,9 +46,7 @@ private:
     bool m_cancelled = false;
     int m_blockedThreads = 0;
     int m_nestedWaits = 0;
-    std::set<std::shared_ptr<Round>> m_rounds;
-    std::deque<std::shared_ptr<Round>> m_waiting;
-    const base::CallbackHandle<Notifier> m_handle;
+    std::vector<std::shared_ptr<Round>> m_rounds;
 };
 
 }  // namespace zol::ipc

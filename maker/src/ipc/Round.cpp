@@ -1,16 +1,16 @@
 #include "Round.h"
 
 #include <chrono>
+#include <utility>
 
 namespace zol::ipc {
 
 void Round::Begin(GDBusConnection* connection, const std::vector<Subscriber>& subscribers) {
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_closed) {
+        if (m_closed || std::exchange(m_begun, true)) {
             return;
         }
-        m_begun = true;
         m_open = connection != nullptr ? subscribers.size() : 0;
         if (m_open == 0) {
             m_ended.notify_all();

@@ -17,7 +17,7 @@ public:
     Round(const Round&) = delete;
     Round& operator=(const Round&) = delete;
 
-    /// Sends the code to all of `subscribers`. A round that is closed already sends nothing.
+    /// Sends the code to all of `subscribers`, once. A round that is closed already sends nothing.
     void Begin(GDBusConnection* connection, const std::vector<Subscriber>& subscribers);
 
     /// Ends the round: answers that come from now on do not count.

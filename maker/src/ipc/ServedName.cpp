@@ -1,10 +1,12 @@
 #include "ServedName.h"
 
 #include <cstring>
+#include <stdexcept>
 #include <string>
 #include <utility>
 
 #include "Bounded.h"
+#include "Introspection.h"
 
 namespace zol::ipc {
 namespace {
@@ -20,12 +22,21 @@ constexpr guint32 kAlreadyOwner = 4;
 /// How long a bus that does not read may hold the daemon's end up, in milliseconds.
 constexpr unsigned kFlushMs = 500;
 
+GDBusNodeInfo* LoadIntrospection() {
+    base::GErrorPtr error;
+    GDBusNodeInfo* info = g_dbus_node_info_new_for_xml(kIntrospectionXml, base::OutError(error));
+    if (info == nullptr) {
+        throw std::runtime_error(std::string("IPC introspection data: ") + error->message);
+    }
+    return info;
+}
+
 }  // namespace
 
 ServedName::ServedName(bool sessionBus, Callbacks callbacks)
     : m_callbacks(std::move(callbacks)),
       m_introspection(LoadIntrospection()),
-      m_handle(this),
+      m_cancellable(g_cancellable_new()),
       m_link(sessionBus ? G_BUS_TYPE_SESSION : G_BUS_TYPE_SYSTEM,
              {[this] { AtBoundary("connecting", [this] { OnConnected(); }); },
               [this](const char* reason) {
@@ -41,6 +52,7 @@ ServedName::ServedName(bool sessionBus, Callbacks callbacks)
               }}) {}
 
 ServedName::~ServedName() {
+    g_cancellable_cancel(m_cancellable.get());
     if (Connection() == nullptr) {
         return;
     }
@@ -62,7 +74,7 @@ bool ServedName::Offer() {
     base::GErrorPtr error;
     m_registration = g_dbus_connection_register_object(
         Connection(), kObjectPath, g_dbus_node_info_lookup_interface(m_introspection.get(), kNativeInterface),
-        &vtable, m_handle.Data(), nullptr, base::OutError(error));
+        &vtable, this, nullptr, base::OutError(error));
     if (m_registration == 0) {
         Enter(EState::NO_NAME, DLOG_PRIORITY_ERROR, "cannot offer the object", base::ErrorText(error.get()));
         return false;
@@ -71,7 +83,7 @@ bool ServedName::Offer() {
         // The bus sends these two to the connection they concern without being asked.
         return g_dbus_connection_signal_subscribe(Connection(), kBusDaemon, kBusDaemon, signal,
                                                   kBusDaemonPath, kBusName, G_DBUS_SIGNAL_FLAGS_NO_MATCH_RULE,
-                                                  NameSignalCb, m_handle.Data(), nullptr);
+                                                  NameSignalCb, this, nullptr);
     };
     m_acquiredSignal = subscribe("NameAcquired");
     m_lostSignal = subscribe("NameLost");
@@ -91,7 +103,7 @@ void ServedName::RequestName() {
     constexpr guint32 kStayInQueue = 0;
     g_dbus_connection_call(Connection(), kBusDaemon, kBusDaemonPath, kBusDaemon, "RequestName",
                            g_variant_new("(su)", kBusName, kStayInQueue), G_VARIANT_TYPE("(u)"),
-                           G_DBUS_CALL_FLAGS_NONE, -1, nullptr, NameReplyCb, m_handle.Data());
+                           G_DBUS_CALL_FLAGS_NONE, -1, m_cancellable.get(), NameReplyCb, this);
 }
 
 void ServedName::NameReplyCb(GObject* source, GAsyncResult* result, gpointer data) {
@@ -99,13 +111,16 @@ void ServedName::NameReplyCb(GObject* source, GAsyncResult* result, gpointer dat
         base::GErrorPtr error;
         const base::GVariantPtr reply(
             g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, base::OutError(error)));
+        if (g_error_matches(error.get(), G_IO_ERROR, G_IO_ERROR_CANCELLED) != FALSE) {
+            return;  // there is no object any more
+        }
         guint32 answer = 0;
         if (reply != nullptr) {
             g_variant_get(reply.get(), "(u)", &answer);
         }
-        ServedName* self = base::CallbackHandle<ServedName>::Find(data);
+        auto* self = static_cast<ServedName*>(data);
         // What a closed connection cannot do any more is told once, as its end.
-        if (self != nullptr && self->Connection() == G_DBUS_CONNECTION(source) &&
+        if (self->Connection() == G_DBUS_CONNECTION(source) &&
             g_dbus_connection_is_closed(self->Connection()) == FALSE) {
             self->OnNameReply(answer, error.get());
         }
@@ -124,7 +139,7 @@ void ServedName::OnNameReply(guint32 answer, const GError* error) {
         default:
             Enter(EState::NO_NAME, DLOG_PRIORITY_ERROR, "cannot own the name, trying on",
                   base::ErrorText(error));
-            m_retry = base::StartTimer(nullptr, m_backoff.Next(), RetryCb, m_handle.Data());
+            m_retry = base::StartTimer(nullptr, m_backoff.Next(), [this] { RequestName(); });
     }
 }
 
@@ -138,10 +153,7 @@ void ServedName::NameSignalCb(GDBusConnection* /*connection*/, const gchar* /*se
                               const gchar* /*interface*/, const gchar* signal, GVariant* /*parameters*/,
                               gpointer data) {
     AtBoundary("a change of the name", [&] {
-        ServedName* self = base::CallbackHandle<ServedName>::Find(data);
-        if (self == nullptr) {
-            return;
-        }
+        auto* self = static_cast<ServedName*>(data);
         if (std::strcmp(signal, "NameAcquired") == 0) {
             self->Enter(EState::SERVING, DLOG_PRIORITY_INFO, "serving", kBusName);
         } else {
@@ -153,23 +165,7 @@ void ServedName::NameSignalCb(GDBusConnection* /*connection*/, const gchar* /*se
 void ServedName::CallCb(GDBusConnection* /*connection*/, const gchar* /*sender*/, const gchar* /*path*/,
                         const gchar* /*interface*/, const gchar* /*method*/, GVariant* /*parameters*/,
                         GDBusMethodInvocation* invocation, gpointer data) {
-    AtBoundary("a call", [&] {
-        if (ServedName* self = base::CallbackHandle<ServedName>::Find(data)) {
-            self->m_callbacks.onCall(invocation);
-        } else {
-            ReturnError(invocation, kErrorFailed, "the daemon is going down");
-        }
-    });
-}
-
-gboolean ServedName::RetryCb(gpointer data) {
-    AtBoundary("trying again", [&] {
-        if (ServedName* self = base::CallbackHandle<ServedName>::Find(data)) {
-            self->m_retry.reset();
-            self->RequestName();
-        }
-    });
-    return G_SOURCE_REMOVE;
+    AtBoundary("a call", [&] { static_cast<ServedName*>(data)->m_callbacks.onCall(invocation); });
 }
 
 // One line for each change of state: attempts that fail like the one before stay silent.

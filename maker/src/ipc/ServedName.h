@@ -1,6 +1,7 @@
 #pragma once
 /// The server's place on the bus.
 #include <functional>
+#include <memory>
 
 #include "Gio.h"
 #include "base/backoff.h"
@@ -20,7 +21,8 @@ public:
         std::function<void()> onLost;
     };
 
-    /// Starts to connect and returns without waiting for it.
+    /// Starts to connect and returns without waiting for it. Throws std::runtime_error when the embedded
+    /// introspection data is not valid.
     ServedName(bool sessionBus, Callbacks callbacks);
     /// Leaves the bus; answers that are still to be written get a moment for it.
     ~ServedName();
@@ -40,7 +42,6 @@ private:
     static void CallCb(GDBusConnection* connection, const gchar* sender, const gchar* path,
                        const gchar* interface, const gchar* method, GVariant* parameters,
                        GDBusMethodInvocation* invocation, gpointer data);
-    static gboolean RetryCb(gpointer data);
 
     void OnConnected();
     [[nodiscard]] bool Offer();
@@ -51,14 +52,14 @@ private:
     void Enter(EState state, int priority, const char* what, const char* why);
 
     const Callbacks m_callbacks;
-    const GNodeInfoPtr m_introspection;
+    const std::unique_ptr<GDBusNodeInfo, base::FreeWith<g_dbus_node_info_unref>> m_introspection;
+    const base::GObjectPtr<GCancellable> m_cancellable;  // of requests for the name
     EState m_state = EState::STARTING;
     base::Backoff m_backoff;  // of requests for the name
     base::GSourcePtr m_retry;
     guint m_registration = 0;
     guint m_acquiredSignal = 0;
     guint m_lostSignal = 0;
-    const base::CallbackHandle<ServedName> m_handle;
     base::BusLink m_link;  // the last member: it calls back as soon as it is made
 };
 

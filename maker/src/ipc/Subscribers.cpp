@@ -21,9 +21,8 @@ bool Subscribers::Add(GDBusConnection* connection, const std::string& name, cons
     ++m_count;
     if (!client.watch) {
         // Also tells of a client that left between its call and this line.
-        const guint watch =
-            g_bus_watch_name_on_connection(connection, name.c_str(), G_BUS_NAME_WATCHER_FLAGS_NONE, nullptr,
-                                           VanishedCb, m_handle.Data(), nullptr);
+        const guint watch = g_bus_watch_name_on_connection(
+            connection, name.c_str(), G_BUS_NAME_WATCHER_FLAGS_NONE, nullptr, VanishedCb, this, nullptr);
         client.watch = base::Subscription([watch] { g_bus_unwatch_name(watch); });
     }
     return true;
@@ -54,11 +53,7 @@ std::vector<Subscriber> Subscribers::All() const {
 }
 
 void Subscribers::VanishedCb(GDBusConnection* /*connection*/, const gchar* name, gpointer data) {
-    AtBoundary("the end of a subscriber", [&] {
-        if (Subscribers* self = base::CallbackHandle<Subscribers>::Find(data)) {
-            self->Remove(name);
-        }
-    });
+    AtBoundary("the end of a subscriber", [&] { static_cast<Subscribers*>(data)->Remove(name); });
 }
 
 }  // namespace zol::ipc

@@ -19,7 +19,7 @@ struct Subscriber {
 /// dispatches GLib's default main context.
 class Subscribers {
 public:
-    Subscribers() : m_handle(this) {}
+    Subscribers() = default;
     Subscribers(const Subscribers&) = delete;
     Subscribers& operator=(const Subscribers&) = delete;
 
@@ -40,7 +40,6 @@ private:
 
     std::map<std::string, Client> m_clients;
     std::size_t m_count = 0;
-    const base::CallbackHandle<Subscribers> m_handle;
 };
 
 }  // namespace zol::ipc

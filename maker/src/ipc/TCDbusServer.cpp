@@ -4,7 +4,7 @@
 #include <list>
 #include <map>
 #include <mutex>
-#include <string>
+#include <string_view>
 #include <utility>
 
 #include "NativeCall.h"
@@ -20,25 +20,8 @@ constexpr int kServePriority = G_PRIORITY_DEFAULT;
 
 }  // namespace
 
-class TCDbusServer::Impl {
-public:
-    explicit Impl(bool testMode)
-        : m_name(testMode, {[this](GDBusMethodInvocation* invocation) { OnCall(invocation); },
-                            [this] { m_subscribers.Clear(); }}),
-          m_notifier([this](ipc::Round& round) { round.Begin(m_name.Connection(), m_subscribers.All()); }) {}
-
-    void Register(int code, NativeCallHandler handler) {
-        auto entry = std::make_shared<const NativeCallHandler>(std::move(handler));
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_handlers[code] = std::move(entry);
-    }
-
-    ipc::Notifier& Notifier() { return m_notifier; }
-
-private:
+struct TCDbusServer::Impl {
     using HandlerPtr = std::shared_ptr<const NativeCallHandler>;
-
-    void OnCall(GDBusMethodInvocation* invocation);
     /// A call on its way to its handler.
     struct Waiting {
         Impl* server;
@@ -46,54 +29,54 @@ private:
         base::GSourcePtr source;
     };
 
+    explicit Impl(bool testMode)
+        : name(testMode, {[this](GDBusMethodInvocation* invocation) { OnCall(invocation); },
+                          [this] { subscribers.Clear(); }}),
+          notifier([this](ipc::Round& round) { round.Begin(name.Connection(), subscribers.All()); }) {}
+
     static gboolean ServeCb(gpointer data);
 
+    void OnCall(GDBusMethodInvocation* invocation);
     void Call(GDBusMethodInvocation* invocation);
     void Serve(ipc::NativeCall& call);
     void ServeOrThrow(ipc::NativeCall& call);
     void Subscribe(GDBusMethodInvocation* invocation);
     void Unsubscribe(GDBusMethodInvocation* invocation);
-    HandlerPtr HandlerOf(int code) const;
 
-    mutable std::mutex m_mutex;
-    std::map<int, HandlerPtr> m_handlers;  // guarded by m_mutex
-    std::list<Waiting> m_waiting;
-    ipc::Subscribers m_subscribers;
-    ipc::ServedName m_name;
-    ipc::Notifier m_notifier;
+    std::mutex mutex;
+    std::map<int, HandlerPtr> handlers;  // guarded by mutex
+    std::list<Waiting> waiting;
+    ipc::Subscribers subscribers;
+    ipc::ServedName name;
+    ipc::Notifier notifier;
 };
 
 void TCDbusServer::Impl::OnCall(GDBusMethodInvocation* invocation) {
-    struct Method {
-        const char* name;
-        void (Impl::*run)(GDBusMethodInvocation*);
-    };
-    static constexpr Method kMethods[] = {
-        {"Call", &Impl::Call}, {"Subscribe", &Impl::Subscribe}, {"Unsubscribe", &Impl::Unsubscribe}};
-    const char* name = g_dbus_method_invocation_get_method_name(invocation);
-    for (const Method& method : kMethods) {
-        if (std::strcmp(method.name, name) == 0) {
-            (this->*method.run)(invocation);
-            return;
-        }
+    // GDBus lets only the methods of the introspection data through.
+    const std::string_view method = g_dbus_method_invocation_get_method_name(invocation);
+    if (method == "Call") {
+        Call(invocation);
+    } else if (method == "Subscribe") {
+        Subscribe(invocation);
+    } else {
+        Unsubscribe(invocation);
     }
-    ipc::ReturnError(invocation, ipc::kErrorFailed, std::string("no method ") + name);
 }
 
 /// The message that brought the call lives as long as the callback that runs now. So the handler runs in one
 /// of its own.
 void TCDbusServer::Impl::Call(GDBusMethodInvocation* invocation) {
-    m_waiting.push_back({this, ipc::NativeCall(invocation), base::GSourcePtr(g_idle_source_new())});
-    Waiting& waiting = m_waiting.back();
-    g_source_set_priority(waiting.source.get(), kServePriority);
-    g_source_set_callback(waiting.source.get(), ServeCb, &waiting, nullptr);
-    g_source_attach(waiting.source.get(), nullptr);
+    waiting.push_back({this, ipc::NativeCall(invocation), base::GSourcePtr(g_idle_source_new())});
+    GSource* const source = waiting.back().source.get();
+    g_source_set_priority(source, kServePriority);
+    g_source_set_callback(source, ServeCb, &waiting.back(), nullptr);
+    g_source_attach(source, nullptr);
 }
 
 gboolean TCDbusServer::Impl::ServeCb(gpointer data) {
     // Out of the list first: the handler may serve other calls while it waits.
     Waiting now = std::move(*static_cast<Waiting*>(data));
-    now.server->m_waiting.remove_if([data](const Waiting& one) { return &one == data; });
+    now.server->waiting.remove_if([data](const Waiting& one) { return &one == data; });
     now.server->Serve(now.call);
     return G_SOURCE_REMOVE;
 }
@@ -111,8 +94,12 @@ void TCDbusServer::Impl::ServeOrThrow(ipc::NativeCall& call) {
         call.ReturnError(ipc::kErrorTooLarge, "the request is longer than 16 MiB");
         return;
     }
-    // The handler may be replaced while it runs: keep it.
-    const HandlerPtr handler = HandlerOf(call.Code());
+    HandlerPtr handler;  // kept: it may be replaced while it runs
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        const auto found = handlers.find(call.Code());
+        handler = found != handlers.end() ? found->second : nullptr;
+    }
     std::vector<unsigned char> reply;
     const bool handled = handler != nullptr && *handler != nullptr && (*handler)(call.Request(), reply);
     if (!handled) {
@@ -124,27 +111,23 @@ void TCDbusServer::Impl::ServeOrThrow(ipc::NativeCall& call) {
     call.Return(handled, reply);
 }
 
-TCDbusServer::Impl::HandlerPtr TCDbusServer::Impl::HandlerOf(int code) const {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    const auto found = m_handlers.find(code);
-    return found != m_handlers.end() ? found->second : nullptr;
-}
-
 void TCDbusServer::Impl::Subscribe(GDBusMethodInvocation* invocation) {
     const gchar* path = nullptr;
     g_variant_get(g_dbus_method_invocation_get_parameters(invocation), "(&o)", &path);
     if (std::strlen(path) > ipc::kMaxPathBytes) {
-        ipc::ReturnError(invocation, ipc::kErrorTooLarge, "the path is longer than 255 bytes");
-    } else if (m_subscribers.Add(g_dbus_method_invocation_get_connection(invocation),
-                                 g_dbus_method_invocation_get_sender(invocation), path)) {
+        g_dbus_method_invocation_return_dbus_error(invocation, ipc::kErrorTooLarge,
+                                                   "the path is longer than 255 bytes");
+    } else if (subscribers.Add(g_dbus_method_invocation_get_connection(invocation),
+                               g_dbus_method_invocation_get_sender(invocation), path)) {
         g_dbus_method_invocation_return_value(invocation, nullptr);
     } else {
-        ipc::ReturnError(invocation, ipc::kErrorTooManySubscribers, "too many subscriptions");
+        g_dbus_method_invocation_return_dbus_error(invocation, ipc::kErrorTooManySubscribers,
+                                                   "too many subscriptions");
     }
 }
 
 void TCDbusServer::Impl::Unsubscribe(GDBusMethodInvocation* invocation) {
-    m_subscribers.Remove(g_dbus_method_invocation_get_sender(invocation));
+    subscribers.Remove(g_dbus_method_invocation_get_sender(invocation));
     g_dbus_method_invocation_return_value(invocation, nullptr);
 }
 
@@ -153,15 +136,17 @@ TCDbusServer::TCDbusServer(bool testMode) : m_impl(std::make_unique<Impl>(testMo
 TCDbusServer::~TCDbusServer() = default;
 
 void TCDbusServer::RegisterNativeCall(int functionCode, NativeCallHandler handler) {
-    m_impl->Register(functionCode, std::move(handler));
+    auto entry = std::make_shared<const NativeCallHandler>(std::move(handler));
+    const std::lock_guard<std::mutex> lock(m_impl->mutex);
+    m_impl->handlers[functionCode] = std::move(entry);
 }
 
 int TCDbusServer::SendNotification(int code, int timeoutMs) {
-    return m_impl->Notifier().Send(code, timeoutMs);
+    return m_impl->notifier.Send(code, timeoutMs);
 }
 
 void TCDbusServer::CancelNotifications() {
-    m_impl->Notifier().Cancel();
+    m_impl->notifier.Cancel();
 }
 
 }  // namespace zol
