@@ -19,39 +19,40 @@ gboolean Dispatch(GSource* source, GSourceFunc callback, gpointer data) {
 
 }  // namespace
 
-WakeSource::WakeSource(GMainContext* context, std::function<void()> function)
-    : m_function(std::move(function)) {
+WorkQueue::WorkQueue(GMainContext* context, std::string name) : m_name(std::move(name)) {
     static GSourceFuncs functions = {nullptr, nullptr, Dispatch, nullptr, nullptr, nullptr};
     m_source.reset(g_source_new(&functions, sizeof(GSource)));
-    g_source_set_callback(m_source.get(), Run, this, nullptr);
+    g_source_set_callback(m_source.get(), RunNextCb, this, nullptr);
     g_source_attach(m_source.get(), context);
 }
 
-void WakeSource::Wake() {
+void WorkQueue::Post(std::function<void()> work) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_work.push_back(std::move(work));
     g_source_set_ready_time(m_source.get(), 0);
 }
 
-gboolean WakeSource::Run(gpointer data) {
-    // The function may destroy its source.
-    const std::function<void()> function = static_cast<WakeSource*>(data)->m_function;
-    Guarded("wake-up", function);
+gboolean WorkQueue::RunNextCb(gpointer data) {
+    auto* self = static_cast<WorkQueue*>(data);
+    const std::string name = self->m_name;
+    std::function<void()> work;
+    {
+        const std::lock_guard<std::mutex> lock(self->m_mutex);
+        work = std::move(self->m_work.front());
+        self->m_work.pop_front();
+        if (!self->m_work.empty()) {
+            g_source_set_ready_time(self->m_source.get(), 0);
+        }
+    }
+    // It may destroy the queue.
+    Guarded(name.c_str(), work);
     return G_SOURCE_CONTINUE;
 }
 
-void ContextTimer::Set(GMainContext* context, unsigned milliseconds, std::function<void()> function) {
-    m_function = std::move(function);
-    m_source.reset(g_timeout_source_new(milliseconds));
-    g_source_set_callback(m_source.get(), Run, this, nullptr);
-    g_source_attach(m_source.get(), context);
-}
-
-gboolean ContextTimer::Run(gpointer data) {
-    auto* self = static_cast<ContextTimer*>(data);
-    // Cleared first, so that the function may set the timer again.
-    const std::function<void()> function = std::move(self->m_function);
-    self->m_source.reset();
-    Guarded("timer", function);
-    return G_SOURCE_REMOVE;
+base::GSourcePtr StartTimer(unsigned milliseconds, std::function<void()> function) {
+    const base::GMainContextPtr context(g_main_context_ref_thread_default());
+    return base::StartTimer(context.get(), milliseconds,
+                            [function = std::move(function)] { Guarded("timer", function); });
 }
 
 ContextThread::ContextThread(std::string name) : m_name(std::move(name)) {}
@@ -67,11 +68,11 @@ bool ContextThread::Start(std::function<void()> begin, std::function<void()> end
     m_context.reset(g_main_context_new());
     m_loop.reset(g_main_loop_new(m_context.get(), FALSE));
     std::unique_lock<std::mutex> lock(m_mutex);
-    m_wake = std::make_unique<WakeSource>(m_context.get(), [this] { RunPosted(); });
+    m_work = std::make_unique<WorkQueue>(m_context.get(), m_name);
     try {
         m_thread = std::thread(&ContextThread::Run, this, std::move(begin), std::move(end));
     } catch (const std::system_error& error) {
-        m_wake.reset();
+        m_work.reset();
         PLATFORM_LOG(ERROR, "thread %s: %s", m_name.c_str(), error.what());
         return false;
     }
@@ -88,15 +89,13 @@ void ContextThread::Stop() {
     m_thread.join();
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_running = false;
-    m_wake.reset();
-    m_posted.clear();
+    m_work.reset();
 }
 
 void ContextThread::Post(std::function<void()> work) {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_wake != nullptr) {
-        m_posted.push_back(std::move(work));
-        m_wake->Wake();
+    if (m_work != nullptr) {
+        m_work->Post(std::move(work));
     }
 }
 
@@ -114,21 +113,6 @@ void ContextThread::Run(const std::function<void()>& begin, const std::function<
     Guarded(m_name.c_str(), end);
     g_main_context_pop_thread_default(m_context.get());
     m_id = std::thread::id();
-}
-
-void ContextThread::RunPosted() {
-    while (g_main_loop_is_running(m_loop.get()) != FALSE) {
-        std::function<void()> work;
-        {
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            if (m_posted.empty()) {
-                return;
-            }
-            work = std::move(m_posted.front());
-            m_posted.pop_front();
-        }
-        Guarded(m_name.c_str(), work);
-    }
 }
 
 }  // namespace platform

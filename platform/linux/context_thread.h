@@ -15,42 +15,30 @@
 
 namespace platform {
 
-/// Lets any thread make a context run one function. Several wakes before it runs count as one.
-/// Made and destroyed while nobody dispatches the context, or on the thread that dispatches it; once
-/// destroyed there, the function never runs again.
-class WakeSource {
+/// Work for a context, from any thread, run in the order of posting. Made and destroyed while nobody
+/// dispatches the context, or on the thread that dispatches it, also by its own work; what has not begun by
+/// then is dropped.
+class WorkQueue {
 public:
-    WakeSource(GMainContext* context, std::function<void()> function);
-    WakeSource(const WakeSource&) = delete;
-    WakeSource& operator=(const WakeSource&) = delete;
+    /// @param name what log lines call it when work throws
+    WorkQueue(GMainContext* context, std::string name);
+    WorkQueue(const WorkQueue&) = delete;
+    WorkQueue& operator=(const WorkQueue&) = delete;
 
     /// Any thread.
-    void Wake();
+    void Post(std::function<void()> work);
 
 private:
-    static gboolean Run(gpointer data);
+    static gboolean RunNextCb(gpointer data);
 
-    std::function<void()> m_function;
+    const std::string m_name;
+    std::mutex m_mutex;  ///< guards the work
+    std::deque<std::function<void()>> m_work;
     base::GSourcePtr m_source;
 };
 
-/// Runs `function` once on the context after `milliseconds`; destroying the result cancels it.
-class ContextTimer {
-public:
-    ContextTimer() = default;
-    ContextTimer(const ContextTimer&) = delete;
-    ContextTimer& operator=(const ContextTimer&) = delete;
-
-    /// Replaces what was set before. On the context's thread.
-    void Set(GMainContext* context, unsigned milliseconds, std::function<void()> function);
-    void Cancel() { m_source.reset(); }
-
-private:
-    static gboolean Run(gpointer data);
-
-    std::function<void()> m_function;
-    base::GSourcePtr m_source;
-};
+/// base::StartTimer on the thread-default context; an exception is a log line.
+[[nodiscard]] base::GSourcePtr StartTimer(unsigned milliseconds, std::function<void()> function);
 
 /// A thread with a context and a loop of its own; the context is its thread-default one. Start and Stop are
 /// called by one thread at a time, never by the thread itself.
@@ -75,7 +63,6 @@ public:
 
 private:
     void Run(const std::function<void()>& begin, const std::function<void()>& end);
-    void RunPosted();
 
     const std::string m_name;
     base::GMainContextPtr m_context;
@@ -83,8 +70,7 @@ private:
     std::mutex m_mutex;  ///< guards what follows
     std::condition_variable m_started;
     bool m_running = false;
-    std::deque<std::function<void()>> m_posted;
-    std::unique_ptr<WakeSource> m_wake;
+    std::unique_ptr<WorkQueue> m_work;
     std::atomic<std::thread::id> m_id{std::thread::id()};
     std::thread m_thread;
 };

@@ -24,7 +24,7 @@ RemoteMonitor::RemoteMonitor(EventFunction event, BaselineFunction baseline, Ren
       m_baseline(std::move(baseline)),
       m_renamed(std::move(renamed)),
       m_service({"org.bluez", "BlueZ", "remote control connections"},
-                {[this] { OnAppeared(); }, [this] { m_retry.Cancel(); }}) {}
+                {[this] { OnAppeared(); }, [this] { m_retry.reset(); }}) {}
 
 void RemoteMonitor::OnAppeared() {
     m_service.Subscribe(
@@ -45,21 +45,16 @@ void RemoteMonitor::AskForDevices() {
                    [this](const SystemService::Reply& reply) { OnObjects(reply); });
 }
 
-void RemoteMonitor::AskAgainLater() {
-    const base::GMainContextPtr context(g_main_context_ref_thread_default());
-    m_retry.Set(context.get(), m_backoff.Next(), [this] { AskForDevices(); });
-}
-
 void RemoteMonitor::OnObjects(const SystemService::Reply& reply) {
     if (reply.value == nullptr) {
-        if (m_listing.Failed()) {
+        if (!std::exchange(m_toldFailure, true)) {
             PLATFORM_LOG(ERROR, "BlueZ does not list its devices: %s; asking again",
                          base::ErrorText(reply.error));
         }
-        AskAgainLater();
+        m_retry = StartTimer(m_backoff.Next(), [this] { AskForDevices(); });
         return;
     }
-    m_listing.Succeeded();
+    m_toldFailure = false;
     Devices fresh;
     const base::GVariantPtr objects(g_variant_get_child_value(reply.value, 0));
     for (gsize i = 0; i < g_variant_n_children(objects.get()); ++i) {

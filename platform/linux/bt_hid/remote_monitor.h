@@ -9,7 +9,6 @@
 #include "bt_hid/bluetooth_device.h"
 #include "context_thread.h"
 #include "dbus_service.h"
-#include "once_logged.h"
 
 namespace platform {
 
@@ -36,7 +35,6 @@ private:
 
     void OnAppeared();
     void AskForDevices();
-    void AskAgainLater();
     void OnObjects(const SystemService::Reply& reply);
     void OnInterfacesAdded(GVariant* parameters);
     void OnInterfacesRemoved(GVariant* parameters);
@@ -50,8 +48,8 @@ private:
     const RenamedFunction m_renamed;
     bool m_haveBaseline = false;
     Devices m_devices;
-    OnceLogged m_listing;
-    ContextTimer m_retry;
+    bool m_toldFailure = false;  ///< a list that was refused has been logged
+    base::GSourcePtr m_retry;
     base::Backoff m_backoff;
     SystemService m_service;  ///< last, so that it stops before what its functions use goes
 };

@@ -68,7 +68,7 @@ void LogindMonitor::OnPrepare(int reason, bool begins) {
     if (begins) {
         if (m_delay != nullptr) {
             m_givenDelay = m_delay;
-            m_limitTimer.Set(m_service.Context(), m_limit, [this] {
+            m_limitTimer = StartTimer(m_limit, [this] {
                 if (!m_givenDelay.expired()) {
                     PLATFORM_LOG(WARN, "power-off work is not done in %u ms: the machine goes on", m_limit);
                 }
@@ -88,7 +88,7 @@ void LogindMonitor::OnPrepare(int reason, bool begins) {
 }
 
 void LogindMonitor::CloseGivenDelay() {
-    m_limitTimer.Cancel();
+    m_limitTimer.reset();
     if (const PowerDelay delay = m_givenDelay.lock()) {
         delay->Reset();
     }

@@ -37,7 +37,7 @@ private:
     PowerDelay m_delay;
     std::weak_ptr<base::UniqueFd> m_givenDelay;  ///< of the latest announcement
     unsigned m_limit;                            ///< milliseconds for which a delay may be held
-    ContextTimer m_limitTimer;
+    base::GSourcePtr m_limitTimer;
     bool m_going = false;        ///< an announcement was made and not yet taken back
     bool m_toldRefusal = false;  ///< a refused lock has been logged
     SystemService m_service;     ///< last, so that it stops before what its functions use goes

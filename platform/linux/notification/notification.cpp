@@ -7,10 +7,10 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <utility>
 
 #include "base/glib_handles.h"
 #include "guarded.h"
-#include "once_logged.h"
 #include "platform_log.h"
 
 struct notification_s {
@@ -29,7 +29,7 @@ constexpr const char* kApplication = "zol";
 
 std::mutex g_mutex;                   ///< libnotify is not thread-safe
 std::set<notification_s*> g_handles;  ///< all that exist
-OnceLogged g_log;
+bool g_toldFailure = false;
 
 /// Whether there is a session bus. Asking GLib for one that is not there could start one.
 bool HasSessionBus() {
@@ -96,10 +96,10 @@ void Prepare(notification_s& handle) {
         shown = notify_notification_show(handle.shown.get(), base::OutError(error)) != FALSE;
     }
     if (shown) {
-        g_log.Succeeded();
+        g_toldFailure = false;
         return true;
     }
-    if (g_log.Failed()) {
+    if (!std::exchange(g_toldFailure, true)) {
         PLATFORM_LOG(WARN, "nobody shows notifications: %s",
                      bus == nullptr ? "no session bus" : base::ErrorText(error.get()));
     }

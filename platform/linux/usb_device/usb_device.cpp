@@ -10,7 +10,6 @@
 #include "dbus_service.h"
 #include "device_path.h"
 #include "guarded.h"
-#include "once_logged.h"
 #include "usb_device/udisks.h"
 
 struct usb_device_s {
@@ -48,7 +47,7 @@ public:
             m_bus = ConnectSystemBus(error);
         }
         if (m_bus == nullptr) {
-            return Fail(m_noBus, "no system bus for UDisks2", error.get());
+            return Fail(m_toldNoBus, "no system bus for UDisks2", error.get());
         }
         g_dbus_connection_set_exit_on_close(m_bus.get(), FALSE);
         return 0;
@@ -66,10 +65,9 @@ public:
                                         G_VARIANT_TYPE("(a{oa{sa{sv}}})"), G_DBUS_CALL_FLAGS_NONE,
                                         kCallTimeoutMs, nullptr, base::OutError(error)));
         if (reply == nullptr) {
-            return Fail(m_noAnswer, "UDisks2 unavailable", error.get());
+            return Fail(m_toldNoAnswer, "UDisks2 unavailable", error.get());
         }
-        m_noBus.Succeeded();
-        m_noAnswer.Succeeded();
+        m_toldNoBus = m_toldNoAnswer = false;
         const base::GVariantPtr objects(g_variant_get_child_value(reply.get(), 0));
         auto result = std::make_unique<usb_device_list_s>();
         for (std::string& mount : MountedUsbDrives(objects.get())) {
@@ -89,8 +87,8 @@ public:
     }
 
 private:
-    static int Fail(OnceLogged& fault, const char* what, const GError* error) {
-        if (fault.Failed()) {
+    static int Fail(bool& told, const char* what, const GError* error) {
+        if (!std::exchange(told, true)) {
             PLATFORM_LOG(WARN, "%s (%s): no USB storage, retrying when it is asked for", what,
                          base::ErrorText(error));
         }
@@ -101,8 +99,8 @@ private:
     base::GObjectPtr<GDBusConnection> m_bus;
     std::vector<std::unique_ptr<usb_device_list_s>> m_lists;
     // One each: a bus that comes back without the service is another fault, and is told.
-    OnceLogged m_noBus;
-    OnceLogged m_noAnswer;
+    bool m_toldNoBus = false;
+    bool m_toldNoAnswer = false;
 };
 
 UsbStorage& Storage() {

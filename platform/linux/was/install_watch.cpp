@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <sstream>
 #include <string_view>
-#include <tuple>
 
 #include "device_path.h"
 
@@ -74,14 +73,6 @@ std::vector<std::string> ApplicationsFolders() {
     return result;
 }
 
-bool InstallWatch::Signature::operator==(const Signature& other) const {
-    const auto parts = [](const Signature& signature) {
-        return std::tie(signature.present, signature.device, signature.inode, signature.size,
-                        signature.modified, signature.changed);
-    };
-    return parts(*this) == parts(other);
-}
-
 InstallWatch::InstallWatch(std::recursive_mutex& mutex, std::vector<std::string> folders, EventFunction event)
     : m_mutex(mutex),
       m_event(std::move(event)),
@@ -106,14 +97,11 @@ InstallWatch::Signature InstallWatch::Read(const std::string& path) {
     struct stat status {};
     // The entry itself: a link is installed when it is made, whatever happens to its target later.
     if (lstat(path.c_str(), &status) != 0 || !(S_ISREG(status.st_mode) || S_ISLNK(status.st_mode))) {
-        return {};
+        return std::nullopt;
     }
-    return {true,
-            status.st_dev,
-            status.st_ino,
-            status.st_size,
-            {status.st_mtim.tv_sec, status.st_mtim.tv_nsec},
-            {status.st_ctim.tv_sec, status.st_ctim.tv_nsec}};
+    return std::tuple(status.st_dev, status.st_ino, status.st_size,
+                      Time(status.st_mtim.tv_sec, status.st_mtim.tv_nsec),
+                      Time(status.st_ctim.tv_sec, status.st_ctim.tv_nsec));
 }
 
 std::string InstallWatch::FilePath(std::size_t folder, const std::string& id) const {
@@ -146,7 +134,7 @@ void InstallWatch::OnFinished(const std::string& id, Entries& entries, std::size
     const Signature now = Read(FilePath(folder, id));
     // Gone again: the event of its removal follows. Unchanged: opened for writing, nothing written; or the
     // event of an earlier step of one that has been told.
-    if (!now.present || now == entry.known) {
+    if (!now || now == entry.known) {
         return;
     }
     // Known from another folder: that one is this one under another name.
@@ -160,18 +148,18 @@ void InstallWatch::OnFinished(const std::string& id, Entries& entries, std::size
 
 void InstallWatch::OnGone(const std::string& id, Entries& entries, std::size_t folder) {
     // Present: it was replaced, and the end of that has an event of its own.
-    if (!entries[folder].known.present || Read(FilePath(folder, id)).present) {
+    if (!entries[folder].known || Read(FilePath(folder, id))) {
         return;
     }
-    entries[folder].known = {};
+    entries[folder].known.reset();
     // The files are asked, not what is known of them: a second name of this folder has no events of its own.
     for (std::size_t other = 0; other < entries.size(); ++other) {
-        if (Read(FilePath(other, id)).present) {
+        if (Read(FilePath(other, id))) {
             return;
         }
     }
     for (Entry& entry : entries) {
-        entry.known = {};
+        entry.known.reset();
     }
     m_event(id, false);
 }
@@ -182,13 +170,12 @@ void InstallWatch::Look(std::size_t folder) {
     for (const auto& [id, entries] : apps) {
         Entry& entry = (*entries)[folder];
         const Signature now = Read(FilePath(folder, id));
-        if (!now.present) {
+        if (!now) {
             OnGone(id, *entries, folder);
-        } else if (!(now == entry.known)) {
+        } else if (now != entry.known) {
             // Perhaps still being written: nobody can tell.
             entry.unsettled = now;
-            const base::GMainContextPtr context(g_main_context_ref_thread_default());
-            m_settle.Set(context.get(), kSettleMs, [this] { Settle(); });
+            m_settle = StartTimer(kSettleMs, [this] { Settle(); });
         }
     }
 }
@@ -205,8 +192,8 @@ void InstallWatch::Settle() {
     for (const auto& [id, entries] : apps) {
         for (std::size_t folder = 0; folder < entries->size(); ++folder) {
             Entry& entry = (*entries)[folder];
-            const Signature found = std::exchange(entry.unsettled, Signature{});
-            if (!found.present) {
+            const Signature found = std::exchange(entry.unsettled, std::nullopt);
+            if (!found) {
                 continue;
             }
             if (found == Read(FilePath(folder, id))) {

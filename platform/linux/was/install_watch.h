@@ -7,7 +7,9 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -37,17 +39,10 @@ public:
     void Remove(const std::string& id) { m_apps.erase(id); }
 
 private:
-    /// Tells one state of a file from another.
-    struct Signature {
-        bool present = false;
-        dev_t device = 0;
-        ino_t inode = 0;
-        off_t size = 0;
-        std::pair<std::int64_t, std::int64_t> modified;  ///< seconds, nanoseconds
-        std::pair<std::int64_t, std::int64_t> changed;
-
-        bool operator==(const Signature& other) const;
-    };
+    /// Tells one state of a file from another: device, inode, size, and when it and its inode were modified
+    /// (seconds, nanoseconds). Empty when there is no file.
+    using Time = std::pair<std::int64_t, std::int64_t>;
+    using Signature = std::optional<std::tuple<dev_t, ino_t, off_t, Time, Time>>;
     struct Entry {
         Signature known;      ///< as last told
         Signature unsettled;  ///< found without an event; told when it stays like this
@@ -66,7 +61,7 @@ private:
     std::recursive_mutex& m_mutex;  ///< guards the applications
     const EventFunction m_event;
     std::map<std::string, std::shared_ptr<Entries>> m_apps;
-    ContextTimer m_settle;
+    base::GSourcePtr m_settle;
     FolderWatch m_watch;
 };
 
