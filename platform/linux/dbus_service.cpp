@@ -27,7 +27,6 @@ SystemService::SystemService(Description description, Handlers handlers)
               [this](const char* reason) { Report(State::NoBus, reason); }}) {}
 
 SystemService::~SystemService() {
-    m_closing = true;
     LeaveBus();
     // GLib still holds the data of these; cancelled as they are, they end without waiting for anybody.
     while (m_pending > 0) {
@@ -58,8 +57,10 @@ void SystemService::OnAppeared(const char* owner) {
     DropService();
     m_owner = owner;
     m_cancellable.reset(g_cancellable_new());
-    Report(State::Present, "");
     m_handlers.appeared();
+    // The bus answers in order: its answer says that it has taken the subscriptions.
+    Send("org.freedesktop.DBus", {"/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId"}, nullptr, "(s)",
+         [this](const Reply& /*reply*/) { Report(State::Present, ""); });
 }
 
 void SystemService::OnVanished() {
@@ -81,12 +82,9 @@ void SystemService::DropService() {
         g_dbus_connection_signal_unsubscribe(m_link.Connection(), subscription.id);
     }
     m_subscriptions.clear();
-    ++m_generation;
     g_cancellable_cancel(m_cancellable.get());
     m_owner.clear();
-    if (!m_closing) {
-        m_handlers.vanished();
-    }
+    m_handlers.vanished();
 }
 
 void SystemService::LeaveBus() {
@@ -134,24 +132,29 @@ void SystemService::SignalCb(GDBusConnection* /*connection*/, const char* /*send
 
 void SystemService::Call(const Method& method, GVariant* arguments, const char* replyType,
                          ReplyFunction function) {
-    auto pending = std::make_unique<PendingCall>(PendingCall{this, m_generation, std::move(function)});
+    Send(m_owner.c_str(), method, arguments, replyType, std::move(function));
+}
+
+void SystemService::Send(const char* destination, const Method& method, GVariant* arguments,
+                         const char* replyType, ReplyFunction function) {
+    auto pending = std::make_unique<PendingCall>(PendingCall{this, std::move(function)});
     ++m_pending;
-    g_dbus_connection_call_with_unix_fd_list(m_link.Connection(), m_owner.c_str(), method.path,
-                                             method.interface, method.name, arguments,
-                                             G_VARIANT_TYPE(replyType), G_DBUS_CALL_FLAGS_NO_AUTO_START, -1,
-                                             nullptr, m_cancellable.get(), ReplyCb, pending.release());
+    g_dbus_connection_call_with_unix_fd_list(m_link.Connection(), destination, method.path, method.interface,
+                                             method.name, arguments, G_VARIANT_TYPE(replyType),
+                                             G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr,
+                                             m_cancellable.get(), ReplyCb, pending.release());
 }
 
 void SystemService::ReplyCb(GObject* source, GAsyncResult* result, gpointer data) {
     const std::unique_ptr<PendingCall> pending(static_cast<PendingCall*>(data));
-    SystemService* self = pending->service;
     base::GErrorPtr error;
     GUnixFDList* rawFds = nullptr;
     const base::GVariantPtr value(g_dbus_connection_call_with_unix_fd_list_finish(
         reinterpret_cast<GDBusConnection*>(source), &rawFds, result, base::OutError(error)));
     const base::GObjectPtr<GUnixFDList> fds(rawFds);
-    --self->m_pending;
-    if (!self->m_closing && pending->generation == self->m_generation) {
+    --pending->service->m_pending;
+    // Cancelled with the service that was asked.
+    if (g_error_matches(error.get(), G_IO_ERROR, G_IO_ERROR_CANCELLED) == FALSE) {
         Guarded("reply", [&] { pending->function({value.get(), fds.get(), error.get()}); });
     }
 }

@@ -3,7 +3,6 @@
 #include <gio/gio.h>
 #include <gio/gunixfdlist.h>
 
-#include <cstdint>
 #include <functional>
 #include <list>
 #include <string>
@@ -19,7 +18,7 @@ base::GObjectPtr<GDBusConnection> ConnectSystemBus(base::GErrorPtr& error);
 
 /// Follows one service on the system bus. Connects without blocking; while the bus is missing it tries again
 /// after 100 ms, then doubling up to 30 s. Each change of state (bus missing, service missing, service
-/// there) is one log line. The service is not started by this.
+/// there) is one log line; a service is there when its signals come. The service is not started by this.
 ///
 /// Lives on one thread: made, used and destroyed on the thread that runs its thread-default main context;
 /// everything is delivered there. No function it was given runs after its destruction.
@@ -30,8 +29,8 @@ public:
         std::string title;    ///< what log lines call it
         std::string purpose;  ///< what does not work while it is missing
     };
-    /// `appeared` is the place to subscribe and to call; when the service vanishes its subscriptions are
-    /// dropped and replies still expected never come, then `vanished` runs.
+    /// `appeared` is the place to subscribe and to call; when the service vanishes, or nobody follows it any
+    /// more, its subscriptions are dropped and replies still expected never come, then `vanished` runs.
     struct Handlers {
         std::function<void()> appeared;
         std::function<void()> vanished;
@@ -62,7 +61,6 @@ public:
     SystemService(const SystemService&) = delete;
     SystemService& operator=(const SystemService&) = delete;
 
-    GMainContext* Context() const { return m_context.get(); }
     bool Present() const { return !m_owner.empty(); }
     /// Only while the service is present. Signals that the service sends after this call arrive in order
     /// with the replies it sends.
@@ -78,7 +76,6 @@ private:
     };
     struct PendingCall {
         SystemService* service;
-        std::uint64_t generation;
         ReplyFunction function;
     };
 
@@ -88,6 +85,8 @@ private:
                          const char* interface, const char* name, GVariant* parameters, gpointer data);
     static void ReplyCb(GObject* source, GAsyncResult* result, gpointer data);
 
+    void Send(const char* destination, const Method& method, GVariant* arguments, const char* replyType,
+              ReplyFunction function);
     void OnConnected();
     void OnAppeared(const char* owner);
     void OnVanished();
@@ -103,10 +102,8 @@ private:
     guint m_nameWatch = 0;
     std::string m_owner;  ///< unique name of the service; empty while it is missing
     std::list<Subscription> m_subscriptions;
-    std::uint64_t m_generation = 0;  ///< counts the lives of the service
-    unsigned m_pending = 0;          ///< replies that GLib still owes
+    unsigned m_pending = 0;  ///< replies that GLib still owes
     State m_state = State::Unknown;
-    bool m_closing = false;
     base::BusLink m_link;  ///< last: an attempt that fails at once is reported while it is made
 };
 

@@ -4,9 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "context_thread.h"
@@ -30,7 +32,8 @@ constexpr const char* kXml =
 /// A follower of the lamp service on a thread of its own; writes down what it is told.
 class Follower {
 public:
-    Follower() {
+    /// @param look runs on the thread when the service appears
+    explicit Follower(std::function<void()> look = [] {}) : m_look(std::move(look)) {
         EXPECT_TRUE(m_thread.Start(
             [this] {
                 m_service.emplace(
@@ -52,6 +55,7 @@ public:
 
 private:
     void OnAppeared() {
+        m_look();
         m_service->Subscribe({kPath, kName, nullptr, nullptr},
                              [this](const char* /*path*/, GVariant* value) { Add(value); });
         reports.Add("appeared");
@@ -65,6 +69,7 @@ private:
         reports.Add(text);
     }
 
+    const std::function<void()> m_look;
     ContextThread m_thread{"follower"};
     std::optional<SystemService> m_service;
 };
@@ -89,6 +94,17 @@ protected:
     Reports<GDBusMethodInvocation*> kept;  ///< questions that the lamp leaves open
 };
 
+TEST_F(Service, AServiceIsThereWhenItsSignalsCome) {
+    bus.Start();
+    const auto lamp = Lamp();
+    Follower follower([this] { EXPECT_EQ(log.Count("the lamp is there"), 0); });
+    EXPECT_TRUE(log.WaitFor("the lamp is there"));
+
+    lamp->Emit(kPath, kName, "Said", g_variant_new("(s)", "one"));
+
+    EXPECT_THAT(follower.reports.WaitFor(2), ElementsAre("appeared", "one"));
+}
+
 TEST_F(Service, AMissingServiceIsOneLogLineAndItIsFollowedWhenItComes) {
     bus.Start();
     Follower follower;
@@ -96,7 +112,7 @@ TEST_F(Service, AMissingServiceIsOneLogLineAndItIsFollowedWhenItComes) {
     EXPECT_TRUE(follower.reports.Now().empty());
 
     auto lamp = Lamp();
-    EXPECT_THAT(follower.reports.WaitFor(1), ElementsAre("appeared"));
+    EXPECT_TRUE(log.WaitFor("the lamp is there"));
     lamp.reset();
     EXPECT_THAT(follower.reports.WaitFor(2), ElementsAre("appeared", "vanished"));
     lamp = Lamp();
