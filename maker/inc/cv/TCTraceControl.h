@@ -3,6 +3,8 @@
 #include <mutex>
 #include <string>
 
+#include "cv/TCScopeHandler.h"
+
 namespace cv {
 
 /// Process-wide. Any thread; throws nothing.
@@ -10,10 +12,10 @@ class TCTraceControl {
 public:
     static constexpr const char* DUMP_NAME = "trace.json";
 
-    [[nodiscard]] bool IsActive() const;
-    /// TCScopeHandler::SetActive and Reload.
-    void SetActive(bool active);
-    int Reload();
+    /// Those of TCScopeHandler.
+    [[nodiscard]] bool IsActive() const { return TCScopeHandler::IsActive(); }
+    void SetActive(bool active) { TCScopeHandler::Instance().SetActive(active); }
+    int Reload() { return TCScopeHandler::Instance().Reload(); }
 
     /// Saves the recording as DUMP_NAME, in the Chrome trace-event JSON format, in both folders. They are
     /// device paths and made when they are missing, the destination only where its parent exists (a stick may

@@ -1,10 +1,10 @@
 #pragma once
 /// The queue of matched traps.
+#include <cstddef>
 #include <cstdint>
-#include <string>
-#include <vector>
 
-#include "cv/TSTrap.h"
+#include "cv/BoundedRing.h"
+#include "cv/TSCallItem.h"
 
 namespace cv {
 
@@ -21,25 +21,13 @@ struct TSTrapMatch {
     char value[MAX_VALUE + 1];  ///< the value as text, cut when longer
 };
 
-/// Process-wide, bounded: a full queue loses its oldest match and counts it. Any thread; throws nothing but
-/// std::bad_alloc, and that only where it says so.
-class TCTrapPattern {
+/// Process-wide: the newest 256 matches. Any thread.
+class TCTrapPattern : public BoundedRing<TSTrapMatch, 256> {
 public:
-    static constexpr std::size_t MAX_MATCHES = 256;
-
     /// The only instance; never freed.
     static TCTrapPattern& Instance();
 
-    void AddItemToQueue(const TSTrapMatch& match) noexcept;
-
-    /// A copy of the queue, oldest first (may throw std::bad_alloc), and in `end`, unless it is null, the
-    /// position behind its newest match.
-    [[nodiscard]] std::vector<TSTrapMatch> Items(std::uint64_t* end = nullptr) const;
-    /// Removes the matches before a position that Items gave.
-    void DiscardBefore(std::uint64_t end) noexcept;
-    void Clear() noexcept;
-    /// Matches lost to newer ones since the process began or Clear.
-    [[nodiscard]] std::uint64_t Dropped() const noexcept;
+    void AddItemToQueue(const TSTrapMatch& match) noexcept { Push(match); }
 
 private:
     TCTrapPattern() = default;

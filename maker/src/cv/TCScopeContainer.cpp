@@ -32,6 +32,11 @@ std::uint64_t WithoutSign(const TSCallItem& item) {
 
 }  // namespace
 
+TCTrapPattern& TCTrapPattern::Instance() {
+    static TCTrapPattern instance;
+    return instance;
+}
+
 void TCScope::Open(const TCScopeContainer& site) noexcept {
     m_event.site = &site.Location();
     m_event.thread = static_cast<std::int32_t>(syscall(SYS_gettid));
@@ -43,7 +48,7 @@ void TCScope::Open(const TCScopeContainer& site) noexcept {
 
 void TCScope::Close() noexcept {
     m_event.durationNs = platform_clock_steady_ns() - m_event.startNs;
-    TCScopeHandler::Instance().Record(m_event);
+    TCScopeHandler::Instance().Push(m_event);
 }
 
 TSCallItem* TCScope::NextItem() noexcept {

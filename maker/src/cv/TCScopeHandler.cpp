@@ -2,8 +2,8 @@
 
 #include <mutex>
 #include <utility>
+#include <vector>
 
-#include "BoundedRing.h"
 #include "MakerLog.h"
 #include "TSFileSystem.h"
 #include "TrapFile.h"
@@ -15,13 +15,6 @@ namespace cv {
 using Conditions = std::vector<TSTrapCondition>;
 
 namespace {
-
-using Recording = BoundedRing<TSEvent, TCScopeHandler::MAX_EVENTS>;
-
-Recording& TheRecording() {
-    static Recording recording;
-    return recording;
-}
 
 std::mutex g_conditionsMutex;  // guards TheConditions()
 
@@ -82,26 +75,6 @@ std::shared_ptr<const TSTrapCondition> TCScopeHandler::ConditionsOf(
         }
     }
     return nullptr;
-}
-
-void TCScopeHandler::Record(const TSEvent& event) noexcept {
-    TheRecording().Push(event);
-}
-
-std::vector<TSEvent> TCScopeHandler::Events(std::uint64_t* end) const {
-    return TheRecording().Items(end);
-}
-
-void TCScopeHandler::DiscardBefore(std::uint64_t end) noexcept {
-    TheRecording().DiscardBefore(end);
-}
-
-void TCScopeHandler::Clear() noexcept {
-    TheRecording().Clear();
-}
-
-std::uint64_t TCScopeHandler::Overwritten() const noexcept {
-    return TheRecording().Lost();
 }
 
 }  // namespace cv

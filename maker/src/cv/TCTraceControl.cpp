@@ -27,11 +27,11 @@ struct Snapshot {
 Snapshot Take(bool withTraps) {
     Snapshot snapshot;
     TSDump& dump = snapshot.dump;
-    dump.events = TCScopeHandler::Instance().Events(&snapshot.eventsEnd);
-    dump.overwritten = TCScopeHandler::Instance().Overwritten();
+    dump.events = TCScopeHandler::Instance().Items(&snapshot.eventsEnd);
+    dump.overwritten = TCScopeHandler::Instance().Lost();
     if (withTraps) {
         dump.matches = TCTrapPattern::Instance().Items(&snapshot.matchesEnd);
-        dump.dropped = TCTrapPattern::Instance().Dropped();
+        dump.dropped = TCTrapPattern::Instance().Lost();
     }
     platform_time_t now{};
     platform_clock_realtime(&now);
@@ -55,18 +55,6 @@ bool WriteInto(const std::string& folder, bool withParents, const std::string& t
 }
 
 }  // namespace
-
-bool TCTraceControl::IsActive() const {
-    return TCScopeHandler::IsActive();
-}
-
-void TCTraceControl::SetActive(bool active) {
-    TCScopeHandler::Instance().SetActive(active);
-}
-
-int TCTraceControl::Reload() {
-    return TCScopeHandler::Instance().Reload();
-}
 
 bool TCTraceControl::SaveDump(const std::string& sourceFolder, const std::string& destinationFolder,
                               int withTraps, int clear) {

@@ -124,7 +124,7 @@ TEST_F(Dump, AnEmptyRecordingIsAFileThatOpens) {
 }
 
 TEST_F(Dump, TheFileSaysWhatItLacksAndWhenItWasMade) {
-    for (std::size_t i = 0; i < cv::TCScopeHandler::MAX_EVENTS + 5; ++i) {
+    for (std::size_t i = 0; i < cv::TCScopeHandler::CAPACITY + 5; ++i) {
         Work("x");
     }
     fakes::clock::SetWall(1700000123);

@@ -24,7 +24,7 @@ protected:
     ~CvFixture() override { Handler().SetActive(false); }
 
     static cv::TCScopeHandler& Handler() { return cv::TCScopeHandler::Instance(); }
-    static std::vector<cv::TSEvent> Events() { return Handler().Events(); }
+    static std::vector<cv::TSEvent> Events() { return Handler().Items(); }
 
     /// The names of the matched traps, oldest first.
     static std::vector<std::string> Matches() {

@@ -37,7 +37,7 @@ TEST(TracingAtFirstUseDeathTest, IsOnOnlyWhereTheDebugMarkerExists) {
         EXPECT_EXIT(
             {
                 RecordNumber(1);
-                std::_Exit(cv::TCScopeHandler::Instance().Events().size() == events ? 0 : 1);
+                std::_Exit(cv::TCScopeHandler::Instance().Items().size() == events ? 0 : 1);
             },
             testing::ExitedWithCode(0), "");
     }
@@ -157,16 +157,16 @@ TEST_F(Scope, WhatWasRecordedOrOpenWhenTracingWasSwitchedOffIsKept) {
 }
 
 TEST_F(Scope, AFullRecordingLosesItsOldestEventsAndCountsThem) {
-    constexpr auto kMax = static_cast<std::int32_t>(cv::TCScopeHandler::MAX_EVENTS);
+    constexpr auto kMax = static_cast<std::int32_t>(cv::TCScopeHandler::CAPACITY);
     for (std::int32_t i = 0; i < kMax; ++i) {
         RecordNumber(i);
     }
-    EXPECT_EQ(Handler().Overwritten(), 0U);
+    EXPECT_EQ(Handler().Lost(), 0U);
 
     RecordNumber(kMax);
     RecordNumber(kMax + 1);
 
-    EXPECT_EQ(Handler().Overwritten(), 2U);
+    EXPECT_EQ(Handler().Lost(), 2U);
     const std::vector<TSEvent> events = Events();
     ASSERT_EQ(events.size(), static_cast<std::size_t>(kMax));
     EXPECT_EQ(events.front().items[0].bits, 2U);
@@ -176,7 +176,7 @@ TEST_F(Scope, AFullRecordingLosesItsOldestEventsAndCountsThem) {
 TEST_F(Scope, OnlyWhatWasSeenIsDiscarded) {
     RecordNumber(1);
     std::uint64_t end = 0;
-    ASSERT_EQ(Handler().Events(&end).size(), 1U);
+    ASSERT_EQ(Handler().Items(&end).size(), 1U);
     RecordNumber(2);
 
     Handler().DiscardBefore(end);
@@ -207,7 +207,7 @@ TEST_F(Scope, SeveralThreadsRecordWhileTheRecordingIsSwitchedReloadedAndRead) {
             RecordText("text");
             if (thread == 0 && i % 15 == 0) {
                 LoadTraps("odd cv_scope_test:RecordNumber 0 signed > 100\n");
-                static_cast<void>(Handler().Events());  // only that it may be asked
+                static_cast<void>(Handler().Items());  // only that it may be asked
                 Handler().SetActive(i % 2 == 0);
             }
         }
@@ -216,7 +216,7 @@ TEST_F(Scope, SeveralThreadsRecordWhileTheRecordingIsSwitchedReloadedAndRead) {
     RecordNumber(-1);
 
     const std::vector<TSEvent> events = Events();
-    EXPECT_LE(events.size(), cv::TCScopeHandler::MAX_EVENTS);
+    EXPECT_LE(events.size(), cv::TCScopeHandler::CAPACITY);
     EXPECT_EQ(static_cast<std::int64_t>(events.back().items[0].bits), -1);
 }
 

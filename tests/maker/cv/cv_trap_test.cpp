@@ -152,16 +152,16 @@ TEST_F(Trap, AMatchSaysWhereWhenAndWhatOfTheValueFits) {
 
 TEST_F(Trap, AFullQueueLosesItsOldestMatchesAndCountsThem) {
     Set("signed >= 0");
-    constexpr int kMax = static_cast<int>(cv::TCTrapPattern::MAX_MATCHES);
+    constexpr int kMax = static_cast<int>(cv::TCTrapPattern::CAPACITY);
 
     for (int i = 0; i < kMax + 3; ++i) {
         Store(i);
     }
 
     const std::vector<cv::TSTrapMatch> matches = cv::TCTrapPattern::Instance().Items();
-    ASSERT_EQ(matches.size(), cv::TCTrapPattern::MAX_MATCHES);
+    ASSERT_EQ(matches.size(), cv::TCTrapPattern::CAPACITY);
     EXPECT_STREQ(matches.front().value, "3");
-    EXPECT_EQ(cv::TCTrapPattern::Instance().Dropped(), 3U);
+    EXPECT_EQ(cv::TCTrapPattern::Instance().Lost(), 3U);
 }
 
 TEST_F(Trap, TheConditionsOfACallSiteCanBeAskedFor) {

@@ -34,7 +34,7 @@ protected:
     ~UsageLogger() override { Tracing().SetActive(false); }
 
     static cv::TCScopeHandler& Tracing() { return cv::TCScopeHandler::Instance(); }
-    static std::vector<cv::TSEvent> Events() { return Tracing().Events(); }
+    static std::vector<cv::TSEvent> Events() { return Tracing().Items(); }
 
     static void SetRsc(int launch, int foreground, int background) {
         fakes::vconf::SetInt(kForeground, foreground);

@@ -197,7 +197,7 @@ TEST_F(TestRecording, TheTraceDumpIsSavedWithItsTrapsAndClearedFromTheRecording)
     EXPECT_THAT(dump, testing::HasSubstr("LogVolumeLevel"));
     EXPECT_THAT(dump, testing::HasSubstr("loud"));
     EXPECT_EQ(fakes::ReadDeviceFile("/tmp/zol/CV_dump/trace.json"), dump);
-    EXPECT_THAT(tracing.Events(), IsEmpty());
+    EXPECT_THAT(tracing.Items(), IsEmpty());
 }
 
 TEST_F(TestRecording, ItAsksForTheTwoCombinationsOnlyAndIgnoresOthers) {

@@ -14,6 +14,8 @@ namespace cv {
 template <class T, std::size_t capacity>
 class BoundedRing {
 public:
+    static constexpr std::size_t CAPACITY = capacity;
+
     void Push(const T& entry) {
         const Lock lock(m_mutex);
         if (m_end - m_begin == capacity) {
@@ -25,7 +27,7 @@ public:
 
     /// A copy, oldest first; may throw std::bad_alloc. In `end`, unless it is null, the position behind the
     /// newest entry.
-    std::vector<T> Items(std::uint64_t* end) const {
+    [[nodiscard]] std::vector<T> Items(std::uint64_t* end = nullptr) const {
         const Lock lock(m_mutex);
         std::vector<T> items;
         items.reserve(static_cast<std::size_t>(m_end - m_begin));
@@ -38,6 +40,7 @@ public:
         return items;
     }
 
+    /// Removes the entries before a position that Items gave.
     void DiscardBefore(std::uint64_t end) {
         const Lock lock(m_mutex);
         m_begin = std::clamp(end, m_begin, m_end);
@@ -49,8 +52,8 @@ public:
         m_lost = 0;
     }
 
-    /// Entries that newer ones have replaced since the beginning or Clear.
-    std::uint64_t Lost() const {
+    /// Entries lost to newer ones since the process began or Clear.
+    [[nodiscard]] std::uint64_t Lost() const {
         const Lock lock(m_mutex);
         return m_lost;
     }
