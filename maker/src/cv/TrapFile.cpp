@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <charconv>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -178,8 +179,6 @@ bool ReadAll(int file, std::string& text) {
     return true;
 }
 
-}  // namespace
-
 int ParseTraps(std::string_view text, std::vector<TSTrapCondition>& conditions) {
     BadLines bad;
     int count = 0;
@@ -203,6 +202,8 @@ int ParseTraps(std::string_view text, std::vector<TSTrapCondition>& conditions) 
     }
     return count;
 }
+
+}  // namespace
 
 int LoadTraps(std::vector<TSTrapCondition>& conditions) {
     conditions.clear();
