@@ -8,15 +8,6 @@
 
 namespace platform {
 
-base::GObjectPtr<GDBusConnection> ConnectSystemBus(base::GErrorPtr& error) {
-    const base::GStringPtr address = base::BusAddress(G_BUS_TYPE_SYSTEM, error);
-    if (address == nullptr) {
-        return nullptr;
-    }
-    return base::GObjectPtr<GDBusConnection>(g_dbus_connection_new_for_address_sync(
-        address.get(), base::kBusConnectionFlags, nullptr, nullptr, base::OutError(error)));
-}
-
 SystemService::SystemService(Description description, Handlers handlers)
     : m_description(std::move(description)),
       m_handlers(std::move(handlers)),

@@ -12,10 +12,6 @@
 
 namespace platform {
 
-/// A connection of its own to the system bus (DBUS_SYSTEM_BUS_ADDRESS is honoured); null with `error` set
-/// when there is none. Blocks.
-base::GObjectPtr<GDBusConnection> ConnectSystemBus(base::GErrorPtr& error);
-
 /// Follows one service on the system bus. Connects without blocking; while the bus is missing it tries again
 /// after 100 ms, then doubling up to 30 s. Each change of state (bus missing, service missing, service
 /// there) is one log line; a service is there when its signals come. The service is not started by this.

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <string_view>
 
 namespace {
 
@@ -22,16 +23,11 @@ std::string ReadRoot() {
     return path;
 }
 
-/// Read once: the environment does not change after start. Never destroyed, like NoRoot: threads map paths
-/// until the process is gone.
+/// Read once: the environment does not change after start. Never destroyed: threads map paths until the
+/// process is gone.
 const std::string& Root() {
     static const auto* const root = new std::string(ReadRoot());
     return *root;
-}
-
-const std::string& NoRoot() {
-    static const auto* const empty = new std::string;
-    return *empty;
 }
 
 }  // namespace
@@ -39,7 +35,7 @@ const std::string& NoRoot() {
 extern "C" size_t device_path_map(const char* path, char* out, size_t size) {
     // A path that lies below the root already (a mount point that the system told) is not moved twice.
     const bool mapped = !Root().empty() && std::strncmp(path, (Root() + '/').c_str(), Root().size() + 1) == 0;
-    const std::string& root = mapped ? NoRoot() : Root();
+    const std::string_view root = mapped ? std::string_view() : Root();
     const size_t length = std::strlen(path);
     if (root.size() + length >= size) {
         if (size > 0) {

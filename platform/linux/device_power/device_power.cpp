@@ -65,6 +65,9 @@ private:
 class PowerService {
 public:
     int Subscribe(PowerEvent event, device_power_callback_fn callback, void* userData) {
+        if (callback == nullptr) {
+            return -1;
+        }
         const base::GMainContextPtr context(g_main_context_ref_thread_default());
         const std::lock_guard<std::mutex> life(m_life);
         if (const auto known = Find(event, callback); known != m_subscribers.end()) {
@@ -135,10 +138,6 @@ PowerService& Service() {
     return *service;
 }
 
-int Subscribe(PowerEvent event, device_power_callback_fn callback, void* userData) {
-    return callback != nullptr ? Service().Subscribe(event, callback, userData) : -1;
-}
-
 }  // namespace
 
 }  // namespace platform
@@ -146,11 +145,11 @@ int Subscribe(PowerEvent event, device_power_callback_fn callback, void* userDat
 extern "C" {
 
 int device_power_subscribe_poweroff(device_power_callback_fn callback, void* user_data) {
-    return platform::Subscribe(platform::PowerEvent::PowerOff, callback, user_data);
+    return platform::Service().Subscribe(platform::PowerEvent::PowerOff, callback, user_data);
 }
 
 int device_power_subscribe_wakeup(device_power_callback_fn callback, void* user_data) {
-    return platform::Subscribe(platform::PowerEvent::WakeUp, callback, user_data);
+    return platform::Service().Subscribe(platform::PowerEvent::WakeUp, callback, user_data);
 }
 
 int device_power_unsubscribe_poweroff(device_power_callback_fn callback) {

@@ -2,6 +2,8 @@
 
 #include <glib.h>
 
+#include <algorithm>
+#include <array>
 #include <cstdlib>
 
 #include "base/glib_handles.h"
@@ -13,23 +15,21 @@ namespace {
 constexpr const char* kWayland = "WAYLAND_DISPLAY";
 constexpr const char* kX11 = "DISPLAY";
 
+using Words = std::array<const char*, 6>;
+
 /// A program that writes the unscaled picture; "%" stands for the file.
 struct Grabber {
     const char* display;  ///< environment variable of the display that it captures
-    std::vector<const char*> command;
-    const char* format;  ///< of what it writes
+    const char* format;   ///< of what it writes
+    Words command;        ///< filled up with null
 };
 
-/// Never destroyed: a key combination may ask for a capture while the process ends.
-const std::vector<Grabber>& Grabbers() {
-    static const auto* const grabbers = new std::vector<Grabber>{
-        {kWayland, {"grim", "-t", "ppm", "%"}, "ppm"},
-        {kX11, {"import", "-silent", "-window", "root", "ppm:%"}, "ppm"},
-        {kX11, {"xwd", "-silent", "-root", "-out", "%"}, "xwd"},
-        {kX11, {"scrot", "--overwrite", "--silent", "%"}, "png"},
-    };
-    return *grabbers;
-}
+constexpr Grabber kGrabbers[] = {
+    {kWayland, "ppm", {"grim", "-t", "ppm", "%"}},
+    {kX11, "ppm", {"import", "-silent", "-window", "root", "ppm:%"}},
+    {kX11, "xwd", {"xwd", "-silent", "-root", "-out", "%"}},
+    {kX11, "png", {"scrot", "--overwrite", "--silent", "%"}},
+};
 
 bool IsSet(const char* variable) {
     const char* value = std::getenv(variable);
@@ -50,8 +50,8 @@ const char* Converter() {
     return nullptr;
 }
 
-Command Fill(const std::vector<const char*>& words, const std::string& file) {
-    Command command(words.begin(), words.end());
+Command Fill(const Words& words, const std::string& file) {
+    Command command(words.begin(), std::find(words.begin(), words.end(), nullptr));
     for (std::string& word : command) {
         const std::size_t at = word.find('%');
         if (at != std::string::npos) {
@@ -86,7 +86,7 @@ std::vector<CaptureWay> CaptureWays(const dc_capture_request& request, const std
     if (converter == nullptr) {
         return ways;
     }
-    for (const Grabber& grabber : Grabbers()) {
+    for (const Grabber& grabber : kGrabbers) {
         const char* program = grabber.command.front();
         if (IsSet(grabber.display) && IsInstalled(program)) {
             const std::string input = std::string(grabber.format) + ":" + raw;

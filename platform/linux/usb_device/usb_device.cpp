@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "dbus_service.h"
+#include "base/bus_link.h"
 #include "device_path.h"
 #include "guarded.h"
 #include "usb_device/udisks.h"
@@ -43,8 +43,11 @@ public:
     int Init() {
         const std::lock_guard<std::mutex> lock(m_mutex);
         base::GErrorPtr error;
-        if (m_bus == nullptr) {
-            m_bus = ConnectSystemBus(error);
+        const base::GStringPtr address =
+            m_bus == nullptr ? base::BusAddress(G_BUS_TYPE_SYSTEM, error) : nullptr;
+        if (address != nullptr) {
+            m_bus.reset(g_dbus_connection_new_for_address_sync(address.get(), base::kBusConnectionFlags,
+                                                               nullptr, nullptr, base::OutError(error)));
         }
         if (m_bus == nullptr) {
             return Fail(m_toldNoBus, "no system bus for UDisks2", error.get());
