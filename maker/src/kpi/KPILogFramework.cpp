@@ -1,11 +1,95 @@
 #include "KPILogFramework.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <ctime>
+#include <optional>
+
 #include "MakerLog.h"
-#include "Store.h"
+#include "TSFileSystem.h"
 #include "base/exception_wall.h"
+#include "base/folders.h"
+#include "base/set_aside.h"
+#include "base/sqlite_handles.h"
+#include "base/unique_fd.h"
+#include "device_path.h"
+#include "device_paths.h"
+#include "platform_clock.h"
 
 namespace KPILogFramework {
 namespace {
+
+constexpr mode_t kFileMode = 0640;
+constexpr std::uint64_t kBusyStepUs = 20000;  // between two looks at a locked database
+constexpr int kBusySteps = 100;               // 2 s in all
+
+constexpr const char* kSetup =
+    // Only a synced journal survives a power cut; short ones keep the flash usage low.
+    "PRAGMA synchronous = FULL;"
+    "PRAGMA wal_autocheckpoint = 128;"
+    "PRAGMA cache_size = -256;"
+    "BEGIN IMMEDIATE;"
+    "CREATE TABLE IF NOT EXISTS event ("
+    " sequence INTEGER PRIMARY KEY AUTOINCREMENT, time INTEGER NOT NULL, type TEXT NOT NULL,"
+    " category TEXT NOT NULL, event_id TEXT NOT NULL, description TEXT NOT NULL);"
+    "CREATE TABLE IF NOT EXISTS dropped (one INTEGER PRIMARY KEY CHECK (one = 1), count INTEGER NOT NULL);"
+    "INSERT OR IGNORE INTO dropped VALUES (1, 0);"
+    "COMMIT;";
+constexpr const char* kInsert =
+    "INSERT INTO event (time, type, category, event_id, description) VALUES (?, ?, ?, ?, ?)";
+constexpr const char* kSelect =
+    "SELECT sequence, time, type, category, event_id, description FROM event ORDER BY sequence";
+
+int WaitWhileBusy(void* /*unused*/, int steps) {
+    if (steps >= kBusySteps) {
+        return 0;
+    }
+    platform_sleep_us(kBusyStepUs);
+    return 1;
+}
+
+bool IsDamage(int result) {
+    // A schema that is not ours (SQLITE_ERROR) is as useless as a broken page.
+    const int primary = result & 0xff;
+    return primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB || primary == SQLITE_ERROR;
+}
+
+/// @param fault what log lines say of it
+bool MoveAside(const std::string& path, const char* fault) {
+    const base::SetAsideResult kept = base::SetAside(path);
+    if (kept.error) {
+        MAKER_ERROR("the KPI log %s is %s, and its place cannot be cleared: %s", ZOL_PATH_KPI_DB, fault,
+                    kept.error.message().c_str());
+    } else {
+        MAKER_ERROR("the KPI log %s is %s, %s", ZOL_PATH_KPI_DB, fault,
+                    kept.name.empty() ? "removed" : "set aside as " ZOL_PATH_KPI_DB ".damaged");
+    }
+    return !kept.error;
+}
+
+ino_t InodeOf(const std::string& path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 ? status.st_ino : 0;
+}
+
+/// SQLite would delete a journal that it finds beside a new database; it may hold events.
+bool KeepLeftOverJournal(const std::string& path) {
+    struct stat journal {};
+    return access(path.c_str(), F_OK) == 0 || stat((path + "-wal").c_str(), &journal) != 0 ||
+           journal.st_size == 0 || MoveAside(path, "gone and its journal is not");
+}
+
+/// SQLite would make the file readable for everyone. The descriptor is closed before the first connection
+/// exists, since closing it later would drop the connection's locks.
+bool MakeFile(const std::string& path) {
+    const base::UniqueFd file(
+        open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kFileMode));
+    return file || errno == EEXIST;
+}
 
 /// Of an exception: there may be no memory.
 void Report(const char* why) {
@@ -13,6 +97,269 @@ void Report(const char* why) {
 }
 
 }  // namespace
+
+/// One connection, opened when it is first needed and again when the file was replaced. Not thread-safe.
+class CLogger::Store {
+public:
+    /// Appends one event and drops what is over the limit, all or nothing. @return a RESULT_ code.
+    [[nodiscard]] int Add(const std::string& type, const std::string& category, const std::string& eventId,
+                          const std::string& description);
+    [[nodiscard]] bool List(std::vector<TSKpiEvent>& events);
+    std::int64_t Dropped();
+
+private:
+    enum class EPresence { OPEN, ABSENT, FAILED };
+
+    [[nodiscard]] EPresence OpenExisting();
+    /// False while another process has made the file and not yet what is in it.
+    bool HoldsTables();
+    [[nodiscard]] int OpenForWriting();
+    [[nodiscard]] int Connect(const std::string& path, int flags);
+    [[nodiscard]] int Prepare();
+    [[nodiscard]] int CheckPages();
+    [[nodiscard]] int Insert(const std::string& type, const std::string& category, const std::string& eventId,
+                             const std::string& description);
+    [[nodiscard]] int DropOldest();
+    [[nodiscard]] int DropUpTo(const std::string& last);
+    /// Of the first column of the first row.
+    [[nodiscard]] std::optional<std::int64_t> Number(const char* sql);
+    [[nodiscard]] int Execute(const char* sql);
+    [[nodiscard]] bool SetAside(const std::string& path);
+    void Close();
+
+    base::DatabasePtr m_database;
+    ino_t m_inode = 0;  // of the file behind the connection
+    bool m_writable = false;
+};
+
+void CLogger::Store::Close() {
+    m_database.reset();
+    m_inode = 0;
+    m_writable = false;
+}
+
+int CLogger::Store::Execute(const char* sql) {
+    return sqlite3_exec(m_database.get(), sql, nullptr, nullptr, nullptr);
+}
+
+int CLogger::Store::Connect(const std::string& path, int flags) {
+    Close();
+    // SQLite refuses a link in any part of a path; those of the image are followed here.
+    const base::OpenedFolder folder =
+        base::OpenFolder(DevicePath("/"), DevicePath(ZOL_PATH_STATE_DIR), base::Make::Nothing);
+    if (folder.error) {
+        return SQLITE_CANTOPEN;
+    }
+    const std::string resolved = folder.path + path.substr(path.rfind('/'));
+    sqlite3* database = nullptr;
+    const int result = sqlite3_open_v2(resolved.c_str(), &database,
+                                       flags | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_NOMUTEX, nullptr);
+    m_database.reset(database);
+    if (result != SQLITE_OK) {
+        return result;
+    }
+    m_inode = InodeOf(path);
+    sqlite3_busy_handler(database, WaitWhileBusy, nullptr);
+    // Readers that may not write the folder need the journal's files to be there.
+    int keep = 1;
+    sqlite3_file_control(database, "main", SQLITE_FCNTL_PERSIST_WAL, &keep);
+    return SQLITE_OK;
+}
+
+int CLogger::Store::CheckPages() {
+    const base::StatementPtr statement = base::Prepare(m_database.get(), "PRAGMA quick_check(1)");
+    base::Run check(statement);
+    if (check.Step() != SQLITE_ROW) {
+        return sqlite3_errcode(m_database.get());
+    }
+    return check.Text(0) == "ok" ? SQLITE_OK : SQLITE_CORRUPT;
+}
+
+int CLogger::Store::Prepare() {
+    int result = Execute("PRAGMA journal_mode = WAL");
+    if (result == SQLITE_OK) {
+        result = CheckPages();
+    }
+    if (result == SQLITE_OK) {
+        result = Execute(kSetup);
+    }
+    if (result == SQLITE_OK && base::Prepare(m_database.get(), kInsert) == nullptr) {
+        result = sqlite3_errcode(m_database.get());
+    }
+    return result;
+}
+
+bool CLogger::Store::SetAside(const std::string& path) {
+    const ino_t damaged = m_inode;
+    Close();
+    if (InodeOf(path) != damaged) {
+        return true;  // another process was faster
+    }
+    return MoveAside(path, "damaged");
+}
+
+int CLogger::Store::OpenForWriting() {
+    const std::string path = DevicePath(ZOL_PATH_KPI_DB);
+    if (m_writable && m_inode == InodeOf(path)) {
+        return RESULT_SUCCESS;
+    }
+    Close();
+    constexpr int kAttempts = 2;  // the second one on a new database
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        if (!TSFileSystem::MakeDir(ZOL_PATH_STATE_DIR, true) || !KeepLeftOverJournal(path) ||
+            !MakeFile(path)) {
+            break;
+        }
+        int result = Connect(path, SQLITE_OPEN_READWRITE);
+        if (result == SQLITE_OK) {
+            result = Prepare();
+        }
+        if (result == SQLITE_OK) {
+            m_writable = true;
+            return RESULT_SUCCESS;
+        }
+        MAKER_ERROR("cannot open the KPI log %s: %s", ZOL_PATH_KPI_DB, sqlite3_errstr(result));
+        if (!IsDamage(result) || !SetAside(path)) {
+            break;
+        }
+    }
+    Close();
+    return RESULT_NO_STORE;
+}
+
+int CLogger::Store::Insert(const std::string& type, const std::string& category, const std::string& eventId,
+                           const std::string& description) {
+    const base::StatementPtr statement = base::Prepare(m_database.get(), kInsert);
+    if (statement == nullptr) {
+        return sqlite3_errcode(m_database.get());
+    }
+    platform_time_t now{};
+    platform_clock_realtime(&now);
+    base::Run insert(statement);
+    insert.Bind(1, now.seconds);
+    insert.Bind(2, type);
+    insert.Bind(3, category);
+    insert.Bind(4, eventId);
+    insert.Bind(5, description);
+    const int result = insert.Step();
+    return result == SQLITE_DONE ? SQLITE_OK : result;
+}
+
+std::optional<std::int64_t> CLogger::Store::Number(const char* sql) {
+    const base::StatementPtr statement = base::Prepare(m_database.get(), sql);
+    base::Run query(statement);
+    return query.Step() == SQLITE_ROW ? std::optional(query.Number(0)) : std::nullopt;
+}
+
+/// Deletes the events up to a sequence number, given as an expression, but never the newest one.
+int CLogger::Store::DropUpTo(const std::string& last) {
+    const std::string drop =
+        "DELETE FROM event WHERE sequence < (SELECT max(sequence) FROM event)"
+        " AND sequence <= " +
+        last + "; UPDATE dropped SET count = count + changes()";
+    return Execute(drop.c_str());
+}
+
+int CLogger::Store::DropOldest() {
+    int result = DropUpTo("(SELECT max(sequence) FROM event) - " + std::to_string(MAX_EVENTS));
+    constexpr const char* kUsedBytes =
+        "SELECT (page_count - freelist_count) * page_size"
+        " FROM pragma_page_count, pragma_freelist_count, pragma_page_size";
+    while (result == SQLITE_OK && Number(kUsedBytes).value_or(0) > MAX_BYTES &&
+           Number("SELECT count(*) FROM event").value_or(0) > 1) {
+        result = DropUpTo("(SELECT min(sequence) FROM event)");
+    }
+    return result;
+}
+
+int CLogger::Store::Add(const std::string& type, const std::string& category, const std::string& eventId,
+                        const std::string& description) {
+    constexpr int kAttempts = 2;  // the second one on a new database
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        const int opened = OpenForWriting();
+        if (opened != RESULT_SUCCESS) {
+            return opened;
+        }
+        int result = Execute("BEGIN IMMEDIATE");
+        if (result == SQLITE_OK) {
+            result = Insert(type, category, eventId, description);
+        }
+        if (result == SQLITE_OK) {
+            result = DropOldest();
+        }
+        if (result == SQLITE_OK) {
+            result = Execute("COMMIT");
+        }
+        if (result == SQLITE_OK) {
+            return RESULT_SUCCESS;
+        }
+        MAKER_ERROR("cannot write the KPI log %s: %s", ZOL_PATH_KPI_DB, sqlite3_errmsg(m_database.get()));
+        static_cast<void>(Execute("ROLLBACK"));  // what failed may have rolled back already
+        if (!IsDamage(result) || !SetAside(DevicePath(ZOL_PATH_KPI_DB))) {
+            break;
+        }
+    }
+    return RESULT_WRITE_FAILED;
+}
+
+bool CLogger::Store::HoldsTables() {
+    // What cannot even be asked is for the caller to find out and report.
+    return Number("SELECT count(*) FROM sqlite_master WHERE name IN ('event', 'dropped')").value_or(2) == 2;
+}
+
+CLogger::Store::EPresence CLogger::Store::OpenExisting() {
+    const std::string path = DevicePath(ZOL_PATH_KPI_DB);
+    errno = 0;
+    const ino_t inode = InodeOf(path);
+    if (inode == 0) {
+        const int error = errno;
+        Close();
+        return error == ENOENT ? EPresence::ABSENT : EPresence::FAILED;
+    }
+    if (m_database != nullptr && m_inode == inode) {
+        return HoldsTables() ? EPresence::OPEN : EPresence::ABSENT;
+    }
+    // SQLite falls back to reading when this process may not write.
+    const int result = Connect(path, SQLITE_OPEN_READWRITE);
+    if (result != SQLITE_OK) {
+        MAKER_ERROR("cannot open the KPI log %s: %s", ZOL_PATH_KPI_DB, sqlite3_errstr(result));
+        Close();
+        return EPresence::FAILED;
+    }
+    return HoldsTables() ? EPresence::OPEN : EPresence::ABSENT;
+}
+
+bool CLogger::Store::List(std::vector<TSKpiEvent>& events) {
+    events.clear();
+    const EPresence presence = OpenExisting();
+    if (presence != EPresence::OPEN) {
+        return presence == EPresence::ABSENT;
+    }
+    const base::StatementPtr statement = base::Prepare(m_database.get(), kSelect);
+    base::Run select(statement);
+    int result = SQLITE_ROW;
+    while ((result = select.Step()) == SQLITE_ROW) {
+        events.push_back({select.Number(0), select.Number(1), std::string(select.Text(2)),
+                          std::string(select.Text(3)), std::string(select.Text(4)),
+                          std::string(select.Text(5))});
+    }
+    if (result != SQLITE_DONE) {
+        MAKER_ERROR("cannot read the KPI log %s: %s", ZOL_PATH_KPI_DB, sqlite3_errmsg(m_database.get()));
+    }
+    return result == SQLITE_DONE;
+}
+
+std::int64_t CLogger::Store::Dropped() {
+    const EPresence presence = OpenExisting();
+    if (presence != EPresence::OPEN) {
+        return presence == EPresence::ABSENT ? 0 : -1;
+    }
+    const std::optional<std::int64_t> count = Number("SELECT count FROM dropped");
+    if (!count) {
+        MAKER_ERROR("cannot read the KPI log %s: %s", ZOL_PATH_KPI_DB, sqlite3_errmsg(m_database.get()));
+    }
+    return count.value_or(-1);
+}
 
 CLogger::CLogger() : m_store(std::make_unique<Store>()) {}
 CLogger::~CLogger() = default;
