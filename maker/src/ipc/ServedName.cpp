@@ -38,7 +38,7 @@ ServedName::ServedName(bool sessionBus, Callbacks callbacks)
       m_introspection(LoadIntrospection()),
       m_cancellable(g_cancellable_new()),
       m_link(sessionBus ? G_BUS_TYPE_SESSION : G_BUS_TYPE_SYSTEM,
-             {[this] { AtBoundary("connecting", [this] { OnConnected(); }); },
+             {[this] { AtBoundary("connecting", [this] { Offer(); }); },
               [this](const char* reason) {
                   AtBoundary("the end of the connection", [&] {
                       Enter(EState::NO_BUS, DLOG_PRIORITY_ERROR, "lost the bus, trying to get it back",
@@ -62,14 +62,8 @@ ServedName::~ServedName() {
     g_dbus_connection_close(Connection(), nullptr, nullptr, nullptr);
 }
 
-void ServedName::OnConnected() {
-    if (Offer()) {
-        RequestName();
-    }
-}
-
 // The object stands before the name is ours: whoever waits for the name may call at once.
-bool ServedName::Offer() {
+void ServedName::Offer() {
     static const GDBusInterfaceVTable vtable = {CallCb, nullptr, nullptr, {}};
     base::GErrorPtr error;
     m_registration = g_dbus_connection_register_object(
@@ -77,7 +71,7 @@ bool ServedName::Offer() {
         &vtable, this, nullptr, base::OutError(error));
     if (m_registration == 0) {
         Enter(EState::NO_NAME, DLOG_PRIORITY_ERROR, "cannot offer the object", base::ErrorText(error.get()));
-        return false;
+        return;
     }
     const auto subscribe = [this](const char* signal) {
         // The bus sends these two to the connection they concern without being asked.
@@ -87,7 +81,7 @@ bool ServedName::Offer() {
     };
     m_acquiredSignal = subscribe("NameAcquired");
     m_lostSignal = subscribe("NameLost");
-    return true;
+    RequestName();
 }
 
 void ServedName::Withdraw() {

@@ -43,8 +43,7 @@ private:
                        const gchar* interface, const gchar* method, GVariant* parameters,
                        GDBusMethodInvocation* invocation, gpointer data);
 
-    void OnConnected();
-    [[nodiscard]] bool Offer();
+    void Offer();
     void Withdraw();
     void RequestName();
     void OnNameReply(guint32 answer, const GError* error);

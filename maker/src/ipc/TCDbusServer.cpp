@@ -1,6 +1,7 @@
 #include "TCDbusServer.h"
 
 #include <cstring>
+#include <iterator>
 #include <list>
 #include <map>
 #include <mutex>
@@ -13,18 +14,10 @@
 #include "Subscribers.h"
 
 namespace zol {
-namespace {
-
-/// Above GLib's idle work, beside what comes from the bus.
-constexpr int kServePriority = G_PRIORITY_DEFAULT;
-
-}  // namespace
-
 struct TCDbusServer::Impl {
     using HandlerPtr = std::shared_ptr<const NativeCallHandler>;
     /// A call on its way to its handler.
     struct Waiting {
-        Impl* server;
         ipc::NativeCall call;
         base::GSourcePtr source;
     };
@@ -33,8 +26,6 @@ struct TCDbusServer::Impl {
         : name(testMode, {[this](GDBusMethodInvocation* invocation) { OnCall(invocation); },
                           [this] { subscribers.Clear(); }}),
           notifier([this](ipc::Round& round) { round.Begin(name.Connection(), subscribers.All()); }) {}
-
-    static gboolean ServeCb(gpointer data);
 
     void OnCall(GDBusMethodInvocation* invocation);
     void Call(GDBusMethodInvocation* invocation);
@@ -64,21 +55,16 @@ void TCDbusServer::Impl::OnCall(GDBusMethodInvocation* invocation) {
 }
 
 /// The message that brought the call lives as long as the callback that runs now. So the handler runs in one
-/// of its own.
+/// of its own, above GLib's idle work, beside what comes from the bus.
 void TCDbusServer::Impl::Call(GDBusMethodInvocation* invocation) {
-    waiting.push_back({this, ipc::NativeCall(invocation), base::GSourcePtr(g_idle_source_new())});
-    GSource* const source = waiting.back().source.get();
-    g_source_set_priority(source, kServePriority);
-    g_source_set_callback(source, ServeCb, &waiting.back(), nullptr);
-    g_source_attach(source, nullptr);
-}
-
-gboolean TCDbusServer::Impl::ServeCb(gpointer data) {
-    // Out of the list first: the handler may serve other calls while it waits.
-    Waiting now = std::move(*static_cast<Waiting*>(data));
-    now.server->waiting.remove_if([data](const Waiting& one) { return &one == data; });
-    now.server->Serve(now.call);
-    return G_SOURCE_REMOVE;
+    waiting.push_back({ipc::NativeCall(invocation), nullptr});
+    const auto entry = std::prev(waiting.end());
+    entry->source = base::StartTimer(nullptr, 0, [this, entry] {
+        // Out of the list first: the handler may serve other calls while it waits.
+        ipc::NativeCall call = std::move(entry->call);
+        waiting.erase(entry);
+        Serve(call);
+    });
 }
 
 void TCDbusServer::Impl::Serve(ipc::NativeCall& call) {

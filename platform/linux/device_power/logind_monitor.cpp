@@ -31,19 +31,16 @@ LogindMonitor::LogindMonitor(Handlers handlers)
                 {[this] { OnAppeared(); }, [this] { m_delay.reset(); }}) {}
 
 void LogindMonitor::OnAppeared() {
-    static constexpr struct {
-        const char* signal;
-        int reason;
-    } kAnnouncements[] = {{"PrepareForSleep", DEVICE_POWER_STANDBY},
-                          {"PrepareForShutdown", DEVICE_POWER_SHUTDOWN}};
-    for (const auto& announcement : kAnnouncements) {
-        m_service.Subscribe({kPath, kManager, announcement.signal, nullptr},
-                            [this, reason = announcement.reason](const char* /*path*/, GVariant* parameters) {
+    const auto follow = [this](const char* signal, int reason) {
+        m_service.Subscribe({kPath, kManager, signal, nullptr},
+                            [this, reason](const char* /*path*/, GVariant* parameters) {
                                 gboolean begins = FALSE;
                                 g_variant_get(parameters, "(b)", &begins);
                                 OnPrepare(reason, begins != FALSE);
                             });
-    }
+    };
+    follow("PrepareForSleep", DEVICE_POWER_STANDBY);
+    follow("PrepareForShutdown", DEVICE_POWER_SHUTDOWN);
     m_going = false;
     m_service.Call({kPath, "org.freedesktop.DBus.Properties", "Get"},
                    g_variant_new("(ss)", kManager, "InhibitDelayMaxUSec"), "(v)",

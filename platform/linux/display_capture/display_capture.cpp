@@ -77,15 +77,6 @@ bool IsValid(const dc_capture_request* request) {
            request->quality <= 100;
 }
 
-base::ProcessEnd RunQuietly(const Command& words, const std::string& folder, unsigned timeoutMs) {
-    base::Command command;
-    command.words = words;
-    command.folder = folder;
-    command.isQuiet = true;
-    command.timeoutMs = timeoutMs;
-    return base::RunProcess(command);
-}
-
 /// Empty for a program that ended well.
 std::string Failure(const base::ProcessEnd& end) {
     if (end.error == std::errc::timed_out) {
@@ -102,8 +93,11 @@ std::string Failure(const base::ProcessEnd& end) {
 }
 
 bool Run(const CaptureWay& way, const std::string& folder, unsigned timeoutMs) {
+    constexpr int kNoneInherited = -1;
+    constexpr bool kQuiet = true;
     for (const Command& command : way.commands) {
-        const std::string failure = Failure(RunQuietly(command, folder, timeoutMs));
+        const std::string failure =
+            Failure(base::RunProcess({command, folder, kNoneInherited, kQuiet, timeoutMs}));
         if (!failure.empty()) {
             PLATFORM_LOG(WARN, "capture with %s failed: %s: %s", way.tool.c_str(), command[0].c_str(),
                          failure.c_str());
