@@ -1,5 +1,7 @@
 #include "bt_hid/remote_monitor.h"
 
+#include <algorithm>
+#include <array>
 #include <utility>
 
 #include "platform_log.h"
@@ -17,7 +19,44 @@ base::GVariantPtr DeviceProperties(GVariant* interfaces) {
     return base::GVariantPtr(g_variant_lookup_value(interfaces, kDevice, G_VARIANT_TYPE_VARDICT));
 }
 
+constexpr std::array<const char*, 2> kRemoteIcons = {"input-remote", "remote-control"};
+
+// Class of device: bits 12 to 8 hold the major class, of a peripheral bits 5 to 2 the kind.
+constexpr std::uint32_t kMajorPeripheral = 0x05;
+constexpr std::uint32_t kPeripheralRemote = 0x03;
+
+// Appearance: the upper ten bits are the category; 0x0180 is the generic remote control.
+constexpr unsigned kAppearanceCategoryShift = 6;
+constexpr unsigned kRemoteCategory = 0x0180U >> kAppearanceCategoryShift;
+
+void TakeString(GVariant* properties, const char* name, std::string& out) {
+    const char* text = nullptr;
+    if (g_variant_lookup(properties, name, "&s", &text) != FALSE) {
+        out = text;
+    }
+}
+
 }  // namespace
+
+bool BluetoothDevice::IsRemoteControl() const {
+    const bool byIcon = std::find(kRemoteIcons.begin(), kRemoteIcons.end(), icon) != kRemoteIcons.end();
+    const bool byClass =
+        ((deviceClass >> 8) & 0x1FU) == kMajorPeripheral && ((deviceClass >> 2) & 0x0FU) == kPeripheralRemote;
+    const bool byAppearance =
+        (static_cast<unsigned>(appearance) >> kAppearanceCategoryShift) == kRemoteCategory;
+    return byIcon || byClass || byAppearance;
+}
+
+void BluetoothDevice::Update(GVariant* properties) {
+    TakeString(properties, "Address", address);
+    TakeString(properties, "Alias", name);
+    TakeString(properties, "Icon", icon);
+    g_variant_lookup(properties, "Class", "u", &deviceClass);
+    g_variant_lookup(properties, "Appearance", "q", &appearance);
+    gboolean value = connected ? TRUE : FALSE;
+    g_variant_lookup(properties, "Connected", "b", &value);
+    connected = value != FALSE;
+}
 
 RemoteMonitor::RemoteMonitor(EventFunction event, BaselineFunction baseline, RenamedFunction renamed)
     : m_event(std::move(event)),

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "base/glib_handles.h"
-#include "bt_hid/bluetooth_device.h"
+#include "bt_hid/remote_monitor.h"
 #include "fake_service.h"
 #include "log_lines.h"
 #include "private_bus.h"
