@@ -25,7 +25,7 @@ public:
     void CancelNotifications() override;
 
 private:
-    struct Impl;
+    class Impl;
     std::unique_ptr<Impl> m_impl;
 };
 

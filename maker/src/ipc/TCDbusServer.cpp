@@ -14,7 +14,8 @@
 #include "Subscribers.h"
 
 namespace zol {
-struct TCDbusServer::Impl {
+class TCDbusServer::Impl {
+public:
     using HandlerPtr = std::shared_ptr<const NativeCallHandler>;
     /// A call on its way to its handler.
     struct Waiting {
