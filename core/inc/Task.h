@@ -17,6 +17,8 @@ class CCHandler;
 /// CCTask::Create and then CCHandler::Create(this), and taken down with CCHandler::Destroy, ExitLoop and
 /// CCTask::Destroy, in this order.
 ///
+/// What a handler throws is one line in the runtime log; its event counts as handled and the loop goes on.
+///
 /// An idle loop pauses for at most 10 ms at a time: an event, a due timer and a timer newly set end the pause
 /// at once, and a wall clock set forward is seen within that time.
 ///

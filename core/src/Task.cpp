@@ -5,6 +5,7 @@
 #include "Record.h"
 #include "TaskRecord.h"
 #include "Time.h"
+#include "base/exception_wall.h"
 
 namespace {
 
@@ -129,11 +130,15 @@ bool CCTask::t_ExecuteEvent(unsigned long timeout) {
     if (!event.receiver->FlagCreate()) {
         return true;
     }
-    if (event.isTimer) {
-        t_HandleTimerEvent(&event);
-    } else {
-        event.receiver->t_OnEvent(&event);
-    }
+    base::CatchAll(
+        [&] {
+            if (event.isTimer) {
+                t_HandleTimerEvent(&event);
+            } else {
+                event.receiver->t_OnEvent(&event);
+            }
+        },
+        [&](const char* why) { _PRINT(LOG_TYPE_E, "%s: handler failed: %s", record->name.data(), why); });
     if (event.sem != nullptr) {
         event.sem->Give();
     }

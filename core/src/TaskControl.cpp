@@ -93,6 +93,7 @@ bool CCTask::m_Loops(const TSTask& record) const {
 
 void CCTask::m_HandleExit(const CSEvent* event) {
     const std::shared_ptr<TSTask> record = m;
+    record->exit = true;  // first: what a callback or OnExit throws must not keep the loop going
     TFCallback before = nullptr;
     TFCallback after = nullptr;
     const void* data = nullptr;
@@ -107,7 +108,6 @@ void CCTask::m_HandleExit(const CSEvent* event) {
     if (after != nullptr && !after(event, data)) {
         _PRINT(LOG_TYPE_E, "After callback for CALLBACK_EXIT failed");
     }
-    record->exit = true;
 }
 
 bool CCTask::Ping(CCTask* task, unsigned long ms) {

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <future>
 #include <limits>
+#include <new>
 #include <string>
 #include <thread>
 #include <vector>
@@ -14,6 +15,7 @@
 #include "Semaphore.h"
 #include "Time.h"
 #include "allocations.h"
+#include "dlog.h"
 #include "test_task.h"
 
 namespace {
@@ -219,6 +221,21 @@ TEST_F(Task, ExitCallbacksThatFailAreLoggedAndDoNotStopTheExit) {
     m_task.Destroy();
     ExpectInOrder({"Before callback for CALLBACK_EXIT failed", "CCTask::OnExit failed",
                    "After callback for CALLBACK_EXIT failed"});
+}
+
+TEST_F(Task, AHandlerThatThrowsIsLoggedAndTheLoopGoesOn) {
+    m_task.Run([] { throw std::bad_alloc(); });  // which also releases its sender
+    m_task.Run([] { throw 17; });
+    EXPECT_TRUE(m_task.Post(EVENT_COUNT));
+    EXPECT_TRUE(m_task.count.Await(1));
+    EXPECT_EQ(fakes::dlog::Find("TestTask: handler failed: std::bad_alloc").priority, DLOG_PRIORITY_ERROR);
+    EXPECT_EQ(fakes::dlog::Count("TestTask: handler failed: unknown exception"), 1);
+}
+
+TEST_F(Task, AnExitThatThrowsStillEndsTheLoop) {
+    m_task.onExit = []() -> bool { throw std::bad_alloc(); };
+    m_task.Destroy();
+    EXPECT_EQ(fakes::dlog::Count("TestTask: handler failed: std::bad_alloc"), 1);
 }
 
 TEST_F(Task, AnotherTypeThanExitHasNoCallbacks) {

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <new>
 #include <thread>
 #include <vector>
 
@@ -171,6 +172,19 @@ TEST_F(Timer, MayBeSetAndKilledByItsOwnHandler) {
         Pass(ms(10));
     }
     EXPECT_EQ(m_ids, (std::vector<unsigned long>{1, 2, 3}));
+}
+
+TEST_F(Timer, WhoseHandlerThrowsFiresAgain) {
+    m_task.onTimer = [this](unsigned long id) {
+        m_ids.push_back(id);
+        throw std::bad_alloc();
+    };
+    EXPECT_TRUE(m_task.SetTimer(1, 10));
+    ASSERT_TRUE(AwaitPause());
+    Pass(ms(10));
+    Pass(ms(10));
+    EXPECT_EQ(m_ids, (std::vector<unsigned long>{1, 1}));
+    EXPECT_EQ(fakes::dlog::Count("TestTask: handler failed: std::bad_alloc"), 2);
 }
 
 TEST_F(Timer, OfZeroMillisecondsWithoutAHandlerOrATaskAsserts) {
