@@ -25,6 +25,8 @@ using testing::MatchesRegex;
 using KpiDescription = NotifyFixture;
 using PathQueue = NotifyFixture;
 
+const std::string kDropped = std::string(kFolder) + " stays, and no collector is told of it";
+
 TEST_F(KpiDescription, AVconfHitNamesKeyAndValueBeforeTheMonitorItems) {
     HandleHit("db/menu/picture/backlight", 5);
 
@@ -161,6 +163,18 @@ TEST_F(PathQueue, AKeyThatCannotBeReadOrWrittenDropsThePath) {
         EXPECT_EQ(PublishedPath(), "");
     }
     ExpectErrors({"vconf_get_str fail", "vconf_set_str fail"});
+    EXPECT_EQ(fakes::dlog::Count(kDropped), 2);
+}
+
+TEST_F(PathQueue, PathsThatStillWaitAtItsEndAreCounted) {
+    for (int report = 0; report < 3; ++report) {
+        Handle(NOTIFY_ZOL_VCONF);
+        fakes::clock::Advance(1s);
+    }
+
+    m_notify.reset();
+
+    ExpectErrors({"2 report folders stay that no collector was told of"});
 }
 
 TEST_F(PathQueue, AChangeToAnotherPathIsIgnored) {

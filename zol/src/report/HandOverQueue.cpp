@@ -43,4 +43,9 @@ std::optional<std::string> HandOverQueue::TakeFirst() {
     return first;
 }
 
+std::size_t HandOverQueue::Waiting() const {
+    const std::lock_guard<std::recursive_mutex> lock(s_mutex);
+    return m_notiPathList.size();
+}
+
 }  // namespace zol

@@ -1,5 +1,6 @@
 #pragma once
 /// The hand-over of report folders to the collector through one vconf key.
+#include <cstddef>
 #include <deque>
 #include <mutex>
 #include <optional>
@@ -39,6 +40,8 @@ public:
     [[nodiscard]] Offered Offer(const std::string& path);
     /// Takes the path out that has waited longest; null when none waits.
     [[nodiscard]] std::optional<std::string> TakeFirst();
+    /// How many paths wait.
+    [[nodiscard]] std::size_t Waiting() const;
 
 private:
     /// Guards m_notiPathList, and reading and then writing the key: two threads that find it empty together

@@ -45,6 +45,9 @@ TCNotifyManager::~TCNotifyManager() {
     if (CCTask::FlagCreate()) {
         TCNotifyManager::Destroy();
     }
+    if (const std::size_t waiting = m_handOver.Waiting(); waiting > 0) {
+        ZOL_LOG(LOG_ERROR, "%zu report folders stay that no collector was told of", waiting);
+    }
 }
 
 bool TCNotifyManager::Create() {
@@ -219,9 +222,11 @@ void TCNotifyManager::m_UpdateVconfKey(const char* path) {
             break;
         case HandOverQueue::Offered::UNREADABLE:
             ZOL_LOG(LOG_ERROR, "vconf_get_str fail");
+            ZOL_LOG(LOG_ERROR, "%s stays, and no collector is told of it", path);
             break;
         case HandOverQueue::Offered::UNWRITABLE:
             ZOL_LOG(LOG_ERROR, "vconf_set_str fail");
+            ZOL_LOG(LOG_ERROR, "%s stays, and no collector is told of it", path);
             break;
     }
 }
