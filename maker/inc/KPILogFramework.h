@@ -1,5 +1,6 @@
 #pragma once
 /// The maker's KPI event log.
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -11,7 +12,7 @@ namespace KPILogFramework {
 /// One stored event.
 struct TSKpiEvent {
     std::int64_t sequence;     ///< grows by one per event, never reused
-    std::int64_t timeSeconds;  ///< wall clock when it was stored, seconds since 1970 UTC
+    std::int64_t timeSeconds;  ///< wall clock when it was handed over, seconds since 1970 UTC
     std::string type;
     std::string category;
     std::string eventId;
@@ -28,12 +29,17 @@ public:
     static constexpr int MAX_EVENTS = 10000;
     /// Of flash, the newest event always being kept: a watched text may be long, and the flash is small.
     static constexpr std::int64_t MAX_BYTES = std::int64_t{16} * 1024 * 1024;
+    /// Of events that could not be stored and wait in memory.
+    static constexpr std::size_t MAX_WAITING_EVENTS = 256;
+    static constexpr std::size_t MAX_WAITING_BYTES = std::size_t{256} * 1024;
 
     /// The only instance; never freed.
     static CLogger& GetInstance();
 
     /// Stores one event; on return it survives a power cut. RESULT_SUCCESS, or one of the others. A damaged
-    /// database is set aside (the newest one is kept), and a new one begun.
+    /// database is set aside (the newest one is kept), and a new one begun. What could not be stored waits,
+    /// within its limits, and is stored before the next event or, at the latest, at the end of the process;
+    /// beyond the limits the oldest are dropped and counted.
     [[nodiscard]] int AddEventLogSync(const std::string& type, const std::string& category,
                                       const std::string& eventId, const std::string& description);
 
@@ -48,6 +54,8 @@ private:
     CLogger();
     ~CLogger();
     class Store;
+    void StoreAtEnd();
+
     std::mutex m_mutex;
     std::unique_ptr<Store> m_store;
 };

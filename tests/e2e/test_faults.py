@@ -194,3 +194,16 @@ def test_a_trap_file_of_nonsense_is_told_by_line_and_the_good_line_counts(machin
     assert still_serving(machine)
     assert daemon.stop() == 0
 
+
+def test_a_kpi_event_that_cannot_be_stored_is_stored_at_the_daemons_end(machine, daemon):
+    machine.push(policy(RULE))
+    log = machine.path("/var/lib/zol/kpi.db")
+    log.mkdir()
+    machine.set(KEY, "3", "int")
+    machine.published()
+    machine.wait_log("could not send event log")
+    log.rmdir()
+
+    assert daemon.stop() == 0
+
+    assert [event["items"]["key"] for event in machine.kpi()] == [KEY]

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <mutex>
 
+#include "base/exception_wall.h"
 #include "dlog.h"
 #include "fakes.h"
 
@@ -76,7 +77,12 @@ void dlog_vemit(int buffer, int priority, const char* tag, const char* format, v
     char text[4096];
     std::vsnprintf(text, sizeof(text), format, arguments);
     const std::lock_guard<std::mutex> lock(fakes::dlog::g_mutex);
-    fakes::dlog::TheLines().push_back({buffer, priority, tag, text});
+    // Without memory the line is lost: this never throws.
+    base::CatchAll(
+        [&] {
+            fakes::dlog::TheLines().push_back({buffer, priority, tag, text});
+        },
+        [](const char* /*why*/) {});
     fakes::dlog::g_changed.notify_all();
 }
 

@@ -5,8 +5,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <ctime>
+#include <deque>
 #include <optional>
 
 #include "MakerLog.h"
@@ -101,9 +104,13 @@ void Report(const char* why) {
 /// One connection, opened when it is first needed and again when the file was replaced. Not thread-safe.
 class CLogger::Store {
 public:
-    /// Appends one event and drops what is over the limit, all or nothing. @return a RESULT_ code.
-    [[nodiscard]] int Add(const std::string& type, const std::string& category, const std::string& eventId,
-                          const std::string& description);
+    /// Lets one event wait to be stored.
+    void Enqueue(const std::string& type, const std::string& category, const std::string& eventId,
+                 const std::string& description);
+    /// Appends the events that wait and drops what is over the limit, all or nothing. @return a RESULT_ code;
+    /// after a failure they go on waiting, but for the oldest ones beyond the limits. Throws nothing.
+    [[nodiscard]] int StoreWaiting();
+    std::size_t Waiting() const { return m_waiting.size(); }
     [[nodiscard]] bool List(std::vector<TSKpiEvent>& events);
     std::int64_t Dropped();
 
@@ -117,8 +124,10 @@ private:
     [[nodiscard]] int Connect(const std::string& path, int flags);
     [[nodiscard]] int Prepare();
     [[nodiscard]] int CheckPages();
-    [[nodiscard]] int Insert(const std::string& type, const std::string& category, const std::string& eventId,
-                             const std::string& description);
+    [[nodiscard]] int TryToStoreWaiting();
+    [[nodiscard]] int Append();
+    [[nodiscard]] int Insert(const TSKpiEvent& event);
+    void BoundWaiting();
     [[nodiscard]] int DropOldest();
     [[nodiscard]] int DropUpTo(const std::string& last);
     /// Of the first column of the first row.
@@ -130,6 +139,9 @@ private:
     base::DatabasePtr m_database;
     ino_t m_inode = 0;  // of the file behind the connection
     bool m_writable = false;
+
+    std::deque<TSKpiEvent> m_waiting;  // without sequence numbers
+    std::int64_t m_lost = 0;           // dropped before they were stored, not counted in the database yet
 };
 
 void CLogger::Store::Close() {
@@ -227,20 +239,17 @@ int CLogger::Store::OpenForWriting() {
     return RESULT_NO_STORE;
 }
 
-int CLogger::Store::Insert(const std::string& type, const std::string& category, const std::string& eventId,
-                           const std::string& description) {
+int CLogger::Store::Insert(const TSKpiEvent& event) {
     const base::StatementPtr statement = base::Prepare(m_database.get(), kInsert);
     if (statement == nullptr) {
         return sqlite3_errcode(m_database.get());
     }
-    platform_time_t now{};
-    platform_clock_realtime(&now);
     base::Run insert(statement);
-    insert.Bind(1, now.seconds);
-    insert.Bind(2, type);
-    insert.Bind(3, category);
-    insert.Bind(4, eventId);
-    insert.Bind(5, description);
+    insert.Bind(1, event.timeSeconds);
+    insert.Bind(2, event.type);
+    insert.Bind(3, event.category);
+    insert.Bind(4, event.eventId);
+    insert.Bind(5, event.description);
     const int result = insert.Step();
     return result == SQLITE_DONE ? SQLITE_OK : result;
 }
@@ -272,24 +281,74 @@ int CLogger::Store::DropOldest() {
     return result;
 }
 
-int CLogger::Store::Add(const std::string& type, const std::string& category, const std::string& eventId,
-                        const std::string& description) {
+void CLogger::Store::Enqueue(const std::string& type, const std::string& category, const std::string& eventId,
+                             const std::string& description) {
+    platform_time_t now{};
+    platform_clock_realtime(&now);
+    m_waiting.push_back({0, now.seconds, type, category, eventId, description});
+}
+
+int CLogger::Store::StoreWaiting() {
+    int result = RESULT_WRITE_FAILED;
+    base::CatchAll([&] { result = TryToStoreWaiting(); },
+                   [&](const char* why) {
+                       MAKER_ERROR("cannot write the KPI log %s: %s", ZOL_PATH_KPI_DB, why);
+                       Close();  // and with it the transaction under way
+                   });
+    if (result != RESULT_SUCCESS) {
+        BoundWaiting();
+        return result;
+    }
+    if (m_waiting.size() > 1) {
+        MAKER_LOG(DLOG_PRIORITY_INFO, "the KPI log %s works again: %zu events that waited are stored",
+                  ZOL_PATH_KPI_DB, m_waiting.size() - 1);
+    }
+    m_waiting.clear();
+    m_lost = 0;
+    return RESULT_SUCCESS;
+}
+
+void CLogger::Store::BoundWaiting() {
+    std::size_t bytes = 0;
+    std::size_t kept = 0;  // the newest ones
+    while (kept < m_waiting.size() && kept < MAX_WAITING_EVENTS) {
+        const TSKpiEvent& event = m_waiting[m_waiting.size() - 1 - kept];
+        bytes += event.type.size() + event.category.size() + event.eventId.size() + event.description.size();
+        if (bytes > MAX_WAITING_BYTES) {
+            break;
+        }
+        ++kept;
+    }
+    const std::size_t lost = m_waiting.size() - kept;
+    if (lost > 0) {
+        MAKER_ERROR("too many KPI events wait to be stored: the %zu oldest are dropped", lost);
+        m_waiting.erase(m_waiting.begin(), m_waiting.begin() + static_cast<std::ptrdiff_t>(lost));
+        m_lost += static_cast<std::int64_t>(lost);
+    }
+}
+
+int CLogger::Store::Append() {
+    int result = Execute("BEGIN IMMEDIATE");
+    for (auto event = m_waiting.begin(); result == SQLITE_OK && event != m_waiting.end(); ++event) {
+        result = Insert(*event);
+    }
+    if (result == SQLITE_OK && m_lost > 0) {
+        result = Execute(("UPDATE dropped SET count = count + " + std::to_string(m_lost)).c_str());
+    }
+    if (result == SQLITE_OK) {
+        result = DropOldest();
+    }
+    return result == SQLITE_OK ? Execute("COMMIT") : result;
+}
+
+int CLogger::Store::TryToStoreWaiting() {
     constexpr int kAttempts = 2;  // the second one on a new database
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         const int opened = OpenForWriting();
         if (opened != RESULT_SUCCESS) {
             return opened;
         }
-        int result = Execute("BEGIN IMMEDIATE");
-        if (result == SQLITE_OK) {
-            result = Insert(type, category, eventId, description);
-        }
-        if (result == SQLITE_OK) {
-            result = DropOldest();
-        }
-        if (result == SQLITE_OK) {
-            result = Execute("COMMIT");
-        }
+        const int result = Append();
         if (result == SQLITE_OK) {
             return RESULT_SUCCESS;
         }
@@ -372,9 +431,25 @@ CLogger& CLogger::GetInstance() {
 int CLogger::AddEventLogSync(const std::string& type, const std::string& category, const std::string& eventId,
                              const std::string& description) {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    int result = RESULT_WRITE_FAILED;
-    base::CatchAll([&] { result = m_store->Add(type, category, eventId, description); }, Report);
+    const bool isQueued = base::CatchAll(
+        [&] {
+            m_store->Enqueue(type, category, eventId, description);
+            return true;
+        },
+        Report);
+    const int result = isQueued ? m_store->StoreWaiting() : RESULT_WRITE_FAILED;
+    if (m_store->Waiting() > 0) {
+        static const int registered = std::atexit([] { GetInstance().StoreAtEnd(); });
+        static_cast<void>(registered);  // without it the events wait for the next one only
+    }
     return result;
+}
+
+void CLogger::StoreAtEnd() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_store->Waiting() > 0 && m_store->StoreWaiting() != RESULT_SUCCESS) {
+        MAKER_ERROR("KPI log: %zu events that could not be stored are lost", m_store->Waiting());
+    }
 }
 
 bool CLogger::ListEvents(std::vector<TSKpiEvent>& events) {

@@ -11,6 +11,7 @@
 #include "KPILogFramework.h"
 #include "base/sqlite_handles.h"
 #include "device_paths.h"
+#include "failing_new.h"
 #include "fake_clock.h"
 #include "fake_dlog.h"
 #include "fakes.h"
@@ -44,6 +45,11 @@ private:
 class KpiLog : public testing::Test {
 protected:
     KpiLog() { fakes::Reset(); }
+    ~KpiLog() override {
+        // What a test left waiting goes to a log that is thrown away.
+        fakes::Reset();
+        EXPECT_EQ(Add("next"), CLogger::RESULT_SUCCESS);
+    }
 
     static std::string Host(const std::string& suffix = "") {
         return fakes::Root() + ZOL_PATH_KPI_DB + suffix;
@@ -265,13 +271,13 @@ TEST_F(KpiLog, ALogThatStaysLockedIsGivenUpAfterTwoSeconds) {
     OtherConnection other;
     ASSERT_TRUE(other.Run("BEGIN EXCLUSIVE"));
 
-    EXPECT_EQ(Add("lost"), CLogger::RESULT_WRITE_FAILED);
+    EXPECT_EQ(Add("late"), CLogger::RESULT_WRITE_FAILED);
     EXPECT_EQ(fakes::clock::SleptUs(), 2000000U);
     EXPECT_EQ(List().size(), 1U);
 
     ASSERT_TRUE(other.Run("COMMIT"));
-    EXPECT_EQ(Add("kept"), 1);
-    EXPECT_EQ(List().size(), 2U);
+    EXPECT_EQ(Add("after"), 1);
+    EXPECT_EQ(Descriptions(), (std::vector<std::string>{"before", "late", "after"}));
 }
 
 TEST_F(KpiLog, ALockThatIsReleasedInTimeDelaysTheEventOnly) {
@@ -292,18 +298,73 @@ TEST_F(KpiLog, ALockThatIsReleasedInTimeDelaysTheEventOnly) {
     EXPECT_EQ(List().size(), 2U);
 }
 
-TEST_F(KpiLog, AFullDiskLosesTheEventAndNothingElse) {
+TEST_F(KpiLog, AFullDiskDelaysTheEventUntilTheNextOne) {
     EXPECT_EQ(Add("before"), 1);
+    fakes::clock::SetWall(1700000055);
     int result = 0;
     {
         const FullDisk full(fs::file_size(Host("-wal")));
-        result = Add("lost");
+        result = Add("late");
     }
     EXPECT_EQ(result, CLogger::RESULT_WRITE_FAILED);
     EXPECT_TRUE(fakes::dlog::Has("cannot write the KPI log " ZOL_PATH_KPI_DB));
 
+    fakes::clock::SetWall(1700000099);
     EXPECT_EQ(Add("after"), 1);
-    EXPECT_THAT(Descriptions(), ElementsAre("before", "after"));
+    EXPECT_EQ(Descriptions(), (std::vector<std::string>{"before", "late", "after"}));
+    EXPECT_EQ(List()[1].timeSeconds, 1700000055) << "when it happened";
+    EXPECT_FALSE(fs::exists(Host(".damaged")));
+    EXPECT_EQ(Add("once"), 1);
+    EXPECT_EQ(List().size(), 4U) << "none is stored twice";
+}
+
+TEST_F(KpiLog, OfEventsThatCannotBeStoredTheNewestWaitAndTheOthersAreCounted) {
+    fakes::WriteDeviceFile(ZOL_PATH_STATE_DIR, "a file in its place");
+    const std::size_t events = CLogger::MAX_WAITING_EVENTS + 3;
+    for (std::size_t i = 0; i < events; ++i) {
+        EXPECT_EQ(Add(std::to_string(i)), CLogger::RESULT_NO_STORE);
+    }
+    EXPECT_EQ(fakes::dlog::Count("too many KPI events wait to be stored: the 1 oldest are dropped"), 3);
+
+    fs::remove(fakes::Root() + ZOL_PATH_STATE_DIR);
+    EXPECT_EQ(Add("after"), 1);
+
+    EXPECT_EQ(List().size(), CLogger::MAX_WAITING_EVENTS + 1);
+    EXPECT_EQ(Descriptions().front(), "3");
+    EXPECT_EQ(Dropped(), 3);
+    EXPECT_EQ(Add("later"), 1);
+    EXPECT_EQ(Dropped(), 3) << "counted once";
+}
+
+TEST_F(KpiLog, LongEventsThatCannotBeStoredWaitInBoundedMemory) {
+    fakes::WriteDeviceFile(ZOL_PATH_STATE_DIR, "a file in its place");
+    const std::string third(CLogger::MAX_WAITING_BYTES / 3, 'a');
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(Add(third), CLogger::RESULT_NO_STORE);
+    }
+    fs::remove(fakes::Root() + ZOL_PATH_STATE_DIR);
+    EXPECT_EQ(Add("after"), 1);
+
+    EXPECT_EQ(List().size(), 3U) << "what is not description takes a part of the third";
+    EXPECT_EQ(Dropped(), 2);
+}
+
+TEST_F(KpiLog, MemoryThatRunsOutDelaysTheEventAtMostAndNeverCostsTheLog) {
+    EXPECT_EQ(Add("before"), 1);
+    std::size_t refused = 0;
+    constexpr std::size_t kAllocations = 30;  // more than one event takes
+    for (std::size_t next = 1; next <= kAllocations; ++next) {
+        FailAllocation(next);
+        const int result = Add("allocation " + std::to_string(next));
+        FailAllocation(0);
+        refused += result == CLogger::RESULT_SUCCESS ? 0 : 1;
+        EXPECT_EQ(Add("between"), 1) << next;
+    }
+
+    EXPECT_GT(refused, 5U);
+    EXPECT_LT(refused, kAllocations);
+    // The first allocation is the event itself.
+    EXPECT_EQ(List().size(), 2 * kAllocations);
     EXPECT_FALSE(fs::exists(Host(".damaged")));
 }
 
@@ -311,11 +372,12 @@ TEST_F(KpiLog, ADiskThatIsFullFromTheStartMeansNoStore) {
     int result = 0;
     {
         const FullDisk full(0);
-        result = Add("lost");
+        result = Add("late");
     }
     EXPECT_EQ(result, CLogger::RESULT_NO_STORE);
 
-    ExpectNewLog();
+    EXPECT_EQ(Add("after"), 1);
+    EXPECT_EQ(Descriptions(), (std::vector<std::string>{"late", "after"}));
 }
 
 TEST_F(KpiLog, AStateFolderThatCannotBeMadeMeansNoStore) {

@@ -1,6 +1,7 @@
 #include "ZOLKpiManager.h"
 
 #include <cstdlib>
+#include <filesystem>
 
 #include "KPILogFramework.h"
 #include "device_test.h"
@@ -179,6 +180,9 @@ TEST_F(KpiManager, AnEventThatCannotBeSentIsLoggedWithTheReasonOfTheEventLog) {
 
     ExpectErrors({"ERR(-1): could not send event log"});
     EXPECT_EQ(Logged("sent 19_errdata KPI"), 0);
+    // It waits for the next one, which is not to be another test's.
+    std::filesystem::remove(fakes::Root() + "/var/lib/zol");
+    EXPECT_TRUE(m_kpi.SendKPI("20_errdata", "ZOL", "EV007", "{b=1;}"));
 }
 
 }  // namespace

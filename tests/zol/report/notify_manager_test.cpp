@@ -214,6 +214,9 @@ TEST_F(NotifyManager, AnEventLogThatRefusesDoesNotKeepThePathBack) {
 
     EXPECT_EQ(PublishedPath(), kFolder);
     EXPECT_TRUE(fakes::dlog::Has("could not send event log"));
+    std::filesystem::remove(fakes::Root() + "/var/lib/zol");
+    HandleHit("db/b", 5);
+    EXPECT_THAT(SentKpiDescriptions(), ElementsAre(HasSubstr("key=db/a;"), HasSubstr("key=db/b;")));
 }
 
 TEST_F(NotifyManager, WithoutAKpiManagerNothingIsMadeOrSent) {
