@@ -1,6 +1,7 @@
 #include "base/atomic_file.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <utility>
@@ -40,6 +41,10 @@ std::size_t ReplacementFile::Write(std::string_view content) {
     return std::fwrite(content.data(), 1, content.size(), m_file.get());
 }
 
+std::error_code ReplacementFile::SetMode(mode_t mode) {
+    return ErrorUnless(fchmod(fileno(m_file.get()), mode) == 0);
+}
+
 std::error_code ReplacementFile::SetOwner(uid_t user, gid_t group) {
     return ErrorUnless(fchown(fileno(m_file.get()), user, group) == 0);
 }
@@ -60,21 +65,23 @@ std::error_code ReplacementFile::Replace() {
     return SyncFolderOf(m_path);
 }
 
-std::error_code ReplaceFile(const std::string& path, std::string_view content, mode_t mode) {
-    ReplacementFile file(path);
-    if (const std::error_code error = file.Open(mode)) {
-        return error;
-    }
-    if (file.Write(content) != content.size()) {
+std::error_code ReplacementFile::PutInPlace(std::string_view content) {
+    if (Write(content) != content.size()) {
         return LastError();
     }
-    if (const std::error_code error = file.Sync()) {
+    if (const std::error_code error = Sync()) {
         return error;
     }
-    if (const std::error_code error = file.Close()) {
+    if (const std::error_code error = Close()) {
         return error;
     }
-    return file.Replace();
+    return Replace();
+}
+
+std::error_code ReplaceFile(const std::string& path, std::string_view content, mode_t mode) {
+    ReplacementFile file(path);
+    const std::error_code error = file.Open(mode);
+    return error ? error : file.PutInPlace(content);
 }
 
 }  // namespace base

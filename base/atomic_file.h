@@ -27,6 +27,8 @@ public:
     [[nodiscard]] std::error_code Open(mode_t mode);
     /// In one go and unbuffered. @return bytes written; when they are fewer, errno says why
     [[nodiscard]] std::size_t Write(std::string_view content);
+    /// Against the umask.
+    [[nodiscard]] std::error_code SetMode(mode_t mode);
     /// Needs privilege.
     [[nodiscard]] std::error_code SetOwner(uid_t user, gid_t group);
     [[nodiscard]] std::error_code Sync();
@@ -35,6 +37,9 @@ public:
     /// Moves the new file over the old one and makes that durable. When only the latter fails the new content
     /// stands all the same.
     [[nodiscard]] std::error_code Replace();
+
+    /// What comes after Open, at once. An error leaves the old file, unless only the last sync failed.
+    [[nodiscard]] std::error_code PutInPlace(std::string_view content);
 
 private:
     const std::string m_path;

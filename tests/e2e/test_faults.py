@@ -1,5 +1,6 @@
 """Bad input and broken surroundings: the daemon refuses, says so, and lives on."""
 import os
+import pathlib
 import sqlite3
 import struct
 
@@ -109,6 +110,23 @@ def test_zolctl_says_in_one_line_why_it_failed(machine, arguments):
 @pytest.mark.parametrize("file, why", [("/dev/zero", "larger than"), ("/", "cannot read")])
 def test_zolctl_refuses_what_is_no_document(machine, daemon, file, why):
     assert why in machine.zolctl("policy", "push", file, check=2).stderr
+
+
+def test_a_report_on_a_full_tmp_goes_out_without_its_header(machine):
+    full = "mount -t tmpfs -o size=64k tmpfs $ZOL_ROOT/tmp && ! cat /dev/zero > $ZOL_ROOT/tmp/fill && exec $0"
+    root = [] if os.geteuid() == 0 else ["--map-root-user"]
+    daemon = machine.start_daemon(wrapper=["unshare", "--mount", *root, "sh", "-c", full])
+    machine.push(policy(RULE))
+
+    machine.set(KEY, "3", "int")
+
+    path = wait_for(lambda: machine.get(HANDOVER_KEY), "a published path")
+    # As the daemon sees it.
+    folder = pathlib.Path(f"/proc/{daemon.pid()}/root{machine.path(path)}")
+    assert list(folder.iterdir()) == []
+    assert machine.log().count(f"cannot write {path}/header.json: No space left on device") == 1
+    assert [event["items"]["key"] for event in machine.kpi()] == [KEY]
+    assert daemon.stop() == 0
 
 
 def test_a_damaged_store_is_set_aside_and_the_daemon_comes_up(machine):

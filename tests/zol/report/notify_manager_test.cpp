@@ -6,6 +6,8 @@
 #include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <set>
 #include <sstream>
@@ -108,15 +110,14 @@ TEST_F(NotifyManager, TheTgidNamesTheFolderWithItsLineFeedAndMissingToo) {
     EXPECT_TRUE(fakes::DeviceFileExists("/tmp/zol/NULL_1700000000/header.json"));
 }
 
-TEST_F(NotifyManager, AHeaderThatCannotBeWrittenIsLoggedAndTheReportGoesOut) {
-    constexpr rlim_t kBytes = 10;
+TEST_F(NotifyManager, AHeaderThatCannotBeWrittenWholeIsAbsentAndTheReportGoesOut) {
     {
-        const FullDisk disk(kBytes);
+        const FullDisk disk(10);
         Handle(NOTIFY_ZOL_VCONF);
     }
 
     EXPECT_EQ(PublishedPath(), kFolder);
-    EXPECT_EQ(Header().size(), kBytes);
+    EXPECT_TRUE(std::filesystem::is_empty(fakes::Root() + kFolder)) << "nothing half written is left";
     ExpectErrors({std::string("cannot write ") + kFolder + "/header.json: File too large"});
     EXPECT_EQ(Logged("header.json created"), 1);
 }
@@ -179,6 +180,28 @@ TEST_F(NotifyManager, AReportRootThatAStrangerPutThereIsRefused) {
     EXPECT_EQ(PublishedPath(), "");
     EXPECT_THAT(SentKpiDescriptions(), IsEmpty());
     EXPECT_TRUE(std::filesystem::is_empty(fakes::Root() + "/tmp/zol"));
+}
+
+TEST_F(NotifyManager, APipeInTheHeadersPlaceHoldsNothingUp) {
+    fakes::MakeDeviceFolder(kFolder);
+    ASSERT_EQ(mkfifo((fakes::Root() + kFolder + "/header.json").c_str(), 0600), 0);
+
+    HandleHit("db/a", 5);
+
+    EXPECT_EQ(PublishedPath(), "");
+    ExpectErrors({"file open failed", std::string("cannot write ") + kFolder + "/header.json: "});
+}
+
+TEST_F(NotifyManager, AHeaderThatIsWrittenAnewStaysWithItsReader) {
+    Handle(NOTIFY_ZOL_VCONF);
+    std::ifstream reader(fakes::Root() + kFolder + "/header.json");
+    const std::string first = Header();
+    fakes::WriteDeviceFile("/proc/life_cycleID", "another");
+
+    Handle(NOTIFY_ZOL_VCONF);
+
+    EXPECT_NE(Header(), first);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(reader), {}), first);
 }
 
 TEST_F(NotifyManager, AFolderOrLinkInTheHeadersPlaceEndsTheReport) {

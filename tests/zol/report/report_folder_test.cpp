@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "ZOLKpiManager.h"
 #include "device_test.h"
 
 namespace {
@@ -20,7 +21,7 @@ TEST_F(ReportFolderTest, TheHeadersPathIsCutAt127BytesToo) {
     const ReportFolder folder("/tmp/" + std::string(117, 'f'));
     ASSERT_TRUE(folder.Make());
 
-    EXPECT_NE(folder.OpenHeader(), nullptr);
+    EXPECT_FALSE(folder.WriteHeader(TCKpiManager()).open);
 
     EXPECT_TRUE(fakes::DeviceFileExists(folder.Path() + "/head"));
     EXPECT_FALSE(fakes::DeviceFileExists(folder.Path() + "/header.json"));

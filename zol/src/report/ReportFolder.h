@@ -2,8 +2,7 @@
 /// The folder of one report.
 #include <string>
 #include <system_error>
-
-#include "base/handles.h"
+#include <utility>
 
 class TCKpiManager;
 
@@ -21,12 +20,14 @@ public:
     /// it cannot or a stranger could have put it there.
     [[nodiscard]] bool Make() const;
 
-    /// header.json, made when it is missing, readable by everyone whatever the umask. Null when it cannot be
-    /// opened or is a link.
-    [[nodiscard]] base::FilePtr OpenHeader() const;
-    /// Writes the identifiers into the open file and closes it. Whoever reads it meanwhile sees no change
-    /// where the content stays the same: events of one second share a folder.
-    [[nodiscard]] static std::error_code WriteHeader(base::FilePtr file, const TCKpiManager& identifiers);
+    /// Why there is no new header.json; neither is set when there is one.
+    struct HeaderErrors {
+        std::error_code open;   ///< it cannot be made, or what is in its place is no file
+        std::error_code write;  ///< what was there before, nothing perhaps, is there still
+    };
+    /// Puts header.json with the identifiers in place, readable by everyone whatever the umask. Whoever reads
+    /// it meanwhile sees the old one or the new one, whole: events of one second share a folder.
+    [[nodiscard]] HeaderErrors WriteHeader(const TCKpiManager& identifiers) const;
 
 private:
     std::string m_path;

@@ -118,15 +118,17 @@ bool TCNotifyManager::m_CreateHeaderInfo(const char* path) {
         ZOL_LOG(LOG_ERROR, "m_pKpiManager is NULL");
         return false;
     }
-    base::FilePtr file = ReportFolder(path).OpenHeader();
-    if (file == nullptr) {
+    const ReportFolder::HeaderErrors errors = ReportFolder(path).WriteHeader(*m_pKpiManager);
+    if (errors.open) {
         ZOL_LOG(LOG_ERROR, "file open failed");
-        return false;
     }
-    // The hit is worth a report all the same.
-    if (const std::error_code error = ReportFolder::WriteHeader(std::move(file), *m_pKpiManager)) {
+    if (const std::error_code error = errors.open ? errors.open : errors.write) {
         ZOL_LOG(LOG_ERROR, "cannot write %s/header.json: %s", path, error.message().c_str());
     }
+    if (errors.open) {
+        return false;
+    }
+    // Written or not: the hit is worth a report all the same.
     ZOL_LOG(LOG_INFO, "header.json created");
     return true;
 }
