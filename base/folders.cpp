@@ -1,5 +1,6 @@
 #include "base/folders.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/handles.h"
 #include "base/system_error.h"
 
 namespace base {
@@ -20,6 +22,7 @@ namespace {
 
 constexpr mode_t kFolderMode = 0755;
 constexpr int kMaxLinks = 8;
+constexpr int kMaxDepth = 64;  // nested folders that RemoveTree takes: one descriptor and one listing each
 
 using Names = std::vector<std::string>;
 
@@ -170,6 +173,31 @@ private:
     OpenedFolder m_result;
 };
 
+std::error_code RemoveTreeAt(int parent, const char* name, int depth);
+
+std::error_code RemoveEntry(int folder, const char* name, int depth) {
+    if (unlinkat(folder, name, 0) == 0) {
+        return {};
+    }
+    return errno == EISDIR || errno == EPERM ? RemoveTreeAt(folder, name, depth + 1) : LastError();
+}
+
+std::error_code RemoveTreeAt(int parent, const char* name, int depth) {
+    if (depth > kMaxDepth) {
+        return std::make_error_code(std::errc::too_many_symbolic_link_levels);
+    }
+    const UniqueFd folder(openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!folder) {
+        return LastError();
+    }
+    std::vector<std::string> names;
+    std::error_code error = ListFolder(folder.Get(), names);
+    for (auto entry = names.begin(); !error && entry != names.end(); ++entry) {
+        error = RemoveEntry(folder.Get(), entry->c_str(), depth);
+    }
+    return error ? error : ErrorUnless(unlinkat(parent, name, AT_REMOVEDIR) == 0);
+}
+
 }  // namespace
 
 OpenedFolder OpenFolder(const std::string& root, const std::string& path, Make make) {
@@ -182,6 +210,27 @@ OpenedFolder OpenFolder(const std::string& root, const std::string& path, Make m
         return invalid;
     }
     return Walk(root, std::move(names), make).Run();
+}
+
+std::error_code ListFolder(int folder, std::vector<std::string>& names) {
+    UniqueFd copy(openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const FolderPtr listing(copy ? fdopendir(copy.Get()) : nullptr);
+    if (listing == nullptr) {
+        return LastError();
+    }
+    static_cast<void>(copy.Release());  // the listing closes it
+    errno = 0;
+    while (const dirent* entry = readdir(listing.get())) {
+        const std::string_view name = entry->d_name;
+        if (name != "." && name != "..") {
+            names.emplace_back(name);
+        }
+    }
+    return ErrorUnless(errno == 0);
+}
+
+std::error_code RemoveTree(int parent, const char* name) {
+    return RemoveTreeAt(parent, name, 0);
 }
 
 std::error_code SyncFolder(const std::string& folder) {

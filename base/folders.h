@@ -4,6 +4,7 @@
 
 #include <string>
 #include <system_error>
+#include <vector>
 
 #include "base/unique_fd.h"
 
@@ -32,6 +33,13 @@ struct OpenedFolder {
 /// stranger may have put it there. "..", a relative path and one that does not begin with `root` are refused,
 /// too.
 [[nodiscard]] OpenedFolder OpenFolder(const std::string& root, const std::string& path, Make make);
+
+/// Appends the names in a folder to `names`, without "." and "..". Any descriptor of the folder will do.
+[[nodiscard]] std::error_code ListFolder(int folder, std::vector<std::string>& names);
+
+/// Removes the folder `name` in the folder `parent` (or AT_FDCWD) with all it holds, at most 64 folders deep.
+/// Links inside are removed, never followed; a link in its own place is refused.
+[[nodiscard]] std::error_code RemoveTree(int parent, const char* name);
 
 /// Makes new names in a folder, and moves within it, survive a power cut. File systems that cannot do it, and
 /// therefore say EINVAL, count as done.

@@ -1,26 +1,19 @@
 #include "TSFileSystem.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <string_view>
 #include <system_error>
-#include <vector>
 
 #include "MakerLog.h"
 #include "base/exception_wall.h"
 #include "base/folders.h"
-#include "base/handles.h"
 #include "base/system_error.h"
-#include "base/unique_fd.h"
 #include "device_path.h"
 
 namespace {
-
-constexpr int kMaxDepth = 64;  // nested folders that RemoveFolder takes: one descriptor and one listing each
 
 /// Runs an operation on the mapped path that returns why it failed, which is logged.
 template <class Operation>
@@ -51,50 +44,6 @@ bool HasType(const std::string& path, mode_t type) {
     return hasType;
 }
 
-bool List(int folder, std::vector<std::string>& names) {
-    base::UniqueFd copy(openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    const base::FolderPtr listing(copy ? fdopendir(copy.Get()) : nullptr);
-    if (listing == nullptr) {
-        return false;
-    }
-    static_cast<void>(copy.Release());  // the listing closes it
-    errno = 0;
-    while (const dirent* entry = readdir(listing.get())) {
-        const std::string_view name = entry->d_name;
-        if (name != "." && name != "..") {
-            names.emplace_back(name);
-        }
-    }
-    return errno == 0;
-}
-
-bool RemoveTree(int parent, const char* name, int depth);
-
-bool RemoveEntry(int folder, const char* name, int depth) {
-    if (unlinkat(folder, name, 0) == 0) {
-        return true;
-    }
-    return (errno == EISDIR || errno == EPERM) && RemoveTree(folder, name, depth + 1);
-}
-
-bool RemoveTree(int parent, const char* name, int depth) {
-    if (depth > kMaxDepth) {
-        errno = ELOOP;
-        return false;
-    }
-    const base::UniqueFd folder(openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    std::vector<std::string> names;
-    if (!folder || !List(folder.Get(), names)) {
-        return false;
-    }
-    for (const std::string& entry : names) {
-        if (!RemoveEntry(folder.Get(), entry.c_str(), depth)) {
-            return false;
-        }
-    }
-    return unlinkat(parent, name, AT_REMOVEDIR) == 0;
-}
-
 }  // namespace
 
 bool TSFileSystem::Exists(const std::string& path) {
@@ -114,7 +63,7 @@ bool TSFileSystem::RemoveFolder(const std::string& path) {
     return Run("cannot remove folder", path, [](std::string mapped) {
         // A slash at the end would make the last name be followed when it is a link.
         mapped.erase(mapped.find_last_not_of('/') + 1);
-        return base::ErrorUnless(RemoveTree(AT_FDCWD, mapped.c_str(), 0));
+        return base::RemoveTree(AT_FDCWD, mapped.c_str());
     });
 }
 
