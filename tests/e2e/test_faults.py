@@ -7,7 +7,7 @@ import struct
 import dbus
 import pytest
 
-from conftest import BUILD, BUS_NAME, RUNNING_KEY, int_rule, policy, wait_for
+from conftest import BUILD, BUS_NAME, HANDOVER_KEY, RUNNING_KEY, TGID, int_rule, policy, wait_for
 
 KEY = "db/menu/picture/backlight"
 RULE = int_rule(KEY, "IS", 3)
@@ -126,6 +126,23 @@ def test_a_report_on_a_full_tmp_goes_out_without_its_header(machine):
     assert list(folder.iterdir()) == []
     assert machine.log().count(f"cannot write {path}/header.json: No space left on device") == 1
     assert [event["items"]["key"] for event in machine.kpi()] == [KEY]
+    assert daemon.stop() == 0
+
+
+def test_report_folders_that_nobody_collects_are_bounded(machine):
+    for number in range(1000):
+        folder = machine.path(f"/tmp/zol/{TGID}_{number}")
+        folder.mkdir(parents=True)
+        (folder / "header.json").write_text("{}")
+        os.utime(folder, (number, number))
+    daemon = machine.start_daemon()
+    machine.push(policy(RULE))
+
+    machine.set(KEY, "3", "int")
+
+    machine.wait_log("488 report folders that nobody collected are removed")
+    left = {folder.name for folder in machine.path("/tmp/zol").iterdir()}
+    assert left == {f"{TGID}_{number}" for number in range(488, 1000)} | {machine.published().name}
     assert daemon.stop() == 0
 
 

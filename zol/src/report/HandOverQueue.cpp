@@ -1,10 +1,23 @@
 #include "HandOverQueue.h"
 
+#include <algorithm>
+
 #include "VconfString.h"
 
 namespace zol {
 
 std::recursive_mutex HandOverQueue::s_mutex;
+std::vector<const HandOverQueue*> HandOverQueue::s_queues;
+
+HandOverQueue::HandOverQueue() {
+    const std::lock_guard<std::recursive_mutex> lock(s_mutex);
+    s_queues.push_back(this);
+}
+
+HandOverQueue::~HandOverQueue() {
+    const std::lock_guard<std::recursive_mutex> lock(s_mutex);
+    s_queues.erase(std::find(s_queues.begin(), s_queues.end(), this));
+}
 
 bool HandOverQueue::EmptyKey() {
     return vconf_set_str(KEY, "") == 0;
@@ -41,6 +54,23 @@ std::optional<std::string> HandOverQueue::TakeFirst() {
     std::optional<std::string> first = std::move(m_notiPathList.front());
     m_notiPathList.pop_front();
     return first;
+}
+
+std::unique_lock<std::recursive_mutex> HandOverQueue::Lock() {
+    return std::unique_lock<std::recursive_mutex>(s_mutex);
+}
+
+std::optional<std::vector<std::string>> HandOverQueue::Awaited() {
+    const std::lock_guard<std::recursive_mutex> lock(s_mutex);
+    const VconfString published = GetVconfString(KEY);
+    if (published == nullptr) {
+        return std::nullopt;
+    }
+    std::vector<std::string> paths = {published.get()};
+    for (const HandOverQueue* queue : s_queues) {
+        paths.insert(paths.end(), queue->m_notiPathList.begin(), queue->m_notiPathList.end());
+    }
+    return paths;
 }
 
 std::size_t HandOverQueue::Waiting() const {

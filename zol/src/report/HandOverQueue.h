@@ -5,6 +5,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "KeyWatch.h"
 
@@ -24,7 +25,8 @@ public:
         UNWRITABLE   ///< the key cannot be written, the path is dropped
     };
 
-    HandOverQueue() = default;
+    HandOverQueue();
+    ~HandOverQueue();
     HandOverQueue(const HandOverQueue&) = delete;
     HandOverQueue& operator=(const HandOverQueue&) = delete;
 
@@ -40,15 +42,21 @@ public:
     [[nodiscard]] Offered Offer(const std::string& path);
     /// Takes the path out that has waited longest; null when none waits.
     [[nodiscard]] std::optional<std::string> TakeFirst();
+    /// While it is held no path is on its way from a queue to KEY, unless on this thread. Recursive.
+    [[nodiscard]] static std::unique_lock<std::recursive_mutex> Lock();
+    /// The path that is published and those that wait in any queue of the process; null when KEY cannot be
+    /// read.
+    [[nodiscard]] static std::optional<std::vector<std::string>> Awaited();
     /// How many paths wait.
     [[nodiscard]] std::size_t Waiting() const;
 
 private:
-    /// Guards m_notiPathList, and reading and then writing the key: two threads that find it empty together
-    /// would overwrite each other's path. Of the process, because a policy that arrives while the tasks of an
-    /// earlier one run has a queue of its own. Recursive, because a store may call its watchers from inside
-    /// a set.
+    /// Guards s_queues, m_notiPathList, and reading and then writing the key: two threads that find it empty
+    /// together would overwrite each other's path. Of the process, because a policy that arrives while the
+    /// tasks of an earlier one run has a queue of its own. Recursive, because a store may call its watchers
+    /// from inside a set.
     static std::recursive_mutex s_mutex;
+    static std::vector<const HandOverQueue*> s_queues;
     std::deque<std::string> m_notiPathList;
     KeyWatch m_watch;  ///< last, and so withdrawn before the rest goes
 };

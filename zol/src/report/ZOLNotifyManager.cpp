@@ -92,6 +92,7 @@ bool TCNotifyManager::t_OnEvent(const CSEvent* event) {
             __ASSERT_ATSC3("!\"[TCNotifyManager] Unknown Event Type\"", kSource, __LINE__);
             break;
     }
+    m_uncollected.Bound();
     return true;
 }
 
@@ -248,6 +249,7 @@ void TCNotifyManager::m_vconfCb(keynode_t* node, void* userData) {
 }
 
 void TCNotifyManager::m_NotifyFromList() {
+    const auto lock = HandOverQueue::Lock();  // on its way the path is in neither place
     const std::optional<std::string> path = m_handOver.TakeFirst();
     if (!path) {
         ZOL_LOG(LOG_ERROR, "m_notiPathList is empty, return");

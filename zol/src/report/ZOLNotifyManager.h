@@ -12,6 +12,7 @@
 #include "HandOverQueue.h"
 #include "Handler.h"
 #include "Task.h"
+#include "UncollectedReports.h"
 #include "ZOLKpiManager.h"
 #include "ZOLPolicy.h"
 #include "vconf.h"
@@ -78,4 +79,5 @@ private:
     std::mutex m_hitMutex;                           ///< m_vconfNotiList; never held while calling out
     std::vector<TSVconfNotifyItem> m_vconfNotiList;  ///< hits of the next NOTIFY_ZOL_VCONF
     zol::HandOverQueue m_handOver;
+    zol::UncollectedReports m_uncollected;
 };
