@@ -51,7 +51,8 @@ int Level(int priority) {
     return std::clamp<int>(priority, DLOG_PRIORITY_VERBOSE, DLOG_PRIORITY_FATAL) - DLOG_PRIORITY_VERBOSE;
 }
 
-void Emit(int buffer, int priority, const char* tag, const char* format, va_list arguments) {
+__attribute__((format(printf, 4, 0))) void Emit(int buffer, int priority, const char* tag, const char* format,
+                                                va_list arguments) {
     std::array<char, dlog::kMaxMessage> message;
     // The analyzer loses track of a list that was begun by the caller's caller.
     // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
