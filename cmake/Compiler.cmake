@@ -27,7 +27,7 @@ if(ZOL_SANITIZE)
         -fsanitize=${ZOL_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
     target_link_options(zol_flags INTERFACE -fsanitize=${ZOL_SANITIZE})
     # The compiler warns that atomic_thread_fence is not modelled; Boost uses it, we do not.
-    target_compile_options(zol_flags INTERFACE -Wno-tsan)
+    target_compile_options(zol_flags INTERFACE $<$<CXX_COMPILER_ID:GNU>:-Wno-tsan>)
 endif()
 if(ZOL_COVERAGE)
     target_compile_options(zol_flags INTERFACE --coverage -O0)
