@@ -1,6 +1,7 @@
 """Bad input and broken surroundings: the daemon refuses, says so, and lives on."""
 import os
 import pathlib
+import signal
 import sqlite3
 import struct
 
@@ -173,6 +174,25 @@ def test_a_locked_store_does_not_keep_the_daemon_from_coming_up(machine):
     wait_for(lambda: "locked" in machine.log("main"), "a line about the locked store")
     holder.execute("ROLLBACK")
     assert still_serving(machine)
+    assert daemon.stop() == 0
+
+
+def test_a_running_flag_that_cannot_be_cleared_does_not_switch_monitoring_off(machine):
+    daemon = machine.start_daemon()
+    machine.push(policy(RULE))
+    assert machine.get(RUNNING_KEY) == "true"
+    daemon.stop(signal.SIGKILL)
+    holder = sqlite3.connect(machine.path("/var/lib/zol/vconf/vconf.db"), isolation_level=None)
+    holder.execute("BEGIN IMMEDIATE")
+
+    daemon = machine.start_daemon(wait=False)
+
+    machine.wait_log("vconf_set_bool(db/zol/corvel_policy) failed")
+    machine.wait_log(f"[{KEY}] registered", times=2)
+    holder.execute("ROLLBACK")
+    machine.wait_log("vconf_set_bool(db/zol/corvel_policy) : 1 sucessful", times=2)
+    machine.set(KEY, "3", "int")
+    assert machine.published().exists()
     assert daemon.stop() == 0
 
 

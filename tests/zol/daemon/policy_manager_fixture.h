@@ -59,6 +59,9 @@ protected:
     }
     void Stop() { m_manager.reset(); }
 
+    /// Lets the moment come at which the manager tries again what failed; false when it has nothing to try.
+    static bool LetRetryCome();
+
     testing::StrictMock<MockDbusServer> m_server;
     zol::TCShiftedClock m_clock;
     std::unique_ptr<zol::TCPolicyManager> m_manager;

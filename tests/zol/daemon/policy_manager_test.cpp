@@ -91,18 +91,52 @@ TEST_F(PolicyManager, AReloadedPolicyKeepsItsStart) {
     EXPECT_EQ(fakes::vconf::GetString(zol::TCScheduler::KEY_START_TIME), "1600000000");
 }
 
-TEST_F(PolicyManager, WhereTheFlagCannotBeReadUpdatesAreStoredAndNothingIsApplied) {
-    fakes::vconf::Fail(kRunningKey, fakes::vconf::FAIL_GET | fakes::vconf::FAIL_SET);
+TEST_F(PolicyManager, AFlagThatCannotBeReadCountsAsWhatWasLastWrittenThere) {
+    fakes::vconf::Fail(kRunningKey, fakes::vconf::FAIL_GET);
     StartWith(PolicyFor("db/a"));
-    EXPECT_TRUE(m_manager->UpdatePolicy(PolicyFor("db/b")));
-    EXPECT_TRUE(m_manager->UpdatePolicy(PolicyFor("db/c")));
+    ExpectErrors({"vconf_get_bool(db/zol/corvel_policy) failed"});
+    EXPECT_EQ(fakes::vconf::Registrations("db/a"), 1) << "it was cleared just before";
 
-    EXPECT_EQ(StoredPolicy(), PolicyFor("db/c"));
-    EXPECT_TRUE(Applied().vconfMonitors.empty());
-    EXPECT_FALSE(Has("TCNotifyManager()"));
-    EXPECT_EQ(Count("Monitoring is already running."), 3);
-    ExpectErrors({"vconf_get_bool(db/zol/corvel_policy) failed", "Monitoring is already running.",
-                  "vconf_set_bool(db/zol/corvel_policy) failed\n"});
+    EXPECT_TRUE(m_manager->UpdatePolicy(PolicyFor("db/b")));
+    ExpectErrors({"Monitoring is already running."});
+    EXPECT_EQ(StoredPolicy(), PolicyFor("db/b"));
+    EXPECT_EQ(fakes::vconf::Registrations("db/b"), 0);
+}
+
+TEST_F(PolicyManager, AFlagOfTheLastProcessThatCannotBeClearedDoesNotKeepThePolicyFromBeingWatched) {
+    fakes::vconf::SetBool(kRunningKey, true);
+    fakes::vconf::Fail(kRunningKey, fakes::vconf::FAIL_SET);
+    Start();
+    ExpectErrors({"vconf_set_bool(db/zol/corvel_policy) failed\n"});
+
+    EXPECT_TRUE(m_manager->UpdatePolicy(PolicyFor("db/a")));
+    EXPECT_EQ(fakes::vconf::Registrations("db/a"), 1);
+
+    EXPECT_TRUE(m_manager->UpdatePolicy(PolicyFor("db/b")));
+    EXPECT_EQ(fakes::vconf::Registrations("db/b"), 0) << "monitoring runs, whatever the store says";
+}
+
+TEST_F(PolicyManager, AFlagThatCouldNotBeWrittenIsWrittenAsSoonAsItCanBe) {
+    fakes::vconf::SetBool(kRunningKey, true);
+    fakes::vconf::Fail(kRunningKey, fakes::vconf::FAIL_SET);
+    Start();
+
+    EXPECT_TRUE(LetRetryCome());
+    EXPECT_TRUE(LetRetryCome()) << "for as long as it fails";
+    EXPECT_TRUE(IsRunning());
+
+    fakes::vconf::Fail(kRunningKey, fakes::vconf::FAIL_NONE);
+    EXPECT_TRUE(LetRetryCome());
+    EXPECT_FALSE(IsRunning());
+    EXPECT_FALSE(LetRetryCome()) << "written";
+}
+
+TEST_F(PolicyManager, AFlagThatIsChangedByHandCountsOnceItHasBeenWritten) {
+    StartWith(PolicyFor("db/a"));
+    fakes::vconf::SetBool(kRunningKey, false);
+
+    EXPECT_TRUE(m_manager->UpdatePolicy(PolicyFor("db/b")));
+    EXPECT_EQ(fakes::vconf::Registrations("db/b"), 1);
 }
 
 TEST_F(PolicyManager, AnUpdateIsStoredByteForByteAndApplied) {

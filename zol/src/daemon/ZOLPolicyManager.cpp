@@ -5,6 +5,7 @@
 #include <optional>
 #include <utility>
 
+#include "ExceptionWall.h"
 #include "IControl.h"
 #include "IDbus.h"
 #include "Log.h"
@@ -308,19 +309,41 @@ std::int32_t TCPolicyManager::m_GetValueType(const std::string& word) {
     return CodeOf(kValueTypeWords, word);
 }
 
-bool TCPolicyManager::m_GetCorvelPolicy() {
+bool TCPolicyManager::m_GetCorvelPolicy() const {
+    if (m_isFlagUnwritten) {
+        return *m_meantRunning;
+    }
     const std::optional<bool> isRunning = kMonitoringRuns.Get();
     if (!isRunning) {
         ZOL_LOG(LOG_ERROR, "vconf_get_bool(%s) failed", kMonitoringRuns.key);
     }
-    return isRunning.value_or(true);
+    return isRunning.value_or(m_meantRunning.value_or(true));
 }
 
 void TCPolicyManager::m_SetCorvelPolicy(bool isRunning) {
-    if (kMonitoringRuns.Set(isRunning)) {
-        ZOL_LOG(LOG_ERROR, "vconf_set_bool(%s) : %d sucessful\n", kMonitoringRuns.key, isRunning ? 1 : 0);
-    } else {
+    m_meantRunning = isRunning;
+    m_isFlagUnwritten = !kMonitoringRuns.Set(isRunning);
+    if (m_isFlagUnwritten) {
         ZOL_LOG(LOG_ERROR, "vconf_set_bool(%s) failed\n", kMonitoringRuns.key);
+        m_RetryLater();
+    } else {
+        ZOL_LOG(LOG_ERROR, "vconf_set_bool(%s) : %d sucessful\n", kMonitoringRuns.key, isRunning ? 1 : 0);
+    }
+}
+
+void TCPolicyManager::m_RetryLater() {
+    if (m_retry == nullptr) {
+        m_retry = base::StartTimer(nullptr, m_backoff.Next(), [this] { m_Retry(); });
+    }
+}
+
+void TCPolicyManager::m_Retry() {
+    m_retry.reset();
+    if (m_isFlagUnwritten) {
+        m_SetCorvelPolicy(*m_meantRunning);
+    }
+    if (m_retry == nullptr) {
+        m_backoff.Reset();
     }
 }
 

@@ -2,11 +2,14 @@
 /// Stores the policy, applies it at every start and at every update, and owns the tasks that watch it.
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "ZOLPolicy.h"
 #include "ZOLScheduler.h"
+#include "base/backoff.h"
+#include "base/glib_handles.h"
 
 namespace zol {
 
@@ -19,7 +22,9 @@ class TCShiftedClock;
 /// PreparePowerOn and NotifyPowerOff may run on any thread beside it.
 ///
 /// Failures are logged and come back as false. Whether monitoring runs is kept in the flag kMonitoringRuns:
-/// while it is true, an update is stored but waits for the next start.
+/// while it is true, an update is stored but waits for the next start. What this process last meant to write
+/// there holds for it while the write has failed or the key cannot be read; a write that failed is tried
+/// again on the default main context, with base::Backoff between.
 class TCPolicyManager {
 public:
     /// @param clock  not owned; must outlive this object
@@ -69,8 +74,10 @@ private:
     [[nodiscard]] static bool m_CheckThisMonitorPolicy(const ZOLPolicyMonitor& item);
     static std::int32_t m_GetCondition(const std::string& word);
     static std::int32_t m_GetValueType(const std::string& word);
-    [[nodiscard]] static bool m_GetCorvelPolicy();
-    static void m_SetCorvelPolicy(bool isRunning);
+    [[nodiscard]] bool m_GetCorvelPolicy() const;
+    void m_SetCorvelPolicy(bool isRunning);
+    void m_RetryLater();
+    void m_Retry();
     void m_LogCurrentPolicy();
 
     // The scheduler goes first, so that no expiry finds a manager half gone, then the tasks.
@@ -78,6 +85,10 @@ private:
     std::vector<TSTasks> m_tasks;  ///< one set per policy applied
     TCScheduler m_scheduler;
     TCCVLogger* const m_logger;
+    std::optional<bool> m_meantRunning;  ///< what the flag was last meant to be
+    bool m_isFlagUnwritten = false;      ///< the store holds something else
+    base::Backoff m_backoff;
+    base::GSourcePtr m_retry;
 };
 
 }  // namespace zol
