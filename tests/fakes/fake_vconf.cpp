@@ -1,5 +1,6 @@
 #include "fake_vconf.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -228,6 +229,11 @@ int vconf_notify_key_changed(const char* key, vconf_callback_fn callback, void* 
     fakes::Store& store = fakes::The();
     const std::lock_guard<std::mutex> lock(store.mutex);
     if (fakes::Fails(store, key, fakes::vconf::FAIL_NOTIFY)) {
+        errno = EIO;
+        return -1;
+    }
+    if (*key == '\0') {
+        errno = EINVAL;
         return -1;
     }
     for (fakes::Watch& watch : store.watches[key]) {

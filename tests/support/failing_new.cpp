@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <new>
+#include <utility>
 
 namespace {
 
@@ -24,8 +25,8 @@ void* AllocateOrThrow(std::size_t size) {
 
 }  // namespace
 
-void FailAllocation(std::size_t next) {
-    t_failing = next;
+std::size_t FailAllocation(std::size_t next) {
+    return std::exchange(t_failing, next);
 }
 
 // Every form that is not over-aligned: a sanitizer brings its own of those that are missing, and theirs do

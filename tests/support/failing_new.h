@@ -3,4 +3,5 @@
 #include <cstddef>
 
 /// The calling thread's `next`th `new` from now on fails; 0: none does.
-void FailAllocation(std::size_t next);
+/// @return how many were left to the one that was set before; 0: it has failed
+std::size_t FailAllocation(std::size_t next);

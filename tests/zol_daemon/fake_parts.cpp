@@ -144,7 +144,7 @@ TCCVLogger::TCCVLogger() {
 }
 
 // The real ones would bring the whole daemon along.
-struct TCPolicyManager::TSTasks {};
+class TCPolicyTasks {};
 // By value, as the real one takes it. NOLINTNEXTLINE(performance-unnecessary-value-param)
 TCScheduler::TCScheduler(boost::function<void()> /*disableCallback*/, TCShiftedClock& clock)
     : m_clock(clock) {}

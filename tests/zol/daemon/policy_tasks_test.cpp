@@ -5,10 +5,12 @@
 #include <atomic>
 #include <cerrno>
 #include <filesystem>
+#include <new>
 #include <string>
 #include <vector>
 
 #include "dlog.h"
+#include "failing_new.h"
 #include "fake_bt_hid.h"
 #include "fake_dlog.h"
 #include "fake_was.h"
@@ -34,6 +36,7 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attribute
 
 namespace {
 
+using fakes::dlog::Count;
 using fakes::dlog::Has;
 
 const char* const kPairing =
@@ -98,7 +101,7 @@ TEST_F(PolicyTasks, ATaskThatCannotStartStopsTheRestAndTheNextUpdateMakesANewSet
     Push(ItemFor("db/a") + kPairing, 0);
     ExpectNotRunning("pNotify is NULL or failed to create");
     ExpectFailedCheck("zol/src/ZOLNotifyManager", "CCTask::Create(\"ZolNotifyManager\")");
-    EXPECT_EQ(fakes::vconf::Registrations(), 0) << "nor is the hand-over key watched";
+    EXPECT_EQ(fakes::vconf::Registrations("db/a"), 0);
 
     Push(ItemFor("db/a") + kPairing, 1);
     ExpectNotRunning("pVconfMonitor is NULL or failed to create");
@@ -126,6 +129,141 @@ TEST_F(PolicyTasks, AnInstallMonitorThatCannotStartIsLeftOutAndTheOthersAreWatch
     EXPECT_TRUE(Has("new TCAppInstallMonitor()->Create() fail"));
     EXPECT_TRUE(Has("AppId key is already exist. return false"));
     EXPECT_EQ(fakes::was::RegisteredIds(), std::vector<std::string>{"org.other"});
+}
+
+TEST_F(PolicyTasks, WhateverCannotStartIsTriedAgainUntilThePolicyIsWatched) {
+    for (int threads = 0; threads < 5; ++threads) {
+        fakes::dlog::Clear();
+        Push(ItemFor("db/a") + kPairing + kInstall, threads);
+        EXPECT_EQ(Count("not all of the policy is watched: trying again until it is"), 1) << threads;
+        g_threadsLeft = 0;
+        EXPECT_TRUE(LetRetryCome());
+        EXPECT_FALSE(Has("all of the policy is watched now"));
+
+        g_threadsLeft = -1;
+        EXPECT_TRUE(LetRetryCome());
+
+        EXPECT_TRUE(IsRunning());
+        EXPECT_EQ(fakes::vconf::Registrations("db/a"), 1) << threads;
+        EXPECT_EQ(fakes::bt_hid::Registrations(), 1) << threads;
+        EXPECT_EQ(fakes::was::RegisteredIds(), std::vector<std::string>{"org.app"}) << threads;
+        EXPECT_EQ(Count("all of the policy is watched now"), 1) << threads;
+        EXPECT_FALSE(LetRetryCome()) << threads;
+    }
+}
+
+TEST_F(PolicyTasks, WhatRunsWhenTheRestIsTriedAgainIsLeftAlone) {
+    fakes::vconf::SetInt("db/a", 1);
+    fakes::vconf::SetString("db/zol/send_zol_files_path", "");
+    Push(ItemFor("db/a") + ItemFor("db/b") + kPairing, 2);
+    ASSERT_TRUE(fakes::dlog::WaitFor("vconf_set_str success"));
+    const std::string path = fakes::vconf::GetString("db/zol/send_zol_files_path");
+
+    EXPECT_TRUE(LetRetryCome());
+
+    EXPECT_EQ(Count("m_Notify() CALL"), 1);
+    EXPECT_EQ(fakes::vconf::Registrations("db/b"), 1);
+    EXPECT_EQ(fakes::vconf::GetString("db/zol/send_zol_files_path"), path) << "still published";
+}
+
+TEST_F(PolicyTasks, AKeyWhoseWatchIsRefusedIsWatchedAsSoonAsItCanBe) {
+    for (const char* key : {"db/a", "db/b"}) {
+        fakes::vconf::Fail(key, fakes::vconf::FAIL_NOTIFY);
+    }
+    Push(ItemFor("db/a") + ItemFor("db/b") + ItemFor("db/c"));
+    EXPECT_TRUE(IsRunning());
+    EXPECT_TRUE(LetRetryCome());
+    fakes::vconf::SetInt("db/b", 1);
+    EXPECT_FALSE(Has("m_Notify() CALL"));
+
+    for (const char* key : {"db/a", "db/b"}) {
+        fakes::vconf::Fail(key, fakes::vconf::FAIL_NONE);
+    }
+    EXPECT_TRUE(LetRetryCome());
+
+    EXPECT_EQ(Count("m_Notify() CALL"), 1) << "of the one that holds meanwhile";
+    EXPECT_EQ(fakes::vconf::Registrations("db/a"), 1);
+    EXPECT_EQ(fakes::vconf::Registrations("db/b"), 0);
+    EXPECT_EQ(fakes::vconf::Registrations("db/c"), 1);
+    EXPECT_FALSE(LetRetryCome());
+}
+
+TEST_F(PolicyTasks, AnItemWithoutAKeyIsNotTriedAgain) {
+    Push(ItemFor("") + ItemFor("db/a"));
+
+    EXPECT_EQ(fakes::vconf::Registrations("db/a"), 1);
+    EXPECT_FALSE(LetRetryCome());
+}
+
+TEST_F(PolicyTasks, AMonitorThatIsRefusedIsRegisteredAsSoonAsItCanBe) {
+    fakes::bt_hid::FailRegistrations(-1);
+    Push(ItemFor("db/a") + kPairing + kInstall);
+    EXPECT_TRUE(fakes::was::RegisteredIds().empty());
+
+    EXPECT_TRUE(LetRetryCome());
+    EXPECT_EQ(fakes::was::RegisteredIds(), std::vector<std::string>{"org.app"})
+        << "whatever becomes of the others";
+    EXPECT_EQ(fakes::bt_hid::Registrations(), 0);
+
+    fakes::bt_hid::FailRegistrations(0);
+    EXPECT_TRUE(LetRetryCome());
+    EXPECT_EQ(fakes::bt_hid::Registrations(), 1);
+    EXPECT_EQ(fakes::was::RegisteredIds(), std::vector<std::string>{"org.app"});
+    EXPECT_FALSE(LetRetryCome());
+}
+
+TEST_F(PolicyTasks, MemoryThatRunsOutWhileTasksStartDoesNotLeaveThePolicyUnwatched) {
+    const std::string xml = "<zolitem>" + ItemFor("db/a") + kPairing + kInstall + "</zolitem>";
+    std::size_t left = 0;
+    for (std::size_t allocation = 1; left == 0; ++allocation) {
+        StartWith("");
+        StorePolicy(xml);
+        fakes::dlog::Clear();
+        bool isTold = false;
+        FailAllocation(allocation);
+        try {
+            m_manager->ReloadSchedule();
+        } catch (const std::bad_alloc&) {
+            isTold = true;
+        }
+        left = FailAllocation(0);
+        if (Has(isTold ? "TCNotifyManager()" : "totalCount[3]")) {
+            LetRetryCome();
+            ASSERT_EQ(fakes::vconf::Registrations("db/a"), 1) << allocation;
+            ASSERT_EQ(fakes::bt_hid::Registrations(), 1) << allocation;
+            ASSERT_EQ(fakes::was::RegisteredIds().size(), 1U) << allocation;
+        }
+        EXPECT_FALSE(LetRetryCome());
+    }
+}
+
+TEST_F(PolicyTasks, AnotherPolicyEndsTheAttempts) {
+    Push(ItemFor("db/a") + kPairing, 1);
+    EXPECT_TRUE(m_manager->UpdatePolicy(PolicyFor("db/b")));
+    LetRetryCome();
+
+    EXPECT_EQ(fakes::vconf::Registrations("db/a"), 0);
+    EXPECT_EQ(fakes::vconf::Registrations("db/b"), 1);
+    EXPECT_FALSE(LetRetryCome());
+}
+
+TEST_F(PolicyTasks, APolicyOfInvalidItemsOnlyEndsTheAttemptsToo) {
+    Push(ItemFor("db/a") + kPairing, 1);
+    EXPECT_TRUE(m_manager->UpdatePolicy("<zolitem><zols key=\"db/b\"/></zolitem>"));
+    LetRetryCome();
+
+    EXPECT_EQ(fakes::vconf::Registrations("db/a"), 0);
+    EXPECT_FALSE(IsRunning());
+}
+
+TEST_F(PolicyTasks, AFlagThatIsClearedMeanwhileStaysClear) {
+    Push(ItemFor("db/a"), 0);
+    EXPECT_TRUE(m_manager->UpdatePolicy("<zolitem/>"));
+
+    EXPECT_TRUE(LetRetryCome());
+
+    EXPECT_EQ(fakes::vconf::Registrations("db/a"), 1);
+    EXPECT_FALSE(IsRunning());
 }
 
 TEST_F(PolicyTasks, AtTheEndEveryPlatformCallbackOfEverySetIsWithdrawn) {

@@ -11,16 +11,14 @@
 #include "Log.h"
 #include "PolicyFile.h"
 #include "PolicyFlag.h"
+#include "PolicyTasks.h"
 #include "PolicyValidation.h"
 #include "PolicyWords.h"
 #include "TCDirsManager.h"
 #include "TSFileSystem.h"
 #include "ZOLCVLogger.h"
 #include "ZOLInformationStorage.h"
-#include "ZOLMonitorManager.h"
-#include "ZOLNotifyManager.h"
 #include "ZOLPolicyParser.h"
-#include "ZOLVconfChecker.h"
 
 namespace zol {
 namespace {
@@ -39,35 +37,6 @@ void KeepInStorage(const ZOLPolicy& policy) {
 }
 
 }  // namespace
-
-/// What watches one policy. Those that report go before the one they report to.
-struct TCPolicyManager::TSTasks {
-    std::unique_ptr<TCNotifyManager> notify;
-    std::unique_ptr<TCMonitorManager> monitors;
-    std::unique_ptr<TCVconfChecker> checker;
-
-    bool StartNotify() {
-        notify = std::make_unique<TCNotifyManager>();
-        return notify->Create();
-    }
-    bool StartChecker(const std::vector<ZOLVconfMonitor>& keys) {
-        checker = std::make_unique<TCVconfChecker>(notify.get(), keys);
-        if (!checker->Create()) {
-            return false;
-        }
-        checker->CheckNow(keys);
-        return true;
-    }
-    bool StartMonitors() {
-        monitors = std::make_unique<TCMonitorManager>(notify.get());
-        if (!monitors->Create()) {
-            return false;
-        }
-        // What cannot start is logged; what started goes on.
-        static_cast<void>(monitors->StartMonitoring());
-        return true;
-    }
-};
 
 TCPolicyManager::TCPolicyManager(TCShiftedClock& clock, IDbusServer* server, TCCVLogger* logger)
     : m_server(server), m_scheduler([this] { RemovePolicy(); }, clock), m_logger(logger) {
@@ -128,6 +97,7 @@ bool TCPolicyManager::UpdatePolicy(const std::string& xml) {
         isApplied = true;
     }
     if (!isApplied) {
+        m_isFlagWaiting = false;
         m_SetCorvelPolicy(false);
     }
     if (!kPowerOnPrepared.Set(false)) {
@@ -211,20 +181,41 @@ void TCPolicyManager::m_CreatePolicyThread(int start) {
     ZOL_LOG(LOG_ERROR, "vconfPolicyCount[%d]", static_cast<int>(vconfCount));
     ZOL_LOG(LOG_ERROR, "monitorList[%d]", static_cast<int>(monitorCount));
     ZOL_LOG(LOG_ERROR, "totalCount[%d]", static_cast<int>(totalCount));
+    if (m_isSetUnfinished && !m_tasks.back()->IsAnythingRunning()) {
+        m_tasks.pop_back();
+    }
+    m_isSetUnfinished = false;
     if (totalCount == 0) {
         ZOL_LOG(LOG_ERROR, "policy_monitorCnt is zero");
         m_SetCorvelPolicy(false);
         return;
     }
-    TSTasks& tasks = m_tasks.emplace_back();
+    m_tasks.push_back(std::make_unique<TCPolicyTasks>(std::move(vconfItems), monitorCount > 0));
+    m_isFlagWaiting = true;
+    m_WatchPolicy();
+    if (m_isSetUnfinished) {
+        ZOL_LOG(LOG_ERROR, "not all of the policy is watched: trying again until it is");
+    }
+}
+
+void TCPolicyManager::m_WatchPolicy() {
+    // What throws is tried again like what is refused.
+    CatchAll(kLogModule, [this] { m_StartTasks(); });
+    m_isSetUnfinished = !m_tasks.back()->IsWatchingAll();
+    if (m_isSetUnfinished) {
+        m_RetryLater();
+    }
+}
+
+void TCPolicyManager::m_StartTasks() {
+    TCPolicyTasks& tasks = *m_tasks.back();
     if (!tasks.StartNotify()) {
         ZOL_LOG(LOG_ERROR, "pNotify is NULL or failed to create");
-        m_tasks.pop_back();  // nothing runs, and it would go on watching the hand-over key
-    } else if (vconfCount > 0 && !tasks.StartChecker(vconfItems)) {
+    } else if (!tasks.StartChecker()) {
         ZOL_LOG(LOG_ERROR, "pVconfMonitor is NULL or failed to create");
-    } else if (monitorCount > 0 && !tasks.StartMonitors()) {
+    } else if (!tasks.StartMonitors()) {
         ZOL_LOG(LOG_ERROR, "pMonitor is NULL or failed to create");
-    } else {
+    } else if (std::exchange(m_isFlagWaiting, false)) {
         m_SetCorvelPolicy(true);
     }
 }
@@ -341,6 +332,12 @@ void TCPolicyManager::m_Retry() {
     m_retry.reset();
     if (m_isFlagUnwritten) {
         m_SetCorvelPolicy(*m_meantRunning);
+    }
+    if (m_isSetUnfinished) {
+        m_WatchPolicy();
+        if (!m_isSetUnfinished) {
+            ZOL_LOG(LOG_ERROR, "all of the policy is watched now");
+        }
     }
     if (m_retry == nullptr) {
         m_backoff.Reset();

@@ -15,6 +15,7 @@ namespace zol {
 
 class IDbusServer;
 class TCCVLogger;
+class TCPolicyTasks;
 class TCShiftedClock;
 
 /// Built once, on the main thread; construction applies the stored policy. UpdatePolicy and the operations
@@ -23,8 +24,10 @@ class TCShiftedClock;
 ///
 /// Failures are logged and come back as false. Whether monitoring runs is kept in the flag kMonitoringRuns:
 /// while it is true, an update is stored but waits for the next start. What this process last meant to write
-/// there holds for it while the write has failed or the key cannot be read; a write that failed is tried
-/// again on the default main context, with base::Backoff between.
+/// there holds for it while the write has failed or the key cannot be read.
+///
+/// A write of the flag that failed and a policy that could not be watched whole are tried again on the
+/// default main context, with base::Backoff between; the policy until another one is applied.
 class TCPolicyManager {
 public:
     /// @param clock  not owned; must outlive this object
@@ -63,11 +66,11 @@ public:
     bool NotifyPowerOff();
 
 private:
-    struct TSTasks;
-
     [[nodiscard]] static bool m_Store(const std::string& xml);
     void m_UpdateScheduler(const ZOLPolicy& policy, bool isNewPolicy);
     void m_CreatePolicyThread(int start);
+    void m_WatchPolicy();
+    void m_StartTasks();
     static void m_RemoveInvalidVconfPolicy(unsigned& count, std::vector<ZOLVconfMonitor>& items);
     static void m_RemoveInvalidMonitorPolicy(unsigned& count, std::vector<ZOLPolicyMonitor>& items);
     [[nodiscard]] static bool m_CheckThisVconfPolicy(const ZOLVconfMonitor& item);
@@ -82,11 +85,13 @@ private:
 
     // The scheduler goes first, so that no expiry finds a manager half gone, then the tasks.
     IDbusServer* const m_server;
-    std::vector<TSTasks> m_tasks;  ///< one set per policy applied
+    std::vector<std::unique_ptr<TCPolicyTasks>> m_tasks;  ///< one set per policy applied
     TCScheduler m_scheduler;
     TCCVLogger* const m_logger;
     std::optional<bool> m_meantRunning;  ///< what the flag was last meant to be
     bool m_isFlagUnwritten = false;      ///< the store holds something else
+    bool m_isSetUnfinished = false;      ///< the last set of tasks does not watch all of its policy
+    bool m_isFlagWaiting = false;        ///< for all tasks of the last set to run
     base::Backoff m_backoff;
     base::GSourcePtr m_retry;
 };

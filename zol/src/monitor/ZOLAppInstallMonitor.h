@@ -28,6 +28,8 @@ public:
     [[nodiscard]] bool Create();
     /// Registers with the web-app service. False, and logged, when it refuses.
     [[nodiscard]] bool StartMonitoring();
+    /// Whether it is registered.
+    [[nodiscard]] bool IsMonitoring() const { return static_cast<bool>(m_registration); }
 
     /// `userData` is the monitor. The id is not compared: the service reports only what was registered.
     static void AppInstallCb(const char* appId, was_notify_event_e event, int value1, int value2,

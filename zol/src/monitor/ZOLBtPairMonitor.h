@@ -37,6 +37,8 @@ public:
     /// Registers for the remote's connections. False, and logged, when the method is unknown or the platform
     /// refuses.
     [[nodiscard]] bool StartMonitoring();
+    /// Whether it is registered.
+    [[nodiscard]] bool IsMonitoring() const { return static_cast<bool>(m_registration); }
     [[nodiscard]] bool RegisterBtCallback();
 
     /// The callbacks of methods 31 and 32. `userData` is the monitor; `device` is not looked at.

@@ -91,6 +91,37 @@ bool TCMonitorManager::StartMonitoring() {
     return true;
 }
 
+void TCMonitorManager::WatchRest() {
+    unsigned count = 0;
+    std::vector<zol::ZOLPolicyMonitor> items;
+    zol::TCInformationStorage::Instance()->GetZOLMonitorInformation(count, items);
+    for (std::size_t left = m_unmade.size(); left > 0; --left) {
+        const int index = m_unmade.front();
+        const zol::ZOLPolicyMonitor& item = items.at(static_cast<std::size_t>(index));
+        if (item.type == zol::APP_INSTALL) {
+            m_appInstallMonitors.erase(item.id);
+        }
+        m_InitItem(item, index);
+        m_unmade.erase(m_unmade.begin());
+    }
+    // The results are those of IsWatchingAll.
+    if (m_bBtPair && !m_pBtPairMonitor->IsMonitoring()) {
+        static_cast<void>(m_StartBtPairMonitoring());
+    }
+    for (const auto& [id, monitor] : m_appInstallMonitors) {
+        if (monitor != nullptr && !monitor->IsMonitoring()) {
+            static_cast<void>(m_StartAppInstallMonitoring(monitor.get()));
+        }
+    }
+}
+
+bool TCMonitorManager::IsWatchingAll() const {
+    return m_unmade.empty() && (!m_bBtPair || m_pBtPairMonitor->IsMonitoring()) &&
+           std::all_of(m_appInstallMonitors.begin(), m_appInstallMonitors.end(), [](const auto& entry) {
+               return entry.second != nullptr && entry.second->IsMonitoring();
+           });
+}
+
 void TCMonitorManager::Destroy() {
     if (!AssertAtsc3(m_pNotify != nullptr, "m_pNotify", kSource, __LINE__)) {
         return;
@@ -156,6 +187,7 @@ bool TCMonitorManager::m_BtPairInit(int duration, int repetition, int method, in
         std::make_unique<TCBtPairMonitor>(m_pNotify, duration, repetition, method, ignoreTime, index);
     if (!m_pBtPairMonitor->Create()) {
         ZOL_LOG(LOG_ERROR, "m_pBtPairMonitor->Create() fail");
+        m_unmade.push_back(index);
         return false;
     }
     return true;
@@ -176,12 +208,14 @@ bool TCMonitorManager::m_AppInstallInit(std::string id, int duration, int repeti
                       TCAppInstallMonitor(m_pNotify, std::move(id), duration, repetition, method, index));
     if (monitor == nullptr) {
         ZOL_LOG(LOG_ERROR, "new TCAppInstallMonitor() is NULL");
+        m_unmade.push_back(index);
         return false;
     }
     if (!monitor->Create()) {
         ZOL_LOG(LOG_ERROR, "new TCAppInstallMonitor()->Create() fail");
         // The id stays taken: the first item of an id counts, also when it cannot be monitored.
         monitor.reset();
+        m_unmade.push_back(index);
         return false;
     }
     return true;

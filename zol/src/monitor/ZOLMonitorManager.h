@@ -3,6 +3,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "Event.h"
 #include "Handler.h"
@@ -16,9 +17,9 @@ namespace zol {
 struct ZOLPolicyMonitor;
 }
 
-/// Construct, Create, StartMonitoring once, destroy. The monitors report by themselves, on the platform's
-/// threads. The policy is watched by at most one pairing monitor and one install monitor per application id:
-/// the first item wins.
+/// Construct, Create, StartMonitoring once, WatchRest while something is left to it, destroy. The monitors
+/// report by themselves, on the platform's threads. The policy is watched by at most one pairing monitor and
+/// one install monitor per application id: the first item wins.
 class TCMonitorManager : public CCTask, public CCHandler {
 public:
     /// @param notify receiver of the hits; not owned, must outlive this object. Null: every hit is lost.
@@ -35,6 +36,11 @@ public:
     /// pairing monitor, then the install monitors in the order of their ids. An item that is refused is
     /// logged and skipped. False when a monitor cannot start; those behind it are then not started either.
     [[nodiscard]] bool StartMonitoring();
+    /// Makes and starts every monitor that StartMonitoring did not, as long as the information storage holds
+    /// the same items. What is refused again is logged.
+    void WatchRest();
+    /// Whether nothing is left to WatchRest.
+    [[nodiscard]] bool IsWatchingAll() const;
 
     /// Destroys the notify manager and forgets it; no more than that: monitors and tasks go on. Asserts that
     /// there is one.
@@ -54,6 +60,7 @@ private:
     TCNotifyManager* m_pNotify;
     std::unique_ptr<TCBtPairMonitor> m_pBtPairMonitor;
     std::map<std::string, std::unique_ptr<TCAppInstallMonitor>> m_appInstallMonitors;
+    std::vector<int> m_unmade;  ///< indexes of items whose monitor could not be created
     bool m_bBtPair = false;
     bool m_bAppInstall = false;
     bool m_bAppLaunch = false;  ///< reserved; never set

@@ -1,5 +1,6 @@
 #include "ZOLVconfChecker.h"
 
+#include <cerrno>
 #include <utility>
 
 #include "ExceptionWall.h"
@@ -57,24 +58,47 @@ bool TCVconfChecker::t_OnEvent(const CSEvent* /*event*/) {
 
 void TCVconfChecker::CheckNow(const std::vector<ZOLVconfMonitor>& items) {
     for (const ZOLVconfMonitor& item : items) {
-        if (!m_CheckItem(item, m_GetValueType(item.type) == VALUE_TYPE_STRING)) {
-            m_Register(item.key);
+        const bool holds = m_CheckItem(item, m_GetValueType(item.type) == VALUE_TYPE_STRING);
+        if (!holds && !m_Register(item.key)) {
+            m_refused.push_back(item);
         }
     }
+    m_NotifyPending();
+}
+
+void TCVconfChecker::WatchRest() {
+    while (!m_refused.empty()) {
+        const std::size_t watched = m_watches.size();
+        if (!m_Register(m_refused.back().key)) {
+            break;  // what comes after it would be refused, too
+        }
+        const ZOLVconfMonitor item = std::move(m_refused.back());
+        m_refused.pop_back();
+        // Watched first, so that no change falls in between.
+        if (m_CheckItem(item, m_GetValueType(item.type) == VALUE_TYPE_STRING)) {
+            m_watches.resize(watched);
+        }
+    }
+    m_NotifyPending();
+}
+
+void TCVconfChecker::m_NotifyPending() {
     if (m_bNotifyPending) {
         Notify();
         m_bNotifyPending = false;
     }
 }
 
-void TCVconfChecker::m_Register(const std::string& key) {
+bool TCVconfChecker::m_Register(const std::string& key) {
     KeyWatch watch = WatchKey(key, m_KeyChangedCb, this);
     if (!watch) {
+        const bool isNoKey = errno == EINVAL;
         ZOL_LOG(LOG_ERROR, "[%s] failed", key.c_str());
-        return;
+        return isNoKey;
     }
     m_watches.push_back(std::move(watch));
     ZOL_LOG(LOG_ERROR, "[%s] registered", key.c_str());
+    return true;
 }
 
 void TCVconfChecker::m_KeyChangedCb(keynode_t* node, void* userData) {

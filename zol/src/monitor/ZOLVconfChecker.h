@@ -17,9 +17,9 @@ class TCNotifyManager;
 
 namespace zol {
 
-/// Construct, Create, CheckNow once, destroy. It works on the threads that call it: CheckNow on its caller's,
-/// the key callback on vconf's; its own task handles nothing. A key change costs the same whatever the number
-/// of items.
+/// Construct, Create, CheckNow once, WatchRest while something is left to it, destroy. It works on the
+/// threads that call it: CheckNow on its caller's, the key callback on vconf's; its own task handles nothing.
+/// A key change costs the same whatever the number of items.
 class TCVconfChecker final : public CCTask, public CCHandler {
 public:
     /// @param notify receiver of the hits, not owned, must outlive this object; null: hits are lost
@@ -34,8 +34,14 @@ public:
     void Destroy() override;
 
     /// Evaluates every item now. One that holds is reported and not watched any further; for each other one
-    /// the change callback is registered. All hits together end in one NOTIFY_ZOL_VCONF event.
+    /// the change callback is registered. All hits together end in one NOTIFY_ZOL_VCONF event. A key whose
+    /// watch is refused is logged and left to WatchRest, unless no key may have that name.
     void CheckNow(const std::vector<ZOLVconfMonitor>& items);
+    /// Watches what CheckNow could not, as far as the first item that is refused again. One that holds
+    /// meanwhile is reported and not watched any further. On the thread of CheckNow.
+    void WatchRest();
+    /// Whether nothing is left to WatchRest.
+    [[nodiscard]] bool IsWatchingAll() const { return m_refused.empty(); }
 
     /// Posts NOTIFY_ZOL_VCONF to the notify manager. A full queue is logged and the event lost; the queued
     /// hits go out with the next one.
@@ -55,14 +61,17 @@ private:
                                   const std::string& strValue, std::string& out);
     static int m_GetCondition(const std::string& word);
     static int m_GetValueType(const std::string& word);
-    void m_Register(const std::string& key);
+    /// False when another attempt may do better: nothing can be done about a name that no key may have.
+    [[nodiscard]] bool m_Register(const std::string& key);
+    void m_NotifyPending();
     void m_AddNotify(ZOLVconfMonitor item, int value, std::string text);
 
     TCNotifyManager* const m_pNotify;
     const std::vector<ZOLVconfMonitor> m_monitorList;
     std::unordered_map<std::string, std::size_t> m_firstItem;  ///< key to its first position in m_monitorList
     std::atomic<bool> m_bNotifyPending{false};
-    std::vector<KeyWatch> m_watches;  ///< go first: the callback uses all of the above
+    std::vector<ZOLVconfMonitor> m_refused;  ///< items whose keys vconf would not watch
+    std::vector<KeyWatch> m_watches;         ///< go first: the callback uses all of the above
 };
 
 }  // namespace zol

@@ -1,0 +1,71 @@
+#include "PolicyTasks.h"
+
+#include <utility>
+
+#include "ZOLMonitorManager.h"
+#include "ZOLNotifyManager.h"
+#include "ZOLVconfChecker.h"
+
+namespace zol {
+
+TCPolicyTasks::TCPolicyTasks(std::vector<ZOLVconfMonitor> keys, bool hasMonitors)
+    : m_keys(std::move(keys)), m_hasMonitors(hasMonitors) {}
+
+TCPolicyTasks::~TCPolicyTasks() = default;
+
+bool TCPolicyTasks::StartNotify() {
+    // Made once: its construction takes back the path that is published.
+    if (m_notify == nullptr) {
+        m_notify = std::make_unique<TCNotifyManager>();
+    }
+    return IsAnythingRunning() || m_notify->Create();
+}
+
+// What throws on its way is made anew by the next attempt: nothing is kept before it is whole.
+bool TCPolicyTasks::StartChecker() {
+    if (m_checker != nullptr) {
+        m_checker->WatchRest();
+        return true;
+    }
+    if (m_keys.empty()) {
+        return true;
+    }
+    auto checker = std::make_unique<TCVconfChecker>(m_notify.get(), m_keys);
+    if (!checker->Create()) {
+        return false;
+    }
+    checker->CheckNow(m_keys);
+    m_checker = std::move(checker);
+    m_keys = {};
+    return true;
+}
+
+bool TCPolicyTasks::StartMonitors() {
+    if (m_monitors != nullptr) {
+        m_monitors->WatchRest();
+        return true;
+    }
+    if (!m_hasMonitors) {
+        return true;
+    }
+    auto monitors = std::make_unique<TCMonitorManager>(m_notify.get());
+    if (!monitors->Create()) {
+        return false;
+    }
+    // What cannot start is logged and left to WatchRest; what started goes on.
+    static_cast<void>(monitors->StartMonitoring());
+    m_monitors = std::move(monitors);
+    return true;
+}
+
+bool TCPolicyTasks::IsAnythingRunning() const {
+    return m_notify != nullptr && m_notify->CCTask::FlagCreate();
+}
+
+bool TCPolicyTasks::IsWatchingAll() const {
+    const bool areKeysWatched = m_checker != nullptr ? m_checker->IsWatchingAll() : m_keys.empty();
+    const bool areMonitorsWatching = m_monitors != nullptr ? m_monitors->IsWatchingAll() : !m_hasMonitors;
+    return IsAnythingRunning() && areKeysWatched && areMonitorsWatching;
+}
+
+}  // namespace zol
