@@ -196,6 +196,22 @@ def test_a_running_flag_that_cannot_be_cleared_does_not_switch_monitoring_off(ma
     assert daemon.stop() == 0
 
 
+def test_sets_of_tasks_beside_one_another_are_bounded(machine, daemon):
+    def push_and_clear(key):
+        assert machine.push(policy(int_rule(key, "IS", 3))).returncode == 0
+        assert machine.push("<zolitem/>").returncode == 0
+
+    for number in range(8):
+        push_and_clear(f"db/set/{number}")
+    threads = len(os.listdir(f"/proc/{daemon.pid()}/task"))
+
+    push_and_clear("db/set/8")
+
+    machine.wait_log("8 sets of tasks run already, the policy is applied at the next start")
+    assert len(os.listdir(f"/proc/{daemon.pid()}/task")) == threads
+    assert "[db/set/8] registered" not in machine.log()
+
+
 def test_a_name_that_is_taken_is_served_once_it_is_free(machine):
     # A connection of its own: the name goes with it.
     connection = dbus.bus.BusConnection(machine.bus.address)

@@ -266,6 +266,36 @@ TEST_F(PolicyTasks, AFlagThatIsClearedMeanwhileStaysClear) {
     EXPECT_FALSE(IsRunning());
 }
 
+TEST_F(PolicyTasks, AtMostEightSetsRunAndTheNextPolicyWaitsForTheNextStart) {
+    StartWith("");
+    for (int set = 0; set < 9; ++set) {
+        EXPECT_FALSE(Has("8 sets of tasks run already, the policy is applied at the next start"));
+        EXPECT_TRUE(m_manager->UpdatePolicy(PolicyFor("db/" + std::to_string(set))));
+        EXPECT_TRUE(m_manager->UpdatePolicy("<zolitem/>"));
+    }
+
+    EXPECT_EQ(Count("8 sets of tasks run already, the policy is applied at the next start"), 1);
+    EXPECT_EQ(fakes::vconf::Registrations("db/7"), 1);
+    EXPECT_EQ(fakes::vconf::Registrations("db/8"), 0);
+    EXPECT_EQ(StoredPolicy(), PolicyFor("db/8"));
+    EXPECT_EQ(Applied().vconfMonitors.at(0).key, "db/7");
+
+    Start();
+    EXPECT_EQ(fakes::vconf::Registrations("db/8"), 1);
+}
+
+TEST_F(PolicyTasks, SetsOfWhichNothingRunsDoNotCount) {
+    StartWith("");
+    for (int set = 0; set < 9; ++set) {
+        g_threadsLeft = 0;
+        EXPECT_TRUE(m_manager->UpdatePolicy(PolicyFor("db/a")));
+    }
+    g_threadsLeft = -1;
+
+    EXPECT_TRUE(m_manager->UpdatePolicy(PolicyFor("db/b")));
+    EXPECT_EQ(fakes::vconf::Registrations("db/b"), 1);
+}
+
 TEST_F(PolicyTasks, AtTheEndEveryPlatformCallbackOfEverySetIsWithdrawn) {
     Push(ItemFor("db/a") + kPairing + kInstall);
     EXPECT_TRUE(m_manager->UpdatePolicy(""));

@@ -29,6 +29,9 @@ constexpr int kNoTasks = 0;
 constexpr int kStartTasks = 1;
 constexpr int kWaitForever = -1;
 
+/// A set has a thread and the memory of a queue for each of its tasks.
+constexpr std::size_t kMaxTaskSets = 8;
+
 void KeepInStorage(const ZOLPolicy& policy) {
     TCInformationStorage* storage = TCInformationStorage::Instance();
     const auto count = static_cast<unsigned>(policy.numOfZol);
@@ -88,6 +91,11 @@ bool TCPolicyManager::UpdatePolicy(const std::string& xml) {
         ZOL_LOG(LOG_ERROR, "Update policy information.");
         if (m_GetCorvelPolicy()) {
             ZOL_LOG(LOG_ERROR, "Monitoring is already running.");
+            return true;
+        }
+        if (m_CountSets() >= kMaxTaskSets) {
+            ZOL_LOG(LOG_ERROR, "%zu sets of tasks run already, the policy is applied at the next start",
+                    kMaxTaskSets);
             return true;
         }
         m_UpdateScheduler(policy, true);
@@ -181,9 +189,7 @@ void TCPolicyManager::m_CreatePolicyThread(int start) {
     ZOL_LOG(LOG_ERROR, "vconfPolicyCount[%d]", static_cast<int>(vconfCount));
     ZOL_LOG(LOG_ERROR, "monitorList[%d]", static_cast<int>(monitorCount));
     ZOL_LOG(LOG_ERROR, "totalCount[%d]", static_cast<int>(totalCount));
-    if (m_isSetUnfinished && !m_tasks.back()->IsAnythingRunning()) {
-        m_tasks.pop_back();
-    }
+    m_tasks.resize(m_CountSets());
     m_isSetUnfinished = false;
     if (totalCount == 0) {
         ZOL_LOG(LOG_ERROR, "policy_monitorCnt is zero");
@@ -196,6 +202,11 @@ void TCPolicyManager::m_CreatePolicyThread(int start) {
     if (m_isSetUnfinished) {
         ZOL_LOG(LOG_ERROR, "not all of the policy is watched: trying again until it is");
     }
+}
+
+std::size_t TCPolicyManager::m_CountSets() const {
+    const bool isLastIdle = m_isSetUnfinished && !m_tasks.back()->IsAnythingRunning();
+    return m_tasks.size() - (isLastIdle ? 1 : 0);
 }
 
 void TCPolicyManager::m_WatchPolicy() {

@@ -39,8 +39,8 @@ public:
     TCPolicyManager(const TCPolicyManager&) = delete;
     TCPolicyManager& operator=(const TCPolicyManager&) = delete;
 
-    /// Takes a new policy: stores it and, unless monitoring runs, applies it. One without vconf items only
-    /// clears the running flag. A refused policy leaves the stored one as it was.
+    /// Takes a new policy: stores it and, unless monitoring runs or eight sets of tasks do, applies it. One
+    /// without vconf items only clears the running flag. A refused policy leaves the stored one as it was.
     /// @return whether the policy was accepted
     [[nodiscard]] bool UpdatePolicy(const std::string& xml);
 
@@ -69,6 +69,8 @@ private:
     [[nodiscard]] static bool m_Store(const std::string& xml);
     void m_UpdateScheduler(const ZOLPolicy& policy, bool isNewPolicy);
     void m_CreatePolicyThread(int start);
+    /// Sets of which at least one task runs.
+    [[nodiscard]] std::size_t m_CountSets() const;
     void m_WatchPolicy();
     void m_StartTasks();
     static void m_RemoveInvalidVconfPolicy(unsigned& count, std::vector<ZOLVconfMonitor>& items);
