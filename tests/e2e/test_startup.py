@@ -1,5 +1,6 @@
 """How the daemon comes up, once on each device, and ends."""
 import os
+import re
 import signal
 import subprocess
 
@@ -80,6 +81,21 @@ def test_each_of_its_signals_ends_the_daemon_in_order(machine, how):
     daemon = machine.start_daemon()
 
     assert daemon.stop(how) == 0
+
+
+def test_a_backlog_is_reported_for_a_while_and_the_rest_is_given_up_with_a_count(machine):
+    hits = 3000
+    # Five seconds of this daemon are fifty milliseconds.
+    machine.env["ZOL_TEST_CLOCK_SPEED"] = "100"
+    daemon = machine.start_daemon("zol_daemon_steered")
+    machine.set(KEY, "3", "int")
+    assert machine.push(policy(*[int_rule(KEY, "IS", 3)] * hits)).returncode == 0
+
+    assert daemon.stop() == 0
+
+    given_up = re.findall(r"(\d+) hits are given up", machine.log())
+    assert len(given_up) == 1
+    assert int(given_up[0]) + len(machine.kpi()) == hits
 
 
 def run(machine, *arguments, program="zol_daemon"):

@@ -148,8 +148,7 @@ TEST_F(MonitorInformation, AFullNotifyQueueDoesNotHoldUpTheEndOfItsTask) {
     while (m_rule.NotifyZOL()) {
     }
     std::thread releaser([this] {
-        // The events that Destroy drops keep their places until the task gets to them.
-        EXPECT_TRUE(Eventually([this] { return !m_notify.CCHandler::FlagCreate(); }));
+        EXPECT_TRUE(fakes::dlog::WaitFor("[TCNotifyManager] Destroy"));
         m_notify.Release();
     });
     m_notify.Destroy();

@@ -21,6 +21,12 @@ bool TCPolicyTasks::StartNotify() {
     return IsAnythingRunning() || m_notify->Create();
 }
 
+void TCPolicyTasks::ReportUntil(std::uint64_t moment) {
+    if (m_notify != nullptr) {
+        m_notify->ReportUntil(moment);
+    }
+}
+
 // What throws on its way is made anew by the next attempt: nothing is kept before it is whole.
 bool TCPolicyTasks::StartChecker() {
     if (m_checker != nullptr) {

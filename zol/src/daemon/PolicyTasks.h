@@ -1,4 +1,5 @@
 #pragma once
+#include <cstdint>
 #include <memory>
 #include <vector>
 
@@ -32,6 +33,9 @@ public:
     [[nodiscard]] bool IsAnythingRunning() const;
     /// Whether everything runs and nothing that it watches was refused.
     [[nodiscard]] bool IsWatchingAll() const;
+    /// Lets the end of the tasks go on with reports until this moment of the steady clock (nanoseconds) at
+    /// the latest.
+    void ReportUntil(std::uint64_t moment);
 
 private:
     std::vector<ZOLVconfMonitor> m_keys;  ///< until the checker has them

@@ -18,7 +18,9 @@
 #include "TSFileSystem.h"
 #include "ZOLCVLogger.h"
 #include "ZOLInformationStorage.h"
+#include "ZOLNotifyManager.h"
 #include "ZOLPolicyParser.h"
+#include "platform_clock.h"
 
 namespace zol {
 namespace {
@@ -53,7 +55,13 @@ TCPolicyManager::TCPolicyManager(TCShiftedClock& clock, IDbusServer* server, TCC
     m_LogCurrentPolicy();
 }
 
-TCPolicyManager::~TCPolicyManager() = default;
+TCPolicyManager::~TCPolicyManager() {
+    // The sets end one after the other: each with a time of its own would take as often as long.
+    const std::uint64_t end = platform_clock_steady_ns() + TCNotifyManager::kLastReportsNs;
+    for (const std::unique_ptr<TCPolicyTasks>& set : m_tasks) {
+        set->ReportUntil(end);
+    }
+}
 
 void TCPolicyManager::ReloadSchedule() {
     if (m_logger != nullptr) {

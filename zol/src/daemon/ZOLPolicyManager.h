@@ -34,7 +34,8 @@ public:
     /// @param server asked to send the power-off notification; not owned, may be null
     /// @param logger asked for the volume level whenever the stored policy is applied; not owned, may be null
     TCPolicyManager(TCShiftedClock& clock, IDbusServer* server, TCCVLogger* logger);
-    /// Ends the scheduler, then every task made for a policy. On the main thread.
+    /// Ends the scheduler, then every task made for a policy; hits that were found before are still reported,
+    /// for five seconds at most. On the main thread.
     ~TCPolicyManager();
     TCPolicyManager(const TCPolicyManager&) = delete;
     TCPolicyManager& operator=(const TCPolicyManager&) = delete;

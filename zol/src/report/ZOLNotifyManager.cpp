@@ -1,5 +1,6 @@
 #include "ZOLNotifyManager.h"
 
+#include <algorithm>
 #include <boost/lexical_cast.hpp>
 #include <utility>
 
@@ -11,6 +12,7 @@
 #include "Time.h"
 #include "WorkerTask.h"
 #include "ZOLInformationStorage.h"
+#include "platform_clock.h"
 
 using zol::EventDescription;
 using zol::HandOverQueue;
@@ -60,9 +62,22 @@ bool TCNotifyManager::Create() {
 }
 
 void TCNotifyManager::Destroy() {
+    ReportUntil(platform_clock_steady_ns() + kLastReportsNs);
     ZOL_LOG(LOG_INFO, "[TCNotifyManager] Destroy");
+    CCTask::ExitLoop();  // behind the events that are queued
     EndWorkerTask(*this, *this);
+    if (const std::size_t lost = m_givenUp + m_vconfNotiList.size(); lost > 0) {
+        ZOL_LOG(LOG_ERROR, "%zu hits are given up, the daemon ends", lost);
+    }
     ZOL_LOG(LOG_INFO, "[TCNotifyManager] Destroyed");
+}
+
+void TCNotifyManager::ReportUntil(std::uint64_t moment) {
+    m_reportUntil = std::min(m_reportUntil.load(), moment);
+}
+
+bool TCNotifyManager::m_IsTimeOver() const {
+    return platform_clock_steady_ns() >= m_reportUntil;
 }
 
 void TCNotifyManager::AddNotify(zol::ZOLVconfMonitor monitor, int intValue, std::string strValue) {
@@ -97,6 +112,10 @@ bool TCNotifyManager::t_OnEvent(const CSEvent* event) {
 }
 
 void TCNotifyManager::m_DoNotify(long index) {
+    if (m_IsTimeOver()) {
+        m_givenUp += index == kVconfHits ? 0 : 1;  // those of keys are still in their list
+        return;
+    }
     if (m_pKpiManager == nullptr) {
         ZOL_LOG(LOG_ERROR, "m_pKpiManager is NULL");
         return;
@@ -141,7 +160,11 @@ void TCNotifyManager::m_ReportVconfHits() {
         hits.swap(m_vconfNotiList);
     }
     for (const TSVconfNotifyItem& hit : hits) {
-        m_SendKpi(m_GetKpiDescription(hit.key, hit.intValue, hit.strValue));
+        if (m_IsTimeOver()) {
+            ++m_givenUp;
+        } else {
+            m_SendKpi(m_GetKpiDescription(hit.key, hit.intValue, hit.strValue));
+        }
     }
 }
 

@@ -1,7 +1,10 @@
 #pragma once
 /// The task that turns a hit into a report: a folder with header.json, a KPI event per hit, and the folder's
 /// path handed to the collector through a vconf key.
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -26,6 +29,8 @@ enum ENotifyEvent {
 /// Construct, Create, post events, destroy. Its paths wait for the collector in a HandOverQueue.
 class TCNotifyManager : public CCTask, public CCHandler {
 public:
+    static constexpr std::uint64_t kLastReportsNs = 5000000000;
+
     /// Empties the key of the hand-over and watches it from now on.
     TCNotifyManager();
     /// Ends the task when it runs. Not on the task's own thread. A class that derives and handles events ends
@@ -34,9 +39,12 @@ public:
 
     /// Starts the task. False, and logged, when it cannot; Destroy must not be called then.
     [[nodiscard]] bool Create();
-    /// Ends the task: events that were not handled are lost. Only after a successful Create, not on the
-    /// task's own thread.
+    /// Ends the task. What was posted before is still reported, for kLastReportsNs at most; hits that are not
+    /// reported by then are lost, and one line counts them. Only after a successful Create, not on the task's
+    /// own thread.
     void Destroy() override;
+    /// Lets Destroy report until this moment of the steady clock (nanoseconds) at the latest. Any thread.
+    void ReportUntil(std::uint64_t moment);
 
     /// Queues one hit for the next NOTIFY_ZOL_VCONF, which the caller posts. Any thread.
     /// @param intValue the key's value; -1: no integer, `strValue` is the value
@@ -67,6 +75,7 @@ private:
 
     void m_InitVconfKey();
     void m_RegisterVconfKey();
+    [[nodiscard]] bool m_IsTimeOver() const;
     void m_DoNotify(long index);
     [[nodiscard]] bool m_CreateHeaderInfo(const char* path);
     void m_ReportVconfHits();
@@ -78,6 +87,8 @@ private:
 
     std::mutex m_hitMutex;                           ///< m_vconfNotiList; never held while calling out
     std::vector<TSVconfNotifyItem> m_vconfNotiList;  ///< hits of the next NOTIFY_ZOL_VCONF
+    std::atomic<std::uint64_t> m_reportUntil{std::numeric_limits<std::uint64_t>::max()};
+    std::size_t m_givenUp = 0;  ///< hits; the task's own until that has ended
     zol::HandOverQueue m_handOver;
     zol::UncollectedReports m_uncollected;
 };
