@@ -12,13 +12,17 @@
 #define ZOL_PATH_STATE_DIR "/var/lib/zol"              ///< persistent state, survives updates
 #define ZOL_PATH_POLICY ZOL_PATH_STATE_DIR "/policy.xml"  ///< the current policy, byte for byte as received
 #define ZOL_PATH_KPI_DB ZOL_PATH_STATE_DIR "/kpi.db"      ///< KPI event log
-#define ZOL_PATH_VCONF_DIR ZOL_PATH_STATE_DIR "/vconf"    ///< durable keys ("db/", "file/")
-#define ZOL_PATH_VCONF_MEMORY_DIR "/run/zol/vconf"        ///< keys that last until power-off ("memory/")
-#define ZOL_PATH_LOG_DIR "/var/log/zol"                   ///< log files where there is no journal
-#define ZOL_PATH_DEBUG_LOG ZOL_PATH_LOG_DIR "/debug.log"  ///< the maker's debug channel
-#define ZOL_PATH_REPORT_ROOT "/tmp/zol"                   ///< report folders
-#define ZOL_PATH_TRACE_DUMP "/tmp/zol/CV_dump/"           ///< trace dumps before they go to a stick
-#define ZOL_PATH_TRAP_CONF "/etc/zol/traps.conf"          ///< trap conditions of the tracing library
+#define ZOL_PATH_VCONF_DIR \
+    ZOL_PATH_STATE_DIR "/vconfd"  ///< durable keys ("db/", "file/"), the key service's own
+#define ZOL_PATH_VCONF_MEMORY_DIR \
+    "/run/zol/vconfd"  ///< keys that last until power-off ("memory/"), its own, too
+#define ZOL_PATH_OLD_VCONF_DIR ZOL_PATH_STATE_DIR "/vconf"        ///< what earlier versions shared instead
+#define ZOL_PATH_OLD_VCONF_MEMORY_DIR "/run/zol/vconf"            ///< the same for memory keys
+#define ZOL_PATH_LOG_DIR "/var/log/zol"                           ///< log files where there is no journal
+#define ZOL_PATH_DEBUG_LOG ZOL_PATH_LOG_DIR "/debug.log"          ///< the maker's debug channel
+#define ZOL_PATH_REPORT_ROOT "/tmp/zol"                           ///< report folders
+#define ZOL_PATH_TRACE_DUMP "/tmp/zol/CV_dump/"                   ///< trace dumps before they go to a stick
+#define ZOL_PATH_TRAP_CONF "/etc/zol/traps.conf"                  ///< trap conditions of the tracing library
 #define ZOL_PATH_KEY_COMBINATIONS "/etc/zol/keycombination.conf"  ///< ids and the keys held together
 
 #define ZOL_PATH_RUN_DIR "/run/zol"                            ///< what lasts until power-off

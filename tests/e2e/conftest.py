@@ -146,6 +146,10 @@ class Machine:
         for name in ("DBUS_SESSION_BUS_ADDRESS", "DISPLAY", "WAYLAND_DISPLAY", "DBUS_STARTER_ADDRESS"):
             self.env.pop(name, None)
         self.processes = []
+        if EMULATOR:
+            # An emulated program cannot start another one.
+            self.start(BIN / "zol_vconfd", "--idle-ms", "1000000")
+            wait_for(self.path("/run/zol/vconf.sock").exists, "the key service")
 
     # --- programs -----------------------------------------------------------------------------------------
     def start(self, *command, **options):
@@ -166,6 +170,12 @@ class Machine:
         if wait:
             daemon.wait_until_serving()
         return daemon
+
+    def end_key_service(self):
+        """Kills it; the next client starts another one."""
+        for pid in processes_on(self.root, "zol_vconfd"):
+            os.kill(pid, signal.SIGKILL)
+        wait_for(lambda: not processes_on(self.root, "zol_vconfd"), "the end of the key service")
 
     # --- the device's state -------------------------------------------------------------------------------
     def path(self, device_path):

@@ -148,7 +148,7 @@ def test_report_folders_that_nobody_collects_are_bounded(machine):
 
 
 def test_a_damaged_store_is_set_aside_and_the_daemon_comes_up(machine):
-    store = machine.path("/var/lib/zol/vconf")
+    store = machine.path("/var/lib/zol/vconfd")
     store.mkdir(parents=True)
     (store / "vconf.db").write_bytes(b"SQLite format 3\0" + b"\xa5" * 8192)
 
@@ -166,7 +166,8 @@ def test_a_damaged_store_is_set_aside_and_the_daemon_comes_up(machine):
 
 def test_a_locked_store_does_not_keep_the_daemon_from_coming_up(machine):
     machine.set(KEY, "1", "int")
-    holder = sqlite3.connect(machine.path("/var/lib/zol/vconf/vconf.db"), isolation_level=None)
+    machine.end_key_service()
+    holder = sqlite3.connect(machine.path("/var/lib/zol/vconfd/vconf.db"), isolation_level=None)
     holder.execute("BEGIN IMMEDIATE")
 
     daemon = machine.start_daemon()

@@ -124,7 +124,8 @@ def test_a_key_that_is_not_there_is_told_from_a_store_that_cannot_be_read(machin
 
     missing = machine.zolctl("vconf", "get", TEXT)
     # In the store's place there is something that no store can be.
-    store = machine.path("/var/lib/zol/vconf")
+    machine.end_key_service()
+    store = machine.path("/var/lib/zol/vconfd")
     store.rename(store.with_name("moved"))
     store.symlink_to(store)
     unreadable = machine.zolctl("vconf", "get", NUMBER)

@@ -8,6 +8,7 @@
 #include "child_process.h"
 #include "device_path.h"
 #include "display_capture/capture_tools.h"
+#include "key_service.h"
 #include "temporary_folder.h"
 #include "vconf.h"
 
@@ -54,6 +55,7 @@ const child::Program g_useUntilTheEnd("use-until-the-end", [](const child::Argum
 
 TEST(ProcessEnd, PathsKeysAndCaptureToolsCanBeUsedUntilTheProcessIsGone) {
     const TemporaryFolder root;
+    const KeyService keys(root.Path());
     const TemporaryFolder tools;
     for (const char* name : {"import", "convert"}) {
         ASSERT_EQ(symlink("/bin/true", (tools.Path() + "/" + name).c_str()), 0);

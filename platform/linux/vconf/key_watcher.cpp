@@ -1,92 +1,89 @@
 #include "vconf/key_watcher.h"
 
+#include <poll.h>
+#include <sys/socket.h>
+
 #include <cerrno>
-#include <cstring>
+#include <limits>
+#include <utility>
 
 #include "guarded.h"
 #include "platform_log.h"
+#include "vconf/service_socket.h"
 
 namespace keystore {
 namespace {
 
-constexpr std::uint32_t kEvents = IN_MODIFY | IN_CLOSE_WRITE | IN_CREATE | IN_MOVED_TO | IN_MOVED_FROM |
-                                  IN_DELETE | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
-// When to look again after a write to a log, in case its writer does not ring.
-constexpr std::array<std::int64_t, 3> kLooksMs = {5, 50, 500};
-// When to look again at a store that could not be read.
-constexpr std::int64_t kRetryMs = 500;
+// What arrives is delivered in portions, so that other sources of the context have their turn.
+constexpr int kMaxAtOnce = 256;
 
 }  // namespace
 
 GSourceFuncs KeyWatcher::s_sourceFunctions = {nullptr, nullptr, &KeyWatcher::DispatchSource,
                                               nullptr, nullptr, nullptr};
 
-KeyWatcher::KeyWatcher(std::array<KeyDatabase*, kDatabases> databases, GMainContext* context)
-    : m_context(context) {
-    for (std::size_t index = 0; index < kDatabases; ++index) {
-        m_watched[index].database = databases[index];
-    }
-}
-
-KeyWatcher::~KeyWatcher() {
+bool KeyWatcher::Add(const std::string& key, vconf_callback_fn callback, void* userData) {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    m_source.reset();
-}
-
-bool KeyWatcher::Add(std::size_t database, const std::string& key, vconf_callback_fn callback,
-                     void* userData) {
-    // Nobody reads changes between the look at the end of the history and the registration: what comes
-    // after that end meets the registration.
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    Watched& watched = m_watched[database];
-    Position start;
-    if (!StartSource() || !StartDatabase(watched) || !watched.database->End(&start)) {
+    StartSource();
+    Message answer;
+    const bool isAnswered = Ask(key, &answer);
+    if (isAnswered ? answer.error != 0 : errno == EACCES) {
+        errno = isAnswered ? answer.error : EACCES;
         return false;
     }
+    // Without a service: all that the next connection brings.
+    const Position start{m_connections,
+                         isAnswered ? answer.change : std::numeric_limits<std::int64_t>::max()};
     m_registry.Add(key, callback, userData, start);
+    m_watched.emplace(key, Watched{isAnswered ? answer.change : kUnknownChange});
+    if (!m_socket || !m_changes.empty()) {
+        g_source_set_ready_time(m_source.get(), m_socket ? 0 : m_retryAt);
+    }
     return true;
+}
+
+/// Begins to watch a key. False, with errno, when no service answers.
+bool KeyWatcher::Ask(const std::string& key, Message* answer) {
+    errno = EIO;
+    // The service may have ended since the last time.
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        if (!m_socket && (g_get_monotonic_time() < m_retryAt || !Connect())) {
+            return false;
+        }
+        Message request;
+        request.operation = Operation::Watch;
+        request.key = key;
+        request.change = kFromNow;
+        if (Post(&request) && AwaitAnswer(request.ticket, answer)) {
+            return true;
+        }
+        errno = EIO;
+    }
+    return false;
 }
 
 bool KeyWatcher::Withdraw(const std::string& key, vconf_callback_fn callback, void* userData) {
-    return m_registry.Withdraw(key, callback, userData);
-}
-
-bool KeyWatcher::StartSource() {
-    if (m_source != nullptr) {
-        return true;
-    }
-    if (!m_inotify.Open()) {
-        PLATFORM_LOG(ERROR, "keys cannot be watched: inotify: %s", std::strerror(errno));
+    // Not under the lock: it waits for a callback, which may watch keys.
+    if (!m_registry.Withdraw(key, callback, userData)) {
         return false;
     }
-    m_source.reset(g_source_new(&s_sourceFunctions, sizeof(GSource)));
-    g_source_set_name(m_source.get(), "key store");
-    g_source_add_unix_fd(m_source.get(), m_inotify.Fd(), G_IO_IN);
-    g_source_set_callback(m_source.get(), &KeyWatcher::OnSource, this, nullptr);
-    g_source_attach(m_source.get(), m_context);
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (!m_registry.Has(key) && m_watched.erase(key) > 0 && m_socket) {
+        Message request;
+        request.operation = Operation::Unwatch;
+        request.key = key;
+        static_cast<void>(Post(&request));  // a connection that is lost watches nothing
+    }
     return true;
 }
 
-bool KeyWatcher::StartDatabase(Watched& watched) {
-    if (watched.started) {
-        return true;
+void KeyWatcher::StartSource() {
+    if (m_source == nullptr) {
+        m_source.reset(g_source_new(&s_sourceFunctions, sizeof(GSource)));
+        g_source_set_name(m_source.get(), "key store");
+        g_source_set_callback(m_source.get(), &KeyWatcher::OnSource, this, nullptr);
+        g_source_attach(m_source.get(), nullptr);
     }
-    // The first call makes the folder; the second one counts, because from here on changes are events.
-    if (!watched.database->End(&watched.known) || !WatchFolder(watched)) {
-        return false;
-    }
-    watched.started = watched.database->End(&watched.known);
-    return watched.started;
-}
-
-bool KeyWatcher::WatchFolder(Watched& watched) {
-    const std::string& folder = watched.database->Files().Folder();
-    watched.descriptor = m_inotify.Add(folder, kEvents);
-    if (watched.descriptor < 0) {
-        PLATFORM_LOG(ERROR, "keys cannot be watched: %s: %s", folder.c_str(), std::strerror(errno));
-        return false;
-    }
-    return true;
 }
 
 gboolean KeyWatcher::DispatchSource(GSource*, GSourceFunc callback, gpointer userData) {
@@ -102,87 +99,125 @@ void KeyWatcher::Dispatch() {
     std::vector<Change> changes;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        const bool due = TakeDueLook();
-        m_inotify.Read([this](const base::InotifyEvent& event) { NoteEvent(event); });
-        bool more = false;
-        for (Watched& watched : m_watched) {
-            if (watched.started && (due || (watched.changed && !watched.unreadable))) {
-                more = Look(watched, &changes) || more;
-            }
+        if (m_socket && !ReceiveWaiting()) {
+            Disconnect();
+        } else if (!m_socket && !m_watched.empty() && g_get_monotonic_time() >= m_retryAt) {
+            static_cast<void>(Connect());  // tried again when m_retryAt has come
         }
-        PlanNextLook(more);
+        changes.swap(m_changes);
+        g_source_set_ready_time(m_source.get(), m_socket || m_watched.empty() ? -1 : m_retryAt);
     }
     for (const Change& change : changes) {
         m_registry.Deliver(change);
     }
 }
 
-void KeyWatcher::NoteEvent(const base::InotifyEvent& event) {
-    if (StoreFiles::IsNoise(event.name)) {
-        return;
-    }
-    if (StoreFiles::IsWriteAheadLog(event.name) && (event.mask & IN_MODIFY) != 0) {
-        m_nextLook = 0;
-        m_due = -1;
-        DueIn(kLooksMs[m_nextLook]);
-    }
-    for (Watched& watched : m_watched) {
-        // An overflow has no descriptor and stands for anything.
-        if (event.watch != watched.descriptor && (event.mask & IN_Q_OVERFLOW) == 0) {
-            continue;
-        }
-        watched.changed = true;
-        if ((event.mask & (IN_DELETE_SELF | IN_MOVE_SELF)) != 0) {
-            m_inotify.Remove(watched.descriptor);
-            watched.descriptor = -1;
-        }
-    }
-}
-
-/// Appends what has changed. True when there may be more to read at once.
-bool KeyWatcher::Look(Watched& watched, std::vector<Change>* changes) {
-    watched.changed = false;
-    if (watched.descriptor < 0) {
-        Position end;
-        // The folder is gone: begin a new one, so that there is something to watch.
-        watched.unreadable = !watched.database->End(&end) || !WatchFolder(watched);
-        if (watched.unreadable) {
-            return false;
-        }
-    }
-    const std::size_t before = changes->size();
-    watched.unreadable = !watched.database->ReadChanges(&watched.known, changes);
-    return changes->size() - before == static_cast<std::size_t>(KeyDatabase::kMaxChanges);
-}
-
-/// True when a look is due; plans the next one of the series.
-bool KeyWatcher::TakeDueLook() {
-    if (m_due < 0 || g_get_monotonic_time() < m_due) {
+/// Also asks for what has changed since the last connection. False with errno.
+bool KeyWatcher::Connect() {
+    m_socket = ConnectToService();
+    if (!m_socket) {
+        const int error = errno;
+        Disconnect();
+        errno = error;
         return false;
     }
-    m_due = -1;
-    if (m_nextLook < kLooksMs.size() && ++m_nextLook < kLooksMs.size()) {
-        DueIn(kLooksMs[m_nextLook]);
+    ++m_connections;
+    m_socketTag = g_source_add_unix_fd(m_source.get(), m_socket.Get(), G_IO_IN);
+    for (const auto& [key, watched] : m_watched) {
+        Message request;
+        request.operation = Operation::Watch;
+        request.key = key;
+        request.change = watched.change;
+        if (!Post(&request)) {
+            return false;
+        }
     }
     return true;
 }
 
-void KeyWatcher::PlanNextLook(bool more) {
-    for (const Watched& watched : m_watched) {
-        if (watched.unreadable) {
-            DueIn(kRetryMs);
-        }
+/// Plans the next attempt: at once, unless this one has failed.
+void KeyWatcher::Disconnect() {
+    if (m_socketTag != nullptr) {
+        g_source_remove_unix_fd(m_source.get(), m_socketTag);
+        m_socketTag = nullptr;
     }
-    if (more) {
-        DueIn(0);
-    }
-    g_source_set_ready_time(m_source.get(), m_due);
+    m_socket.Reset();
+    const unsigned waitMs = m_hasAnswered ? 0 : m_backoff.Next();
+    m_retryAt = g_get_monotonic_time() + std::int64_t{waitMs} * 1000;
+    m_hasAnswered = false;
 }
 
-void KeyWatcher::DueIn(std::int64_t milliseconds) {
-    const std::int64_t due = g_get_monotonic_time() + milliseconds * 1000;
-    if (m_due < 0 || due < m_due) {
-        m_due = due;
+/// Sends a request, and receives meanwhile what would stand in its way. False when the connection is lost.
+bool KeyWatcher::Post(Message* request) {
+    request->ticket = ++m_lastTicket;
+    const std::string frame = Pack(*request);
+    for (;;) {
+        // That a connection is broken shows when the answer is received, and with it the reason.
+        if (SendFrame(m_socket.Get(), frame, MSG_DONTWAIT) != Transfer::WouldBlock) {
+            return true;
+        }
+        pollfd change{m_socket.Get(), POLLIN | POLLOUT, 0};
+        if (poll(&change, 1, kPatienceMs) <= 0 || !ReceiveWaiting()) {
+            Disconnect();
+            return false;
+        }
+    }
+}
+
+/// False when the connection is lost.
+bool KeyWatcher::AwaitAnswer(std::uint32_t ticket, Message* answer) {
+    while (m_receiver.Receive(m_socket.Get(), answer) == Transfer::Done) {
+        if (answer->operation == Operation::Answer && (answer->ticket == ticket || answer->ticket == 0)) {
+            NoteAnswer(*answer);
+            return true;
+        }
+        Take(*answer);
+    }
+    Disconnect();
+    return false;
+}
+
+bool KeyWatcher::ReceiveWaiting() {
+    Message message;
+    Transfer received = Transfer::Done;
+    for (int count = 0; count < kMaxAtOnce && received == Transfer::Done; ++count) {
+        received = m_receiver.Receive(m_socket.Get(), &message, MSG_DONTWAIT);
+        if (received == Transfer::Done) {
+            Take(message);
+        }
+    }
+    return received != Transfer::Broken;
+}
+
+/// A service that refuses to talk has read no request.
+void KeyWatcher::NoteAnswer(const Message& answer) {
+    if (answer.ticket != 0) {
+        m_hasAnswered = true;
+        m_backoff.Reset();
+    }
+}
+
+void KeyWatcher::Take(const Message& message) {
+    if (message.operation == Operation::Answer) {
+        if (message.error != 0) {
+            PLATFORM_LOG(ERROR, "key store: \"%s\" is not watched any more: %s", message.key.c_str(),
+                         g_strerror(message.error));
+        }
+        NoteAnswer(message);
+        return;
+    }
+    const auto found = m_watched.find(message.key);
+    if (found == m_watched.end()) {
+        return;
+    }
+    Watched& watched = found->second;
+    watched.change = message.change;
+    Change change{{m_connections, message.change}, message.key, message.value};
+    if (watched.pending < m_changes.size() && m_changes[watched.pending].key == message.key) {
+        m_changes[watched.pending] = std::move(change);
+    } else {
+        watched.pending = m_changes.size();
+        m_changes.push_back(std::move(change));
     }
 }
 

@@ -1,74 +1,69 @@
 #pragma once
 #include <glib.h>
 
-#include <array>
 #include <cstdint>
 #include <mutex>
+#include <string>
+#include <unordered_map>
 #include <vector>
 
+#include "base/backoff.h"
 #include "base/glib_handles.h"
-#include "base/inotify.h"
-#include "vconf/key_database.h"
+#include "base/unique_fd.h"
+#include "vconf/protocol.h"
 #include "vconf/watch_registry.h"
 
 namespace keystore {
 
-/// Tells the watchers of two databases about every change, whichever process makes it. It sleeps until
-/// something happens in a database's folder, then reads the changes after the last one it knows.
-///
-/// A commit becomes visible a moment after its log was written. Who wakes up in between is woken again: by
-/// the writer's doorbell, by the closing of the writer's files when it died, and by a short series of looks
-/// for writers that do not ring.
+/// The connection for watches: hears of changes on GLib's default main context. When the service goes away it
+/// is looked for again with back-off, and says what has changed meanwhile. Any thread; lives as long as the
+/// process.
 class KeyWatcher {
 public:
-    static constexpr std::size_t kDatabases = 2;
-
-    /// The databases and the context (null: the default one) must outlive it.
-    KeyWatcher(std::array<KeyDatabase*, kDatabases> databases, GMainContext* context);
-    /// On the thread that runs the context, or when nobody runs it any more.
-    ~KeyWatcher();
+    KeyWatcher() = default;
     KeyWatcher(const KeyWatcher&) = delete;
     KeyWatcher& operator=(const KeyWatcher&) = delete;
 
-    /// Watches a key of the database with this index. False when its folder cannot be watched.
-    [[nodiscard]] bool Add(std::size_t database, const std::string& key, vconf_callback_fn callback,
-                           void* userData);
+    /// False with errno when the service refuses. While there is none to ask the watch waits for it, and then
+    /// hears of the key as it is.
+    [[nodiscard]] bool Add(const std::string& key, vconf_callback_fn callback, void* userData);
     [[nodiscard]] bool Withdraw(const std::string& key, vconf_callback_fn callback, void* userData);
 
 private:
     struct Watched {
-        KeyDatabase* database = nullptr;
-        int descriptor = -1;      // of the inotify watch, -1 when there is none
-        bool started = false;     // somebody has watched a key of it
-        bool changed = false;     // something happened in the folder since the last look
-        bool unreadable = false;  // the last look failed: only the clock leads to the next one
-        Position known;           // the last change that was read
+        std::int64_t change;      // the last one that arrived here
+        std::size_t pending = 0;  // its place in m_changes, if it is still there
     };
 
     static gboolean DispatchSource(GSource* source, GSourceFunc callback, gpointer userData);
     static gboolean OnSource(gpointer self);
-
-    [[nodiscard]] bool StartSource();
-    [[nodiscard]] bool StartDatabase(Watched& watched);
-    [[nodiscard]] bool WatchFolder(Watched& watched);
-    void Dispatch();
-    void NoteEvent(const base::InotifyEvent& event);
-    [[nodiscard]] bool Look(Watched& watched, std::vector<Change>* changes);
-    bool TakeDueLook();
-    void PlanNextLook(bool more);
-    void DueIn(std::int64_t milliseconds);
-
     static GSourceFuncs s_sourceFunctions;
 
-    GMainContext* const m_context;
+    void StartSource();
+    void Dispatch();
+    [[nodiscard]] bool Ask(const std::string& key, Message* answer);
+    [[nodiscard]] bool Connect();
+    void Disconnect();
+    [[nodiscard]] bool Post(Message* request);
+    [[nodiscard]] bool AwaitAnswer(std::uint32_t ticket, Message* answer);
+    [[nodiscard]] bool ReceiveWaiting();
+    void NoteAnswer(const Message& answer);
+    void Take(const Message& message);
+
     WatchRegistry m_registry;
 
     std::mutex m_mutex;  // guards everything below; not held while callbacks run
-    std::array<Watched, kDatabases> m_watched;
-    base::Inotify m_inotify;
+    base::UniqueFd m_socket;
+    Receiver m_receiver;
+    std::uint64_t m_connections = 0;  // how many there have been
+    std::uint32_t m_lastTicket = 0;
+    std::unordered_map<std::string, Watched> m_watched;
+    std::vector<Change> m_changes;  // to be delivered, one for each key
     base::GSourcePtr m_source;
-    std::size_t m_nextLook = 0;  // of the series after a write to a log
-    std::int64_t m_due = -1;     // monotonic microseconds of the next look, -1 for none
+    gpointer m_socketTag = nullptr;
+    bool m_hasAnswered = false;  // the service, on this connection
+    base::Backoff m_backoff;
+    std::int64_t m_retryAt = 0;  // monotonic microseconds; while there is no connection
 };
 
 }  // namespace keystore

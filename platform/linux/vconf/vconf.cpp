@@ -3,48 +3,79 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <new>
 
-#include "device_path.h"
-#include "device_paths.h"
 #include "guarded.h"
-#include "vconf/key_store.h"
+#include "vconf/key_watcher.h"
+#include "vconf/protocol.h"
+#include "vconf/service_link.h"
 
 namespace {
 
-using keystore::KeyStore;
-using keystore::Value;
+using keystore::Message;
+using keystore::Operation;
 
-/// Never destroyed: threads of the process may use it until the very end.
-KeyStore& The() {
-    static auto* store = new KeyStore(DevicePath(ZOL_PATH_VCONF_DIR), DevicePath(ZOL_PATH_VCONF_MEMORY_DIR));
-    return *store;
+// Never destroyed: threads of the process may use them until the very end.
+keystore::ServiceLink& Link() {
+    static auto* link = new keystore::ServiceLink;
+    return *link;
+}
+
+keystore::KeyWatcher& Watcher() {
+    static auto* watcher = new keystore::KeyWatcher;
+    return *watcher;
+}
+
+bool IsKey(const char* key) {
+    errno = EINVAL;
+    if (key == nullptr) {
+        return false;
+    }
+    const std::size_t length = strnlen(key, keystore::kMaxKeyBytes + 1);
+    return length > 0 && length <= keystore::kMaxKeyBytes;
 }
 
 /// `operation` answers whether it succeeded, and leaves the reason in errno if not.
-template <typename Operation>
-int Guarded(Operation operation) {
+template <typename Work>
+int Guarded(Work operation) {
     errno = EIO;  // the reason of an exception
     return platform::Guarded("key store", operation) ? 0 : -1;
 }
 
-bool Get(const char* key, int type, Value* out) {
-    if (!The().Get(key, out)) {
+bool Call(Operation operation, const char* key, keystore::Value value, Message* answer) {
+    if (!IsKey(key)) {
+        return false;
+    }
+    Message request;
+    request.operation = operation;
+    request.key = key;
+    request.value = std::move(value);
+    return Link().Call(request, answer);
+}
+
+bool Get(const char* key, int type, Message* answer) {
+    if (!Call(Operation::Get, key, {}, answer)) {
         return false;
     }
     errno = EINVAL;
-    return out->type == type;
+    return answer->value.type == type;
 }
 
 int GetNumber(const char* key, int type, int* out) {
     return Guarded([&] {
-        Value value;
+        Message answer;
         errno = EINVAL;
-        if (out == nullptr || !Get(key, type, &value)) {
+        if (out == nullptr || !Get(key, type, &answer)) {
             return false;
         }
-        *out = value.number;
+        *out = answer.value.number;
         return true;
+    });
+}
+
+int Set(const char* key, keystore::Value value) {
+    return Guarded([&] {
+        Message answer;
+        return Call(Operation::Set, key, std::move(value), &answer);
     });
 }
 
@@ -63,9 +94,9 @@ int vconf_get_bool(const char* key, int* out) {
 char* vconf_get_str(const char* key) {
     char* text = nullptr;
     Guarded([&] {
-        Value value;
-        if (Get(key, VCONF_TYPE_STRING, &value)) {
-            text = strdup(value.text.c_str());
+        Message answer;
+        if (Get(key, VCONF_TYPE_STRING, &answer)) {
+            text = strdup(answer.value.text.c_str());
         }
         return text != nullptr;
     });
@@ -73,28 +104,35 @@ char* vconf_get_str(const char* key) {
 }
 
 int vconf_set_int(const char* key, int value) {
-    return Guarded([&] { return The().Set(key, {VCONF_TYPE_INT, value, {}}); });
+    return Set(key, {VCONF_TYPE_INT, value, {}});
 }
 
 int vconf_set_bool(const char* key, int value) {
-    return Guarded([&] { return The().Set(key, {VCONF_TYPE_BOOL, value != 0 ? 1 : 0, {}}); });
+    return Set(key, {VCONF_TYPE_BOOL, value != 0 ? 1 : 0, {}});
 }
 
 int vconf_set_str(const char* key, const char* value) {
-    errno = EINVAL;
-    return Guarded([&] { return value != nullptr && The().Set(key, {VCONF_TYPE_STRING, 0, value}); });
+    if (value == nullptr || strnlen(value, keystore::kMaxTextBytes + 1) > keystore::kMaxTextBytes) {
+        errno = EINVAL;
+        return -1;
+    }
+    return Guarded([&] {
+        Message answer;
+        return Call(Operation::Set, key, {VCONF_TYPE_STRING, 0, value}, &answer);
+    });
 }
 
 int vconf_unset(const char* key) {
-    return Guarded([&] { return The().Remove(key); });
+    return Set(key, {});
 }
 
 int vconf_notify_key_changed(const char* key, vconf_callback_fn callback, void* user_data) {
-    return Guarded([&] { return The().Watch(key, callback, user_data); });
+    return Guarded(
+        [&] { return IsKey(key) && callback != nullptr && Watcher().Add(key, callback, user_data); });
 }
 
 int vconf_withdraw_key_changed(const char* key, vconf_callback_fn callback, void* user_data) {
-    return Guarded([&] { return The().Withdraw(key, callback, user_data); });
+    return Guarded([&] { return IsKey(key) && Watcher().Withdraw(key, callback, user_data); });
 }
 
 int vconf_keynode_get_type(const keynode_t* node) {

@@ -46,6 +46,11 @@ bool WatchRegistry::Withdraw(const std::string& key, vconf_callback_fn callback,
     return true;
 }
 
+bool WatchRegistry::Has(const std::string& key) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_watches.count(key) > 0;
+}
+
 void WatchRegistry::Deliver(const Change& change) {
     std::vector<RegistrationPtr> watches;
     {

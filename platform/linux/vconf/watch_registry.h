@@ -1,5 +1,6 @@
 #pragma once
 #include <condition_variable>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -8,9 +9,25 @@
 #include <vector>
 
 #include "vconf.h"
-#include "vconf/key_database.h"
+#include "vconf/protocol.h"
 
 namespace keystore {
+
+/// Orders the changes of one key: those of a later connection to the service come later.
+struct Position {
+    std::uint64_t connection = 0;
+    std::int64_t number = 0;
+
+    bool Before(const Position& other) const {
+        return connection != other.connection ? connection < other.connection : number < other.number;
+    }
+};
+
+struct Change {
+    Position position;
+    std::string key;
+    Value value;  ///< of type VCONF_TYPE_NONE when the key was removed
+};
 
 /// Who wants to hear of which key. A change costs one look-up, however many keys are watched. Callbacks run
 /// without a lock held. Any thread; Deliver on one thread at a time.
@@ -26,6 +43,9 @@ public:
     /// Takes one registration back; false when there is none. After the last one the callback is not running
     /// and will not run: waits for it, unless called from inside a callback.
     [[nodiscard]] bool Withdraw(const std::string& key, vconf_callback_fn callback, void* userData);
+
+    /// True when somebody watches the key.
+    [[nodiscard]] bool Has(const std::string& key);
 
     /// Calls those who watch the key of this change.
     void Deliver(const Change& change);

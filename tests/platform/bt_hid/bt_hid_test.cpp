@@ -14,6 +14,7 @@
 #include "base/glib_handles.h"
 #include "bt_hid/remote_monitor.h"
 #include "fake_service.h"
+#include "key_service.h"
 #include "log_lines.h"
 #include "private_bus.h"
 #include "reports.h"
@@ -154,10 +155,7 @@ std::string Disconnected(const std::string& address, const std::string& publishe
 
 class SmartRemote : public testing::Test {
 protected:
-    SmartRemote() {
-        vconf_unset(kKey);
-        bus.Start();
-    }
+    SmartRemote() { bus.Start(); }
     ~SmartRemote() override { bt_hid_unset_smart_rc_connection_cb(WriteDown, &reports); }
 
     /// Registers and waits until the devices are known: what connects from now on is an event.
@@ -179,6 +177,7 @@ protected:
     void WaitUntilKnown() { ASSERT_TRUE(log.WaitFor("watching the Bluetooth devices", ++m_looks)); }
 
     PlatformLog log;
+    KeyService keys;
     PrivateBus bus;
     FakeBlueZ bluez;
     Reports<std::string> reports;

@@ -1,18 +1,14 @@
 #include "key_store_fixture.h"
 
-#include <array>
-#include <chrono>
+#include <algorithm>
 #include <cstdlib>
-#include <filesystem>
 
+#include "base/handles.h"
 #include "child_process.h"
-#include "waiting.h"
-
-namespace fs = std::filesystem;
 
 namespace {
 
-std::string Get(const std::string& key) {
+std::string ValueOf(const std::string& key) {
     int number = 0;
     if (vconf_get_int(key.c_str(), &number) == 0) {
         return "int " + std::to_string(number);
@@ -20,10 +16,8 @@ std::string Get(const std::string& key) {
     if (vconf_get_bool(key.c_str(), &number) == 0) {
         return "bool " + std::to_string(number);
     }
-    char* text = vconf_get_str(key.c_str());
-    const std::string answer = text != nullptr ? std::string("str ") + text : "none";
-    std::free(text);
-    return answer;
+    const base::MallocString text(vconf_get_str(key.c_str()));
+    return text != nullptr ? std::string("str ") + text.get() : "none";
 }
 
 int CallVconf(const child::Arguments& calls) {
@@ -31,7 +25,7 @@ int CallVconf(const child::Arguments& calls) {
         const std::string& call = calls[at];
         const char* key = calls[at + 1].c_str();
         if (call == "get") {
-            child::Tell(Get(key));
+            child::Tell(ValueOf(key));
         } else if (call == "unset") {
             child::Tell(std::to_string(vconf_unset(key)));
         } else {
@@ -50,51 +44,17 @@ const child::Program kVconf("vconf", CallVconf);
 
 }  // namespace
 
-KeyStoreTest::KeyStoreTest() : m_log(Root()), m_context(g_main_context_new()) {
-    Reopen();
-}
-
-KeyStoreTest::~KeyStoreTest() {
-    m_store.reset();
-    g_main_context_unref(m_context);
-}
-
-void KeyStoreTest::Reopen() {
-    m_store.reset();
-    m_store = std::make_unique<keystore::KeyStore>(DurableFolder(), MemoryFolder(), m_context);
-}
-
 int KeyStoreTest::GetInt(const std::string& key) {
-    keystore::Value value;
-    return Store().Get(key.c_str(), &value) && value.type == VCONF_TYPE_INT ? value.number : -1;
+    int value = -1;
+    return vconf_get_int(key.c_str(), &value) == 0 ? value : -1;
 }
 
-bool KeyStoreTest::ServeUntil(const std::function<bool()>& condition) {
-    return ::ServeUntil(condition, m_context);
+std::string KeyStoreTest::Get(const std::string& key) {
+    return ValueOf(key);
 }
 
-void KeyStoreTest::ServePending() {
-    while (g_main_context_iteration(m_context, FALSE)) {
-    }
-}
-
-bool KeyStoreTest::ServeUntilIdle() {
-    const auto end = std::chrono::steady_clock::now() + kPatience;
-    while (std::chrono::steady_clock::now() < end) {
-        ServePending();
-        gint priority = 0;
-        gint timeout = 0;
-        std::array<GPollFD, 8> fds;
-        g_main_context_acquire(m_context);
-        const bool ready = g_main_context_prepare(m_context, &priority) != FALSE;
-        g_main_context_query(m_context, priority, &timeout, fds.data(), static_cast<gint>(fds.size()));
-        g_main_context_release(m_context);
-        if (!ready && timeout < 0) {
-            return true;
-        }
-        g_main_context_iteration(m_context, TRUE);
-    }
-    return false;
+std::string KeyStoreTest::Root() {
+    return std::getenv("ZOL_ROOT");
 }
 
 std::string KeyStoreTest::InAnotherProcess(const std::vector<std::string>& calls) {
@@ -104,19 +64,26 @@ std::string KeyStoreTest::InAnotherProcess(const std::vector<std::string>& calls
     return output;
 }
 
-int KeyStoreTest::LogLines(const std::string& text) const {
-    return m_log.Count(text);
+Heard::~Heard() {
+    while (!m_keys.empty()) {
+        EXPECT_TRUE(Withdraw(std::string(m_keys.back())));
+    }
 }
 
-std::vector<std::string> KeyStoreTest::FilesNamed(const std::string& text) const {
-    std::vector<std::string> names;
-    for (const fs::directory_entry& entry : fs::directory_iterator(DurableFolder())) {
-        const std::string name = entry.path().filename().string();
-        if (name.find(text) != std::string::npos) {
-            names.push_back(name);
-        }
+bool Heard::Watch(const std::string& wanted) {
+    const bool isRegistered = vconf_notify_key_changed(wanted.c_str(), &Heard::Callback, this) == 0;
+    if (isRegistered) {
+        m_keys.push_back(wanted);
     }
-    return names;
+    return isRegistered;
+}
+
+bool Heard::Withdraw(const std::string& wanted) {
+    const auto found = std::find(m_keys.begin(), m_keys.end(), wanted);
+    if (found != m_keys.end()) {
+        m_keys.erase(found);
+    }
+    return vconf_withdraw_key_changed(wanted.c_str(), &Heard::Callback, this) == 0;
 }
 
 void Heard::Callback(keynode_t* node, void* self) {

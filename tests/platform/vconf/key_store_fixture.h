@@ -1,64 +1,54 @@
 #pragma once
-#include <glib.h>
 #include <gtest/gtest.h>
 
-#include <functional>
-#include <memory>
 #include <string>
 #include <vector>
 
+#include "key_service.h"
 #include "log_lines.h"
-#include "temporary_folder.h"
 #include "vconf.h"
-#include "vconf/key_store.h"
 
-/// A key store in a root folder of its own, told about changes through a main context of its own. Other
-/// processes reach it with the folder as their ZOL_ROOT.
+/// A key store of its own below this process's ZOL_ROOT, and a running service for it.
 class KeyStoreTest : public testing::Test {
 protected:
-    KeyStoreTest();
-    ~KeyStoreTest() override;
+    KeyService& Service() { return m_service; }
 
-    keystore::KeyStore& Store() { return *m_store; }
-    /// As after a restart of this process.
-    void Reopen();
-
-    bool SetInt(const std::string& key, int value) {
-        return Store().Set(key.c_str(), {VCONF_TYPE_INT, value, {}});
-    }
+    static bool SetInt(const std::string& key, int value) { return vconf_set_int(key.c_str(), value) == 0; }
     /// -1 when there is no such int.
-    int GetInt(const std::string& key);
+    static int GetInt(const std::string& key);
+    /// The whole answer, such as "str text"; "none" when there is no such key.
+    static std::string Get(const std::string& key);
 
-    /// Serves the context until the condition holds; false after a long time.
-    bool ServeUntil(const std::function<bool()>& condition);
-    /// Serves what is there without waiting.
-    void ServePending();
-    /// Serves until nothing is left that would wake the context by itself.
-    bool ServeUntilIdle();
+    static std::string Root();
+    static std::string DurableFolder() { return Root() + "/var/lib/zol/vconfd"; }
+    static std::string MemoryFolder() { return Root() + "/run/zol/vconfd"; }
+    static std::string Database() { return DurableFolder() + "/vconf.db"; }
+    static std::string OldFolder() { return Root() + "/var/lib/zol/vconf"; }
 
-    const std::string& Root() const { return m_folder.Path(); }
-    std::string DurableFolder() const { return Root() + "/var/lib/zol/vconf"; }
-    std::string MemoryFolder() const { return Root() + "/run/zol/vconf"; }
-    std::string Database() const { return DurableFolder() + "/vconf.db"; }
+    /// Runs vconf_... calls in another process: {"int", key, value}, {"str", key, value}, {"bool", key,
+    /// value},
+    /// {"unset", key}, {"get", key}. @return what it printed: one line per call
+    static std::string InAnotherProcess(const std::vector<std::string>& calls);
 
-    /// Runs vconf_... calls in another process with this root: {"int", key, value}, {"str", key, value},
-    /// {"bool", key, value}, {"unset", key}, {"get", key}. @return what it printed: one line per call
-    std::string InAnotherProcess(const std::vector<std::string>& calls);
-
-    /// Lines that other processes with this root logged and that contain the text.
-    int LogLines(const std::string& text) const;
-    /// Names in the durable folder that contain the text.
-    std::vector<std::string> FilesNamed(const std::string& text) const;
+    /// Lines that the service and the clients logged since the test began.
+    const PlatformLog& Log() const { return m_log; }
 
 private:
-    TemporaryFolder m_folder{std::getenv("ZOL_ROOT")};
     PlatformLog m_log;
-    GMainContext* m_context;
-    std::unique_ptr<keystore::KeyStore> m_store;
+    KeyService m_service;
 };
 
-/// Counts the calls and keeps the last one.
-struct Heard {
+/// Watches keys as long as it lives, counts the calls and keeps the last one.
+class Heard {
+public:
+    Heard() = default;
+    ~Heard();
+    Heard(const Heard&) = delete;
+    Heard& operator=(const Heard&) = delete;
+
+    bool Watch(const std::string& key);
+    bool Withdraw(const std::string& key);
+
     int calls = 0;
     std::string key;
     int type = -1;
@@ -66,4 +56,7 @@ struct Heard {
     std::string text;
 
     static void Callback(keynode_t* node, void* self);
+
+private:
+    std::vector<std::string> m_keys;  // one entry for each registration
 };

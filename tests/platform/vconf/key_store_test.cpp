@@ -1,15 +1,18 @@
-#include <sys/stat.h>
-
+#include <cerrno>
+#include <climits>
 #include <filesystem>
 #include <string>
 
+#include "base/handles.h"
+#include "full_disk.h"
 #include "key_store_fixture.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-using keystore::Value;
+constexpr std::size_t kLongestKey = 255;
+constexpr std::size_t kLongestText = 65536;
 
 class StoredValue : public KeyStoreTest {};
 
@@ -17,16 +20,15 @@ TEST_F(StoredValue, HasTheTypeThatItWasSetWith) {
     EXPECT_EQ(InAnotherProcess(
                   {"int", "db/i", "-2147483648", "bool", "db/b", "7", "str", "db/s", "a'\"\n\xc3\xa4"}),
               "0\n0\n0\n");
-    Value value;
-    ASSERT_TRUE(Store().Get("db/i", &value));
-    EXPECT_EQ(value.type, VCONF_TYPE_INT);
-    EXPECT_EQ(value.number, -2147483647 - 1);
-    ASSERT_TRUE(Store().Get("db/b", &value));
-    EXPECT_EQ(value.type, VCONF_TYPE_BOOL);
-    EXPECT_EQ(value.number, 1);
-    ASSERT_TRUE(Store().Get("db/s", &value));
-    EXPECT_EQ(value.type, VCONF_TYPE_STRING);
-    EXPECT_EQ(value.text, "a'\"\n\xc3\xa4");
+    EXPECT_EQ(Get("db/i"), "int " + std::to_string(INT_MIN));
+    EXPECT_EQ(Get("db/b"), "bool 1");
+    EXPECT_EQ(Get("db/s"), "str a'\"\n\xc3\xa4");
+    int value = 5;
+    EXPECT_EQ(vconf_get_bool("db/i", &value), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(vconf_get_int("db/none", &value), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(value, 5);
 }
 
 TEST_F(StoredValue, TakesTheTypeOfTheLastSet) {
@@ -41,51 +43,55 @@ TEST_F(StoredValue, IsMissingBeforeTheFirstSetAndAfterRemoval) {
               "none\n0\n0\n0\nnone\n0\nint 2\n");
 }
 
-TEST_F(StoredValue, SurvivesARestart) {
-    ASSERT_TRUE(SetInt("db/k", 42));
-    ASSERT_TRUE(SetInt("memory/k", 43));
-    Reopen();
-    EXPECT_EQ(GetInt("db/k"), 42);
-    EXPECT_EQ(GetInt("memory/k"), 43);
+TEST_F(StoredValue, SurvivesTheServiceThatIsKilledOnceItIsSet) {
+    for (int round = 1; round <= 20; ++round) {
+        ASSERT_TRUE(SetInt("db/k", round));
+        ASSERT_TRUE(SetInt("memory/k", -round));
+        Service().Kill();
+        Service().Start();
+        EXPECT_EQ(Get("db/k"), "int " + std::to_string(round));
+        EXPECT_EQ(Get("memory/k"), "int " + std::to_string(-round));
+    }
 }
 
 TEST_F(StoredValue, OfAMemoryKeyStaysOutOfTheDurableFolder) {
     ASSERT_TRUE(SetInt("memory/k", 1));
     EXPECT_TRUE(fs::exists(MemoryFolder() + "/vconf.db"));
-    EXPECT_FALSE(fs::exists(DurableFolder()));
+    EXPECT_FALSE(fs::exists(Database()));
 }
 
 TEST_F(StoredValue, OfAnUnknownPrefixIsDurable) {
     ASSERT_TRUE(SetInt("unknown", 1));
     ASSERT_TRUE(SetInt("memory", 2));
     EXPECT_TRUE(fs::exists(Database()));
-    EXPECT_FALSE(fs::exists(MemoryFolder()));
+    EXPECT_FALSE(fs::exists(MemoryFolder() + "/vconf.db"));
     EXPECT_EQ(GetInt("memory"), 2);
 }
 
 TEST_F(StoredValue, NeedsAKeyThatIsNeitherEmptyNorTooLong) {
-    const std::string longest(keystore::kMaxKeyBytes, 'k');
+    const std::string longest(kLongestKey, 'k');
     EXPECT_TRUE(SetInt(longest, 1));
     EXPECT_EQ(GetInt(longest), 1);
     Heard heard;
     const std::string tooLong = longest + "k";
     for (const char* key : {static_cast<const char*>(nullptr), "", tooLong.c_str()}) {
-        Value value;
-        EXPECT_FALSE(Store().Set(key, {VCONF_TYPE_INT, 1, {}}));
-        EXPECT_FALSE(Store().Get(key, &value));
-        EXPECT_FALSE(Store().Remove(key));
-        EXPECT_FALSE(Store().Watch(key, &Heard::Callback, &heard));
-        EXPECT_FALSE(Store().Withdraw(key, &Heard::Callback, &heard));
+        int value = 0;
+        errno = 0;
+        EXPECT_EQ(vconf_set_int(key, 1), -1);
+        EXPECT_EQ(errno, EINVAL);
+        EXPECT_EQ(vconf_get_int(key, &value), -1);
+        EXPECT_EQ(vconf_unset(key), -1);
+        EXPECT_LT(vconf_notify_key_changed(key, &Heard::Callback, &heard), 0);
+        EXPECT_EQ(vconf_withdraw_key_changed(key, &Heard::Callback, &heard), -1);
     }
 }
 
 TEST_F(StoredValue, MayBeALongStringButNotATooLongOne) {
-    const std::string longest(keystore::kMaxTextBytes, 'x');
-    EXPECT_TRUE(Store().Set("db/k", {VCONF_TYPE_STRING, 0, longest}));
-    EXPECT_FALSE(Store().Set("db/k", {VCONF_TYPE_STRING, 0, longest + "x"}));
-    Value value;
-    ASSERT_TRUE(Store().Get("db/k", &value));
-    EXPECT_EQ(value.text, longest);
+    const std::string longest(kLongestText, 'x');
+    EXPECT_EQ(vconf_set_str("db/k", longest.c_str()), 0);
+    EXPECT_EQ(vconf_set_str("db/k", (longest + "x").c_str()), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(Get("db/k"), "str " + longest);
 }
 
 TEST(VconfCall, RefusesNullArguments) {
@@ -93,40 +99,6 @@ TEST(VconfCall, RefusesNullArguments) {
     EXPECT_EQ(vconf_set_str("db/k", nullptr), -1);
     EXPECT_EQ(vconf_notify_key_changed("db/k", nullptr, nullptr), -1);
     EXPECT_EQ(vconf_keynode_get_type(nullptr), VCONF_TYPE_NONE);
-}
-
-class StoreFolder : public KeyStoreTest {};
-
-TEST_F(StoreFolder, IsNotMadeByReading) {
-    EXPECT_EQ(GetInt("db/k"), -1);
-    EXPECT_EQ(GetInt("memory/k"), -1);
-    EXPECT_TRUE(fs::is_empty(Root()));
-}
-
-TEST_F(StoreFolder, IsForTheOwnerAndTheGroup) {
-    ASSERT_TRUE(SetInt("db/k", 1));
-    struct stat status {};
-    ASSERT_EQ(stat(DurableFolder().c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777U, 02770U);
-    for (const char* name : {"vconf.db", "vconf.db-wal", "vconf.db-shm", "vconf.lock", "vconf.doorbell"}) {
-        ASSERT_EQ(stat((DurableFolder() + "/" + name).c_str(), &status), 0) << name;
-        EXPECT_EQ(status.st_mode & 07777U, 0660U) << name;
-    }
-}
-
-TEST_F(StoreFolder, IsNotWrittenByAProcessThatReads) {
-    ASSERT_TRUE(SetInt("db/k", 1));
-    Reopen();
-    const fs::path log = Database() + "-wal";
-    const auto database = fs::last_write_time(Database());
-    const auto size = fs::file_size(log);
-    const auto written = fs::last_write_time(log);
-    EXPECT_EQ(InAnotherProcess({"get", "db/k", "get", "db/none"}), "int 1\nnone\n");
-    EXPECT_EQ(GetInt("db/k"), 1);
-    Reopen();
-    EXPECT_EQ(fs::last_write_time(Database()), database);
-    EXPECT_EQ(fs::file_size(log), size);
-    EXPECT_EQ(fs::last_write_time(log), written);
 }
 
 }  // namespace

@@ -1,0 +1,51 @@
+#include "vconf/service_link.h"
+
+#include <cerrno>
+
+#include "platform_clock.h"
+#include "vconf/service_socket.h"
+
+namespace keystore {
+namespace {
+
+constexpr std::uint64_t kPauseNs = 1000000000;
+
+}  // namespace
+
+bool ServiceLink::Call(const Message& request, Message* answer) {
+    const std::string frame = Pack(request);
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    errno = EIO;
+    // A service that has ended since the last call is connected to anew; all requests may be made twice.
+    for (int attempt = 0; attempt < 2 && platform_clock_steady_ns() >= m_silentUntil; ++attempt) {
+        if (!m_socket) {
+            m_socket = ConnectToService();
+        }
+        if (!m_socket) {
+            break;
+        }
+        const Transfer transfer = Exchange(frame, answer);
+        if (transfer == Transfer::Done) {
+            errno = answer->error;
+            return answer->error == 0;
+        }
+        m_socket.Reset();
+        if (transfer == Transfer::WouldBlock) {
+            m_silentUntil = platform_clock_steady_ns() + kPauseNs;
+        }
+    }
+    errno = errno == EACCES ? EACCES : EIO;
+    return false;
+}
+
+Transfer ServiceLink::Exchange(const std::string& frame, Message* answer) {
+    const Transfer sent = SendFrame(m_socket.Get(), frame);
+    if (sent == Transfer::WouldBlock) {
+        return sent;
+    }
+    // Who is refused finds the reason in the socket, also when it was too late to send.
+    const Transfer received = m_receiver.Receive(m_socket.Get(), answer);
+    return received == Transfer::Done && answer->operation != Operation::Answer ? Transfer::Broken : received;
+}
+
+}  // namespace keystore

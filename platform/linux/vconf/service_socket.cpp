@@ -1,0 +1,124 @@
+#include "vconf/service_socket.h"
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+#include <string>
+
+#include "base/process.h"
+#include "device_path.h"
+#include "device_paths.h"
+#include "platform_clock.h"
+#include "platform_log.h"
+#include "vconf/store_paths.h"
+
+namespace keystore {
+namespace {
+
+constexpr std::uint64_t kPauseNs = 1000000000;
+
+/// The service's program: beside the one that runs here (a build), else where it is installed.
+std::string ServiceProgram() {
+    std::array<char, 4096> path;
+    const ssize_t length = readlink("/proc/self/exe", path.data(), path.size());
+    if (length > 0) {
+        std::string program(path.data(), static_cast<std::size_t>(length));
+        program.replace(program.rfind('/') + 1, std::string::npos, kServiceName);
+        if (access(program.c_str(), X_OK) == 0) {
+            return program;
+        }
+    }
+    return std::string(ZOL_PROGRAM_DIR) + "/" + kServiceName;
+}
+
+bool Connect(base::UniqueFd* out) {
+    const base::OpenedFolder run =
+        base::OpenFolder(DevicePath("/"), DevicePath(ZOL_PATH_RUN_DIR), base::Make::Nothing);
+    if (run.error) {
+        errno = run.error.value();
+        return false;
+    }
+    out->Reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    const timeval patience{kPatienceMs / 1000, (kPatienceMs % 1000) * 1000};
+    for (const int direction : {SO_SNDTIMEO, SO_RCVTIMEO}) {
+        if (setsockopt(out->Get(), SOL_SOCKET, direction, &patience, sizeof(patience)) != 0) {
+            return false;
+        }
+    }
+    const sockaddr_un address = AddressIn(run);
+    return connect(out->Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+}
+
+/// Nobody starts a service for a store of somebody else's.
+bool IsOurs() {
+    struct stat folder {};
+    errno = 0;
+    return stat(DevicePath(ZOL_PATH_VCONF_DIR).c_str(), &folder) == 0 ? folder.st_uid == geteuid()
+                                                                      : errno == ENOENT;
+}
+
+/// True when one listens, whoever has started it; else `reason` says why not.
+bool StartService(std::string* reason) {
+    static std::mutex mutex;
+    static std::uint64_t notBefore = 0;
+    const std::lock_guard<std::mutex> lock(mutex);
+    if (platform_clock_steady_ns() < notBefore) {
+        return false;
+    }
+    base::Command command;
+    command.words = {ServiceProgram(), kDetachOption};
+    command.isQuiet = true;
+    command.timeoutMs = kPatienceMs;
+    const base::ProcessEnd end = base::RunProcess(command);
+    // A caller that ignores SIGCHLD never learns how its children end.
+    if (end.error ? end.error == std::errc::no_child_process : end.status == 0) {
+        return true;
+    }
+    *reason = command.words[0] + (end.error ? ": " + end.error.message() : " refused");
+    notBefore = platform_clock_steady_ns() + kPauseNs;
+    return false;
+}
+
+}  // namespace
+
+sockaddr_un AddressIn(const base::OpenedFolder& runFolder) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::string path = runFolder.path + "/" + kSocketName;
+    if (path.size() >= sizeof(address.sun_path)) {
+        // Only then: a process that has changed its account may not look in there.
+        path = "/proc/self/fd/" + std::to_string(runFolder.fd.Get()) + "/" + kSocketName;
+    }
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    return address;
+}
+
+base::UniqueFd ConnectToService() {
+    static std::atomic<bool> isFailing{false};
+    base::UniqueFd fd;
+    bool isConnected = Connect(&fd);
+    std::string reason = std::strerror(errno);
+    const int error = errno;
+    if (!isConnected && (error == ENOENT || error == ECONNREFUSED) && IsOurs()) {
+        isConnected = StartService(&reason) && Connect(&fd);
+    }
+    if (isConnected) {
+        isFailing = false;
+        return fd;
+    }
+    if (!isFailing.exchange(true)) {
+        PLATFORM_LOG(ERROR, "key store: no service at %s/%s: %s", ZOL_PATH_RUN_DIR, kSocketName, reason.c_str());
+    }
+    fd.Reset();
+    errno = error;
+    return fd;
+}
+
+}  // namespace keystore
