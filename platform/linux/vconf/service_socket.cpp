@@ -114,7 +114,8 @@ base::UniqueFd ConnectToService() {
         return fd;
     }
     if (!isFailing.exchange(true)) {
-        PLATFORM_LOG(ERROR, "key store: no service at %s/%s: %s", ZOL_PATH_RUN_DIR, kSocketName, reason.c_str());
+        PLATFORM_LOG(ERROR, "key store: no service at %s/%s: %s", ZOL_PATH_RUN_DIR, kSocketName,
+                     reason.c_str());
     }
     fd.Reset();
     errno = error;

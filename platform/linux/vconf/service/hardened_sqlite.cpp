@@ -27,8 +27,9 @@ base::DatabasePtr OpenHardened(const std::string& path, int flags, const std::ui
     bool hardened = code == SQLITE_OK;
     if (hardened) {
         for (const auto& [option, value] :
-             {std::pair(SQLITE_DBCONFIG_DEFENSIVE, 1), std::pair(SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0),
-              std::pair(SQLITE_DBCONFIG_ENABLE_TRIGGER, 0), std::pair(SQLITE_DBCONFIG_ENABLE_VIEW, 0)}) {
+             {std::pair(SQLITE_DBCONFIG_DEFENSIVE, 1), std::pair(SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1),
+              std::pair(SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0), std::pair(SQLITE_DBCONFIG_ENABLE_TRIGGER, 0),
+              std::pair(SQLITE_DBCONFIG_ENABLE_VIEW, 0)}) {
             hardened = hardened && sqlite3_db_config(raw, option, value, nullptr) == SQLITE_OK;
         }
         sqlite3_limit(raw, SQLITE_LIMIT_LENGTH, kMaxRowBytes);

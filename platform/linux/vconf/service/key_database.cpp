@@ -100,7 +100,7 @@ KeyDatabase::KeyDatabase(const std::string& folder, std::string oldFolder, Durab
     : m_path(folder + "/vconf.db"), m_oldFolder(std::move(oldFolder)), m_durability(durability) {}
 
 bool KeyDatabase::Get(std::string_view key, Row* out) {
-    return Perform([&] {
+    return Perform(READ, [&] {
         *out = Row();
         base::Run run(m_get);
         run.Bind(1, key);
@@ -115,7 +115,7 @@ bool KeyDatabase::Get(std::string_view key, Row* out) {
 
 bool KeyDatabase::Set(std::string_view key, const Row& old, Row* row) {
     row->change = m_lastChange + 1;
-    const bool stored = Perform([&] { return WriteRow(m_set, key, *row); });
+    const bool stored = Perform(WRITE, [&] { return WriteRow(m_set, key, *row); });
     if (!stored) {
         return false;
     }
@@ -123,7 +123,7 @@ bool KeyDatabase::Set(std::string_view key, const Row& old, Row* row) {
     Account(old.owner, key, old.value, -1);
     Account(row->owner, key, row->value, 1);
     m_removals += row->value.type == VCONF_TYPE_NONE ? 1 : 0;
-    if (m_removals > 2 * kKeptRemovals && !Perform([&] { return ForgetRemovals(); })) {
+    if (m_removals > 2 * kKeptRemovals && !Perform(WRITE, [&] { return ForgetRemovals(); })) {
         m_removals = 0;  // it is logged, and there is time until the next attempt
     }
     return true;
@@ -131,7 +131,7 @@ bool KeyDatabase::Set(std::string_view key, const Row& old, Row* row) {
 
 Usage KeyDatabase::UsageOf(uid_t owner) {
     if (m_connection == nullptr && Exists(m_path)) {
-        static_cast<void>(Perform([] { return SQLITE_DONE; }));  // to count; a failure is logged
+        static_cast<void>(Perform(READ, [] { return SQLITE_DONE; }));  // to count; a failure is logged
     }
     const auto found = m_usage.find(owner);
     return found != m_usage.end() ? found->second : Usage();
@@ -140,7 +140,7 @@ Usage KeyDatabase::UsageOf(uid_t owner) {
 /// Runs `operation`, which answers with SQLITE_DONE or an error code, on the open database; when that proves
 /// to be damaged, on the new one.
 template <typename Operation>
-bool KeyDatabase::Perform(Operation operation) {
+bool KeyDatabase::Perform(Access access, Operation operation) {
     int code = SQLITE_OK;
     for (int attempt = 0; attempt < 2; ++attempt) {
         m_deadline = platform_clock_steady_ns() + kLongestOperationNs;
@@ -161,7 +161,7 @@ bool KeyDatabase::Perform(Operation operation) {
             break;
         }
     }
-    return Judge(code);
+    return Judge(access, code);
 }
 
 int KeyDatabase::Open() {
@@ -201,12 +201,14 @@ int KeyDatabase::Make() {
                                : SQLITE_CANTOPEN;
     code = code == SQLITE_OK ? Execute(made, kSchema) : code;
     // What was set aside was newer than what an earlier version has left.
+    bool isTaken = false;
     if (code == SQLITE_OK && !Exists(m_path + ".damaged")) {
         const base::StatementPtr set = base::Prepare(made.get(), kSet);
         std::int64_t change = FirstNumber();
-        TakeOverOldStore(m_oldFolder, m_path + ".taken", [&](const std::string& key, const Value& value) {
-            return WriteRow(set, key, {value, ++change, 0}) == SQLITE_DONE;
-        });
+        isTaken =
+            TakeOverOldStore(m_oldFolder, m_path + ".taken", [&](const std::string& key, const Value& value) {
+                return WriteRow(set, key, {value, ++change, 0}) == SQLITE_DONE;
+            });
     }
     code = code == SQLITE_OK ? Execute(made, "COMMIT") : code;
     if (code != SQLITE_OK) {
@@ -217,7 +219,9 @@ int KeyDatabase::Make() {
     if (fsync(file.Get()) != 0 || rename(path.c_str(), m_path.c_str()) != 0 || base::SyncFolderOf(m_path)) {
         return Fail(SQLITE_CANTOPEN, std::string("a new one cannot be made: ") + std::strerror(errno));
     }
-    ForgetOldStore(m_oldFolder);
+    if (isTaken) {
+        ForgetOldStore(m_oldFolder);
+    }
     return SQLITE_OK;
 }
 
@@ -337,14 +341,17 @@ void KeyDatabase::Account(uid_t owner, std::string_view key, const Value& value,
 }
 
 /// Turns the outcome into success or failure and logs the beginning of a fault.
-bool KeyDatabase::Judge(int code) {
+bool KeyDatabase::Judge(Access access, int code) {
     if (code == SQLITE_DONE) {
-        m_isFaulty = false;
+        // What can be written can be read; the reverse does not hold.
+        m_isFaulty[READ] = false;
+        m_isFaulty[access] = false;
         return true;
     }
-    if (!m_isFaulty) {
-        m_isFaulty = true;
-        PLATFORM_LOG(ERROR, "key store %s cannot be used: %s", m_path.c_str(), m_reason.c_str());
+    if (!m_isFaulty[access]) {
+        m_isFaulty[access] = true;
+        PLATFORM_LOG(ERROR, "key store %s cannot be %s: %s", m_path.c_str(),
+                     access == READ ? "read" : "written", m_reason.c_str());
     }
     return false;
 }

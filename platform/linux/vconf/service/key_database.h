@@ -53,8 +53,10 @@ public:
     [[nodiscard]] int Replacements() const { return m_replacements; }
 
 private:
+    enum Access { READ, WRITE, ACCESS_COUNT };
+
     template <typename Operation>
-    [[nodiscard]] bool Perform(Operation operation);
+    [[nodiscard]] bool Perform(Access access, Operation operation);
     [[nodiscard]] int Open();
     [[nodiscard]] int Make();
     [[nodiscard]] int Connect();
@@ -66,7 +68,7 @@ private:
     int Fail(int code, const std::string& reason);
     void Close();
     void Account(uid_t owner, std::string_view key, const Value& value, int sign);
-    bool Judge(int code);
+    bool Judge(Access access, int code);
 
     const std::string m_path;
     const std::string m_oldFolder;
@@ -80,7 +82,7 @@ private:
     std::int64_t m_removals = 0;  // rows of removed keys
     std::map<uid_t, Usage> m_usage;
     int m_replacements = 0;
-    bool m_isFaulty = false;
+    bool m_isFaulty[ACCESS_COUNT] = {};
     std::string m_reason;  // of the last failure
 };
 

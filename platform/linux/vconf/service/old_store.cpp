@@ -91,12 +91,12 @@ bool ReadKey(const base::Run& run, std::string* key, Value* value) {
 
 }  // namespace
 
-void TakeOverOldStore(const std::string& folder, const std::string& copyPath,
+bool TakeOverOldStore(const std::string& folder, const std::string& copyPath,
                       const std::function<bool(const std::string& key, const Value& value)>& take) {
     const base::OpenedFolder old = OpenOld(folder);
     const Copy copy(copyPath);
     if (old.error || !CopyFile(old, kName, copy.Path())) {
-        return;
+        return false;
     }
     static_cast<void>(
         CopyFile(old, std::string(kName) + kLogEnd, copy.Path() + kLogEnd));  // there may be none
@@ -106,7 +106,7 @@ void TakeOverOldStore(const std::string& folder, const std::string& copyPath,
     if (database == nullptr || SchemaOf(database.get()) != kOldSchema) {
         PLATFORM_LOG(ERROR, "key store of an earlier version in %s is left alone: %s", folder.c_str(),
                      reason.c_str());
-        return;
+        return false;
     }
     const base::StatementPtr all =
         base::Prepare(database.get(), "SELECT name, type, value FROM keys WHERE type <> 0");
@@ -130,6 +130,7 @@ void TakeOverOldStore(const std::string& folder, const std::string& copyPath,
     PLATFORM_LOG(INFO, "key store of an earlier version in %s: %lld keys taken over, %lld left out%s",
                  folder.c_str(), static_cast<long long>(keys), static_cast<long long>(left),
                  code == SQLITE_DONE ? "" : ", the rest cannot be read");
+    return true;
 }
 
 void ForgetOldStore(const std::string& folder) {
