@@ -10,6 +10,10 @@ PEERS = {
         ("EventsPerSecond<AsioReceiver>/real_time", "EventsPerSecond<GlibReceiver>/real_time"),
     "PolicyParser": ("BareExpat",),
     "PrintEmitted": ("PrintFiltered",),
+    "GetInt/real_time": ("RedisGet/real_time", "GdbusGet/real_time"),
+    "SetInt/durable/real_time": ("RedisSet/durable/real_time",),
+    "SetInt/memory/real_time": ("RedisSet/memory/real_time",),
+    "SetToNotifiedAcrossProcesses/memory/real_time": ("RedisSetToNotified/real_time",),
     "InactiveScope": ("BareLoop",),
     "ActiveScopeWithNumber": ("InactiveScope",),
 }
@@ -27,6 +31,8 @@ def main():
         if "items_per_second" in run:
             line += f"  {run['items_per_second'] / 1e6:8.2f} M/s"
         for peer in PEERS.get(name, ()):
+            if peer not in runs:
+                continue
             line += f"  {run[time] / runs[peer][time]:6.2f} x {peer.split('/')[0]}"
         print(line)
 

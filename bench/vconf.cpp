@@ -9,15 +9,18 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
+#include <optional>
 #include <string>
 
 #include "vconf.h"
+#include "vconf_peers.h"
 
 namespace {
 
 constexpr const char* kDurable = "db/bench/value";
 constexpr const char* kMemory = "memory/bench/value";
 constexpr const char* kEcho = "memory/bench/echo";
+constexpr const char* kDurableEcho = "db/bench/echo";
 
 void GetInt(benchmark::State& state) {
     vconf_set_int(kDurable, 1);
@@ -26,7 +29,7 @@ void GetInt(benchmark::State& state) {
         benchmark::DoNotOptimize(vconf_get_int(kDurable, &value));
     }
 }
-BENCHMARK(GetInt);
+BENCHMARK(GetInt)->Unit(benchmark::kMicrosecond)->UseRealTime();
 
 void SetInt(benchmark::State& state, const char* key) {
     int value = 0;
@@ -50,10 +53,13 @@ void Report(keynode_t* node, void* /*data*/) {
 }
 
 /// The watching process: tells -1 when it is ready, then every value.
-int RunWatcher() {
+int RunWatcher(const char* key, int others) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (vconf_notify_key_changed(kEcho, Report, nullptr) != 0) {
-        return 1;
+    for (int other = 0; other <= others; ++other) {
+        const std::string watched = other == 0 ? key : "memory/bench/" + std::to_string(other);
+        if (vconf_notify_key_changed(watched.c_str(), Report, nullptr) != 0) {
+            return 1;
+        }
     }
     Tell(-1);
     g_main_loop_run(g_main_loop_new(nullptr, FALSE));
@@ -63,16 +69,16 @@ int RunWatcher() {
 /// The other process, seen from here.
 class Watcher {
 public:
-    Watcher() {
+    Watcher(const char* key, int others) {
         int ends[2];
         if (pipe(ends) != 0) {
             std::abort();
         }
         m_pid = fork();
         if (m_pid == 0) {
-            // A new image: an open store does not survive a fork.
+            // A new image: a connection is not shared with a child.
             dup2(ends[1], kReportTo);
-            execl("/proc/self/exe", "bench_vconf", "--watch", nullptr);
+            execl("/proc/self/exe", "bench_vconf", "--watch", key, std::to_string(others).c_str(), nullptr);
             _exit(1);
         }
         close(ends[1]);
@@ -101,22 +107,35 @@ private:
     int m_reading = -1;
 };
 
-void SetToNotifiedAcrossProcesses(benchmark::State& state) {
-    const Watcher watcher;
+/// @param keys how many others the watching process watches beside it
+void SetToNotifiedAcrossProcesses(benchmark::State& state, const char* key, int keys) {
+    const Watcher watcher(key, keys);
     std::int32_t value = 0;
     for (auto _ : state) {
-        vconf_set_int(kEcho, ++value);
+        vconf_set_int(key, ++value);
         watcher.Await(value);
     }
 }
-BENCHMARK(SetToNotifiedAcrossProcesses)->Unit(benchmark::kMicrosecond)->UseRealTime();
+BENCHMARK_CAPTURE(SetToNotifiedAcrossProcesses, memory, kEcho, 0)
+    ->Unit(benchmark::kMicrosecond)
+    ->UseRealTime();
+BENCHMARK_CAPTURE(SetToNotifiedAcrossProcesses, durable, kDurableEcho, 0)
+    ->Unit(benchmark::kMicrosecond)
+    ->UseRealTime();
+BENCHMARK_CAPTURE(SetToNotifiedAcrossProcesses, memory_of_1000, kEcho, 999)
+    ->Unit(benchmark::kMicrosecond)
+    ->UseRealTime();
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc == 2 && std::string(argv[1]) == "--watch") {
-        return RunWatcher();
+    if (argc == 4 && std::string(argv[1]) == "--watch") {
+        return RunWatcher(argv[2], std::atoi(argv[3]));
     }
+    if (const std::optional<int> status = RunPeer(argc, argv)) {
+        return *status;
+    }
+    RegisterRedis();
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     return 0;

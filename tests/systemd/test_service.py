@@ -1,5 +1,8 @@
 """The unit, the folders and the accounts, as an image gets them."""
+import os
 import re
+import shutil
+import sqlite3
 
 from conftest import wait_for
 
@@ -7,9 +10,11 @@ KEY = "db/menu/picture/backlight"
 HANDOVER_KEY = "db/zol/send_zol_files_path"
 POLICY = ('<zolitem numofzol="1"><zol_expired_time time="2592000"/>'
           f'<zols key="{KEY}" condition="IS" type="INT" intvalue="3"/></zolitem>')
-FOLDERS = ["/var/lib/zol", "/var/lib/zol/vconf", "/var/log/zol", "/run/zol", "/run/zol/vconf", "/tmp/zol"]
-FOLDER_MODES = ["755 root zol /var/lib/zol", "2770 root zol /var/lib/zol/vconf", "750 root zol /var/log/zol",
-                "755 root zol /run/zol", "2770 root zol /run/zol/vconf", "755 root root /tmp/zol"]
+FOLDERS = ["/var/lib/zol", "/var/lib/zol/vconfd", "/var/log/zol", "/run/zol", "/run/zol/vconfd", "/tmp/zol",
+           "/run/zol/vconf.sock"]
+FOLDER_MODES = ["755 root zol /var/lib/zol", "700 zol-vconf zol-vconf /var/lib/zol/vconfd",
+                "750 root zol /var/log/zol", "755 root zol /run/zol", "700 zol-vconf zol-vconf /run/zol/vconfd",
+                "755 root root /tmp/zol", "660 root zol /run/zol/vconf.sock"]
 
 
 def zolctl(device, *arguments, **options):
@@ -31,6 +36,68 @@ def test_owners_and_access_are_kept_over_boots(device):
     assert device.run("stat", "--format=%u:%g", "/var/lib/zol/policy.xml").stdout == "951:951\n"
     assert zolctl(device, "vconf", "get", KEY, user="member").stdout == "1\n"
     zolctl(device, "vconf", "set", KEY, "2", user="member")
+
+
+def key_service(device):
+    return device.run("systemctl", "show", "zol-vconf", "--value", "-p", "MainPID").stdout.strip()
+
+
+def test_the_key_store_belongs_to_an_account_of_its_own(device):
+    zolctl(device, "vconf", "set", KEY, "1", "--type", "int", user="member")
+    zolctl(device, "vconf", "set", "memory/k", "1", user="member")
+
+    status = device.run("cat", f"/proc/{key_service(device)}/status").stdout
+    account = device.run("id", "-u", "zol-vconf").stdout.strip()
+    files = device.modes("/var/lib/zol/vconfd/vconf.db", "/run/zol/vconfd/vconf.db")
+
+    assert re.search(rf"Uid:\t{account}\t{account}\t{account}\t{account}\n", status)
+    assert re.search(r"CapBnd:\t0+\n", status) and "NoNewPrivs:\t1" in status
+    assert [line.rsplit(" ", 1)[0] for line in files] == ["600 zol-vconf zol-vconf"] * 2
+    assert device.run("pgrep", "-c", "zol_vconfd").stdout == "1\n"
+    device.run("systemd-analyze", "security", "--threshold=20", "--no-pager", "zol-vconf.service")
+    for user in ("member", "stranger"):
+        assert device.run("ls", "/var/lib/zol/vconfd", user=user, check=False).returncode == 2
+    refused = zolctl(device, "vconf", "set", KEY, "2", user="stranger", check=False)
+    assert refused.returncode == 2 and "Permission denied" in refused.stderr
+    assert zolctl(device, "vconf", "get", KEY, user="member").stdout == "1\n"
+
+
+def test_the_key_service_comes_back_and_the_daemon_misses_nothing(device):
+    zolctl(device, "policy", "push", "-", user="member", stdin=POLICY)
+    before = key_service(device)
+    device.run("kill", "-KILL", before)
+
+    zolctl(device, "vconf", "set", KEY, "3", "--type", "int", user="member")
+
+    wait_for(lambda: zolctl(device, "vconf", "get", HANDOVER_KEY, user="member").stdout.strip(), "a published path")
+    assert key_service(device) not in ("0", before)
+
+
+def make_old_store(folder, group):
+    folder.mkdir(parents=True)
+    store = sqlite3.connect(folder / "vconf.db", isolation_level=None)
+    store.executescript("PRAGMA journal_mode=WAL;"
+                        "CREATE TABLE keys(name TEXT PRIMARY KEY NOT NULL, type INTEGER NOT NULL, value,"
+                        " change INTEGER NOT NULL) WITHOUT ROWID;"
+                        "CREATE UNIQUE INDEX keys_by_change ON keys(change);"
+                        "INSERT INTO keys VALUES('db/old', 1, 7, 9223372036854775807);")
+    store.close()
+    for path in (folder, *folder.iterdir()):
+        os.chown(path, 0, group)
+        path.chmod(0o2770 if path == folder else 0o660)
+
+
+def test_the_store_of_an_earlier_version_is_taken_over(device):
+    device.shut_down()
+    shutil.rmtree(device.folder / "upper/var/lib/zol/vconfd")
+    groups = (device.folder / "upper/etc/group").read_text()
+    make_old_store(device.folder / "upper/var/lib/zol/vconf",
+                   int(re.search(r"^zol:[^:]*:(\d+):", groups, re.M).group(1)))
+    device.boot()
+    device.run("systemctl", "start", "zol-vconf.socket")
+
+    assert zolctl(device, "vconf", "get", "db/old", user="member").stdout == "7\n"
+    assert device.run("ls", "/var/lib/zol/vconf").stdout.split()[0] == "vconf.db.old"
 
 
 def test_a_member_gets_a_report_and_a_stranger_nothing(device):

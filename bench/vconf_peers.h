@@ -1,0 +1,8 @@
+#pragma once
+#include <optional>
+
+/// For main: runs the peer's process when this one was started as such. @return its exit status
+std::optional<int> RunPeer(int argc, char** argv);
+
+/// Adds the benchmarks of Redis where it is installed.
+void RegisterRedis();
