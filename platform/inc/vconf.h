@@ -6,7 +6,8 @@
 /// setting it with another type changes its type. All functions may be called from any thread.
 ///
 /// A get, a set or a watch that fails says why in errno: ENOENT no such key, EINVAL a key of another type or
-/// not a valid key or value, EACCES the caller is not allowed to use the store, EIO anything else.
+/// not a valid key or value, EACCES the caller is not allowed to use the store, EDQUOT the caller has as much
+/// in it as it may have, EIO anything else. A call that finds the store out of order fails within seconds.
 
 #ifdef __cplusplus
 extern "C" {
@@ -42,7 +43,8 @@ int vconf_set_str(const char* key, const char* value);
 int vconf_unset(const char* key);
 
 /// Calls `callback` after every change of `key`, whoever made it, also when the same value is set again.
-/// Several changes may arrive as one call; the last one is never lost. The same (key, callback, user_data)
+/// Several changes may arrive as one call; the last one is never lost, also when the store was out of order for
+/// a while: then a change may be told that was known. The same (key, callback, user_data)
 /// may be registered several times: it is called once per change and must be withdrawn as often.
 /// 0 on success, negative on failure.
 int vconf_notify_key_changed(const char* key, vconf_callback_fn callback, void* user_data);
