@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -118,13 +119,16 @@ void Ask(const base::UniqueFd& connection, std::initializer_list<std::string> wo
 class Redis {
 public:
     explicit Redis(const std::string& fsync)
-        : m_server({"redis-server", "--port", "0", "--unixsocket", Folder() + "/redis" + fsync, "--dir",
+        // Without what the last one left, which it would load first.
+        : m_removed(std::filesystem::remove_all(Folder() + "/appendonlydir")),
+          m_server({"redis-server", "--port", "0", "--unixsocket", Folder() + "/redis" + fsync, "--dir",
                     Folder(), "--save", "", "--loglevel", "warning", "--appendonly",
                     fsync.empty() ? "no" : "yes", "--appendfsync", fsync.empty() ? "no" : fsync}),
           m_path(Folder() + "/redis" + fsync) {}
     const std::string& Path() const { return m_path; }
 
 private:
+    const std::uintmax_t m_removed;
     const Child m_server;
     const std::string m_path;
 };

@@ -46,7 +46,7 @@ bool Connect(base::UniqueFd* out) {
         return false;
     }
     out->Reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    const timeval patience{kPatienceMs / 1000, (kPatienceMs % 1000) * 1000};
+    const timeval patience{kPatienceMs / 1000, 0};
     for (const int direction : {SO_SNDTIMEO, SO_RCVTIMEO}) {
         if (setsockopt(out->Get(), SOL_SOCKET, direction, &patience, sizeof(patience)) != 0) {
             return false;
