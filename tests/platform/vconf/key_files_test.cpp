@@ -6,13 +6,12 @@
 
 #include <csignal>
 #include <filesystem>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <string>
 #include <vector>
 
 #include "base/sqlite_handles.h"
+#include "files.h"
 #include "key_store_fixture.h"
 #include "waiting.h"
 
@@ -26,15 +25,6 @@ constexpr const char* kOldSchema =
     " change INTEGER NOT NULL) WITHOUT ROWID;"
     "CREATE UNIQUE INDEX keys_by_change ON keys(change);";
 const std::string kRubbish(5000, 'x');
-
-std::string Contents(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
-void Overwrite(const std::string& path, const std::string& contents) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << contents;
-}
 
 /// Runs statements on a database; the connection stays open as long as the result lives.
 base::DatabasePtr Execute(const std::string& path, const std::string& statements) {
@@ -58,7 +48,7 @@ protected:
         Service().Start();
         return InAnotherProcess({"get", "db/k", "int", "db/k", "4", "get", "db/k"});
     }
-    static std::string Damaged() { return Contents(Database() + ".damaged"); }
+    static std::string Damaged() { return ReadFile(Database() + ".damaged"); }
 };
 
 TEST_F(StoreFiles, AreForTheServiceAlone) {
@@ -80,11 +70,11 @@ TEST_F(StoreFiles, AreForTheServiceAlone) {
 
 TEST_F(StoreFiles, ThatAreDamagedAreSetAsideWholeAndANewStoreIsBegun) {
     SetAndEnd();
-    const std::string log = Contents(Database() + "-wal");
+    const std::string log = ReadFile(Database() + "-wal");
     ASSERT_FALSE(log.empty());
     for (const char* round : {"1", "2"}) {
         Service().Kill();
-        Overwrite(Database(), kRubbish + round);
+        WriteFile(Database(), kRubbish + round);
         EXPECT_EQ(SetInTheNextOne(), "none\n0\nint 4\n");
         EXPECT_TRUE(Damaged() == kRubbish + round);
     }
@@ -94,10 +84,10 @@ TEST_F(StoreFiles, ThatAreDamagedAreSetAsideWholeAndANewStoreIsBegun) {
 
 TEST_F(StoreFiles, WithoutTheDatabaseLeaveTheLogToBeSetAside) {
     SetAndEnd();
-    const std::string log = Contents(Database() + "-wal");
+    const std::string log = ReadFile(Database() + "-wal");
     fs::remove(Database());
     EXPECT_EQ(SetInTheNextOne(), "none\n0\nint 4\n");
-    EXPECT_TRUE(Contents(Database() + ".damaged-wal") == log);
+    EXPECT_TRUE(ReadFile(Database() + ".damaged-wal") == log);
 }
 
 TEST_F(StoreFiles, ThatHoldSomethingElseAreSetAside) {
@@ -116,7 +106,7 @@ TEST_F(StoreFiles, ThatHoldSomethingElseAreSetAside) {
         EXPECT_EQ(SetInTheNextOne(), "none\n0\nint 4\n") << change;
     }
     Service().Kill();
-    Overwrite(Database(), "");
+    WriteFile(Database(), "");
     EXPECT_EQ(SetInTheNextOne(), "none\n0\nint 4\n");
     EXPECT_EQ(Log().Count("is damaged"), static_cast<int>(changes.size()) + 1);
 }
@@ -127,12 +117,12 @@ TEST_F(StoreFiles, CutAtAnyPageAreReadOrSetAside) {
     }
     Service().Kill();
     Execute(Database(), "PRAGMA journal_mode=DELETE");
-    const std::string whole = Contents(Database());
+    const std::string whole = ReadFile(Database());
     ASSERT_GT(whole.size(), 8192U);
     for (std::size_t length = 0; length < whole.size(); length += 1024) {
         Service().Kill();
         fs::remove(Database() + "-wal");
-        Overwrite(Database(), whole.substr(0, length));
+        WriteFile(Database(), whole.substr(0, length));
         Service().Start();
         EXPECT_TRUE(SetInt("db/k", 4)) << length;
         EXPECT_EQ(GetInt("db/k"), 4) << length;
@@ -148,8 +138,8 @@ TEST_F(StoreFiles, DamagedWhileInUseGiveWayAndWatchersHearOfIt) {
             vconf_set_str(("memory/key" + std::to_string(index)).c_str(), std::string(500, 'x').c_str()), 0);
     }
     ASSERT_TRUE(heard.Watch("memory/k"));
-    Overwrite(memory, kRubbish);
-    Overwrite(memory + "-wal", kRubbish);
+    WriteFile(memory, kRubbish);
+    WriteFile(memory + "-wal", kRubbish);
     EXPECT_TRUE(Eventually([&] {
         for (int index = 0; index < 3000; ++index) {
             Get("memory/key" + std::to_string(index));
@@ -238,7 +228,7 @@ TEST_F(OldStore, IsNotTakenOverOnceMoreInPlaceOfADamagedStore) {
     EXPECT_EQ(Get("db/k"), "int 7");
     Service().Kill();
     fs::rename(Path() + ".old", Path());
-    Overwrite(Database(), kRubbish);
+    WriteFile(Database(), kRubbish);
     Service().Start();
     EXPECT_EQ(Get("db/k"), "none");
 }
@@ -274,8 +264,8 @@ TEST_F(OldStore, IsLeftAloneUnlessItIsAPlainStoreOfKeys) {
          }},
         {"a pipe", [&] { ASSERT_EQ(mkfifo(Path().c_str(), 0660), 0); }},
         {"a folder", [&] { fs::create_directory(Path()); }},
-        {"rubbish", [&] { Overwrite(Path(), kRubbish); }},
-        {"nothing", [&] { Overwrite(Path(), ""); }},
+        {"rubbish", [&] { WriteFile(Path(), kRubbish); }},
+        {"nothing", [&] { WriteFile(Path(), ""); }},
         {"a trigger", [&] { Make(keys + "; CREATE TRIGGER t AFTER DELETE ON keys BEGIN SELECT 1; END"); }},
         {"an endless view",
          [&] {
@@ -299,7 +289,7 @@ TEST_F(OldStore, CannotMakeTheServiceDeleteWhatItsJournalNames) {
     // A journal of a transaction over several databases names the one that decides about all of them; whoever
     // opens the database and finds it stale deletes that.
     const std::string victim = Root() + "/victim";
-    Overwrite(victim, "not a journal");
+    WriteFile(victim, "not a journal");
     Execute(Path(), "PRAGMA journal_mode=DELETE; CREATE TABLE keys(name)");
     const std::string magic("\xd9\xd5\x05\xf9\x20\xa1\x63\xd7", 8);
     const auto number = [](std::uint32_t value) {
@@ -317,7 +307,7 @@ TEST_F(OldStore, CannotMakeTheServiceDeleteWhatItsJournalNames) {
     journal.resize(512, '\0');
     journal += number(0x40000000 / 4096 + 1) + victim + number(static_cast<std::uint32_t>(victim.size())) +
                number(sum) + magic;
-    Overwrite(Path() + "-journal", journal);
+    WriteFile(Path() + "-journal", journal);
     Service().Start();
     EXPECT_EQ(Get("db/k"), "none");
     EXPECT_TRUE(fs::exists(victim));
