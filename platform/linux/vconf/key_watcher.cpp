@@ -35,7 +35,7 @@ bool KeyWatcher::Add(const std::string& key, vconf_callback_fn callback, void* u
     const Position start{m_connections,
                          isAnswered ? answer.change : std::numeric_limits<std::int64_t>::max()};
     m_registry.Add(key, callback, userData, start);
-    m_watched.emplace(key, Watched{isAnswered ? answer.change : kUnknownChange});
+    m_watched.emplace(key, Watched{isAnswered ? answer.change : kNeverChanged});
     if (!m_socket || !m_changes.empty()) {
         g_source_set_ready_time(m_source.get(), m_socket ? 0 : m_retryAt);
     }

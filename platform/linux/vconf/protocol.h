@@ -32,9 +32,6 @@ enum class Operation : std::uint8_t {
 constexpr std::int64_t kFromNow = -1;
 /// The number of a key that never changed.
 constexpr std::int64_t kNeverChanged = 0;
-/// A number that no change has: whatever the key holds now is news.
-constexpr std::int64_t kUnknownChange = -2;
-
 struct Message {
     Operation operation = Operation::Answer;
     std::int32_t error = 0;

@@ -190,6 +190,11 @@ protected:
         const base::DatabasePtr old = Execute(Path(), kOldSchema + statements);
         sqlite3_db_config(old.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
     }
+    static void PutBack() {
+        for (const char* end : {"", "-wal"}) {
+            fs::rename(Path() + ".old" + end, Path() + end);
+        }
+    }
     void ExpectLeftAlone(const std::string& what) {
         Service().Start();
         EXPECT_EQ(InAnotherProcess({"get", "db/k", "int", "db/k", "4", "get", "db/k"}), "none\n0\nint 4\n")
@@ -215,7 +220,7 @@ TEST_F(OldStore, IsTakenOverOnce) {
     EXPECT_FALSE(fs::exists(Path()));
     EXPECT_TRUE(fs::exists(Path() + ".old"));
     ASSERT_TRUE(SetInt("db/k", 8));
-    fs::rename(Path() + ".old", Path());
+    PutBack();
     Service().Kill();
     Service().Start();
     EXPECT_EQ(Get("db/k"), "int 8");
@@ -227,7 +232,7 @@ TEST_F(OldStore, IsNotTakenOverOnceMoreInPlaceOfADamagedStore) {
     Service().Start();
     EXPECT_EQ(Get("db/k"), "int 7");
     Service().Kill();
-    fs::rename(Path() + ".old", Path());
+    PutBack();
     WriteFile(Database(), kRubbish);
     Service().Start();
     EXPECT_EQ(Get("db/k"), "none");

@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -180,6 +181,10 @@ TEST_F(ServiceStartedByAClient, IsOneForAll) {
 }
 
 TEST_F(ServiceStartedByAClient, IsDetachedFromIt) {
+    std::array<int, 2> inherited{};
+    ASSERT_EQ(pipe(inherited.data()), 0);  // not close-on-exec
+    const base::UniqueFd reading(inherited[0]);
+    const base::UniqueFd writing(inherited[1]);
     ASSERT_TRUE(SetInt("db/k", 1));
     const pid_t service = Service().Pid();
     ASSERT_GT(service, 0);

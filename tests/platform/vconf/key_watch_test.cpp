@@ -262,6 +262,20 @@ TEST_F(WatchedKey, AmongTenThousandIsTheOnlyOneHeard) {
     EXPECT_EQ(calls, 1);
 }
 
+TEST_F(WatchedKey, ChangedSeveralTimesBeforeItIsServedShowsTheLast) {
+    Heard heard;
+    Heard other;
+    ASSERT_TRUE(Watch("db/k", &heard));
+    for (int value = 1; value <= 3; ++value) {
+        ASSERT_TRUE(SetInt("db/k", value));
+    }
+    // The answer to this comes behind the changes.
+    ASSERT_TRUE(Watch("db/other", &other));
+    ASSERT_TRUE(ServeUntil([&] { return heard.calls > 0; }));
+    EXPECT_EQ(heard.number, 3);
+    EXPECT_EQ(heard.calls, 1);
+}
+
 TEST_F(WatchedKey, IsHeardAfterMoreChangesThanTheSocketHolds) {
     // Nobody serves the context meanwhile. Each key is changed twice: the last change counts.
     constexpr int kKeys = 2000;
