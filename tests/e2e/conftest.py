@@ -12,6 +12,7 @@ import os
 import pathlib
 import shutil
 import signal
+import socket
 import subprocess
 import tempfile
 import time
@@ -147,9 +148,7 @@ class Machine:
             self.env.pop(name, None)
         self.processes = []
         if EMULATOR:
-            # An emulated program cannot start another one.
-            self.start(BIN / "zol_vconfd", "--idle-ms", "1000000")
-            wait_for(self.path("/run/zol/vconf.sock").exists, "the key service")
+            self.start_key_service()
 
     # --- programs -----------------------------------------------------------------------------------------
     def start(self, *command, **options):
@@ -171,11 +170,21 @@ class Machine:
             daemon.wait_until_serving()
         return daemon
 
+    def start_key_service(self):
+        """What its clients do, unless they are emulated: such a program cannot start another one."""
+        def listens():
+            with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as probe:
+                return probe.connect_ex(str(self.path("/run/zol/vconf.sock"))) == 0
+        self.start(BIN / "zol_vconfd", "--idle-ms", "1000000")
+        wait_for(listens, "the key service")
+
     def end_key_service(self):
-        """Kills it; the next client starts another one."""
+        """Kills it; the next client has another one."""
         for pid in processes_on(self.root, "zol_vconfd"):
             os.kill(pid, signal.SIGKILL)
         wait_for(lambda: not processes_on(self.root, "zol_vconfd"), "the end of the key service")
+        if EMULATOR:
+            self.start_key_service()
 
     # --- the device's state -------------------------------------------------------------------------------
     def path(self, device_path):

