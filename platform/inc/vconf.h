@@ -43,10 +43,10 @@ int vconf_set_str(const char* key, const char* value);
 int vconf_unset(const char* key);
 
 /// Calls `callback` after every change of `key`, whoever made it, also when the same value is set again.
-/// Several changes may arrive as one call; the last one is never lost, also when the store was out of order for
-/// a while: then a change may be told that was known. The same (key, callback, user_data)
-/// may be registered several times: it is called once per change and must be withdrawn as often.
-/// 0 on success, negative on failure.
+/// Several changes may arrive as one call; the last one is never lost, also when the store was out of order
+/// for a while: then a change may be told that was known. The same (key, callback, user_data) may be
+/// registered several times: it is called once per change and must be withdrawn as often. 0 on success,
+/// negative on failure.
 int vconf_notify_key_changed(const char* key, vconf_callback_fn callback, void* user_data);
 
 /// Withdraws one registration. When it was the last of its kind the callback is not running and never runs

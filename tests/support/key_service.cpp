@@ -30,9 +30,14 @@ pid_t ServerOf(const base::UniqueFd& connection) {
     return getsockopt(connection.Get(), SOL_SOCKET, SO_PEERCRED, &server, &size) == 0 ? server.pid : 0;
 }
 
+std::string OwnRoot() {
+    const char* const root = std::getenv("ZOL_ROOT");
+    return root != nullptr ? root : "";
+}
+
 }  // namespace
 
-KeyService::KeyService(const std::string& root) : m_root(root.empty() ? std::getenv("ZOL_ROOT") : root) {
+KeyService::KeyService(const std::string& root) : m_root(root.empty() ? OwnRoot() : root) {
     // This process may have used a store, and started a service, before.
     Kill();
     for (const char* folder : {"/var/lib/zol", "/run/zol"}) {
