@@ -35,7 +35,7 @@ const std::string& Root() {
 extern "C" size_t device_path_map(const char* path, char* out, size_t size) {
     // A path that lies below the root already (a mount point that the system told) is not moved twice.
     const bool mapped = !Root().empty() && std::strncmp(path, (Root() + '/').c_str(), Root().size() + 1) == 0;
-    const std::string_view root = mapped ? std::string_view() : Root();
+    const std::string_view root = mapped ? std::string_view("") : Root();
     const size_t length = std::strlen(path);
     if (root.size() + length >= size) {
         if (size > 0) {
