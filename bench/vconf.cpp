@@ -135,7 +135,6 @@ int main(int argc, char** argv) {
     if (const std::optional<int> status = RunPeer(argc, argv)) {
         return *status;
     }
-    RegisterRedis();
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     return 0;

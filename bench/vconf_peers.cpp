@@ -47,6 +47,7 @@ public:
         if (m_pid == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
             std::vector<char*> pointers;
+            pointers.reserve(words.size() + 1);
             for (const std::string& word : words) {
                 pointers.push_back(const_cast<char*>(word.c_str()));
             }
@@ -67,7 +68,8 @@ private:
 };
 
 std::string Folder() {
-    return std::getenv("ZOL_ROOT");
+    const char* root = std::getenv("ZOL_ROOT");
+    return root != nullptr ? root : "/tmp";
 }
 
 void GdbusGet(benchmark::State& state) {
@@ -133,7 +135,18 @@ private:
     const std::string m_path;
 };
 
+bool IsWithoutRedis(benchmark::State& state) {
+    static const bool isMissing = std::system("command -v redis-server >/dev/null") != 0;
+    if (isMissing) {
+        state.SkipWithError("redis-server is not installed");
+    }
+    return isMissing;
+}
+
 void RedisGet(benchmark::State& state) {
+    if (IsWithoutRedis(state)) {
+        return;
+    }
     const Redis redis("");
     const base::UniqueFd connection = ConnectToRedis(redis.Path());
     Ask(connection, {"SET", "db/bench/value", "1"});
@@ -142,7 +155,12 @@ void RedisGet(benchmark::State& state) {
     }
 }
 
+BENCHMARK(RedisGet)->Unit(benchmark::kMicrosecond)->UseRealTime();
+
 void RedisSet(benchmark::State& state, const char* fsync) {
+    if (IsWithoutRedis(state)) {
+        return;
+    }
     const Redis redis(fsync);
     const base::UniqueFd connection = ConnectToRedis(redis.Path());
     for (auto _ : state) {
@@ -150,8 +168,14 @@ void RedisSet(benchmark::State& state, const char* fsync) {
     }
 }
 
+BENCHMARK_CAPTURE(RedisSet, durable, "always")->Unit(benchmark::kMicrosecond)->UseRealTime();
+BENCHMARK_CAPTURE(RedisSet, memory, "")->Unit(benchmark::kMicrosecond)->UseRealTime();
+
 /// Sets a key and tells a subscriber in another process, which answers through a pipe.
 void RedisSetToNotified(benchmark::State& state) {
+    if (IsWithoutRedis(state)) {
+        return;
+    }
     const Redis redis("");
     const base::UniqueFd connection = ConnectToRedis(redis.Path());
     int ends[2];
@@ -174,6 +198,7 @@ void RedisSetToNotified(benchmark::State& state) {
     close(ends[0]);
     close(ends[1]);
 }
+BENCHMARK(RedisSetToNotified)->Unit(benchmark::kMicrosecond)->UseRealTime();
 
 int RunGdbus(const char* socket) {
     const base::GStringPtr id(g_dbus_generate_guid());
@@ -209,20 +234,4 @@ std::optional<int> RunPeer(int argc, char** argv) {
         return RunSubscriber(argv[2], std::atoi(argv[3]));
     }
     return std::nullopt;
-}
-
-void RegisterRedis() {
-    if (std::system("command -v redis-server >/dev/null") != 0) {
-        return;
-    }
-    benchmark::RegisterBenchmark("RedisGet", RedisGet)->Unit(benchmark::kMicrosecond)->UseRealTime();
-    benchmark::RegisterBenchmark("RedisSet/durable", RedisSet, "always")
-        ->Unit(benchmark::kMicrosecond)
-        ->UseRealTime();
-    benchmark::RegisterBenchmark("RedisSet/memory", RedisSet, "")
-        ->Unit(benchmark::kMicrosecond)
-        ->UseRealTime();
-    benchmark::RegisterBenchmark("RedisSetToNotified", RedisSetToNotified)
-        ->Unit(benchmark::kMicrosecond)
-        ->UseRealTime();
 }

@@ -3,6 +3,3 @@
 
 /// For main: runs the peer's process when this one was started as such. @return its exit status
 std::optional<int> RunPeer(int argc, char** argv);
-
-/// Adds the benchmarks of Redis where it is installed.
-void RegisterRedis();
