@@ -22,11 +22,6 @@ namespace {
 
 using child::Process;
 
-/// An emulated program cannot be started by another one: there only tests start the service.
-bool IsEmulated() {
-    return *std::array<const char*, 2>{ZOL_TEST_EMULATOR}[0] != '\0';
-}
-
 /// Sets a key to 1, 2, 3, ... and tells each value that is acknowledged, until the test releases it.
 int CountUp(const child::Arguments& arguments) {
     for (int value = 1; value <= std::atoi(arguments[1].c_str()); ++value) {
@@ -152,7 +147,7 @@ TEST_F(ServiceOfTheStore, EndsWhenItsLastClientHasBeenGoneForAWhile) {
 class ServiceStartedByAClient : public KeyStoreTest {
 protected:
     void SetUp() override {
-        if (IsEmulated()) {
+        if (child::IsEmulated()) {
             GTEST_SKIP() << "an emulated program cannot start another one";
         }
         Service().Kill();

@@ -2,10 +2,11 @@
 
 #include <dlfcn.h>
 #include <glib.h>
+#include <unistd.h>
 
 namespace {
 
-/// The timer that was made last, to be rung by hand.
+/// The timer that the test's own thread made last, to be rung by hand.
 GSource* g_timer = nullptr;
 
 }  // namespace
@@ -14,6 +15,9 @@ GSource* g_timer = nullptr;
 extern "C" GSource* g_timeout_source_new(guint interval) {
     static const auto make = reinterpret_cast<GSource* (*)(guint)>(dlsym(RTLD_NEXT, "g_timeout_source_new"));
     GSource* timer = make(interval);
+    if (gettid() != getpid()) {
+        return timer;
+    }
     g_clear_pointer(&g_timer, g_source_unref);
     g_timer = g_source_ref(timer);
     return timer;
