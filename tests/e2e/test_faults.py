@@ -149,7 +149,7 @@ def test_report_folders_that_nobody_collects_are_bounded(machine):
 
 def test_a_damaged_store_is_set_aside_and_the_daemon_comes_up(machine):
     store = machine.path("/var/lib/zol/vconfd")
-    store.mkdir(parents=True)
+    store.mkdir(parents=True, exist_ok=True)
     (store / "vconf.db").write_bytes(b"SQLite format 3\0" + b"\xa5" * 8192)
 
     daemon = machine.start_daemon()
