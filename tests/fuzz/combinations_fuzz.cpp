@@ -38,7 +38,7 @@ std::vector<Combination> Read(const std::string& text, std::size_t& complaints) 
 
 std::vector<Combination> CheckTable(const std::string& text) {
     std::size_t complaints = 0;
-    const std::vector<Combination> combinations = Read(text, complaints);
+    std::vector<Combination> combinations = Read(text, complaints);
     const auto lines = static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')) + 1;
     Require(combinations.size() + complaints <= lines, "the number of lines");
     std::string written;
