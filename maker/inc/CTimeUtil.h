@@ -5,7 +5,7 @@
 
 struct CTimeUtil {
     /// Platform time: whole seconds since 1970-01-01 00:00:00 UTC by the wall clock; 0 when it
-    /// cannot be read.
+    /// cannot be read. A clock outside the years 1400 to 9999 stands at their first or last second.
     static time_t GetCurrentTime();
 
     /// Local broken-down time to UTC broken-down time. Exact in every zone and through both changes of

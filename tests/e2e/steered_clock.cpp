@@ -1,5 +1,6 @@
 /// The clock of the daemon that the end-to-end tests steer: the product's daemon with this in place of the
-/// platform's clock. ZOL_TEST_CLOCK_SPEED says how many seconds pass here while one passes outside.
+/// platform's clock. ZOL_TEST_CLOCK_SPEED says how many seconds pass here while one passes outside,
+/// ZOL_TEST_CLOCK_AHEAD by how many seconds the wall clock is wrong.
 #include <glib.h>
 #include <time.h>
 
@@ -19,12 +20,20 @@ constexpr uint64_t kNsPerSecond = 1000000000;
 /// Waits below this are the runtime's own pauses, whose length nobody watches; they stay as they are.
 constexpr uint64_t kShortestSteered = kNsPerSecond;
 
+uint64_t Setting(const char* name) {
+    const char* text = std::getenv(name);
+    return text != nullptr ? std::strtoull(text, nullptr, 10) : 0;
+}
+
 uint64_t Speed() {
-    static const uint64_t speed = [] {
-        const char* text = std::getenv("ZOL_TEST_CLOCK_SPEED");
-        return text != nullptr ? std::max<uint64_t>(1, std::strtoull(text, nullptr, 10)) : 1;
-    }();
+    static const uint64_t speed = std::max<uint64_t>(1, Setting("ZOL_TEST_CLOCK_SPEED"));
     return speed;
+}
+
+/// Seconds: as nanoseconds it may be more than 64 bits hold.
+int64_t Ahead() {
+    static const auto ahead = static_cast<int64_t>(Setting("ZOL_TEST_CLOCK_AHEAD"));
+    return ahead;
 }
 
 uint64_t RealNs(clockid_t clock) {
@@ -64,7 +73,7 @@ extern "C" {
 
 int platform_clock_realtime(platform_time_t* out) {
     const uint64_t now = WallNs();
-    *out = {static_cast<int64_t>(now / kNsPerSecond), static_cast<int64_t>(now % kNsPerSecond)};
+    *out = {static_cast<int64_t>(now / kNsPerSecond) + Ahead(), static_cast<int64_t>(now % kNsPerSecond)};
     return 0;
 }
 
@@ -81,7 +90,7 @@ int platform_sem_wait_until(sem_t* sem, const platform_time_t* deadline) {
         errno = EINVAL;
         return -1;
     }
-    const uint64_t until = static_cast<uint64_t>(deadline->seconds) * kNsPerSecond +
+    const uint64_t until = static_cast<uint64_t>(deadline->seconds - Ahead()) * kNsPerSecond +
                            static_cast<uint64_t>(deadline->nanoseconds);
     while (sem_trywait(sem) != 0) {
         if (WallNs() >= until) {

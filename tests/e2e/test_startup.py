@@ -98,6 +98,18 @@ def test_a_backlog_is_reported_for_a_while_and_the_rest_is_given_up_with_a_count
     assert int(given_up[0]) + len(machine.kpi()) == hits
 
 
+def test_a_clock_beyond_the_calendar_ends_neither_the_start_nor_a_push(machine):
+    machine.env["ZOL_TEST_CLOCK_AHEAD"] = str(8000 * 31556952)  # beyond the year 9999
+    daemon = machine.start_daemon("zol_daemon_steered")
+    assert machine.push(policy(int_rule(KEY, "IS", 3))).returncode == 0
+
+    machine.set(KEY, "3", "int")
+
+    assert (machine.collect() / "header.json").exists()
+    assert daemon.stop() == 0
+    assert "ZOL error" not in machine.log()
+
+
 def run(machine, *arguments, program="zol_daemon"):
     return subprocess.run([BIN / program, *arguments], env=machine.env, capture_output=True, text=True,
                           timeout=DEADLINE, check=False)

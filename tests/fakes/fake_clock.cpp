@@ -31,7 +31,8 @@ struct Sleeper {
 struct State {
     std::mutex mutex;
     std::condition_variable changed;
-    std::int64_t wallNs = clock::kEpoch * kNsPerSecond;
+    std::int64_t wallBase = clock::kEpoch;  // seconds; nanoseconds would not go far enough
+    std::int64_t wallNs = 0;                // since the base
     std::uint64_t steadyNs = 1000 * static_cast<std::uint64_t>(kNsPerSecond);
     bool failRealtime = false;
     bool sleepAdvances = true;
@@ -71,7 +72,8 @@ bool WaitLocked(State& state, std::unique_lock<std::mutex>& lock, std::uint64_t 
 void ResetClock() {
     State& state = The();
     const std::lock_guard<std::mutex> lock(state.mutex);
-    state.wallNs = clock::kEpoch * kNsPerSecond;
+    state.wallBase = clock::kEpoch;
+    state.wallNs = 0;
     state.failRealtime = false;
     state.sleepAdvances = true;
     state.sleptUs = 0;
@@ -82,13 +84,14 @@ namespace clock {
 
 void SetWall(std::int64_t seconds, std::int64_t nanosecondsPart) {
     const std::lock_guard<std::mutex> lock(The().mutex);
-    The().wallNs = seconds * kNsPerSecond + nanosecondsPart;
+    The().wallBase = seconds;
+    The().wallNs = nanosecondsPart;
     The().changed.notify_all();
 }
 
 std::int64_t WallSeconds() {
     const std::lock_guard<std::mutex> lock(The().mutex);
-    return The().wallNs / kNsPerSecond;
+    return The().wallBase + The().wallNs / kNsPerSecond;
 }
 
 void Advance(nanoseconds time) {
@@ -145,7 +148,7 @@ int platform_clock_realtime(platform_time_t* out) {
     if (state.failRealtime) {
         return -1;
     }
-    *out = {state.wallNs / fakes::kNsPerSecond, state.wallNs % fakes::kNsPerSecond};
+    *out = {state.wallBase + state.wallNs / fakes::kNsPerSecond, state.wallNs % fakes::kNsPerSecond};
     return 0;
 }
 
@@ -171,17 +174,20 @@ int platform_sem_wait_until(sem_t* sem, const platform_time_t* deadline) {
         errno = EINVAL;
         return -1;
     }
-    const std::int64_t until = deadline->seconds * fakes::kNsPerSecond + deadline->nanoseconds;
     fakes::State& state = fakes::The();
     std::unique_lock<std::mutex> lock(state.mutex);
-    const std::int64_t duration = std::max<std::int64_t>(0, until - state.wallNs);
+    const auto left = [&] {
+        return (deadline->seconds - state.wallBase) * fakes::kNsPerSecond + deadline->nanoseconds -
+               state.wallNs;
+    };
+    const std::int64_t duration = std::max<std::int64_t>(0, left());
     const auto self = state.sleepers.insert(
         state.sleepers.end(),
         {state.steadyNs + static_cast<std::uint64_t>(duration), duration, duration == 0});
     state.changed.notify_all();
     int result = 0;
     // A post does not tell the fake, so it looks again every real millisecond.
-    while ((result = sem_trywait(sem)) != 0 && state.wallNs < until) {
+    while ((result = sem_trywait(sem)) != 0 && left() > 0) {
         state.changed.wait_for(lock, std::chrono::milliseconds(1));
     }
     state.sleepers.erase(self);

@@ -1,10 +1,24 @@
 #include "CTimeUtil.h"
 
+#include <algorithm>
+#include <cstdint>
+
 #include "platform_clock.h"
+
+namespace {
+
+// The calendar of the policy clock ends here, and moments outside it end in an exception.
+constexpr std::int64_t kFirstSecond = -17987443200;  // 1400-01-01 00:00:00 UTC
+constexpr std::int64_t kLastSecond = 253402300799;   // 9999-12-31 23:59:59 UTC
+
+}  // namespace
 
 time_t CTimeUtil::GetCurrentTime() {
     platform_time_t now{};
-    return platform_clock_realtime(&now) == 0 ? static_cast<time_t>(now.seconds) : 0;
+    if (platform_clock_realtime(&now) != 0) {
+        return 0;
+    }
+    return static_cast<time_t>(std::clamp<std::int64_t>(now.seconds, kFirstSecond, kLastSecond));
 }
 
 tm CTimeUtil::ConvertToUTCTime(const tm& local) {

@@ -52,6 +52,21 @@ TEST_F(TimeUtil, AClockThatCannotBeReadIsAClockThatIsNotSet) {
     EXPECT_EQ(CTimeUtil::GetCurrentTime(), 0);
 }
 
+TEST_F(TimeUtil, AClockOutsideTheCalendarStandsAtItsEdge) {
+    const std::int64_t first = -17987443200;
+    const std::int64_t last = 253402300799;
+    for (const std::int64_t inside : {first, last}) {
+        fakes::clock::SetWall(inside);
+        EXPECT_EQ(CTimeUtil::GetCurrentTime(), inside);
+    }
+    fakes::clock::SetWall(first - 1);
+    EXPECT_EQ(CTimeUtil::GetCurrentTime(), first);
+    for (const std::int64_t after : {last + 1, INT64_MAX}) {
+        fakes::clock::SetWall(after);
+        EXPECT_EQ(CTimeUtil::GetCurrentTime(), last);
+    }
+}
+
 /// POSIX rules, so that no zone files are needed.
 class TimeUtilInZone : public TimeUtil, public testing::WithParamInterface<const char*> {};
 

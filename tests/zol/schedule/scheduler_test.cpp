@@ -225,6 +225,21 @@ TEST_F(StoredMoments, TheFirstStartAfterANewPolicyBecomesTheFirstBootAndALaterOn
                  {"Setting first boot time after new policy.", "Storing first boot time in vconf"});
 }
 
+TEST_F(StoredMoments, AClockBeyondTheCalendarIsOneThatStandsStillAtItsEnd) {
+    constexpr std::int64_t kLastSecond = 253402300799;  // of the year 9999
+    fakes::clock::SetWall(kLastSecond + 1000);
+    Start();
+    SetEvent(TIME_BASE_START, 40);
+    EXPECT_EQ(fakes::vconf::GetString(kStartKey), std::to_string(kLastSecond));
+
+    FinishPass();
+    EXPECT_EQ(PolicyTime(), kLastSecond + 30);
+    EXPECT_EQ(m_disabled, 0);
+
+    FinishPass();
+    EXPECT_EQ(m_disabled, 1);
+}
+
 TEST_F(StoredMoments, TheStartTimeIsLoaded) {
     fakes::vconf::SetString(kStartKey, "200");
 

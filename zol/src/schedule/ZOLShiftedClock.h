@@ -17,8 +17,9 @@ public:
     TCShiftedClock& operator=(const TCShiftedClock&) = delete;
 
     /// Policy time in seconds since 1970-01-01 00:00:00 UTC. It does not jump at a change of daylight-saving
-    /// time, whatever the zone. Throws the date library's exception (a std::out_of_range) when the wall clock
-    /// is outside the years 1400 to 9999.
+    /// time, whatever the zone. A wall clock outside the years 1400 to 9999 counts as one that stands still
+    /// at their edge. Throws the date library's exception (a std::out_of_range) for a moment that has no
+    /// date.
     virtual std::int64_t GetCurrentTime() const;
 
     /// Moves policy time by `seconds`. Lost at the end of the process: only a reset is stored.
