@@ -26,6 +26,7 @@ constexpr std::size_t kMaxMessageBytes{16777216};  // 16 MiB
 
 /// Bounds what callers that subscribe for ever can make the daemon keep and ask.
 constexpr std::size_t kMaxSubscribers = 64;
+constexpr std::size_t kMaxSubscribersPerAccount = 16;  // the daemon's own account has all
 constexpr std::size_t kMaxSubscribersPerConnection = 4;
 constexpr std::size_t kMaxPathBytes = 255;
 

@@ -1,6 +1,5 @@
 #include "TCDbusServer.h"
 
-#include <cstring>
 #include <iterator>
 #include <list>
 #include <map>
@@ -32,8 +31,6 @@ public:
     void Call(GDBusMethodInvocation* invocation);
     void Serve(ipc::NativeCall& call);
     void ServeOrThrow(ipc::NativeCall& call);
-    void Subscribe(GDBusMethodInvocation* invocation);
-    void Unsubscribe(GDBusMethodInvocation* invocation);
 
     std::mutex mutex;
     std::map<int, HandlerPtr> handlers;  // guarded by mutex
@@ -48,10 +45,8 @@ void TCDbusServer::Impl::OnCall(GDBusMethodInvocation* invocation) {
     const std::string_view method = g_dbus_method_invocation_get_method_name(invocation);
     if (method == "Call") {
         Call(invocation);
-    } else if (method == "Subscribe") {
-        Subscribe(invocation);
     } else {
-        Unsubscribe(invocation);
+        subscribers.Serve(invocation);
     }
 }
 
@@ -96,26 +91,6 @@ void TCDbusServer::Impl::ServeOrThrow(ipc::NativeCall& call) {
         return;
     }
     call.Return(handled, reply);
-}
-
-void TCDbusServer::Impl::Subscribe(GDBusMethodInvocation* invocation) {
-    const gchar* path = nullptr;
-    g_variant_get(g_dbus_method_invocation_get_parameters(invocation), "(&o)", &path);
-    if (std::strlen(path) > ipc::kMaxPathBytes) {
-        g_dbus_method_invocation_return_dbus_error(invocation, ipc::kErrorTooLarge,
-                                                   "the path is longer than 255 bytes");
-    } else if (subscribers.Add(g_dbus_method_invocation_get_connection(invocation),
-                               g_dbus_method_invocation_get_sender(invocation), path)) {
-        g_dbus_method_invocation_return_value(invocation, nullptr);
-    } else {
-        g_dbus_method_invocation_return_dbus_error(invocation, ipc::kErrorTooManySubscribers,
-                                                   "too many subscriptions");
-    }
-}
-
-void TCDbusServer::Impl::Unsubscribe(GDBusMethodInvocation* invocation) {
-    subscribers.Remove(g_dbus_method_invocation_get_sender(invocation));
-    g_dbus_method_invocation_return_value(invocation, nullptr);
 }
 
 TCDbusServer::TCDbusServer(bool testMode) : m_impl(std::make_unique<Impl>(testMode)) {}

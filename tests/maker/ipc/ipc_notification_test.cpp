@@ -81,6 +81,20 @@ TEST_F(IpcNotification, UnsubscribeEndsAllPathsOfTheCallerAndOfNobodyElse) {
     EXPECT_EQ(leaver.Call("Unsubscribe", nullptr), "") << "without a subscription it does nothing";
 }
 
+TEST_F(IpcNotification, CallsSentWithoutWaitingTakeEffectInTheirOrder) {
+    Peer peer;
+    peer.Offer("/a");
+    for (const char* method : {"Subscribe", "Unsubscribe", "Subscribe"}) {
+        GVariant* path = method[0] == 'S' ? g_variant_new("(o)", "/a") : nullptr;
+        g_dbus_connection_call(peer.Connection(), test::kDaemonName, test::kDaemonPath, test::kNative, method,
+                               path, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr, nullptr);
+    }
+
+    EXPECT_EQ(peer.Call("Unsubscribe", nullptr), "");
+
+    EXPECT_EQ(m_server->SendNotification(kPowerOff, -1), 0);
+}
+
 TEST_F(IpcNotification, SubscribingAPathAgainChangesNothing) {
     Peer peer(Peer::Reply);
     for (int i = 0; i < 10; ++i) {

@@ -148,6 +148,39 @@ TEST_F(IpcPolicy, NotificationsOfTheDaemonReachASubscriberInTheGroupAndItsReplyC
     EXPECT_EQ(replies, 1);
 }
 
+TEST_F(IpcPolicy, AnAccountGetsSixteenSubscriptionsOverAllItsConnectionsAndRootTheRest) {
+    constexpr const char* kTooMany = "org.zol.Error.TooManySubscribers";
+    const auto subscribe = [](GDBusConnection* connection, const char* path) {
+        const test::Question question = {kDaemonName, kDaemonPath, kNative, "Subscribe",
+                                         g_variant_new("(o)", path)};
+        return test::Ask(connection, question).error;
+    };
+    std::vector<base::GObjectPtr<GDBusConnection>> members;
+    test::ServeWhile([&] {
+        BecomeUser(kMember);
+        while (members.size() < 5) {
+            members.push_back(ConnectTo(kSystemBus));
+            for (const char* path : {"/a", "/b", "/c", "/d"}) {
+                EXPECT_EQ(subscribe(members.back().get(), path), members.size() < 5 ? "" : kTooMany);
+            }
+        }
+        EXPECT_EQ(subscribe(members.front().get(), "/a"), "") << "it is subscribed already";
+    });
+
+    std::vector<std::unique_ptr<test::Peer>> roots(12);
+    for (auto& root : roots) {
+        root = std::make_unique<test::Peer>(test::Peer::Reply, test::Paths{"/a", "/b", "/c", "/d"});
+    }
+    EXPECT_EQ(test::Peer().Subscribe("/a"), kTooMany) << "64 in all";
+
+    roots.clear();
+    members.front().reset();
+    test::ServeWhile([&] {
+        EXPECT_TRUE(Eventually([&] { return subscribe(members.back().get(), "/a").empty(); }))
+            << "one that left makes room for its account";
+    });
+}
+
 TEST_F(IpcPolicy, NobodyButRootCanTellASubscriberThatThePowerGoesOff) {
     const test::Peer subscriber(test::Peer::Reply);
     const auto notify = [&](unsigned user) {
