@@ -9,6 +9,7 @@ void ResetClock();
 void ResetDiagnostics();
 void ResetDevicePower();
 void ResetRuntimeInfo();
+void ResetServiceWatchdog();
 void ResetVconf();
 void ResetWas();
 }  // namespace fakes

@@ -53,6 +53,7 @@ void Reset() {
     TheRoot().Renew();
     ResetBtHid();
     ResetClock();
+    ResetServiceWatchdog();
     ResetVconf();
     ResetWas();
     ResetDevicePower();

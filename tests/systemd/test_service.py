@@ -3,6 +3,7 @@ import os
 import re
 import shutil
 import sqlite3
+import time
 
 from conftest import wait_for
 
@@ -123,6 +124,35 @@ def test_it_comes_back_however_often_it_ends(device):
         wait_for(lambda before=before: device.daemon() not in (None, before), "the next daemon")
 
     device.wait_until_serving()
+
+
+def test_it_is_started_again_when_it_hangs(device):
+    device.run("mkdir", "-p", "/run/systemd/system/zol.service.d")
+    device.run("tee", "/run/systemd/system/zol.service.d/quick.conf",
+               stdin="[Service]\nWatchdogSec=2\nRestartSec=10ms\n")
+    device.run("systemctl", "daemon-reload")
+    device.run("systemctl", "restart", "zol")
+    device.wait_until_serving()
+    before = device.daemon()
+    time.sleep(5)
+    assert device.daemon() == before, "one that lives is left alone"
+
+    device.run("kill", "-STOP", before)
+
+    wait_for(lambda: device.daemon() not in (None, before), "the next daemon")
+    device.wait_until_serving()
+
+
+def test_the_documented_probe_is_answered_by_a_daemon_that_lives_only(device):
+    def probe():
+        return device.run("gdbus", "call", "--system", "--timeout", "2", "--dest", "org.zol.Daemon1", "--object-path",
+                          "/org/zol/Daemon1", "--method", "org.zol.Native1.Call", "99", "@ay []", check=False)
+
+    assert (probe().returncode, probe().stdout) == (0, "(false, @ay [])\n")
+
+    device.run("kill", "-STOP", device.daemon())
+
+    assert probe().returncode != 0
 
 
 def test_it_writes_only_what_is_its_own(device):

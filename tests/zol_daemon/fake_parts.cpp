@@ -85,6 +85,7 @@ extern "C" GMainLoop* g_main_loop_new(GMainContext* /*context*/, gboolean isRunn
 
 extern "C" void g_main_loop_run(GMainLoop* /*loop*/) {
     Step("run");
+    g_plan.whileItRuns();
 }
 
 extern "C" void g_main_loop_quit(GMainLoop* /*loop*/) {

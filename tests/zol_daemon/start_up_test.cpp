@@ -11,6 +11,8 @@
 #include "device_test.h"
 #include "dlog.h"
 #include "fake_parts.h"
+#include "fake_service_watchdog.h"
+#include "waiting.h"
 
 namespace {
 
@@ -83,6 +85,30 @@ TEST_F(Daemon, ASignalWhileTheServerGoesLeavesItAlone) {
 
     EXPECT_EQ(Steps().back(), "quit");
     EXPECT_THAT(Steps(), Not(Contains("cancel waits")));
+}
+
+TEST_F(Daemon, WhileItRunsItsSupervisorHearsOfLife) {
+    fakes::service_watchdog::SetInterval(20000);
+    Plan plan;
+    plan.whileItRuns = [] {
+        EXPECT_TRUE(ServeUntil([] { return fakes::service_watchdog::SignsOfLife() >= 3; }));
+    };
+
+    EXPECT_EQ(Run(plan), 0);
+
+    EXPECT_EQ(g_main_context_find_source_by_funcs_user_data(nullptr, &g_timeout_funcs, nullptr), nullptr)
+        << "it ends with the run";
+}
+
+TEST_F(Daemon, WithoutASupervisorThereIsNoTimer) {
+    Plan plan;
+    plan.whileItRuns = [] {
+        EXPECT_EQ(g_main_context_find_source_by_funcs_user_data(nullptr, &g_timeout_funcs, nullptr), nullptr);
+    };
+
+    EXPECT_EQ(Run(plan), 0);
+
+    EXPECT_THAT(Steps(), Contains("run"));
 }
 
 TEST_F(Daemon, EveryLineCarriesTheNamesOfTheEntryPointAndALineNumberOfItsOwn) {

@@ -5,6 +5,7 @@
 
 #include <boost/thread/exceptions.hpp>
 
+#include "LifeSigns.h"
 #include "Log.h"
 #include "QuitSignals.h"
 #include "TCDbusServer.h"
@@ -66,6 +67,7 @@ int main() {
             ZOL_LOG(LOG_DEBUG, "Debug Image!");
             StartTestRecording();
         }
+        const base::Subscription lifeSigns = GiveLifeSigns();
         if (loop != nullptr) {
             g_main_loop_run(loop);
         } else {

@@ -1,0 +1,18 @@
+#pragma once
+/// Whoever supervises the daemon and starts it anew when it shows no life. One thread.
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/// Microseconds within which the supervisor wants each next sign of life, from the start of the process on;
+/// 0 when nobody supervises.
+uint64_t service_watchdog_interval_us(void);
+
+/// Shows life. It cannot fail for the caller: a sign that gets lost is one that was not given.
+void service_watchdog_alive(void);
+
+#ifdef __cplusplus
+}
+#endif
