@@ -77,6 +77,11 @@ TEST_F(DynamicRingQueue, UsedOutOfOrderItAsserts) {
                             "m [core/src/RingQueue:325]", "!m [core/src/RingQueue:303]"});
 }
 
+TEST_F(DynamicRingQueue, ThatIsDestructedBeforeDestroyAsserts) {
+    EXPECT_EXIT(ForgetQueue<CCDynamicRingQueue>("!m [core/inc/RingQueue:96]"), testing::ExitedWithCode(1),
+                "");
+}
+
 TEST_F(DynamicRingQueue, AnAdderAndAReaderMayWorkAtTheSameTime) {
     CCDynamicRingQueue queue;
     ASSERT_TRUE(queue.Create());

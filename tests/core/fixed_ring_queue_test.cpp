@@ -202,6 +202,11 @@ TEST_F(FixedRingQueue, CreatedTwiceItAssertsAndKeepsItsElementsUntilItIsDestroye
     EXPECT_EQ(Get(), std::nullopt);
 }
 
+TEST_F(FixedRingQueueDeathTest, ThatIsDestructedBeforeDestroyAsserts) {
+    EXPECT_EXIT(ForgetQueue<CCFixedRingQueue>("!m [core/inc/RingQueue:62]", 4, 2U, true, false),
+                testing::ExitedWithCode(1), "");
+}
+
 TEST_F(FixedRingQueue, AddAndGetNeverAllocate) {
     using Event = std::array<unsigned char, 32>;
     constexpr int kRounds = 200;

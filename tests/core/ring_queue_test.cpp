@@ -39,6 +39,10 @@ TEST_F(RingQueue, UsedOutOfOrderItAssertsAndItRefusesToHaveNoSlots) {
         {"m [core/src/RingQueue:55]", "m [core/src/RingQueue:72]", "!m [core/src/RingQueue:21]"});
 }
 
+TEST_F(RingQueue, ThatIsDestructedBeforeDestroyAsserts) {
+    EXPECT_EXIT(ForgetQueue<CCRingQueue>("!m [core/inc/RingQueue:31]", 2U), testing::ExitedWithCode(1), "");
+}
+
 TEST_F(RingQueue, AnAdderAndAReaderMayWorkAtTheSameTime) {
     CCRingQueue queue;
     ASSERT_TRUE(queue.Create(8));

@@ -158,6 +158,7 @@ TEST_F(Notification, WhatMakesNoSenseIsRefused) {
     EXPECT_EQ(notification_create(1), nullptr);
     EXPECT_LT(notification_set_text(notification.get(), 2, "text", "KEY", -1), 0);
     EXPECT_LT(notification_set_text(notification.get(), NOTIFICATION_TEXT_TITLE, nullptr, "TITLE", -1), 0);
+    EXPECT_LT(notification_set_text(notification.get(), NOTIFICATION_TEXT_TITLE, "text", "TITLE", 0), 0);
     EXPECT_LT(notification_set_text(nullptr, NOTIFICATION_TEXT_TITLE, "text", "TITLE", -1), 0);
     EXPECT_LT(notification_set_display_applist(notification.get(), 2), 0);
     EXPECT_LT(notification_set_layout(notification.get(), 2), 0);

@@ -88,6 +88,7 @@ TEST_F(MonitorManager, OfTwoInstallItemsWithOneIdTheFirstWinsAndOneWithoutAnIdIs
     EXPECT_EQ(Install("a"), 1);
     EXPECT_EQ(m_notify.Hits(), Hits({0}));
     EXPECT_EQ(RegisteredIds(), std::vector<std::string>({"a"}));
+    EXPECT_EQ(Logged("APP INSTALL monitoring started."), 1);
     EXPECT_EQ(Logged("fail to init APP INSTALL"), 2);
     ExpectErrors({"AppId key is already exist. return false", "AppId is empty", "fail to init APP INSTALL"});
 }
