@@ -208,6 +208,7 @@ TEST_F(PowerLock, TheMachineWaitsUntilThePowerOffCallbackHasRun) {
     EXPECT_TRUE(logind.IsLetGo(0));
     EXPECT_THAT(listener.reports.Now(), ElementsAre("off standby"));
     callback.Open();
+    EXPECT_EQ(listener.reports.WaitFor(2).size(), 2U);
 }
 
 TEST_F(PowerLock, TheMachineWaitsForWorkThatOutlivesTheCallback) {
