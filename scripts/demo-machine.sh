@@ -19,6 +19,13 @@ show() {
     "$@"
 }
 
+# Else the first client would start it, and it would outlive the demo by ten seconds.
+start_store() {
+    zol_vconfd &
+    store_pid=$!
+    await "the key store" test -S "$ZOL_ROOT/run/zol/vconf.sock"
+}
+
 make_device() {
     mkdir -p "$ZOL_ROOT"/{etc,proc,tmp,run,dev,usr/bin,var/lib,var/log,home/.local/share/applications}
     printf '11111111-2222-3333-4444-555555555555' >"$ZOL_ROOT/proc/global_uniqueID"
