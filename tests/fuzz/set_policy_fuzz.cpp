@@ -2,7 +2,6 @@
 /// runs, so that nothing but the call and the storing is at work.
 #include <boost/archive/archive_exception.hpp>
 #include <boost/archive/binary_iarchive.hpp>
-#include <boost/archive/binary_oarchive.hpp>
 #include <cstring>
 #include <functional>
 #include <optional>
@@ -24,6 +23,7 @@
 #include "fake_vconf.h"
 #include "fakes.h"
 #include "fuzz_target.h"
+#include "policy_request.h"
 
 namespace {
 
@@ -51,17 +51,6 @@ Daemon& TheDaemon() {
     static auto* const daemon = new Daemon;
     fakes::vconf::SetBool(zol::kMonitoringRuns.key, true);
     return *daemon;
-}
-
-Bytes Archive(const std::string& text) {
-    std::stringstream stream;
-    {
-        boost::archive::binary_oarchive archive(stream);
-        archive << text;
-    }
-    Bytes bytes;
-    TCIpcSerializationUtil::ConvertData(stream, bytes);
-    return bytes;
 }
 
 /// The answer to a request: 0 or 1, and nothing when it was refused.
@@ -99,7 +88,7 @@ void CheckRaw(const Bytes& request) {
 
 /// A well-formed request is the same as the text in it.
 void CheckText(const std::string& text) {
-    const std::optional<std::int32_t> answer = Call(Archive(text));
+    const std::optional<std::int32_t> answer = Call(PolicyRequest(text));
     Require(answer.has_value(), "a well-formed request is handled");
     const std::string stored = fakes::ReadDeviceFile(ZOL_PATH_POLICY);
     const bool accepted = TheDaemon().manager.UpdatePolicy(text);

@@ -2,7 +2,6 @@
 
 #include <boost/archive/archive_exception.hpp>
 #include <boost/archive/binary_iarchive.hpp>
-#include <boost/archive/binary_oarchive.hpp>
 #include <cstdint>
 #include <cstring>
 #include <limits>
@@ -21,6 +20,7 @@
 #include "dlog.h"
 #include "fake_dlog.h"
 #include "policy_manager_fixture.h"
+#include "policy_request.h"
 
 namespace {
 
@@ -49,25 +49,14 @@ protected:
     zol::TCControlNative m_control;
 };
 
-Bytes Request(const std::string& text) {
-    std::stringstream stream;
-    {
-        boost::archive::binary_oarchive archive(stream);
-        archive << text;
-    }
-    Bytes bytes;
-    TCIpcSerializationUtil::ConvertData(stream, bytes);
-    return bytes;
-}
-
 /// A request whose string, or whose signature at position 0, announces another length.
 Bytes Announcing(std::size_t length, std::size_t position) {
-    Bytes bytes = Request("text");
+    Bytes bytes = PolicyRequest("text");
     std::memcpy(bytes.data() + position, &length, sizeof(length));
     return bytes;
 }
 std::size_t StringPosition() {
-    return Request("").size() - sizeof(std::size_t);
+    return PolicyRequest("").size() - sizeof(std::size_t);
 }
 
 /// The integer of a reply, which holds nothing else.
@@ -83,7 +72,7 @@ std::int32_t Integer(const Bytes& reply) {
 
 std::int32_t Control::Answer(const std::string& xml) {
     Bytes out;
-    EXPECT_TRUE(Call(Request(xml), out));
+    EXPECT_TRUE(Call(PolicyRequest(xml), out));
     return Integer(out);
 }
 
@@ -109,7 +98,7 @@ TEST_F(Control, TheCallIsWithdrawnWhenTheAdapterGoes) {
 TEST_F(Control, AnyOtherCodeIsRefusedWithoutAReply) {
     for (const int code : {5, 3, 0, -1}) {
         Bytes out;
-        EXPECT_FALSE(m_control.m_OnCallReceived(code, Request(PolicyFor("db/a")), out)) << code;
+        EXPECT_FALSE(m_control.m_OnCallReceived(code, PolicyRequest(PolicyFor("db/a")), out)) << code;
         EXPECT_TRUE(out.empty());
     }
     EXPECT_FALSE(fakes::dlog::Has("Policy set api invoked"));
@@ -144,7 +133,7 @@ TEST_F(Control, APolicyThatIsRefusedOrCannotBeStoredIsAHandledCallAnsweredWithZe
 }
 
 TEST_F(Control, ARequestCutAtAnyByteIsRefused) {
-    const Bytes whole = Request(PolicyFor("db/a"));
+    const Bytes whole = PolicyRequest(PolicyFor("db/a"));
     for (std::size_t length = 1; length < whole.size(); ++length) {
         ExpectRefused(Bytes(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(length)));
     }
@@ -182,7 +171,7 @@ TEST_F(Control, APolicyLongerThanTheLimitIsRefusedBeforeRoomIsMade) {
     Bytes out;
     std::string reason;
     try {
-        Call(Request(xml + " "), out);
+        Call(PolicyRequest(xml + " "), out);
     } catch (const std::length_error& error) {
         reason = error.what();
     }
@@ -194,7 +183,7 @@ TEST_F(Control, APolicyLongerThanTheLimitIsRefusedBeforeRoomIsMade) {
 
 TEST_F(Control, ARequestWithOneBitChangedIsRefusedOrTakenForTheTextThatItCarries) {
     const std::string xml = PolicyFor("db/a");
-    const Bytes whole = Request(xml);
+    const Bytes whole = PolicyRequest(xml);
     for (std::size_t bit = 0; bit < whole.size() * 8; ++bit) {
         Bytes changed = whole;
         changed[bit / 8] = static_cast<unsigned char>(changed[bit / 8] ^ (1U << (bit % 8)));
@@ -224,7 +213,7 @@ TEST_F(Control, ARequestWithOneBitChangedIsRefusedOrTakenForTheTextThatItCarries
 }
 
 TEST_F(Control, BytesBehindTheStringAreIgnored) {
-    Bytes bytes = Request("");
+    Bytes bytes = PolicyRequest("");
     bytes.insert(bytes.end(), 100, 0xFF);
     Bytes out;
     EXPECT_TRUE(Call(bytes, out));
