@@ -1,0 +1,229 @@
+/// Calls the daemon's D-Bus interface with any arguments, from several connections to a real bus, and holds
+/// its answers and its subscriptions against a model. Inputs choose calls; the bus is the same for all.
+#include <gio/gio.h>
+
+#include <algorithm>
+#include <array>
+#include <memory>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "TCDbusServer.h"
+#include "base/glib_handles.h"
+#include "fake_dlog.h"
+#include "fakes.h"
+#include "fuzz_target.h"
+#include "private_bus.h"
+#include "waiting.h"
+
+namespace {
+
+using fuzz::Require;
+using Bytes = std::vector<unsigned char>;
+
+constexpr std::size_t kMostCalls = 24;
+constexpr std::size_t kPathsPerConnection = 4;
+constexpr std::size_t kLongestPath = 255;
+constexpr int kEcho = 4;
+constexpr int kThrows = 5;
+constexpr int kRefuses = 6;
+constexpr const char* kTooMany = "org.zol.Error.TooManySubscribers";
+constexpr const char* kTooLarge = "org.zol.Error.TooLarge";
+constexpr const char* kFailed = "org.zol.Error.Failed";
+constexpr const char* kWrongArguments = "org.freedesktop.DBus.Error.InvalidArgs";
+constexpr const char* kNoMethod = "org.freedesktop.DBus.Error.UnknownMethod";
+
+struct Answer {
+    std::string error;  ///< the D-Bus error's name; empty when there was none
+    base::GVariantPtr body;
+};
+
+/// A connection that answers every notification, and what it has subscribed.
+class Caller {
+public:
+    Caller() : m_connection(ConnectTo()) {
+        g_dbus_connection_add_filter(m_connection.get(), AnswerCb, nullptr, nullptr);
+    }
+    ~Caller() { g_dbus_connection_close_sync(m_connection.get(), nullptr, nullptr); }
+    Caller(const Caller&) = delete;
+    Caller& operator=(const Caller&) = delete;
+
+    Answer Call(const std::string& method, GVariant* arguments) {
+        base::GObjectPtr<GAsyncResult> result;
+        g_dbus_connection_call(m_connection.get(), "org.zol.Daemon1", "/org/zol/Daemon1", "org.zol.Native1",
+                               method.c_str(), arguments, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr,
+                               ReadyCb, &result);
+        Require(ServeUntil([&] { return result != nullptr; }), "every call is answered");
+        base::GErrorPtr error;
+        Answer answer;
+        answer.body.reset(
+            g_dbus_connection_call_finish(m_connection.get(), result.get(), base::OutError(error)));
+        if (error != nullptr) {
+            const base::GStringPtr name(g_dbus_error_get_remote_error(error.get()));
+            Require(name != nullptr, "the connection stays");
+            answer.error = name.get();
+        }
+        return answer;
+    }
+
+    std::set<std::string> paths;
+
+private:
+    static void ReadyCb(GObject* /*source*/, GAsyncResult* result, gpointer data) {
+        static_cast<base::GObjectPtr<GAsyncResult>*>(data)->reset(G_ASYNC_RESULT(g_object_ref(result)));
+    }
+    /// On the connection's own thread.
+    static GDBusMessage* AnswerCb(GDBusConnection* connection, GDBusMessage* message, gboolean isIncoming,
+                                  gpointer /*data*/) {
+        if (isIncoming == FALSE ||
+            g_dbus_message_get_message_type(message) != G_DBUS_MESSAGE_TYPE_METHOD_CALL) {
+            return message;
+        }
+        const base::GObjectPtr<GDBusMessage> reply(g_dbus_message_new_method_reply(message));
+        g_dbus_connection_send_message(connection, reply.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr,
+                                       nullptr);
+        g_object_unref(message);
+        return nullptr;
+    }
+
+    const base::GObjectPtr<GDBusConnection> m_connection;
+};
+
+using Callers = std::array<std::unique_ptr<Caller>, 3>;
+
+/// A served bus; it lives as long as the process.
+struct Served {
+    Served() {
+        bus.Start();
+        server = std::make_unique<zol::TCDbusServer>(false);
+        server->RegisterNativeCall(kEcho, [](const Bytes& in, Bytes& out) {
+            out = in;
+            return true;
+        });
+        server->RegisterNativeCall(kThrows, [](const Bytes& in, Bytes&) -> bool {
+            throw std::runtime_error(std::string(in.begin(), in.end()));
+        });
+        server->RegisterNativeCall(kRefuses, [](const Bytes& in, Bytes& out) {
+            out = in;
+            return false;
+        });
+        Require(ServeUntil([] { return fakes::dlog::Count("IPC: serving") > 0; }),
+                "the server gets its name");
+    }
+    PrivateBus bus;
+    std::unique_ptr<zol::TCDbusServer> server;
+};
+
+Served& TheServed() {
+    static auto* const served = new Served;
+    fakes::dlog::Clear();
+    return *served;
+}
+
+void CheckCall(Caller& caller, fuzz::Input& input) {
+    // Mostly codes that have a handler.
+    const int code =
+        input.Below(4) > 0 ? static_cast<int>(kEcho + input.Below(3)) : static_cast<int>(input.Byte());
+    const std::string request = input.Text(input.Byte());
+    GVariant* bytes = g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, request.data(), request.size(), 1);
+    const Answer answer = caller.Call("Call", g_variant_new("(i@ay)", code, bytes));
+    if (code == kThrows) {
+        Require(answer.error == kFailed, "a handler that throws is an error");
+        return;
+    }
+    Require(answer.error.empty(), "a call is answered without an error");
+    gboolean handled = FALSE;
+    GVariant* reply = nullptr;
+    g_variant_get(answer.body.get(), "(b@ay)", &handled, &reply);
+    const base::GVariantPtr owner(reply);
+    gsize size = 0;
+    const auto* data = static_cast<const char*>(g_variant_get_fixed_array(reply, &size, 1));
+    Require((handled != FALSE) == (code == kEcho), "what the handler said");
+    Require(std::string(data, size) == (code == kEcho ? request : ""), "the handler's reply");
+}
+
+/// What Subscribe must answer; the model subscribes too.
+std::string Subscribed(std::set<std::string>& paths, const std::string& path) {
+    if (path.size() > kLongestPath) {
+        return kTooLarge;
+    }
+    if (paths.count(path) == 0 && paths.size() == kPathsPerConnection) {
+        return kTooMany;
+    }
+    paths.insert(path);
+    return "";
+}
+
+void CheckSubscribe(Caller& caller, fuzz::Input& input) {
+    std::string path = input.Text(input.Byte());
+    if (input.Below(8) == 0) {
+        path += '/' + std::string(input.Byte(), 'p');
+    }
+    if (g_variant_is_object_path(path.c_str()) == FALSE) {
+        const base::GVariantPtr bytes(g_variant_ref_sink(g_variant_new_bytestring(path.c_str())));
+        Require(caller.Call("Subscribe", g_variant_new("(@ay)", bytes.get())).error == kWrongArguments,
+                "arguments of another type");
+        return;
+    }
+    const std::string expected = Subscribed(caller.paths, path);
+    Require(caller.Call("Subscribe", g_variant_new("(o)", path.c_str())).error == expected, "a subscription");
+}
+
+/// Arguments of a type that no method takes.
+void CheckWrongArguments(Caller& caller, fuzz::Input& input) {
+    constexpr std::array<const char*, 5> kMethods{"Call", "Subscribe", "Unsubscribe", "Notify", "GetAll"};
+    constexpr std::array<const char*, 6> kTypes{"(s)", "(a{si})", "(iiay)", "(ias)", "((o))", "(oo)"};
+    const std::string method = kMethods.at(input.Below(5));
+    const char* const type = kTypes.at(input.Below(6));
+    const std::string text = input.Text(input.Byte());
+    const base::GVariantPtr raw(g_variant_ref_sink(
+        g_variant_new_from_data(G_VARIANT_TYPE(type), text.data(), text.size(), FALSE, nullptr, nullptr)));
+    const bool isOffered = method != "Notify" && method != "GetAll";
+    const Answer answer = caller.Call(method, g_variant_get_normal_form(raw.get()));
+    Require(answer.error == (isOffered ? kWrongArguments : kNoMethod), "arguments that no method takes");
+}
+
+void CheckNotification(zol::TCDbusServer& server, const Callers& callers, int code) {
+    std::size_t expected = 0;
+    for (const auto& caller : callers) {
+        expected += caller->paths.size();
+    }
+    Require(server.SendNotification(code, -1) == static_cast<int>(expected),
+            "every subscription replies once");
+}
+
+void Step(Callers& callers, fuzz::Input& input) {
+    auto& caller = callers.at(input.Below(3));
+    switch (input.Below(8)) {
+        case 0:
+        case 1:
+            return CheckCall(*caller, input);
+        case 2:
+        case 3:
+        case 4:
+            return CheckSubscribe(*caller, input);
+        case 5:
+            Require(caller->Call("Unsubscribe", nullptr).error.empty(), "unsubscribing");
+            return caller->paths.clear();
+        case 6:
+            return CheckWrongArguments(*caller, input);
+        default:
+            caller = std::make_unique<Caller>();
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    Served& served = TheServed();
+    Callers callers;
+    std::generate(callers.begin(), callers.end(), [] { return std::make_unique<Caller>(); });
+    fuzz::Input input(data, size);
+    for (std::size_t count = 0; count < kMostCalls && !input.IsEmpty(); ++count) {
+        Step(callers, input);
+        CheckNotification(*served.server, callers, static_cast<int>(count));
+    }
+    return 0;
+}
