@@ -1,10 +1,5 @@
 /// zol_vconfd: the one process that opens the files of the key store.
-///
-///   zol_vconfd               serves until it is ended, or nobody has been connected for ten seconds
-///   zol_vconfd --detach      returns when it listens, and goes on in the background
-///   zol_vconfd --idle-ms N   ends after another time than ten seconds
 #include <fcntl.h>
-#include <getopt.h>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/socket.h>
@@ -13,10 +8,10 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
+#include <optional>
 #include <string>
 
 #include "base/folders.h"
@@ -27,6 +22,7 @@
 #include "platform_log.h"
 #include "vconf/service/access.h"
 #include "vconf/service/key_database.h"
+#include "vconf/service/options.h"
 #include "vconf/service/server.h"
 #include "vconf/service_socket.h"
 #include "vconf/store_paths.h"
@@ -35,30 +31,11 @@ namespace {
 
 using base::UniqueFd;
 using keystore::KeyDatabase;
+using keystore::Options;
 
 constexpr mode_t kOthersWrite = S_IWGRP | S_IWOTH;
 constexpr std::uint64_t kLockPauseUs = 5000;
 constexpr int kBacklog = 128;
-
-struct Options {
-    bool isDetached = false;
-    int idleMs = 10000;
-};
-
-bool Parse(int argc, char** argv, Options* out) {
-    static const option known[] = {
-        {"detach", no_argument, nullptr, 'd'}, {"idle-ms", required_argument, nullptr, 'i'}, {}};
-    for (int found = 0; (found = getopt_long(argc, argv, "", known, nullptr)) != -1;) {
-        if (found == 'd') {
-            out->isDetached = true;
-        } else if (found == 'i') {
-            out->idleMs = std::atoi(optarg);
-        } else {
-            return false;
-        }
-    }
-    return optind == argc;
-}
 
 /// Makes a folder of the store for this account alone, or finds it so. Its path without links; empty, with a
 /// line, when there is none that can be used.
@@ -198,6 +175,9 @@ int Serve(const Options& options) {
                            KeyDatabase::Durability::Process);
     keystore::Server server(std::move(listener), &durableKeys, &memoryKeys, group);
     const bool isIdle = server.Run(options.idleMs);
+    if (!isIdle) {
+        PLATFORM_LOG(ERROR, "key store: its service cannot wait for clients: %s", std::strerror(errno));
+    }
     if (!isActivated) {
         // Before the lock goes: whoever has it next makes a socket of its own.
         unlinkat(run.fd.Get(), keystore::kSocketName, 0);
@@ -208,13 +188,12 @@ int Serve(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    Options options;
-    if (!Parse(argc, argv, &options)) {
-        std::fprintf(stderr, "usage: zol_vconfd [--detach] [--idle-ms N]\n");
-        return EXIT_FAILURE;
-    }
-    BeginCleanly(options);
     int status = EXIT_FAILURE;
-    platform::Guarded("key store service", [&] { status = Serve(options); });
+    const std::optional<Options> options = keystore::ReadOptions(argc, argv, &status);
+    if (!options) {
+        return status;
+    }
+    BeginCleanly(*options);
+    platform::Guarded("key store service", [&] { status = Serve(*options); });
     return status;
 }
