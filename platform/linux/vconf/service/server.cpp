@@ -39,27 +39,36 @@ Server::Server(base::UniqueFd listener, KeyDatabase* durable, KeyDatabase* memor
     : m_listener(std::move(listener)), m_durable(durable), m_memory(memory), m_group(group) {}
 
 bool Server::Run(int idleMs) {
-    m_epoll.Reset(epoll_create1(EPOLL_CLOEXEC));
-    if (!Poll(EPOLL_CTL_ADD, m_listener.Get(), EPOLLIN, nullptr)) {
-        return false;
+    Step step = Step::Done;
+    while (step == Step::Done) {
+        step = ServeNext(m_clients.empty() ? idleMs : -1);
     }
-    for (;;) {
-        DropWatchersOfReplaced();
-        // One at a time: what is done for one client may close another.
-        epoll_event event{};
-        const int count = epoll_wait(m_epoll.Get(), &event, 1, m_clients.empty() ? idleMs : -1);
-        if (count < 0 && errno != EINTR) {
-            return false;
-        }
-        if (count == 0) {
-            return true;
-        }
-        if (count > 0 && event.data.ptr == nullptr) {
-            Accept();
-        } else if (count > 0) {
-            Serve(static_cast<Client*>(event.data.ptr), event.events);
+    return step == Step::Idle;
+}
+
+Server::Step Server::ServeNext(int timeoutMs) {
+    if (!m_epoll) {
+        m_epoll.Reset(epoll_create1(EPOLL_CLOEXEC));
+        if (!Poll(EPOLL_CTL_ADD, m_listener.Get(), EPOLLIN, nullptr)) {
+            return Step::Failed;
         }
     }
+    DropWatchersOfReplaced();
+    // One at a time: what is done for one client may close another.
+    epoll_event event{};
+    const int count = epoll_wait(m_epoll.Get(), &event, 1, timeoutMs);
+    if (count < 0) {
+        return errno == EINTR ? Step::Done : Step::Failed;
+    }
+    if (count == 0) {
+        return Step::Idle;
+    }
+    if (event.data.ptr == nullptr) {
+        Accept();
+    } else {
+        Serve(static_cast<Client*>(event.data.ptr), event.events);
+    }
+    return Step::Done;
 }
 
 bool Server::Poll(int operation, int socket, std::uint32_t events, Client* client) const {

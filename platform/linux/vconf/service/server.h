@@ -28,6 +28,11 @@ public:
     /// Returns when nobody has been connected for so long. False with errno when it cannot serve.
     [[nodiscard]] bool Run(int idleMs);
 
+    enum class Step { Done, Idle, Failed };
+    /// What Run does again and again: waits so long (-1: for ever) for a client that wants something, and
+    /// serves it. Failed leaves errno.
+    [[nodiscard]] Step ServeNext(int timeoutMs);
+
 private:
     struct Client {
         base::UniqueFd socket;
