@@ -1,10 +1,12 @@
 """The installed service under a real systemd as PID 1, in namespaces of its own.
 
 Fixtures:
-  device    a booted machine with the programs of ZOL_BUILD_DIR installed; it can be shut down and booted again
+  device          a booted machine with the programs of ZOL_BUILD_DIR installed; it can be shut down and booted again
+  shared_device   one for all tests of a module, which leave it as they found it
 
 The root is build/systemd-image (scripts/systemd-image) under an overlay that goes with the test. Needs root.
 """
+import contextlib
 import os
 import pathlib
 import shutil
@@ -130,8 +132,8 @@ class Device:
         return self.run("stat", "--format=%a %U %G %n", *paths).stdout.splitlines()
 
 
-@pytest.fixture
-def device():
+@contextlib.contextmanager
+def booted_device():
     folder = pathlib.Path(tempfile.mkdtemp(prefix="zol-device-"))
     device = None
     try:
@@ -146,3 +148,15 @@ def device():
         if device is not None:
             device.close()
         shutil.rmtree(folder, ignore_errors=True)
+
+
+@pytest.fixture
+def device():
+    with booted_device() as device:
+        yield device
+
+
+@pytest.fixture(scope="module")
+def shared_device():
+    with booted_device() as device:
+        yield device
