@@ -1,8 +1,11 @@
 /// The clock of the daemon that the end-to-end tests steer: the product's daemon with this in place of the
 /// platform's clock. ZOL_TEST_CLOCK_SPEED says how many seconds pass here while one passes outside,
-/// ZOL_TEST_CLOCK_AHEAD by how many seconds the wall clock is wrong.
+/// ZOL_TEST_CLOCK_AHEAD by how many seconds the wall clock is wrong, ZOL_TEST_CLOCK_FILE a file with a number
+/// of seconds by which it is wrong beside that: the clock jumps when it is written.
+#include <fcntl.h>
 #include <glib.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -30,10 +33,21 @@ uint64_t Speed() {
     return speed;
 }
 
+/// What the file says now; 0 when there is none.
+int64_t Jumped() {
+    static const char* const name = std::getenv("ZOL_TEST_CLOCK_FILE");
+    static const int file = name != nullptr ? open(name, O_RDONLY | O_CLOEXEC) : -1;
+    char text[32] = "";
+    if (file >= 0 && pread(file, text, sizeof(text) - 1, 0) > 0) {
+        return std::strtoll(text, nullptr, 10);
+    }
+    return 0;
+}
+
 /// Seconds: as nanoseconds it may be more than 64 bits hold.
 int64_t Ahead() {
     static const auto ahead = static_cast<int64_t>(Setting("ZOL_TEST_CLOCK_AHEAD"));
-    return ahead;
+    return ahead + Jumped();
 }
 
 uint64_t RealNs(clockid_t clock) {
@@ -90,10 +104,11 @@ int platform_sem_wait_until(sem_t* sem, const platform_time_t* deadline) {
         errno = EINVAL;
         return -1;
     }
-    const uint64_t until = static_cast<uint64_t>(deadline->seconds - Ahead()) * kNsPerSecond +
-                           static_cast<uint64_t>(deadline->nanoseconds);
     while (sem_trywait(sem) != 0) {
-        if (WallNs() >= until) {
+        // Anew each time: the clock may jump meanwhile.
+        const int64_t until =
+            (deadline->seconds - Ahead()) * static_cast<int64_t>(kNsPerSecond) + deadline->nanoseconds;
+        if (static_cast<int64_t>(WallNs()) >= until) {
             errno = ETIMEDOUT;
             return -1;
         }

@@ -9,6 +9,9 @@ namespace keystore {
 namespace {
 
 constexpr std::uint64_t kPauseNs = 1000000000;
+// A service that is killed may be connected to while it ends, and so may the next one.
+constexpr int kMaxAttempts = 8;
+constexpr std::uint64_t kRetryUs = 10000;
 
 }  // namespace
 
@@ -16,8 +19,8 @@ bool ServiceLink::Call(const Message& request, Message* answer) {
     const std::string frame = Pack(request);
     const std::lock_guard<std::mutex> lock(m_mutex);
     errno = EIO;
-    // A service that has ended since the last call is connected to anew; all requests may be made twice.
-    for (int attempt = 0; attempt < 2 && platform_clock_steady_ns() >= m_silentUntil; ++attempt) {
+    // A service that has ended since the last call is connected to anew; all requests may be made again.
+    for (int attempt = 0; attempt < kMaxAttempts && platform_clock_steady_ns() >= m_silentUntil; ++attempt) {
         if (!m_socket) {
             m_socket = ConnectToService();
         }
@@ -32,6 +35,8 @@ bool ServiceLink::Call(const Message& request, Message* answer) {
         m_socket.Reset();
         if (transfer == Transfer::WouldBlock) {
             m_silentUntil = platform_clock_steady_ns() + kPauseNs;
+        } else if (attempt > 0) {
+            platform_sleep_us(kRetryUs);
         }
     }
     errno = errno == EACCES ? EACCES : EIO;

@@ -1,5 +1,7 @@
 /// The life of the service: who starts it, how it ends, what its clients notice of that.
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <array>
@@ -12,7 +14,9 @@
 #include <thread>
 #include <vector>
 
+#include "base/unique_fd.h"
 #include "child_process.h"
+#include "device_paths.h"
 #include "key_store_fixture.h"
 #include "waiting.h"
 
@@ -61,6 +65,30 @@ TEST_F(ServiceOfTheStore, KilledAgainAndAgainLosesNoAcknowledgedValueAndNoLastCh
         EXPECT_EQ(GetInt(key), 400);
         EXPECT_TRUE(ServeUntil([&] { return heard.number == 400; }));
     }
+}
+
+TEST_F(ServiceOfTheStore, IsAskedAgainByACallThatItsEndCutsOffRepeatedly) {
+    ASSERT_TRUE(SetInt("db/k", 5));
+    Service().Kill();
+    const std::string path = Root() + ZOL_PATH_RUN_DIR + "/vconf.sock";
+    fs::remove(path);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    const base::UniqueFd dying(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(bind(dying.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    ASSERT_EQ(listen(dying.Get(), 1), 0);
+    std::thread end([&] {
+        for (int connection = 0; connection < 3; ++connection) {
+            const base::UniqueFd cutOff(accept(dying.Get(), nullptr, nullptr));
+            if (connection == 2) {
+                fs::remove(path);
+            }
+        }
+    });
+    EXPECT_EQ(GetInt("db/k"), 5);
+    shutdown(dying.Get(), SHUT_RDWR);
+    end.join();
 }
 
 TEST_F(ServiceOfTheStore, TellsWhatHasChangedWhileAClientWasAwayAndNothingElse) {
