@@ -232,7 +232,7 @@ class Load:
     def _prepare_collector(self):
         """At times a slow one, at times the one that is there."""
         self.collector.paths = []
-        if self.collector.process is None or self.random.random() < 0.2:
+        if self.random.random() < 0.2:
             self.collector.kill()
             self.collector.start(delay_ms=self.random.choice([0, 1, 3]))
 
@@ -280,6 +280,7 @@ class Load:
         self._await(lambda: self._is_idle(this) and self.machine.get(HANDOVER_KEY) == "")
         if this.collector_kills:
             self.collector.kill()  # and all that it has told is heard
+            self.collector.start()
         this.taken = self.collector.paths
         self._await(lambda: len(this.taken) >= self._lines()["published"] - len(self.tasks.created) - this.service_kills)
 

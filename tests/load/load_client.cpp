@@ -1,13 +1,12 @@
 /// The load's own clients of the key store, faster than one zolctl per change.
 ///
-///   load_client set              sets integer keys as fast as the store takes them. Each line of the
-///   standard input
-///                                is "KEY VALUE"; a set that fails is made again. An empty line is answered
-///                                with "done SETS RETRIES" once all before it are made
-///   load_client collect DELAYMS  a collector: prints "PATH HEADER" for each report folder that it is handed,
-///   where
-///                                HEADER is 1 when the folder holds a header.json, and empties the key
-///                                DELAYMS later
+/// load_client set: sets integer keys as fast as the store takes them. Each line of the standard input is
+/// "KEY VALUE"; a set that fails is made again. An empty line is answered with "done SETS RETRIES" once all
+/// before it are made.
+///
+/// load_client collect DELAYMS: a collector. Prints "watching", then "PATH HEADER" for each report folder
+/// that it is handed, where HEADER is 1 when the folder holds a header.json, and empties the key DELAYMS
+/// later.
 #include <glib.h>
 #include <unistd.h>
 
@@ -82,6 +81,7 @@ int CollectReports(const char* delayMs) {
                   << std::endl;
         return 1;
     }
+    std::cout << "watching" << std::endl;
     Collect(nullptr, &delayUs);
     g_main_loop_run(g_main_loop_new(nullptr, FALSE));
     return 0;

@@ -145,6 +145,7 @@ class Collector:
 
     def start(self, delay_ms=0):
         self.process = self.machine.start(BIN / "load_client", "collect", delay_ms, stdout=subprocess.PIPE, text=True)
+        assert self.process.stdout.readline() == "watching\n", "the collector cannot watch the hand-over"
         self.reader = LineReader(self.process, self._take)
 
     def _take(self, words):
