@@ -49,8 +49,9 @@ public:
     }
     /// Makes it durable and gives it its final name.
     bool MoveTo(const std::string& path) {
-        // Through a descriptor of its own: a tool may have put another file in its place.
-        const base::UniqueFd content(open(m_path.c_str(), O_RDONLY | O_CLOEXEC));
+        // Through a descriptor of its own: a tool may have put another file in its place, and on a stick of
+        // its own somebody else a link to a file that is not to be opened for everyone.
+        const base::UniqueFd content(open(m_path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
         if (!content) {
             return false;
         }

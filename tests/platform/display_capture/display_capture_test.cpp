@@ -168,6 +168,19 @@ TEST_F(Capture, AnOldPictureStaysWhenTheCaptureFails) {
     EXPECT_EQ(ReadFile(DevicePath(file)), "old");
 }
 
+TEST_F(Capture, ALinkInThePicturesPlaceIsNotFollowed) {
+    const std::string precious = DevicePath("/media/precious");
+    WriteFile(precious, "for root alone");
+    fs::permissions(precious, fs::perms(0600));
+    InstallX11("exit 0", "/bin/ln -sf '" + precious + "' \"${last#*:}\"");
+
+    EXPECT_LT(Request(file), 0);
+
+    EXPECT_EQ(ModeOf(precious), 0600U);
+    EXPECT_TRUE(fs::is_empty(DevicePath(kFolder)));
+    EXPECT_EQ(log.Count("cannot write the capture"), 1);
+}
+
 TEST_F(Capture, WithoutAToolItFailsAndSaysWhy) {
     x11.Set(":7");
 
