@@ -25,6 +25,10 @@ constexpr const char* kOldSchema =
     " change INTEGER NOT NULL) WITHOUT ROWID;"
     "CREATE UNIQUE INDEX keys_by_change ON keys(change);";
 const std::string kRubbish(5000, 'x');
+/// Whoever changes a key never gets to the end of it.
+const std::string kEndlessTrigger =
+    "CREATE TRIGGER t AFTER INSERT ON keys BEGIN SELECT count(*) FROM "
+    "(WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i FROM n) SELECT i FROM n); END";
 
 /// Runs statements on a database; the connection stays open as long as the result lives.
 base::DatabasePtr Execute(const std::string& path, const std::string& statements) {
@@ -92,7 +96,7 @@ TEST_F(StoreFiles, WithoutTheDatabaseLeaveTheLogToBeSetAside) {
 
 TEST_F(StoreFiles, ThatHoldSomethingElseAreSetAside) {
     const std::vector<std::string> changes = {
-        "CREATE TRIGGER t AFTER UPDATE ON keys BEGIN SELECT 1; END",
+        kEndlessTrigger,
         "CREATE VIEW v AS SELECT 1",
         "CREATE TABLE other(x)",
         "DROP TABLE keys",
@@ -109,6 +113,23 @@ TEST_F(StoreFiles, ThatHoldSomethingElseAreSetAside) {
     WriteFile(Database(), "");
     EXPECT_EQ(SetInTheNextOne(), "none\n0\nint 4\n");
     EXPECT_EQ(Log().Count("is damaged"), static_cast<int>(changes.size()) + 1);
+}
+
+TEST_F(StoreFiles, AreNotMadeThroughLinksThatLieInTheWay) {
+    Service().Kill();
+    const std::string precious = Root() + "/precious";
+    WriteFile(precious, "not a store");
+    fs::create_directories(OldFolder());
+    Execute(OldFolder() + "/vconf.db", std::string(kOldSchema) + "INSERT INTO keys VALUES('db/k', 1, 7, 1)");
+    fs::remove_all(DurableFolder());
+    fs::create_directories(DurableFolder());
+    fs::permissions(DurableFolder(), fs::perms::owner_all);
+    for (const char* end : {".new", ".taken", ".taken-wal", ".taken-journal"}) {
+        fs::create_symlink(precious, Database() + end);
+    }
+    Service().Start();
+    EXPECT_EQ(Get("db/k"), "int 7");
+    EXPECT_EQ(ReadFile(precious), "not a store");
 }
 
 TEST_F(StoreFiles, CutAtAnyPageAreReadOrSetAside) {
@@ -252,6 +273,21 @@ TEST_F(OldStore, HandsOverOnlyWhatAKeyCanBe) {
     EXPECT_EQ(Log().Count("3 keys taken over, 7 left out"), 1);
 }
 
+TEST_F(OldStore, WithARowThatIsTooLargeCostsTheServiceNoMemory) {
+    const auto peakKiBWith = [&](const std::string& more) {
+        Make("INSERT INTO keys VALUES('db/a', 1, 7, 1)" + more);
+        Service().Start();
+        EXPECT_EQ(Get("db/a"), "int 7");
+        const std::string status = ReadFile("/proc/" + std::to_string(Service().Pid()) + "/status");
+        Service().Kill();
+        fs::remove_all(DurableFolder());
+        return std::stol(status.substr(status.find("VmHWM:") + 6));
+    };
+    const long usual = peakKiBWith("");
+    EXPECT_LT(peakKiBWith(", ('db/huge', 2, CAST(zeroblob(60000000) AS TEXT), 2)"), usual + 30000);
+    EXPECT_EQ(Log().Count("1 keys taken over, 0 left out, the rest cannot be read"), 1);
+}
+
 TEST_F(OldStore, IsLeftAloneUnlessItIsAPlainStoreOfKeys) {
     const std::string keys = "INSERT INTO keys VALUES('db/k', 1, 7, 1)";
     const std::string elsewhere = Root() + "/elsewhere.db";
@@ -271,7 +307,7 @@ TEST_F(OldStore, IsLeftAloneUnlessItIsAPlainStoreOfKeys) {
         {"a folder", [&] { fs::create_directory(Path()); }},
         {"rubbish", [&] { WriteFile(Path(), kRubbish); }},
         {"nothing", [&] { WriteFile(Path(), ""); }},
-        {"a trigger", [&] { Make(keys + "; CREATE TRIGGER t AFTER DELETE ON keys BEGIN SELECT 1; END"); }},
+        {"an endless trigger", [&] { Make(keys + ";" + kEndlessTrigger); }},
         {"an endless view",
          [&] {
              Execute(Path(),
