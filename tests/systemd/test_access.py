@@ -3,7 +3,7 @@ import pytest
 
 from test_service import HANDOVER_KEY, KEY, POLICY, wait_for, zolctl
 
-ACCOUNTS = ("stranger", "member", "zol-vconf", "root")
+ACCOUNTS = ("stranger", "member", "zol-vconf", "policy", "root")
 
 NATIVE = "org.zol.Native1"
 CORE_DUMPS = "db/private/corvel/corvel_policy_info"
@@ -54,8 +54,8 @@ MEMBERS, OWNER = {"member", "root"}, {"zol-vconf", "root"}
 ACCESS = [
     ("/var/lib/zol", "list", ALL),
     ("/var/lib/zol", "create", ROOT),
-    ("/var/lib/zol/policy.xml", "read", ROOT),
-    ("/var/lib/zol/policy.xml", "write", ROOT),
+    ("/var/lib/zol/policy.xml", "read", {"policy", "root"}),
+    ("/var/lib/zol/policy.xml", "write", {"policy", "root"}),
     *((path, how, ROOT) for path in ("/var/lib/zol/kpi.db", "/var/lib/zol/kpi.db-wal", "/var/lib/zol/kpi.db-shm")
       for how in ("read", "write")),
     *((path, how, OWNER) for path in ("/var/lib/zol/vconfd", "/run/zol/vconfd") for how in ("list", "create")),
@@ -109,6 +109,9 @@ ACCESS = [
 @pytest.fixture(scope="module")
 def machine(shared_device):
     """One with a policy, keys, an event and a report; the attribute `report` is the report's folder."""
+    # The platform's account, which the policy is stored for.
+    shared_device.run("groupadd", "--gid", "951", "policy")
+    shared_device.run("useradd", "--uid", "951", "--gid", "951", "policy")
     zolctl(shared_device, "policy", "push", "-", user="member", stdin=POLICY)
     zolctl(shared_device, "vconf", "set", "memory/access", "0", "--type", "int", user="member")
     zolctl(shared_device, "vconf", "set", KEY, "3", "--type", "int", user="member")
