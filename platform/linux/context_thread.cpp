@@ -2,7 +2,7 @@
 
 #include <pthread.h>
 
-#include <system_error>
+#include <exception>
 #include <utility>
 
 #include "guarded.h"
@@ -68,15 +68,22 @@ bool ContextThread::Start(std::function<void()> begin, std::function<void()> end
     m_context.reset(g_main_context_new());
     m_loop.reset(g_main_loop_new(m_context.get(), FALSE));
     std::unique_lock<std::mutex> lock(m_mutex);
-    m_work = std::make_unique<WorkQueue>(m_context.get(), m_name);
+    m_state = State::Starting;
     try {
+        m_work = std::make_unique<WorkQueue>(m_context.get(), m_name);
         m_thread = std::thread(&ContextThread::Run, this, std::move(begin), std::move(end));
-    } catch (const std::system_error& error) {
+    } catch (const std::exception& error) {
         m_work.reset();
         PLATFORM_LOG(ERROR, "thread %s: %s", m_name.c_str(), error.what());
         return false;
     }
-    m_started.wait(lock, [this] { return m_running; });
+    m_started.wait(lock, [this] { return m_state != State::Starting; });
+    if (m_state == State::Failed) {
+        m_work.reset();
+        lock.unlock();
+        m_thread.join();
+        return false;
+    }
     return true;
 }
 
@@ -88,7 +95,6 @@ void ContextThread::Stop() {
     Post([this] { g_main_loop_quit(m_loop.get()); });
     m_thread.join();
     const std::lock_guard<std::mutex> lock(m_mutex);
-    m_running = false;
     m_work.reset();
 }
 
@@ -103,13 +109,18 @@ void ContextThread::Run(const std::function<void()>& begin, const std::function<
     pthread_setname_np(pthread_self(), m_name.substr(0, 15).c_str());
     m_id = std::this_thread::get_id();
     g_main_context_push_thread_default(m_context.get());
-    Guarded(m_name.c_str(), begin);
+    const bool hasBegun = Guarded(m_name.c_str(), [&] {
+        begin();
+        return true;
+    });
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        m_running = true;
+        m_state = hasBegun ? State::Running : State::Failed;
         m_started.notify_all();
     }
-    g_main_loop_run(m_loop.get());
+    if (hasBegun) {
+        g_main_loop_run(m_loop.get());
+    }
     Guarded(m_name.c_str(), end);
     g_main_context_pop_thread_default(m_context.get());
     m_id = std::thread::id();

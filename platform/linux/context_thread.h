@@ -51,7 +51,8 @@ public:
     ContextThread& operator=(const ContextThread&) = delete;
 
     /// Starts the thread and returns after `begin` has run on it. `end` runs on it as its last act.
-    /// True at once when it runs already; false when the system gives no thread.
+    /// True at once when it runs already; false, with a line, when the system gives no thread or `begin`
+    /// throws.
     [[nodiscard]] bool Start(std::function<void()> begin, std::function<void()> end);
     /// Ends the loop after the work at hand and joins. Work that was posted and has not begun is dropped.
     /// Nothing to do when it does not run.
@@ -62,6 +63,8 @@ public:
     bool IsCurrent() const { return m_id.load() == std::this_thread::get_id(); }
 
 private:
+    enum class State { Starting, Running, Failed };
+
     void Run(const std::function<void()>& begin, const std::function<void()>& end);
 
     const std::string m_name;
@@ -69,7 +72,7 @@ private:
     base::GMainLoopPtr m_loop;
     std::mutex m_mutex;  ///< guards what follows
     std::condition_variable m_started;
-    bool m_running = false;
+    State m_state = State::Starting;
     std::unique_ptr<WorkQueue> m_work;
     std::atomic<std::thread::id> m_id{std::thread::id()};
     std::thread m_thread;

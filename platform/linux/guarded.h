@@ -14,4 +14,12 @@ auto Guarded(const char* where, Work&& work) noexcept {
                           [&](const char* what) { PLATFORM_LOG(ERROR, "%s: %s", where, what); });
 }
 
+/// The same for the body of a C function: what `work` returned; after an exception -1.
+template <typename Work>
+int GuardedCall(const char* where, Work&& work) noexcept {
+    int result = -1;
+    Guarded(where, [&] { result = work(); });
+    return result;
+}
+
 }  // namespace platform

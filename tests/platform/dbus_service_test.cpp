@@ -236,4 +236,19 @@ TEST(ContextThread, AnExceptionInPostedWorkIsALogLineAndTheThreadGoesOn) {
     EXPECT_EQ(log.Count("worker: dropped the lamp"), 1);
 }
 
+TEST(ContextThread, ThatCannotBeginIsNotStartedAndMayBeTriedAgain) {
+    const PlatformLog log;
+    ContextThread thread("worker");
+    Reports<std::string> reports;
+    EXPECT_FALSE(
+        thread.Start([] { throw std::runtime_error("out of memory"); }, [&] { reports.Add("end"); }));
+    EXPECT_THAT(reports.Now(), ElementsAre("end"));
+    EXPECT_EQ(log.Count("worker: out of memory"), 1);
+
+    ASSERT_TRUE(thread.Start([] {}, [] {}));
+    thread.Post([&] { reports.Add("again"); });
+
+    EXPECT_THAT(reports.WaitFor(2), ElementsAre("end", "again"));
+}
+
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include "bt_hid/remote_monitor.h"
 #include "context_thread.h"
+#include "guarded.h"
 #include "platform_log.h"
 #include "vconf.h"
 
@@ -122,9 +123,10 @@ RemoteSlot& Slot() {
 }  // namespace platform
 
 extern "C" int bt_hid_set_smart_rc_connection_cb(bt_hid_smart_rc_connection_cb callback, void* user_data) {
-    return callback != nullptr ? platform::Slot().Set(callback, user_data) : -1;
+    return platform::GuardedCall(
+        "Bluetooth", [&] { return callback != nullptr ? platform::Slot().Set(callback, user_data) : -1; });
 }
 
 extern "C" int bt_hid_unset_smart_rc_connection_cb(bt_hid_smart_rc_connection_cb callback, void* user_data) {
-    return platform::Slot().Unset(callback, user_data);
+    return platform::GuardedCall("Bluetooth", [&] { return platform::Slot().Unset(callback, user_data); });
 }

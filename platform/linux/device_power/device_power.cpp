@@ -10,6 +10,7 @@
 
 #include "context_thread.h"
 #include "device_power/logind_monitor.h"
+#include "guarded.h"
 
 struct device_power_hold_s {
     platform::PowerDelay delay;
@@ -145,19 +146,27 @@ PowerService& Service() {
 extern "C" {
 
 int device_power_subscribe_poweroff(device_power_callback_fn callback, void* user_data) {
-    return platform::Service().Subscribe(platform::PowerEvent::PowerOff, callback, user_data);
+    return platform::GuardedCall("power notifications", [&] {
+        return platform::Service().Subscribe(platform::PowerEvent::PowerOff, callback, user_data);
+    });
 }
 
 int device_power_subscribe_wakeup(device_power_callback_fn callback, void* user_data) {
-    return platform::Service().Subscribe(platform::PowerEvent::WakeUp, callback, user_data);
+    return platform::GuardedCall("power notifications", [&] {
+        return platform::Service().Subscribe(platform::PowerEvent::WakeUp, callback, user_data);
+    });
 }
 
 int device_power_unsubscribe_poweroff(device_power_callback_fn callback) {
-    return platform::Service().Unsubscribe(platform::PowerEvent::PowerOff, callback);
+    return platform::GuardedCall("power notifications", [&] {
+        return platform::Service().Unsubscribe(platform::PowerEvent::PowerOff, callback);
+    });
 }
 
 int device_power_unsubscribe_wakeup(device_power_callback_fn callback) {
-    return platform::Service().Unsubscribe(platform::PowerEvent::WakeUp, callback);
+    return platform::GuardedCall("power notifications", [&] {
+        return platform::Service().Unsubscribe(platform::PowerEvent::WakeUp, callback);
+    });
 }
 
 device_power_hold_t* device_power_hold(void) {

@@ -16,6 +16,7 @@
 #include "base/unique_fd.h"
 #include "device_path.h"
 #include "display_capture/capture_tools.h"
+#include "guarded.h"
 #include "platform_log.h"
 
 namespace platform {
@@ -143,5 +144,8 @@ bool Capture(const dc_capture_request& request, unsigned toolTimeoutMs) {
 }  // namespace platform
 
 extern "C" int dc_request_capture_to_file_sync(const dc_capture_request* request) {
-    return platform::IsValid(request) && platform::Capture(*request, platform::kToolTimeoutMs) ? 0 : -1;
+    const bool isCaptured = platform::Guarded("display capture", [&] {
+        return platform::IsValid(request) && platform::Capture(*request, platform::kToolTimeoutMs);
+    });
+    return isCaptured ? 0 : -1;
 }

@@ -17,6 +17,7 @@
 #include "context_thread.h"
 #include "device_path.h"
 #include "device_paths.h"
+#include "guarded.h"
 #include "key_combination/combinations.h"
 #include "key_combination/input_devices.h"
 #include "platform_log.h"
@@ -176,7 +177,7 @@ KeyService& Service() {
 extern "C" {
 
 int KeyCombination_Initialize(void) {
-    return platform::Service().Initialize();
+    return platform::GuardedCall("key combinations", [] { return platform::Service().Initialize(); });
 }
 
 int KeyCombination_Set_CombinationList(const int* list, int count) {

@@ -118,14 +118,14 @@ UsbStorage& Storage() {
 extern "C" {
 
 int usb_device_init(void) {
-    return platform::Storage().Init();
+    return platform::GuardedCall("USB storage", [] { return platform::Storage().Init(); });
 }
 
 int usb_device_get_device_list(int device_class, usb_device_list_t** list) {
     if (device_class != USB_DEVICE_MASS_STORAGE || list == nullptr) {
         return -1;
     }
-    return platform::Storage().List(list);
+    return platform::GuardedCall("USB storage", [&] { return platform::Storage().List(list); });
 }
 
 usb_device_t* usb_device_list_get_first(usb_device_list_t* list) {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "context_thread.h"
+#include "guarded.h"
 #include "was/install_watch.h"
 
 namespace platform {
@@ -106,11 +107,7 @@ WebAppService& Service() {
     return *service;
 }
 
-}  // namespace
-
-}  // namespace platform
-
-extern "C" int was_monitor_webapp_install_status(was_install_status_request request) {
+int Monitor(const was_install_status_request& request) {
     const std::string id(request.app_id, strnlen(request.app_id, sizeof(request.app_id)));
     // The id becomes a file name; none may lead out of the applications folders.
     const bool usable = !id.empty() && id.size() < sizeof(request.app_id) &&
@@ -118,9 +115,18 @@ extern "C" int was_monitor_webapp_install_status(was_install_status_request requ
     if (!usable || request.callback == nullptr) {
         return -1;
     }
-    return platform::Service().Monitor(id, request.callback, request.user_data);
+    return Service().Monitor(id, request.callback, request.user_data);
+}
+
+}  // namespace
+
+}  // namespace platform
+
+extern "C" int was_monitor_webapp_install_status(was_install_status_request request) {
+    return platform::GuardedCall("web apps", [&] { return platform::Monitor(request); });
 }
 
 extern "C" int was_unmonitor_webapp_install_status(was_install_status_cb callback, void* user_data) {
-    return platform::Service().Unmonitor(callback, user_data);
+    return platform::GuardedCall("web apps",
+                                 [&] { return platform::Service().Unmonitor(callback, user_data); });
 }

@@ -19,6 +19,7 @@
 #include "base/glib_handles.h"
 #include "base/unique_fd.h"
 #include "context_thread.h"
+#include "failing_new.h"
 #include "fake_service.h"
 #include "gate.h"
 #include "log_lines.h"
@@ -349,6 +350,23 @@ TEST_F(Power, SubscribingAgainReplacesTheUserDataAndIsRefusedElsewhere) {
 
     EXPECT_THAT(reports.WaitFor(1), ElementsAre(DEVICE_POWER_SHUTDOWN * 10 + two));
     thread.Stop();
+}
+
+TEST_F(Power, WithoutMemoryASubscriptionIsRefusedAndNothingIsThrown) {
+    const auto ignore = [](int /*reason*/, void* /*data*/) { return 0; };
+    int refused = 0;
+    for (std::size_t allocation = 1;; ++allocation) {
+        FailAllocation(allocation);
+        const int result = device_power_subscribe_poweroff(ignore, nullptr);
+        if (FailAllocation(0) > 0) {
+            EXPECT_EQ(result, 0);
+            break;
+        }
+        refused += result;
+    }
+
+    EXPECT_LT(refused, 0);
+    EXPECT_EQ(device_power_unsubscribe_poweroff(ignore), 0);
 }
 
 }  // namespace

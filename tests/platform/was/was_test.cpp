@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "failing_new.h"
 #include "files.h"
 #include "gate.h"
 #include "log_lines.h"
@@ -372,6 +373,23 @@ TEST(ApplicationsFolders, TheDefaultsLieBelowTheDeviceRoot) {
     EXPECT_THAT(platform::ApplicationsFolders(),
                 ElementsAre(root + "/home/tv/.local/share/applications",
                             root + "/usr/local/share/applications", root + "/usr/share/applications"));
+}
+
+TEST_F(WebApps, WithoutMemoryARegistrationIsRefusedAndNothingIsThrown) {
+    int refused = 0;
+    for (std::size_t allocation = 1;; ++allocation) {
+        FailAllocation(allocation);
+        const int result = Monitor("app");
+        if (FailAllocation(0) > 0) {
+            EXPECT_EQ(result, 0);
+            break;
+        }
+        refused += result;
+    }
+
+    EXPECT_LT(refused, 0);
+    ASSERT_EQ(Monitor("fence"), 0);
+    EXPECT_THAT(UpToFence(0), IsEmpty());
 }
 
 }  // namespace
