@@ -152,12 +152,13 @@ bool KeyWatcher::Post(Message* request) {
     request->ticket = ++m_lastTicket;
     const std::string frame = Pack(*request);
     for (;;) {
-        // That a connection is broken shows when the answer is received, and with it the reason.
-        if (SendFrame(m_socket.Get(), frame, MSG_DONTWAIT) != Transfer::WouldBlock) {
+        const Transfer sent = SendFrame(m_socket.Get(), frame, MSG_DONTWAIT);
+        // That the peer is gone shows when the answer is received, and with it the reason.
+        if (sent == Transfer::Done || (sent == Transfer::Broken && (errno == EPIPE || errno == ECONNRESET))) {
             return true;
         }
         pollfd change{m_socket.Get(), POLLIN | POLLOUT, 0};
-        if (poll(&change, 1, kPatienceMs) <= 0 || !ReceiveWaiting()) {
+        if (sent == Transfer::Broken || poll(&change, 1, kPatienceMs) <= 0 || !ReceiveWaiting()) {
             Disconnect();
             return false;
         }

@@ -1,5 +1,7 @@
 #include "vconf/service_link.h"
 
+#include <sys/socket.h>
+
 #include <cerrno>
 
 #include "platform_clock.h"
@@ -48,9 +50,12 @@ Transfer ServiceLink::Exchange(const std::string& frame, Message* answer) {
     if (sent == Transfer::WouldBlock) {
         return sent;
     }
-    // Who is refused finds the reason in the socket, also when it was too late to send.
-    const Transfer received = m_receiver.Receive(m_socket.Get(), answer);
-    return received == Transfer::Done && answer->operation != Operation::Answer ? Transfer::Broken : received;
+    // Who is refused finds the reason in the socket, also when it was too late to send. Else there is nothing
+    // to wait for: the request is not on its way.
+    const bool isSent = sent == Transfer::Done;
+    const Transfer received = m_receiver.Receive(m_socket.Get(), answer, isSent ? 0 : MSG_DONTWAIT);
+    const bool isAnswer = received != Transfer::Done || answer->operation == Operation::Answer;
+    return isAnswer && (isSent || received != Transfer::WouldBlock) ? received : Transfer::Broken;
 }
 
 }  // namespace keystore

@@ -276,9 +276,9 @@ void Server::Tell(Client* client, const std::string& key, const Row& row) {
     if (waits) {
         return;
     }
-    // A connection that is broken is closed when it is its turn.
-    if (!client->waiting.empty() ||
-        SendFrame(client->socket.Get(), FrameOf(key, row)) == Transfer::WouldBlock) {
+    // What cannot be sent for another reason waits, too: a connection that is broken is closed when it is its
+    // turn, and one that is not must not miss it.
+    if (!client->waiting.empty() || SendFrame(client->socket.Get(), FrameOf(key, row)) != Transfer::Done) {
         waits = true;
         client->waiting.push_back(key);
         Await(*client);
