@@ -134,6 +134,7 @@ TEST_F(PathQueue, EachLineNamesTheOperationThatItComesFrom) {
     CollectorEmptiesTheKey();
     CollectorEmptiesTheKey();
     fakes::vconf::Unset(kKey);
+    fakes::vconf::Fail(kKey, fakes::vconf::FAIL_GET);
     Handle(NOTIFY_ZOL_VCONF);
 
     for (const auto& [operation, text] : std::vector<std::pair<std::string, std::string>>{
@@ -164,6 +165,15 @@ TEST_F(PathQueue, AKeyThatCannotBeReadOrWrittenDropsThePath) {
     }
     ExpectErrors({"vconf_get_str fail", "vconf_set_str fail"});
     EXPECT_EQ(fakes::dlog::Count(kDropped), 2);
+}
+
+TEST_F(PathQueue, AKeyThatIsMissingIsMadeByTheNextPath) {
+    fakes::vconf::Unset(kKey);
+
+    Handle(NOTIFY_ZOL_VCONF);
+
+    EXPECT_EQ(PublishedPath(), kFolder);
+    EXPECT_EQ(fakes::dlog::Count(kDropped), 0);
 }
 
 TEST_F(PathQueue, PathsThatStillWaitAtItsEndAreCounted) {

@@ -1,6 +1,7 @@
 #include "HandOverQueue.h"
 
 #include <algorithm>
+#include <cerrno>
 
 #include "VconfString.h"
 
@@ -35,11 +36,15 @@ bool HandOverQueue::Watch(vconf_callback_fn callback, void* userData) {
 
 HandOverQueue::Offered HandOverQueue::Offer(const std::string& path) {
     const std::lock_guard<std::recursive_mutex> lock(s_mutex);
+    errno = 0;
     const std::optional<bool> isEmpty = IsKeyEmpty();
-    if (!isEmpty) {
+    // A key that could not be emptied before, or that went with a damaged store, is made by the publishing:
+    // else nothing would be handed over until the next policy.
+    const bool isMissing = !isEmpty && errno == ENOENT;
+    if (!isEmpty && !isMissing) {
         return Offered::UNREADABLE;
     }
-    if (!*isEmpty) {
+    if (!isMissing && !*isEmpty) {
         m_notiPathList.push_back(path);
         return Offered::WAITING;
     }

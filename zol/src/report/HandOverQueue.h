@@ -38,7 +38,7 @@ public:
     /// Calls `callback` after every change of KEY for as long as this object lives. False when vconf refuses.
     [[nodiscard]] bool Watch(vconf_callback_fn callback, void* userData);
 
-    /// Publishes a path if the key is empty.
+    /// Publishes a path if the key is empty or missing.
     [[nodiscard]] Offered Offer(const std::string& path);
     /// Takes the path out that has waited longest; null when none waits.
     [[nodiscard]] std::optional<std::string> TakeFirst();
