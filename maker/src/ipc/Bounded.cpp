@@ -57,9 +57,14 @@ GConnectionPtr ConnectWithin(bool sessionBus, unsigned milliseconds, base::GErro
     g_async_initable_init_async(G_ASYNC_INITABLE(connection.get()), G_PRIORITY_DEFAULT, cancellable.get(),
                                 BoundedWait::ReadyCb, &wait);
     GAsyncResult* result = wait.Wait(milliseconds);
-    while (result == nullptr) {
+    if (result == nullptr) {
         g_cancellable_cancel(cancellable.get());
         result = wait.Wait(milliseconds);
+    }
+    if (result == nullptr) {
+        // Cancelled or not, without a thread to run on it never ends.
+        error.reset(g_error_new_literal(G_IO_ERROR, G_IO_ERROR_TIMED_OUT, "the bus did not answer in time"));
+        return nullptr;
     }
     if (g_async_initable_init_finish(G_ASYNC_INITABLE(connection.get()), result, base::OutError(error)) ==
         FALSE) {
