@@ -1,4 +1,5 @@
 """Mocked system services on a machine's private bus."""
+import pathlib
 import subprocess
 
 import dbus
@@ -129,3 +130,20 @@ class Notifications(Mock):
         """Text and milliseconds of each, in order."""
         calls = self.shown.GetMethodCalls("Notify")
         return [(str(arguments[3]), int(arguments[7])) for _, arguments in calls]
+
+
+class Subscriber:
+    """A client of the daemon's notifications, a process of its own."""
+
+    def __init__(self, machine, behaviour):
+        script = pathlib.Path(__file__).with_name("subscriber.py")
+        self.process = machine.start("/usr/bin/python3", script, machine.bus.address, behaviour,
+                                     stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        assert self.next_line() == "subscribed"
+
+    def answer(self):
+        self.process.stdin.write("\n")
+        self.process.stdin.flush()
+
+    def next_line(self):
+        return self.process.stdout.readline().rstrip("\n")

@@ -1,34 +1,14 @@
 """Standby, wake-up and power-off on a mocked power service."""
-import pathlib
-import subprocess
-
 import pytest
 
 from conftest import int_rule, policy, wait_for
-from services import Logind
+from services import Logind, Subscriber
 
 KEY = "db/menu/picture/backlight"
 PREPARED = "db/private/tvs-cv/power_on_prepared"
 RULE = int_rule(KEY, "IS", 3)
 ALIVE = "logind is there: power notifications work"
 MISSING = "logind is missing"
-
-
-class Subscriber:
-    """A client of the daemon's notifications, a process of its own."""
-
-    def __init__(self, machine, behaviour):
-        script = pathlib.Path(__file__).with_name("subscriber.py")
-        self.process = machine.start("/usr/bin/python3", script, machine.bus.address, behaviour,
-                                     stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
-        assert self.next_line() == "subscribed"
-
-    def answer(self):
-        self.process.stdin.write("\n")
-        self.process.stdin.flush()
-
-    def next_line(self):
-        return self.process.stdout.readline().rstrip("\n")
 
 
 @pytest.fixture
