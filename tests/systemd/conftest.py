@@ -61,22 +61,25 @@ def wait_for(condition, what):
 
 
 class Device:
-    """One machine: what it writes stays over its boots."""
+    """One machine: what it writes stays over its boots, and lies beside the image that it boots from."""
 
-    def __init__(self, folder):
+    def __init__(self, folder, image=IMAGE):
         self.folder = folder
+        self.image = image
         for name in ("upper", "work", "mount"):
             (folder / name).mkdir()
-        # DESTDIR is the overlay's upper layer: to the image these are ordinary files.
-        subprocess.run(["cmake", "--install", str(BUILD)], env=dict(os.environ, DESTDIR=str(folder / "upper")),
-                       check=True, stdout=subprocess.DEVNULL)
         self.outer = None
         self.init = None
+
+    def install(self):
+        # DESTDIR is the overlay's upper layer: to the image these are ordinary files.
+        subprocess.run(["cmake", "--install", str(BUILD)], env=dict(os.environ, DESTDIR=str(self.folder / "upper")),
+                       check=True, stdout=subprocess.DEVNULL)
 
     def boot(self):
         self.outer = subprocess.Popen(
             ["unshare", "--mount", "--pid", "--fork", "--uts", "--ipc", "--net", "--cgroup", "--kill-child",
-             "bash", "-c", BOOT, "boot", str(self.folder), str(IMAGE)], stdin=subprocess.DEVNULL,
+             "bash", "-c", BOOT, "boot", str(self.folder), str(self.image)], stdin=subprocess.DEVNULL,
             stdout=(self.folder / "console").open("ab"), stderr=subprocess.STDOUT)
         wait_for(self._find_init, "systemd to begin")
         wait_for(lambda: self.run("systemctl", "is-system-running", "--wait", check=False).stdout.strip()
@@ -138,6 +141,7 @@ def booted_device():
     device = None
     try:
         device = Device(folder)
+        device.install()
         device.boot()
         device.run("useradd", "--system", "--groups", "zol", "member")
         device.run("useradd", "--system", "stranger")

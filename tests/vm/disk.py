@@ -43,6 +43,7 @@ class Disk:
         self.is_off = False
         self.writes_left = None  # the power goes with the last of them
         self.went_off = threading.Event()
+        self.recording = None
 
     # --- what the machine does ----------------------------------------------------------------------------
     def read(self, offset, length):
@@ -65,6 +66,8 @@ class Disk:
                 self.cached.append((number, new))
                 if through:
                     self.durable[number] = new
+                if self.recording is not None:
+                    self.recording.events.append((number, new, bool(through)))
                 offset, data = offset + len(part), data[len(part):]
             self._count_write()
             return not self.is_off
@@ -76,6 +79,8 @@ class Disk:
                 return False
             self.durable.update(self.cached)
             self.cached.clear()
+            if self.recording is not None:
+                self.recording.events.append(None)
             return True
 
     def _block(self, number):
@@ -103,29 +108,79 @@ class Disk:
         """Power again after a cut. @param kept of the cached writes. @return how many of them there were"""
         with self.lock:
             count = len(self.cached)
-            for number, data in self.cached if kept != NOTHING else []:
-                self.durable[number] = data if kept == EVERYTHING else self._mixed(number, data, random)
+            self._keep(self.durable, self.cached, kept, random)
             self.seen = dict(self.durable)
             self.cached.clear()
             self.is_off, self.writes_left = False, None
             self.went_off.clear()
             return count
 
-    def _mixed(self, number, data, random):
-        old = self.durable.get(number) or os.pread(self.base, BLOCK, number * BLOCK)
+    def record(self):
+        """Begins to keep every write and flush. @return the recording, which goes on"""
+        with self.lock:
+            self.recording = Recording(dict(self.durable), list(self.cached))
+            return self.recording
+
+    def _keep(self, durable, cached, kept, random):
+        for number, data in cached if kept != NOTHING else []:
+            durable[number] = data if kept == EVERYTHING else self._mixed(durable, number, data, random)
+
+    def _mixed(self, durable, number, data, random):
+        old = durable.get(number) or os.pread(self.base, BLOCK, number * BLOCK)
         parts = [(data if random.random() < 0.5 else old)[start:start + SECTOR] for start in range(0, BLOCK, SECTOR)]
         return b"".join(parts)
 
+    # --- as a file ----------------------------------------------------------------------------------------
     def export(self, path):
         """Writes what has been flushed to a file."""
+        self._write_file(path, self.durable)
+
+    def export_moment(self, path, recording, count, kept, random):
+        """Writes to a file what the disk had held after a cut behind so many events of a recording.
+
+        @return how many writes had not been flushed
+        """
+        durable, cached = recording.at(count)
+        unflushed = len(cached)
+        self._keep(durable, cached, kept, random)
+        self._write_file(path, durable)
+        return unflushed
+
+    def _write_file(self, path, blocks):
         shutil.copyfile(f"/proc/self/fd/{self.base}", path)
         with open(path, "r+b") as file:
-            for number, data in self.durable.items():
+            for number, data in blocks.items():
                 file.seek(number * BLOCK)
                 file.write(data)
 
     def close(self):
         os.close(self.base)
+
+
+class Recording:
+    """What the disk held in the beginning, and every write and flush since.
+
+    An event is the number of a block, its bytes and whether they were written through; None is a flush.
+    """
+
+    def __init__(self, durable, cached):
+        self.durable = durable
+        self.cached = cached
+        self.events = []
+
+    def at(self, count):
+        """@return what was durable behind so many events, and the writes that were cached then"""
+        durable, cached = dict(self.durable), list(self.cached)
+        for event in self.events[:count]:
+            if event is None:
+                durable.update(cached)
+                cached.clear()
+            else:
+                number, data, through = event
+                cached.append((number, data))
+                if through:
+                    durable[number] = data
+        return durable, cached
 
 
 class Server:

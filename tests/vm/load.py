@@ -26,30 +26,64 @@ def policy(number):
 
 
 class Step:
-    """A value that is replaced again and again: the last one acknowledged, and the one on its way."""
+    """A value that is replaced again and again, and when: a moment is a number of events of the disk's recording."""
 
     def __init__(self, value):
-        self.acknowledged = value
-        self.under_way = value
+        self.history = [[value, 0, 0]]  # value, when it began, when it was acknowledged or None
 
-    def allows(self, value):
-        return value in (self.acknowledged, self.under_way)
+    def begin(self, value, moment):
+        self.history.append([value, moment, None])
 
-    def settle(self, value):
-        """What was found after a cut is what there is from now on."""
-        self.acknowledged = self.under_way = value
+    def acknowledge(self, moment):
+        self.history[-1][2] = moment
+
+    def allowed(self, moment):
+        """What may be there after a cut at that moment: the last value acknowledged by then, or what began later."""
+        last = max(index for index, (_, _, done) in enumerate(self.history) if done is not None and done <= moment)
+        return [value for value, begun, _ in self.history[last:] if begun <= moment]
 
 
 class Record:
     """What the machine has promised since the beginning."""
 
-    def __init__(self):
-        self.policy = Step(policy(1))
+    def __init__(self, recording=None):
+        self.recording = recording
         self.number = 1
+        self.policy = Step(policy(1))
         self.keys = {key: Step(None) for key in DURABLE_KEYS}
-        self.paths = []          # published and seen, since the last check
+        self.paths = {}          # published and seen: path to moment
         self.acknowledged = 0    # steps in all
-        self.faults = []         # what went wrong while there was power
+        self.refused = []        # steps that failed while there was power, which a slow machine may make
+        self.faults = []         # what went wrong in the clients themselves
+
+    def steps_by(self, moment):
+        """How many policies, keys and reports had been acknowledged or seen by then."""
+        steps = [self.policy, *self.keys.values()]
+        return (sum(done is not None and 0 < done <= moment for step in steps for _, _, done in step.history)
+                + sum(seen <= moment for seen in self.paths.values()))
+
+    def moment(self):
+        return len(self.recording.events) if self.recording else 0
+
+    def expected(self, moment=0):
+        """What must be there after a cut at that moment."""
+        return Expected(self.policy.allowed(moment), {key: step.allowed(moment) for key, step in self.keys.items()},
+                        [path for path, seen in self.paths.items() if seen <= moment])
+
+    def settle(self, found):
+        """After a cut and a boot: what was found is what there is from now on."""
+        self.policy = Step(found.policies[0])
+        self.keys = {key: Step(values[0]) for key, values in found.keys.items()}
+        self.paths.clear()
+
+
+class Expected:
+    """The policies one of which must be stored, the values of which each key must have one, the whole reports."""
+
+    def __init__(self, policies, keys, paths):
+        self.policies = policies
+        self.keys = keys
+        self.paths = paths
 
 
 class Load:
@@ -79,7 +113,11 @@ class Load:
             self.record.faults.append(f"{client.__name__}: {error}")
 
     def _zolctl(self, port, *arguments, stdin=""):
-        result = self.machine.run("zolctl", *arguments, stdin=stdin, port=port)
+        """@return what it printed; None when it could not be done"""
+        result = self.machine.run("zolctl", *arguments, stdin=stdin, port=port, check=False)
+        if result.returncode != 0:
+            self.record.refused.append(f"zolctl {' '.join(arguments)[:60]}: {result.stderr.strip()}")
+            return None
         self.record.acknowledged += 1
         return result.stdout.rstrip("\n")
 
@@ -88,17 +126,17 @@ class Load:
         if random.random() < 0.2:
             self._zolctl(port, "policy", "push", "-", stdin=COMMANDS_ONLY)
         self.record.number += 1
-        step = self.record.policy
-        step.under_way = policy(self.record.number)
-        self._zolctl(port, "policy", "push", "-", stdin=step.under_way)
-        step.acknowledged = step.under_way
+        document = policy(self.record.number)
+        self.record.policy.begin(document, self.record.moment())
+        if self._zolctl(port, "policy", "push", "-", stdin=document) is not None:
+            self.record.policy.acknowledge(self.record.moment())
 
     def _set(self, random, port):
         key = random.choice(DURABLE_KEYS)
-        step = self.record.keys[key]
-        step.under_way = f"{random.randrange(10**6)}:" + "y" * random.choice((0, 10, 5000))
-        self._zolctl(port, "vconf", "set", key, "--type", "string", "--", step.under_way)
-        step.acknowledged = step.under_way
+        value = f"{random.randrange(10**6)}:" + "y" * random.choice((0, 10, 5000))
+        self.record.keys[key].begin(value, self.record.moment())
+        if self._zolctl(port, "vconf", "set", key, "--type", "string", "--", value) is not None:
+            self.record.keys[key].acknowledge(self.record.moment())
 
     def _hit(self, random, port):
         self._zolctl(port, "vconf", "set", HIT_KEY, str(random.randrange(1, 10**6)), "--type", "int")
@@ -106,7 +144,6 @@ class Load:
     def _collect(self, random, port):
         del random  # a collector takes what there is
         path = self._zolctl(port, "vconf", "get", HANDOVER_KEY)
-        if path and path not in self.record.paths:
-            self.record.paths.append(path)
         if path:
+            self.record.paths.setdefault(path, self.record.moment())
             self._zolctl(port, "vconf", "set", HANDOVER_KEY, "", "--type", "string")

@@ -111,7 +111,8 @@ class Machine:
             self._wait_for_initial_root()
             self._keep(state)
         self._start(*words, "-incoming", f"exec:cat {state}")
-        wait_for(lambda: self.qmp.execute("query-status")["status"] not in ("inmigrate", "prelaunch"), "the kept kernel")
+        wait_for(lambda: self.qmp.execute("query-status")["status"] not in ("inmigrate", "prelaunch"),
+                 "the kept kernel")
         self.qmp.execute("cont")
         self._mount_and_go()
 
