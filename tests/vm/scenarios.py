@@ -146,12 +146,13 @@ def full_disk(machine):
     room again everything works, and no report of the time between is without its KPI event."""
     first = policy(padding=5000)
     assert push(machine, first) == 0 and set_key(machine, "db/vm/old", 1) == 0
-    machine.run("sh", "-c", "dd if=/dev/zero of=/var/fill bs=1M; dd if=/dev/zero of=/var/fill2 bs=512; sync", check=False)
+    machine.run("sh", "-c", "dd if=/dev/zero of=/var/fill bs=1M; dd if=/dev/zero of=/var/fill2 bs=512; sync",
+                check=False)
     assert push(machine, policy(padding=300000)) == 1
     assert machine.run("cat", "/var/lib/zol/policy.xml").stdout == first
     value = "z" * 60000
-    refused = machine.run("sh", "-c", f"for key in 1 2 3 4 5 6 7 8; do zolctl vconf set db/vm/$key {value} || exit; done",
-                          check=False)
+    refused = machine.run("sh", "-c", f"for key in 1 2 3 4 5 6 7 8; do zolctl vconf set db/vm/$key {value} || exit; "
+                          "done", check=False)
     assert refused.returncode == 2, "a disk without room takes half a megabyte of keys"
     machine.cut()
     machine.disconnect()
