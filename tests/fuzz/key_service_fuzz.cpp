@@ -160,8 +160,12 @@ private:
         }
         if (request.operation == Operation::Watch && isNamed) {
             Watch& watch = m_watches[request.key];
-            watch.number = std::max(watch.number, answer.change);
-            watch.isNewsDue = request.change != keystore::kFromNow && request.change != answer.change;
+            if (answer.change > watch.number) {
+                watch.number = answer.change;
+                watch.content.reset();  // what it is now has not been told yet
+            }
+            watch.isNewsDue =
+                watch.isNewsDue || (request.change != keystore::kFromNow && request.change != answer.change);
         } else if (request.operation == Operation::Unwatch) {
             m_watches.erase(request.key);
         }

@@ -199,6 +199,31 @@ TEST_F(WebApps, AnAppThatIsStillInAnotherFolderIsNotGone) {
     EXPECT_THAT(reports.WaitFor(2), ElementsAre("fence 100", "app 200"));
 }
 
+TEST_F(WebApps, APipeOrAFolderInTheEntrysPlaceIsNoInstallAndHoldsNothingUp) {
+    MonitorAppAndFence();
+
+    ASSERT_EQ(mkfifo((User() / "app.desktop").c_str(), 0666), 0);
+    EXPECT_THAT(UpToFence(0), IsEmpty());
+    fs::remove(User() / "app.desktop");
+    fs::create_directory(User() / "app.desktop");
+    fs::remove(User() / "app.desktop");
+    WriteFile(User() / "app.desktop", "content");
+
+    EXPECT_THAT(reports.WaitFor(2), ElementsAre("fence 100", "app 100"));
+}
+
+TEST_F(WebApps, APipeInTheFoldersPlaceHoldsNothingUp) {
+    RemoveFolders();
+    fs::create_directories(User().parent_path());
+    ASSERT_EQ(mkfifo(User().c_str(), 0666), 0);
+    MonitorAppAndFence();
+
+    fs::remove(User());
+    WriteFile(User() / "app.desktop", "content");
+
+    EXPECT_THAT(reports.WaitFor(1), ElementsAre("app 100"));
+}
+
 TEST_F(WebApps, FoldersThatAppearLaterAreWatchedToo) {
     RemoveFolders();
     MonitorAppAndFence();
