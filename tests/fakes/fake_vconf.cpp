@@ -29,6 +29,7 @@ struct Store {
     std::mutex mutex;
     std::map<std::string, Value> values;
     std::map<std::string, std::vector<Watch>> watches;
+    std::map<std::string, Value> beforeWatched;
     std::map<std::string, int> failures;
     std::vector<std::string> changed;
     bool deliverInsideSets = false;
@@ -124,6 +125,7 @@ void ResetVconf() {
     const std::lock_guard<std::mutex> lock(store.mutex);
     store.values.clear();
     store.watches.clear();
+    store.beforeWatched.clear();
     store.failures.clear();
     store.changed.clear();
     store.deliverInsideSets = false;
@@ -133,6 +135,10 @@ namespace vconf {
 
 void SetInt(const std::string& key, int value) {
     SetAndDeliver(key, {VCONF_TYPE_INT, value, ""});
+}
+void SetIntBeforeWatched(const std::string& key, int value) {
+    const std::lock_guard<std::mutex> lock(The().mutex);
+    The().beforeWatched[key] = {VCONF_TYPE_INT, value, ""};
 }
 void SetBool(const std::string& key, bool value) {
     SetAndDeliver(key, {VCONF_TYPE_BOOL, value ? 1 : 0, ""});
@@ -238,6 +244,9 @@ int vconf_notify_key_changed(const char* key, vconf_callback_fn callback, void* 
     if (*key == '\0') {
         errno = EINVAL;
         return -1;
+    }
+    if (const auto before = store.beforeWatched.extract(key)) {
+        store.values[key] = before.mapped();
     }
     for (fakes::Watch& watch : store.watches[key]) {
         if (watch.callback == callback && watch.userData == userData) {

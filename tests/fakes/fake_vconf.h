@@ -10,6 +10,8 @@ void SetInt(const std::string& key, int value);
 void SetBool(const std::string& key, bool value);
 void SetString(const std::string& key, const std::string& value);
 void Unset(const std::string& key);
+/// Has another process set the key right before it is watched the next time, which no notification tells.
+void SetIntBeforeWatched(const std::string& key, int value);
 
 /// Delivers, on the calling thread, the notifications of changes that the code under test made itself.
 void Deliver();

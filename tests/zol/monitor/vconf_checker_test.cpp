@@ -216,6 +216,16 @@ TEST_F(CheckAtStart, AKeyThatCannotBeReadIsWatchedAllTheSame) {
     ExpectErrors({"vconf_get_int() fail", "[db/k] registered"});
 }
 
+TEST_F(CheckAtStart, AKeyThatReachesItsRuleBetweenItsCheckAndItsWatchIsReportedOnce) {
+    SetInt(kWatched, 1);
+    fakes::vconf::SetIntBeforeWatched(kWatched, 5);
+
+    Watch({IntItem("IS", 5)});
+
+    EXPECT_EQ(Reported(), Reports({"db/k=5"}));
+    EXPECT_EQ(Registrations(kWatched), 0);
+}
+
 TEST_F(CheckAtStart, AKeyThatCannotBeWatchedIsLogged) {
     fakes::vconf::Fail(kWatched, fakes::vconf::FAIL_NOTIFY);
 

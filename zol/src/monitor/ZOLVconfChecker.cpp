@@ -58,8 +58,7 @@ bool TCVconfChecker::t_OnEvent(const CSEvent* /*event*/) {
 
 void TCVconfChecker::CheckNow(const std::vector<ZOLVconfMonitor>& items) {
     for (const ZOLVconfMonitor& item : items) {
-        const bool holds = m_CheckItem(item, m_GetValueType(item.type) == VALUE_TYPE_STRING);
-        if (!holds && !m_Register(item.key)) {
+        if (!m_CheckOrWatch(item)) {
             m_refused.push_back(item);
         }
     }
@@ -67,17 +66,9 @@ void TCVconfChecker::CheckNow(const std::vector<ZOLVconfMonitor>& items) {
 }
 
 void TCVconfChecker::WatchRest() {
-    while (!m_refused.empty()) {
-        const std::size_t watched = m_watches.size();
-        if (!m_Register(m_refused.back().key)) {
-            break;  // what comes after it would be refused, too
-        }
-        const ZOLVconfMonitor item = std::move(m_refused.back());
+    // What comes after one that is refused would be refused, too.
+    while (!m_refused.empty() && m_CheckOrWatch(m_refused.back())) {
         m_refused.pop_back();
-        // Watched first, so that no change falls in between.
-        if (m_CheckItem(item, m_GetValueType(item.type) == VALUE_TYPE_STRING)) {
-            m_watches.resize(watched);
-        }
     }
     m_NotifyPending();
 }
@@ -89,15 +80,19 @@ void TCVconfChecker::m_NotifyPending() {
     }
 }
 
-bool TCVconfChecker::m_Register(const std::string& key) {
-    KeyWatch watch = WatchKey(key, m_KeyChangedCb, this);
+bool TCVconfChecker::m_CheckOrWatch(const ZOLVconfMonitor& item) {
+    // Watched first, so that no change falls in between.
+    KeyWatch watch = WatchKey(item.key, m_KeyChangedCb, this);
+    const bool isNoKey = errno == EINVAL;
+    if (m_CheckItem(item, m_GetValueType(item.type) == VALUE_TYPE_STRING)) {
+        return true;
+    }
     if (!watch) {
-        const bool isNoKey = errno == EINVAL;
-        ZOL_LOG(LOG_ERROR, "[%s] failed", key.c_str());
+        ZOL_LOG(LOG_ERROR, "[%s] failed", item.key.c_str());
         return isNoKey;
     }
     m_watches.push_back(std::move(watch));
-    ZOL_LOG(LOG_ERROR, "[%s] registered", key.c_str());
+    ZOL_LOG(LOG_ERROR, "[%s] registered", item.key.c_str());
     return true;
 }
 

@@ -34,8 +34,9 @@ public:
     void Destroy() override;
 
     /// Evaluates every item now. One that holds is reported and not watched any further; for each other one
-    /// the change callback is registered. All hits together end in one NOTIFY_ZOL_VCONF event. A key whose
-    /// watch is refused is logged and left to WatchRest, unless no key may have that name.
+    /// the change callback is registered, and no change is missed in between. It must run on the thread that
+    /// the callbacks come on, or before any do. All hits together end in one NOTIFY_ZOL_VCONF event. A key
+    /// whose watch is refused is logged and left to WatchRest, unless no key may have that name.
     void CheckNow(const std::vector<ZOLVconfMonitor>& items);
     /// Watches what CheckNow could not, as far as the first item that is refused again. One that holds
     /// meanwhile is reported and not watched any further. On the thread of CheckNow.
@@ -61,8 +62,9 @@ private:
                                   const std::string& strValue, std::string& out);
     static int m_GetCondition(const std::string& word);
     static int m_GetValueType(const std::string& word);
-    /// False when another attempt may do better: nothing can be done about a name that no key may have.
-    [[nodiscard]] bool m_Register(const std::string& key);
+    /// Reports an item that holds, watches another one. False when another attempt may do better: nothing can
+    /// be done about a name that no key may have.
+    [[nodiscard]] bool m_CheckOrWatch(const ZOLVconfMonitor& item);
     void m_NotifyPending();
     void m_AddNotify(ZOLVconfMonitor item, int value, std::string text);
 
