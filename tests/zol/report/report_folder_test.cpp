@@ -1,6 +1,9 @@
 #include "ReportFolder.h"
 
+#include <atomic>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "ZOLKpiManager.h"
 #include "device_test.h"
@@ -25,6 +28,27 @@ TEST_F(ReportFolderTest, TheHeadersPathIsCutAt127BytesToo) {
 
     EXPECT_TRUE(fakes::DeviceFileExists(folder.Path() + "/head"));
     EXPECT_FALSE(fakes::DeviceFileExists(folder.Path() + "/header.json"));
+}
+
+TEST_F(ReportFolderTest, IsWrittenBySeveralThreadsAtATimeWithoutAnErrorOfAny) {
+    const ReportFolder folder("tg-1", "17");
+    ASSERT_TRUE(folder.Make());
+    std::atomic<int> errors{0};
+    std::vector<std::thread> writers;
+    for (int writer = 0; writer < 4; ++writer) {
+        writers.emplace_back([&] {
+            for (int turn = 0; turn < 200; ++turn) {
+                const ReportFolder::HeaderErrors found = folder.WriteHeader(TCKpiManager());
+                errors += found.open || found.write ? 1 : 0;
+            }
+        });
+    }
+
+    for (std::thread& writer : writers) {
+        writer.join();
+    }
+
+    EXPECT_EQ(errors, 0);
 }
 
 }  // namespace

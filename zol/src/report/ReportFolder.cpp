@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <mutex>
 
 #include "TSFileSystem.h"
 #include "ZOLKpiManager.h"
@@ -46,6 +47,10 @@ ReportFolder::HeaderErrors ReportFolder::WriteHeader(const TCKpiManager& identif
     header["Content-Type"] = "multipart/form-data";
     const std::string text = Json::writeString(Json::StreamWriterBuilder(), header);
 
+    // The sets of tasks that run beside one another share the folder of a second, and the name beside the
+    // file.
+    static std::mutex mutex;
+    const std::lock_guard<std::mutex> lock(mutex);
     const std::string path = DevicePath((m_path + "/header.json").substr(0, kPathLength));
     base::ReplacementFile file(path);
     std::error_code error = CheckPlace(path);

@@ -26,7 +26,7 @@ public:
         std::error_code write;  ///< what was there before, nothing perhaps, is there still
     };
     /// Puts header.json with the identifiers in place, readable by everyone whatever the umask. Whoever reads
-    /// it meanwhile sees the old one or the new one, whole: events of one second share a folder.
+    /// it meanwhile sees the old one or the new one, whole: events of one second share a folder. Any thread.
     [[nodiscard]] HeaderErrors WriteHeader(const TCKpiManager& identifiers) const;
 
 private:
