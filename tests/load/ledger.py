@@ -33,6 +33,7 @@ LINES = {
     "not told": rb"stays, and no collector is told of it",
     "removed": rb"> (\d+) report folders that nobody collected",
     "handler failed": rb"handler failed",
+    "report without a header": rb"> (?:cannot write \S+/header\.json|file open failed)",
 }
 
 

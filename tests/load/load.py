@@ -333,13 +333,17 @@ class Load:
             self.find(f"the daemon has ended: {self.daemon.process.returncode}")
         if self.collector.process and self.collector.process.poll() is not None:
             self.find(f"the collector has ended: {self.collector.process.returncode}")
-        if lines["handler failed"]:
-            self.find("a handler failed")
+        for name in ("handler failed", "report without a header"):
+            if lines[name]:
+                self.find(f"{name}: {lines[name]} lines")
         if self.events.missing:
             self.find(f"{self.events.missing} events have gone from the KPI log")
             self.events.missing = 0
+        lost = self._lost_monitor_hits(this)
+        if unhandled(self._book()) > lost and not self.tail.gaps:
+            self.find(f"{unhandled(self._book())} events of the notify task are no reports, {lost} may be lost")
         if not this.starts:
-            self._balance(lost=self._lost_monitor_hits(this))
+            self._balance(lost=lost)
         self._check_folders()
         for name in ("reports", "given up", "never told", "not told", "removed"):
             self.totals[name] += lines[name]
