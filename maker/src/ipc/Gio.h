@@ -18,6 +18,7 @@ constexpr const char* kClientInterface = "org.zol.NotificationClient1";
 
 constexpr const char* kErrorFailed = "org.zol.Error.Failed";
 constexpr const char* kErrorTooLarge = "org.zol.Error.TooLarge";
+constexpr const char* kErrorTooManyCalls = "org.zol.Error.TooManyCalls";
 constexpr const char* kErrorTooManySubscribers = "org.zol.Error.TooManySubscribers";
 
 /// Longest request and longest reply, in bytes. A policy of 10,000 items takes about 2 MiB; without a limit
@@ -29,6 +30,10 @@ constexpr std::size_t kMaxSubscribers = 64;
 constexpr std::size_t kMaxSubscribersPerAccount = 16;  // the daemon's own account has all
 constexpr std::size_t kMaxSubscribersPerConnection = 4;
 constexpr std::size_t kMaxPathBytes = 255;
+
+/// Bounds the calls that have arrived and are not served yet.
+constexpr std::size_t kMaxWaitingPerConnection = 64;
+constexpr std::size_t kMaxWaitingBytes = 4 * kMaxMessageBytes;  // of all callers' arguments together
 
 using GConnectionPtr = base::GObjectPtr<GDBusConnection>;
 

@@ -65,6 +65,7 @@ ServedName::~ServedName() {
 // The object stands before the name is ours: whoever waits for the name may call at once.
 void ServedName::Offer() {
     static const GDBusInterfaceVTable vtable = {CallCb, nullptr, nullptr, {}};
+    m_backlog.Guard(Connection());
     base::GErrorPtr error;
     m_registration = g_dbus_connection_register_object(
         Connection(), kObjectPath, g_dbus_node_info_lookup_interface(m_introspection.get(), kNativeInterface),

@@ -3,6 +3,7 @@
 #include <functional>
 #include <memory>
 
+#include "Backlog.h"
 #include "Gio.h"
 #include "base/backoff.h"
 #include "base/bus_link.h"
@@ -56,6 +57,7 @@ private:
     EState m_state = EState::STARTING;
     base::Backoff m_backoff;  // of requests for the name
     base::GSourcePtr m_retry;
+    const Backlog m_backlog;
     guint m_registration = 0;
     guint m_acquiredSignal = 0;
     guint m_lostSignal = 0;

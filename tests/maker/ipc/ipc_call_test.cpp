@@ -45,6 +45,63 @@ TEST_F(IpcCall, AHandledCallCarriesItsBytesBothWaysHoweverManyTheyAre) {
     }
 }
 
+/// Calls that nobody waits for, sent from a thread of their own, on which their answers are counted, too.
+class Flood {
+public:
+    Flood(int calls, std::size_t size) : m_calls(calls), m_thread([this, size] { Run(size); }) {}
+    ~Flood() { m_thread.join(); }
+    Flood(const Flood&) = delete;
+    Flood& operator=(const Flood&) = delete;
+
+    bool IsAnswered() const { return served + refused == m_calls; }
+
+    std::atomic<int> served{0};
+    std::atomic<int> refused{0};
+
+private:
+    void Run(std::size_t size) {
+        const base::GMainContextPtr context(g_main_context_new());
+        g_main_context_push_thread_default(context.get());
+        const base::GObjectPtr<GDBusConnection> connection = ConnectTo(kSystemBus);
+        for (int call = 0; call < m_calls; ++call) {
+            g_dbus_connection_call(connection.get(), test::kDaemonName, test::kDaemonPath, test::kNative,
+                                   "Call", Arguments(test::kEcho, size), nullptr, G_DBUS_CALL_FLAGS_NONE, -1,
+                                   nullptr, Answered, this);
+        }
+        while (!IsAnswered()) {
+            g_main_context_iteration(context.get(), TRUE);
+        }
+        g_main_context_pop_thread_default(context.get());
+    }
+    static void Answered(GObject* source, GAsyncResult* result, gpointer self) {
+        base::GErrorPtr error;
+        const base::GVariantPtr reply(
+            g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, base::OutError(error)));
+        const base::GStringPtr name(error != nullptr ? g_dbus_error_get_remote_error(error.get()) : nullptr);
+        EXPECT_STREQ(name.get(), reply != nullptr ? nullptr : "org.zol.Error.TooManyCalls");
+        auto* flood = static_cast<Flood*>(self);
+        ++(reply != nullptr ? flood->served : flood->refused);
+    }
+
+    const int m_calls;
+    std::thread m_thread;
+};
+
+TEST_F(IpcCall, WhoWaitsForNoAnswersFillsNeitherTheMemoryNorTheOthersTime) {
+    for (int round = 0; round < 2; ++round) {
+        Flood many(100, 10);
+        // Nothing is served meanwhile: the rest is refused as it arrives.
+        EXPECT_TRUE(Eventually([&] { return many.refused == 100 - 64; }));
+        EXPECT_EQ(CallOnce(test::kEcho, {1}).result, EResult::HANDLED);
+        EXPECT_TRUE(ServeUntil([&] { return many.IsAnswered(); }));
+        EXPECT_EQ(many.served, 64);
+    }
+    Flood large(5, 15 * kMiB);
+    EXPECT_TRUE(Eventually([&] { return large.refused == 1; }));
+    EXPECT_TRUE(ServeUntil([&] { return large.IsAnswered(); }));
+    EXPECT_EQ(large.served, 4);
+}
+
 TEST_F(IpcCall, AFunctionCodeWithoutHandlerIsRefused) {
     const Outcome outcome = CallOnce(5, {1, 2, 3});
 
