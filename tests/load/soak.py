@@ -67,21 +67,28 @@ def table(load, seed, seconds):
 
 
 def run(load, minutes):
-    """Rounds until the time is over or the load itself breaks."""
+    """Rounds until the time is over, or something that must come does not; how many seconds that took."""
     begin = time.monotonic()
     load.begin()
-    while time.monotonic() - begin < minutes * 60:
+    try:
+        run_rounds(load, begin, begin + minutes * 60)
+        load.end()
+    except AssertionError as error:
+        load.find(str(error))
+    load.findings += memory_findings(load.appetites)
+    if load.probe.silences:
+        load.findings.append(f"{load.probe.silences} times the main thread did not answer within 10 s")
+    return time.monotonic() - begin
+
+
+def run_rounds(load, begin, end):
+    while time.monotonic() < end:
         before = len(load.findings)
         done = load.round()
         print(f"round {load.number}, {time.monotonic() - begin:.0f} s: {done}; {load.totals['hits']} hits, "
               f"{load.totals['events']} events", file=sys.stderr, flush=True)
         for finding in load.findings[before:]:
             print(finding, file=sys.stderr, flush=True)
-    load.end()
-    load.findings += memory_findings(load.appetites)
-    if load.probe.silences:
-        load.findings.append(f"{load.probe.silences} times the main thread did not answer within 10 s")
-    return time.monotonic() - begin
 
 
 def missing():
