@@ -66,6 +66,7 @@ constexpr long kWaits[] = {SYS_futex,           SYS_poll,        SYS_ppoll,
 std::string TextAt(pid_t thread, unsigned long long address) {
     std::array<char, 256> text{};
     iovec here{text.data(), text.size() - 1};
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): an address of another process
     iovec there{reinterpret_cast<void*>(address), text.size() - 1};
     return process_vm_readv(thread, &here, 1, &there, 1, 0) > 0 ? text.data() : "?";
 }

@@ -5,6 +5,8 @@ import concurrent.futures
 import errno
 import os
 import pathlib
+import random
+import signal
 import sys
 import time
 import traceback
@@ -42,8 +44,21 @@ def drive(scenario, fault, usual_lines=frozenset()):
     programs = (KILLED[scenario],) if scenario in KILLS else PROGRAMS.get(scenario, ("zol_daemon", "zol_vconfd"))
     trial = Trial(fault, programs, usual_lines)
     try:
+        run_trial(trial, (KILLS if scenario in KILLS else ROADS)[scenario])
+        result = {"findings": trial.findings, "ended": trial.ended, "place": trial.control.place,
+                  "broken": trial.control.is_broken, "counts": trial.control.counts(), "lines": trial.lines()}
+        if trial.findings:
+            keep(scenario, trial)
+        return result
+    finally:
+        trial.close()
+
+
+def run_trial(trial, scenario):
+    """Drives it and checks what must hold afterwards; whatever goes wrong is a finding."""
+    try:
         try:
-            (KILLS if scenario in KILLS else ROADS)[scenario](trial)
+            scenario(trial)
         except Ended:
             pass
         trial.check_rest()
@@ -51,13 +66,6 @@ def drive(scenario, fault, usual_lines=frozenset()):
         pass
     except Exception:  # what a scenario did not foresee is a finding of this trial, not the end of the run
         trial.find(traceback.format_exc())
-    result = {"findings": trial.findings, "ended": trial.ended, "place": trial.control.place,
-              "broken": trial.control.is_broken, "counts": trial.control.counts(), "lines": trial.lines(),
-              "told": sorted(trial.loss_lines())}
-    if trial.findings:
-        keep(scenario, trial)
-    trial.close()
-    return result
 
 
 def keep(scenario, trial):
@@ -77,15 +85,15 @@ def options_of(arguments):
     parser.add_argument("--scenario", action="append", choices=[*ROADS, *KILLS])
     parser.add_argument("--list", action="store_true")
     parser.add_argument("--nth", type=int)
+    parser.add_argument("--most", type=int)
+    parser.add_argument("--minutes", type=float, default=float("inf"))
     parser.add_argument("--jobs", type=int, default=2 * (os.cpu_count() or 1))
     return parser.parse_args(arguments)
 
 
 def scenarios_of(options):
     """The roads, the kills or both, as far as they are wanted."""
-    every = [] if options.kills else list(ROADS)
-    if options.kills or options.quick or options.scenario:
-        every += KILLS
+    every = list(KILLS) if options.kills else [*ROADS, *KILLS]
     return [name for name in every if options.scenario is None or name in options.scenario]
 
 
@@ -93,6 +101,8 @@ def sample(count, options):
     """Which of so many calls are broken."""
     if options.nth:
         return [options.nth]
+    if options.most:
+        return spread(1, count, options.most)
     if options.quick:
         return spread(1, count, QUICK_CALLS if count < QUICK_MANY else QUICK_CALLS_OF_MANY)
     first = list(range(1, min(count, FIRST_CALLS) + 1))
@@ -169,29 +179,53 @@ class Table:
         return str(cell["injected"]) + (f" ({', '.join(more)})" if more else "")
 
 
+def plan(usual, options):
+    """All trials, mixed in a fixed way: a run that ends before its time has tried something of everything."""
+    trials = [(name, fault, frozenset(lines)) for name, (counts, lines) in usual.items()
+              for fault in faults_of(name, counts, options)]
+    random.Random(1).shuffle(trials)
+    return trials
+
+
+def run_all(pool, trials, options, table):
+    """Runs the trials until the time is over; how many have not been run."""
+    end = time.monotonic() + 60 * options.minutes
+    waiting = collections.deque(trials)
+    running = {}
+    done = 0
+    while running or (waiting and time.monotonic() < end):
+        while waiting and len(running) < options.jobs and time.monotonic() < end:
+            name, fault, lines = waiting.popleft()
+            running[pool.submit(drive, name, fault, lines)] = (name, fault)
+        finished, _ = concurrent.futures.wait(running, return_when=concurrent.futures.FIRST_COMPLETED)
+        for future in finished:
+            table.add(*running.pop(future), future.result())
+            done += 1
+            if done % 200 == 0:
+                print(f"{done} of {len(trials)} trials", file=sys.stderr, flush=True)
+    return len(waiting)
+
+
 def main(arguments):
+    """The exit status."""
     options = options_of(arguments)
     if options.list:
         print("\n".join(["scenarios: " + " ".join(ROADS), "kills: " + " ".join(KILLS), "kinds: " + " ".join(HOWS)]))
         return 0
+    # The workers, too: a trial that is ended leaves nothing behind.
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
     start = time.monotonic()
     scenarios = scenarios_of(options)
     table = Table()
     with concurrent.futures.ProcessPoolExecutor(options.jobs) as pool:
-        usual = count_calls(pool, scenarios)
-        trials = {}
-        for name, (counts, lines) in usual.items():
-            for fault in faults_of(name, counts, options):
-                trials[pool.submit(drive, name, fault, frozenset(lines))] = (name, fault)
+        trials = plan(count_calls(pool, scenarios), options)
         print(f"{len(trials)} trials of {len(scenarios)} scenarios, {options.jobs} at a time", flush=True)
-        for number, future in enumerate(concurrent.futures.as_completed(trials), 1):
-            table.add(*trials[future], future.result())
-            if number % 200 == 0:
-                print(f"{number} trials after {time.monotonic() - start:.0f} s", file=sys.stderr, flush=True)
+        left = run_all(pool, trials, options, table)
     table.print(scenarios)
     findings = table.total("findings")
     print(f"{table.total('injected')} broken calls, {table.total('ended')} ended the program in an allowed way, "
-          f"{table.total('not reached')} not reached, {findings} findings, {time.monotonic() - start:.0f} s")
+          f"{table.total('not reached')} not reached, {left} not tried, {findings} findings, "
+          f"{time.monotonic() - start:.0f} s")
     return 1 if findings else 0
 
 

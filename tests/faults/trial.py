@@ -244,7 +244,10 @@ class Trial:
         """Hands a policy over; once again when it was not acknowledged because of a broken call."""
         for _ in range(2):
             self.attempted = document
+            was_broken = self.control.is_broken
             if self.tool("policy", "push", "-", stdin=document.text).returncode == 0:
+                if self.control.is_broken and not was_broken and self.breaks(POLICY_FILE):
+                    self.find(f"a policy is acknowledged although it failed: {self.control.place}")
                 self.stored, self.attempted = document, None
                 return
             if not self.is_running():
@@ -253,6 +256,12 @@ class Trial:
             self.check_stored()
             self.expect(self.serves, "the daemon to serve again")
         self.find("a policy is refused again after the fault is over")
+
+    def breaks(self, device_path):
+        """Whether what is broken keeps a file from being on the disk; one that is written short is written on."""
+        names = (device_path, device_path + ".new", os.path.dirname(device_path))
+        is_lost = self.fault.kind in ("create", "write", "sync", "rename", "close") and self.fault.how > 0
+        return is_lost and self.control.place.split(" ")[-1] in {str(self.machine.path(name)) for name in names}
 
     def check_stored(self):
         """The stored policy is the acknowledged one; or, whole, one whose answer did not arrive."""
