@@ -12,10 +12,12 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "base/unique_fd.h"
 #include "child_process.h"
 #include "dlog/log_sinks.h"
+#include "source.h"
 #include "temporary_folder.h"
 
 namespace fs = std::filesystem;
@@ -170,6 +172,14 @@ protected:
         EXPECT_EQ(process.Wait(), 0);
         return text;
     }
+    /// The messages that come out of the journal for these tags, before the program's own filters.
+    std::vector<std::string> Read(const std::vector<std::string>& tags) {
+        std::vector<std::string> messages;
+        const auto source = dlogutil::MakeJournalSource(m_root.Path(), {"main", "system"}, tags);
+        EXPECT_TRUE(
+            source->Drain([&](const dlogutil::Record& record) { messages.push_back(record.message); }));
+        return messages;
+    }
 
 private:
     static constexpr int kStart = 1700000000;
@@ -208,6 +218,14 @@ TEST_F(JournalReader, ShowsOtherProgramsOnlyWhenTheirTagIsAskedFor) {
     Log("main", 2, "A", "one");
     EXPECT_EQ(Output({"-d", "-v", "brief"}), "I/A(7): one\n");
     EXPECT_THAT(Output({"-d", "other"}), EndsWith(" W/other(7:7): other\n"));
+}
+
+TEST_F(JournalReader, ReadsNothingButTheTagsThatAreAskedFor) {
+    Log("main", 2, "A", "one");
+    Log("main", 2, "B", "two");
+    Log("system", 2, "C", "three");
+    EXPECT_EQ(Read({"A", "C"}), (std::vector<std::string>{"one", "three"}));
+    EXPECT_EQ(Read({}), (std::vector<std::string>{"one", "two", "three"}));
 }
 
 TEST_F(JournalReader, FollowsWhatIsLoggedLater) {
