@@ -16,6 +16,7 @@
 #include "Time.h"
 #include "allocations.h"
 #include "dlog.h"
+#include "failing_new.h"
 #include "test_task.h"
 
 namespace {
@@ -325,6 +326,25 @@ TEST_F(Task, WhoseThreadCannotBeStartedIsUndone) {
     ASSERT_TRUE(task.Create());
     EXPECT_TRUE(task.Post(EVENT_COUNT, true));
     task.Destroy();
+}
+
+TEST_F(Task, ForWhichThereIsNoMemoryIsUndoneAndSaysWhatFailed) {
+    std::size_t left = 0;
+    for (std::size_t allocation = 1; left == 0; ++allocation) {
+        TestTask task;
+        FailAllocation(allocation);
+        const bool isCreated = task.CCTask::Create("task", 8192);
+        left = FailAllocation(0);
+        EXPECT_EQ(isCreated, left > 0) << allocation;
+        EXPECT_EQ(task.CCTask::FlagCreate(), isCreated) << allocation;
+        if (isCreated) {
+            task.ExitLoop();
+            task.CCTask::Destroy();
+        }
+    }
+    EXPECT_TRUE(
+        fakes::dlog::Has("_CHECK FAIL: core/src/Task:268, "
+                         "CCFixedRingQueue::Create(sizeof(CSEvent), 256, true, false)"));
 }
 
 TEST_F(Task, OnAClockThatWasNeverSetItWaitsForEventsAndIsIdleWhenNoneCome) {
