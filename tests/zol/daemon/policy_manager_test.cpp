@@ -91,6 +91,18 @@ TEST_F(PolicyManager, AReloadedPolicyKeepsItsStart) {
     EXPECT_EQ(fakes::vconf::GetString(zol::TCScheduler::KEY_START_TIME), "1600000000");
 }
 
+TEST_F(PolicyManager, APolicyThatIsWatchedAlreadyIsNotWatchedAgain) {
+    StartWith(PolicyFor("db/a"));
+    StorePolicy(PolicyFor("db/b"));
+
+    m_manager->ReloadSchedule();
+
+    ExpectErrors({"Monitoring is already running."});
+    EXPECT_EQ(fakes::vconf::Registrations("db/a"), 1);
+    EXPECT_EQ(fakes::vconf::Registrations("db/b"), 0);
+    EXPECT_TRUE(IsRunning());
+}
+
 TEST_F(PolicyManager, AFlagThatCannotBeReadCountsAsWhatWasLastWrittenThere) {
     fakes::vconf::Fail(kRunningKey, fakes::vconf::FAIL_GET);
     StartWith(PolicyFor("db/a"));

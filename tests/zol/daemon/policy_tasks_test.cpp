@@ -4,14 +4,18 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <new>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "HandOverQueue.h"
 #include "dlog.h"
 #include "failing_new.h"
 #include "fake_bt_hid.h"
+#include "fake_clock.h"
 #include "fake_dlog.h"
 #include "fake_was.h"
 #include "policy_manager_fixture.h"
@@ -244,6 +248,20 @@ TEST_F(PolicyTasks, AnotherPolicyEndsTheAttempts) {
 
     EXPECT_EQ(fakes::vconf::Registrations("db/a"), 0);
     EXPECT_EQ(fakes::vconf::Registrations("db/b"), 1);
+    EXPECT_FALSE(Has("all of the policy is watched now")) << "nothing was tried";
+    EXPECT_FALSE(LetRetryCome());
+}
+
+TEST_F(PolicyTasks, AnotherPolicyEndsTheAttemptsAtAWatchThatIsRefused) {
+    fakes::vconf::Fail("db/a", fakes::vconf::FAIL_NOTIFY);
+    Push(ItemFor("db/a"));
+    fakes::vconf::SetBool(kRunningKey, false);
+    EXPECT_TRUE(m_manager->UpdatePolicy(PolicyFor("db/b")));
+    fakes::vconf::Fail("db/a", fakes::vconf::FAIL_NONE);
+    EXPECT_TRUE(LetRetryCome());
+
+    EXPECT_EQ(fakes::vconf::Registrations("db/a"), 0);
+    EXPECT_FALSE(Has("all of the policy is watched now")) << "nothing was tried";
     EXPECT_FALSE(LetRetryCome());
 }
 
@@ -254,6 +272,7 @@ TEST_F(PolicyTasks, APolicyOfInvalidItemsOnlyEndsTheAttemptsToo) {
 
     EXPECT_EQ(fakes::vconf::Registrations("db/a"), 0);
     EXPECT_FALSE(IsRunning());
+    EXPECT_FALSE(LetRetryCome());
 }
 
 TEST_F(PolicyTasks, AFlagThatIsClearedMeanwhileStaysClear) {
@@ -294,6 +313,28 @@ TEST_F(PolicyTasks, SetsOfWhichNothingRunsDoNotCount) {
 
     EXPECT_TRUE(m_manager->UpdatePolicy(PolicyFor("db/b")));
     EXPECT_EQ(fakes::vconf::Registrations("db/b"), 1);
+}
+
+TEST_F(PolicyTasks, AtTheEndAllSetsTogetherReportForFiveSecondsAtMost) {
+    StartWith("");
+    for (const char* key : {"db/a", "db/b"}) {
+        EXPECT_TRUE(m_manager->UpdatePolicy(PolicyFor(key)));
+        EXPECT_TRUE(m_manager->UpdatePolicy("<zolitem/>"));
+    }
+    auto handOver = zol::HandOverQueue::Lock();  // each set stops where it hands its first report over
+    for (const std::string key : {"db/a", "db/b"}) {
+        fakes::vconf::SetInt(key, 1);
+        ASSERT_TRUE(fakes::dlog::WaitFor("kpiDesc : {", key == "db/a" ? 1 : 2));
+        fakes::vconf::SetInt(key, 1);
+    }
+    std::thread ending([this] { Stop(); });
+
+    ASSERT_TRUE(fakes::dlog::WaitFor("[TCNotifyManager] Destroy"));
+    fakes::clock::Advance(std::chrono::seconds(5));
+    handOver.unlock();
+    ending.join();
+
+    EXPECT_EQ(Count("1 hits are given up, the daemon ends"), 2);
 }
 
 TEST_F(PolicyTasks, AtTheEndEveryPlatformCallbackOfEverySetIsWithdrawn) {

@@ -44,6 +44,13 @@ protected:
     std::unique_ptr<TCBtPairMonitor> m_monitor;
 };
 
+TEST_F(BtPairMonitor, MemoryThatRunsOutInACallbackIsLoggedThere) {
+    Start(kLastConnected);
+    fakes::vconf::SetString(kIdKey, "AA:BB:CC:DD:EE:FF");
+    RunShortOfMemory([] { Connect(false); });
+    EXPECT_GT(Logged("callback failed: std::bad_alloc"), 0);
+}
+
 TEST_F(BtPairMonitor, ACallbackCountsOnlyOutsideTheIgnoreTimeAfterTheOneBefore) {
     constexpr int kLongest = std::numeric_limits<int>::max();
     struct {

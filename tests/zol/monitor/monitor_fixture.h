@@ -1,8 +1,10 @@
 #pragma once
 /// A machine with a remote, a web-app service and a notify manager whose hits can be read.
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <new>
 #include <thread>
 #include <vector>
 #include "Event.h"
@@ -10,8 +12,25 @@
 #include "ZOLNotifyManager.h"
 #include "device_test.h"
 #include "dlog.h"
+#include "failing_new.h"
 #include "fake_clock.h"
 #include "gate.h"
+
+/// Runs what calls a platform callback again and again, each time with memory for one allocation more, until
+/// it has all that it needs.
+template <class Action>
+void RunShortOfMemory(Action action) {
+    std::size_t left = 0;
+    for (std::size_t allocation = 1; left == 0; ++allocation) {
+        FailAllocation(allocation);
+        try {
+            action();
+        } catch (const std::bad_alloc&) {
+            // The fake's own: it was short before it came to the callback.
+        }
+        left = FailAllocation(0);
+    }
+}
 
 /// Notes every event that is posted to it; makes reports of vconf hits only.
 class RecordingNotify : public TCNotifyManager {

@@ -263,6 +263,14 @@ TEST_F(KeyChange, EveryHitIsReportedWithItsOwnEventAndAnotherChangePostsNothing)
     ExpectErrors({"> [m_KeyChangedCb] key : db/k", "> find!", "> found on list!"});
 }
 
+TEST_F(KeyChange, MemoryThatRunsOutMeanwhileIsLogged) {
+    const std::string key = "db/a/name/that/is/not/short";
+    Watch({IntItem("IS", 5, key)});
+    fakes::vconf::Deliver();  // what the notify manager has set
+    RunShortOfMemory([&] { SetInt(key, 4); });
+    EXPECT_GT(Logged("callback failed: std::bad_alloc"), 0);
+}
+
 TEST_F(KeyChange, OnlyTheFirstItemOfAKeyIsEvaluated) {
     SetInt(kWatched, 5);
     Watch({IntItem("IS", 5), IntItem("GREATER", 6)});
