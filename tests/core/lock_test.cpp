@@ -1,4 +1,8 @@
+#include <pthread.h>
+
+#include <atomic>
 #include <chrono>
+#include <csignal>
 #include <future>
 #include <memory>
 #include <string>
@@ -10,6 +14,7 @@
 #include "death.h"
 #include "fake_clock.h"
 #include "log_fixture.h"
+#include "waiting.h"
 
 namespace {
 
@@ -38,6 +43,30 @@ TEST_F(Semaphore, CanBeTakenAsOftenAsItsValueAndEveryGive) {
     EXPECT_FALSE(m_semaphore.Try(0));
     EXPECT_TRUE(m_semaphore.Give());
     EXPECT_TRUE(m_semaphore.Try(0));
+}
+
+TEST_F(Semaphore, ASignalDoesNotEndAWait) {
+    static std::atomic<int> handled;
+    handled = 0;
+    struct sigaction action {};
+    struct sigaction old {};
+    action.sa_handler = [](int /*signal*/) { ++handled; };  // without SA_RESTART
+    sigaction(SIGUSR1, &action, &old);
+    ASSERT_TRUE(m_semaphore.Create(0));
+    std::atomic<bool> isTaken{false};
+    std::thread taker([&] { isTaken = m_semaphore.Take(); });
+
+    // The first may come before the wait, but each of the others finds the thread back in it or at its end.
+    for (int signals = 1; signals <= 20 && !isTaken; ++signals) {
+        pthread_kill(taker.native_handle(), SIGUSR1);
+        EXPECT_TRUE(Eventually([&] { return handled == signals || isTaken; }));
+    }
+    EXPECT_FALSE(isTaken);
+
+    m_semaphore.Give();
+    taker.join();
+    EXPECT_TRUE(isTaken);
+    sigaction(SIGUSR1, &old, nullptr);
 }
 
 TEST_F(Semaphore, AWaitWhoseMillisecondsPassTheSecondFailsAtOnce) {

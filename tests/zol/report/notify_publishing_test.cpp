@@ -51,11 +51,12 @@ TEST_F(KpiDescription, AMonitorHitNamesTheMonitorBeforeKeyAndValue) {
 
     Handle(NOTIFY_ZOL_MONITOR, 1);
 
-    EXPECT_THAT(SentKpiDescriptions(),
-                ElementsAre(std::string(kIdentifiers) +
-                            "zol_error_type=1;app_id=org.example.app;app_name=Example;zol_duration=60;"
-                            "zol_repetion=3;key=;value=;" +
-                            kTail));
+    const std::string expected = std::string(kIdentifiers) +
+                                 "zol_error_type=1;app_id=org.example.app;app_name=Example;zol_duration=60;"
+                                 "zol_repetion=3;key=;value=;" +
+                                 kTail;
+    EXPECT_THAT(SentKpiDescriptions(), ElementsAre(expected));
+    ExpectErrors({"kpiDesc : " + expected});
     EXPECT_EQ(PublishedPath(), kFolder);
 }
 
