@@ -211,11 +211,8 @@ char* vconf_get_str(const char* key) {
     fakes::Store& store = fakes::The();
     const std::lock_guard<std::mutex> lock(store.mutex);
     const auto found = store.values.find(key);
-    const bool isMissing = found == store.values.end() || found->second.type == VCONF_TYPE_NONE;
-    if (fakes::Fails(store, key, fakes::vconf::FAIL_GET) || isMissing ||
+    if (fakes::Fails(store, key, fakes::vconf::FAIL_GET) || found == store.values.end() ||
         found->second.type != VCONF_TYPE_STRING) {
-        const bool fails = fakes::Fails(store, key, fakes::vconf::FAIL_GET);
-        errno = fails ? EIO : isMissing ? ENOENT : EINVAL;
         return nullptr;
     }
     return strdup(found->second.text.c_str());

@@ -135,7 +135,6 @@ TEST_F(PathQueue, EachLineNamesTheOperationThatItComesFrom) {
     CollectorEmptiesTheKey();
     CollectorEmptiesTheKey();
     fakes::vconf::Unset(kKey);
-    fakes::vconf::Fail(kKey, fakes::vconf::FAIL_GET);
     Handle(NOTIFY_ZOL_VCONF);
 
     for (const auto& [operation, text] : std::vector<std::pair<std::string, std::string>>{
@@ -168,13 +167,21 @@ TEST_F(PathQueue, AKeyThatCannotBeReadOrWrittenDropsThePath) {
     EXPECT_EQ(fakes::dlog::Count(kDropped), 2);
 }
 
-TEST_F(PathQueue, AKeyThatIsMissingIsMadeByTheNextPath) {
+TEST_F(PathQueue, AMissingKeyThatTheConstructionCouldNotEmptyIsMadeByTheNextPath) {
+    m_notify.reset();
     fakes::vconf::Unset(kKey);
+    fakes::vconf::Fail(kKey, fakes::vconf::FAIL_SET);
+    m_notify = std::make_unique<NotifyUnderTest>();
+    fakes::vconf::Fail(kKey, fakes::vconf::FAIL_NONE);
 
     Handle(NOTIFY_ZOL_VCONF);
-
     EXPECT_EQ(PublishedPath(), kFolder);
     EXPECT_EQ(fakes::dlog::Count(kDropped), 0);
+
+    // Somebody else removed it: that is a key that cannot be read.
+    fakes::vconf::Unset(kKey);
+    Handle(NOTIFY_ZOL_VCONF);
+    EXPECT_EQ(fakes::dlog::Count(kDropped), 1);
 }
 
 TEST_F(PathQueue, PathsThatStillWaitAtItsEndAreCounted) {

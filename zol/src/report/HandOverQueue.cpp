@@ -1,7 +1,6 @@
 #include "HandOverQueue.h"
 
 #include <algorithm>
-#include <cerrno>
 
 #include "VconfString.h"
 
@@ -21,7 +20,8 @@ HandOverQueue::~HandOverQueue() {
 }
 
 bool HandOverQueue::EmptyKey() {
-    return vconf_set_str(KEY, "") == 0;
+    m_isEmptyingDue = vconf_set_str(KEY, "") != 0;
+    return !m_isEmptyingDue;
 }
 
 std::optional<bool> HandOverQueue::IsKeyEmpty() noexcept {
@@ -36,15 +36,15 @@ bool HandOverQueue::Watch(vconf_callback_fn callback, void* userData) {
 
 HandOverQueue::Offered HandOverQueue::Offer(const std::string& path) {
     const std::lock_guard<std::recursive_mutex> lock(s_mutex);
-    errno = 0;
-    const std::optional<bool> isEmpty = IsKeyEmpty();
-    // A key that could not be emptied before, or that went with a damaged store, is made by the publishing:
-    // else nothing would be handed over until the next policy.
-    const bool isMissing = !isEmpty && errno == ENOENT;
-    if (!isEmpty && !isMissing) {
+    std::optional<bool> isEmpty = IsKeyEmpty();
+    // A key that was never made cannot be read, and every path would be dropped.
+    if (!isEmpty && m_isEmptyingDue && EmptyKey()) {
+        isEmpty = IsKeyEmpty();
+    }
+    if (!isEmpty) {
         return Offered::UNREADABLE;
     }
-    if (!isMissing && !*isEmpty) {
+    if (!*isEmpty) {
         m_notiPathList.push_back(path);
         return Offered::WAITING;
     }

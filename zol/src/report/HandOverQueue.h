@@ -30,15 +30,16 @@ public:
     HandOverQueue(const HandOverQueue&) = delete;
     HandOverQueue& operator=(const HandOverQueue&) = delete;
 
-    /// Takes back whatever is published. False when the key cannot be written.
-    [[nodiscard]] static bool EmptyKey();
+    /// Takes back whatever is published. False when the key cannot be written; tried again when a path is
+    /// offered while the key cannot be read.
+    [[nodiscard]] bool EmptyKey();
     /// Null when the key cannot be read.
     [[nodiscard]] static std::optional<bool> IsKeyEmpty() noexcept;
 
     /// Calls `callback` after every change of KEY for as long as this object lives. False when vconf refuses.
     [[nodiscard]] bool Watch(vconf_callback_fn callback, void* userData);
 
-    /// Publishes a path if the key is empty or missing.
+    /// Publishes a path if the key is empty.
     [[nodiscard]] Offered Offer(const std::string& path);
     /// Takes the path out that has waited longest; null when none waits.
     [[nodiscard]] std::optional<std::string> TakeFirst();
@@ -58,7 +59,8 @@ private:
     static std::recursive_mutex s_mutex;
     static std::vector<const HandOverQueue*> s_queues;
     std::deque<std::string> m_notiPathList;
-    KeyWatch m_watch;  ///< last, and so withdrawn before the rest goes
+    bool m_isEmptyingDue = false;  ///< the key could not be emptied
+    KeyWatch m_watch;              ///< last, and so withdrawn before the rest goes
 };
 
 }  // namespace zol

@@ -229,7 +229,7 @@ std::string TCNotifyManager::m_ConvertToString(unsigned int number) {
 }
 
 void TCNotifyManager::m_InitVconfKey() {
-    if (!HandOverQueue::EmptyKey()) {
+    if (!m_handOver.EmptyKey()) {
         ZOL_LOG(LOG_ERROR, "vconf_set_str fail");
     }
 }
