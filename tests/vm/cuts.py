@@ -43,6 +43,8 @@ class Cuts:
     def run(self, count):
         for number in range(count):
             self._one(number, random.Random(f"{self.seed}/{number}"))
+        for refused in self.record.refused:
+            print(f"not done: {refused}", file=sys.stderr)
 
     def file_system_is_sound(self):
         """Shuts the machine down in order and has all of its disk checked."""

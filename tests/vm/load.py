@@ -71,9 +71,11 @@ class Record:
                         [path for path, seen in self.paths.items() if seen <= moment])
 
     def settle(self, found):
-        """After a cut and a boot: what was found is what there is from now on."""
-        self.policy = Step(found.policies[0])
-        self.keys = {key: Step(values[0]) for key, values in found.keys.items()}
+        """After a cut and a boot: what was found is what there is from now on; what could not be read stays open."""
+        for policy_found in found.policies:
+            self.policy = Step(policy_found)
+        for key, values in found.keys.items():
+            self.keys[key] = Step(values[0])
         self.paths.clear()
 
 

@@ -162,7 +162,7 @@ class Machine:
             self.emulator.wait()
             self.emulator = None
             for name in ("qmp", *(f"port{number}" for number in range(PORTS))):
-                (self.folder / name).unlink()
+                (self.folder / name).unlink(missing_ok=True)  # an emulator that ends by itself removes them
 
     def disconnect(self):
         """Call it when no thread uses a port any more."""

@@ -1,4 +1,5 @@
-/* Preloaded into the services to see that the power cuts notice it: nothing is flushed to the disk on purpose. */
+/* Preloaded into the services to see that the power cuts notice it: nothing is flushed to the disk on
+ * purpose. */
 
 int fsync(int fd) {
     (void)fd;
