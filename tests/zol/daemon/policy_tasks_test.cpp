@@ -192,6 +192,28 @@ TEST_F(PolicyTasks, AKeyWhoseWatchIsRefusedIsWatchedAsSoonAsItCanBe) {
     EXPECT_FALSE(LetRetryCome());
 }
 
+TEST_F(PolicyTasks, TheKeyOfTheHandOverIsWatchedAsSoonAsItCanBe) {
+    const char* const key = zol::HandOverQueue::KEY;
+    fakes::vconf::Fail(key, fakes::vconf::FAIL_NOTIFY);
+    Push(ItemFor("db/a") + ItemFor("db/b"));
+    fakes::vconf::SetInt("db/a", 1);
+    ASSERT_TRUE(fakes::dlog::WaitFor("vconf_set_str success"));
+    fakes::clock::Advance(std::chrono::seconds(1));
+    fakes::vconf::SetInt("db/b", 1);
+    ASSERT_TRUE(fakes::dlog::WaitFor("vconfkey is not empty, add current path to list"));
+    const std::string first = fakes::vconf::GetString(key);
+    fakes::vconf::SetString(key, "");
+    EXPECT_EQ(fakes::vconf::GetString(key), "") << "nobody was told of the change";
+
+    fakes::vconf::Fail(key, fakes::vconf::FAIL_NONE);
+    EXPECT_TRUE(LetRetryCome());
+
+    EXPECT_EQ(fakes::vconf::Registrations(key), 1);
+    EXPECT_NE(fakes::vconf::GetString(key), "");
+    EXPECT_NE(fakes::vconf::GetString(key), first);
+    EXPECT_FALSE(LetRetryCome());
+}
+
 TEST_F(PolicyTasks, AnItemWithoutAKeyIsNotTriedAgain) {
     Push(ItemFor("") + ItemFor("db/a"));
 

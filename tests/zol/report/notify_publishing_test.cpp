@@ -184,6 +184,32 @@ TEST_F(PathQueue, AMissingKeyThatTheConstructionCouldNotEmptyIsMadeByTheNextPath
     EXPECT_EQ(fakes::dlog::Count(kDropped), 1);
 }
 
+TEST_F(PathQueue, ThePathOfAnEarlierRunThatCouldNotBeTakenBackHoldsNothingUp) {
+    m_notify.reset();
+    fakes::vconf::SetString(kKey, "/tmp/zol/of_an_earlier_run");
+    fakes::vconf::Fail(kKey, fakes::vconf::FAIL_SET);
+    m_notify = std::make_unique<NotifyUnderTest>();
+    fakes::vconf::Fail(kKey, fakes::vconf::FAIL_NONE);
+
+    Handle(NOTIFY_ZOL_VCONF);
+
+    EXPECT_EQ(PublishedPath(), kFolder);
+}
+
+TEST_F(PathQueue, APathOfThisRunIsNotTakenBackWhenTheKeyWasEmptiedMeanwhile) {
+    m_notify.reset();
+    fakes::vconf::Fail(kKey, fakes::vconf::FAIL_SET);
+    m_notify = std::make_unique<NotifyUnderTest>();
+    fakes::vconf::Fail(kKey, fakes::vconf::FAIL_NONE);
+    fakes::vconf::SetString(kKey, "");
+
+    Handle(NOTIFY_ZOL_VCONF);
+    fakes::clock::Advance(1s);
+    Handle(NOTIFY_ZOL_VCONF);
+
+    EXPECT_EQ(PublishedPath(), kFolder);
+}
+
 TEST_F(PathQueue, PathsThatStillWaitAtItsEndAreCounted) {
     for (int report = 0; report < 3; ++report) {
         Handle(NOTIFY_ZOL_VCONF);

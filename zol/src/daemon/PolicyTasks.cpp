@@ -17,6 +17,8 @@ bool TCPolicyTasks::StartNotify() {
     // Made once: its construction takes back the path that is published.
     if (m_notify == nullptr) {
         m_notify = std::make_unique<TCNotifyManager>();
+    } else {
+        m_notify->WatchRest();
     }
     return IsAnythingRunning() || m_notify->Create();
 }
@@ -71,7 +73,7 @@ bool TCPolicyTasks::IsAnythingRunning() const {
 bool TCPolicyTasks::IsWatchingAll() const {
     const bool areKeysWatched = m_checker != nullptr ? m_checker->IsWatchingAll() : m_keys.empty();
     const bool areMonitorsWatching = m_monitors != nullptr ? m_monitors->IsWatchingAll() : !m_hasMonitors;
-    return IsAnythingRunning() && areKeysWatched && areMonitorsWatching;
+    return IsAnythingRunning() && m_notify->IsWatchingAll() && areKeysWatched && areMonitorsWatching;
 }
 
 }  // namespace zol

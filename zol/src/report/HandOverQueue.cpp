@@ -1,6 +1,7 @@
 #include "HandOverQueue.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "VconfString.h"
 
@@ -8,6 +9,7 @@ namespace zol {
 
 std::recursive_mutex HandOverQueue::s_mutex;
 std::vector<const HandOverQueue*> HandOverQueue::s_queues;
+bool HandOverQueue::s_isEmptyingDue = false;
 
 HandOverQueue::HandOverQueue() {
     const std::lock_guard<std::recursive_mutex> lock(s_mutex);
@@ -20,8 +22,9 @@ HandOverQueue::~HandOverQueue() {
 }
 
 bool HandOverQueue::EmptyKey() {
-    m_isEmptyingDue = vconf_set_str(KEY, "") != 0;
-    return !m_isEmptyingDue;
+    const std::lock_guard<std::recursive_mutex> lock(s_mutex);
+    s_isEmptyingDue = vconf_set_str(KEY, "") != 0;
+    return !s_isEmptyingDue;
 }
 
 std::optional<bool> HandOverQueue::IsKeyEmpty() noexcept {
@@ -37,8 +40,8 @@ bool HandOverQueue::Watch(vconf_callback_fn callback, void* userData) {
 HandOverQueue::Offered HandOverQueue::Offer(const std::string& path) {
     const std::lock_guard<std::recursive_mutex> lock(s_mutex);
     std::optional<bool> isEmpty = IsKeyEmpty();
-    // A key that was never made cannot be read, and every path would be dropped.
-    if (!isEmpty && m_isEmptyingDue && EmptyKey()) {
+    // A key that was never made would drop every path, and that of an earlier run would hold them up.
+    if (std::exchange(s_isEmptyingDue, false) && !isEmpty.value_or(false) && EmptyKey()) {
         isEmpty = IsKeyEmpty();
     }
     if (!isEmpty) {

@@ -30,14 +30,15 @@ public:
     HandOverQueue(const HandOverQueue&) = delete;
     HandOverQueue& operator=(const HandOverQueue&) = delete;
 
-    /// Takes back whatever is published. False when the key cannot be written; tried again when a path is
-    /// offered while the key cannot be read.
-    [[nodiscard]] bool EmptyKey();
+    /// Takes back whatever is published. False when the key cannot be written; each path that is offered
+    /// tries it again then, until the key is empty.
+    [[nodiscard]] static bool EmptyKey();
     /// Null when the key cannot be read.
     [[nodiscard]] static std::optional<bool> IsKeyEmpty() noexcept;
 
     /// Calls `callback` after every change of KEY for as long as this object lives. False when vconf refuses.
     [[nodiscard]] bool Watch(vconf_callback_fn callback, void* userData);
+    [[nodiscard]] bool IsWatching() const { return static_cast<bool>(m_watch); }
 
     /// Publishes a path if the key is empty.
     [[nodiscard]] Offered Offer(const std::string& path);
@@ -52,15 +53,16 @@ public:
     [[nodiscard]] std::size_t Waiting() const;
 
 private:
-    /// Guards s_queues, m_notiPathList, and reading and then writing the key: two threads that find it empty
+    /// Guards what follows, and reading and then writing the key: two threads that find it empty
     /// together would overwrite each other's path. Of the process, because a policy that arrives while the
     /// tasks of an earlier one run has a queue of its own. Recursive, because a store may call its watchers
     /// from inside a set.
     static std::recursive_mutex s_mutex;
     static std::vector<const HandOverQueue*> s_queues;
+    /// The key could not be emptied, and has not been seen empty since.
+    static bool s_isEmptyingDue;
     std::deque<std::string> m_notiPathList;
-    bool m_isEmptyingDue = false;  ///< the key could not be emptied
-    KeyWatch m_watch;              ///< last, and so withdrawn before the rest goes
+    KeyWatch m_watch;  ///< last, and so withdrawn before the rest goes
 };
 
 }  // namespace zol

@@ -229,13 +229,24 @@ std::string TCNotifyManager::m_ConvertToString(unsigned int number) {
 }
 
 void TCNotifyManager::m_InitVconfKey() {
-    if (!m_handOver.EmptyKey()) {
+    if (!HandOverQueue::EmptyKey()) {
         ZOL_LOG(LOG_ERROR, "vconf_set_str fail");
     }
 }
 
 void TCNotifyManager::m_RegisterVconfKey() {
     ZOL_LOG(LOG_ERROR, "%s", m_handOver.Watch(m_vconfCb, this) ? "success" : "fail");
+}
+
+void TCNotifyManager::WatchRest() {
+    if (m_handOver.IsWatching()) {
+        return;
+    }
+    m_RegisterVconfKey();
+    // What nobody was told of meanwhile.
+    if (m_handOver.IsWatching() && HandOverQueue::IsKeyEmpty().value_or(false)) {
+        m_NotifyFromList();
+    }
 }
 
 void TCNotifyManager::m_UpdateVconfKey(const char* path) {

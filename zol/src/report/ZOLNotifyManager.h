@@ -46,6 +46,12 @@ public:
     /// Lets Destroy report until this moment of the steady clock (nanoseconds) at the latest. Any thread.
     void ReportUntil(std::uint64_t moment);
 
+    /// Watches the key of the hand-over when that was refused before, and hands over what waited for it. On
+    /// the thread that the callbacks of vconf come on.
+    void WatchRest();
+    /// Whether nothing is left to WatchRest.
+    [[nodiscard]] bool IsWatchingAll() const { return m_handOver.IsWatching(); }
+
     /// Queues one hit for the next NOTIFY_ZOL_VCONF, which the caller posts. Any thread.
     /// @param intValue the key's value; -1: no integer, `strValue` is the value
     void AddNotify(zol::ZOLVconfMonitor monitor, int intValue, std::string strValue);
