@@ -1,6 +1,8 @@
 /// The stored policy under bad conditions: disks that are full, paths that are no files, content that is
 /// none.
 #include <dlfcn.h>
+#include <glib.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -198,6 +200,56 @@ TEST_F(StoredPolicyFile, AFolderInItsPlaceIsNeitherReadNorReplaced) {
     EXPECT_FALSE(m_manager->UpdatePolicy(PolicyFor("db/a")));
     EXPECT_TRUE(Has("Unable to replace file /var/lib/zol/policy.xml, errno 21"));
     EXPECT_FALSE(fakes::DeviceFileExists(kTemporary));
+}
+
+/// While it lives no file can be opened, as when the process has too many.
+class NoDescriptors {
+public:
+    NoDescriptors() {
+        g_main_context_default();  // has one of its own, which the daemon has long made
+        EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &m_before), 0);
+        const int lowest = dup(STDIN_FILENO);
+        EXPECT_EQ(close(lowest), 0);
+        const rlimit none{static_cast<rlim_t>(lowest), m_before.rlim_max};
+        EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    }
+    ~NoDescriptors() { EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &m_before), 0); }
+    NoDescriptors(const NoDescriptors&) = delete;
+    NoDescriptors& operator=(const NoDescriptors&) = delete;
+
+private:
+    rlimit m_before{};
+};
+
+TEST_F(StoredPolicyFile, OneThatCannotBeReadForAWhileIsAppliedAsSoonAsItCan) {
+    Start();
+    StorePolicy(PolicyFor("db/a"));
+    {
+        const NoDescriptors none;
+        m_manager->ReloadSchedule();
+        EXPECT_TRUE(LetRetryCome());
+    }
+    EXPECT_FALSE(IsRunning());
+    EXPECT_EQ(fakes::dlog::Count("the stored policy cannot be read: trying again until it can"), 1);
+
+    EXPECT_TRUE(LetRetryCome());
+    EXPECT_TRUE(IsRunning());
+    EXPECT_EQ(fakes::vconf::Registrations("db/a"), 1);
+    EXPECT_FALSE(LetRetryCome());
+}
+
+TEST_F(StoredPolicyFile, OneThatCannotBeReadForAWhileGivesWayToANewOne) {
+    Start();
+    StorePolicy(PolicyFor("db/a"));
+    {
+        const NoDescriptors none;
+        m_manager->ReloadSchedule();
+    }
+    EXPECT_TRUE(m_manager->UpdatePolicy(PolicyFor("db/b")));
+    LetRetryCome();
+
+    EXPECT_EQ(fakes::vconf::Registrations("db/b"), 1);
+    EXPECT_EQ(fakes::dlog::Count("Set policy information."), 0) << "nothing was read again";
 }
 
 TEST_F(StoredPolicyFile, APipeInItsPlaceDoesNotHoldUpTheStart) {

@@ -41,6 +41,12 @@ void KeepInStorage(const ZOLPolicy& policy) {
     storage->SetZOLMonitorInformation(count, policy.policyMonitors);
 }
 
+/// Whether what failed for this reason may well succeed a while later.
+bool IsPassing(const std::error_code& error) {
+    return error == std::errc::too_many_files_open || error == std::errc::too_many_files_open_in_system ||
+           error == std::errc::not_enough_memory || error == std::errc::io_error;
+}
+
 }  // namespace
 
 TCPolicyManager::TCPolicyManager(TCShiftedClock& clock, IDbusServer* server, TCCVLogger* logger)
@@ -68,9 +74,16 @@ void TCPolicyManager::ReloadSchedule() {
         m_logger->LogVolumeLevel();
     }
     ZOLPolicy policy;
-    if (!LoadPolicy(policy)) {
+    const bool wasReloadDue = std::exchange(m_isReloadDue, false);
+    if (!m_Load(policy, m_isReloadDue)) {
         m_CreatePolicyThread(kNoTasks);
         m_SetCorvelPolicy(false);
+        if (m_isReloadDue && !wasReloadDue) {
+            ZOL_LOG(LOG_ERROR, "the stored policy cannot be read: trying again until it can");
+        }
+        if (m_isReloadDue) {
+            m_RetryLater();
+        }
         return;
     }
     m_UpdateScheduler(policy, false);
@@ -106,6 +119,7 @@ bool TCPolicyManager::UpdatePolicy(const std::string& xml) {
                     kMaxTaskSets);
             return true;
         }
+        m_isReloadDue = false;
         m_UpdateScheduler(policy, true);
         TCInformationStorage::Instance()->SetPolicyVersion(policy.version);
         KeepInStorage(policy);
@@ -123,6 +137,11 @@ bool TCPolicyManager::UpdatePolicy(const std::string& xml) {
 }
 
 bool TCPolicyManager::LoadPolicy(ZOLPolicy& policy) {
+    bool mayDoBetterLater = false;
+    return m_Load(policy, mayDoBetterLater);
+}
+
+bool TCPolicyManager::m_Load(ZOLPolicy& policy, bool& mayDoBetterLater) {
     const std::string path = TCDirsManager::GetPolicyXmlPath();
     if (!TSFileSystem::Exists(path)) {
         ZOL_LOG(LOG_DEBUG, "Policy %s does not exist", path.c_str());
@@ -132,6 +151,7 @@ bool TCPolicyManager::LoadPolicy(ZOLPolicy& policy) {
     if (read.open) {
         ZOL_LOG(LOG_DEBUG, "Unable to open policy %s, errno: %d, message: %s", path.c_str(),
                 read.open.value(), read.open.message().c_str());
+        mayDoBetterLater = IsPassing(read.open);
         return false;
     }
     if (read.size > static_cast<std::int64_t>(kMaxPolicyBytes)) {
@@ -142,6 +162,7 @@ bool TCPolicyManager::LoadPolicy(ZOLPolicy& policy) {
     if (static_cast<std::int64_t>(read.text.size()) < read.size) {
         ZOL_LOG(LOG_DEBUG, "Read size %d expected size %zu", static_cast<int>(read.text.size()),
                 static_cast<std::size_t>(read.size));
+        mayDoBetterLater = true;
         return false;
     }
     return TCPolicyParser().Parse(read.text, policy);
@@ -352,7 +373,9 @@ void TCPolicyManager::m_Retry() {
     if (m_isFlagUnwritten) {
         m_SetCorvelPolicy(*m_meantRunning);
     }
-    if (m_isSetUnfinished) {
+    if (m_isReloadDue) {
+        ReloadSchedule();
+    } else if (m_isSetUnfinished) {
         m_WatchPolicy();
         if (!m_isSetUnfinished) {
             ZOL_LOG(LOG_ERROR, "all of the policy is watched now");

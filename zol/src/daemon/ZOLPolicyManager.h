@@ -50,7 +50,8 @@ public:
     /// malformed.
     [[nodiscard]] bool LoadPolicy(ZOLPolicy& policy);
 
-    /// Applies the stored policy: schedule, item lists and, unless monitoring runs, tasks.
+    /// Applies the stored policy: schedule, item lists and, unless monitoring runs, tasks. One that cannot be
+    /// read now, but perhaps later, is tried again.
     void ReloadSchedule();
 
     [[nodiscard]] bool IsPolicyExists();
@@ -67,6 +68,9 @@ public:
     bool NotifyPowerOff();
 
 private:
+    /// @param mayDoBetterLater set when it failed for want of a descriptor or memory, or the file could not
+    /// be read
+    [[nodiscard]] static bool m_Load(ZOLPolicy& policy, bool& mayDoBetterLater);
     [[nodiscard]] static bool m_Store(const std::string& xml);
     void m_UpdateScheduler(const ZOLPolicy& policy, bool isNewPolicy);
     void m_CreatePolicyThread(int start);
@@ -93,6 +97,7 @@ private:
     TCCVLogger* const m_logger;
     std::optional<bool> m_meantRunning;  ///< what the flag was last meant to be
     bool m_isFlagUnwritten = false;      ///< the store holds something else
+    bool m_isReloadDue = false;          ///< the stored policy could not be read, and none was applied since
     bool m_isSetUnfinished = false;      ///< the last set of tasks does not watch all of its policy
     bool m_isFlagWaiting = false;        ///< for all tasks of the last set to run
     base::Backoff m_backoff;
