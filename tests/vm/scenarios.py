@@ -3,15 +3,23 @@
 Each is a function that gets a machine freshly booted and fails by an exception. What its docstring says is what it
 proves.
 """
+import sys
+import time
+
 from machine import wait_for
 
 HANDOVER_KEY = "db/zol/send_zol_files_path"
 KEY = "db/menu/picture/backlight"
+# In memory: it can be set, and its rule hit, where the flash has no room.
+VOLATILE_KEY = "memory/vm/hit"
+
+POLICY_PASS = 30  # seconds between two looks at policy time (docs/policy-reference.md)
 
 
 def policy(expires=2592000, padding=0):
-    return (f'<zolitem numofzol="1"><zol_expired_time time="{expires}"/><zols key="{KEY}" condition="IS" type="INT" '
-            f'intvalue="3"/><!-- {"x" * padding} --></zolitem>')
+    return (f'<zolitem numofzol="2"><zol_expired_time time="{expires}"/><zols key="{KEY}" condition="IS" type="INT" '
+            f'intvalue="3"/><zols key="{VOLATILE_KEY}" condition="GREATER" type="INT" intvalue="0"/>'
+            f'<!-- {"x" * padding} --></zolitem>')
 
 
 # --- vocabulary -----------------------------------------------------------------------------------------------------
@@ -37,14 +45,49 @@ def expect_another_daemon(machine, before):
     machine.wait_until_serving()
 
 
+def events(machine):
+    """The KPI events, one line each."""
+    return machine.run("zolctl", "kpi", "list").stdout
+
+
 def expect_report(machine):
-    """A hit now makes a report now, which is collected."""
+    """A hit now makes a report now, with its KPI event, and it is collected."""
     machine.run("zolctl", "vconf", "set", HANDOVER_KEY, "", "--type", "string", user="member")
     set_key(machine, KEY, 1)
     set_key(machine, KEY, 3)
     path = wait_for(lambda: get(machine, HANDOVER_KEY), "a published path")
     assert '"category" : "ZOL"' in machine.run("cat", f"{path}/header.json", user="member").stdout
+    assert f"evid={path.rsplit('_', 1)[1]};key={KEY};value=3;" in events(machine), f"no KPI event for {path}"
     machine.run("zolctl", "vconf", "set", HANDOVER_KEY, "", "--type", "string", user="member")
+
+
+def uptime(machine):
+    """Seconds since the boot, whatever the wall clock says."""
+    return float(machine.run("cat", "/proc/uptime").stdout.split()[0])
+
+
+def logged(machine, text, *where):
+    """When lines of the application, or of whom journalctl shows with `where`, said this: seconds since the boot."""
+    lines = machine.run("journalctl", "-b", *(where or ("-t", "ZOL")), "-o", "short-monotonic",
+                        "--no-pager").stdout.splitlines()
+    return [float(line[1:].split("]")[0]) for line in lines if text in line]
+
+
+def processor_time(machine, service):
+    """Seconds of it that the main process of a service has used."""
+    pid = machine.run("systemctl", "show", service, "--value", "-p", "MainPID").stdout.strip()
+    fields = machine.run("cat", f"/proc/{pid}/stat").stdout.rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / 100
+
+
+def load_at_rest(machine, seconds):
+    """The part of the processor that each of the two services uses with nothing to do. Their threads look around a
+    hundred times a second, which an emulated processor feels."""
+    services = ("zol", "zol-vconf")
+    began, before = uptime(machine), [processor_time(machine, service) for service in services]
+    wait_for(lambda: time.sleep(1) or uptime(machine) > began + seconds, "time to pass")
+    passed = uptime(machine) - began
+    return [(processor_time(machine, service) - start) / passed for service, start in zip(services, before)]
 
 
 # --- scenarios ------------------------------------------------------------------------------------------------------
@@ -98,4 +141,28 @@ def accounts(machine):
     machine.wait_until_serving()
 
 
-SCENARIOS = {function.__name__.replace("_", "-"): function for function in (lifecycle, accounts)}
+def clock(machine):
+    """The wall clock is set by years, both ways, while an expiry waits. It comes no earlier than the policy says, and
+    later only by the passes that the jumps fell into. After each jump the daemon answers, rests and reports."""
+    jumps = ("3 years", "-5 years", "2000-01-01", f"@{int(time.time())}")
+    expires = 90
+    usual = load_at_rest(machine, 10)
+    running, pushed = daemon(machine), uptime(machine)
+    assert push(machine, policy(expires)) == 0
+    for number, jump in enumerate(jumps):
+        machine.run("date", "-s", jump)
+        machine.wait_until_serving()
+        expect_report(machine)
+        load = load_at_rest(machine, POLICY_PASS + 5)  # so that each jump falls into another pass
+        assert max(now - before for now, before in zip(load, usual)) < 0.1, f"{load} at rest, before {usual}"
+        earliest = expires + number * POLICY_PASS  # each jump before this one took a pass out of policy time
+        assert all(moment - pushed >= earliest for moment in logged(machine, "Removing policy")), f"expired at {jump}"
+    expired = wait_for(lambda: time.sleep(1) or logged(machine, "Removing policy"), "the expiry")
+    passed = expired[0] - pushed
+    assert earliest <= passed <= earliest + 3 * POLICY_PASS, f"expired after {passed:.0f} s"
+    expect_report(machine)
+    assert daemon(machine) == running and len(expired) == 1
+    print(f"clock: {expires} s of policy time took {passed:.0f} s, at rest {usual}, then {load}", file=sys.stderr)
+
+
+SCENARIOS = {function.__name__.replace("_", "-"): function for function in (lifecycle, accounts, clock)}
