@@ -14,12 +14,13 @@ TOP = pathlib.Path(__file__).resolve().parents[2]
 FOLDER = TOP / "build" / "vm"
 BUILD = pathlib.Path(os.environ.get("ZOL_BUILD_DIR", TOP / "build" / "release"))
 HERE = pathlib.Path(__file__).resolve().parent
+SUBSCRIBER = TOP / "tests" / "e2e" / "subscriber.py"
 DISK_MIB = 512
 
 PACKAGES = ["systemd", "systemd-sysv", "dbus", "libglib2.0-bin", "procps", "e2fsprogs", "python3", "busybox-static",
             "libexpat1", "libjsoncpp25", "libglib2.0-0", "libsqlite3-0", "libboost-thread1.74.0",
             "libboost-chrono1.74.0", "libboost-date-time1.74.0", "libboost-serialization1.74.0", "libsystemd0",
-            "libevdev2", "libnotify4"]
+            "libevdev2", "libnotify4", "python3-dbus", "python3-gi"]
 KERNEL_PACKAGE = "linux-image-cloud-amd64"
 
 # Loaded by the initial root in this order: the ports to the agent and, last of all, the disk.
@@ -141,7 +142,8 @@ def install(tree):
     run("chroot", tree, "useradd", "--system", "--user-group", "stranger")
     agent = tree / "usr/local/lib/zol-vm"
     agent.mkdir(parents=True)
-    shutil.copy(HERE / "agent.py", agent)
+    for script in (HERE / "agent.py", SUBSCRIBER):
+        shutil.copy(script, agent)
     run("cc", "-shared", "-fPIC", "-o", agent / "no_sync.so", HERE / "no_sync.c")
     etc = tree / "etc"
     (etc / "systemd/system/zol-vm-agent.service").write_text(AGENT_UNIT)
@@ -173,7 +175,7 @@ def built():
     digest = hashlib.sha256()
     programs = [BUILD / "bin" / name for name in ("zol_daemon", "zol_vconfd", "zolctl")]
     for path in [*programs, *sorted((TOP / "packaging").iterdir()), HERE / "agent.py", HERE / "no_sync.c",
-                 HERE / "image.py"]:
+                 HERE / "image.py", SUBSCRIBER]:
         digest.update(path.read_bytes())
     return digest.hexdigest()
 

@@ -188,6 +188,15 @@ class Machine:
     def console(self):
         return (self.folder / "console").read_text(errors="replace")
 
+    def processor_use(self, seconds):
+        """The part of one processor that the emulator uses in that time."""
+        def used():
+            fields = pathlib.Path(f"/proc/{self.emulator.pid}/stat").read_text().rsplit(")", 1)[1].split()
+            return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+        before = used()
+        time.sleep(seconds)
+        return (used() - before) / seconds
+
     # --- what goes on in it -------------------------------------------------------------------------------
     def run(self, *command, user=None, stdin="", check=True, port=0):
         """Runs a command as root or as another account of the machine, with that account's groups."""

@@ -58,6 +58,7 @@ def expect_report(machine):
     path = wait_for(lambda: get(machine, HANDOVER_KEY), "a published path")
     assert '"category" : "ZOL"' in machine.run("cat", f"{path}/header.json", user="member").stdout
     assert f"evid={path.rsplit('_', 1)[1]};key={KEY};value=3;" in events(machine), f"no KPI event for {path}"
+    set_key(machine, KEY, 1)  # a rule that holds when a policy is applied is not watched
     machine.run("zolctl", "vconf", "set", HANDOVER_KEY, "", "--type", "string", user="member")
 
 
@@ -165,4 +166,42 @@ def clock(machine):
     print(f"clock: {expires} s of policy time took {passed:.0f} s, at rest {usual}, then {load}", file=sys.stderr)
 
 
-SCENARIOS = {function.__name__.replace("_", "-"): function for function in (lifecycle, accounts, clock)}
+def subscribe(machine):
+    """A client that answers each notification and prints it into the journal."""
+    machine.run("systemd-run", "--unit=subscriber", "--uid=member", "python3", "/usr/local/lib/zol-vm/subscriber.py",
+                "unix:path=/run/dbus/system_bus_socket", "answer")
+    wait_for(lambda: logged(machine, "subscribed", "-u", "subscriber"), "the subscription")
+
+
+def sleep_and_wake_up(machine, number):
+    """Suspends to idle for the `number`-th time in this boot, and presses a key once the machine is asleep."""
+    machine.run("sh", "-c", "(sleep 1; systemctl suspend) >/dev/null 2>&1 &")
+    wait_for(lambda: machine.console().count("PM: suspend entry (s2idle)") == number, "the standby")
+    wait_for(lambda: machine.processor_use(2) < 0.02, "the machine to be asleep")
+    assert machine.console().count("PM: suspend exit") == number - 1, "it did not stay asleep"
+    machine.qmp.execute("send-key", keys=[{"type": "qcode", "data": "spc"}])
+
+
+def standby(machine):
+    """systemctl suspend with the real logind, twice. A subscriber is told before the kernel suspends and the machine
+    waits for its answer; awake again the daemon knows it, holds the next standby, answers, and reports."""
+    prepared = "db/private/tvs-cv/power_on_prepared"
+    machine.run("sh", "-c", "echo s2idle >/sys/power/mem_sleep; dmesg --console-level debug; "
+                "echo enabled >/sys/devices/platform/i8042/serio0/power/wakeup")
+    running = daemon(machine)
+    assert push(machine, policy()) == 0
+    subscribe(machine)
+    for number in (1, 2):
+        machine.run("zolctl", "vconf", "set", prepared, "false", "--type", "bool")
+        wait_for(lambda: "Power-off work is done first" in machine.run("systemd-inhibit", "--list").stdout, "the lock")
+        sleep_and_wake_up(machine, number)
+        wait_for(lambda: get(machine, prepared) in ("1", "true"), "the wake-up")
+        told = logged(machine, "code 5", "-u", "subscriber")
+        asleep = logged(machine, "PM: suspend entry", "-k")
+        assert len(told) == len(asleep) == number and told[-1] < asleep[-1], (told, asleep)
+        machine.wait_until_serving()
+        expect_report(machine)
+    assert not logged(machine, "power-off work is not done", "-t", "ZOLPLATFORM") and daemon(machine) == running
+
+
+SCENARIOS = {function.__name__.replace("_", "-"): function for function in (lifecycle, accounts, clock, standby)}
