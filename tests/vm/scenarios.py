@@ -166,6 +166,73 @@ def clock(machine):
     print(f"clock: {expires} s of policy time took {passed:.0f} s, at rest {usual}, then {load}", file=sys.stderr)
 
 
+def fill_disk(machine):
+    """Not a block is left, those kept for root included."""
+    machine.run("sh", "-c", "dd if=/dev/zero of=/var/fill bs=1M; sync; dd if=/dev/zero of=/var/fill2 bs=512; sync",
+                check=False)
+    assert machine.run("dd", "if=/dev/zero", "of=/var/fill3", "bs=512", "count=1", "conv=fsync", check=False).returncode
+
+
+def hit_in_memory(machine, value):
+    """Sets the key that needs no flash, and waits until the daemon has taken the hit."""
+    assert set_key(machine, VOLATILE_KEY, value) == 0
+    wait_for(lambda: logged(machine, f"key[{VOLATILE_KEY}], intValue[{value}]"), f"the hit {value}")
+
+
+def expect_keys_as_answered(machine):
+    """@return how many of eight keys, half a megabyte together, were refused; each is as its set was answered"""
+    refused = 0
+    for number in range(8):
+        value = f"{number}:{'z' * 60000}"
+        status = machine.run("zolctl", "vconf", "set", f"db/vm/{number}", value, check=False).returncode
+        assert get(machine, f"db/vm/{number}") == ("" if status else value), f"key {number}, answered {status}"
+        refused += status != 0
+    return refused
+
+
+def expect_sound_stores(machine):
+    """The databases of keys and events, looked at in copies."""
+    machine.run("sh", "-c", "mkdir -p /run/copy && cp /var/lib/zol/vconfd/vconf.db* /var/lib/zol/kpi.db* /run/copy")
+    for name in ("vconf", "kpi"):
+        check = f"import sqlite3; print(*sqlite3.connect('/run/copy/{name}.db').execute('pragma integrity_check'))"
+        assert machine.run("python3", "-c", check).stdout == "('ok',)\n", name
+    assert not machine.run("find", "/var/lib/zol", "-name", "*.damaged*").stdout
+    machine.run("rm", "-r", "/run/copy")
+
+
+def full_disk(machine):
+    """Without a free block policies and keys are refused and the old ones stay, and every answer is true. With room
+    again all of it works in the same processes, no hit is without its event; the device boots from a full disk, too."""
+    first, running = policy(padding=5000), daemon(machine)
+    assert push(machine, first) == 0 and set_key(machine, "db/vm/old", 1) == 0
+    fill_disk(machine)
+    for padding in (0, 300000):
+        assert push(machine, policy(padding=padding)) == 1
+        assert machine.run("cat", "/var/lib/zol/policy.xml").stdout == first
+    assert expect_keys_as_answered(machine) > 0, "a disk without room takes half a megabyte of keys"
+    hit_in_memory(machine, 7)
+    machine.wait_until_serving()
+    machine.run("sh", "-c", "rm /var/fill*")
+    hit_in_memory(machine, 8)
+    expect_report(machine)
+    assert all(f"key={VOLATILE_KEY};value={value};" in events(machine) for value in (7, 8)), events(machine)
+    second = policy(padding=300000)
+    assert push(machine, second) == 0 and set_key(machine, "db/vm/old", 2) == 0 and get(machine, "db/vm/old") == "2"
+    assert daemon(machine) == running
+    expect_sound_stores(machine)
+    fill_disk(machine)
+    machine.cut()
+    machine.disconnect()
+    machine.disk.power_on("nothing", None)
+    machine.boot()
+    machine.wait_until_serving()
+    assert machine.run("cat", "/var/lib/zol/policy.xml").stdout == second and get(machine, "db/vm/old") == "2"
+    machine.run("sh", "-c", "rm /var/fill*")
+    assert push(machine, first) == 0
+    expect_report(machine)
+    expect_sound_stores(machine)
+
+
 def subscribe(machine):
     """A client that answers each notification and prints it into the journal."""
     machine.run("systemd-run", "--unit=subscriber", "--uid=member", "python3", "/usr/local/lib/zol-vm/subscriber.py",
@@ -204,4 +271,5 @@ def standby(machine):
     assert not logged(machine, "power-off work is not done", "-t", "ZOLPLATFORM") and daemon(machine) == running
 
 
-SCENARIOS = {function.__name__.replace("_", "-"): function for function in (lifecycle, accounts, clock, standby)}
+SCENARIOS = {function.__name__.replace("_", "-"): function
+             for function in (lifecycle, accounts, clock, full_disk, standby)}
