@@ -70,7 +70,7 @@ class Cuts:
         self.tally.count(kept, self.record.acknowledged - steps, unflushed, findings)
         print(f"cut {number}: {when}, kept {kept} of {unflushed} unflushed writes, "
               f"{self.record.acknowledged - steps} steps, {time.monotonic() - began:.0f} s: "
-              f"{'; '.join(findings) or 'all there'}", file=sys.stderr, flush=True)
+              f"{'; '.join(findings) or 'all there'}", *check.notes, sep="\n    ", file=sys.stderr, flush=True)
 
     def _cut(self, source):
         """One cut of four comes at a moment of time, the others with a write, so that they hit what is not flushed."""
