@@ -8,8 +8,8 @@
 namespace zol::ipc {
 
 /// GDBus reads from the bus on a thread of its own, as fast as callers send; what it has read waits in
-/// memory. This refuses what is beyond a bound while it is read, so that a caller who does not wait for
-/// answers neither fills the memory nor makes the others wait.
+/// memory. This refuses, while it is read, what is beyond the bounds of Gio.h: calls of one connection, and
+/// the arguments of all callers together. So memory is bounded, and nobody waits behind more than that.
 class Backlog {
 public:
     Backlog();

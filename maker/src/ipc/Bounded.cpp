@@ -62,7 +62,7 @@ GConnectionPtr ConnectWithin(bool sessionBus, unsigned milliseconds, base::GErro
         result = wait.Wait(milliseconds);
     }
     if (result == nullptr) {
-        // Cancelled or not, without a thread to run on it never ends.
+        // GIO may get no thread for the operation: then cancelling does not complete it either.
         error.reset(g_error_new_literal(G_IO_ERROR, G_IO_ERROR_TIMED_OUT, "the bus did not answer in time"));
         return nullptr;
     }

@@ -50,8 +50,8 @@ public:
     }
     /// Makes it durable and gives it its final name.
     bool MoveTo(const std::string& path) {
-        // Through a descriptor of its own: a tool may have put another file in its place, and on a stick of
-        // its own somebody else a link to a file that is not to be opened for everyone.
+        // Through a descriptor of its own: a tool may have put another file in its place. The owner of the
+        // stick may have put a link there: following it would make its target readable for everyone.
         const base::UniqueFd content(open(m_path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
         if (!content) {
             return false;

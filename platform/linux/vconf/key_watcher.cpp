@@ -28,6 +28,7 @@ bool KeyWatcher::Add(const std::string& key, vconf_callback_fn callback, void* u
     Message answer;
     const bool isAnswered = Ask(key, &answer);
     if (isAnswered ? answer.error != 0 : errno == EACCES) {
+        DispatchRest();
         errno = isAnswered ? answer.error : EACCES;
         return false;
     }
@@ -36,10 +37,15 @@ bool KeyWatcher::Add(const std::string& key, vconf_callback_fn callback, void* u
                          isAnswered ? answer.change : std::numeric_limits<std::int64_t>::max()};
     m_registry.Add(key, callback, userData, start);
     m_watched.emplace(key, Watched{isAnswered ? answer.change : kNeverChanged});
+    DispatchRest();
+    return true;
+}
+
+/// Has the source dispatched for what a request left behind: changes it has met, or a connection it has lost.
+void KeyWatcher::DispatchRest() {
     if (!m_socket || !m_changes.empty()) {
         g_source_set_ready_time(m_source.get(), m_socket ? 0 : m_retryAt);
     }
-    return true;
 }
 
 /// Begins to watch a key. False, with errno, when no service answers.
@@ -73,6 +79,7 @@ bool KeyWatcher::Withdraw(const std::string& key, vconf_callback_fn callback, vo
         request.operation = Operation::Unwatch;
         request.key = key;
         static_cast<void>(Post(&request));  // a connection that is lost watches nothing
+        DispatchRest();
     }
     return true;
 }

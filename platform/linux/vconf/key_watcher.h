@@ -40,6 +40,7 @@ private:
     static GSourceFuncs s_sourceFunctions;
 
     void StartSource();
+    void DispatchRest();
     void Dispatch();
     [[nodiscard]] bool Ask(const std::string& key, Message* answer);
     [[nodiscard]] bool Connect();

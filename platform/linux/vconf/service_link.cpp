@@ -11,8 +11,11 @@ namespace keystore {
 namespace {
 
 constexpr std::uint64_t kPauseNs = 1000000000;
-// A service that is killed may be connected to while it ends, and so may the next one.
+// A service that is killed may be connected to while it ends, and so may the next one. One that keeps its
+// clients waiting gets two attempts.
 constexpr int kMaxAttempts = 8;
+constexpr int kAttemptsAtLeast = 2;
+constexpr std::uint64_t kMoreAttemptsNs = 1000000000;
 constexpr std::uint64_t kRetryUs = 10000;
 
 }  // namespace
@@ -22,7 +25,11 @@ bool ServiceLink::Call(const Message& request, Message* answer) {
     const std::lock_guard<std::mutex> lock(m_mutex);
     errno = EIO;
     // A service that has ended since the last call is connected to anew; all requests may be made again.
+    const std::uint64_t end = platform_clock_steady_ns() + kMoreAttemptsNs;
     for (int attempt = 0; attempt < kMaxAttempts && platform_clock_steady_ns() >= m_silentUntil; ++attempt) {
+        if (attempt >= kAttemptsAtLeast && platform_clock_steady_ns() >= end) {
+            break;
+        }
         if (!m_socket) {
             m_socket = ConnectToService();
         }

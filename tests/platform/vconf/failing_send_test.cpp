@@ -40,6 +40,20 @@ TEST_F(ASendThatFails, IsRepeatedOnAnotherConnection) {
     EXPECT_EQ(GetInt("db/k"), 2);
 }
 
+TEST_F(ASendThatFails, WhileAWatchIsWithdrawnLeavesTheOthersHearing) {
+    Heard heard;
+    Heard other;
+    ASSERT_TRUE(heard.Watch("db/k"));
+    ASSERT_TRUE(other.Watch("db/other"));
+    FailNextSend();
+    ASSERT_TRUE(other.Withdraw("db/other"));
+    ASSERT_TRUE(HasFailed());
+
+    InAnotherProcess({"int", "db/k", "5"});
+
+    EXPECT_TRUE(ServeUntil([&] { return heard.number == 5; }));
+}
+
 TEST_F(ASendThatFails, LosesNoWatchWhenTheServiceIsBack) {
     Heard heard;
     ASSERT_TRUE(heard.Watch("db/k"));

@@ -74,18 +74,30 @@ void TCPolicyManager::ReloadSchedule() {
         m_logger->LogVolumeLevel();
     }
     ZOLPolicy policy;
-    const bool wasReloadDue = std::exchange(m_isReloadDue, false);
-    if (!m_Load(policy, m_isReloadDue)) {
-        m_CreatePolicyThread(kNoTasks);
-        m_SetCorvelPolicy(false);
-        if (m_isReloadDue && !wasReloadDue) {
-            ZOL_LOG(LOG_ERROR, "the stored policy cannot be read: trying again until it can");
-        }
-        if (m_isReloadDue) {
-            m_RetryLater();
-        }
+    m_isReloadDue = false;
+    if (m_Load(policy, m_isReloadDue)) {
+        m_ApplyStored(policy);
         return;
     }
+    m_CreatePolicyThread(kNoTasks);
+    m_SetCorvelPolicy(false);
+    if (m_isReloadDue) {
+        ZOL_LOG(LOG_ERROR, "the stored policy cannot be read: trying again until it can");
+        m_RetryLater();
+    }
+}
+
+void TCPolicyManager::m_ReadAgain() {
+    ZOLPolicy policy;
+    bool mayDoBetterLater = false;
+    const bool isRead = m_Load(policy, mayDoBetterLater);
+    m_isReloadDue = mayDoBetterLater;
+    if (isRead) {
+        m_ApplyStored(policy);
+    }
+}
+
+void TCPolicyManager::m_ApplyStored(const ZOLPolicy& policy) {
     m_UpdateScheduler(policy, false);
     ZOL_LOG(LOG_ERROR, "Set policy information.");
     if (m_GetCorvelPolicy()) {
@@ -374,7 +386,10 @@ void TCPolicyManager::m_Retry() {
         m_SetCorvelPolicy(*m_meantRunning);
     }
     if (m_isReloadDue) {
-        ReloadSchedule();
+        CatchAll(kLogModule, [this] { m_ReadAgain(); });
+    }
+    if (m_isReloadDue) {
+        m_RetryLater();
     } else if (m_isSetUnfinished) {
         m_WatchPolicy();
         if (!m_isSetUnfinished) {

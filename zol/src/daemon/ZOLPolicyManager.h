@@ -71,6 +71,8 @@ private:
     /// @param mayDoBetterLater set when it failed for want of a descriptor or memory, or the file could not
     /// be read
     [[nodiscard]] static bool m_Load(ZOLPolicy& policy, bool& mayDoBetterLater);
+    void m_ReadAgain();
+    void m_ApplyStored(const ZOLPolicy& policy);
     [[nodiscard]] static bool m_Store(const std::string& xml);
     void m_UpdateScheduler(const ZOLPolicy& policy, bool isNewPolicy);
     void m_CreatePolicyThread(int start);

@@ -40,7 +40,7 @@ bool HandOverQueue::Watch(vconf_callback_fn callback, void* userData) {
 HandOverQueue::Offered HandOverQueue::Offer(const std::string& path) {
     const std::lock_guard<std::recursive_mutex> lock(s_mutex);
     std::optional<bool> isEmpty = IsKeyEmpty();
-    // A key that was never made would drop every path, and that of an earlier run would hold them up.
+    // A missing key makes every path be dropped; a path that an earlier run left makes them all wait.
     if (std::exchange(s_isEmptyingDue, false) && !isEmpty.value_or(false) && EmptyKey()) {
         isEmpty = IsKeyEmpty();
     }

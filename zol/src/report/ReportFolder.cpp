@@ -47,8 +47,7 @@ ReportFolder::HeaderErrors ReportFolder::WriteHeader(const TCKpiManager& identif
     header["Content-Type"] = "multipart/form-data";
     const std::string text = Json::writeString(Json::StreamWriterBuilder(), header);
 
-    // The sets of tasks that run beside one another share the folder of a second, and the name beside the
-    // file.
+    // Two sets of tasks may report in the same second: they share the folder and the temporary file's name.
     static std::mutex mutex;
     const std::lock_guard<std::mutex> lock(mutex);
     const std::string path = DevicePath((m_path + "/header.json").substr(0, kPathLength));
