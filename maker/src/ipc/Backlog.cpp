@@ -6,9 +6,12 @@
 
 namespace zol::ipc {
 
-/// What is waiting, by caller. Any thread.
+/// What is waiting, by caller. Under s_mutex.
 class Backlog::Waiting {
 public:
+    /// Also guards each Call: it is made on the thread that reads and goes on the one that serves.
+    static std::mutex s_mutex;
+
     /// A call that waits. Gone when its message is.
     struct Call {
         std::shared_ptr<Waiting> waiting;  // null when it was not let in
@@ -26,7 +29,6 @@ public:
     };
 
     bool Add(const std::string& caller, std::size_t bytes) {
-        const std::lock_guard<std::mutex> lock(m_mutex);
         std::size_t& calls = m_calls[caller];
         // One call is always let in, whatever its length: that has a limit of its own.
         if (calls >= kMaxWaitingPerConnection || (m_bytes > 0 && m_bytes + bytes > kMaxWaitingBytes)) {
@@ -44,7 +46,6 @@ public:
 
 private:
     void Remove(const Call& call) {
-        const std::lock_guard<std::mutex> lock(m_mutex);
         std::size_t& calls = m_calls[call.caller];
         --calls;
         m_bytes -= call.bytes;
@@ -56,10 +57,11 @@ private:
         }
     }
 
-    std::mutex m_mutex;
     std::unordered_map<std::string, std::size_t> m_calls;  // by the caller's name on the bus
     std::size_t m_bytes = 0;                               // of all of them
 };
+
+std::mutex Backlog::Waiting::s_mutex;
 
 GDBusMessage* Backlog::Waiting::FilterCb(GDBusConnection* connection, GDBusMessage* message,
                                          gboolean isIncoming, gpointer self) {
@@ -74,11 +76,14 @@ GDBusMessage* Backlog::Waiting::FilterCb(GDBusConnection* connection, GDBusMessa
         auto call = std::make_unique<Call>();
         call->caller = sender != nullptr ? sender : "";
         call->bytes = body != nullptr ? g_variant_get_size(body) : 0;
+        const std::lock_guard<std::mutex> lock(s_mutex);
         isLetIn = waiting->Add(call->caller, call->bytes);
         if (isLetIn) {
             call->waiting = waiting;
-            g_object_set_data_full(G_OBJECT(message), "zol-waiting", call.release(),
-                                   [](gpointer data) { delete static_cast<Call*>(data); });
+            g_object_set_data_full(G_OBJECT(message), "zol-waiting", call.release(), [](gpointer data) {
+                const std::lock_guard<std::mutex> held(s_mutex);
+                delete static_cast<Call*>(data);
+            });
         }
     });
     if (isLetIn) {

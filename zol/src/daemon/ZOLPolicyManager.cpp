@@ -1,6 +1,7 @@
 #include "ZOLPolicyManager.h"
 
 #include <boost/thread/exceptions.hpp>
+#include <cerrno>
 #include <cinttypes>
 #include <optional>
 #include <utility>
@@ -43,8 +44,8 @@ void KeepInStorage(const ZOLPolicy& policy) {
 
 /// Whether what failed for this reason may well succeed a while later.
 bool IsPassing(const std::error_code& error) {
-    return error == std::errc::too_many_files_open || error == std::errc::too_many_files_open_in_system ||
-           error == std::errc::not_enough_memory || error == std::errc::io_error;
+    const int reason = error.value();
+    return reason == EMFILE || reason == ENFILE || reason == ENOMEM || reason == EIO;
 }
 
 }  // namespace
