@@ -11,7 +11,7 @@ import time
 
 import dbus
 
-from conftest import BIN, BUS_NAME, DEADLINE, HANDOVER_KEY, RUNNING_KEY, Machine, int_rule, policy, processes_on
+from conftest import BIN, BUS_NAME, DEADLINE, HANDOVER_KEY, RUNNING_KEY, TGID, Machine, int_rule, policy, processes_on
 from control import ALLOCATOR, KILL, TRACER, Control
 
 POLICY_FILE = "/var/lib/zol/policy.xml"
@@ -335,7 +335,7 @@ class Trial:
         if self.daemon and not self.ended:
             self.stop()
         self.check_stored()
-        for folder in self.machine.path("/tmp/zol").glob("*_*"):
+        for folder in self.machine.path("/tmp/zol").glob(f"{TGID}_*"):
             # A kill leaves a folder without a header, and without a line, that nobody is told of.
             if self.fault.how != KILL or (folder / "header.json").exists():
                 self.check_header(folder, self.fault.nth != 0)
