@@ -47,14 +47,29 @@ bool Fails(Store& store, const char* key, int failure) {
     return found != store.failures.end() && (found->second & failure) != 0;
 }
 
+/// Null, with errno, when there is nothing to read.
+const Value* Find(Store& store, const char* key, int type) {
+    const auto found = store.values.find(key);
+    if (Fails(store, key, vconf::FAIL_GET)) {
+        errno = EIO;
+    } else if (found == store.values.end()) {
+        errno = ENOENT;
+    } else if (found->second.type != type) {
+        errno = EINVAL;
+    } else {
+        return &found->second;
+    }
+    return nullptr;
+}
+
 int GetNumber(const char* key, int type, int* out) {
     Store& store = The();
     const std::lock_guard<std::mutex> lock(store.mutex);
-    const auto found = store.values.find(key);
-    if (Fails(store, key, vconf::FAIL_GET) || found == store.values.end() || found->second.type != type) {
+    const Value* const found = Find(store, key, type);
+    if (found == nullptr) {
         return -1;
     }
-    *out = found->second.number;
+    *out = found->number;
     return 0;
 }
 
@@ -210,12 +225,8 @@ int vconf_get_bool(const char* key, int* out) {
 char* vconf_get_str(const char* key) {
     fakes::Store& store = fakes::The();
     const std::lock_guard<std::mutex> lock(store.mutex);
-    const auto found = store.values.find(key);
-    if (fakes::Fails(store, key, fakes::vconf::FAIL_GET) || found == store.values.end() ||
-        found->second.type != VCONF_TYPE_STRING) {
-        return nullptr;
-    }
-    return strdup(found->second.text.c_str());
+    const fakes::Value* const found = fakes::Find(store, key, VCONF_TYPE_STRING);
+    return found != nullptr ? strdup(found->text.c_str()) : nullptr;
 }
 
 int vconf_set_int(const char* key, int value) {

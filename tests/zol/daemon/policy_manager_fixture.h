@@ -11,6 +11,7 @@
 #include "device_test.h"
 #include "fake_vconf.h"
 #include "mock_dbus_server.h"
+#include "retry_timer.h"
 
 constexpr const char* kRunningKey = zol::kMonitoringRuns.key;
 constexpr const char* kPowerOnKey = zol::kPowerOnPrepared.key;
@@ -58,9 +59,6 @@ protected:
         return Start();
     }
     void Stop() { m_manager.reset(); }
-
-    /// Lets the moment come at which the manager tries again what failed; false when it has nothing to try.
-    static bool LetRetryCome();
 
     testing::StrictMock<MockDbusServer> m_server;
     zol::TCShiftedClock m_clock;

@@ -10,6 +10,7 @@
 #include "fake_vconf.h"
 #include "kpi_events.h"
 #include "monitor_fixture.h"
+#include "retry_timer.h"
 
 namespace {
 
@@ -214,6 +215,81 @@ TEST_F(CheckAtStart, AKeyThatCannotBeReadIsWatchedAllTheSame) {
 
     EXPECT_EQ(Reported(), Reports({"db/k=5"}));
     ExpectErrors({"vconf_get_int() fail", "[db/k] registered"});
+}
+
+TEST_F(CheckAtStart, ARuleThatHoldsInAStoreThatIsOutOfOrderIsReportedOnceItIsInOrder) {
+    SetInt("db/int", 5);
+    SetString("db/text", "on");
+    fakes::vconf::Fail("db/int", fakes::vconf::FAIL_GET);
+    fakes::vconf::Fail("db/text", fakes::vconf::FAIL_GET);
+    Watch({IntItem("IS", 5, "db/int"), BetweenItem(1, 9), StringItem("IS", "on", "db/text")});
+    EXPECT_TRUE(LetRetryCome());
+    EXPECT_EQ(Reported(), Reports());
+    EXPECT_EQ(Logged("[db/int] cannot be read: trying again until it can"), 1);
+
+    fakes::vconf::Fail("db/text", fakes::vconf::FAIL_NONE);
+    EXPECT_TRUE(LetRetryCome());
+    EXPECT_EQ(Reported(), Reports({"db/text=on"}));
+    fakes::vconf::Fail("db/int", fakes::vconf::FAIL_NONE);
+    EXPECT_TRUE(LetRetryCome());
+
+    EXPECT_EQ(Reported(), Reports({"db/text=on", "db/int=5"}));
+    EXPECT_EQ(Registrations("db/int") + Registrations("db/text"), 0) << "as for one that holds at once";
+    EXPECT_EQ(Registrations(kWatched), 1) << "no such key: there is nothing to read again";
+    EXPECT_FALSE(LetRetryCome());
+}
+
+TEST_F(CheckAtStart, ARuleThatDoesNotHoldOnceItsKeyIsReadIsWatchedFurther) {
+    SetInt(kWatched, 10);
+    fakes::vconf::Fail(kWatched, fakes::vconf::FAIL_GET);
+    Watch({BetweenItem(10, 20)});
+    fakes::vconf::Fail(kWatched, fakes::vconf::FAIL_NONE);
+
+    EXPECT_TRUE(LetRetryCome());
+
+    EXPECT_FALSE(LetRetryCome());
+    EXPECT_EQ(Reported(), Reports());
+    SetInt(kWatched, 11);
+    EXPECT_EQ(m_notify.VconfEvents(), 1);
+}
+
+TEST_F(CheckAtStart, AChangeThatComesBeforeAKeyIsReadAgainIsReportedOnce) {
+    SetInt(kWatched, 5);
+    fakes::vconf::Fail(kWatched, fakes::vconf::FAIL_GET);
+    Watch({IntItem("IS", 5), IntItem("IS", 5)});
+    fakes::vconf::Fail(kWatched, fakes::vconf::FAIL_NONE);
+
+    SetInt(kWatched, 5);
+    EXPECT_TRUE(LetRetryCome());
+
+    EXPECT_EQ(Reported(), Reports({"db/k=5"}));
+    EXPECT_EQ(m_notify.VconfEvents(), 1) << "none without a hit";
+    EXPECT_EQ(Registrations(kWatched), 2) << "as for one that did not hold at the start";
+}
+
+TEST_F(KeyChange, AKeyThatCannotBeReadAfterItsChangeIsReadAgainAndWatchedFurther) {
+    Watch({IntItem("GREATER", 4)});
+    fakes::vconf::Fail(kWatched, fakes::vconf::FAIL_GET);
+    SetInt(kWatched, 5);
+    EXPECT_TRUE(LetRetryCome());
+    EXPECT_EQ(Reported(), Reports());
+    fakes::vconf::Fail(kWatched, fakes::vconf::FAIL_NONE);
+
+    EXPECT_TRUE(LetRetryCome());
+    SetInt(kWatched, 6);
+
+    EXPECT_EQ(Reported(), Reports({"db/k=5", "db/k=6"}));
+    EXPECT_FALSE(LetRetryCome());
+}
+
+TEST_F(CheckerLife, WhatCouldNotBeReadIsForgottenWithTheChecker) {
+    fakes::vconf::Fail(kWatched, fakes::vconf::FAIL_GET);
+    Watch({IntItem("IS", 5)});
+
+    m_checker.reset();
+
+    EXPECT_FALSE(LetRetryCome());
+    EXPECT_EQ(Registrations(kWatched), 0);
 }
 
 TEST_F(CheckAtStart, AKeyThatReachesItsRuleBetweenItsCheckAndItsWatchIsReportedOnce) {

@@ -84,16 +84,53 @@ bool TCVconfChecker::m_CheckOrWatch(const ZOLVconfMonitor& item) {
     // Watched first, so that no change falls in between.
     KeyWatch watch = WatchKey(item.key, m_KeyChangedCb, this);
     const bool isNoKey = errno == EINVAL;
-    if (m_CheckItem(item, m_GetValueType(item.type) == VALUE_TYPE_STRING)) {
+    const bool isString = m_GetValueType(item.type) == VALUE_TYPE_STRING;
+    if (m_CheckItem(item, isString)) {
         return true;
     }
     if (!watch) {
         ZOL_LOG(LOG_ERROR, "[%s] failed", item.key.c_str());
         return isNoKey;
     }
-    m_watches.push_back(std::move(watch));
     ZOL_LOG(LOG_ERROR, "[%s] registered", item.key.c_str());
+    if (m_isUnreadable) {
+        m_ReadLater(item, isString, std::move(watch));
+    } else {
+        m_watches.push_back(std::move(watch));
+    }
     return true;
+}
+
+void TCVconfChecker::m_ReadLater(const ZOLVconfMonitor& item, bool isString, KeyWatch watch) {
+    ZOL_LOG(LOG_ERROR, "[%s] cannot be read: trying again until it can", item.key.c_str());
+    m_unread.push_back({item, isString, std::move(watch)});
+    if (m_retry == nullptr) {
+        m_retry = base::StartTimer(nullptr, m_backoff.Next(), [this] { m_ReadAgain(); });
+    }
+}
+
+void TCVconfChecker::m_ReadAgain() {
+    m_retry.reset();
+    CatchAll(kLogModule, [this] {
+        // Each is an attempt of up to seconds: the first that fails says how the store is.
+        while (!m_unread.empty()) {
+            Unread& next = m_unread.back();
+            const bool holds = m_CheckItem(next.item, next.isString);
+            if (m_isUnreadable) {
+                break;
+            }
+            if (!holds && next.watch) {
+                m_watches.push_back(std::move(next.watch));
+            }
+            m_unread.pop_back();
+        }
+    });
+    m_NotifyPending();
+    if (m_unread.empty()) {
+        m_backoff.Reset();
+    } else {
+        m_retry = base::StartTimer(nullptr, m_backoff.Next(), [this] { m_ReadAgain(); });
+    }
 }
 
 void TCVconfChecker::m_KeyChangedCb(keynode_t* node, void* userData) {
@@ -105,7 +142,7 @@ void TCVconfChecker::m_KeyChangedCb(keynode_t* node, void* userData) {
         auto* self = static_cast<TCVconfChecker*>(userData);
         if (self->m_Check(node)) {
             ZOL_LOG(LOG_ERROR, "found on list!");
-            self->Notify();
+            self->m_NotifyPending();
         }
     } catch (...) {
         LogCallbackException(kLogModule);
@@ -119,14 +156,30 @@ bool TCVconfChecker::m_Check(const keynode_t* node) {
     }
     const ZOLVconfMonitor& item = m_monitorList[first->second];
     ZOL_LOG(LOG_ERROR, "find!");
+    m_DropUnread(item.key);
     // The key's own type decides, whatever the item says.
-    switch (vconf_keynode_get_type(node)) {
-        case VCONF_TYPE_STRING:
-            return m_CheckItem(item, true);
-        case VCONF_TYPE_INT:
-            return m_CheckItem(item, false);
-        default:
-            return false;
+    const int type = vconf_keynode_get_type(node);
+    if (type != VCONF_TYPE_STRING && type != VCONF_TYPE_INT) {
+        return false;
+    }
+    const bool isString = type == VCONF_TYPE_STRING;
+    const bool holds = m_CheckItem(item, isString);
+    if (m_isUnreadable) {
+        m_ReadLater(item, isString, {});
+    }
+    return holds;
+}
+
+void TCVconfChecker::m_DropUnread(const std::string& key) {
+    for (auto unread = m_unread.begin(); unread != m_unread.end();) {
+        if (unread->item.key != key) {
+            ++unread;
+            continue;
+        }
+        if (unread->watch) {
+            m_watches.push_back(std::move(unread->watch));
+        }
+        unread = m_unread.erase(unread);
     }
 }
 
@@ -134,6 +187,7 @@ bool TCVconfChecker::m_CheckItem(const ZOLVconfMonitor& item, bool isString) {
     int value = kNoInteger;
     std::string text = kNoText;
     bool holds = false;
+    m_isUnreadable = false;
     if (isString) {
         holds = m_CheckStringType(item.key, item.condition, item.strValue, text);
     } else if (m_GetCondition(item.condition) == CONDITION_BETWEEN) {
@@ -151,6 +205,7 @@ bool TCVconfChecker::m_CheckIntType(const std::string& key, const std::string& c
                                     int& out) {
     int read = 0;
     if (vconf_get_int(key.c_str(), &read) != 0) {
+        m_isUnreadable = errno == EIO;
         ZOL_LOG(LOG_ERROR, "vconf_get_int() fail");
         return false;
     }
@@ -182,6 +237,7 @@ bool TCVconfChecker::m_CheckIntType(const std::string& key, const std::string& c
 bool TCVconfChecker::m_CheckIntType(const std::string& key, int greater, int less, int& out) {
     int read = 0;
     if (vconf_get_int(key.c_str(), &read) != 0) {
+        m_isUnreadable = errno == EIO;
         ZOL_LOG(LOG_ERROR, "vconf_get_int() fail");
         return false;
     }
@@ -199,6 +255,7 @@ bool TCVconfChecker::m_CheckStringType(const std::string& key, const std::string
                                        const std::string& strValue, std::string& out) {
     const VconfString read = GetVconfString(key.c_str());
     if (read == nullptr) {
+        m_isUnreadable = errno == EIO;
         ZOL_LOG(LOG_ERROR, "vconf_get_str() fail");
         return false;
     }

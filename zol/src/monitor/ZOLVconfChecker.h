@@ -11,6 +11,8 @@
 #include "KeyWatch.h"
 #include "Task.h"
 #include "ZOLPolicy.h"
+#include "base/backoff.h"
+#include "base/glib_handles.h"
 #include "vconf.h"
 
 class TCNotifyManager;
@@ -36,7 +38,8 @@ public:
     /// Evaluates every item now. One that holds is reported and not watched any further; for each other one
     /// the change callback is registered, and no change is missed in between. It must run on the thread that
     /// the callbacks come on, or before any do. All hits together end in one NOTIFY_ZOL_VCONF event. A key
-    /// whose watch is refused is logged and left to WatchRest, unless no key may have that name.
+    /// whose watch is refused is logged and left to WatchRest, unless no key may have that name. One that is
+    /// there and cannot be read, now or after a change, is read again until it can be or changes.
     void CheckNow(const std::vector<ZOLVconfMonitor>& items);
     /// Watches what CheckNow could not, as far as the first item that is refused again. One that holds
     /// meanwhile is reported and not watched any further. On the thread of CheckNow.
@@ -54,17 +57,28 @@ public:
 private:
     static void m_KeyChangedCb(keynode_t* node, void* userData);
 
+    /// An item whose key could not be read.
+    struct Unread {
+        ZOLVconfMonitor item;
+        bool isString;
+        KeyWatch watch;  ///< goes when the item holds; none after a change: that one goes on being watched
+    };
+
     bool m_Check(const keynode_t* node);
     bool m_CheckItem(const ZOLVconfMonitor& item, bool isString);
-    static bool m_CheckIntType(const std::string& key, int greater, int less, int& out);
-    static bool m_CheckIntType(const std::string& key, const std::string& condition, int value, int& out);
-    static bool m_CheckStringType(const std::string& key, const std::string& condition,
-                                  const std::string& strValue, std::string& out);
+    bool m_CheckIntType(const std::string& key, int greater, int less, int& out);
+    bool m_CheckIntType(const std::string& key, const std::string& condition, int value, int& out);
+    bool m_CheckStringType(const std::string& key, const std::string& condition, const std::string& strValue,
+                           std::string& out);
     static int m_GetCondition(const std::string& word);
     static int m_GetValueType(const std::string& word);
     /// Reports an item that holds, watches another one. False when another attempt may do better: nothing can
     /// be done about a name that no key may have.
     [[nodiscard]] bool m_CheckOrWatch(const ZOLVconfMonitor& item);
+    void m_ReadLater(const ZOLVconfMonitor& item, bool isString, KeyWatch watch);
+    void m_ReadAgain();
+    /// What a change tells makes up for what was not read.
+    void m_DropUnread(const std::string& key);
     void m_NotifyPending();
     void m_AddNotify(ZOLVconfMonitor item, int value, std::string text);
 
@@ -73,7 +87,11 @@ private:
     std::unordered_map<std::string, std::size_t> m_firstItem;  ///< key to its first position in m_monitorList
     std::atomic<bool> m_bNotifyPending{false};
     std::vector<ZOLVconfMonitor> m_refused;  ///< items whose keys vconf would not watch
-    std::vector<KeyWatch> m_watches;         ///< go first: the callback uses all of the above
+    bool m_isUnreadable = false;             ///< the last read found the store out of order
+    base::Backoff m_backoff;
+    std::vector<Unread> m_unread;
+    base::GSourcePtr m_retry;
+    std::vector<KeyWatch> m_watches;  ///< go first: the callback uses all of the above
 };
 
 }  // namespace zol

@@ -1,4 +1,4 @@
-#include "policy_manager_fixture.h"
+#include "retry_timer.h"
 
 #include <dlfcn.h>
 #include <glib.h>
@@ -23,7 +23,7 @@ extern "C" GSource* g_timeout_source_new(guint interval) {
     return timer;
 }
 
-bool PolicyManagerTest::LetRetryCome() {
+bool LetRetryCome() {
     if (g_timer == nullptr || g_source_is_destroyed(g_timer) != FALSE) {
         return false;
     }
