@@ -211,7 +211,7 @@ def test_sets_of_tasks_beside_one_another_are_bounded(machine, daemon):
     push_and_clear("db/set/8")
 
     machine.wait_log("8 sets of tasks run already, the policy is applied at the next start")
-    assert len(os.listdir(f"/proc/{daemon.pid()}/task")) == threads
+    assert len(os.listdir(f"/proc/{daemon.pid()}/task")) <= threads
     assert "[db/set/8] registered" not in machine.log()
 
 
