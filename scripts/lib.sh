@@ -15,7 +15,8 @@ fi
 
 step() { printf '%s== %s%s\n' "$bold" "$*" "$plain"; }
 good() { printf '%s%s%s\n' "$green" "$*" "$plain"; }
-die() { printf '%s%s: %s%s\n' "$red" "$(basename "$0")" "$*" "$plain" >&2; exit 1; }
+# Ends the script with one line; with status 1 unless it has another one for what cannot run.
+die() { printf '%s%s: %s%s\n' "$red" "$(basename "$0")" "$*" "$plain" >&2; exit "${DIE_STATUS:-1}"; }
 
 # Prints the Debian 12 mirror that this machine itself uses, for images made of its packages.
 debian_mirror() {

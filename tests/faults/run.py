@@ -6,6 +6,7 @@ import errno
 import os
 import pathlib
 import random
+import shutil
 import signal
 import sys
 import time
@@ -93,7 +94,8 @@ def options_of(arguments):
 
 def scenarios_of(options):
     """The roads, the kills or both, as far as they are wanted."""
-    every = list(KILLS) if options.kills else [*ROADS, *KILLS]
+    # A kill has no kind of call.
+    every = list(KILLS) if options.kills else [*ROADS, *(() if options.kind else KILLS)]
     return [name for name in every if options.scenario is None or name in options.scenario]
 
 
@@ -133,11 +135,15 @@ def count_calls(pool, scenarios):
     for (name, _), future in blanks.items():
         result = future.result()
         if result["findings"]:
-            sys.exit(f"faults: scenario {name} fails without a fault: {result['findings']}")
+            raise CannotRun(f"scenario {name} fails without a fault: {result['findings']}")
         counts, lines = usual.setdefault(name, (collections.Counter(), set()))
         counts.update({kind: count for kind, count in result["counts"].items() if not counts[kind]})
         lines |= result["lines"]
     return usual
+
+
+class CannotRun(Exception):
+    """What is to be broken is not there."""
 
 
 class Table:
@@ -184,6 +190,10 @@ def plan(usual, options):
     trials = [(name, fault, frozenset(lines)) for name, (counts, lines) in usual.items()
               for fault in faults_of(name, counts, options)]
     random.Random(1).shuffle(trials)
+    unbroken = set() if options.kills or options.kind or options.scenario else \
+        set(HOWS) - {fault.kind for _, fault, _ in trials}
+    if unbroken:
+        raise CannotRun(f"no call of these kinds is made: {' '.join(sorted(unbroken))}")
     return trials
 
 
@@ -217,12 +227,20 @@ def main(arguments):
     start = time.monotonic()
     scenarios = scenarios_of(options)
     table = Table()
+    shutil.rmtree(FINDINGS, ignore_errors=True)
     with concurrent.futures.ProcessPoolExecutor(options.jobs) as pool:
-        trials = plan(count_calls(pool, scenarios), options)
+        try:
+            trials = plan(count_calls(pool, scenarios), options)
+        except CannotRun as reason:
+            print(f"faults: {reason}", file=sys.stderr)
+            return 2
         print(f"{len(trials)} trials of {len(scenarios)} scenarios, {options.jobs} at a time", flush=True)
         left = run_all(pool, trials, options, table)
     table.print(scenarios)
     findings = table.total("findings")
+    if trials and not table.total("injected"):
+        print("faults: not one call was broken", file=sys.stderr)
+        return 2
     print(f"{table.total('injected')} broken calls, {table.total('ended')} ended the program in an allowed way, "
           f"{table.total('not reached')} not reached, {left} not tried, {findings} findings, "
           f"{time.monotonic() - start:.0f} s")
