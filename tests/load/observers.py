@@ -70,6 +70,8 @@ class LogTail(threading.Thread):
             inode = os.fstat(self.open.fileno()).st_ino
             if inode == inodes[0]:
                 return False
+            if self._read():
+                return True  # the last lines before it was rotated
             if inode in inodes:
                 following = inodes.index(inode) - 1
             else:

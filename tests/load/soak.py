@@ -8,6 +8,8 @@ import sys
 import tempfile
 import time
 
+import dbus
+
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "e2e"))
 from conftest import BIN  # noqa: E402
 from load import Load  # noqa: E402
@@ -73,8 +75,9 @@ def run(load, minutes):
     try:
         run_rounds(load, begin, begin + minutes * 60)
         load.end()
-    except AssertionError as error:
-        load.find(str(error))
+    except (AssertionError, OSError, dbus.DBusException) as error:
+        # A program under load that is gone, or a result that does not come.
+        load.find(f"{type(error).__name__}: {error}")
     load.findings += memory_findings(load.appetites)
     if load.probe.silences:
         load.findings.append(f"{load.probe.silences} times the main thread did not answer within 10 s")
