@@ -27,7 +27,8 @@ ATTEMPTS = {
     "get": ["zolctl", "vconf", "get", "{}"],
     "set": ["zolctl", "vconf", "set", "{}", "0", "--type", "int"],
     "watch": shell('words=$(mktemp); zolctl vconf watch "$0" 2>"$words" & watcher=$!\n'
-                   'until [ -s "$words" ]; do sleep 0.05; done; kill $watcher; grep -q ^watching "$words"'),
+                   'until [ -s "$words" ]; do sleep 0.05; done; kill $watcher; grep -q ^watching "$words"; '
+                   'watched=$?; rm "$words"; exit $watched'),
     "own": ["gdbus", "call", "--system", "--dest", "org.freedesktop.DBus", "--object-path",
             "/org/freedesktop/DBus", "--method", "org.freedesktop.DBus.RequestName", "{}", "4"],
     "call": to_daemon(NATIVE + ".Call", "99", "@ay []"),

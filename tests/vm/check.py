@@ -4,7 +4,7 @@ import re
 
 import disk
 import load
-from machine import wait_for
+from machine import PowerIsOff, wait_for
 
 HEADER_MEMBERS = {"idtype", "id", "category", "tgid", "lcid", "evid", "Content-Type"}
 
@@ -37,7 +37,7 @@ class Check:
                       self._is_watching):
             try:
                 check()
-            except (AssertionError, TimeoutError, ValueError) as error:
+            except (AssertionError, TimeoutError, ValueError, PowerIsOff) as error:
                 self._expect(False, f"{check.__name__}: {error}")
 
     def _expect(self, condition, finding):

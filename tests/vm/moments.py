@@ -31,14 +31,18 @@ def booted(image):
     folder = pathlib.Path(tempfile.mkdtemp(prefix="zol-moment-", dir="/tmp"))
     mounted = folder / "disk"
     mounted.mkdir()
-    subprocess.run(["mount", "-o", "loop", image, mounted], check=True)
-    device = Device(folder, mounted)
     try:
-        device.boot()
-        yield device
+        subprocess.run(["mount", "-o", "loop", image, mounted], check=True)
+        try:
+            device = Device(folder, mounted)
+            try:
+                device.boot()
+                yield device
+            finally:
+                device.close()
+        finally:
+            subprocess.run(["umount", "--lazy", mounted], check=True)
     finally:
-        device.close()
-        subprocess.run(["umount", "--lazy", mounted], check=True)
         shutil.rmtree(folder, ignore_errors=True)
 
 

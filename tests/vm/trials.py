@@ -8,7 +8,7 @@ import cuts
 import image
 import moments
 import scenarios
-from machine import Machine
+from machine import Machine, PowerIsOff
 
 CUTS, MOMENTS = 5, 50
 
@@ -32,10 +32,15 @@ def arguments():
 def try_cuts(files, options):
     """@return rows of the table"""
     machine = Machine(*files)
+    sound = False
     try:
         trial = cuts.Cuts(machine, image.started(), options.seed, options.without_sync)
-        trial.run(options.cuts)
-        sound = trial.file_system_is_sound()
+        try:
+            trial.run(options.cuts)
+            sound = trial.file_system_is_sound()
+        except (AssertionError, RuntimeError, TimeoutError, PowerIsOff):
+            # A machine that does not come back: what was found until then stays in the table.
+            print(traceback.format_exc(), file=sys.stderr, flush=True)
     finally:
         machine.close()
     return [*trial.tally.rows("cut"), ("file system in the end", 1, "-", "-", int(not sound))]
