@@ -22,5 +22,6 @@ using Action = std::function<int()>;
 void AddPolicyCommand(CLI::App& app, Action& action);
 void AddVconfCommand(CLI::App& app, Action& action);
 void AddKpiCommand(CLI::App& app, Action& action);
+void AddReportCommand(CLI::App& app, Action& action);
 
 }  // namespace zolctl

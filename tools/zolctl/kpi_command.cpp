@@ -1,8 +1,5 @@
 #include <json/json.h>
-#include <time.h>
-
 #include <CLI/CLI.hpp>
-#include <array>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -10,19 +7,13 @@
 
 #include "KPILogFramework.h"
 #include "commands.h"
-#include "one_line.h"
+#include "text.h"
 
 namespace zolctl {
 namespace {
 
-std::string UtcTime(std::int64_t seconds) {
-    const auto time = static_cast<time_t>(seconds);
-    tm parts{};
-    gmtime_r(&time, &parts);
-    std::array<char, 32> text{};
-    strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts);
-    return text.data();
-}
+using tools::OneLine;
+using tools::UtcTime;
 
 void PrintText(const std::vector<KPILogFramework::TSKpiEvent>& events) {
     for (const auto& event : events) {

@@ -4,21 +4,23 @@
 #include <iostream>
 
 #include "commands.h"
-#include "one_line.h"
+#include "text.h"
 
 namespace {
 
 int Run(int argc, char** argv) {
     CLI::App app{
-        "Talks to the policy daemon: pushes policies, reads and watches keys, lists reported events."};
+        "Talks to the policy daemon: pushes policies, reads and watches keys, lists reported events, takes "
+        "reports."};
     app.require_subcommand(1);
     app.failure_message([](const CLI::App* /*app*/, const CLI::Error& error) {
-        return "zolctl: " + zolctl::OneLine(error.what()) + " (see zolctl --help)\n";
+        return "zolctl: " + tools::OneLine(error.what()) + " (see zolctl --help)\n";
     });
     zolctl::Action action;
     zolctl::AddPolicyCommand(app, action);
     zolctl::AddVconfCommand(app, action);
     zolctl::AddKpiCommand(app, action);
+    zolctl::AddReportCommand(app, action);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -40,7 +42,7 @@ int main(int argc, char** argv) {
         }
         return status;
     } catch (const std::exception& error) {
-        std::cerr << "zolctl: " << zolctl::OneLine(error.what()) << '\n';
+        std::cerr << "zolctl: " << tools::OneLine(error.what()) << '\n';
         return zolctl::EXIT_UNREACHABLE;
     }
 }

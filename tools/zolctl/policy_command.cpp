@@ -17,10 +17,12 @@
 #include "TCIpcSerializationUtil.h"
 #include "ZOLPolicy.h"
 #include "commands.h"
-#include "one_line.h"
+#include "text.h"
 
 namespace zolctl {
 namespace {
+
+using tools::OneLine;
 
 constexpr int kAnswerTimeoutMs = 60000;  ///< applying a policy of thousands of items takes a while
 

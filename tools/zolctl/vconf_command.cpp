@@ -15,11 +15,13 @@
 
 #include "base/glib_handles.h"
 #include "commands.h"
-#include "one_line.h"
+#include "text.h"
 #include "vconf.h"
 
 namespace zolctl {
 namespace {
+
+using tools::OneLine;
 
 /// A value as the store holds it.
 struct Value {

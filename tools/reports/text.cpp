@@ -1,8 +1,11 @@
-#include "one_line.h"
+#include "text.h"
 
+#include <time.h>
+
+#include <array>
 #include <string_view>
 
-namespace zolctl {
+namespace tools {
 
 std::string OneLine(const std::string& text) {
     constexpr std::string_view kSpecial = "\t\n\r\\";
@@ -18,4 +21,13 @@ std::string OneLine(const std::string& text) {
     return line;
 }
 
-}  // namespace zolctl
+std::string UtcTime(std::int64_t seconds) {
+    const auto time = static_cast<time_t>(seconds);
+    tm parts{};
+    gmtime_r(&time, &parts);
+    std::array<char, 32> text{};
+    strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts);
+    return text.data();
+}
+
+}  // namespace tools

@@ -1,11 +1,15 @@
 #pragma once
-/// Text of others, fit for a line of output.
+/// Text for a line of output.
+#include <cstdint>
 #include <string>
 
-namespace zolctl {
+namespace tools {
 
 /// `text` as one field of one line, whatever it holds: tab, line feed, carriage return and backslash are
 /// shown as in C.
 std::string OneLine(const std::string& text);
 
-}  // namespace zolctl
+/// Seconds since 1970 as "2026-01-31T23:59:59Z".
+std::string UtcTime(std::int64_t seconds);
+
+}  // namespace tools
