@@ -14,21 +14,6 @@
 
 namespace {
 
-/// Repeats an action, each time with memory for one allocation more, until it has all that it needs. It must
-/// return false before. @return how often it was short of memory
-template <class Action>
-int RunShortOfMemory(Action action) {
-    for (int missing = 0;; ++missing) {
-        FailAllocation(static_cast<std::size_t>(missing) + 1);
-        const bool isDone = action();
-        const bool wasEnough = FailAllocation(0) > 0;
-        EXPECT_EQ(isDone, wasEnough) << "allocation " << missing + 1;
-        if (wasEnough) {
-            return missing;
-        }
-    }
-}
-
 class NoMemory : public ContainerFixture {
 protected:
     int m_values[16] = {};

@@ -47,7 +47,7 @@ protected:
 TEST_F(BtPairMonitor, MemoryThatRunsOutInACallbackIsLoggedThere) {
     Start(kLastConnected);
     fakes::vconf::SetString(kIdKey, "AA:BB:CC:DD:EE:FF");
-    RunShortOfMemory([] { Connect(false); });
+    CallShortOfMemory([] { Connect(false); });
     EXPECT_GT(Logged("callback failed: std::bad_alloc"), 0);
 }
 

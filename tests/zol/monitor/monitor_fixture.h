@@ -19,7 +19,7 @@
 /// Runs what calls a platform callback again and again, each time with memory for one allocation more, until
 /// it has all that it needs.
 template <class Action>
-void RunShortOfMemory(Action action) {
+void CallShortOfMemory(Action action) {
     std::size_t left = 0;
     for (std::size_t allocation = 1; left == 0; ++allocation) {
         FailAllocation(allocation);

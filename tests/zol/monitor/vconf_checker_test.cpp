@@ -343,7 +343,7 @@ TEST_F(KeyChange, MemoryThatRunsOutMeanwhileIsLogged) {
     const std::string key = "db/a/name/that/is/not/short";
     Watch({IntItem("IS", 5, key)});
     fakes::vconf::Deliver();  // what the notify manager has set
-    RunShortOfMemory([&] { SetInt(key, 4); });
+    CallShortOfMemory([&] { SetInt(key, 4); });
     EXPECT_GT(Logged("callback failed: std::bad_alloc"), 0);
 }
 
