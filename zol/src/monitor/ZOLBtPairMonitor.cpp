@@ -2,6 +2,7 @@
 
 #include "ExceptionWall.h"
 #include "Log.h"
+#include "PolicyTimes.h"
 #include "VconfString.h"
 #include "WorkerTask.h"
 #include "ZOLPolicy.h"
@@ -41,7 +42,7 @@ TCBtPairMonitor::TCBtPairMonitor(TCNotifyManager* notify, int durationMinutes, i
     ZOL_LOG(LOG_ERROR, "ignoreTime is %d", ignoreTime);
     if (m_ignoreTime == 0) {
         ZOL_LOG(LOG_ERROR, "set default ignoreTime");
-        m_ignoreTime = kDefaultIgnoreTime;
+        m_ignoreTime = zol::kDefaultIgnoreSeconds;
     }
     m_StoreLastConnected();
 }

@@ -21,11 +21,9 @@ class TCBtPairMonitor : public TCMonitorInformation, public CCTask, public CCHan
 public:
     /// vconf string key, written by the platform: id of the remote that was connected last.
     static constexpr const char* KEY_LAST_CONNECTED = "file/bluetooth/bt_last_connected_smart_rc";
-    /// Ignore time of a rule that gives none, seconds.
-    static constexpr int kDefaultIgnoreTime = 10;
 
     /// @param ignoreTime seconds; a callback at most this long after the one before it, counted or not, does
-    ///                   not count. 0: kDefaultIgnoreTime. A negative one ignores nothing.
+    ///                   not count. 0: zol::kDefaultIgnoreSeconds. A negative one ignores nothing.
     TCBtPairMonitor(TCNotifyManager* notify, int durationMinutes, int repetition, int method, int ignoreTime,
                     int index);
     /// Ends the task and withdraws the callback, which is not running when this returns. Neither on the

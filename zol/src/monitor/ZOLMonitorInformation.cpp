@@ -1,31 +1,21 @@
 #include "ZOLMonitorInformation.h"
 
-#include <algorithm>
-#include <limits>
-
 #include "Event.h"
 #include "Log.h"
+#include "PolicyTimes.h"
 #include "ZOLNotifyManager.h"
 #include "platform_clock.h"
 
 namespace {
 
 constexpr const char* kLogModule = "TCMonitorInformation";
-constexpr std::int64_t kSecondsPerMinute = 60;
-
-/// Held at the limits of 32 bits, so that a rule means the same on machines of any width.
-std::int32_t ToSeconds(int minutes) {
-    using Limits = std::numeric_limits<std::int32_t>;
-    return static_cast<std::int32_t>(
-        std::clamp<std::int64_t>(minutes * kSecondsPerMinute, Limits::min(), Limits::max()));
-}
 
 }  // namespace
 
 TCMonitorInformation::TCMonitorInformation(TCNotifyManager* notify, int durationMinutes, int repetition,
                                            int method, int index)
     : m_pNotify(notify),
-      m_duration(ToSeconds(durationMinutes)),
+      m_duration(zol::ToSeconds(durationMinutes)),
       m_policyRepetition(repetition),
       m_monitorIndex(index),
       m_method(method) {}

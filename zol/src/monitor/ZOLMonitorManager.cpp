@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
-#include <limits>
 #include <memory>
 #include <new>
 #include <utility>
@@ -11,6 +9,7 @@
 
 #include "Log.h"
 #include "Logging.h"
+#include "PolicyTimes.h"
 #include "WorkerTask.h"
 #include "ZOLAppInstallMonitor.h"
 #include "ZOLBtPairMonitor.h"
@@ -27,17 +26,9 @@ constexpr const char* kTaskName = "ZolMonitorManager";
 /// The only event of the task; it means nothing.
 constexpr std::uint32_t kEventNone = 0;
 
-/// The number at the beginning of the text, 0 when there is none. Held at the limits of 32 bits, as a machine
-/// whose longs are that wide reads it.
-std::int32_t ReadSeconds(const std::string& text) {
-    using Limits = std::numeric_limits<std::int32_t>;
-    const long number = std::strtol(text.c_str(), nullptr, 10);
-    return static_cast<std::int32_t>(std::clamp<std::int64_t>(number, Limits::min(), Limits::max()));
-}
-
 /// The ignore time of an item, seconds; 0 leaves it to the monitor.
 std::int32_t ReadIgnoreTime(const zol::ZOLPolicyMonitor& item) {
-    const std::int32_t seconds = ReadSeconds(item.reserve1);
+    const std::int32_t seconds = zol::ReadSeconds(item.reserve1);
     if (seconds < 0) {
         ZOL_LOG(LOG_ERROR, "invalid ignoreTime, set to default value");
         return 0;
