@@ -7,11 +7,17 @@
 #include "Log.h"
 #include "ParseBudget.h"
 #include "PolicyAttributes.h"
+#include "PolicyObserver.h"
 
 namespace zol {
 namespace {
 
 constexpr const char* kLogModule = "zol::TCPolicyParser";
+
+TSPlace PlaceOf(XML_Parser expat) {
+    return {static_cast<unsigned>(XML_GetCurrentLineNumber(expat)),
+            static_cast<unsigned>(XML_GetCurrentColumnNumber(expat)) + 1};
+}
 
 }  // namespace
 
@@ -19,8 +25,10 @@ struct TCPolicyParser::TSParseContext {
     const TCPolicyParser* parser;
     ZOLPolicy* policy;
     XML_Parser expat;
+    IPolicyObserver* observer;
     std::string currentElement;
     TCParseBudget budget;
+    bool isBeyondBudget = false;
 };
 
 /// What expat calls. Each returns normally whatever happens inside; an exception ends the parse with
@@ -36,14 +44,15 @@ struct TCPolicyParser::TSCallbacks {
     }
 
     /// Passes a budget's answer on; where it is no, the parse ends.
-    static bool EndUnless(bool isWithin, const TSParseContext& context) {
+    static bool EndUnless(bool isWithin, TSParseContext& context) {
         if (!isWithin) {
+            context.isBeyondBudget = true;
             XML_StopParser(context.expat, XML_FALSE);
         }
         return isWithin;
     }
 
-    static TCAttributes Collect(TSParseContext& context, const XML_Char** attributes) {
+    static TCAttributes Collect(TSParseContext& context, const XML_Char* const* attributes) {
         TCAttributes collected;
         context.budget.BeginAttributes();
         for (; attributes[0] != nullptr && attributes[1] != nullptr; attributes += 2) {
@@ -66,18 +75,26 @@ struct TCPolicyParser::TSCallbacks {
             const TCAttributes collected = Collect(context, attributes);
             std::string tag = ToLowerAscii(name);
             const auto handler = context.parser->m_startHandlers.find(tag);
-            if (handler != context.parser->m_startHandlers.end() &&
-                EndUnless(context.budget.AddItem(), context)) {
-                handler->second(*context.policy, collected);
+            const bool isKnown = handler != context.parser->m_startHandlers.end();
+            if (isKnown && EndUnless(context.budget.AddItem(), context)) {
+                handler->second(*context.policy, collected, context.observer == nullptr);
             }
             context.currentElement = std::move(tag);
+            if (context.observer != nullptr && !context.isBeyondBudget) {
+                context.observer->OnElement({PlaceOf(context.expat), name, attributes, collected, isKnown},
+                                            *context.policy);
+            }
         });
     }
 
     static void EndElement(void* userData, const XML_Char* name) {
         auto& context = *static_cast<TSParseContext*>(userData);
         context.budget.CloseElement(name);
-        ZOL_LOG(LOG_ERROR, "clear current element (%s)", context.currentElement.c_str());
+        if (context.observer == nullptr) {
+            ZOL_LOG(LOG_ERROR, "clear current element (%s)", context.currentElement.c_str());
+        } else {
+            Guard(context, [&] { context.observer->OnElementEnd(); });
+        }
         context.currentElement.clear();
     }
 
@@ -114,6 +131,27 @@ struct TCPolicyParser::TSCallbacks {
         XML_SetEntityDeclHandler(context.expat, [](void* data, auto...) { Declaration(data); });
         XML_SetAttlistDeclHandler(context.expat, [](void* data, auto...) { Declaration(data); });
     }
+
+    /// Whether a document that was taken is whole is only known once it is finalised. That changes nothing:
+    /// what is read by then has been handed over.
+    static void TellWhetherCutShort(const TSParseContext& context) {
+        XML_SetElementHandler(context.expat, nullptr, nullptr);
+        XML_SetCharacterDataHandler(context.expat, nullptr);
+        if (XML_Parse(context.expat, nullptr, 0, XML_TRUE) != XML_STATUS_OK) {
+            context.observer->OnCutShort(PlaceOf(context.expat));
+        }
+    }
+
+    static void TellRefusal(const TSParseContext& context) {
+        const XML_Error error = XML_GetErrorCode(context.expat);
+        EPolicyRefusal reason = EPolicyRefusal::MALFORMED;
+        if (context.isBeyondBudget) {
+            reason = EPolicyRefusal::BEYOND_BUDGET;
+        } else if (error == XML_ERROR_NO_MEMORY || error == XML_ERROR_ABORTED) {
+            reason = EPolicyRefusal::NO_MEMORY;
+        }
+        context.observer->OnRefused(PlaceOf(context.expat), reason, XML_ErrorString(error));
+    }
 };
 
 TCPolicyParser::TCPolicyParser()
@@ -122,40 +160,56 @@ TCPolicyParser::TCPolicyParser()
                       {"zol_expired_time", &m_HandleDurationTag},
                       {"monitor", &m_HandleMonitorTag}} {}
 
-bool TCPolicyParser::Parse(const std::string& xml, ZOLPolicy& policy) const {
+bool TCPolicyParser::Parse(const std::string& xml, ZOLPolicy& policy, IPolicyObserver* observer) const {
     policy.vconfMonitors.clear();
     if (xml.size() > kMaxPolicyBytes) {
+        if (observer != nullptr) {
+            observer->OnRefused({}, EPolicyRefusal::TOO_LONG, "too long");
+            return false;
+        }
         ZOL_LOG(LOG_ERROR, "Policy of %zu bytes refused, at most %zu are read", xml.size(), kMaxPolicyBytes);
         ZOL_LOG(LOG_ERROR, "Parsing failed.");
         return false;
     }
     const XmlParserPtr parser = CreateBoundedParser();
     if (parser == nullptr) {
+        if (observer != nullptr) {
+            observer->OnRefused({}, EPolicyRefusal::NO_MEMORY, "out of memory");
+            return false;
+        }
         ZOL_LOG(LOG_ERROR, "Couldnt create parser");
         return false;
     }
-    TSParseContext context{this, &policy, parser.get(), {}, {}};
+    TSParseContext context{this, &policy, parser.get(), observer, {}, {}};
     TSCallbacks::Register(context);
 
     // Not final: a document that was only cut short still gives the items before the cut.
-    if (XML_Parse(parser.get(), xml.data(), static_cast<int>(xml.size()), XML_FALSE) == XML_STATUS_OK) {
-        return true;
+    const bool isTaken =
+        XML_Parse(parser.get(), xml.data(), static_cast<int>(xml.size()), XML_FALSE) == XML_STATUS_OK;
+    if (observer != nullptr) {
+        isTaken ? TSCallbacks::TellWhetherCutShort(context) : TSCallbacks::TellRefusal(context);
+        return isTaken;
     }
-    ZOL_LOG(LOG_ERROR, "Error while parsing policy: %s, line: %lu, col: %lu",
-            XML_ErrorString(XML_GetErrorCode(parser.get())),
-            static_cast<unsigned long>(XML_GetCurrentLineNumber(parser.get())),
-            static_cast<unsigned long>(XML_GetCurrentColumnNumber(parser.get())));
-    ZOL_LOG(LOG_ERROR, "Parsing failed.");
-    return false;
+    if (!isTaken) {
+        ZOL_LOG(LOG_ERROR, "Error while parsing policy: %s, line: %lu, col: %lu",
+                XML_ErrorString(XML_GetErrorCode(parser.get())),
+                static_cast<unsigned long>(XML_GetCurrentLineNumber(parser.get())),
+                static_cast<unsigned long>(XML_GetCurrentColumnNumber(parser.get())));
+        ZOL_LOG(LOG_ERROR, "Parsing failed.");
+    }
+    return isTaken;
 }
 
-void TCPolicyParser::m_HandleMonitorInfoTag(ZOLPolicy& policy, const TCAttributes& attributes) {
+void TCPolicyParser::m_HandleMonitorInfoTag(ZOLPolicy& policy, const TCAttributes& attributes,
+                                            bool isLogged) {
     policy.numOfZol = 0;
     attributes.GetValue("numofzol", policy.numOfZol);
-    ZOL_LOG(LOG_ERROR, "MONITORINFO_CNT [%d]", policy.numOfZol);
+    if (isLogged) {
+        ZOL_LOG(LOG_ERROR, "MONITORINFO_CNT [%d]", policy.numOfZol);
+    }
 }
 
-void TCPolicyParser::m_HandleZolsTag(ZOLPolicy& policy, const TCAttributes& attributes) {
+void TCPolicyParser::m_HandleZolsTag(ZOLPolicy& policy, const TCAttributes& attributes, bool isLogged) {
     ZOLVconfMonitor item;
     attributes.GetValue("key", item.key);
     attributes.GetValue("condition", item.condition);
@@ -164,18 +218,22 @@ void TCPolicyParser::m_HandleZolsTag(ZOLPolicy& policy, const TCAttributes& attr
     attributes.GetValue("less", item.less);
     attributes.GetValue("strvalue", item.strValue);
     attributes.GetValue("type", item.type);
-    ZOL_LOG(LOG_ERROR, "key[%s], condition[%s], type[%s], intValue[%d], strValue[%s], greater[%d], less[%d]",
-            item.key.c_str(), item.condition.c_str(), item.type.c_str(), item.intValue, item.strValue.c_str(),
-            item.greater, item.less);
+    if (isLogged) {
+        ZOL_LOG(LOG_ERROR,
+                "key[%s], condition[%s], type[%s], intValue[%d], strValue[%s], greater[%d], less[%d]",
+                item.key.c_str(), item.condition.c_str(), item.type.c_str(), item.intValue,
+                item.strValue.c_str(), item.greater, item.less);
+    }
     policy.vconfMonitors.push_back(std::move(item));
 }
 
-void TCPolicyParser::m_HandleDurationTag(ZOLPolicy& policy, const TCAttributes& attributes) {
+void TCPolicyParser::m_HandleDurationTag(ZOLPolicy& policy, const TCAttributes& attributes,
+                                         bool /*isLogged*/) {
     policy.expiredTime = 0;
     attributes.GetValue("time", policy.expiredTime);
 }
 
-void TCPolicyParser::m_HandleMonitorTag(ZOLPolicy& policy, const TCAttributes& attributes) {
+void TCPolicyParser::m_HandleMonitorTag(ZOLPolicy& policy, const TCAttributes& attributes, bool isLogged) {
     ZOLPolicyMonitor item;
     attributes.GetValue("kind", item.type);
     attributes.GetValue("id", item.id);
@@ -184,11 +242,13 @@ void TCPolicyParser::m_HandleMonitorTag(ZOLPolicy& policy, const TCAttributes& a
     attributes.GetValue("duration", item.duration);
     attributes.GetValue("repetition", item.repetition);
     attributes.GetValue("reserve1", item.reserve1);
-    ZOL_LOG(LOG_ERROR,
-            "MONITOR_TYPE[%d] MONITOR_ID[%s] MONITOR_NAME[%s] MONITOR_METHOD[%d] MONITOR_DURATION[%d] "
-            "MONITOR_REPETITION[%d] reserve1[%s]",
-            item.type, item.id.c_str(), item.name.c_str(), item.method, item.duration, item.repetition,
-            item.reserve1.c_str());
+    if (isLogged) {
+        ZOL_LOG(LOG_ERROR,
+                "MONITOR_TYPE[%d] MONITOR_ID[%s] MONITOR_NAME[%s] MONITOR_METHOD[%d] MONITOR_DURATION[%d] "
+                "MONITOR_REPETITION[%d] reserve1[%s]",
+                item.type, item.id.c_str(), item.name.c_str(), item.method, item.duration, item.repetition,
+                item.reserve1.c_str());
+    }
     policy.policyMonitors.push_back(std::move(item));
 }
 

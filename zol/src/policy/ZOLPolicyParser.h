@@ -7,6 +7,7 @@
 
 namespace zol {
 
+class IPolicyObserver;
 class TCAttributes;
 class TCElements;
 
@@ -27,18 +28,22 @@ public:
     /// False, with the reason logged, when the text is malformed, longer than kMaxPolicyBytes, or beyond the
     /// budget of a document (ParseBudget.h), and when memory runs out. `policy` then holds what was read so
     /// far. Throws nothing from inside expat.
-    [[nodiscard]] bool Parse(const std::string& xml, ZOLPolicy& policy) const;
+    ///
+    /// @param observer is told of all that is read and of what is wrong with it; then nothing is logged. Null
+    ///        for none.
+    [[nodiscard]] bool Parse(const std::string& xml, ZOLPolicy& policy,
+                             IPolicyObserver* observer = nullptr) const;
 
 private:
-    using StartHandler = void (*)(ZOLPolicy&, const TCAttributes&);
+    using StartHandler = void (*)(ZOLPolicy&, const TCAttributes&, bool isLogged);
     using DataHandler = void (*)(ZOLPolicy&, const TCElements&);
     struct TSParseContext;
     struct TSCallbacks;
 
-    static void m_HandleMonitorInfoTag(ZOLPolicy& policy, const TCAttributes& attributes);
-    static void m_HandleZolsTag(ZOLPolicy& policy, const TCAttributes& attributes);
-    static void m_HandleDurationTag(ZOLPolicy& policy, const TCAttributes& attributes);
-    static void m_HandleMonitorTag(ZOLPolicy& policy, const TCAttributes& attributes);
+    static void m_HandleMonitorInfoTag(ZOLPolicy& policy, const TCAttributes& attributes, bool isLogged);
+    static void m_HandleZolsTag(ZOLPolicy& policy, const TCAttributes& attributes, bool isLogged);
+    static void m_HandleDurationTag(ZOLPolicy& policy, const TCAttributes& attributes, bool isLogged);
+    static void m_HandleMonitorTag(ZOLPolicy& policy, const TCAttributes& attributes, bool isLogged);
 
     // Both keyed by the tag in lower case.
     std::map<std::string, StartHandler> m_startHandlers;
