@@ -24,6 +24,8 @@
 #define ZOL_PATH_TRACE_DUMP "/tmp/zol/CV_dump/"                   ///< trace dumps before they go to a stick
 #define ZOL_PATH_TRAP_CONF "/etc/zol/traps.conf"                  ///< trap conditions of the tracing library
 #define ZOL_PATH_KEY_COMBINATIONS "/etc/zol/keycombination.conf"  ///< ids and the keys held together
+#define ZOL_PATH_COLLECTOR_CONF "/etc/zol/collector.conf"         ///< options of the collector
+#define ZOL_PATH_COLLECTOR_SPOOL "/var/lib/zol-collector"         ///< reports that the collector keeps
 
 #define ZOL_PATH_RUN_DIR "/run/zol"                            ///< what lasts until power-off
 #define ZOL_PATH_DAEMON_LOCK ZOL_PATH_RUN_DIR "/daemon.lock"   ///< locked by the running daemon

@@ -36,14 +36,15 @@ Outcome Unreadable(const std::string& name) {
 
 /// Adds what lies in a folder. `below` is its name from the report on, empty or with a slash at the end.
 Outcome AddFiles(int folder, const std::string& below, int depth, Report& report) {
+    const std::string where = report.name + "/" + below;
     std::vector<std::string> names;
     if (const std::error_code error = base::ListFolder(folder, names)) {
-        return {Problem::Unreadable, tools::OneLine(report.name + "/" + below), error};
+        return {Problem::Unreadable, tools::OneLine(where), error};
     }
     for (const std::string& name : names) {
         struct stat status {};
         if (fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-            return Unreadable(report.name + "/" + below + name);
+            return Unreadable(where + name);
         }
         if (S_ISREG(status.st_mode)) {
             report.files.push_back({below + name, static_cast<std::uint64_t>(status.st_size)});
@@ -52,7 +53,7 @@ Outcome AddFiles(int folder, const std::string& below, int depth, Report& report
             const base::UniqueFd inner(
                 openat(folder, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
             if (!inner) {
-                return Unreadable(report.name + "/" + below + name);
+                return Unreadable(where + name);
             }
             if (Outcome outcome = AddFiles(inner.Get(), below + name + "/", depth + 1, report)) {
                 return outcome;

@@ -1,0 +1,172 @@
+#include "collector.h"
+
+#include <string>
+#include <vector>
+
+#include "fake_vconf.h"
+#include "full_disk.h"
+#include "hand_over.h"
+#include "report_fixture.h"
+#include "retry_timer.h"
+#include "waiting.h"
+
+namespace {
+
+using collector::Collector;
+using collector::Spool;
+
+constexpr unsigned kSettleSeconds = 3600;  // no look comes by itself
+
+class Collectors : public ReportTest {
+protected:
+    Collectors() { EXPECT_FALSE(m_spool.Open(m_folder.Path() + "/spool")); }
+    ~Collectors() override { fakes::vconf::Fail(reports::kHandOverKey, fakes::vconf::FAIL_NONE); }
+
+    static void Publish(const std::string& name) {
+        fakes::vconf::SetString(reports::kHandOverKey, reports::PathOf(name));
+    }
+    static std::string Key() { return fakes::vconf::GetString(reports::kHandOverKey); }
+    std::size_t Said(const std::string& part) const {
+        return static_cast<std::size_t>(
+            std::count_if(m_said.begin(), m_said.end(),
+                          [&](const std::string& line) { return line.find(part) != std::string::npos; }));
+    }
+
+    const TemporaryFolder m_folder;
+    std::vector<std::string> m_said;
+    int m_taken = 0;
+    Spool m_spool{{}, [this](const std::string& line) { m_said.push_back(line); }};
+    Collector m_collector{m_spool, kSettleSeconds,
+                          [this](const std::string& line) { m_said.push_back(line); }, [this] { ++m_taken; }};
+};
+
+TEST_F(Collectors, TakeWhatWasPublishedBeforeTheyStarted) {
+    MakeReport();
+    Publish(kName);
+    ASSERT_TRUE(m_collector.Start());
+    EXPECT_EQ(Key(), "");
+    EXPECT_EQ(m_taken, 1);
+}
+
+TEST_F(Collectors, TakeWhatIsPublishedLater) {
+    ASSERT_TRUE(m_collector.Start());
+    MakeReport();
+    Publish(kName);
+    EXPECT_EQ(Key(), "");
+    EXPECT_EQ(m_taken, 1);
+    EXPECT_TRUE(m_spool.WasTaken(kName));
+}
+
+TEST_F(Collectors, TakeWhatWasLeftLyingOnceNothingIsPublishedAnyMore) {
+    MakeReport("a_1");
+    MakeReport("b_2");
+    ASSERT_TRUE(m_collector.Start());
+    Publish("b_2");
+    EXPECT_EQ(m_taken, 1);
+    fakes::vconf::Deliver();
+
+    ASSERT_TRUE(LetRetryCome());
+    EXPECT_EQ(m_taken, 2);
+    EXPECT_TRUE(m_spool.WasTaken("a_1"));
+    EXPECT_FALSE(LetRetryCome()) << "nothing is left to do";
+}
+
+TEST_F(Collectors, LeaveLyingWhatMayStillBeWrittenAndLookAgain) {
+    MakeReport("a_1");
+    SetAge("a_1", 3);
+    MakeReport("b_2");
+    fs::remove(HostOf("b_2") + "/header.json");
+    SetAge("b_2", 60);
+    ASSERT_TRUE(m_collector.Start());
+    ASSERT_TRUE(LetRetryCome());
+    EXPECT_EQ(m_taken, 0);
+
+    fakes::clock::Advance(std::chrono::seconds(10));
+    ASSERT_TRUE(LetRetryCome());
+    EXPECT_EQ(m_taken, 1);
+    EXPECT_TRUE(m_spool.WasTaken("a_1"));
+    EXPECT_FALSE(LetRetryCome());
+}
+
+TEST_F(Collectors, DoNotTakeAReportTwiceThatIsPublishedLater) {
+    MakeReport();
+    ASSERT_TRUE(m_collector.Start());
+    ASSERT_TRUE(LetRetryCome());
+    EXPECT_EQ(m_taken, 1);
+    Publish(kName);
+    EXPECT_EQ(Key(), "");
+    EXPECT_EQ(m_taken, 1);
+}
+
+TEST_F(Collectors, LookNoMoreWhileAReportIsPublished) {
+    MakeReport("a_1");
+    ASSERT_TRUE(m_collector.Start());
+    fakes::vconf::Fail(reports::kHandOverKey, fakes::vconf::FAIL_SET);
+    MakeReport("b_2");
+    SetAge("b_2", 0);
+    Publish("b_2");
+    ASSERT_TRUE(LetRetryCome());
+    EXPECT_FALSE(m_spool.WasTaken("a_1"));
+    EXPECT_EQ(Said("the key store cannot be used"), 1U);
+    EXPECT_EQ(m_taken, 1);
+}
+
+TEST_F(Collectors, SayInOneLineWhatLastsAndGoOn) {
+    MakeReport();
+    fakes::vconf::Fail(reports::kHandOverKey, fakes::vconf::FAIL_GET);
+    Publish(kName);
+    ASSERT_TRUE(m_collector.Start());
+    ASSERT_TRUE(LetRetryCome());
+    ASSERT_TRUE(LetRetryCome());
+    EXPECT_EQ(Said("the key store cannot be used"), 1U);
+    fakes::vconf::Fail(reports::kHandOverKey, fakes::vconf::FAIL_NONE);
+    ASSERT_TRUE(LetRetryCome());
+    EXPECT_EQ(m_taken, 1);
+    EXPECT_EQ(Said("goes on"), 1U);
+}
+
+TEST_F(Collectors, KeepAReportPublishedForWhichThereIsNoRoom) {
+    MakeReport();
+    WriteFile(HostOf(kName) + "/core", std::string(20000, 'x'));
+    ASSERT_TRUE(m_collector.Start());
+    {
+        const FullDisk full(10000);
+        Publish(kName);
+        EXPECT_EQ(Key(), reports::PathOf(kName));
+        EXPECT_EQ(Said("cannot copy"), 1U);
+    }
+    ASSERT_TRUE(LetRetryCome());
+    EXPECT_EQ(Key(), "");
+    EXPECT_EQ(m_taken, 1);
+}
+
+TEST_F(Collectors, AreNotHeldUpByWhatIsNoReport) {
+    ASSERT_TRUE(m_collector.Start());
+    fs::create_directory_symlink("/etc", HostOf("link_1"));
+    for (const char* path : {"/tmp/zol/link_1", "/tmp/zol/gone_1", "/etc"}) {
+        fakes::vconf::SetString(reports::kHandOverKey, path);
+        EXPECT_EQ(Key(), "") << path;
+    }
+    EXPECT_EQ(m_said.size(), 3U);
+    EXPECT_EQ(m_taken, 0);
+    ASSERT_TRUE(LetRetryCome());
+    EXPECT_EQ(m_said.size(), 3U);
+}
+
+TEST_F(Collectors, SayThatTheyMayNotWatchTheKey) {
+    fakes::vconf::Fail(reports::kHandOverKey, fakes::vconf::FAIL_NOTIFY);
+    EXPECT_FALSE(m_collector.Start());
+}
+
+TEST_F(Collectors, ForgetReportsThatLieThereNoLonger) {
+    MakeReport();
+    ASSERT_TRUE(m_collector.Start());
+    ASSERT_TRUE(LetRetryCome());
+    ASSERT_TRUE(m_spool.WasTaken(kName));
+    fs::remove_all(Host("/tmp/zol"));
+    fakes::vconf::SetString(reports::kHandOverKey, "");
+    ASSERT_TRUE(LetRetryCome());
+    EXPECT_FALSE(m_spool.WasTaken(kName));
+}
+
+}  // namespace

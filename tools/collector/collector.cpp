@@ -1,0 +1,165 @@
+#include "collector.h"
+
+#include <cerrno>
+#include <utility>
+#include <vector>
+
+#include "base/exception_wall.h"
+#include "hand_over.h"
+#include "report.h"
+#include "text.h"
+
+namespace collector {
+namespace {
+
+using reports::Outcome;
+using reports::Problem;
+
+constexpr unsigned kMsPerSecond = 1000;
+
+}  // namespace
+
+Collector::Collector(Spool& spool, unsigned settleSeconds, std::function<void(const std::string&)> say,
+                     std::function<void()> onTaken)
+    : m_spool(spool),
+      m_settleMs(settleSeconds * kMsPerSecond),
+      m_say(std::move(say)),
+      m_onTaken(std::move(onTaken)) {}
+
+bool Collector::Start() {
+    // Before the first read: what is published in between is told.
+    m_watch = reports::WatchKey(KeyChangedCb, this);
+    if (!m_watch) {
+        return false;
+    }
+    HandleKey();
+    return true;
+}
+
+void Collector::KeyChangedCb(keynode_t* /*node*/, void* self) {
+    auto* const collector = static_cast<Collector*>(self);
+    base::CatchAll([=] { collector->HandleKey(); }, [=](const char* why) { collector->TryAgain(why); });
+}
+
+void Collector::HandleKey() {
+    m_timer.reset();
+    std::string path;
+    if (!reports::ReadPublished(path)) {
+        TryAgain(reports::StoreError(errno));
+    } else if (!path.empty()) {
+        TakePublished(path);
+    } else {
+        LookAfter(m_settleMs);
+    }
+}
+
+void Collector::TakePublished(const std::string& path) {
+    const Outcome outcome = reports::TakePublished(
+        path, [this](const reports::ReportRoot& root, const std::string& name) { return Take(root, name); });
+    switch (outcome.problem) {
+        case Problem::Unreadable:
+        case Problem::Unwritable:
+        case Problem::Busy:
+        case Problem::NoStore:
+            TryAgain(outcome.text);
+            return;
+        case Problem::Missing:
+        case Problem::Refused:
+            m_say(outcome.text);
+            break;
+        case Problem::None:
+            break;
+    }
+    // The emptied key is a change, which calls again.
+    Succeeded();
+}
+
+Outcome Collector::Take(const reports::ReportRoot& root, const std::string& name) {
+    bool isNew = false;
+    Outcome outcome = m_spool.Take(root, name, isNew);
+    if (!outcome && isNew) {
+        m_say("taken: " + tools::OneLine(reports::PathOf(name)));
+        m_onTaken();
+    }
+    return outcome;
+}
+
+void Collector::LookAfter(unsigned milliseconds) {
+    m_timer = base::StartTimer(nullptr, milliseconds, [this] {
+        base::CatchAll([this] { Look(); }, [this](const char* why) { TryAgain(why); });
+    });
+}
+
+void Collector::Look() {
+    m_timer.reset();
+    std::string path;
+    if (!reports::ReadPublished(path) || !path.empty()) {
+        HandleKey();
+        return;
+    }
+    reports::ReportRoot root;
+    std::vector<std::string> names;
+    Outcome outcome = root.Open();
+    if (!outcome) {
+        outcome = root.List(names);
+    }
+    if (outcome && outcome.problem != Problem::Missing) {
+        TryAgain(outcome.text);
+        return;
+    }
+    m_spool.ForgetAllBut(names);
+    m_isMoreToCome = false;
+    for (const std::string& name : names) {
+        outcome = m_spool.WasTaken(name) ? Outcome() : TakeLying(root, name);
+        if (outcome.problem == Problem::Unwritable) {
+            TryAgain(outcome.text);
+            return;
+        }
+        if (outcome.problem == Problem::Unreadable) {
+            m_say(outcome.text);  // the next look tries it again, the others need not wait for that
+        }
+    }
+    Succeeded();
+    if (m_isMoreToCome) {
+        LookAfter(m_settleMs);
+    }
+}
+
+Outcome Collector::TakeLying(const reports::ReportRoot& root, const std::string& name) {
+    base::UniqueFd folder;
+    reports::Report report;
+    Outcome outcome = root.OpenReport(name, folder);
+    if (outcome.problem == Problem::Refused) {
+        return {};  // nothing of the daemon's
+    }
+    if (!outcome) {
+        outcome = Describe(folder.Get(), name, report);
+    }
+    if (outcome || !report.header) {
+        return outcome;
+    }
+    if (!reports::IsSettled(report)) {
+        m_isMoreToCome = true;
+        return {};
+    }
+    return Take(root, name);
+}
+
+void Collector::TryAgain(const std::string& why) {
+    if (why != m_complaint) {
+        m_say(why);
+        m_complaint = why;
+    }
+    m_timer = base::StartTimer(nullptr, m_backoff.Next(), [this] {
+        base::CatchAll([this] { HandleKey(); }, [this](const char* what) { TryAgain(what); });
+    });
+}
+
+void Collector::Succeeded() {
+    if (!std::exchange(m_complaint, "").empty()) {
+        m_say("goes on");
+    }
+    m_backoff.Reset();
+}
+
+}  // namespace collector
