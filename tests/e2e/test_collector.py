@@ -1,54 +1,16 @@
 """zol_collector: takes what is published, what waits in line and what was left lying, once."""
-import json
 import os
 import pathlib
+import re
+import shutil
 import signal
 import subprocess
 
 import pytest
 
-from conftest import BIN, HANDOVER_KEY, wait_for
+from collecting import Collector, wakeups
+from conftest import BIN, BUILD, EMULATOR, HANDOVER_KEY, processes_on, wait_for
 from reports import KEYS, another_second, hit, make_report, publish, watch_keys
-
-SETTLE = "1"
-
-
-class Collector:
-    """A running zol_collector."""
-
-    def __init__(self, machine, *arguments, wrapper=()):
-        self.machine = machine
-        self.spool = machine.folder / "spool"
-        self.errors = machine.folder / f"collector{len(machine.processes)}"
-        with self.errors.open("w") as errors:
-            self.process = machine.start(*wrapper, BIN / "zol_collector", "--spool", self.spool, "--settle", SETTLE,
-                                         *arguments, stderr=errors)
-
-    def said(self):
-        return self.errors.read_text().splitlines()
-
-    def wait_said(self, text, times=1):
-        wait_for(lambda: sum(text in line for line in self.said()) >= times, f"'{text}' in {self.said()}")
-
-    def started(self):
-        self.wait_said("collecting into")
-        return self
-
-    def status(self):
-        result = subprocess.run([BIN / "zol_collector", "--spool", self.spool, "--status", "--json"],
-                                env=self.machine.env, capture_output=True, text=True, check=True)
-        return json.loads(result.stdout)
-
-    def names(self):
-        return [report["name"] for report in self.status()["reports"]]
-
-    def wait_names(self, *names):
-        self.started()
-        wait_for(lambda: self.names() == list(names), f"{names} in the spool")
-
-    def stop(self, how=signal.SIGTERM):
-        self.process.send_signal(how)
-        return self.process.wait(timeout=60)
 
 
 @pytest.fixture(name="start_collector")
@@ -113,13 +75,17 @@ def test_what_was_in_line_when_the_daemon_was_killed_is_collected_once(machine, 
 def test_what_may_still_be_written_is_left(machine, start_collector):
     make_report(machine, "t_1700000000")
     make_report(machine, "t_1700000001", age=-3600)
-    make_report(machine, "t_1700000002", age=0)
+    young = machine.path(make_report(machine, "t_1700000002", age=0))
     unfinished = make_report(machine, "t_1700000003")
     (machine.path(unfinished) / "header.json").unlink()
     os.utime(machine.path(unfinished), (1700000000, 1700000000))
 
     collector = start_collector().started()
-    wait_for(lambda: len(collector.names()) == 2, "two reports")
+
+    def are_taken():
+        os.utime(young)  # however slow the machine is, it was changed just now
+        return len(collector.names()) == 2
+    wait_for(are_taken, "two reports")
 
     assert sorted(collector.names()) == ["t_1700000000", "t_1700000001"]
 
@@ -174,15 +140,19 @@ def test_a_full_disk_keeps_reports_published_until_there_is_room(machine, start_
     assert sum("File too large" in line for line in collector.said()) == 1
 
 
+@pytest.mark.skipif(bool(EMULATOR), reason="an emulated collector cannot start another program")
 def test_a_key_store_that_is_killed_costs_nothing(machine, start_collector):
     collector = start_collector().started()
-    machine.end_key_service()
+    # The collector itself starts the next one.
+    for service in processes_on(machine.root, "zol_vconfd"):
+        os.kill(service, signal.SIGKILL)
 
     publish(machine, make_report(machine, "t_1", age=0))
 
     collector.wait_names("t_1")
 
 
+@pytest.mark.skipif(bool(EMULATOR), reason="an emulated collector cannot start another program")
 def test_a_key_store_that_is_down_is_one_line_and_waited_for(machine, start_collector):
     make_report(machine, "t_1")
     run = machine.path("/run/zol")
@@ -241,6 +211,30 @@ def test_a_spool_that_cannot_be_made_is_one_line(machine, start_collector):
 
     assert collector.process.wait(timeout=60) == 1
     assert collector.said() == [f"zol_collector: {collector.spool}: Not a directory"]
+
+
+def test_reports_that_somebody_took_out_of_the_spool_are_not_missed(machine, start_collector):
+    collector = start_collector("--max-reports", "2").started()
+    for number in range(4):
+        publish(machine, make_report(machine, f"t_{number}", age=0))
+        wait_for(lambda: machine.get(HANDOVER_KEY) == "", "an empty key")
+        if number == 1:
+            shutil.rmtree(next((collector.spool / "reports").glob("*/t_0")).parent)
+
+    collector.wait_names("t_2", "t_3")
+    assert collector.status()["counts"]["dropped_reports"] == 1
+
+
+@pytest.mark.skipif(bool(EMULATOR) or BUILD.name in ("asan", "tsan"), reason="is about the product's own memory")
+def test_it_sleeps_and_is_small_while_nothing_is_to_be_done(start_collector):
+    collector = start_collector("--upload", "http://127.0.0.1:9/").started()
+    pid = collector.process.pid
+
+    # The look at what was left lying comes a second after the start.
+    wait_for(lambda: wakeups(pid, seconds=3) == 0, "a sleep of three seconds")
+
+    status = pathlib.Path(f"/proc/{pid}/status").read_text()
+    assert int(re.search(r"VmRSS:\s*(\d+)", status).group(1)) < 8 * 1024
 
 
 def test_help_shows_examples(machine):

@@ -99,7 +99,6 @@ def test_what_cannot_be_taken_is_told_and_holds_nobody_up(machine, target, path,
 
 def test_all_reports_are_collected_published_in_line_and_left_lying(machine, daemon, target):
     lying = make_report(machine, "t_1700000000")
-    make_report(machine, "t_1700000001", age=0)
     watch_keys(machine)
     paths = []
     for number in range(3):
@@ -111,9 +110,18 @@ def test_all_reports_are_collected_published_in_line_and_left_lying(machine, dae
     assert [one["path"] for one in told] == [*paths, lying]
     assert [one["moved"] for one in told][3] is True
     assert collected(target) == sorted(pathlib.Path(path).name for path in (*paths, lying))
-    assert machine.get(HANDOVER_KEY) == ""
-    # What may still be written stays.
-    assert "t_1700000001" in folders(machine) and "t_1700000000" not in folders(machine)
+    assert machine.get(HANDOVER_KEY) == "" and "t_1700000000" not in folders(machine)
+
+
+def test_what_may_still_be_written_is_not_collected(machine, target):
+    make_report(machine, "t_1700000000")
+    # However slow the machine is, it was changed just now.
+    young = machine.path(make_report(machine, "t_1700000001"))
+    subprocess.run(["bash", "-c", f"while sleep 0.1; do touch {young}; done & touch {young}; "
+                    f"{BIN}/zolctl report collect {target} --wait 0; status=$?; kill $!; exit $status"],
+                   env=machine.env, check=True, capture_output=True)
+
+    assert collected(target) == ["t_1700000000"] and folders(machine) == ["t_1700000001"]
 
 
 def test_what_was_collected_is_not_collected_again(machine, target):

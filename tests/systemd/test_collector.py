@@ -1,5 +1,6 @@
 """The collector's unit: takes a hit under an account of its own, and may little else."""
 import re
+import subprocess
 
 import pytest
 
@@ -71,6 +72,36 @@ def test_it_comes_back_and_takes_nothing_twice(machine):
     wait_for(lambda: zolctl(machine, "vconf", "get", HANDOVER_KEY).stdout == "\n", "an empty key")
 
     assert len(machine.run("ls", f"{SPOOL}/reports").stdout.split()) == 1
+
+
+# Takes one POST and prints its address and whether it brought a header.
+SERVER = """
+import http.server
+class Handler(http.server.BaseHTTPRequestHandler):
+    def do_POST(self):
+        body = self.rfile.read(int(self.headers["Content-Length"]))
+        self.send_response(200)
+        self.end_headers()
+        print(self.path, b'"category" : "ZOL"' in body, flush=True)
+    def log_message(self, *words):
+        pass
+http.server.HTTPServer(("127.0.0.1", 8080), Handler).handle_request()
+"""
+
+
+def test_it_uploads_with_the_rights_that_it_has(machine):
+    server = subprocess.Popen(["nsenter", "--net", "--target", machine.init, "--", "/usr/bin/python3", "-c", SERVER],
+                              stdout=subprocess.PIPE, text=True)
+    try:
+        machine.run("mkdir", "-p", "/etc/zol")
+        machine.run("tee", "/etc/zol/collector.conf", stdin="upload=http://127.0.0.1:8080/reports\n")
+        machine.run("systemctl", "restart", "zol-collector")
+
+        assert server.stdout.readline() == "/reports True\n"
+    finally:
+        server.kill()
+        server.wait()
+    wait_for(lambda: not machine.run("ls", f"{SPOOL}/reports").stdout, "an empty spool")
 
 
 def test_what_the_unit_names_is_there(machine):

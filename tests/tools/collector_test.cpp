@@ -57,6 +57,18 @@ TEST_F(Collectors, TakeWhatIsPublishedLater) {
     EXPECT_TRUE(m_spool.WasTaken(kName));
 }
 
+TEST_F(Collectors, TakeWhatIsPublishedBeforeWhatWasLeftLying) {
+    MakeReport("a_1");
+    MakeReport("b_2");
+    SetAge("b_2", 0);
+    ASSERT_TRUE(m_collector.Start());
+    // Not told yet.
+    ASSERT_EQ(vconf_set_str(reports::kHandOverKey, reports::PathOf("b_2").c_str()), 0);
+    ASSERT_TRUE(LetRetryCome());
+    EXPECT_TRUE(m_spool.WasTaken("b_2"));
+    EXPECT_FALSE(m_spool.WasTaken("a_1"));
+}
+
 TEST_F(Collectors, TakeWhatWasLeftLyingOnceNothingIsPublishedAnyMore) {
     MakeReport("a_1");
     MakeReport("b_2");

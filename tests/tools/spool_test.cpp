@@ -54,7 +54,8 @@ protected:
         std::vector<std::string> names;
         for (const Entry& entry : List()) {
             reports::Report report;
-            EXPECT_FALSE(collector::DescribeEntry(m_spool->PathOf(entry), report));
+            base::UniqueFd folder;
+            EXPECT_FALSE(collector::OpenEntry(m_spool->PathOf(entry), folder, report));
             names.push_back(report.name + (entry.isWhole ? "" : " header") +
                             (entry.state == State::Refused ? " refused" : ""));
             EXPECT_EQ(report.files.size() > 1 || entry.bodyBytes == 0, true);
@@ -160,6 +161,11 @@ TEST_F(Spools, DropTheOldestReportsWhenTheirHeadersAreTooMuch) {
     EXPECT_EQ(Names(), (Texts{"c_3"}));
     EXPECT_EQ(m_spool->Counts().droppedBodies, 1);
     EXPECT_EQ(m_spool->Counts().droppedReports, 2);
+
+    TakeWithBody("d_4", 4);
+    EXPECT_EQ(Names(), (Texts{"c_3 header", "d_4"}));
+    TakeWithBody("e_5", 0);
+    EXPECT_EQ(Names(), (Texts{"c_3 header", "d_4 header", "e_5"}));
 }
 
 TEST_F(Spools, DropTheOldestReportsWhenTheyAreTooMany) {
@@ -196,15 +202,50 @@ TEST_F(Spools, FinishTheDroppingOfABodyThatWasCutOff) {
 }
 
 TEST_F(Spools, SetAsideWhatTheServerRefused) {
+    Limits limits;
+    limits.reports = 2;
+    Restart(limits);
     TakeWithBody("a_1", 0);
     TakeWithBody("b_2", 0);
     ASSERT_FALSE(m_spool->Refuse(Entry(*m_spool->First())));
+    EXPECT_EQ(m_spool->First()->name.substr(0, 13), "000000000002-");
 
-    Restart();
+    Restart(limits);
     EXPECT_EQ(Names(), (Texts{"a_1 refused", "b_2"}));
     EXPECT_EQ(m_spool->First()->name.substr(0, 13), "000000000002-");
     EXPECT_EQ(m_spool->Counts().refused, 1);
     EXPECT_EQ(ReadFolder(m_path + "/refused").size(), 1U);
+
+    ASSERT_FALSE(m_spool->Refuse(Entry(*m_spool->First())));
+    TakeWithBody("c_3", 0);
+    EXPECT_EQ(Names(), (Texts{"b_2 refused", "c_3"}));
+    EXPECT_EQ(m_spool->Counts().droppedReports, 1);
+    ASSERT_FALSE(m_spool->Refuse(Entry(*m_spool->First())));
+    EXPECT_EQ(m_spool->First(), nullptr);
+    TakeWithBody("d_4", 0);
+    EXPECT_EQ(Names(), (Texts{"c_3 refused", "d_4"}));
+    EXPECT_EQ(m_spool->Counts().droppedReports, 2);
+}
+
+TEST_F(Spools, ForgetWhatSomebodyTookOutOfThem) {
+    Limits limits;
+    limits.reports = 2;
+    Restart(limits);
+    TakeWithBody("a_1", 1);
+    TakeWithBody("b_2", 1);
+    const Entry first = *m_spool->First();
+    fs::remove_all(m_spool->PathOf(first));
+    TakeWithBody("c_3", 1);
+    EXPECT_EQ(Names(), (Texts{"b_2", "c_3"}));
+    EXPECT_EQ(m_spool->Counts().droppedReports, 0);
+
+    fs::remove_all(m_spool->PathOf(*m_spool->First()));
+    EXPECT_EQ(m_spool->First()->name.substr(0, 13), "000000000003-");
+    ASSERT_FALSE(m_spool->Remove(first));
+    EXPECT_EQ(m_spool->Counts().uploaded, 1);
+    ASSERT_FALSE(m_spool->Refuse(first));
+    EXPECT_EQ(m_spool->Counts().refused, 0);
+    EXPECT_EQ(Names(), (Texts{"c_3"}));
 }
 
 TEST_F(Spools, HoldNothingOfAReportThatTheDiskHasNoRoomFor) {

@@ -21,15 +21,36 @@ constexpr const char* kExamples =
     "Examples:\n"
     "  zol_collector                                   # into /var/lib/zol-collector\n"
     "  zol_collector --spool /data/reports --max-bytes 64MB\n"
+    "  zol_collector --upload https://example.org/reports --cert /etc/zol/device.pem --cacert "
+    "/etc/zol/ca.pem\n"
     "  zol_collector --status --json                   # what is in the spool, and what was dropped\n"
     "A line of the configuration file is an option without its dashes: max-reports=200";
 
 // Longer than a report takes to settle.
 constexpr unsigned kSettleSeconds = 15;
 constexpr unsigned kLongestSettleSeconds = 3600;
+constexpr unsigned kLongestTimeoutSeconds = 3600;
 constexpr std::size_t kMostReports = 65536;
 constexpr std::uint64_t kFewestBytes = 65536;
 constexpr std::uint64_t kMostBytes = std::uint64_t{1} << 40;
+
+std::string CheckUrl(const std::string& url) {
+    const bool isHttp = url.rfind("http://", 0) == 0 || url.rfind("https://", 0) == 0;
+    return isHttp ? "" : "begins with neither https:// nor http://";
+}
+
+void AddUpload(CLI::App& app, UploadOptions& upload) {
+    CLI::Option* url = app.add_option("--upload", upload.url, "Send each report to this https:// address")
+                           ->check(CLI::Validator(CheckUrl, "URL"));
+    app.add_option("--cacert", upload.authorities, "PEM file: who may sign for the server")->needs(url);
+    app.add_option("--cert", upload.certificate, "PEM file: certificate of this device")->needs(url);
+    app.add_option("--key", upload.key, "PEM file: its key; without: in that of the certificate")->needs(url);
+    app.add_option("--proxy", upload.proxy, "Without: https_proxy of the environment")->needs(url);
+    app.add_option("--upload-timeout", upload.timeoutSeconds,
+                   "Seconds without a byte; ten times that for all")
+        ->check(CLI::Range(1U, kLongestTimeoutSeconds))
+        ->needs(url);
+}
 
 void Add(CLI::App& app, Options& options) {
     options.spool = DevicePath(ZOL_PATH_COLLECTOR_SPOOL);
@@ -49,6 +70,7 @@ void Add(CLI::App& app, Options& options) {
                    "Seconds without a published report before those that lie there are looked at")
         ->check(CLI::Range(1U, kLongestSettleSeconds))
         ->capture_default_str();
+    AddUpload(app, options.upload);
     CLI::Option* status = app.add_flag("--status", options.isStatus, "Print what is in the spool, and end")
                               ->configurable(false);
     app.add_flag("--json", options.isJson, "With --status: as JSON")->needs(status)->configurable(false);

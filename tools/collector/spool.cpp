@@ -84,21 +84,6 @@ std::string ReadText(const std::string& file) {
     return text;
 }
 
-/// Opens the only folder in the folder of an entry.
-Outcome OpenEntry(const std::string& path, base::UniqueFd& folder, std::string& name) {
-    const base::UniqueFd entry(open(path.c_str(), kAsFolder));
-    std::vector<std::string> names;
-    std::error_code error = entry ? base::ListFolder(entry.Get(), names) : base::LastError();
-    for (const std::string& each : names) {
-        folder.Reset(openat(entry.Get(), each.c_str(), kAsFolder));
-        if (folder) {
-            name = each;
-            return {};
-        }
-    }
-    return {Problem::Unreadable, tools::OneLine(path), error ? error : base::LastError()};
-}
-
 }  // namespace
 
 Spool::Spool(const Limits& limits, std::function<void(const std::string&)> say)
@@ -241,10 +226,17 @@ bool Spool::Has(const std::string& id) const {
                        [&](const auto& each) { return each.second.Id() == id; });
 }
 
-const Entry* Spool::First() const {
-    const auto first = std::find_if(m_entries.begin(), m_entries.end(),
-                                    [](const auto& each) { return each.second.state == State::Waiting; });
-    return first != m_entries.end() ? &first->second : nullptr;
+const Entry* Spool::First() {
+    for (auto each = m_entries.begin(); each != m_entries.end();) {
+        if (each->second.state != State::Waiting) {
+            ++each;
+        } else if (access(PathOf(each->second).c_str(), F_OK) == 0) {
+            return &each->second;
+        } else {
+            each = Forget(each);
+        }
+    }
+    return nullptr;
 }
 
 std::string Spool::PathOf(const Entry& entry) const {
@@ -255,28 +247,48 @@ Spool::Entries::iterator Spool::Find(const Entry& entry) {
     return m_entries.find(SequenceOf(entry.name).value_or(0));
 }
 
-Outcome Spool::Remove(const Entry& entry) {
-    if (Outcome outcome = RemoveFolder(entry)) {
-        return outcome;
+Spool::Entries::iterator Spool::Forget(Entries::iterator entry) {
+    m_bytes -= entry->second.bytes;
+    return m_entries.erase(entry);
+}
+
+void Spool::ForgetRemoved() {
+    for (auto each = m_entries.begin(); each != m_entries.end();) {
+        each = access(PathOf(each->second).c_str(), F_OK) == 0 ? std::next(each) : Forget(each);
     }
-    m_bytes -= entry.bytes;
-    m_entries.erase(Find(entry));
+}
+
+Outcome Spool::Remove(const Entry& entry) {
+    const auto found = Find(entry);
+    if (found != m_entries.end()) {
+        if (Outcome outcome = RemoveFolder(found->second)) {
+            return outcome;
+        }
+        Forget(found);
+    }
     Count(&SpoolCounts::uploaded);
     return {};
 }
 
 Outcome Spool::Refuse(const Entry& entry) {
-    Entry refused = entry;
+    const auto found = Find(entry);
+    if (found == m_entries.end()) {
+        return {};
+    }
+    Entry refused = found->second;
     refused.state = State::Refused;
-    if (rename(PathOf(entry).c_str(), PathOf(refused).c_str()) != 0) {
+    if (rename(PathOf(found->second).c_str(), PathOf(refused).c_str()) != 0) {
         return Unwritable(PathOf(refused));
     }
-    Find(entry)->second.state = State::Refused;
+    found->second.state = State::Refused;
     Count(&SpoolCounts::refused);
     return Unwritable(m_path, base::SyncFolder(m_path + "/" + kRefused));
 }
 
 Outcome Spool::MakeRoom(std::uint64_t bytes) {
+    if (m_bytes + bytes > m_limits.bytes || m_entries.size() >= m_limits.reports) {
+        ForgetRemoved();
+    }
     for (auto each = m_entries.begin(); each != m_entries.end() && m_bytes + bytes > m_limits.bytes; ++each) {
         Entry& entry = each->second;
         if (entry.bodyBytes == 0) {
@@ -297,8 +309,7 @@ Outcome Spool::MakeRoom(std::uint64_t bytes) {
             return outcome;
         }
         m_say("no room: the oldest report is dropped, " + oldest.name);
-        m_bytes -= oldest.bytes;
-        m_entries.erase(m_entries.begin());
+        Forget(m_entries.begin());
         Count(&SpoolCounts::droppedReports);
     }
     return {};
@@ -307,9 +318,9 @@ Outcome Spool::MakeRoom(std::uint64_t bytes) {
 Outcome Spool::DropBody(Entry& entry) {
     const std::string path = PathOf(entry);
     base::UniqueFd folder;
-    std::string name;
+    Report report;
     std::vector<std::string> names;
-    if (Outcome outcome = OpenEntry(path, folder, name)) {
+    if (Outcome outcome = OpenEntry(path, folder, report)) {
         return outcome;
     }
     std::error_code error = base::ListFolder(folder.Get(), names);
@@ -355,10 +366,11 @@ Outcome ListSpool(const std::string& path, std::vector<Entry>& entries) {
         }
         for (std::string& name : names) {
             Report report;
+            base::UniqueFd ignored;
             const std::string entry = folder + "/" + name;
             // One that goes while it is looked at is none.
-            if (SequenceOf(name) && !DescribeEntry(entry, report)) {
-                const bool isWhole = access((entry + "/" + kHeaderOnly).c_str(), F_OK) != 0;
+            if (SequenceOf(name) && !OpenEntry(entry, ignored, report)) {
+                const bool isWhole = IsWhole(entry);
                 const std::uint64_t bytes = SizeOf(report, reports::What::All);
                 const std::uint64_t headerBytes = SizeOf(report, reports::What::HeaderOnly);
                 entries.push_back({std::move(name), state, bytes, bytes - headerBytes, isWhole});
@@ -370,11 +382,30 @@ Outcome ListSpool(const std::string& path, std::vector<Entry>& entries) {
     return {};
 }
 
-Outcome DescribeEntry(const std::string& folder, Report& report) {
-    base::UniqueFd opened;
-    std::string name;
-    Outcome outcome = OpenEntry(folder, opened, name);
-    return outcome ? outcome : Describe(opened.Get(), name, report);
+Outcome OpenEntry(const std::string& path, base::UniqueFd& folder, Report& report) {
+    const base::UniqueFd entry(open(path.c_str(), kAsFolder));
+    std::vector<std::string> names;
+    const std::error_code error = entry ? base::ListFolder(entry.Get(), names) : base::LastError();
+    for (const std::string& name : names) {
+        folder.Reset(openat(entry.Get(), name.c_str(), kAsFolder));
+        if (folder) {
+            return Describe(folder.Get(), name, report);
+        }
+    }
+    return {Problem::Unreadable, tools::OneLine(path), error ? error : base::LastError()};
+}
+
+std::string IdOf(const std::string& path) {
+    const std::string name = path.substr(path.rfind('/') + 1);
+    return name.substr(name.find('-') + 1);
+}
+
+bool IsWhole(const std::string& path) {
+    return access((path + "/" + kHeaderOnly).c_str(), F_OK) != 0;
+}
+
+std::string Entry::Id() const {
+    return IdOf(name);
 }
 
 }  // namespace collector

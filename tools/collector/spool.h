@@ -7,8 +7,10 @@
 #include <string>
 #include <vector>
 
+#include "base/unique_fd.h"
 #include "destination.h"
 #include "outcome.h"
+#include "report.h"
 #include "report_root.h"
 #include "spool_counts.h"
 
@@ -34,7 +36,7 @@ struct Entry {
     bool isWhole = true;          ///< false: only its header is left
 
     /// See reports::Identify.
-    [[nodiscard]] std::string Id() const { return name.substr(name.find('-') + 1); }
+    [[nodiscard]] std::string Id() const;
 };
 
 /// Where the collector keeps reports, in the order in which they were taken, and remembers which it has:
@@ -62,11 +64,12 @@ public:
     /// Forgets those that lie there no longer.
     void ForgetAllBut(const std::vector<std::string>& names);
 
-    /// The waiting report that was taken first; null when none waits.
-    [[nodiscard]] const Entry* First() const;
+    /// The waiting report that was taken first; null when none waits. One whose folder somebody else has
+    /// taken is forgotten.
+    [[nodiscard]] const Entry* First();
     /// The path of its folder, in which the report's own lies.
     [[nodiscard]] std::string PathOf(const Entry& entry) const;
-    /// It is with the server.
+    /// It is with the server. Nothing to do, here and below, for one that was dropped meanwhile.
     [[nodiscard]] reports::Outcome Remove(const Entry& entry);
     /// The server does not want it.
     [[nodiscard]] reports::Outcome Refuse(const Entry& entry);
@@ -84,6 +87,8 @@ private:
     [[nodiscard]] reports::Outcome DropBody(Entry& entry);
     [[nodiscard]] reports::Outcome RemoveFolder(const Entry& entry);
     [[nodiscard]] Entries::iterator Find(const Entry& entry);
+    Entries::iterator Forget(Entries::iterator entry);
+    void ForgetRemoved();
     void Count(std::int64_t SpoolCounts::*count);
 
     const Limits m_limits;
@@ -98,7 +103,12 @@ private:
 /// What lies in a spool, in the order in which it was taken; also of one that a collector works on.
 [[nodiscard]] reports::Outcome ListSpool(const std::string& path, std::vector<Entry>& entries);
 
-/// The report in the folder of an entry.
-[[nodiscard]] reports::Outcome DescribeEntry(const std::string& folder, reports::Report& report);
+/// Opens and reads the report in the folder of an entry.
+[[nodiscard]] reports::Outcome OpenEntry(const std::string& path, base::UniqueFd& folder,
+                                         reports::Report& report);
+
+/// Of an entry by the path, or the name, of its folder.
+[[nodiscard]] std::string IdOf(const std::string& path);
+[[nodiscard]] bool IsWhole(const std::string& path);
 
 }  // namespace collector

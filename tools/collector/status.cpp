@@ -23,9 +23,10 @@ struct Row {
 Row Read(const std::string& spool, Entry entry) {
     Row row;
     const bool isWaiting = entry.state == State::Waiting;
+    base::UniqueFd folder;
     // What has gone meanwhile has no name.
     static_cast<void>(
-        DescribeEntry(spool + (isWaiting ? "/reports/" : "/refused/") + entry.name, row.report));
+        OpenEntry(spool + (isWaiting ? "/reports/" : "/refused/") + entry.name, folder, row.report));
     row.state = std::string(isWaiting ? "waiting" : "refused") + (entry.isWhole ? "" : ", header only");
     row.entry = std::move(entry);
     return row;

@@ -1,0 +1,26 @@
+#pragma once
+#include <string>
+#include <system_error>
+
+namespace upload {
+
+/// A folder for the packed files of one upload, which goes with all it holds.
+class Scratch {
+public:
+    /// @param parent a folder of this account
+    explicit Scratch(const std::string& parent);
+    ~Scratch();
+    Scratch(const Scratch&) = delete;
+    Scratch& operator=(const Scratch&) = delete;
+
+    /// Empty when it could not be made; errno says why.
+    [[nodiscard]] const std::string& Path() const { return m_path; }
+
+private:
+    std::string m_path;
+};
+
+/// Packs an opened file into a new one, as gzip does, block by block. The same bytes give the same bytes.
+[[nodiscard]] std::error_code Pack(int from, const std::string& to);
+
+}  // namespace upload
