@@ -117,4 +117,5 @@ def main():
           f"{threads} threads")
 
 
-main()
+if __name__ == "__main__":
+    main()
