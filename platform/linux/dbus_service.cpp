@@ -12,6 +12,7 @@ SystemService::SystemService(Description description, Handlers handlers)
     : m_description(std::move(description)),
       m_handlers(std::move(handlers)),
       m_context(g_main_context_ref_thread_default()),
+      m_mark(m_description.title),
       m_link(G_BUS_TYPE_SYSTEM,
              {[this] { OnConnected(); },
               [this](const char* reason) { Guarded("system bus", [&] { OnLost(reason); }); },
@@ -90,6 +91,7 @@ void SystemService::Report(State state, const char* detail) {
         return;
     }
     m_state = state;
+    m_mark.Set(state != State::Present);
     const char* title = m_description.title.c_str();
     const char* purpose = m_description.purpose.c_str();
     switch (state) {

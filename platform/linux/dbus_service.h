@@ -9,6 +9,7 @@
 
 #include "base/bus_link.h"
 #include "base/glib_handles.h"
+#include "platform_services/service_mark.h"
 
 namespace platform {
 
@@ -100,6 +101,7 @@ private:
     std::list<Subscription> m_subscriptions;
     unsigned m_pending = 0;  ///< replies that GLib still owes
     State m_state = State::Unknown;
+    ServiceMark m_mark;
     base::BusLink m_link;  ///< last: an attempt that fails at once is reported while it is made
 };
 

@@ -8,6 +8,7 @@ void ResetBtHid();
 void ResetClock();
 void ResetDiagnostics();
 void ResetDevicePower();
+void ResetPlatformServices();
 void ResetRuntimeInfo();
 void ResetServiceWatchdog();
 void ResetVconf();

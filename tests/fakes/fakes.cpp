@@ -53,6 +53,7 @@ void Reset() {
     TheRoot().Renew();
     ResetBtHid();
     ResetClock();
+    ResetPlatformServices();
     ResetServiceWatchdog();
     ResetVconf();
     ResetWas();

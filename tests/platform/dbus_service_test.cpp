@@ -14,6 +14,7 @@
 #include "context_thread.h"
 #include "fake_service.h"
 #include "log_lines.h"
+#include "missing_services.h"
 #include "private_bus.h"
 #include "reports.h"
 
@@ -22,6 +23,7 @@ namespace {
 using platform::ContextThread;
 using platform::SystemService;
 using testing::ElementsAre;
+using testing::IsEmpty;
 
 constexpr const char* kName = "org.example.Lamp";
 constexpr const char* kPath = "/org/example/Lamp";
@@ -109,6 +111,7 @@ TEST_F(Service, AMissingServiceIsOneLogLineAndItIsFollowedWhenItComes) {
     bus.Start();
     Follower follower;
     EXPECT_TRUE(log.WaitFor("the lamp is missing: no lamp reports until it appears"));
+    EXPECT_THAT(Missing(), ElementsAre("the lamp"));
     EXPECT_TRUE(follower.reports.Now().empty());
 
     auto lamp = Lamp();
@@ -119,6 +122,7 @@ TEST_F(Service, AMissingServiceIsOneLogLineAndItIsFollowedWhenItComes) {
     EXPECT_THAT(follower.reports.WaitFor(3), ElementsAre("appeared", "vanished", "appeared"));
 
     EXPECT_TRUE(log.WaitFor("the lamp is there: lamp reports work", 2));
+    EXPECT_THAT(Missing(), IsEmpty());
     EXPECT_EQ(log.Count("the lamp is missing"), 2);
     EXPECT_EQ(log.Count("the lamp"), 4);
 }
