@@ -1,8 +1,9 @@
 #pragma once
-/// The maker's IPC server over D-Bus (GDBus). maker/dbus/org.zol.Daemon1.xml documents the interface.
+/// The maker's IPC server over D-Bus (GDBus). The documents in maker/dbus describe its interfaces.
 #include <memory>
 
 #include "IDbus.h"
+#include "IPolicyService.h"
 
 namespace zol {
 
@@ -12,7 +13,7 @@ namespace zol {
 ///
 /// Construction does not wait for the bus. A bus that is missing, goes away or comes back, and a name that
 /// somebody else owns, are each logged once; the server then retries until it serves.
-class TCDbusServer : public IDbusServer, public IDbus {
+class TCDbusServer : public IDbusServer, public IDbus, public IPolicyServer {
 public:
     explicit TCDbusServer(bool testMode);
     /// On the main thread. No handler runs any more once this returns.
@@ -23,6 +24,9 @@ public:
     void RegisterNativeCall(int functionCode, NativeCallHandler handler) override;
     int SendNotification(int code, int timeoutMs) override;
     void CancelNotifications() override;
+    void ServePolicy(IPolicyService* service) override;
+    void TellPolicyChange() override;
+    void TellPolicyHit(const TSPolicyHit& hit) override;
 
 private:
     class Impl;

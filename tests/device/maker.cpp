@@ -94,6 +94,9 @@ int TCDbusServer::SendNotification(int /*code*/, int /*timeoutMs*/) {
     return 0;
 }
 void TCDbusServer::CancelNotifications() {}
+void TCDbusServer::ServePolicy(IPolicyService* /*service*/) {}
+void TCDbusServer::TellPolicyChange() {}
+void TCDbusServer::TellPolicyHit(const TSPolicyHit& /*hit*/) {}
 
 class TCDbusClient::Impl {};
 TCDbusClient::TCDbusClient(bool /*testMode*/) {}

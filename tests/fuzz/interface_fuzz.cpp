@@ -13,6 +13,7 @@
 #include "TCDbusServer.h"
 #include "base/glib_handles.h"
 #include "fake_dlog.h"
+#include "fake_policy_service.h"
 #include "fakes.h"
 #include "fuzz_target.h"
 #include "private_bus.h"
@@ -29,6 +30,7 @@ constexpr std::size_t kLongestPath = 255;
 constexpr int kEcho = 4;
 constexpr int kThrows = 5;
 constexpr int kRefuses = 6;
+constexpr const char* kPolicyInterface = "org.zol.Policy1";
 constexpr const char* kTooMany = "org.zol.Error.TooManySubscribers";
 constexpr const char* kTooLarge = "org.zol.Error.TooLarge";
 constexpr const char* kFailed = "org.zol.Error.Failed";
@@ -50,9 +52,9 @@ public:
     Caller(const Caller&) = delete;
     Caller& operator=(const Caller&) = delete;
 
-    Answer Call(const std::string& method, GVariant* arguments) {
+    Answer Call(const std::string& method, GVariant* arguments, const char* interface = "org.zol.Native1") {
         base::GObjectPtr<GAsyncResult> result;
-        g_dbus_connection_call(m_connection.get(), "org.zol.Daemon1", "/org/zol/Daemon1", "org.zol.Native1",
+        g_dbus_connection_call(m_connection.get(), "org.zol.Daemon1", "/org/zol/Daemon1", interface,
                                method.c_str(), arguments, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr,
                                ReadyCb, &result);
         Require(ServeUntil([&] { return result != nullptr; }), "every call is answered");
@@ -109,10 +111,12 @@ struct Served {
             out = in;
             return false;
         });
+        server->ServePolicy(&policy);
         Require(ServeUntil([] { return fakes::dlog::Count("IPC: serving") > 0; }),
                 "the server gets its name");
     }
     PrivateBus bus;
+    FakePolicyService policy;
     std::unique_ptr<zol::TCDbusServer> server;
 };
 
@@ -171,10 +175,55 @@ void CheckSubscribe(Caller& caller, fuzz::Input& input) {
     Require(caller.Call("Subscribe", g_variant_new("(o)", path.c_str())).error == expected, "a subscription");
 }
 
+/// The typed interface: what a caller sends is what the service gets, what the service says comes back.
+void CheckPolicyCall(Caller& caller, FakePolicyService& policy, fuzz::Input& input) {
+    constexpr std::array<const char*, 3> kMethods{"SetPolicy", "Check", "Explain"};
+    const std::string method = kMethods.at(input.Below(3));
+    const base::GStringPtr text(g_utf8_make_valid(input.Text(input.Byte()).c_str(), -1));
+    policy.answer = {input.Below(2) == 0, input.Text(input.Byte()), {}};
+    policy.answer.remarks.push_back({input.Byte(), input.Byte(), input.Below(2) == 0, "kind",
+                                     input.Text(input.Byte()), input.Text(input.Byte())});
+    policy.rules.assign(input.Below(4), {{"name", input.Text(input.Byte())}});
+    policy.documents.clear();
+    const Answer answer = caller.Call(method, g_variant_new("(s)", text.get()), kPolicyInterface);
+    if (std::string(text.get()) == "throw") {
+        Require(answer.error == kFailed, "a service that throws is an error");
+        return;
+    }
+    Require(answer.error.empty(), "a call is answered without an error");
+    const base::GVariantPtr first(g_variant_get_child_value(answer.body.get(), 0));
+    if (method == "SetPolicy") {
+        Require(policy.documents == std::vector<std::string>{text.get()},
+                "the document arrives as it was sent");
+        Require((g_variant_get_boolean(first.get()) != FALSE) == policy.answer.isAccepted,
+                "what the service said");
+    } else {
+        Require(policy.documents.empty(), "nothing is set");
+        Require(g_variant_n_children(first.get()) == (method == "Check" ? 1 : policy.rules.size()),
+                "all that the service said");
+    }
+}
+
+/// Properties by any name, and attempts to set them.
+void CheckProperty(Caller& caller, FakePolicyService& policy, fuzz::Input& input) {
+    constexpr std::array<const char*, 4> kNames{"Version", "LastHit", "MissingServices", "PathsWaiting"};
+    const bool isKnown = input.Below(4) > 0;
+    const base::GStringPtr other(g_utf8_make_valid(("x" + input.Text(input.Byte())).c_str(), -1));
+    const char* const name = isKnown ? kNames.at(input.Below(4)) : other.get();
+    policy.state.version = input.Text(input.Byte());
+    policy.state.missingServices.assign(input.Below(3), input.Text(input.Byte()));
+    const bool isSet = input.Below(4) == 0;
+    GVariant* arguments = isSet ? g_variant_new("(ssv)", kPolicyInterface, name, g_variant_new_string("x"))
+                                : g_variant_new("(ss)", kPolicyInterface, name);
+    const Answer answer = caller.Call(isSet ? "Set" : "Get", arguments, "org.freedesktop.DBus.Properties");
+    Require(answer.error.empty() == (isKnown && !isSet), "only what there is, and only reading");
+}
+
 /// Arguments of a type that no method takes.
 void CheckWrongArguments(Caller& caller, fuzz::Input& input) {
     constexpr std::array<const char*, 5> kMethods{"Call", "Subscribe", "Unsubscribe", "Notify", "GetAll"};
-    constexpr std::array<const char*, 6> kTypes{"(s)", "(a{si})", "(iiay)", "(ias)", "((o))", "(oo)"};
+    constexpr std::array<const char*, 3> kPolicyMethods{"SetPolicy", "Check", "Explain"};
+    constexpr std::array<const char*, 6> kTypes{"(ss)", "(a{si})", "(iiay)", "(ias)", "((o))", "(oo)"};
     const std::string method = kMethods.at(input.Below(5));
     const char* const type = kTypes.at(input.Below(6));
     const std::string text = input.Text(input.Byte());
@@ -183,6 +232,10 @@ void CheckWrongArguments(Caller& caller, fuzz::Input& input) {
     const bool isOffered = method != "Notify" && method != "GetAll";
     const Answer answer = caller.Call(method, g_variant_get_normal_form(raw.get()));
     Require(answer.error == (isOffered ? kWrongArguments : kNoMethod), "arguments that no method takes");
+    Require(
+        caller.Call(kPolicyMethods.at(input.Below(3)), g_variant_get_normal_form(raw.get()), kPolicyInterface)
+                .error == kWrongArguments,
+        "arguments that no method of the policy takes");
 }
 
 void CheckNotification(zol::TCDbusServer& server, const Callers& callers, int code) {
@@ -194,9 +247,9 @@ void CheckNotification(zol::TCDbusServer& server, const Callers& callers, int co
             "every subscription replies once");
 }
 
-void Step(Callers& callers, fuzz::Input& input) {
+void Step(Served& served, Callers& callers, fuzz::Input& input) {
     auto& caller = callers.at(input.Below(3));
-    switch (input.Below(8)) {
+    switch (input.Below(10)) {
         case 0:
         case 1:
             return CheckCall(*caller, input);
@@ -209,6 +262,10 @@ void Step(Callers& callers, fuzz::Input& input) {
             return caller->paths.clear();
         case 6:
             return CheckWrongArguments(*caller, input);
+        case 7:
+            return CheckPolicyCall(*caller, served.policy, input);
+        case 8:
+            return CheckProperty(*caller, served.policy, input);
         default:
             caller = std::make_unique<Caller>();
     }
@@ -222,7 +279,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::generate(callers.begin(), callers.end(), [] { return std::make_unique<Caller>(); });
     fuzz::Input input(data, size);
     for (std::size_t count = 0; count < kMostCalls && !input.IsEmpty(); ++count) {
-        Step(callers, input);
+        Step(served, callers, input);
         CheckNotification(*served.server, callers, static_cast<int>(count));
     }
     return 0;

@@ -3,9 +3,9 @@ import pytest
 
 from test_service import HANDOVER_KEY, KEY, POLICY, wait_for, zolctl
 
+NATIVE = "org.zol.Native1"
 ACCOUNTS = ("stranger", "member", "zol-vconf", "policy", "root")
 
-NATIVE = "org.zol.Native1"
 CORE_DUMPS = "db/private/corvel/corvel_policy_info"
 
 
@@ -37,7 +37,11 @@ ATTEMPTS = {
     "unsubscribe": to_daemon(NATIVE + ".Unsubscribe"),
     "introspect": to_daemon("org.freedesktop.DBus.Introspectable.Introspect"),
     "ping": to_daemon("org.freedesktop.DBus.Peer.Ping"),
-    "properties": to_daemon("org.freedesktop.DBus.Properties.GetAll", NATIVE),
+    "read property": to_daemon("org.freedesktop.DBus.Properties.Get", "{}", "Version"),
+    "write property": to_daemon("org.freedesktop.DBus.Properties.Set", "{}", "Version", "<'1'>"),
+    "set policy": to_daemon("{}.SetPolicy", "<zolitem/>"),
+    "check": to_daemon("{}.Check", "<zolitem/>"),
+    "explain": to_daemon("{}.Explain", ""),
     # What the daemon itself answers was let through.
     "notify": shell(" ".join(to_daemon("org.zol.NotificationClient1.Notify", "5")) + " 2>&1 | grep -v AccessDenied"),
     "events": ["zolctl", "kpi", "list"],
@@ -86,7 +90,8 @@ ACCESS = [
     ("org.zol.Daemon1", "own", ROOT),
     *(("org.zol.Daemon1", how, MEMBERS)
       for how in ("call", "push", "subscribe", "unsubscribe", "introspect", "ping")),
-    ("org.zol.Daemon1", "properties", NOBODY),
+    *(("org.zol.Policy1", how, MEMBERS) for how in ("read property", "set policy", "check", "explain")),
+    ("org.zol.Policy1", "write property", NOBODY),
     ("org.zol.Daemon1", "notify", ROOT),
 
     # The service's own account is no user of it: outside its unit it is not in the group.

@@ -132,6 +132,9 @@ int TCDbusServer::SendNotification(int /*code*/, int /*timeoutMs*/) {
 void TCDbusServer::CancelNotifications() {
     Step("cancel waits");
 }
+void TCDbusServer::ServePolicy(IPolicyService* /*service*/) {}
+void TCDbusServer::TellPolicyChange() {}
+void TCDbusServer::TellPolicyHit(const TSPolicyHit& /*hit*/) {}
 
 std::int64_t TCShiftedClock::GetCurrentTime() const {
     return 0;

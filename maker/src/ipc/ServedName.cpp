@@ -80,6 +80,7 @@ void ServedName::Offer() {
                                                   kBusDaemonPath, kBusName, G_DBUS_SIGNAL_FLAGS_NO_MATCH_RULE,
                                                   NameSignalCb, this, nullptr);
     };
+    m_callbacks.onOffer(Connection());
     m_acquiredSignal = subscribe("NameAcquired");
     m_lostSignal = subscribe("NameLost");
     RequestName();

@@ -18,6 +18,8 @@ public:
     struct Callbacks {
         /// A call of the native interface; must answer `invocation`, which takes its reference over.
         std::function<void(GDBusMethodInvocation* invocation)> onCall;
+        /// There is a new connection, on which the name is asked for as soon as this returns.
+        std::function<void(GDBusConnection* connection)> onOffer;
         /// The connection is gone or about to go, and with it everything that hung on it.
         std::function<void()> onLost;
     };

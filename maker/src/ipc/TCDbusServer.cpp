@@ -9,6 +9,7 @@
 
 #include "NativeCall.h"
 #include "Notifier.h"
+#include "PolicyObject.h"
 #include "ServedName.h"
 #include "Subscribers.h"
 
@@ -24,7 +25,11 @@ public:
 
     explicit Impl(bool testMode)
         : name(testMode, {[this](GDBusMethodInvocation* invocation) { OnCall(invocation); },
-                          [this] { subscribers.Clear(); }}),
+                          [this](GDBusConnection* connection) { policy.Offer(connection); },
+                          [this] {
+                              policy.Withdraw();
+                              subscribers.Clear();
+                          }}),
           notifier([this](ipc::Round& round) { round.Begin(name.Connection(), subscribers.All()); }) {}
 
     void OnCall(GDBusMethodInvocation* invocation);
@@ -36,6 +41,7 @@ public:
     std::map<int, HandlerPtr> handlers;  // guarded by mutex
     std::list<Waiting> waiting;
     ipc::Subscribers subscribers;
+    ipc::PolicyObject policy;
     ipc::ServedName name;
     ipc::Notifier notifier;
 };
@@ -109,6 +115,18 @@ int TCDbusServer::SendNotification(int code, int timeoutMs) {
 
 void TCDbusServer::CancelNotifications() {
     m_impl->notifier.Cancel();
+}
+
+void TCDbusServer::ServePolicy(IPolicyService* service) {
+    m_impl->policy.Serve(service);
+}
+
+void TCDbusServer::TellPolicyChange() {
+    m_impl->policy.TellChange();
+}
+
+void TCDbusServer::TellPolicyHit(const TSPolicyHit& hit) {
+    m_impl->policy.TellHit(hit);
 }
 
 }  // namespace zol

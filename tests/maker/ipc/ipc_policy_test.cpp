@@ -6,6 +6,7 @@
 #include <atomic>
 #include <thread>
 
+#include "fake_policy_service.h"
 #include "files.h"
 #include "ipc_fixture.h"
 
@@ -14,6 +15,9 @@ namespace {
 using test::kDaemonName;
 using test::kDaemonPath;
 using test::kNative;
+
+constexpr const char* kPolicy = "org.zol.Policy1";
+constexpr const char* kProperties = "org.freedesktop.DBus.Properties";
 
 constexpr const char* kDenied = "org.freedesktop.DBus.Error.AccessDenied";
 
@@ -71,6 +75,7 @@ protected:
             GTEST_SKIP() << "only root can be somebody else";
         }
         m_server = Serving();
+        m_server->ServePolicy(&m_policy);
     }
 
     /// Asks on a connection of that user. @return the name of the D-Bus error, or empty.
@@ -87,6 +92,7 @@ protected:
         return Ask(user, {kDaemonName, kDaemonPath, interface, method, g_variant_new_parsed(arguments)});
     }
 
+    FakePolicyService m_policy;
     std::unique_ptr<zol::TCDbusServer> m_server;
 };
 
@@ -104,8 +110,13 @@ TEST_F(IpcPolicy, MembersOfTheGroupGetWhatTheFileNamesAndStrangersNothing) {
           Access{kNative, "Subscribe", "(objectpath '/a',)", ""}, Access{kNative, "Unsubscribe", "()", ""},
           Access{"org.freedesktop.DBus.Peer", "Ping", "()", ""},
           Access{"org.freedesktop.DBus.Introspectable", "Introspect", "()", ""},
-          Access{nullptr, "Call", "(4, [byte 1])", kDenied}, Access{kNative, "Destroy", "()", kDenied},
-          Access{"org.freedesktop.DBus.Properties", "GetAll", "('org.zol.Native1',)", kDenied}}) {
+          Access{kPolicy, "SetPolicy", "('',)", ""}, Access{kPolicy, "Check", "('',)", ""},
+          Access{kPolicy, "Explain", "('',)", ""},
+          Access{kProperties, "Get", "('org.zol.Policy1', 'Version')", ""},
+          Access{kProperties, "GetAll", "('org.zol.Policy1',)", ""},
+          Access{kProperties, "Set", "('org.zol.Policy1', 'Version', <''>)", kDenied},
+          Access{kPolicy, "Destroy", "()", kDenied}, Access{nullptr, "Call", "(4, [byte 1])", kDenied},
+          Access{kNative, "Destroy", "()", kDenied}}) {
         const auto askAs = [&](unsigned user) {
             return AskDaemon(user, access.interface, access.method, access.arguments);
         };
@@ -113,6 +124,46 @@ TEST_F(IpcPolicy, MembersOfTheGroupGetWhatTheFileNamesAndStrangersNothing) {
         EXPECT_EQ(askAs(kStranger), kDenied) << access.method;
     }
     EXPECT_EQ(AskDaemon(kRoot, kNative, "Call", "(4, [byte 1])"), "");
+}
+
+/// What a user hears when a hit is told.
+TEST_F(IpcPolicy, HitsAreToldToMembersOfTheGroupAndToNobodyElse) {
+    for (const unsigned user : {kStranger, kMember, kRoot}) {
+        std::atomic<bool> isListening{false};
+        std::atomic<int> hits{0};
+        std::thread listener([&] {
+            BecomeUser(user);
+            const base::GMainContextPtr context(g_main_context_new());
+            g_main_context_push_thread_default(context.get());
+            {
+                const base::GObjectPtr<GDBusConnection> connection = ConnectTo(kSystemBus);
+                const auto count = [](GDBusConnection*, const gchar*, const gchar*, const gchar*,
+                                      const gchar*, GVariant*,
+                                      gpointer heard) { ++*static_cast<std::atomic<int>*>(heard); };
+                g_dbus_connection_signal_subscribe(connection.get(), nullptr, kPolicy, nullptr, nullptr,
+                                                   nullptr, G_DBUS_SIGNAL_FLAGS_NONE, count, &hits, nullptr);
+                // Its answer says that the bus has taken the subscription; a second one, that a signal has
+                // come first.
+                const auto pass = [&] {
+                    return test::Ask(connection.get(), {"org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                                        "org.freedesktop.DBus", "GetId", nullptr});
+                };
+                EXPECT_EQ(pass().error, "");
+                isListening = true;
+                EXPECT_TRUE(ServeUntil([&] { return !isListening; }, context.get()));
+                EXPECT_EQ(pass().error, "");
+                while (g_main_context_iteration(context.get(), FALSE) != FALSE) {
+                }
+            }
+            g_main_context_pop_thread_default(context.get());
+        });
+        EXPECT_TRUE(ServeUntil([&] { return isListening.load(); }));
+        m_server->TellPolicyHit({1, "db/k", "3", "/tmp/zol/x"});
+        EXPECT_EQ(AskDaemon(kRoot, "org.freedesktop.DBus.Peer", "Ping"), "") << "behind the signal";
+        isListening = false;
+        listener.join();
+        EXPECT_EQ(hits, user == kStranger ? 0 : 1) << user;
+    }
 }
 
 TEST_F(IpcPolicy, OnlyRootOwnsTheName) {
