@@ -1,6 +1,7 @@
 #include "fake_dlog.h"
 
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <condition_variable>
 #include <cstdarg>
@@ -23,8 +24,17 @@ std::vector<LogLine>& TheLines() {
     return *lines;
 }
 
+/// A part that ends in a letter does not end inside a word: "Create" is not in "Created".
 bool Contains(const LogLine& line, const std::string& part) {
-    return line.text.find(part) != std::string::npos;
+    const bool endsInLetter = !part.empty() && std::isalpha(static_cast<unsigned char>(part.back())) != 0;
+    for (std::size_t at = line.text.find(part); at != std::string::npos; at = line.text.find(part, at + 1)) {
+        const std::size_t end = at + part.size();
+        if (!endsInLetter || end == line.text.size() ||
+            std::isalpha(static_cast<unsigned char>(line.text[end])) == 0) {
+            return true;
+        }
+    }
+    return false;
 }
 
 int CountLocked(const std::string& part) {

@@ -9,6 +9,7 @@
 #include <functional>
 #include <stdexcept>
 
+#include "PolicyService.h"
 #include "TCDbusServer.h"
 #include "TCDebug.h"
 #include "ZOLCVLogger.h"
@@ -184,6 +185,29 @@ TCControlNative::TCControlNative(IDbus& server, TCPolicyManager& manager)
 }
 TCControlNative::~TCControlNative() {
     Step("-control");
+}
+
+PolicyService::PolicyService(IPolicyServer& server, TCPolicyManager& manager)
+    : m_server(server), m_manager(manager) {
+    Come("service");
+}
+PolicyService::~PolicyService() {
+    Step("-service");
+}
+TSPolicyAnswer PolicyService::SetPolicy(const std::string& /*document*/) {
+    return {};
+}
+std::vector<TSPolicyRemark> PolicyService::Check(const std::string& /*document*/) {
+    return {};
+}
+std::vector<TSPolicyRule> PolicyService::Explain(const std::string& /*key*/) {
+    return {};
+}
+TSPolicyState PolicyService::State() {
+    return {};
+}
+TSPolicyDigests PolicyService::Digests() {
+    return {};
 }
 
 }  // namespace zol

@@ -52,7 +52,8 @@ protected:
 std::vector<std::string> UpTo(const std::string& last, const std::vector<std::string>& rest) {
     const std::vector<std::string> start{
         "arenas 1", "mmap threshold 32768", "new loop", "catch TERM", "catch INT", "catch HUP", "file log on",
-        "+server",  "load shift",           "+logger",  "+manager",   "storage",   "+power",    "+control"};
+        "+server",  "load shift",           "+logger",  "+manager",   "storage",   "+power",    "+control",
+        "+service"};
     std::vector<std::string> steps(start.begin(), std::find(start.begin(), start.end(), last) + 1);
     steps.insert(steps.end(), rest.begin(), rest.end());
     return steps;
@@ -61,8 +62,8 @@ std::vector<std::string> UpTo(const std::string& last, const std::vector<std::st
 TEST_F(Daemon, StartUpAndTeardownHappenInOneFixedOrder) {
     EXPECT_EQ(Run(), 0);
 
-    EXPECT_THAT(Steps(),
-                ElementsAreArray(UpTo("+control", {"run", "-control", "-power", "-manager", "-server"})));
+    EXPECT_THAT(Steps(), ElementsAreArray(UpTo(
+                             "+service", {"run", "-service", "-control", "-power", "-manager", "-server"})));
     EXPECT_THAT(Messages(), ElementsAre("Malloc options set correctly!", "Create g_main_loop",
                                         "test mode is on", "Dbus server created. Testmode: 0"));
 }
@@ -73,8 +74,8 @@ TEST_F(Daemon, ASignalWhileItRunsEndsTheLoopAndTheServersWaits) {
 
     EXPECT_EQ(Run(plan), 0);
 
-    EXPECT_THAT(Steps(), ElementsAreArray(UpTo("+control", {"run", "quit", "cancel waits", "-control",
-                                                            "-power", "-manager", "-server"})));
+    EXPECT_THAT(Steps(), ElementsAreArray(UpTo("+service", {"run", "quit", "cancel waits", "-service",
+                                                            "-control", "-power", "-manager", "-server"})));
 }
 
 TEST_F(Daemon, ASignalWhileTheServerGoesLeavesItAlone) {
@@ -147,8 +148,8 @@ TEST_F(Daemon, AnEmptyFileOrFolderMakesADebugImageWhoseRecorderComesLast) {
 
     fakes::WriteDeviceFile("/etc/debug", "");
     Run();
-    const auto steps =
-        UpTo("+control", {"key combinations", "run", "-control", "-power", "-manager", "-server"});
+    const auto steps = UpTo(
+        "+service", {"key combinations", "run", "-service", "-control", "-power", "-manager", "-server"});
     EXPECT_THAT(Steps(), ElementsAreArray(steps));
 
     fakes::Reset();
@@ -164,7 +165,8 @@ TEST_F(Daemon, WithoutAMainLoopEverythingIsBuiltReportedAndTakenDown) {
 
     EXPECT_EQ(Run(plan), 0);
 
-    EXPECT_THAT(Steps(), ElementsAreArray(UpTo("+control", {"-control", "-power", "-manager", "-server"})));
+    EXPECT_THAT(Steps(), ElementsAreArray(
+                             UpTo("+service", {"-service", "-control", "-power", "-manager", "-server"})));
     EXPECT_THAT(Messages(),
                 ElementsAre("Malloc options set correctly!", "Create g_main_loop", "test mode is on",
                             "Dbus server created. Testmode: 0", "failed to create g_main_loop"));

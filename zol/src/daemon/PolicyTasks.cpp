@@ -1,5 +1,6 @@
 #include "PolicyTasks.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "ZOLMonitorManager.h"
@@ -74,6 +75,20 @@ bool TCPolicyTasks::IsWatchingAll() const {
     const bool areKeysWatched = m_checker != nullptr ? m_checker->IsWatchingAll() : m_keys.empty();
     const bool areMonitorsWatching = m_monitors != nullptr ? m_monitors->IsWatchingAll() : !m_hasMonitors;
     return IsAnythingRunning() && m_notify->IsWatchingAll() && areKeysWatched && areMonitorsWatching;
+}
+
+std::size_t TCPolicyTasks::CountWatched() const {
+    std::size_t count = 0;
+    for (std::size_t position = 0; m_checker != nullptr && position < m_checker->Items().size(); ++position) {
+        const TCVconfChecker::EState state = m_checker->StateOf(position);
+        count += state == TCVconfChecker::EState::WAITING || state == TCVconfChecker::EState::NO_KEY ? 0 : 1;
+    }
+    if (m_monitors != nullptr) {
+        const auto monitors = m_monitors->Monitors();
+        count += static_cast<std::size_t>(std::count_if(
+            monitors.begin(), monitors.end(), [](const auto& monitor) { return monitor.isMonitoring; }));
+    }
+    return count;
 }
 
 }  // namespace zol

@@ -33,6 +33,12 @@ public:
     [[nodiscard]] bool IsAnythingRunning() const;
     /// Whether everything runs and nothing that it watches was refused.
     [[nodiscard]] bool IsWatchingAll() const;
+
+    /// Null while there is none.
+    [[nodiscard]] const TCVconfChecker* Checker() const { return m_checker.get(); }
+    [[nodiscard]] const TCMonitorManager* Monitors() const { return m_monitors.get(); }
+    /// Rules that are watched, or were reported at once.
+    [[nodiscard]] std::size_t CountWatched() const;
     /// Lets the end of the tasks go on with reports until this moment of the steady clock (nanoseconds) at
     /// the latest.
     void ReportUntil(std::uint64_t moment);

@@ -75,9 +75,10 @@ void TCPolicyManager::ReloadSchedule() {
         m_logger->LogVolumeLevel();
     }
     ZOLPolicy policy;
+    std::string digest;
     m_isReloadDue = false;
-    if (m_Load(policy, m_isReloadDue)) {
-        m_ApplyStored(policy);
+    if (m_Load(policy, m_isReloadDue, digest)) {
+        m_ApplyStored(policy, digest);
         return;
     }
     m_CreatePolicyThread(kNoTasks);
@@ -91,14 +92,15 @@ void TCPolicyManager::ReloadSchedule() {
 void TCPolicyManager::m_ReadAgain() {
     ZOLPolicy policy;
     bool mayDoBetterLater = false;
-    const bool isRead = m_Load(policy, mayDoBetterLater);
+    std::string digest;
+    const bool isRead = m_Load(policy, mayDoBetterLater, digest);
     m_isReloadDue = mayDoBetterLater;
     if (isRead) {
-        m_ApplyStored(policy);
+        m_ApplyStored(policy, digest);
     }
 }
 
-void TCPolicyManager::m_ApplyStored(const ZOLPolicy& policy) {
+void TCPolicyManager::m_ApplyStored(const ZOLPolicy& policy, const std::string& digest) {
     m_UpdateScheduler(policy, false);
     ZOL_LOG(LOG_ERROR, "Set policy information.");
     if (m_GetCorvelPolicy()) {
@@ -106,11 +108,20 @@ void TCPolicyManager::m_ApplyStored(const ZOLPolicy& policy) {
         return;
     }
     KeepInStorage(policy);
-    m_CreatePolicyThread(kStartTasks);
+    if (m_CreatePolicyThread(kStartTasks)) {
+        m_runningDigest = digest;
+    }
 }
 
 bool TCPolicyManager::UpdatePolicy(const std::string& xml) {
     ZOL_LOG(LOG_ERROR, "Policy update");
+    m_outcome = EOutcome::REFUSED;
+    const bool isAccepted = m_Update(xml);
+    m_TellChange();
+    return isAccepted;
+}
+
+bool TCPolicyManager::m_Update(const std::string& xml) {
     ZOLPolicy policy;
     bool isAccepted = false;
     bool isApplied = false;
@@ -119,10 +130,12 @@ bool TCPolicyManager::UpdatePolicy(const std::string& xml) {
     } else if (policy.vconfMonitors.empty()) {
         ZOL_LOG(LOG_DEBUG, "Policy contains commands only, old policy should be left intact");
         isAccepted = true;
+        m_outcome = EOutcome::NOTHING;
     } else if (!m_Store(xml)) {
         ZOL_LOG(LOG_ERROR, "Something went wrong with storing of policy");
     } else {
         ZOL_LOG(LOG_ERROR, "Update policy information.");
+        m_outcome = EOutcome::STORED;
         if (m_GetCorvelPolicy()) {
             ZOL_LOG(LOG_ERROR, "Monitoring is already running.");
             return true;
@@ -136,7 +149,11 @@ bool TCPolicyManager::UpdatePolicy(const std::string& xml) {
         m_UpdateScheduler(policy, true);
         TCInformationStorage::Instance()->SetPolicyVersion(policy.version);
         KeepInStorage(policy);
-        m_CreatePolicyThread(kStartTasks);
+        m_outcome = EOutcome::NOTHING;
+        if (m_CreatePolicyThread(kStartTasks)) {
+            m_outcome = EOutcome::RUNNING;
+            m_runningDigest = DigestOf(xml);
+        }
         isApplied = true;
     }
     if (!isApplied) {
@@ -151,10 +168,11 @@ bool TCPolicyManager::UpdatePolicy(const std::string& xml) {
 
 bool TCPolicyManager::LoadPolicy(ZOLPolicy& policy) {
     bool mayDoBetterLater = false;
-    return m_Load(policy, mayDoBetterLater);
+    std::string digest;
+    return m_Load(policy, mayDoBetterLater, digest);
 }
 
-bool TCPolicyManager::m_Load(ZOLPolicy& policy, bool& mayDoBetterLater) {
+bool TCPolicyManager::m_Load(ZOLPolicy& policy, bool& mayDoBetterLater, std::string& digest) {
     const std::string path = TCDirsManager::GetPolicyXmlPath();
     if (!TSFileSystem::Exists(path)) {
         ZOL_LOG(LOG_DEBUG, "Policy %s does not exist", path.c_str());
@@ -178,6 +196,7 @@ bool TCPolicyManager::m_Load(ZOLPolicy& policy, bool& mayDoBetterLater) {
         mayDoBetterLater = true;
         return false;
     }
+    digest = DigestOf(read.text);
     return TCPolicyParser().Parse(read.text, policy);
 }
 
@@ -213,9 +232,9 @@ void TCPolicyManager::m_UpdateScheduler(const ZOLPolicy& policy, bool isNewPolic
     m_scheduler.SetSchedule({{SCHEDULE_EVENT_DISABLE, expiry}}, isNewPolicy);
 }
 
-void TCPolicyManager::m_CreatePolicyThread(int start) {
+bool TCPolicyManager::m_CreatePolicyThread(int start) {
     if (start != kStartTasks) {
-        return;
+        return false;
     }
     TCInformationStorage* storage = TCInformationStorage::Instance();
     unsigned vconfCount = 0;
@@ -224,10 +243,12 @@ void TCPolicyManager::m_CreatePolicyThread(int start) {
     std::vector<ZOLPolicyMonitor> monitorItems;
     storage->GetZOLMonitorInformation(vconfCount, vconfItems);
     storage->GetZOLMonitorInformation(monitorCount, monitorItems);
+    const std::size_t given = vconfItems.size() + monitorItems.size();
     m_RemoveInvalidVconfPolicy(vconfCount, vconfItems);
     m_RemoveInvalidMonitorPolicy(monitorCount, monitorItems);
 
     const unsigned totalCount = vconfCount + monitorCount;
+    m_dropped = static_cast<std::uint32_t>(given - totalCount);
     ZOL_LOG(LOG_ERROR, "vconfPolicyCount[%d]", static_cast<int>(vconfCount));
     ZOL_LOG(LOG_ERROR, "monitorList[%d]", static_cast<int>(monitorCount));
     ZOL_LOG(LOG_ERROR, "totalCount[%d]", static_cast<int>(totalCount));
@@ -236,7 +257,7 @@ void TCPolicyManager::m_CreatePolicyThread(int start) {
     if (totalCount == 0) {
         ZOL_LOG(LOG_ERROR, "policy_monitorCnt is zero");
         m_SetCorvelPolicy(false);
-        return;
+        return false;
     }
     m_tasks.push_back(std::make_unique<TCPolicyTasks>(std::move(vconfItems), monitorCount > 0));
     m_isFlagWaiting = true;
@@ -244,6 +265,7 @@ void TCPolicyManager::m_CreatePolicyThread(int start) {
     if (m_isSetUnfinished) {
         ZOL_LOG(LOG_ERROR, "not all of the policy is watched: trying again until it is");
     }
+    return true;
 }
 
 std::size_t TCPolicyManager::m_CountSets() const {
@@ -399,6 +421,13 @@ void TCPolicyManager::m_Retry() {
     }
     if (m_retry == nullptr) {
         m_backoff.Reset();
+    }
+    m_TellChange();
+}
+
+void TCPolicyManager::m_TellChange() {
+    if (m_changed) {
+        CatchAll(kLogModule, m_changed);
     }
 }
 

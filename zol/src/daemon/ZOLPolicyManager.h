@@ -1,9 +1,11 @@
 #pragma once
 /// Stores the policy, applies it at every start and at every update, and owns the tasks that watch it.
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ZOLPolicy.h"
@@ -45,6 +47,28 @@ public:
     /// @return whether the policy was accepted
     [[nodiscard]] bool UpdatePolicy(const std::string& xml);
 
+    /// What became of a policy that was handed over.
+    enum class EOutcome {
+        REFUSED,
+        STORED,   ///< another one runs, this one is applied at the next start
+        NOTHING,  ///< none of its items is watched
+        RUNNING   ///< applied; what could not be watched yet is tried again
+    };
+    /// Of the last UpdatePolicy.
+    [[nodiscard]] EOutcome LastOutcome() const { return m_outcome; }
+
+    // How things stand; on the thread that dispatches calls.
+    /// Whether the flag of monitoring was last meant to be set.
+    [[nodiscard]] bool IsMonitoring() const { return m_meantRunning.value_or(false); }
+    /// The sets of tasks, the one applied last at the end. A policy without anything to watch leaves none.
+    [[nodiscard]] const std::vector<std::unique_ptr<TCPolicyTasks>>& Sets() const { return m_tasks; }
+    /// DigestOf the document that the last set watches; empty when none does.
+    [[nodiscard]] const std::string& RunningDigest() const { return m_runningDigest; }
+    /// Items of the policy applied last that are not fit to be watched.
+    [[nodiscard]] std::uint32_t Dropped() const { return m_dropped; }
+    /// Called on the thread that dispatches calls, or on the main thread, when any of that may have changed.
+    void SetChangeListener(std::function<void()> listener) { m_changed = std::move(listener); }
+
     /// Reads and parses the stored policy into `policy`, which should be freshly initialised. False when
     /// there is none, when it is no regular file, cannot be read, is longer than kMaxPolicyBytes, or is
     /// malformed.
@@ -70,12 +94,16 @@ public:
 private:
     /// @param mayDoBetterLater set when it failed for want of a descriptor or memory, or the file could not
     /// be read
-    [[nodiscard]] static bool m_Load(ZOLPolicy& policy, bool& mayDoBetterLater);
+    /// @param digest of what was parsed
+    [[nodiscard]] static bool m_Load(ZOLPolicy& policy, bool& mayDoBetterLater, std::string& digest);
+    [[nodiscard]] bool m_Update(const std::string& xml);
+    void m_TellChange();
     void m_ReadAgain();
-    void m_ApplyStored(const ZOLPolicy& policy);
+    void m_ApplyStored(const ZOLPolicy& policy, const std::string& digest);
     [[nodiscard]] static bool m_Store(const std::string& xml);
     void m_UpdateScheduler(const ZOLPolicy& policy, bool isNewPolicy);
-    void m_CreatePolicyThread(int start);
+    /// @return whether there is anything to watch
+    bool m_CreatePolicyThread(int start);
     /// Sets of which at least one task runs.
     [[nodiscard]] std::size_t m_CountSets() const;
     void m_WatchPolicy();
@@ -97,6 +125,10 @@ private:
     std::vector<std::unique_ptr<TCPolicyTasks>> m_tasks;  ///< one set per policy applied
     TCScheduler m_scheduler;
     TCCVLogger* const m_logger;
+    EOutcome m_outcome = EOutcome::REFUSED;
+    std::string m_runningDigest;
+    std::uint32_t m_dropped = 0;
+    std::function<void()> m_changed;
     std::optional<bool> m_meantRunning;  ///< what the flag was last meant to be
     bool m_isFlagUnwritten = false;      ///< the store holds something else
     bool m_isReloadDue = false;          ///< the stored policy could not be read, and none was applied since

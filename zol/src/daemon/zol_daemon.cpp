@@ -7,6 +7,7 @@
 
 #include "LifeSigns.h"
 #include "Log.h"
+#include "PolicyService.h"
 #include "QuitSignals.h"
 #include "TCDbusServer.h"
 #include "TCDebug.h"
@@ -63,6 +64,7 @@ int main() {
         const zol::ZOLPowerUtils power(&manager);
         // Last of those that are always there, so that no call reaches a half-built system.
         const zol::TCControlNative control(server, manager);
+        zol::PolicyService service(server, manager);
         if (TSFileSystem::Exists(ZOL_PATH_DEBUG_MARKER)) {
             ZOL_LOG(LOG_DEBUG, "Debug Image!");
             StartTestRecording();

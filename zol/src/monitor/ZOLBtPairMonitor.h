@@ -38,6 +38,8 @@ public:
     /// Whether it is registered.
     [[nodiscard]] bool IsMonitoring() const { return static_cast<bool>(m_registration); }
     [[nodiscard]] bool RegisterBtCallback();
+    /// Seconds; as the constructor has it.
+    int GetIgnoreTime() const { return m_ignoreTime; }
 
     /// The callbacks of methods 31 and 32. `userData` is the monitor; `device` is not looked at.
     static void BtCountingCb(bool connected, bt_device_info_s* device, void* userData);

@@ -1,5 +1,6 @@
 #pragma once
 /// The counting record that every behaviour monitor carries, and the rule it counts by.
+#include <atomic>
 #include <cstdint>
 
 class TCNotifyManager;
@@ -11,8 +12,8 @@ struct TSCounted {
     bool isHit = false;           ///< the repetition is reached: to be posted with NotifyZOL
 };
 
-/// One repetition rule with its running count. Not thread-safe: the platform callback that feeds it is its
-/// only writer.
+/// One repetition rule with its running count. The platform callback that feeds it is its only writer; any
+/// thread may read it, each value for itself.
 ///
 /// A counting period opens with an event and lasts for the rule's duration, its last second included. It does
 /// not slide: an event after its end opens a new one. Reaching the repetition makes a hit and closes it.
@@ -36,6 +37,10 @@ public:
     /// Last second of the counting period.
     std::int64_t GetExpiredTime() const { return m_firstCallTime + m_duration; }
 
+    /// Length of the counting period, seconds.
+    int GetDuration() const { return m_duration; }
+    /// Position of the rule among the policy's behaviour items.
+    int GetIndex() const { return m_monitorIndex; }
     int GetMethod() const { return m_method; }
     int GetPolicyRepetition() const { return m_policyRepetition; }
     /// Events counted in the current period.
@@ -56,11 +61,11 @@ public:
 
 private:
     TCNotifyManager* m_pNotify;
-    std::int64_t m_firstCallTime = 0;
-    bool m_bFirstCalled = false;
+    std::atomic<std::int64_t> m_firstCallTime{0};
+    std::atomic<bool> m_bFirstCalled{false};
     std::int32_t m_duration;
     std::int32_t m_policyRepetition;
-    std::int32_t m_currentRepetition = 0;
+    std::atomic<std::int32_t> m_currentRepetition{0};
     std::int32_t m_monitorIndex;
     std::int32_t m_method;
 };

@@ -113,6 +113,23 @@ bool TCMonitorManager::IsWatchingAll() const {
            });
 }
 
+std::vector<TCMonitorManager::Running> TCMonitorManager::Monitors() const {
+    std::vector<Running> monitors;
+    if (m_bBtPair) {
+        monitors.push_back({zol::ZOL_BT_PAIR, "", m_pBtPairMonitor.get(), m_pBtPairMonitor->IsMonitoring(),
+                            m_pBtPairMonitor->GetIgnoreTime()});
+    }
+    for (const auto& [id, monitor] : m_appInstallMonitors) {
+        if (monitor != nullptr) {
+            monitors.push_back({zol::APP_INSTALL, id, monitor.get(), monitor->IsMonitoring(), 0});
+        }
+    }
+    std::sort(monitors.begin(), monitors.end(), [](const Running& one, const Running& other) {
+        return one.rule->GetIndex() < other.rule->GetIndex();
+    });
+    return monitors;
+}
+
 void TCMonitorManager::Destroy() {
     if (!AssertAtsc3(m_pNotify != nullptr, "m_pNotify", kSource, __LINE__)) {
         return;

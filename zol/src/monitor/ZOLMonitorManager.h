@@ -8,14 +8,12 @@
 #include "Event.h"
 #include "Handler.h"
 #include "Task.h"
+#include "ZOLPolicy.h"
 
 class TCAppInstallMonitor;
 class TCBtPairMonitor;
+class TCMonitorInformation;
 class TCNotifyManager;
-
-namespace zol {
-struct ZOLPolicyMonitor;
-}
 
 /// Construct, Create, StartMonitoring once, WatchRest while something is left to it, destroy. The monitors
 /// report by themselves, on the platform's threads. The policy is watched by at most one pairing monitor and
@@ -41,6 +39,17 @@ public:
     void WatchRest();
     /// Whether nothing is left to WatchRest.
     [[nodiscard]] bool IsWatchingAll() const;
+
+    /// A monitor that was made.
+    struct Running {
+        zol::EMonitoringType type;
+        std::string id;  ///< of the application; empty for the remote
+        const TCMonitorInformation* rule;
+        bool isMonitoring;
+        int ignoreTime;  ///< seconds; of the remote only
+    };
+    /// In the order of the policy's items; valid as long as this object. On the thread of StartMonitoring.
+    [[nodiscard]] std::vector<Running> Monitors() const;
 
     /// Destroys the notify manager and forgets it; no more than that: monitors and tasks go on. Asserts that
     /// there is one.

@@ -5,6 +5,7 @@
 
 #include "ExceptionWall.h"
 #include "Log.h"
+#include "PolicyRule.h"
 #include "PolicyWords.h"
 #include "VconfString.h"
 #include "WorkerTask.h"
@@ -25,7 +26,7 @@ constexpr const char* kNoText = "null";
 }  // namespace
 
 TCVconfChecker::TCVconfChecker(TCNotifyManager* notify, std::vector<ZOLVconfMonitor> items)
-    : m_pNotify(notify), m_monitorList(std::move(items)) {
+    : m_pNotify(notify), m_monitorList(std::move(items)), m_states(m_monitorList.size(), EState::WAITING) {
     for (std::size_t position = 0; position < m_monitorList.size(); ++position) {
         m_firstItem.emplace(m_monitorList[position].key, position);
     }
@@ -57,9 +58,9 @@ bool TCVconfChecker::t_OnEvent(const CSEvent* /*event*/) {
 }
 
 void TCVconfChecker::CheckNow(const std::vector<ZOLVconfMonitor>& items) {
-    for (const ZOLVconfMonitor& item : items) {
-        if (!m_CheckOrWatch(item)) {
-            m_refused.push_back(item);
+    for (std::size_t position = 0; position < items.size(); ++position) {
+        if (!m_CheckOrWatch(position)) {
+            m_refused.push_back(position);
         }
     }
     m_NotifyPending();
@@ -80,30 +81,36 @@ void TCVconfChecker::m_NotifyPending() {
     }
 }
 
-bool TCVconfChecker::m_CheckOrWatch(const ZOLVconfMonitor& item) {
+bool TCVconfChecker::m_CheckOrWatch(std::size_t position) {
+    const ZOLVconfMonitor& item = m_monitorList[position];
+    EState& state = m_states[position];
     // Watched first, so that no change falls in between.
     KeyWatch watch = WatchKey(item.key, m_KeyChangedCb, this);
     const bool isNoKey = errno == EINVAL;
     const bool isString = m_GetValueType(item.type) == VALUE_TYPE_STRING;
     if (m_CheckItem(item, isString)) {
+        state = EState::REPORTED;
         return true;
     }
     if (!watch) {
         ZOL_LOG(LOG_ERROR, "[%s] failed", item.key.c_str());
+        state = isNoKey ? EState::NO_KEY : EState::WAITING;
         return isNoKey;
     }
     ZOL_LOG(LOG_ERROR, "[%s] registered", item.key.c_str());
     if (m_isUnreadable) {
-        m_ReadLater(item, isString, std::move(watch));
+        m_ReadLater(position, isString, std::move(watch));
     } else {
         m_watches.push_back(std::move(watch));
+        state = EState::WATCHED;
     }
     return true;
 }
 
-void TCVconfChecker::m_ReadLater(const ZOLVconfMonitor& item, bool isString, KeyWatch watch) {
-    ZOL_LOG(LOG_ERROR, "[%s] cannot be read: trying again until it can", item.key.c_str());
-    m_unread.push_back({item, isString, std::move(watch)});
+void TCVconfChecker::m_ReadLater(std::size_t position, bool isString, KeyWatch watch) {
+    ZOL_LOG(LOG_ERROR, "[%s] cannot be read: trying again until it can", m_monitorList[position].key.c_str());
+    m_unread.push_back({position, isString, std::move(watch)});
+    m_states[position] = EState::UNREAD;
     if (m_retry == nullptr) {
         m_retry = base::StartTimer(nullptr, m_backoff.Next(), [this] { m_ReadAgain(); });
     }
@@ -115,13 +122,15 @@ void TCVconfChecker::m_ReadAgain() {
         // Each is an attempt of up to seconds: the first that fails says how the store is.
         while (!m_unread.empty()) {
             Unread& next = m_unread.back();
-            const bool holds = m_CheckItem(next.item, next.isString);
+            const bool holds = m_CheckItem(m_monitorList[next.position], next.isString);
             if (m_isUnreadable) {
                 break;
             }
-            if (!holds && next.watch) {
+            const bool isWatchedNoMore = holds && next.watch;
+            if (!isWatchedNoMore && next.watch) {
                 m_watches.push_back(std::move(next.watch));
             }
+            m_states[next.position] = isWatchedNoMore ? EState::REPORTED : EState::WATCHED;
             m_unread.pop_back();
         }
     });
@@ -165,17 +174,18 @@ bool TCVconfChecker::m_Check(const keynode_t* node) {
     const bool isString = type == VCONF_TYPE_STRING;
     const bool holds = m_CheckItem(item, isString);
     if (m_isUnreadable) {
-        m_ReadLater(item, isString, {});
+        m_ReadLater(first->second, isString, {});
     }
     return holds;
 }
 
 void TCVconfChecker::m_DropUnread(const std::string& key) {
     for (auto unread = m_unread.begin(); unread != m_unread.end();) {
-        if (unread->item.key != key) {
+        if (m_monitorList[unread->position].key != key) {
             ++unread;
             continue;
         }
+        m_states[unread->position] = EState::WATCHED;
         if (unread->watch) {
             m_watches.push_back(std::move(unread->watch));
         }
@@ -211,27 +221,20 @@ bool TCVconfChecker::m_CheckIntType(const std::string& key, const std::string& c
     }
     out = read;
     const int code = m_GetCondition(condition);
+    const bool holds = Holds(code, read, value);
     // Each text in full, so that a search for what a log shows finds its place.
-    if (code == CONDITION_IS && read == value) {
+    if (holds && code == CONDITION_IS) {
         ZOL_LOG(LOG_ERROR, "[m_CheckIntType] vconfValue[%d] == value[%d], send event to notify", read, value);
-        return true;
-    }
-    if (code == CONDITION_NOT && read != value) {
+    } else if (holds && code == CONDITION_NOT) {
         ZOL_LOG(LOG_ERROR, "[m_CheckIntType] vconfValue[%d] != value[%d], send event to notify", read, value);
-        return true;
-    }
-    if (code == CONDITION_GREATER && read > value) {
+    } else if (holds && code == CONDITION_GREATER) {
         ZOL_LOG(LOG_ERROR, "[m_CheckIntType] vconfValue[%d] > value[%d], send event to notify", read, value);
-        return true;
-    }
-    if (code == CONDITION_LESS && read < value) {
+    } else if (holds && code == CONDITION_LESS) {
         ZOL_LOG(LOG_ERROR, "[m_CheckIntType] vconfValue[%d] < value[%d], send event to notify", read, value);
-        return true;
-    }
-    if (code < CONDITION_IS || code > CONDITION_LESS) {
+    } else if (code < CONDITION_IS || code > CONDITION_LESS) {
         ZOL_LOG(LOG_ERROR, "[m_CheckIntType] condition[%d]", code);
     }
-    return false;
+    return holds;
 }
 
 bool TCVconfChecker::m_CheckIntType(const std::string& key, int greater, int less, int& out) {
@@ -241,7 +244,7 @@ bool TCVconfChecker::m_CheckIntType(const std::string& key, int greater, int les
         ZOL_LOG(LOG_ERROR, "vconf_get_int() fail");
         return false;
     }
-    if (greater < read && read < less) {
+    if (IsBetween(greater, read, less)) {
         // The value is deliberately not given out: a hit of this rule is reported as -1.
         ZOL_LOG(LOG_ERROR, "[m_CheckIntType] greater[%d] < vconfValue[%d] < less[%d], send event to notify",
                 greater, read, less);
@@ -263,18 +266,15 @@ bool TCVconfChecker::m_CheckStringType(const std::string& key, const std::string
     const int code = m_GetCondition(condition);
     ZOL_LOG(LOG_ERROR, "[m_CheckStringType] vconfValue[%s] condition[%d] strValue[%s]", out.c_str(), code,
             strValue.c_str());
-    const bool isEqual = out == strValue;
-    if (isEqual && code == CONDITION_IS) {
+    const bool holds = Holds(code, out, strValue);
+    if (holds && code == CONDITION_IS) {
         ZOL_LOG(LOG_ERROR, "[m_CheckStringType] vconfValue[%s] == strValue[%s], send event to notify",
                 out.c_str(), strValue.c_str());
-        return true;
-    }
-    if (!isEqual && code == CONDITION_NOT) {
+    } else if (holds) {
         ZOL_LOG(LOG_ERROR, "[m_CheckStringType] vconfValue[%s] != strValue[%s], send event to notify",
                 out.c_str(), strValue.c_str());
-        return true;
     }
-    return false;
+    return holds;
 }
 
 int TCVconfChecker::m_GetCondition(const std::string& word) {

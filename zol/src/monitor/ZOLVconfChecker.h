@@ -2,6 +2,7 @@
 /// Watches the vconf keys of a policy and tells the notify manager when one holds its rule.
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -24,6 +25,14 @@ namespace zol {
 /// A key change costs the same whatever the number of items.
 class TCVconfChecker final : public CCTask, public CCHandler {
 public:
+    enum class EState : std::uint8_t {
+        WAITING,   ///< its watch was refused; left to WatchRest
+        NO_KEY,    ///< no key may have that name
+        UNREAD,    ///< watched, and its key could not be read yet
+        WATCHED,   ///< judged after each change of its key, if it is the first item of that key
+        REPORTED,  ///< held when it was checked first, and is not watched
+    };
+
     /// @param notify receiver of the hits, not owned, must outlive this object; null: hits are lost
     /// @param items  the policy's items; of several with one key only the first is looked at on a change
     TCVconfChecker(TCNotifyManager* notify, std::vector<ZOLVconfMonitor> items);
@@ -35,17 +44,26 @@ public:
     /// Ends the task. The key callbacks stay registered until the checker goes.
     void Destroy() override;
 
-    /// Evaluates every item now. One that holds is reported and not watched any further; for each other one
-    /// the change callback is registered, and no change is missed in between. It must run on the thread that
-    /// the callbacks come on, or before any do. All hits together end in one NOTIFY_ZOL_VCONF event. A key
-    /// whose watch is refused is logged and left to WatchRest, unless no key may have that name. One that is
-    /// there and cannot be read, now or after a change, is read again until it can be or changes.
+    /// Evaluates every item now; they are those of the constructor. One that holds is reported and not
+    /// watched any further; for each other one the change callback is registered, and no change is missed in
+    /// between. It must run on the thread that the callbacks come on, or before any do. All hits together end
+    /// in one NOTIFY_ZOL_VCONF event. A key whose watch is refused is logged and left to WatchRest, unless no
+    /// key may have that name. One that is there and cannot be read, now or after a change, is read again
+    /// until it can be or changes.
     void CheckNow(const std::vector<ZOLVconfMonitor>& items);
     /// Watches what CheckNow could not, as far as the first item that is refused again. One that holds
     /// meanwhile is reported and not watched any further. On the thread of CheckNow.
     void WatchRest();
     /// Whether nothing is left to WatchRest.
     [[nodiscard]] bool IsWatchingAll() const { return m_refused.empty(); }
+
+    [[nodiscard]] const std::vector<ZOLVconfMonitor>& Items() const { return m_monitorList; }
+    /// How the item at this position stands. On the thread of CheckNow.
+    [[nodiscard]] EState StateOf(std::size_t position) const { return m_states[position]; }
+    /// Position of the first item with this one's key.
+    [[nodiscard]] std::size_t JudgedBy(std::size_t position) const {
+        return m_firstItem.at(m_monitorList[position].key);
+    }
 
     /// Posts NOTIFY_ZOL_VCONF to the notify manager. A full queue is logged and the event lost; the queued
     /// hits go out with the next one.
@@ -59,7 +77,7 @@ private:
 
     /// An item whose key could not be read.
     struct Unread {
-        ZOLVconfMonitor item;
+        std::size_t position;
         bool isString;
         KeyWatch watch;  ///< goes when the item holds; none after a change: that one goes on being watched
     };
@@ -74,8 +92,8 @@ private:
     static int m_GetValueType(const std::string& word);
     /// Reports an item that holds, watches another one. False when another attempt may do better: nothing can
     /// be done about a name that no key may have.
-    [[nodiscard]] bool m_CheckOrWatch(const ZOLVconfMonitor& item);
-    void m_ReadLater(const ZOLVconfMonitor& item, bool isString, KeyWatch watch);
+    [[nodiscard]] bool m_CheckOrWatch(std::size_t position);
+    void m_ReadLater(std::size_t position, bool isString, KeyWatch watch);
     void m_ReadAgain();
     /// What a change tells makes up for what was not read.
     void m_DropUnread(const std::string& key);
@@ -86,8 +104,9 @@ private:
     const std::vector<ZOLVconfMonitor> m_monitorList;
     std::unordered_map<std::string, std::size_t> m_firstItem;  ///< key to its first position in m_monitorList
     std::atomic<bool> m_bNotifyPending{false};
-    std::vector<ZOLVconfMonitor> m_refused;  ///< items whose keys vconf would not watch
-    bool m_isUnreadable = false;             ///< the last read found the store out of order
+    std::vector<EState> m_states;        ///< of the items
+    std::vector<std::size_t> m_refused;  ///< positions of items whose keys vconf would not watch
+    bool m_isUnreadable = false;         ///< the last read found the store out of order
     base::Backoff m_backoff;
     std::vector<Unread> m_unread;
     base::GSourcePtr m_retry;

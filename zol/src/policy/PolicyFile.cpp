@@ -7,6 +7,7 @@
 
 #include "ZOLPolicy.h"
 #include "base/atomic_file.h"
+#include "base/glib_handles.h"
 #include "base/handles.h"
 #include "base/system_error.h"
 #include "base/unique_fd.h"
@@ -39,6 +40,12 @@ base::FilePtr OpenRegular(const std::string& path, TSPolicyRead& result) {
 }
 
 }  // namespace
+
+std::string DigestOf(const std::string& text) {
+    const base::GStringPtr digest(
+        g_compute_checksum_for_string(G_CHECKSUM_SHA256, text.data(), static_cast<gssize>(text.size())));
+    return digest.get();
+}
 
 TSPolicyRead ReadPolicyFile(const std::string& path) {
     TSPolicyRead result;

@@ -7,6 +7,9 @@
 
 namespace zol {
 
+/// SHA-256 of a document, hexadecimal: tells one policy from another.
+[[nodiscard]] std::string DigestOf(const std::string& text);
+
 /// How reading the file went, step by step; a later step was not tried when an earlier one failed.
 struct TSPolicyRead {
     std::error_code open;   ///< also when it is no regular file

@@ -32,6 +32,11 @@ void TCInformationStorage::Initialize(TCPolicyManager* manager, IDbusServer* ser
     m_server = server;
 }
 
+int TCInformationStorage::GetPolicyVersion() {
+    const Lock lock(m_mutex);
+    return m_information.policyVersion;
+}
+
 void TCInformationStorage::SetPolicyVersion(int version) {
     const Lock lock(m_mutex);
     m_information.policyVersion = version;

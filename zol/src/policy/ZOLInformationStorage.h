@@ -37,6 +37,7 @@ public:
     /// Keeps the version and writes it to "db/private/tvs-cv/policy_version". A failed write is logged; the
     /// version kept here is the new one all the same.
     void SetPolicyVersion(int version);
+    [[nodiscard]] int GetPolicyVersion();
 
     /// Replaces the vconf items and the count. The count is kept as given, whatever the list's length.
     void SetZOLMonitorInformation(unsigned count, std::vector<ZOLVconfMonitor> items);

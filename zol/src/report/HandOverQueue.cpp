@@ -10,6 +10,7 @@ namespace zol {
 std::recursive_mutex HandOverQueue::s_mutex;
 std::vector<const HandOverQueue*> HandOverQueue::s_queues;
 bool HandOverQueue::s_isEmptyingDue = false;
+std::atomic<std::size_t> HandOverQueue::s_waiting{0};
 
 HandOverQueue::HandOverQueue() {
     const std::lock_guard<std::recursive_mutex> lock(s_mutex);
@@ -18,6 +19,7 @@ HandOverQueue::HandOverQueue() {
 
 HandOverQueue::~HandOverQueue() {
     const std::lock_guard<std::recursive_mutex> lock(s_mutex);
+    s_waiting -= m_notiPathList.size();
     s_queues.erase(std::find(s_queues.begin(), s_queues.end(), this));
 }
 
@@ -49,6 +51,7 @@ HandOverQueue::Offered HandOverQueue::Offer(const std::string& path) {
     }
     if (!*isEmpty) {
         m_notiPathList.push_back(path);
+        ++s_waiting;
         return Offered::WAITING;
     }
     return vconf_set_str(KEY, path.c_str()) == 0 ? Offered::PUBLISHED : Offered::UNWRITABLE;
@@ -61,6 +64,7 @@ std::optional<std::string> HandOverQueue::TakeFirst() {
     }
     std::optional<std::string> first = std::move(m_notiPathList.front());
     m_notiPathList.pop_front();
+    --s_waiting;
     return first;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 /// The hand-over of report folders to the collector through one vconf key.
+#include <atomic>
 #include <cstddef>
 #include <deque>
 #include <mutex>
@@ -51,6 +52,8 @@ public:
     [[nodiscard]] static std::optional<std::vector<std::string>> Awaited();
     /// How many paths wait.
     [[nodiscard]] std::size_t Waiting() const;
+    /// How many wait in all queues of the process. Never waits, not even for the key store.
+    [[nodiscard]] static std::size_t WaitingInAll() { return s_waiting; }
 
 private:
     /// Guards what follows, and reading and then writing the key: two threads that find it empty
@@ -61,6 +64,7 @@ private:
     static std::vector<const HandOverQueue*> s_queues;
     /// The key could not be emptied, and has not been seen empty since.
     static bool s_isEmptyingDue;
+    static std::atomic<std::size_t> s_waiting;
     std::deque<std::string> m_notiPathList;
     KeyWatch m_watch;  ///< last, and so withdrawn before the rest goes
 };

@@ -6,6 +6,7 @@
 
 #include "EventDescription.h"
 #include "ExceptionWall.h"
+#include "HitNews.h"
 #include "Log.h"
 #include "Logging.h"
 #include "ReportFolder.h"
@@ -16,6 +17,7 @@
 
 using zol::EventDescription;
 using zol::HandOverQueue;
+using zol::HitNews;
 using zol::ReportFolder;
 
 namespace {
@@ -125,12 +127,34 @@ void TCNotifyManager::m_DoNotify(long index) {
     if (!folder.Make() || !m_CreateHeaderInfo(folder.Path().c_str())) {
         return;
     }
+    std::vector<TSVconfNotifyItem> hits;
     if (index == kVconfHits) {
-        m_ReportVconfHits();
+        hits = m_ReportVconfHits();
     } else if (const std::optional<std::string> description = m_GetKpiDescription(index)) {
         m_SendKpi(*description);
     }
     m_UpdateVconfKey(folder.Path().c_str());
+    // Last: what fails here costs no report.
+    zol::CatchAll(kLogModule, [&] { m_TellHits(index, hits, folder.Path()); });
+}
+
+void TCNotifyManager::m_TellHits(long index, const std::vector<TSVconfNotifyItem>& hits,
+                                 const std::string& report) {
+    platform_time_t now{};
+    static_cast<void>(platform_clock_realtime(&now));  // 1970 when the clock cannot be read
+    for (const TSVconfNotifyItem& hit : hits) {
+        HitNews::Tell({now.seconds, hit.key, m_GetValue(hit.intValue, hit.strValue), report});
+    }
+    if (index == kVconfHits) {
+        return;
+    }
+    unsigned count = 0;
+    std::vector<zol::ZOLPolicyMonitor> monitors;
+    zol::TCInformationStorage::Instance()->GetZOLMonitorInformation(count, monitors);
+    if (index >= 0 && static_cast<std::size_t>(index) < monitors.size()) {
+        const zol::ZOLPolicyMonitor& monitor = monitors[static_cast<std::size_t>(index)];
+        HitNews::Tell({now.seconds, monitor.type == zol::ZOL_BT_PAIR ? "pairing" : monitor.id, "", report});
+    }
 }
 
 bool TCNotifyManager::m_CreateHeaderInfo(const char* path) {
@@ -153,7 +177,7 @@ bool TCNotifyManager::m_CreateHeaderInfo(const char* path) {
     return true;
 }
 
-void TCNotifyManager::m_ReportVconfHits() {
+std::vector<TCNotifyManager::TSVconfNotifyItem> TCNotifyManager::m_ReportVconfHits() {
     std::vector<TSVconfNotifyItem> hits;
     {
         const std::lock_guard<std::mutex> lock(m_hitMutex);
@@ -166,6 +190,7 @@ void TCNotifyManager::m_ReportVconfHits() {
             m_SendKpi(m_GetKpiDescription(hit.key, hit.intValue, hit.strValue));
         }
     }
+    return hits;
 }
 
 void TCNotifyManager::m_SendKpi(const std::string& description) {
@@ -180,8 +205,7 @@ std::string TCNotifyManager::m_GetKpiDescription(const std::string& key, int int
     }
     EventDescription items(*m_pKpiManager);
     items.Add("key", key);
-    items.Add("value",
-              intValue == kNoInteger ? strValue : m_ConvertToString(static_cast<unsigned int>(intValue)));
+    items.Add("value", m_GetValue(intValue, strValue));
     for (const char* empty : {"zol_error_type", "app_id", "app_name", "zol_duration", "zol_repetion"}) {
         items.Add(empty);
     }
@@ -213,6 +237,10 @@ std::optional<std::string> TCNotifyManager::m_GetKpiDescription(long index) {
     std::string description = items.EndedBy(m_GetDefaultKpiDescription());
     ZOL_LOG(LOG_ERROR, "kpiDesc : %s", description.c_str());
     return description;
+}
+
+std::string TCNotifyManager::m_GetValue(int intValue, const std::string& strValue) {
+    return intValue == kNoInteger ? strValue : m_ConvertToString(static_cast<unsigned int>(intValue));
 }
 
 std::string TCNotifyManager::m_GetDefaultKpiDescription() {

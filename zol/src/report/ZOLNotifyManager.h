@@ -84,7 +84,10 @@ private:
     [[nodiscard]] bool m_IsTimeOver() const;
     void m_DoNotify(long index);
     [[nodiscard]] bool m_CreateHeaderInfo(const char* path);
-    void m_ReportVconfHits();
+    /// @return those that were queued
+    std::vector<TSVconfNotifyItem> m_ReportVconfHits();
+    static void m_TellHits(long index, const std::vector<TSVconfNotifyItem>& hits, const std::string& report);
+    static std::string m_GetValue(int intValue, const std::string& strValue);
     void m_SendKpi(const std::string& description);
     void m_UpdateVconfKey(const char* path);
     void m_NotifyFromList();

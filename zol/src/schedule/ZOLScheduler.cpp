@@ -104,6 +104,18 @@ std::int64_t TCScheduler::GetTimeElapsed() const {
     return WrappingDifference(m_clock.GetCurrentTime(), m_startTime);
 }
 
+std::optional<std::uint64_t> TCScheduler::GetTimeLeft() {
+    const Lock lock(m_scheduleMutex);
+    const auto event = m_schedule.find(SCHEDULE_EVENT_DISABLE);
+    if (event == m_schedule.end()) {
+        return std::nullopt;
+    }
+    // As m_IsPast has it.
+    const std::uint64_t due = Unsigned(m_startTime) + Unsigned(event->second.offset);
+    const std::uint64_t now = Unsigned(m_clock.GetCurrentTime());
+    return due > now ? due - now : 0;
+}
+
 TCShiftedClock& TCScheduler::GetClock() const {
     return m_clock;
 }

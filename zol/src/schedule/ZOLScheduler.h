@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 
 #include "base/handles.h"
 #include "platform_clock.h"
@@ -65,6 +66,9 @@ public:
     /// key nor waits for the schedule, so it can run right where the platform tells of the wake-up. Throws
     /// what the clock throws.
     void SetLastWakeUpTime();
+    /// Seconds of policy time until SCHEDULE_EVENT_DISABLE is due, 0 when it is late; null when it was fired
+    /// or there is none. Waits while the disable callback runs.
+    std::optional<std::uint64_t> GetTimeLeft();
     /// Seconds of policy time since the current policy was set.
     std::int64_t GetTimeElapsed() const;
     TCShiftedClock& GetClock() const;

@@ -1,0 +1,125 @@
+#include "PolicyService.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <optional>
+#include <utility>
+
+#include "HandOverQueue.h"
+#include "HitNews.h"
+#include "PolicyCheck.h"
+#include "PolicyExplanation.h"
+#include "PolicyFile.h"
+#include "PolicyTasks.h"
+#include "TCDirsManager.h"
+#include "ZOLControl.h"
+#include "ZOLInformationStorage.h"
+#include "ZOLPolicyManager.h"
+#include "platform_clock.h"
+#include "platform_services.h"
+
+namespace zol {
+namespace {
+
+/// Keeps the sum with any clock within 64 bits: some 30,000 million years.
+constexpr std::uint64_t kLongestSeconds = 1000000000000000000;
+
+const char* WordOf(TCPolicyManager::EOutcome outcome) {
+    switch (outcome) {
+        case TCPolicyManager::EOutcome::STORED:
+            return "stored";
+        case TCPolicyManager::EOutcome::NOTHING:
+            return "nothing to watch";
+        case TCPolicyManager::EOutcome::RUNNING:
+            return "running";
+        case TCPolicyManager::EOutcome::REFUSED:
+            break;
+    }
+    return "refused";
+}
+
+/// Policy time goes as fast as the wall clock does, from another moment.
+std::int64_t ExpiryOf(TCPolicyManager& manager) {
+    const std::optional<std::uint64_t> left = manager.GetScheduler().GetTimeLeft();
+    platform_time_t now{};
+    if (!left || platform_clock_realtime(&now) != 0) {
+        return 0;
+    }
+    return now.seconds + static_cast<std::int64_t>(std::min(*left, kLongestSeconds));
+}
+
+std::vector<std::string> MissingServices() {
+    std::vector<std::string> names;
+    platform_services_missing(
+        [](const char* name, void* data) {
+            static_cast<std::vector<std::string>*>(data)->emplace_back(name);
+        },
+        &names);
+    return names;
+}
+
+}  // namespace
+
+PolicyService::PolicyService(IPolicyServer& server, TCPolicyManager& manager)
+    : m_server(server),
+      m_manager(manager),
+      m_hits(HitNews::Listen([&server](const TSPolicyHit& hit) { server.TellPolicyHit(hit); })) {
+    m_manager.SetChangeListener([&server] { server.TellPolicyChange(); });
+    m_server.ServePolicy(this);
+}
+
+PolicyService::~PolicyService() {
+    m_server.ServePolicy(nullptr);
+    m_manager.SetChangeListener({});
+}
+
+TSPolicyAnswer PolicyService::SetPolicy(const std::string& document) {
+    TSPolicyAnswer answer;
+    answer.remarks = Check(document);
+    answer.isAccepted = TCControl(m_manager).SetPolicy(document);
+    answer.outcome = WordOf(m_manager.LastOutcome());
+    return answer;
+}
+
+std::vector<TSPolicyRemark> PolicyService::Check(const std::string& document) {
+    std::vector<TSPolicyRemark> remarks;
+    // Without the keys' types: the main thread does not ask a store for each of thousands of keys.
+    for (TSPolicyFinding& finding : CheckPolicy(document)) {
+        remarks.push_back({finding.line, finding.column, finding.isError, NameOf(finding.kind),
+                           std::move(finding.text), std::move(finding.hint)});
+    }
+    return remarks;
+}
+
+std::vector<TSPolicyRule> PolicyService::Explain(const std::string& key) {
+    std::vector<TSPolicyRule> rules;
+    std::uint32_t set = 0;
+    for (const std::unique_ptr<TCPolicyTasks>& tasks : m_manager.Sets()) {
+        ExplainRules(*tasks, ++set, key, rules);
+    }
+    return rules;
+}
+
+TSPolicyState PolicyService::State() {
+    TSPolicyState state;
+    state.version = ZOL_VERSION;
+    state.policyVersion = TCInformationStorage::Instance()->GetPolicyVersion();
+    state.isMonitoring = m_manager.IsMonitoring();
+    state.rulesDropped = m_manager.Dropped();
+    if (!m_manager.Sets().empty()) {
+        state.rulesWatched = static_cast<std::uint32_t>(m_manager.Sets().back()->CountWatched());
+        state.expires = ExpiryOf(m_manager);
+    }
+    state.pathsWaiting = static_cast<std::uint32_t>(HandOverQueue::WaitingInAll());
+    state.lastHit = HitNews::Last();
+    state.missingServices = MissingServices();
+    return state;
+}
+
+TSPolicyDigests PolicyService::Digests() {
+    const TSPolicyRead read = ReadPolicyFile(TCDirsManager::GetPolicyXmlPath());
+    const bool isThere = !read.open && static_cast<std::int64_t>(read.text.size()) == read.size;
+    return {isThere ? DigestOf(read.text) : "", m_manager.RunningDigest()};
+}
+
+}  // namespace zol
