@@ -149,11 +149,9 @@ bool TCPolicyManager::m_Update(const std::string& xml) {
         m_UpdateScheduler(policy, true);
         TCInformationStorage::Instance()->SetPolicyVersion(policy.version);
         KeepInStorage(policy);
-        m_outcome = EOutcome::NOTHING;
-        if (m_CreatePolicyThread(kStartTasks)) {
-            m_outcome = EOutcome::RUNNING;
-            m_runningDigest = DigestOf(xml);
-        }
+        const bool isWatched = m_CreatePolicyThread(kStartTasks);
+        m_outcome = isWatched ? EOutcome::RUNNING : EOutcome::NOTHING;
+        m_runningDigest = isWatched ? DigestOf(xml) : m_runningDigest;
         isApplied = true;
     }
     if (!isApplied) {
