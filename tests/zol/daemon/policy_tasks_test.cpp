@@ -214,6 +214,26 @@ TEST_F(PolicyTasks, TheKeyOfTheHandOverIsWatchedAsSoonAsItCanBe) {
     EXPECT_FALSE(LetRetryCome());
 }
 
+TEST_F(PolicyTasks, AWatchThatComesLateLeavesWhatIsPublishedAlone) {
+    const char* const key = zol::HandOverQueue::KEY;
+    fakes::vconf::Fail(key, fakes::vconf::FAIL_NOTIFY);
+    Push(ItemFor("db/a") + ItemFor("db/b"));
+    fakes::vconf::SetInt("db/a", 1);
+    ASSERT_TRUE(fakes::dlog::WaitFor("vconf_set_str success"));
+    const std::string first = fakes::vconf::GetString(key);
+    fakes::clock::Advance(std::chrono::seconds(1));
+    fakes::vconf::SetInt("db/b", 1);
+    ASSERT_TRUE(fakes::dlog::WaitFor("vconfkey is not empty, add current path to list"));
+
+    fakes::vconf::Fail(key, fakes::vconf::FAIL_NONE);
+    EXPECT_TRUE(LetRetryCome());
+
+    EXPECT_EQ(fakes::vconf::GetString(key), first) << "until its collector has emptied the key";
+    fakes::vconf::SetString(key, "");
+    EXPECT_TRUE(Eventually(
+        [&] { return fakes::vconf::GetString(key) != "" && fakes::vconf::GetString(key) != first; }));
+}
+
 TEST_F(PolicyTasks, AnItemWithoutAKeyIsNotTriedAgain) {
     Push(ItemFor("") + ItemFor("db/a"));
 

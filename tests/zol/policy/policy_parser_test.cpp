@@ -173,13 +173,32 @@ TEST_F(PolicyParser, ItemsAreReadWhereverTheyStandAndInDocumentOrder) {
 
 TEST_F(PolicyParser, TextInsideAnyElementIsIgnored) {
     const ZOLPolicy policy = Parse(
-        "<zolitem numofzol=\"2\">one<zols key=\"k\">two<![CDATA[<zols key=\"no\"/>]]></zols>three"
+        "<zolitem numofzol=\"2\">1<zols key=\"k\">two<![CDATA[<zols key=\"no\"/>]]></zols>three"
         "<!-- <zols/> --></zolitem>");
 
     EXPECT_EQ(policy.numOfZol, 2);
     ASSERT_EQ(policy.vconfMonitors.size(), 1U);
     EXPECT_EQ(policy.vconfMonitors[0].strValue, "null");
     EXPECT_FALSE(fakes::dlog::Has("invalid parameters"));
+}
+
+TEST(ParseBudget, WhatIsReadMayTakeExactlyAsMuchAsTheBudget) {
+    constexpr std::size_t kAttribute = 16;
+    constexpr std::size_t kOpenElement = 128;
+    constexpr std::size_t kItem = 160;
+    zol::TCParseBudget budget;
+
+    EXPECT_TRUE(budget.AddAttribute(zol::kMaxRecordBytes - 2 * kAttribute - kOpenElement - 1));
+    EXPECT_TRUE(budget.OpenElement("e"));
+    EXPECT_TRUE(budget.AddAttribute(0));
+    EXPECT_FALSE(budget.AddAttribute(0));
+
+    zol::TCParseBudget other;
+    EXPECT_TRUE(other.AddAttribute(zol::kMaxRecordBytes - kAttribute - kItem));
+    EXPECT_TRUE(other.OpenElement("e"));
+    other.CloseElement("e");
+    EXPECT_TRUE(other.AddItem()) << "what the element was charged is given back";
+    EXPECT_FALSE(other.OpenElement(""));
 }
 
 TEST_F(PolicyParser, ADocumentWithoutVconfItemsGivesAnEmptyList) {
