@@ -6,6 +6,7 @@ import sys
 import time
 
 import disk
+import image
 import load
 from check import Check, Tally
 from machine import wait_for
@@ -64,6 +65,8 @@ class Cuts:
         booted = int(time.time())
         self.machine.boot_kept(self.kernel_state)
         check = Check(self.machine, self.record.expected(), booted)
+        if image.TORN_JOURNAL in self.machine.run("dmesg").stdout:
+            check.notes.append(image.TORN_JOURNAL)
         findings = check.findings + self.record.faults
         self.record.settle(check.found)
         self.record.faults = []

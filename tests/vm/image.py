@@ -17,8 +17,8 @@ HERE = pathlib.Path(__file__).resolve().parent
 SUBSCRIBER = TOP / "tests" / "e2e" / "subscriber.py"
 DISK_MIB = 512
 
-PACKAGES = ["systemd", "systemd-sysv", "dbus", "libglib2.0-bin", "procps", "e2fsprogs", "python3", "busybox-static",
-            "libexpat1", "libjsoncpp25", "libglib2.0-0", "libsqlite3-0", "libboost-thread1.74.0",
+PACKAGES = ["systemd", "systemd-sysv", "dbus", "libglib2.0-bin", "procps", "e2fsprogs", "e2fsck-static", "python3",
+            "busybox-static", "libexpat1", "libjsoncpp25", "libglib2.0-0", "libsqlite3-0", "libboost-thread1.74.0",
             "libboost-chrono1.74.0", "libboost-date-time1.74.0", "libboost-serialization1.74.0", "libsystemd0",
             "libevdev2", "libnotify4", "python3-dbus", "python3-gi"]
 KERNEL_PACKAGE = "linux-image-cloud-amd64"
@@ -28,7 +28,8 @@ MODULES = ["virtio/virtio_ring", "virtio/virtio", "virtio/virtio_pci_legacy_dev"
            "virtio/virtio_pci", "char/virtio_console", "block/virtio_blk"]
 
 # Waits before it sees the disk, so that the kernel's own start can be kept and resumed for each boot; what it is told
-# then is the time, in seconds since 1970.
+# then is the time, in seconds since 1970. A cut that tears the block which ends a transaction of the file system's
+# journal leaves one that the kernel does not read; e2fsck drops that transaction, of which nothing was promised yet.
 INIT = """#!/bin/busybox sh
 for module in {modules}; do /bin/busybox insmod /modules/$module.ko; done
 /bin/busybox mount -t devtmpfs dev /dev
@@ -38,10 +39,17 @@ read -r now <&3
 exec 3>&-
 /bin/busybox date -s "@$now" >/dev/null
 /bin/busybox insmod /modules/{disk}.ko
-/bin/busybox mount -t ext4 -o ro /dev/vda /root
+/bin/busybox mount -t ext4 -o ro /dev/vda /root || {{
+    /bin/e2fsck.static -y /dev/vda
+    echo "{torn}" >/dev/kmsg
+    /bin/busybox mount -t ext4 -o ro /dev/vda /root
+}}
 /bin/busybox mount -t devtmpfs dev /root/dev
 exec /bin/busybox switch_root /root /lib/systemd/systemd
 """
+
+# A line of the kernel's log.
+TORN_JOURNAL = "the file system's journal was torn: e2fsck has run"
 
 # What a boot does not need here, for its time: an emulated processor takes seconds for it.
 MASKED = ["systemd-binfmt.service", "systemd-firstboot.service", "systemd-journal-flush.service",
@@ -120,13 +128,14 @@ def make_initrd(folder):
     tree = folder / "initrd.tree"
     for name in ("bin", "dev", "modules", "root"):
         (tree / name).mkdir(parents=True)
-    shutil.copy(FOLDER / "root/bin/busybox", tree / "bin/busybox")
+    for program in ("bin/busybox", "sbin/e2fsck.static"):
+        shutil.copy(FOLDER / "root" / program, tree / "bin")
     drivers = next((folder / "package/lib/modules").iterdir()) / "kernel/drivers"
     for module in MODULES:
         shutil.copy(drivers / f"{module}.ko", tree / "modules")
     init = tree / "init"
     names = [os.path.basename(module) for module in MODULES]
-    init.write_text(INIT.format(modules=" ".join(names[:-1]), disk=names[-1]))
+    init.write_text(INIT.format(modules=" ".join(names[:-1]), disk=names[-1], torn=TORN_JOURNAL))
     init.chmod(0o755)
     names = "\n".join(str(path.relative_to(tree)) for path in sorted(tree.rglob("*")))
     archive = subprocess.run(["cpio", "-o", "-H", "newc", "--quiet"], input=names.encode(), cwd=tree,
