@@ -215,6 +215,9 @@ int Registrations(const std::string& key) {
 
 extern "C" {
 
+int vconf_is_served(void) {
+    return 1;
+}
 int vconf_get_int(const char* key, int* out) {
     return fakes::GetNumber(key, VCONF_TYPE_INT, out);
 }

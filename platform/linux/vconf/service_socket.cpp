@@ -9,7 +9,9 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <fstream>
 #include <mutex>
+#include <sstream>
 #include <string>
 
 #include "base/process.h"
@@ -64,6 +66,32 @@ bool IsOurs() {
                                                                       : errno == ENOENT;
 }
 
+/// What the kernel says of the sockets at a path.
+struct Sockets {
+    bool areHeard = false;      ///< one listens
+    bool areConnected = false;  ///< a client's other end
+};
+
+Sockets SocketsAt(const std::string& path) {
+    Sockets found;
+    std::ifstream table("/proc/net/unix");
+    std::string line;
+    while (std::getline(table, line)) {
+        std::istringstream words(line);
+        std::string skipped;
+        std::string flags;
+        std::string state;
+        std::string name;
+        words >> skipped >> skipped >> skipped >> flags >> skipped >> state >> skipped >> std::ws;
+        std::getline(words, name);
+        if (name == path) {
+            found.areHeard = found.areHeard || flags == "00010000";  // SO_ACCEPTCON
+            found.areConnected = found.areConnected || state == "03";
+        }
+    }
+    return found;
+}
+
 /// True when one listens, whoever has started it; else `reason` says why not.
 bool StartService(std::string* reason) {
     static std::mutex mutex;
@@ -98,6 +126,19 @@ sockaddr_un AddressIn(const base::OpenedFolder& runFolder) {
     }
     path.copy(address.sun_path, sizeof(address.sun_path) - 1);
     return address;
+}
+
+bool IsServed() {
+    const base::OpenedFolder run =
+        base::OpenFolder(DevicePath("/"), DevicePath(ZOL_PATH_RUN_DIR), base::Make::Nothing);
+    const std::string path = run.error ? "" : AddressIn(run).sun_path;
+    if (path.empty() || access(path.c_str(), R_OK | W_OK) != 0) {
+        return false;
+    }
+    // Somebody else may hold the socket for a service that has yet to be started; a store of our own has none
+    // but the service itself.
+    const Sockets sockets = SocketsAt(path);
+    return sockets.areConnected || (sockets.areHeard && IsOurs());
 }
 
 base::UniqueFd ConnectToService() {

@@ -14,6 +14,10 @@ namespace keystore {
 /// with errno, when there is none to talk to; a start that failed is not repeated for a while. Any thread.
 [[nodiscard]] base::UniqueFd ConnectToService();
 
+/// Whether a service runs that this process may connect to. Connects to nothing: with a socket that is held
+/// for the service that would start it. Any thread.
+[[nodiscard]] bool IsServed();
+
 constexpr int kPatienceMs = 2000;
 
 }  // namespace keystore

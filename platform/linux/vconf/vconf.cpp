@@ -8,6 +8,7 @@
 #include "vconf/key_watcher.h"
 #include "vconf/protocol.h"
 #include "vconf/service_link.h"
+#include "vconf/service_socket.h"
 
 namespace {
 
@@ -82,6 +83,10 @@ int Set(const char* key, keystore::Value value) {
 }  // namespace
 
 extern "C" {
+
+int vconf_is_served(void) {
+    return Guarded(keystore::IsServed) == 0 ? 1 : 0;
+}
 
 int vconf_get_int(const char* key, int* out) {
     return GetNumber(key, VCONF_TYPE_INT, out);

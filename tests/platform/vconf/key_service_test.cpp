@@ -153,6 +153,35 @@ TEST_F(ServiceOfTheStore, ThatHangsHoldsItsClientsUpForABoundedTime) {
     EXPECT_TRUE(Eventually([] { return SetInt("db/k", 3); }));
 }
 
+TEST_F(ServiceOfTheStore, IsSaidToServeWhileItRunsAndIsNotStartedByTheQuestion) {
+    EXPECT_EQ(vconf_is_served(), 1);
+    ASSERT_TRUE(SetInt("db/k", 1));
+    EXPECT_EQ(vconf_is_served(), 1);
+    Service().Kill();
+    EXPECT_EQ(vconf_is_served(), 0);
+    EXPECT_EQ(Service().Pid(), 0);
+}
+
+TEST_F(ServiceOfTheStore, IsNotSaidToServeWhereItsSocketIsOnlyHeldForIt) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can give the store to another account";
+    }
+    Service().Kill();
+    fs::remove(Root() + "/run/zol/vconf.sock");
+    ASSERT_EQ(chown(DurableFolder().c_str(), 1, 1), 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    (Root() + "/run/zol/vconf.sock").copy(address.sun_path, sizeof(address.sun_path) - 1);
+    const base::UniqueFd held(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(bind(held.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    ASSERT_EQ(listen(held.Get(), 1), 0);
+    EXPECT_EQ(vconf_is_served(), 0);
+    // Whoever was started for the socket has taken a client in.
+    const base::UniqueFd client = RawConnection(Root());
+    const base::UniqueFd taken(accept(held.Get(), nullptr, nullptr));
+    EXPECT_EQ(vconf_is_served(), 1);
+}
+
 TEST_F(ServiceOfTheStore, LeavesTheFilesToTheOneThatServesAlready) {
     ASSERT_TRUE(SetInt("db/k", 1));
     const pid_t first = Service().Pid();
