@@ -115,7 +115,7 @@ TEST_F(PolicyCheck, TellsWhenNothingIsWatched) {
          "stored "
          "(add a zols item)"},
         {"<zolitem><zols/></zolitem>",
-         "no item is left: the document is stored, and replaces a policy that watches something"}};
+         "no item is left; the document is stored all the same, in place of the one before it"}};
     for (const auto& [xml, why] : cases) {
         EXPECT_THAT(Texts(xml), Contains(Eq("nothing is watched: " + std::string(why)))) << xml;
     }
@@ -255,6 +255,8 @@ TEST_F(PolicyCheck, TellsRangesThatNothingFits) {
          {"never a hit: no integer lies between 15 and 5 (greater is the lower bound, less the upper one)"}},
         {"condition='BETWEEN' greater='5'",
          {"less is not given and compared as -1", "never a hit: no integer lies between 5 and -1"}},
+        {"condition='BETWEEN' greater='x' less='5'",
+         {"greater 'x' is no number and counts as not given", "greater is not given and compared as -1"}},
         {"condition='BETWEEN' greater='-1' less='5'",
          {"greater is -1, which stands for \"not given\", and compared as -1"}},
         {"condition='GREATER' intvalue='2147483647'", {"never a hit: no integer is greater than 2147483647"}},

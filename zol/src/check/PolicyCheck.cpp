@@ -17,6 +17,7 @@
 namespace zol {
 namespace {
 
+constexpr std::string_view kMalformed = "not well-formed";
 constexpr const char* kBlanks = " \t\r\n";
 
 /// The number that the whole text is, blanks around it aside.
@@ -223,7 +224,11 @@ void TCPolicyCheck::OnRefused(const TSPlace& where, EPolicyRefusal reason, const
     constexpr const char* kLimits = "see the limits in the policy reference";
     switch (reason) {
         case EPolicyRefusal::MALFORMED:
-            return refuse(std::string("not well-formed: ") + words, "");
+            // Some of the library's words begin so themselves.
+            return refuse(kMalformed == std::string_view(words).substr(0, kMalformed.size())
+                              ? words
+                              : std::string(kMalformed) + ": " + words,
+                          "");
         case EPolicyRefusal::TOO_LONG:
             return refuse("longer than " + std::to_string(kMaxPolicyBytes) + " bytes", "");
         case EPolicyRefusal::BEYOND_BUDGET:
@@ -247,7 +252,7 @@ void TCPolicyCheck::m_FinishWatched(const ZOLPolicy& policy) {
             "stored";
         hint = "add a zols item";
     } else {
-        why = "no item is left: the document is stored, and replaces a policy that watches something";
+        why = "no item is left; the document is stored all the same, in place of the one before it";
     }
     m_findings.AddError(EPolicyFinding::NOTHING_WATCHED, m_root.value_or(TSPlace()),
                         "nothing is watched: " + why, hint);

@@ -79,8 +79,10 @@ void TCPolicyItemCheck::m_CheckBounds(const TSPlace& place, const ZOLVconfMonito
     }
     for (const auto& [name, bound] : {std::pair("greater", item.greater), std::pair("less", item.less)}) {
         if (bound == kNotGiven) {
+            std::int32_t written = 0;
+            values.GetValue(name, written);
             const std::string what =
-                values.GetValue(name, value) ? " is -1, which stands for \"not given\", " : " is not given ";
+                written == kNotGiven ? " is -1, which stands for \"not given\", " : " is not given ";
             m_findings.AddWarning(EPolicyFinding::MINUS_ONE, place, name + what + "and compared as -1");
         }
     }
