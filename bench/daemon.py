@@ -61,7 +61,7 @@ def start_to_answer(machine, rounds):
     for _ in range(rounds):
         before = time.monotonic()
         daemon = machine.start_daemon(wait=False)
-        wait_for(lambda: machine.push(document).returncode == 0)
+        wait_for(lambda: machine.push(document, "--force").returncode == 0)
         times.append((time.monotonic() - before) * 1000)
         daemon.stop()
     return times

@@ -198,8 +198,9 @@ class Machine:
     def set(self, key, value, kind):
         self.zolctl("vconf", "set", key, "--type", kind, "--", value, check=0)
 
-    def push(self, document):
-        return self.zolctl("policy", "push", "-", stdin=document)
+    def push(self, document, *options):
+        """Options: --force for a document that zolctl itself would not send."""
+        return self.zolctl("policy", "push", *options, "-", stdin=document)
 
     def kpi(self):
         """The reported events: dictionaries whose description is a dictionary too."""

@@ -71,7 +71,7 @@ def test_a_wake_up_prepares_power_on(machine, logind, listening):
     logind.prepare_for_sleep(False)
 
     wait_for(lambda: machine.get(PREPARED) == "true", "the prepared power-on")
-    assert machine.push(policy()).returncode == 0
+    assert machine.push(policy(), "--force").returncode == 0
     assert machine.get(PREPARED) == "false"
 
 

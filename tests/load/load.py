@@ -113,7 +113,7 @@ class Load:
         self.push(stored + 20 if stored < 500 else 300)
 
     def push_refused(self, _):
-        result = self.machine.push(document(20).replace("/>", ">", 1))
+        result = self.machine.push(document(20).replace("/>", ">", 1), "--force")
         if result.returncode != 1:
             self.find("a malformed policy was not refused")
         self.tasks.refused()

@@ -32,7 +32,7 @@ ATTEMPTS = {
     "own": ["gdbus", "call", "--system", "--dest", "org.freedesktop.DBus", "--object-path",
             "/org/freedesktop/DBus", "--method", "org.freedesktop.DBus.RequestName", "{}", "4"],
     "call": to_daemon(NATIVE + ".Call", "99", "@ay []"),
-    "push": shell('printf %s "<zolitem/>" | zolctl policy push -; [ $? != 2 ]'),
+    "push": shell('printf %s "<zolitem/>" | zolctl policy push --force -; [ $? != 2 ]'),
     "subscribe": to_daemon(NATIVE + ".Subscribe", "objectpath '/subscriber'"),
     "unsubscribe": to_daemon(NATIVE + ".Unsubscribe"),
     "introspect": to_daemon("org.freedesktop.DBus.Introspectable.Introspect"),

@@ -126,7 +126,7 @@ class Load:
     def _push(self, random, port):
         # A policy that comes after such a document is applied at once; others are stored for the next start.
         if random.random() < 0.2:
-            self._zolctl(port, "policy", "push", "-", stdin=COMMANDS_ONLY)
+            self._zolctl(port, "policy", "push", "--force", "-", stdin=COMMANDS_ONLY)
         self.record.number += 1
         document = policy(self.record.number)
         self.record.policy.begin(document, self.record.moment())

@@ -9,6 +9,10 @@ namespace tools {
 /// shown as in C.
 std::string OneLine(const std::string& text);
 
+/// The same for a line that people look at: control characters, which a terminal would obey, are shown as in
+/// C, too ("\x1b").
+std::string Printable(const std::string& text);
+
 /// Seconds since 1970 as "2026-01-31T23:59:59Z".
 std::string UtcTime(std::int64_t seconds);
 

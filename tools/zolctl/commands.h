@@ -12,14 +12,16 @@ namespace zolctl {
 /// Exit statuses of every command.
 enum EExit {
     EXIT_OK = 0,
-    EXIT_REFUSED = 1,     ///< the daemon refused, or what was asked for is not there
-    EXIT_UNREACHABLE = 2  ///< daemon or store not reachable, bad usage, or the output cannot be written
+    EXIT_REFUSED = 1,     ///< refused, found wrong, or what was asked for is not there
+    EXIT_UNREACHABLE = 2  ///< daemon, store or file not readable, bad usage, or no way to write the output
 };
 
 /// The chosen command; returns an exit status.
 using Action = std::function<int()>;
 
 void AddPolicyCommand(CLI::App& app, Action& action);
+/// Below "policy".
+void AddCheckCommand(CLI::App& policy, Action& action);
 void AddVconfCommand(CLI::App& app, Action& action);
 void AddKpiCommand(CLI::App& app, Action& action);
 void AddReportCommand(CLI::App& app, Action& action);

@@ -1,57 +1,31 @@
 #include <CLI/CLI.hpp>
-#include <array>
 #include <boost/archive/binary_iarchive.hpp>
 #include <boost/archive/binary_oarchive.hpp>
 #include <boost/serialization/string.hpp>
 #include <cstdint>
-#include <fstream>
 #include <iostream>
 #include <memory>
-#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "IControl.h"
+#include "PolicyCheck.h"
 #include "TCDbusClient.h"
 #include "TCIpcSerializationUtil.h"
-#include "ZOLPolicy.h"
 #include "commands.h"
+#include "document.h"
+#include "findings.h"
+#include "key_types.h"
 #include "text.h"
 
 namespace zolctl {
 namespace {
 
 using tools::OneLine;
+using tools::Printable;
 
 constexpr int kAnswerTimeoutMs = 60000;  ///< applying a policy of thousands of items takes a while
-
-/// The document, from a file or, for "-", standard input. Empty optional when it cannot be read or is too
-/// large.
-std::optional<std::string> ReadDocument(const std::string& file) {
-    std::ifstream opened;
-    std::istream* input = &std::cin;
-    if (file != "-") {
-        opened.open(file, std::ios::binary);
-        input = &opened;
-    }
-    std::string text;
-    std::array<char, 65536> block;
-    // Block by block: what never ends must not fill the memory first.
-    while (text.size() <= zol::kMaxPolicyBytes &&
-           (input->read(block.data(), block.size()), input->gcount() > 0)) {
-        text.append(block.data(), static_cast<std::size_t>(input->gcount()));
-    }
-    if (input->bad() || (file != "-" && !opened.is_open())) {
-        std::cerr << "zolctl: cannot read " << OneLine(file) << '\n';
-        return std::nullopt;
-    }
-    if (text.size() > zol::kMaxPolicyBytes) {
-        std::cerr << "zolctl: " << OneLine(file) << " is larger than " << zol::kMaxPolicyBytes << " bytes\n";
-        return std::nullopt;
-    }
-    return text;
-}
 
 std::vector<unsigned char> Request(const std::string& document) {
     std::stringstream stream;
@@ -71,14 +45,45 @@ bool Accepted(const std::vector<unsigned char>& reply) {
     return result == 1;
 }
 
-int Push(const std::string& file) {
-    const std::optional<std::string> document = ReadDocument(file);
-    if (!document) {
+/// Tells what is wrong with the document. Whether it may be sent.
+bool MayBeSent(const std::string& file, const std::string& document, bool isForced) {
+    // It would end whatever the daemon takes for the policy's application, and mean nothing else.
+    if (document.find_first_not_of(" \t\r\n") == std::string::npos) {
+        std::cerr << "zolctl: refused: " << Printable(file) << " is empty\n";
+        return false;
+    }
+    KeyTypes types;
+    const std::vector<zol::TSPolicyFinding> findings =
+        zol::CheckPolicy(document, [&types](const std::string& key) { return types.TypeOf(key); });
+    const bool isRefused = HasErrors(findings) && !isForced;
+    for (const zol::TSPolicyFinding& finding : findings) {
+        const bool isReason = isRefused && finding.isError;
+        std::cerr << "zolctl: " << (isReason ? "refused: " : "")
+                  << LineOf(file,
+                            isReason          ? ""
+                            : finding.isError ? "error"
+                                              : "warning",
+                            finding)
+                  << '\n';
+    }
+    if (isRefused) {
+        std::cerr << "zolctl: nothing was sent; --force sends it all the same\n";
+    }
+    return !isRefused;
+}
+
+int Push(const std::string& file, bool isForced) {
+    std::string document;
+    if (const Unreadable why = ReadDocument(file, document); !why.empty()) {
+        std::cerr << "zolctl: " << why << '\n';
         return EXIT_UNREACHABLE;
+    }
+    if (!MayBeSent(file, document, isForced)) {
+        return EXIT_REFUSED;
     }
     zol::TCDbusClient client(false);
     std::vector<unsigned char> reply;
-    switch (client.Call(zol::IControl_FC::SET_POLICY, Request(*document), reply, kAnswerTimeoutMs)) {
+    switch (client.Call(zol::IControl_FC::SET_POLICY, Request(document), reply, kAnswerTimeoutMs)) {
         case zol::TCDbusClient::EResult::HANDLED:
             if (Accepted(reply)) {
                 std::cout << "accepted\n";
@@ -104,10 +109,14 @@ int Push(const std::string& file) {
 void AddPolicyCommand(CLI::App& app, Action& action) {
     CLI::App* policy = app.add_subcommand("policy", "Policies of the daemon");
     policy->require_subcommand(1);
-    CLI::App* push = policy->add_subcommand("push", "Send a policy; 0 accepted, 1 refused, 2 not reachable");
+    AddCheckCommand(*policy, action);
+    CLI::App* push =
+        policy->add_subcommand("push", "Check and send a policy; 0 accepted, 1 refused, 2 not reachable");
     auto file = std::make_shared<std::string>();
+    auto isForced = std::make_shared<bool>(false);
     push->add_option("FILE", *file, "XML document, or - for standard input")->required();
-    push->callback([file, &action] { action = [file] { return Push(*file); }; });
+    push->add_flag("--force", *isForced, "Send it also where zolctl policy check finds errors");
+    push->callback([file, isForced, &action] { action = [=] { return Push(*file, *isForced); }; });
 }
 
 }  // namespace zolctl
