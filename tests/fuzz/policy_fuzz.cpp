@@ -1,11 +1,13 @@
-/// Gives the daemon a policy, looks at what it stored and applied, and starts it again.
+/// Checks a policy, gives it to the daemon, looks at what it stored and applied, and starts it again.
 #include <algorithm>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "PolicyCheck.h"
 #include "ZOLInformationStorage.h"
 #include "ZOLPolicyManager.h"
+#include "ZOLPolicyParser.h"
 #include "ZOLShiftedClock.h"
 #include "device_paths.h"
 #include "fake_vconf.h"
@@ -117,6 +119,28 @@ void ChangeKeys(const std::vector<ZOLVconfMonitor>& items) {
     }
 }
 
+bool HasKind(const std::vector<zol::TSPolicyFinding>& findings, zol::EPolicyFinding kind) {
+    return std::any_of(findings.begin(), findings.end(),
+                       [kind](const zol::TSPolicyFinding& finding) { return finding.kind == kind; });
+}
+
+/// The check and the daemon agree on what is taken, what is dropped and whether anything is watched.
+void CheckFindings(const std::string& text) {
+    zol::ZOLPolicy policy;
+    const bool isTaken = zol::TCPolicyParser().Parse(text, policy);
+    const std::vector<zol::TSPolicyFinding> findings = zol::CheckPolicy(text);
+    Require(isTaken != HasKind(findings, zol::EPolicyFinding::REFUSED), "a refusal that is found");
+    if (isTaken) {
+        const auto isFit = [](const auto& item) { return IsFit(item); };
+        const bool areAllFit = std::all_of(policy.vconfMonitors.begin(), policy.vconfMonitors.end(), isFit) &&
+                               std::all_of(policy.policyMonitors.begin(), policy.policyMonitors.end(), isFit);
+        Require(areAllFit != HasKind(findings, zol::EPolicyFinding::DROPPED), "a dropped item that is found");
+    }
+    for (const zol::TSPolicyFinding& finding : findings) {
+        Require(finding.line > 0 && finding.column > 0 && !finding.text.empty(), "a finding with its place");
+    }
+}
+
 /// What a daemon that starts makes of the stored policy.
 TSCurrentZOLPolicyInformation Restart(zol::TCShiftedClock& clock) {
     Forget();
@@ -130,6 +154,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string text(data, data + size);
     fakes::Reset();
     Forget();
+    CheckFindings(text);
     zol::TCShiftedClock clock;
     bool isAccepted = false;
     TSCurrentZOLPolicyInformation applied;
