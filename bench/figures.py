@@ -9,6 +9,7 @@ PEERS = {
     "EventsPerSecond<TaskReceiver>/real_time":
         ("EventsPerSecond<AsioReceiver>/real_time", "EventsPerSecond<GlibReceiver>/real_time"),
     "PolicyParser": ("BareExpat",),
+    "PolicyCheck": ("BareExpat", "PolicyParser"),
     "PrintEmitted": ("PrintFiltered",),
     "GetInt/real_time": ("RedisGet/real_time", "GdbusGet/real_time"),
     "SetInt/durable/real_time": ("RedisSet/durable/real_time",),
