@@ -490,6 +490,7 @@ TEST_F(PolicyParser, TellsAnObserverThatADocumentIsCutShortAndTakesItAllTheSame)
         ZOLPolicy policy;
         Observer observer;
         EXPECT_TRUE(m_parser.Parse(xml, policy, &observer)) << xml;
+        ASSERT_FALSE(observer.told.empty()) << xml;
         EXPECT_NE(observer.told.back().find(" cut"), std::string::npos) << xml;
     }
     ZOLPolicy policy;
