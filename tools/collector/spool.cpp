@@ -17,7 +17,6 @@
 #include "base/folders.h"
 #include "base/system_error.h"
 #include "base/unique_fd.h"
-#include "copy.h"
 #include "report.h"
 #include "text.h"
 
@@ -155,18 +154,7 @@ Outcome Spool::Take(const reports::ReportRoot& root, const std::string& name, bo
     return Remember(name, id);
 }
 
-Outcome Spool::Store(int folder, const Report& report, const std::string& id) {
-    const bool isTooLarge = SizeOf(report, reports::What::All) > m_limits.bytes;
-    const reports::What what = isTooLarge ? reports::What::HeaderOnly : reports::What::All;
-    Entry entry;
-    entry.bytes = SizeOf(report, what);
-    entry.bodyBytes = entry.bytes - SizeOf(report, reports::What::HeaderOnly);
-    entry.isWhole = !isTooLarge;
-    if (Outcome outcome = MakeRoom(entry.bytes)) {
-        return outcome;
-    }
-    const std::uint64_t sequence = m_entries.empty() ? 1 : m_entries.rbegin()->first + 1;
-    entry.name = NameOf(sequence, id);
+Outcome Spool::Stage(int folder, const Report& report, reports::What what) const {
     if (mkdirat(m_folder.StagingFd(), kNewEntry, kFolderMode) != 0) {
         return Unwritable(m_path);
     }
@@ -174,7 +162,7 @@ Outcome Spool::Store(int folder, const Report& report, const std::string& id) {
     if (!staged) {
         return Unwritable(m_path);
     }
-    if (isTooLarge) {
+    if (what == reports::What::HeaderOnly) {
         const base::UniqueFd mark(
             openat(staged.Get(), kHeaderOnly, O_WRONLY | O_CREAT | O_CLOEXEC, kFileMode));
         if (!mark) {
@@ -184,8 +172,27 @@ Outcome Spool::Store(int folder, const Report& report, const std::string& id) {
     if (Outcome outcome = CopyReport(folder, report, what, staged.Get(), report.name)) {
         return outcome;
     }
-    if (fsync(staged.Get()) != 0 || renameat(m_folder.StagingFd(), kNewEntry, m_folder.Fd(),
-                                             (std::string(kReports) + "/" + entry.name).c_str()) != 0) {
+    return fsync(staged.Get()) == 0 ? Outcome() : Unwritable(m_path);
+}
+
+Outcome Spool::Store(int folder, const Report& report, const std::string& id) {
+    const bool isTooLarge = SizeOf(report, reports::What::All) > m_limits.bytes;
+    const reports::What what = isTooLarge ? reports::What::HeaderOnly : reports::What::All;
+    Entry entry;
+    entry.bytes = SizeOf(report, what);
+    entry.bodyBytes = entry.bytes - SizeOf(report, reports::What::HeaderOnly);
+    entry.isWhole = !isTooLarge;
+    Outcome outcome = MakeRoom(entry.bytes);
+    if (!outcome) {
+        outcome = Stage(folder, report, what);
+    }
+    if (outcome) {
+        return outcome;
+    }
+    const std::uint64_t sequence = m_entries.empty() ? 1 : m_entries.rbegin()->first + 1;
+    entry.name = NameOf(sequence, id);
+    const std::string place = std::string(kReports) + "/" + entry.name;
+    if (renameat(m_folder.StagingFd(), kNewEntry, m_folder.Fd(), place.c_str()) != 0) {
         return Unwritable(m_path);
     }
     if (isTooLarge) {
@@ -367,7 +374,7 @@ Outcome ListSpool(const std::string& path, std::vector<Entry>& entries) {
         for (std::string& name : names) {
             Report report;
             base::UniqueFd ignored;
-            const std::string entry = folder + "/" + name;
+            const std::string entry = folder + ("/" + name);
             // One that goes while it is looked at is none.
             if (SequenceOf(name) && !OpenEntry(entry, ignored, report)) {
                 const bool isWhole = IsWhole(entry);

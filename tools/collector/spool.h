@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "base/unique_fd.h"
+#include "copy.h"
 #include "destination.h"
 #include "outcome.h"
 #include "report.h"
@@ -80,6 +81,7 @@ private:
     using Entries = std::map<std::uint64_t, Entry>;
 
     [[nodiscard]] reports::Outcome OpenFolders();
+    [[nodiscard]] reports::Outcome Stage(int folder, const reports::Report& report, reports::What what) const;
     [[nodiscard]] reports::Outcome Store(int folder, const reports::Report& report, const std::string& id);
     [[nodiscard]] reports::Outcome Remember(const std::string& name, const std::string& id) const;
     [[nodiscard]] bool Has(const std::string& id) const;
