@@ -28,8 +28,8 @@ typedef struct keynode_s {
 /// returns. It may call all functions here, and gets and sets of other threads do not wait for it.
 typedef void (*vconf_callback_fn)(keynode_t* node, void* user_data);
 
-/// 1 when somebody serves the store that this process may use, else 0. Starts nothing and does not wait, unlike
-/// a get, which brings up a store that nobody serves.
+/// 1 when somebody serves the store that this process may use, else 0. Starts nothing and does not wait,
+/// unlike a get, which brings up a store that nobody serves.
 int vconf_is_served(void);
 
 /// 0 on success; -1 when the key is missing, holds another type or cannot be read (then *out is untouched).
