@@ -1,8 +1,5 @@
 #include "ZOLPolicyParser.h"
 
-#include <dlfcn.h>
-#include <expat.h>
-
 #include <atomic>
 #include <string>
 #include <thread>
@@ -10,24 +7,9 @@
 
 #include "ParseBudget.h"
 #include "PolicyAttributes.h"
-#include "PolicyObserver.h"
 #include "device_test.h"
 #include "dlog.h"
-
-namespace {
-
-/// Memory is too short for a parser, on this thread.
-thread_local bool t_failCreate = false;
-
-}  // namespace
-
-/// Stands before the library's, for the whole test program.
-extern "C" XML_Parser XML_ParserCreate_MM(const XML_Char* encoding, const XML_Memory_Handling_Suite* memory,
-                                          const XML_Char* separator) {
-    using Create = XML_Parser (*)(const XML_Char*, const XML_Memory_Handling_Suite*, const XML_Char*);
-    static const auto create = reinterpret_cast<Create>(dlsym(RTLD_NEXT, "XML_ParserCreate_MM"));
-    return t_failCreate ? nullptr : create(encoding, memory, separator);
-}
+#include "failing_parser.h"
 
 namespace {
 
@@ -180,25 +162,6 @@ TEST_F(PolicyParser, TextInsideAnyElementIsIgnored) {
     ASSERT_EQ(policy.vconfMonitors.size(), 1U);
     EXPECT_EQ(policy.vconfMonitors[0].strValue, "null");
     EXPECT_FALSE(fakes::dlog::Has("invalid parameters"));
-}
-
-TEST(ParseBudget, WhatIsReadMayTakeExactlyAsMuchAsTheBudget) {
-    constexpr std::size_t kAttribute = 16;
-    constexpr std::size_t kOpenElement = 128;
-    constexpr std::size_t kItem = 160;
-    zol::TCParseBudget budget;
-
-    EXPECT_TRUE(budget.AddAttribute(zol::kMaxRecordBytes - 2 * kAttribute - kOpenElement - 1));
-    EXPECT_TRUE(budget.OpenElement("e"));
-    EXPECT_TRUE(budget.AddAttribute(0));
-    EXPECT_FALSE(budget.AddAttribute(0));
-
-    zol::TCParseBudget other;
-    EXPECT_TRUE(other.AddAttribute(zol::kMaxRecordBytes - kAttribute - kItem));
-    EXPECT_TRUE(other.OpenElement("e"));
-    other.CloseElement("e");
-    EXPECT_TRUE(other.AddItem()) << "what the element was charged is given back";
-    EXPECT_FALSE(other.OpenElement(""));
 }
 
 TEST_F(PolicyParser, ADocumentWithoutVconfItemsGivesAnEmptyList) {
@@ -413,9 +376,9 @@ TEST_F(PolicyParser, AnExternalEntityIsNeverOpened) {
 
 TEST_F(PolicyParser, AParserThatCannotBeMadeIsLoggedAndTheItemsAreGone) {
     ZOLPolicy policy = Parse("<a><zols/><monitor/></a>");
-    t_failCreate = true;
+    FailParsers(true);
     EXPECT_FALSE(m_parser.Parse(kExample, policy));
-    t_failCreate = false;
+    FailParsers(false);
 
     EXPECT_TRUE(policy.vconfMonitors.empty());
     EXPECT_EQ(policy.policyMonitors.size(), 1U);
@@ -441,89 +404,6 @@ TEST_F(PolicyParser, OneParserServesSeveralThreads) {
         thread.join();
     }
     EXPECT_EQ(items, kThreads * 20 * 2);
-}
-
-/// Keeps what it is told.
-class Observer : public zol::IPolicyObserver {
-public:
-    void OnElement(const zol::TSElement& element, const ZOLPolicy& policy) override {
-        Add(element.place, std::string(element.isRead ? "read " : "passed ") + element.name + " " +
-                               std::to_string(policy.vconfMonitors.size()));
-        for (const char* const* word = element.attributes; *word != nullptr; ++word) {
-            told.emplace_back(*word);
-        }
-        if (element.values.HasAttrOfValue("throw", "1")) {
-            throw std::bad_alloc();
-        }
-    }
-    void OnElementEnd() override { told.emplace_back("end"); }
-    void OnCutShort(const zol::TSPlace& where) override { Add(where, "cut"); }
-    void OnRefused(const zol::TSPlace& where, zol::EPolicyRefusal reason, const char* words) override {
-        Add(where, words);
-        refusal = reason;
-    }
-
-    std::vector<std::string> told;
-    zol::EPolicyRefusal refusal{};
-
-private:
-    void Add(const zol::TSPlace& where, const std::string& what) {
-        told.push_back(std::to_string(where.line) + ":" + std::to_string(where.column) + " " + what);
-    }
-};
-
-TEST_F(PolicyParser, TellsAnObserverWhereThingsStandAndLogsNothing) {
-    ZOLPolicy policy;
-    Observer observer;
-
-    EXPECT_TRUE(m_parser.Parse("<a>\n <ZOLS Key='k'/>text</a>", policy, &observer));
-
-    const std::vector<std::string> told{"1:1 passed a 0", "2:2 read ZOLS 1", "Key", "k", "end", "end"};
-    EXPECT_EQ(observer.told, told);
-    ASSERT_EQ(policy.vconfMonitors.size(), 1U);
-    EXPECT_EQ(policy.vconfMonitors[0].key, "k");
-    EXPECT_EQ(Logged(""), 0);
-}
-
-TEST_F(PolicyParser, TellsAnObserverThatADocumentIsCutShortAndTakesItAllTheSame) {
-    for (const char* xml : {"", " ", "<a>\n", "<a><zols key=", "<a/><!--"}) {
-        ZOLPolicy policy;
-        Observer observer;
-        EXPECT_TRUE(m_parser.Parse(xml, policy, &observer)) << xml;
-        ASSERT_FALSE(observer.told.empty()) << xml;
-        EXPECT_NE(observer.told.back().find(" cut"), std::string::npos) << xml;
-    }
-    ZOLPolicy policy;
-    Observer observer;
-    EXPECT_TRUE(m_parser.Parse("<a>\n<zols/></a>\n", policy, &observer));
-    EXPECT_EQ(observer.told.back(), "end");
-}
-
-TEST_F(PolicyParser, TellsAnObserverWhyADocumentIsRefusedAndLogsNothing) {
-    using Refusal = zol::EPolicyRefusal;
-    std::string attributes;
-    for (int i = 0; i <= zol::kMaxAttributes; ++i) {
-        attributes += " a" + std::to_string(i) + "=''";
-    }
-    const std::vector<std::pair<std::string, Refusal>> cases{
-        {"<a>\n</b>", Refusal::MALFORMED},
-        {std::string(zol::kMaxPolicyBytes + 1, ' '), Refusal::TOO_LONG},
-        {"<zols" + attributes + "/>", Refusal::BEYOND_BUDGET},
-        {"<a throw='1'/>", Refusal::NO_MEMORY}};
-    for (const auto& [xml, reason] : cases) {
-        ZOLPolicy policy;
-        Observer observer;
-        EXPECT_FALSE(m_parser.Parse(xml, policy, &observer));
-        EXPECT_EQ(observer.refusal, reason) << xml.substr(0, 80);
-        EXPECT_FALSE(observer.told.empty());
-    }
-    t_failCreate = true;
-    ZOLPolicy policy;
-    Observer observer;
-    EXPECT_FALSE(m_parser.Parse("<a/>", policy, &observer));
-    t_failCreate = false;
-    EXPECT_EQ(observer.refusal, Refusal::NO_MEMORY);
-    EXPECT_EQ(Logged(""), 0);
 }
 
 }  // namespace
