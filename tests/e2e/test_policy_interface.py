@@ -102,7 +102,7 @@ def test_a_hit_and_a_change_are_told_to_whoever_listens(machine, daemon, proxy):
     wait_for(lambda: read(proxy, "PathsWaiting") == 1, "a second report in line")
 
 
-def test_version_and_missing_services_are_told(machine, proxy):
+def test_version_and_missing_services_are_told(proxy):
     assert read(proxy, "Version") == "1.0.0"
     assert read(proxy, "PolicyVersion") == -1
     call(proxy, "SetPolicy", policy(RULE, PAIRING))
@@ -110,7 +110,6 @@ def test_version_and_missing_services_are_told(machine, proxy):
     everything = proxy.GetAll(INTERFACE, dbus_interface="org.freedesktop.DBus.Properties")
     assert sorted(everything) == ["Expires", "LastHit", "MissingServices", "Monitoring", "PathsWaiting", "PolicyDigest",
                                   "PolicyVersion", "RulesDropped", "RulesWatched", "Version"]
-    machine.end_key_service()
 
 
 def test_what_is_wrong_with_a_policy_is_told_and_nothing_else_is_done(machine, proxy):

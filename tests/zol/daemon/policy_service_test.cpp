@@ -139,8 +139,9 @@ TEST_F(PolicyServiceTest, HitsAreToldAndTheLastOneIsKept) {
     EXPECT_THAT(m_policyServer.rules, ElementsAre("db/a"));
     fakes::vconf::SetInt("db/a", 1);
     EXPECT_TRUE(Eventually([this] { return m_service->State().pathsWaiting == 1; }));
+    m_service.reset();
     Stop();
-    EXPECT_EQ(zol::HandOverQueue::WaitingInAll(), 0U);
+    EXPECT_EQ(zol::HandOverQueue::WaitingInAll(), 0U) << "lost with its queue";
 }
 
 TEST_F(PolicyServiceTest, AMonitorIsExplainedWithWhatItHasCounted) {
