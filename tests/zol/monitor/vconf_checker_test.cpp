@@ -229,6 +229,7 @@ TEST_F(CheckAtStart, ARuleThatHoldsInAStoreThatIsOutOfOrderIsReportedOnceItIsInO
 
     fakes::vconf::Fail("db/text", fakes::vconf::FAIL_NONE);
     EXPECT_TRUE(LetRetryCome());
+    EXPECT_TRUE(LetRetryCome()) << "each begins with another key";
     EXPECT_EQ(Reported(), Reports({"db/text=on"}));
     fakes::vconf::Fail("db/int", fakes::vconf::FAIL_NONE);
     EXPECT_TRUE(LetRetryCome());
@@ -256,7 +257,7 @@ TEST_F(CheckAtStart, ARuleThatDoesNotHoldOnceItsKeyIsReadIsWatchedFurther) {
 TEST_F(CheckAtStart, AChangeThatComesBeforeAKeyIsReadAgainIsReportedOnce) {
     SetInt(kWatched, 5);
     fakes::vconf::Fail(kWatched, fakes::vconf::FAIL_GET);
-    Watch({IntItem("IS", 5), IntItem("IS", 5)});
+    Watch({IntItem("IS", 5)});
     fakes::vconf::Fail(kWatched, fakes::vconf::FAIL_NONE);
 
     SetInt(kWatched, 5);
@@ -264,7 +265,37 @@ TEST_F(CheckAtStart, AChangeThatComesBeforeAKeyIsReadAgainIsReportedOnce) {
 
     EXPECT_EQ(Reported(), Reports({"db/k=5"}));
     EXPECT_EQ(m_notify.VconfEvents(), 1) << "none without a hit";
-    EXPECT_EQ(Registrations(kWatched), 2) << "as for one that did not hold at the start";
+    EXPECT_EQ(Registrations(kWatched), 1) << "as for one that did not hold at the start";
+}
+
+TEST_F(CheckAtStart, AChangeIsJudgedByTheFirstItemAndLeavesTheReadOfAnotherOneDue) {
+    fakes::vconf::Fail(kWatched, fakes::vconf::FAIL_GET);
+    Watch({IntItem("IS", 1), IntItem("IS", 5)});
+    fakes::vconf::Fail(kWatched, fakes::vconf::FAIL_NONE);
+
+    SetInt(kWatched, 5);
+    EXPECT_EQ(Reported(), Reports());
+    EXPECT_TRUE(LetRetryCome());
+
+    EXPECT_EQ(Reported(), Reports({"db/k=5"}));
+    EXPECT_EQ(Registrations(kWatched), 1);
+    EXPECT_FALSE(LetRetryCome());
+}
+
+TEST_F(CheckAtStart, AKeyThatStaysUnreadableDoesNotHoldTheOthersUp) {
+    for (const char* key : {"db/a", "db/b", "db/c"}) {
+        SetInt(key, 5);
+        fakes::vconf::Fail(key, fakes::vconf::FAIL_GET);
+    }
+    Watch({IntItem("IS", 5, "db/a"), IntItem("IS", 5, "db/b"), IntItem("IS", 5, "db/c")});
+    fakes::vconf::Fail("db/a", fakes::vconf::FAIL_NONE);
+    fakes::vconf::Fail("db/b", fakes::vconf::FAIL_NONE);
+
+    EXPECT_TRUE(LetRetryCome());
+    EXPECT_TRUE(LetRetryCome());
+
+    EXPECT_EQ(Reported(), Reports({"db/b=5", "db/a=5"}));
+    EXPECT_TRUE(LetRetryCome()) << "the third";
 }
 
 TEST_F(KeyChange, AKeyThatCannotBeReadAfterItsChangeIsReadAgainAndWatchedFurther) {

@@ -1,5 +1,6 @@
 #include "ZOLVconfChecker.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <utility>
 
@@ -117,13 +118,16 @@ void TCVconfChecker::m_ReadLater(std::size_t position, bool isString, KeyWatch w
 }
 
 void TCVconfChecker::m_ReadAgain() {
-    m_retry.reset();
+    // First, so that whatever fails below is tried again.
+    m_retry = base::StartTimer(nullptr, m_backoff.Next(), [this] { m_ReadAgain(); });
     CatchAll(kLogModule, [this] {
         // Each is an attempt of up to seconds: the first that fails says how the store is.
         while (!m_unread.empty()) {
             Unread& next = m_unread.back();
             const bool holds = m_CheckItem(m_monitorList[next.position], next.isString);
             if (m_isUnreadable) {
+                // The next time with another one: it may be this key alone.
+                std::rotate(m_unread.begin(), m_unread.end() - 1, m_unread.end());
                 break;
             }
             const bool isWatchedNoMore = holds && next.watch;
@@ -133,12 +137,11 @@ void TCVconfChecker::m_ReadAgain() {
             m_states[next.position] = isWatchedNoMore ? EState::REPORTED : EState::WATCHED;
             m_unread.pop_back();
         }
+        m_NotifyPending();
     });
-    m_NotifyPending();
     if (m_unread.empty()) {
+        m_retry.reset();
         m_backoff.Reset();
-    } else {
-        m_retry = base::StartTimer(nullptr, m_backoff.Next(), [this] { m_ReadAgain(); });
     }
 }
 
@@ -165,7 +168,7 @@ bool TCVconfChecker::m_Check(const keynode_t* node) {
     }
     const ZOLVconfMonitor& item = m_monitorList[first->second];
     ZOL_LOG(LOG_ERROR, "find!");
-    m_DropUnread(item.key);
+    m_DropUnread(first->second);
     // The key's own type decides, whatever the item says.
     const int type = vconf_keynode_get_type(node);
     if (type != VCONF_TYPE_STRING && type != VCONF_TYPE_INT) {
@@ -179,18 +182,17 @@ bool TCVconfChecker::m_Check(const keynode_t* node) {
     return holds;
 }
 
-void TCVconfChecker::m_DropUnread(const std::string& key) {
-    for (auto unread = m_unread.begin(); unread != m_unread.end();) {
-        if (m_monitorList[unread->position].key != key) {
-            ++unread;
-            continue;
-        }
-        m_states[unread->position] = EState::WATCHED;
-        if (unread->watch) {
-            m_watches.push_back(std::move(unread->watch));
-        }
-        unread = m_unread.erase(unread);
+void TCVconfChecker::m_DropUnread(std::size_t position) {
+    const auto unread = std::find_if(m_unread.begin(), m_unread.end(),
+                                     [position](const Unread& each) { return each.position == position; });
+    if (unread == m_unread.end()) {
+        return;
     }
+    if (unread->watch) {
+        m_watches.push_back(std::move(unread->watch));
+    }
+    m_unread.erase(unread);
+    m_states[position] = EState::WATCHED;
 }
 
 bool TCVconfChecker::m_CheckItem(const ZOLVconfMonitor& item, bool isString) {

@@ -95,8 +95,8 @@ private:
     [[nodiscard]] bool m_CheckOrWatch(std::size_t position);
     void m_ReadLater(std::size_t position, bool isString, KeyWatch watch);
     void m_ReadAgain();
-    /// What a change tells makes up for what was not read.
-    void m_DropUnread(const std::string& key);
+    /// A change of its key supersedes the read that is due.
+    void m_DropUnread(std::size_t position);
     void m_NotifyPending();
     void m_AddNotify(ZOLVconfMonitor item, int value, std::string text);
 
@@ -106,7 +106,7 @@ private:
     std::atomic<bool> m_bNotifyPending{false};
     std::vector<EState> m_states;        ///< of the items
     std::vector<std::size_t> m_refused;  ///< positions of items whose keys vconf would not watch
-    bool m_isUnreadable = false;         ///< the last read found the store out of order
+    bool m_isUnreadable = false;         ///< the last read failed, and not for want of the key
     base::Backoff m_backoff;
     std::vector<Unread> m_unread;
     base::GSourcePtr m_retry;
