@@ -168,7 +168,7 @@ TEST_F(PolicyServiceTest, AKeyIsExplainedWithWhatItHoldsNow) {
     fakes::vconf::SetString("db/a", "one");
     EXPECT_EQ(explain("value-type"), "string");
     EXPECT_EQ(explain("value"), "one");
-    EXPECT_EQ(explain("holds"), "(none)") << "a text is not compared with a number";
+    EXPECT_EQ(explain("holds"), "0") << "the type of the key decides: it is compared with no text";
     fakes::vconf::SetBool("db/a", true);
     EXPECT_EQ(explain("value-type"), "bool");
     fakes::vconf::SetInt("db/a", 1);

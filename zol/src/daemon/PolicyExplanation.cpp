@@ -63,11 +63,11 @@ Present Read(const char* key) {
     return present;
 }
 
-/// Null when the key holds nothing that the rule compares with.
+/// As after a change: by the type of the key. Null when it holds nothing that is compared.
 std::optional<bool> HoldsNow(const ZOLVconfMonitor& item, const Present& present) {
     const std::int32_t condition = CodeOf(kConditionWords, item.condition);
-    if (CodeOf(kValueTypeWords, item.type) == VALUE_TYPE_STRING) {
-        return present.text ? std::optional(Holds(condition, *present.text, item.strValue)) : std::nullopt;
+    if (present.text) {
+        return Holds(condition, *present.text, item.strValue);
     }
     if (!present.number) {
         return std::nullopt;
