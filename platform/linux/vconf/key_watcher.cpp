@@ -128,7 +128,6 @@ bool KeyWatcher::Connect() {
         errno = error;
         return false;
     }
-    m_mark.Set(false);
     ++m_connections;
     m_socketTag = g_source_add_unix_fd(m_source.get(), m_socket.Get(), G_IO_IN);
     for (const auto& [key, watched] : m_watched) {
@@ -150,7 +149,6 @@ void KeyWatcher::Disconnect() {
         m_socketTag = nullptr;
     }
     m_socket.Reset();
-    m_mark.Set(true);
     const unsigned waitMs = m_hasAnswered ? 0 : m_backoff.Next();
     m_retryAt = g_get_monotonic_time() + std::int64_t{waitMs} * 1000;
     m_hasAnswered = false;

@@ -10,7 +10,6 @@
 #include "base/backoff.h"
 #include "base/glib_handles.h"
 #include "base/unique_fd.h"
-#include "platform_services/service_mark.h"
 #include "vconf/protocol.h"
 #include "vconf/watch_registry.h"
 
@@ -58,7 +57,6 @@ private:
     base::UniqueFd m_socket;
     Receiver m_receiver;
     std::uint64_t m_connections = 0;  // how many there have been
-    platform::ServiceMark m_mark{"key store"};
     std::uint32_t m_lastTicket = 0;
     std::unordered_map<std::string, Watched> m_watched;
     std::vector<Change> m_changes;  // to be delivered, one for each key

@@ -19,6 +19,7 @@
 #include "device_paths.h"
 #include "platform_clock.h"
 #include "platform_log.h"
+#include "platform_services/service_mark.h"
 #include "vconf/store_paths.h"
 
 namespace keystore {
@@ -143,6 +144,8 @@ bool IsServed() {
 
 base::UniqueFd ConnectToService() {
     static std::atomic<bool> isFailing{false};
+    // Never destroyed: other threads may ask until the process ends.
+    static auto* const mark = new platform::ServiceMark("key store");
     base::UniqueFd fd;
     bool isConnected = Connect(&fd);
     std::string reason = std::strerror(errno);
@@ -150,6 +153,7 @@ base::UniqueFd ConnectToService() {
     if (!isConnected && (error == ENOENT || error == ECONNREFUSED) && IsOurs()) {
         isConnected = StartService(&reason) && Connect(&fd);
     }
+    mark->Set(!isConnected);
     if (isConnected) {
         isFailing = false;
         return fd;
