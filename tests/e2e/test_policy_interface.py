@@ -122,4 +122,6 @@ def test_what_is_wrong_with_a_policy_is_told_and_nothing_else_is_done(machine, p
     assert "zols" in remarks[2][5]
     assert call(proxy, "SetPolicy", wrong) == (True, "nothing to watch", remarks)
     assert call(proxy, "Check", "no policy")[0][2:4] == ("error", "refused")
-    assert "no policy" not in machine.path("/var/lib/zol/policy.xml").read_text()
+    stored = machine.path("/var/lib/zol/policy.xml").read_text()
+    assert call(proxy, "Check", policy(RULE)) == []
+    assert machine.path("/var/lib/zol/policy.xml").read_text() == stored

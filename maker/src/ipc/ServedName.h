@@ -1,5 +1,6 @@
 #pragma once
 /// The server's place on the bus.
+#include <atomic>
 #include <functional>
 #include <memory>
 
@@ -35,6 +36,9 @@ public:
     /// Null while there is no bus.
     [[nodiscard]] GDBusConnection* Connection() const { return m_link.Connection(); }
 
+    /// Whether the name is ours now. Any thread.
+    [[nodiscard]] bool IsServing() const { return m_state == EState::SERVING; }
+
 private:
     enum class EState { STARTING, NO_BUS, NO_NAME, QUEUED, SERVING };
 
@@ -56,7 +60,7 @@ private:
     const Callbacks m_callbacks;
     const std::unique_ptr<GDBusNodeInfo, base::FreeWith<g_dbus_node_info_unref>> m_introspection;
     const base::GObjectPtr<GCancellable> m_cancellable;  // of requests for the name
-    EState m_state = EState::STARTING;
+    std::atomic<EState> m_state{EState::STARTING};
     base::Backoff m_backoff;  // of requests for the name
     base::GSourcePtr m_retry;
     const Backlog m_backlog;

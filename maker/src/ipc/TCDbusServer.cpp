@@ -122,11 +122,16 @@ void TCDbusServer::ServePolicy(IPolicyService* service) {
 }
 
 void TCDbusServer::TellPolicyChange() {
-    m_impl->policy.TellChange();
+    // The bus keeps signals from strangers by the name of the one that sends them.
+    if (m_impl->name.IsServing()) {
+        m_impl->policy.TellChange();
+    }
 }
 
 void TCDbusServer::TellPolicyHit(const TSPolicyHit& hit) {
-    m_impl->policy.TellHit(hit);
+    if (m_impl->name.IsServing()) {
+        m_impl->policy.TellHit(hit);
+    }
 }
 
 }  // namespace zol

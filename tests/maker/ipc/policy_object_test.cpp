@@ -93,27 +93,6 @@ TEST_F(PolicyObject, EachPropertyIsWhatTheServiceSaysWhenItIsRead) {
     EXPECT_EQ(Get("Expires"), "(<uint64 0>,)");
 }
 
-TEST_F(PolicyObject, WithoutAServiceThereIsNoInterfaceAndSignalsGoNowhere) {
-    m_server->ServePolicy(nullptr);
-
-    EXPECT_EQ(Ask(kPolicy, "Check", "('x',)"), kUnknownMethod);
-    m_server->TellPolicyChange();
-    m_server->TellPolicyHit({});
-    m_server->ServePolicy(&m_service);
-    EXPECT_EQ(Ask(kPolicy, "Check", "('x',)"), "([],)");
-}
-
-TEST_F(PolicyObject, ItIsThereAgainOnABusThatComesBack) {
-    m_bus.Stop();
-    EXPECT_TRUE(ServeUntil([] { return fakes::dlog::Has("lost the bus"); }));
-    m_service.state.rulesWatched = 9;
-    m_server->TellPolicyChange();
-    m_bus.Start();
-    EXPECT_TRUE(ServeUntil([] { return fakes::dlog::Count("serving") > 1; }));
-
-    EXPECT_EQ(Get("RulesWatched"), "(<uint32 9>,)");
-}
-
 /// Hears the signals of the daemon.
 class Signals {
 public:
@@ -151,6 +130,30 @@ private:
     const base::GObjectPtr<GDBusConnection> m_connection = ConnectTo(kSystemBus);
     guint m_subscription;
 };
+
+TEST_F(PolicyObject, WithoutAServiceThereIsNoInterfaceAndSignalsGoNowhere) {
+    m_server->ServePolicy(nullptr);
+
+    EXPECT_EQ(Ask(kPolicy, "Check", "('x',)"), kUnknownMethod);
+    Signals signals;
+    m_server->TellPolicyChange();
+    m_server->TellPolicyHit({});
+    signals.Pass();
+    EXPECT_THAT(signals.heard, IsEmpty());
+    m_server->ServePolicy(&m_service);
+    EXPECT_EQ(Ask(kPolicy, "Check", "('x',)"), "([],)");
+}
+
+TEST_F(PolicyObject, ItIsThereAgainOnABusThatComesBack) {
+    m_bus.Stop();
+    EXPECT_TRUE(ServeUntil([] { return fakes::dlog::Has("lost the bus"); }));
+    m_service.state.rulesWatched = 9;
+    m_server->TellPolicyChange();
+    m_bus.Start();
+    EXPECT_TRUE(ServeUntil([] { return fakes::dlog::Count("serving") > 1; }));
+
+    EXPECT_EQ(Get("RulesWatched"), "(<uint32 9>,)");
+}
 
 TEST_F(PolicyObject, OnlyPropertiesThatAreOthersThanBeforeAreToldOfAChange) {
     Signals signals;
