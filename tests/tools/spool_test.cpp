@@ -248,6 +248,21 @@ TEST_F(Spools, ForgetWhatSomebodyTookOutOfThem) {
     EXPECT_EQ(Names(), (Texts{"c_3"}));
 }
 
+TEST_F(Spools, KeepAReportThatHasGotTheNumberOfOneThatWasDropped) {
+    Limits limits;
+    limits.reports = 1;
+    Restart(limits);
+    TakeWithBody("a_1", 1);
+    const Entry uploading = *m_spool->First();
+    TakeWithBody("b_2", 1);
+    ASSERT_EQ(m_spool->First()->name.substr(0, 13), uploading.name.substr(0, 13));
+
+    ASSERT_FALSE(m_spool->Remove(uploading));
+    ASSERT_FALSE(m_spool->Refuse(uploading));
+
+    EXPECT_EQ(Names(), (Texts{"b_2"}));
+}
+
 TEST_F(Spools, HoldNothingOfAReportThatTheDiskHasNoRoomFor) {
     MakeReport();
     WriteFile(HostOf(kName) + "/core", std::string(20000, 'x'));

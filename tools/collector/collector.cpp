@@ -1,5 +1,6 @@
 #include "collector.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <utility>
 #include <vector>
@@ -108,6 +109,7 @@ void Collector::Look() {
         return;
     }
     m_spool.ForgetAllBut(names);
+    std::sort(names.begin(), names.end());  // of one device, and so by the second that they end in
     m_isMoreToCome = false;
     for (const std::string& name : names) {
         outcome = m_spool.WasTaken(name) ? Outcome() : TakeLying(root, name);

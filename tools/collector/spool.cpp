@@ -251,7 +251,9 @@ std::string Spool::PathOf(const Entry& entry) const {
 }
 
 Spool::Entries::iterator Spool::Find(const Entry& entry) {
-    return m_entries.find(SequenceOf(entry.name).value_or(0));
+    const auto found = m_entries.find(SequenceOf(entry.name).value_or(0));
+    // The numbers begin anew in an empty spool: another report may have this one's.
+    return found != m_entries.end() && found->second.name == entry.name ? found : m_entries.end();
 }
 
 Spool::Entries::iterator Spool::Forget(Entries::iterator entry) {

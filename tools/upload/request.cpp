@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
 #include <array>
 #include <memory>
 
@@ -61,6 +62,9 @@ void Prepare(CURL* curl, const Target& target, std::size_t* read, char* error) {
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl, CURLOPT_USERAGENT, "zol_upload/" ZOL_VERSION);
     SetUnlessEmpty(curl, CURLOPT_CAINFO, target.authorities);
+    if (!target.authorities.empty()) {
+        curl_easy_setopt(curl, CURLOPT_CAPATH, nullptr);  // else the machine's own would do, too
+    }
     SetUnlessEmpty(curl, CURLOPT_SSLCERT, target.certificate);
     SetUnlessEmpty(curl, CURLOPT_SSLKEY, target.key);
     SetUnlessEmpty(curl, CURLOPT_PROXY, target.proxy);
@@ -80,8 +84,8 @@ Answer Read(CURL* curl, CURLcode code, bool isCut, const char* error) {
     curl_off_t wish = 0;
     curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
     curl_easy_getinfo(curl, CURLINFO_RETRY_AFTER, &wish);
-    if (code != CURLE_OK && !isCut) {
-        // Also with a status: who answers before all was sent may not have it all.
+    if (code != CURLE_OK && !isCut && Judge(status) != Verdict::Refused) {
+        // Also with a status of success: who answers before all was sent may not have it all.
         answer.reason = *error != '\0' ? error : curl_easy_strerror(code);
         return answer;
     }
@@ -94,13 +98,14 @@ Answer Read(CURL* curl, CURLcode code, bool isCut, const char* error) {
 }  // namespace
 
 Verdict Judge(long status) {
-    constexpr long kTimeout = 408;
-    constexpr long kTooMany = 429;
+    // Of those that say "not you" or "not now": a proxy's 407 is no word of the server's.
+    constexpr std::array<long, 5> kTransient{407, 408, 421, 425, 429};
     constexpr long kHundred = 100;
     if (status / kHundred == 2) {
         return Verdict::Done;
     }
-    const bool isRefusal = status / kHundred == 4 && status != kTimeout && status != kTooMany;
+    const bool isRefusal =
+        status / kHundred == 4 && std::count(kTransient.begin(), kTransient.end(), status) == 0;
     return isRefusal ? Verdict::Refused : Verdict::Again;
 }
 
