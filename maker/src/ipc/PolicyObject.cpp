@@ -159,9 +159,9 @@ struct PolicyObject::Skeleton {
 
     static GDBusInterfaceVTable* GetVTable(GDBusInterfaceSkeleton* instance) {
         static GDBusInterfaceVTable table = [instance] {
-            auto* const parent = static_cast<GDBusInterfaceSkeletonClass*>(
+            auto* const skeletonClass = static_cast<GDBusInterfaceSkeletonClass*>(
                 g_type_class_peek_parent(G_DBUS_INTERFACE_SKELETON_GET_CLASS(instance)));
-            GDBusInterfaceVTable generated = *parent->get_vtable(instance);
+            GDBusInterfaceVTable generated = *skeletonClass->get_vtable(instance);
             generated.get_property = GetProperty;
             return generated;
         }();

@@ -485,18 +485,19 @@ TEST_F(CheckerLife, AHandlerThatCannotBeBoundIsLoggedAndTheTaskIsUndone) {
 }
 
 TEST_F(CheckerLife, ChangesThatArriveWhileItIsDestroyedDoNoHarm) {
-    std::atomic<bool> stop{false};
-    std::thread changes([&stop] {
-        for (int value = 0; !stop; ++value) {
-            SetInt(kWatched, value % 2);
-        }
-    });
     for (int round = 0; round < 20; ++round) {
         Watch({IntItem("IS", 7), StringItem("odd word", "x")});
+        std::atomic<bool> stop{false};
+        std::thread changes([&stop] {
+            for (int value = 0; !stop; ++value) {
+                SetInt(kWatched, value % 2);
+            }
+        });
+        ASSERT_TRUE(Eventually([round] { return Logged("find!") > round; }));
         m_checker.reset();
+        stop = true;
+        changes.join();
     }
-    stop = true;
-    changes.join();
 
     EXPECT_EQ(Registrations(kWatched), 0);
 }
