@@ -1,16 +1,12 @@
 #include "ZOLVconfChecker.h"
 
 #include <atomic>
-#include <memory>
 #include <string>
 #include <thread>
 #include <tuple>
 #include <vector>
 
-#include "fake_vconf.h"
-#include "kpi_events.h"
-#include "monitor_fixture.h"
-#include "retry_timer.h"
+#include "checker_fixture.h"
 
 namespace {
 
@@ -19,79 +15,6 @@ using fakes::vconf::SetInt;
 using fakes::vconf::SetString;
 using zol::TCVconfChecker;
 using zol::ZOLVconfMonitor;
-using Items = std::vector<ZOLVconfMonitor>;
-using Reports = std::vector<std::string>;
-
-constexpr const char* kWatched = "db/k";
-
-ZOLVconfMonitor Item(const char* type, const char* condition, const std::string& key) {
-    ZOLVconfMonitor item;
-    item.key = key;
-    item.type = type;
-    item.condition = condition;
-    return item;
-}
-
-ZOLVconfMonitor IntItem(const char* condition, int value, const std::string& key = kWatched) {
-    ZOLVconfMonitor item = Item("INT", condition, key);
-    item.intValue = value;
-    return item;
-}
-
-ZOLVconfMonitor BetweenItem(int greater, int less) {
-    ZOLVconfMonitor item = IntItem("BETWEEN", -1);
-    item.greater = greater;
-    item.less = less;
-    return item;
-}
-
-ZOLVconfMonitor StringItem(const char* condition, const char* text, const std::string& key = kWatched) {
-    ZOLVconfMonitor item = Item("STRING", condition, key);
-    item.strValue = text;
-    return item;
-}
-
-class VconfChecker : public MonitorFixture {
-protected:
-    /// The policy's items are checked once when this returns.
-    void Watch(const Items& items) { Watch(items, &m_notify); }
-    void Watch(const Items& items, TCNotifyManager* notify) {
-        m_checker = std::make_unique<TCVconfChecker>(notify, items);
-        ASSERT_TRUE(m_checker->Create());
-        m_checker->CheckNow(items);
-    }
-
-    /// Whether an item holds at start for this value of its key: it is not watched then.
-    bool HoldsAtStart(const ZOLVconfMonitor& item, int value) {
-        SetInt(item.key, value);
-        return HoldsAtStart(item);
-    }
-    bool HoldsAtStart(const ZOLVconfMonitor& item, const char* value) {
-        SetString(item.key, value);
-        return HoldsAtStart(item);
-    }
-    bool HoldsAtStart(const ZOLVconfMonitor& item) {
-        Watch({item});
-        const bool isWatched = Registrations(item.key) > 0;
-        m_checker.reset();
-        return !isWatched;
-    }
-
-    /// Everything that was reported so far, as "key=value".
-    Reports Reported() {
-        m_notify.VconfEvents();
-        Reports reports;
-        for (const std::string& description : SentKpiDescriptions()) {
-            reports.push_back(Between(description, "key=", ";") + "=" + Between(description, "value=", ";"));
-        }
-        return reports;
-    }
-    static std::string Between(const std::string& text, const std::string& before, const std::string& after) {
-        const std::size_t begin = text.find(before) + before.size();
-        return text.substr(begin, text.find(after, begin) - begin);
-    }
-    std::unique_ptr<TCVconfChecker> m_checker;
-};
 
 using IntegerRules = VconfChecker;
 using StringRules = VconfChecker;
@@ -215,112 +138,6 @@ TEST_F(CheckAtStart, AKeyThatCannotBeReadIsWatchedAllTheSame) {
 
     EXPECT_EQ(Reported(), Reports({"db/k=5"}));
     ExpectErrors({"vconf_get_int() fail", "[db/k] registered"});
-}
-
-TEST_F(CheckAtStart, ARuleThatHoldsInAStoreThatIsOutOfOrderIsReportedOnceItIsInOrder) {
-    SetInt("db/int", 5);
-    SetString("db/text", "on");
-    fakes::vconf::Fail("db/int", fakes::vconf::FAIL_GET);
-    fakes::vconf::Fail("db/text", fakes::vconf::FAIL_GET);
-    Watch({IntItem("IS", 5, "db/int"), BetweenItem(1, 9), StringItem("IS", "on", "db/text")});
-    EXPECT_TRUE(LetRetryCome());
-    EXPECT_EQ(Reported(), Reports());
-    EXPECT_EQ(Logged("[db/int] cannot be read: trying again until it can"), 1);
-
-    fakes::vconf::Fail("db/text", fakes::vconf::FAIL_NONE);
-    EXPECT_TRUE(LetRetryCome());
-    EXPECT_TRUE(LetRetryCome()) << "each begins with another key";
-    EXPECT_EQ(Reported(), Reports({"db/text=on"}));
-    fakes::vconf::Fail("db/int", fakes::vconf::FAIL_NONE);
-    EXPECT_TRUE(LetRetryCome());
-
-    EXPECT_EQ(Reported(), Reports({"db/text=on", "db/int=5"}));
-    EXPECT_EQ(Registrations("db/int") + Registrations("db/text"), 0) << "as for one that holds at once";
-    EXPECT_EQ(Registrations(kWatched), 1) << "no such key: there is nothing to read again";
-    EXPECT_FALSE(LetRetryCome());
-}
-
-TEST_F(CheckAtStart, ARuleThatDoesNotHoldOnceItsKeyIsReadIsWatchedFurther) {
-    SetInt(kWatched, 10);
-    fakes::vconf::Fail(kWatched, fakes::vconf::FAIL_GET);
-    Watch({BetweenItem(10, 20)});
-    fakes::vconf::Fail(kWatched, fakes::vconf::FAIL_NONE);
-
-    EXPECT_TRUE(LetRetryCome());
-
-    EXPECT_FALSE(LetRetryCome());
-    EXPECT_EQ(Reported(), Reports());
-    SetInt(kWatched, 11);
-    EXPECT_EQ(m_notify.VconfEvents(), 1);
-}
-
-TEST_F(CheckAtStart, AChangeThatComesBeforeAKeyIsReadAgainIsReportedOnce) {
-    SetInt(kWatched, 5);
-    fakes::vconf::Fail(kWatched, fakes::vconf::FAIL_GET);
-    Watch({IntItem("IS", 5)});
-    fakes::vconf::Fail(kWatched, fakes::vconf::FAIL_NONE);
-
-    SetInt(kWatched, 5);
-    EXPECT_TRUE(LetRetryCome());
-
-    EXPECT_EQ(Reported(), Reports({"db/k=5"}));
-    EXPECT_EQ(m_notify.VconfEvents(), 1) << "none without a hit";
-    EXPECT_EQ(Registrations(kWatched), 1) << "as for one that did not hold at the start";
-}
-
-TEST_F(CheckAtStart, AChangeIsJudgedByTheFirstItemAndLeavesTheReadOfAnotherOneDue) {
-    fakes::vconf::Fail(kWatched, fakes::vconf::FAIL_GET);
-    Watch({IntItem("IS", 1), IntItem("IS", 5)});
-    fakes::vconf::Fail(kWatched, fakes::vconf::FAIL_NONE);
-
-    SetInt(kWatched, 5);
-    EXPECT_EQ(Reported(), Reports());
-    EXPECT_TRUE(LetRetryCome());
-
-    EXPECT_EQ(Reported(), Reports({"db/k=5"}));
-    EXPECT_EQ(Registrations(kWatched), 1);
-    EXPECT_FALSE(LetRetryCome());
-}
-
-TEST_F(CheckAtStart, AKeyThatStaysUnreadableDoesNotHoldTheOthersUp) {
-    for (const char* key : {"db/a", "db/b", "db/c"}) {
-        SetInt(key, 5);
-        fakes::vconf::Fail(key, fakes::vconf::FAIL_GET);
-    }
-    Watch({IntItem("IS", 5, "db/a"), IntItem("IS", 5, "db/b"), IntItem("IS", 5, "db/c")});
-    fakes::vconf::Fail("db/a", fakes::vconf::FAIL_NONE);
-    fakes::vconf::Fail("db/b", fakes::vconf::FAIL_NONE);
-
-    EXPECT_TRUE(LetRetryCome());
-    EXPECT_TRUE(LetRetryCome());
-
-    EXPECT_EQ(Reported(), Reports({"db/b=5", "db/a=5"}));
-    EXPECT_TRUE(LetRetryCome()) << "the third";
-}
-
-TEST_F(KeyChange, AKeyThatCannotBeReadAfterItsChangeIsReadAgainAndWatchedFurther) {
-    Watch({IntItem("GREATER", 4)});
-    fakes::vconf::Fail(kWatched, fakes::vconf::FAIL_GET);
-    SetInt(kWatched, 5);
-    EXPECT_TRUE(LetRetryCome());
-    EXPECT_EQ(Reported(), Reports());
-    fakes::vconf::Fail(kWatched, fakes::vconf::FAIL_NONE);
-
-    EXPECT_TRUE(LetRetryCome());
-    SetInt(kWatched, 6);
-
-    EXPECT_EQ(Reported(), Reports({"db/k=5", "db/k=6"}));
-    EXPECT_FALSE(LetRetryCome());
-}
-
-TEST_F(CheckerLife, WhatCouldNotBeReadIsForgottenWithTheChecker) {
-    fakes::vconf::Fail(kWatched, fakes::vconf::FAIL_GET);
-    Watch({IntItem("IS", 5)});
-
-    m_checker.reset();
-
-    EXPECT_FALSE(LetRetryCome());
-    EXPECT_EQ(Registrations(kWatched), 0);
 }
 
 TEST_F(CheckAtStart, AKeyThatReachesItsRuleBetweenItsCheckAndItsWatchIsReportedOnce) {
