@@ -152,6 +152,24 @@ TEST_F(Collectors, KeepAReportPublishedForWhichThereIsNoRoom) {
     EXPECT_EQ(m_taken, 1);
 }
 
+TEST_F(Collectors, TellOfAReportAlsoWhenItsMarkCannotBeWritten) {
+    const std::string marks = m_folder.Path() + "/spool/taken";
+    fs::remove(marks);
+    WriteFile(marks, "");
+    MakeReport();
+    ASSERT_TRUE(m_collector.Start());
+
+    Publish(kName);
+    EXPECT_EQ(m_taken, 1);
+    EXPECT_NE(Key(), "") << "it is taken once more";
+    fs::remove(marks);
+    fs::create_directory(marks);
+    ASSERT_TRUE(LetRetryCome());
+
+    EXPECT_EQ(Key(), "");
+    EXPECT_EQ(m_taken, 1);
+}
+
 TEST_F(Collectors, AreNotHeldUpByWhatIsNoReport) {
     ASSERT_TRUE(m_collector.Start());
     fs::create_directory_symlink("/etc", HostOf("link_1"));

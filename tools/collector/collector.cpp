@@ -80,7 +80,9 @@ Outcome Collector::Take(const reports::ReportRoot& root, const std::string& name
     Outcome outcome = m_spool.Take(root, name, isNew);
     if (!outcome && isNew) {
         m_say("taken: " + tools::OneLine(reports::PathOf(name)));
-        m_onTaken();
+    }
+    if (isNew) {
+        m_onTaken();  // also when only the mark that it was taken is missing
     }
     return outcome;
 }
@@ -111,6 +113,7 @@ void Collector::Look() {
     m_spool.ForgetAllBut(names);
     std::sort(names.begin(), names.end());  // of one device, and so by the second that they end in
     m_isMoreToCome = false;
+    Outcome unreadable;
     for (const std::string& name : names) {
         outcome = m_spool.WasTaken(name) ? Outcome() : TakeLying(root, name);
         if (outcome.problem == Problem::Unwritable) {
@@ -118,8 +121,12 @@ void Collector::Look() {
             return;
         }
         if (outcome.problem == Problem::Unreadable) {
-            m_say(outcome.text);  // the next look tries it again, the others need not wait for that
+            unreadable = outcome;  // the others need not wait for it
         }
+    }
+    if (unreadable) {
+        TryAgain(unreadable.text);
+        return;
     }
     Succeeded();
     if (m_isMoreToCome) {

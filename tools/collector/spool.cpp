@@ -143,6 +143,7 @@ Outcome Spool::Take(const reports::ReportRoot& root, const std::string& name, bo
     if (isNew) {
         if ((outcome = Store(folder.Get(), report, id))) {
             static_cast<void>(base::RemoveTree(m_folder.StagingFd(), kNewEntry));
+            isNew = Has(id);
             return outcome;
         }
         Count(&SpoolCounts::taken);

@@ -57,7 +57,8 @@ public:
     [[nodiscard]] reports::Outcome Open(const std::string& path);
 
     /// Copies a report, or its header alone when it does not fit at all; makes room first: the oldest bodies
-    /// go, then the oldest reports. One that was taken before is not taken again; `isNew` is false then.
+    /// go, then the oldest reports. One that was taken before is not taken again; `isNew` is false then, and
+    /// true when it lies in the spool from now on, also when the call fails behind that.
     [[nodiscard]] reports::Outcome Take(const reports::ReportRoot& root, const std::string& name,
                                         bool& isNew);
     /// Whether a report of this name was taken and may still lie in the report root.

@@ -36,15 +36,15 @@ void Uploads::Wake() {
     if (m_entry || m_timer != nullptr || first == nullptr) {
         return;
     }
-    m_entry = *first;
-    if (!Start()) {
-        m_entry.reset();
+    std::optional<Entry> entry(*first);
+    if (Start(*entry)) {
+        m_entry = std::move(entry);
     }
 }
 
-bool Uploads::Start() {
+bool Uploads::Start(const Entry& entry) {
     std::vector<std::string> words = m_command;
-    words.push_back(m_spool.PathOf(*m_entry));
+    words.push_back(m_spool.PathOf(entry));
     std::vector<char*> pointers;
     pointers.reserve(words.size() + 1);
     for (std::string& word : words) {

@@ -31,7 +31,7 @@ public:
 
 private:
     static void EndedCb(GPid child, gint status, gpointer self);
-    [[nodiscard]] bool Start();
+    [[nodiscard]] bool Start(const Entry& entry);
     void Ended(int waitStatus);
     void TryAgain(std::uint64_t wishSeconds, const std::string& why);
 

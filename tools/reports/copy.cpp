@@ -51,8 +51,7 @@ bool MakeFoldersOf(int folder, const std::string& name) {
 Outcome CopyFile(int from, int to, const std::string& name) {
     const base::UniqueFd source(OpenFileAt(from, name));
     if (!source) {
-        return {errno == ENOENT ? Problem::Missing : Problem::Unreadable, tools::OneLine(name),
-                base::LastError()};
+        return {Problem::Unreadable, tools::OneLine(name), base::LastError()};
     }
     if (!MakeFoldersOf(to, name)) {
         return Unwritable(name);

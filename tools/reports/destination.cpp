@@ -118,7 +118,7 @@ Outcome Destination::Take(const ReportRoot& root, const std::string& name, Taken
         return {};
     }
     // Fails where the report root is on another file system, or belongs to somebody else.
-    taken.isMoved = IsSettled(report) && SyncFiles(folder.Get(), report) &&
+    taken.isMoved = IsSettled(report) && SyncFiles(folder.Get(), report) && fsync(folder.Get()) == 0 &&
                     renameat(root.Fd(), name.c_str(), m_fd.Get(), place.c_str()) == 0;
     if (!taken.isMoved) {
         outcome = Copy(folder.Get(), report, place);

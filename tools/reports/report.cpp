@@ -30,8 +30,7 @@ constexpr std::size_t kBlock = 16384;
 using ChecksumPtr = std::unique_ptr<GChecksum, base::FreeWith<g_checksum_free>>;
 
 Outcome Unreadable(const std::string& name) {
-    return {errno == ENOENT ? Problem::Missing : Problem::Unreadable, tools::OneLine(name),
-            base::LastError()};
+    return {Problem::Unreadable, tools::OneLine(name), base::LastError()};
 }
 
 /// Adds what lies in a folder. `below` is its name from the report on, empty or with a slash at the end.

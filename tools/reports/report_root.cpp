@@ -70,7 +70,7 @@ Outcome ReportRoot::List(std::vector<std::string>& names) const {
 }
 
 Outcome ReportRoot::OpenReport(const std::string& name, base::UniqueFd& folder) const {
-    const std::string path = tools::OneLine(PathOf(name));
+    const std::string path = tools::Printable(PathOf(name));
     folder.Reset(openat(m_fd.Get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (folder) {
         return Check(folder.Get(), path);
@@ -89,7 +89,7 @@ std::string PathOf(const std::string& name) {
 Outcome NameOf(const std::string& path, std::string& name) {
     const std::string root = PathOf("");
     if (path.compare(0, root.size(), root) != 0 || !IsReport(std::string_view(path).substr(root.size()))) {
-        return {Problem::Refused, "\"" + tools::OneLine(path) + "\" is no report right in " +
+        return {Problem::Refused, "\"" + tools::Printable(path) + "\" is no report right in " +
                                       ZOL_PATH_REPORT_ROOT + ", nothing is taken from there"};
     }
     name = path.substr(root.size());

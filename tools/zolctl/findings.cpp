@@ -36,47 +36,60 @@ std::string PlaceOf(const std::string& file, const TSPolicyFinding& finding) {
     return Printable(file) + ":" + std::to_string(finding.line) + ":" + std::to_string(finding.column) + ":";
 }
 
-/// The line of a text, from 1, without its end. Lines end as XML has it.
-std::string_view LineAt(std::string_view text, unsigned line) {
-    for (; line > 1; --line) {
-        const std::size_t end = text.find_first_of("\r\n");
-        if (end == std::string_view::npos) {
-            return {};
+/// The lines of a document, which end as XML has it. Asked for in their order, they are found in one pass.
+class Lines {
+public:
+    explicit Lines(std::string_view text) : m_text(text), m_rest(text) {}
+
+    /// @param number from 1. @return empty behind the end
+    std::string_view At(unsigned number) {
+        if (number < m_number) {
+            m_rest = m_text;
+            m_number = 1;
         }
-        text.remove_prefix(end + (text.substr(end, 2) == "\r\n" ? 2 : 1));
+        for (; m_number < number; ++m_number) {
+            const std::size_t end = m_rest.find_first_of("\r\n");
+            if (end == std::string_view::npos) {
+                return {};
+            }
+            m_rest.remove_prefix(end + (m_rest.substr(end, 2) == "\r\n" ? 2 : 1));
+        }
+        return m_rest.substr(0, m_rest.find_first_of("\r\n"));
     }
-    return text.substr(0, text.find_first_of("\r\n"));
+
+private:
+    std::string_view m_text;
+    std::string_view m_rest;  // from line m_number on
+    unsigned m_number = 1;
+};
+
+bool IsContinuation(char byte) {
+    return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U;
 }
 
-/// The characters of a line of UTF-8; those that are no letters stand as blanks.
-std::vector<std::string> CharactersOf(std::string_view line) {
-    std::vector<std::string> characters;
-    for (const char byte : line) {
-        const bool isContinuation = (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U;
-        if (isContinuation && !characters.empty()) {
-            characters.back() += byte;
-        } else {
-            characters.emplace_back(1, static_cast<unsigned char>(byte) < 0x20 ? ' ' : byte);
-        }
-    }
-    return characters;
-}
-
-/// The line of the document with a mark below the place.
-void PrintSource(std::ostream& out, std::string_view text, const TSPolicyFinding& finding) {
-    const std::vector<std::string> line = CharactersOf(LineAt(text, finding.line));
-    const std::size_t column = finding.column - 1;
-    if (column > line.size() || line.empty()) {
+/// The line with a mark below the place; of a long line what stands around it.
+void PrintSource(std::ostream& out, std::string_view line, unsigned place) {
+    const auto characters = static_cast<std::size_t>(
+        std::count_if(line.begin(), line.end(), [](char byte) { return !IsContinuation(byte); }));
+    const std::size_t column = place - 1;
+    if (column > characters || line.empty()) {
         return;
     }
     const std::size_t begin =
-        line.size() > kShownCharacters && column > kShownBefore ? column - kShownBefore : 0;
-    const std::size_t end = std::min(line.size(), begin + kShownCharacters);
-    out << "    ";
-    for (std::size_t i = begin; i < end; ++i) {
-        out << Printable(line[i]);
+        characters > kShownCharacters && column > kShownBefore ? column - kShownBefore : 0;
+    std::string shown;
+    std::size_t number = 0;
+    for (const char byte : line) {
+        number += IsContinuation(byte) ? 0 : 1;
+        if (number > begin + kShownCharacters) {
+            break;
+        }
+        if (number > begin) {
+            shown += static_cast<unsigned char>(byte) < 0x20 ? ' ' : byte;  // one column each, tabs too
+        }
     }
-    out << "\n    " << std::string(column - begin, ' ') << kBold << '^' << kPlain << '\n';
+    out << "    " << Printable(shown) << "\n    " << std::string(column - begin, ' ') << kBold << '^'
+        << kPlain << '\n';
 }
 
 /// As UTF-8, which a file's name need not be.
@@ -99,6 +112,7 @@ std::string LineOf(const std::string& file, const std::string& severity, const T
 void PrintFindings(std::ostream& out, const Checked& checked, bool isColoured) {
     const bool isShown =
         isColoured && g_utf8_validate(checked.text.data(), static_cast<gssize>(checked.text.size()), nullptr);
+    Lines lines(checked.text);
     for (const TSPolicyFinding& finding : checked.findings) {
         if (!isColoured) {
             out << LineOf(checked.file, Severity(finding), finding) << '\n';
@@ -107,7 +121,7 @@ void PrintFindings(std::ostream& out, const Checked& checked, bool isColoured) {
         out << kBold << PlaceOf(checked.file, finding) << ' ' << (finding.isError ? kRed : kYellow)
             << Severity(finding) << ':' << kPlain << ' ' << Told(finding) << '\n';
         if (isShown) {
-            PrintSource(out, checked.text, finding);
+            PrintSource(out, lines.At(finding.line), finding.column);
         }
     }
 }
