@@ -27,6 +27,14 @@ debian_mirror() {
 # Prints the comment block at the top of the calling script as its help.
 show_help() { sed -n '2,/^[^#]/{s/^# \{0,1\}//p;}' "$0"; }
 
+# Prints the folder for what tests write: in memory where there is room, because a disk that stalls makes calls take
+# longer than their callers wait for them.
+test_folder() {
+    local room=0
+    [ ! -w /dev/shm ] || room=$(df --output=avail --block-size=1M /dev/shm | tail -1)
+    if [ "$room" -ge 1024 ]; then printf '/dev/shm\n'; else printf '%s\n' "${TMPDIR:-/tmp}"; fi
+}
+
 # Runs a command quietly; on failure shows the end of what it printed.
 quietly() {
     local log

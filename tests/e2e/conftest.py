@@ -64,7 +64,7 @@ def emulated(folder):
 
 
 if EMULATOR:
-    SCRIPTS = tempfile.TemporaryDirectory(prefix="zol-emulated-", dir="/tmp")
+    SCRIPTS = tempfile.TemporaryDirectory(prefix="zol-emulated-")
     BIN = emulated(pathlib.Path(SCRIPTS.name))
 
 
@@ -286,7 +286,7 @@ class Daemon:
 
 def new_machine():
     # Not pytest's tmp_path: a unix socket's path has room for 107 bytes only.
-    folder = pathlib.Path(tempfile.mkdtemp(prefix="zol-", dir="/tmp"))
+    folder = pathlib.Path(tempfile.mkdtemp(prefix="zol-"))
     machine = Machine(folder)
     yield machine
     machine.close()
