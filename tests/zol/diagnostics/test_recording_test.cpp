@@ -168,6 +168,14 @@ TEST_F(TestRecording, FocusLinesThatAreWrittenAfterTheFollowersEndAreInTheArchiv
     EXPECT_FALSE(fakes::dlog::Has("still being written"));
 }
 
+TEST_F(TestRecording, AStopClosesWhatARecordingHoldsOpen) {
+    const auto openFiles = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };
+    Start();
+    const auto recording = openFiles();
+    Stop();
+    EXPECT_EQ(openFiles(), recording - 1) << "the pipe to the focus log's writers";
+}
+
 TEST_F(TestRecording, TheStartToastComesAfterTheRecordingHasBegunAndTheStopToastBeforeItEnds) {
     std::ofstream(m_stick + "/recorded_scenario.txt") << "old";
     const std::string note = " >> '" + Calls().string() + "'";
