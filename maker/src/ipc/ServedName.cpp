@@ -5,8 +5,8 @@
 #include <string>
 #include <utility>
 
-#include "Bounded.h"
 #include "Introspection.h"
+#include "base/bounded_bus.h"
 
 namespace zol::ipc {
 namespace {
@@ -58,7 +58,7 @@ ServedName::~ServedName() {
     }
     m_callbacks.onLost();
     Withdraw();
-    FlushWithin(Connection(), kFlushMs);
+    base::FlushWithin(Connection(), kFlushMs);
     g_dbus_connection_close(Connection(), nullptr, nullptr, nullptr);
 }
 

@@ -1,8 +1,8 @@
-#include "Bounded.h"
+#include "base/bounded_bus.h"
 
 #include "base/bus_link.h"
 
-namespace zol::ipc {
+namespace base {
 namespace {
 
 /// Waits for one asynchronous operation on a main context of its own, so that nothing else runs meanwhile.
@@ -22,8 +22,7 @@ public:
     /// What the operation ended with; null when the time is over first.
     GAsyncResult* Wait(unsigned milliseconds) {
         bool expired = false;
-        const base::GSourcePtr timer =
-            base::StartTimer(m_context.get(), milliseconds, [&expired] { expired = true; });
+        const GSourcePtr timer = StartTimer(m_context.get(), milliseconds, [&expired] { expired = true; });
         while (m_result == nullptr && !expired) {
             g_main_context_iteration(m_context.get(), TRUE);
         }
@@ -31,8 +30,8 @@ public:
     }
 
 private:
-    const base::GMainContextPtr m_context;
-    base::GObjectPtr<GAsyncResult> m_result;
+    const GMainContextPtr m_context;
+    GObjectPtr<GAsyncResult> m_result;
 };
 
 }  // namespace
@@ -43,16 +42,15 @@ void FlushWithin(GDBusConnection* connection, unsigned milliseconds) {
     wait.Wait(milliseconds);
 }
 
-GConnectionPtr ConnectWithin(bool sessionBus, unsigned milliseconds, base::GErrorPtr& error) {
-    const GBusType bus = sessionBus ? G_BUS_TYPE_SESSION : G_BUS_TYPE_SYSTEM;
-    const base::GStringPtr address = base::BusAddress(bus, error);
+GObjectPtr<GDBusConnection> ConnectWithin(GBusType bus, unsigned milliseconds, GErrorPtr& error) {
+    const GStringPtr address = BusAddress(bus, error);
     if (address == nullptr) {
         return nullptr;
     }
     // Made before the wait's own context is pushed: a connection calls back where it was made.
-    GConnectionPtr connection(G_DBUS_CONNECTION(g_object_new(G_TYPE_DBUS_CONNECTION, "address", address.get(),
-                                                             "flags", base::kBusConnectionFlags, nullptr)));
-    const base::GObjectPtr<GCancellable> cancellable(g_cancellable_new());
+    GObjectPtr<GDBusConnection> connection(G_DBUS_CONNECTION(g_object_new(
+        G_TYPE_DBUS_CONNECTION, "address", address.get(), "flags", kBusConnectionFlags, nullptr)));
+    const GObjectPtr<GCancellable> cancellable(g_cancellable_new());
     BoundedWait wait;
     g_async_initable_init_async(G_ASYNC_INITABLE(connection.get()), G_PRIORITY_DEFAULT, cancellable.get(),
                                 BoundedWait::ReadyCb, &wait);
@@ -66,12 +64,11 @@ GConnectionPtr ConnectWithin(bool sessionBus, unsigned milliseconds, base::GErro
         error.reset(g_error_new_literal(G_IO_ERROR, G_IO_ERROR_TIMED_OUT, "the bus did not answer in time"));
         return nullptr;
     }
-    if (g_async_initable_init_finish(G_ASYNC_INITABLE(connection.get()), result, base::OutError(error)) ==
-        FALSE) {
+    if (g_async_initable_init_finish(G_ASYNC_INITABLE(connection.get()), result, OutError(error)) == FALSE) {
         return nullptr;
     }
     g_dbus_connection_set_exit_on_close(connection.get(), FALSE);
     return connection;
 }
 
-}  // namespace zol::ipc
+}  // namespace base
