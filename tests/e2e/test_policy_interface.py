@@ -37,10 +37,11 @@ def digest(text):
 def test_a_policy_that_is_set_runs_and_another_one_waits_for_the_next_start(machine, daemon, proxy):
     first, second = policy(RULE, expires=100), policy(RULE, expires=200)
     assert tuple(read(proxy, "PolicyDigest")) == ("", "")
-    assert not read(proxy, "Monitoring") and read(proxy, "Expires") == 0
+    assert not read(proxy, "Monitoring") and (read(proxy, "Since"), read(proxy, "Expires")) == (0, 0)
 
     assert call(proxy, "SetPolicy", first)[:2] == (True, "running")
     assert read(proxy, "Monitoring")
+    assert abs(read(proxy, "Since") - time.time()) < 60
     assert abs(read(proxy, "Expires") - time.time() - 100) < 60
     assert call(proxy, "SetPolicy", second)[:2] == (True, "stored")
 
@@ -109,7 +110,7 @@ def test_version_and_missing_services_are_told(proxy):
     wait_for(lambda: list(read(proxy, "MissingServices")) == ["BlueZ", "logind"], "the missing services")
     everything = proxy.GetAll(INTERFACE, dbus_interface="org.freedesktop.DBus.Properties")
     assert sorted(everything) == ["Expires", "LastHit", "MissingServices", "Monitoring", "PathsWaiting", "PolicyDigest",
-                                  "PolicyVersion", "RulesDropped", "RulesWatched", "Version"]
+                                  "PolicyVersion", "RulesDropped", "RulesWatched", "Since", "Version"]
 
 
 def test_what_is_wrong_with_a_policy_is_told_and_nothing_else_is_done(machine, proxy):

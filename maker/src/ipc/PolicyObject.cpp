@@ -103,6 +103,7 @@ constexpr Property kProperties[] = {
      [](IPolicyService& service) { return g_variant_new_uint32(service.State().rulesWatched); }},
     {"RulesDropped", true,
      [](IPolicyService& service) { return g_variant_new_uint32(service.State().rulesDropped); }},
+    {"Since", false, [](IPolicyService& service) { return Seconds(service.State().since); }},
     {"Expires", false, [](IPolicyService& service) { return Seconds(service.State().expires); }},
     {"PathsWaiting", false,
      [](IPolicyService& service) { return g_variant_new_uint32(service.State().pathsWaiting); }},

@@ -75,8 +75,9 @@ TEST_F(PolicyObject, AReplyThatIsTooLongIsAnErrorInItsPlace) {
 }
 
 TEST_F(PolicyObject, EachPropertyIsWhatTheServiceSaysWhenItIsRead) {
-    m_service.state = {"1.2.3",  7, true, 5, 2, 1700000000, 3, {1600000000, "db/k", "3", "/tmp/zol/a"},
-                       {"BlueZ"}};
+    m_service.state = {
+        "1.2.3",  7, true, 5, 2, 1650000000, 1700000000, 3, {1600000000, "db/k", "3", "/tmp/zol/a"},
+        {"BlueZ"}};
     m_service.digests = {"aa", "bb"};
 
     EXPECT_EQ(Get("Version"), "(<'1.2.3'>,)");
@@ -85,6 +86,7 @@ TEST_F(PolicyObject, EachPropertyIsWhatTheServiceSaysWhenItIsRead) {
     EXPECT_EQ(Get("Monitoring"), "(<true>,)");
     EXPECT_EQ(Get("RulesWatched"), "(<uint32 5>,)");
     EXPECT_EQ(Get("RulesDropped"), "(<uint32 2>,)");
+    EXPECT_EQ(Get("Since"), "(<uint64 1650000000>,)");
     EXPECT_EQ(Get("Expires"), "(<uint64 1700000000>,)");
     EXPECT_EQ(Get("PathsWaiting"), "(<uint32 3>,)");
     EXPECT_EQ(Get("LastHit"), "(<(uint64 1600000000, 'db/k', '3', '/tmp/zol/a')>,)");

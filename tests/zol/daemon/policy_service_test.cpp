@@ -126,6 +126,17 @@ TEST_F(PolicyServiceTest, TheExpiryIsAMomentOfTheWallClockWhereverPolicyTimeStan
     EXPECT_EQ(m_service->State().expires, begin + 100) << "late";
 }
 
+TEST_F(PolicyServiceTest, WhatRunsHasRunAsLongAlsoWhenTheWallClockWasSet) {
+    EXPECT_EQ(m_service->State().since, 0) << "nothing runs";
+    m_service->SetPolicy(PolicyFor("db/a"));
+    const std::int64_t begin = fakes::clock::kEpoch;
+
+    EXPECT_EQ(m_service->State().since, begin);
+    fakes::clock::SetWall(begin + 1000000);
+    fakes::clock::Advance(std::chrono::seconds(5));
+    EXPECT_EQ(m_service->State().since, begin + 1000000);
+}
+
 TEST_F(PolicyServiceTest, HitsAreToldAndTheLastOneIsKept) {
     m_service->SetPolicy(PolicyFor("db/a"));
 

@@ -21,6 +21,7 @@
 namespace zol {
 namespace {
 
+constexpr std::uint64_t kNsPerSecond = 1000000000;
 /// Keeps the sum with any clock within 64 bits: some 30,000 million years.
 constexpr std::uint64_t kLongestSeconds = 1000000000000000000;
 
@@ -38,14 +39,18 @@ const char* WordOf(TCPolicyManager::EOutcome outcome) {
     return "refused";
 }
 
-/// Policy time goes as fast as the wall clock does, from another moment.
-std::int64_t ExpiryOf(TCPolicyManager& manager) {
-    const std::optional<std::uint64_t> left = manager.GetScheduler().GetTimeLeft();
+/// As the wall clock stands now, which may have been set meanwhile. Policy time goes as fast as it does, from
+/// another moment.
+void TellTimes(TCPolicyManager& manager, TSPolicyState& state) {
     platform_time_t now{};
-    if (!left || platform_clock_realtime(&now) != 0) {
-        return 0;
+    if (platform_clock_realtime(&now) != 0) {
+        return;
     }
-    return now.seconds + static_cast<std::int64_t>(std::min(*left, kLongestSeconds));
+    const std::uint64_t ran = platform_clock_steady_ns() - manager.Sets().back()->BeganNs();
+    state.since = now.seconds - static_cast<std::int64_t>(ran / kNsPerSecond);
+    if (const std::optional<std::uint64_t> left = manager.GetScheduler().GetTimeLeft()) {
+        state.expires = now.seconds + static_cast<std::int64_t>(std::min(*left, kLongestSeconds));
+    }
 }
 
 std::vector<std::string> MissingServices() {
@@ -108,7 +113,7 @@ TSPolicyState PolicyService::State() {
     state.rulesDropped = m_manager.Dropped();
     if (!m_manager.Sets().empty()) {
         state.rulesWatched = static_cast<std::uint32_t>(m_manager.Sets().back()->CountWatched());
-        state.expires = ExpiryOf(m_manager);
+        TellTimes(m_manager, state);
     }
     state.pathsWaiting = static_cast<std::uint32_t>(HandOverQueue::WaitingInAll());
     state.lastHit = HitNews::Last();
