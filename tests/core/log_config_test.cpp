@@ -116,6 +116,19 @@ TEST_F(LogConfiguration, FinalizeClosesTheSocketOfLinesThatGoOutByUdp) {
     EXPECT_FALSE(IsOpen(socket));
 }
 
+TEST_F(LogConfiguration, FinalizeClosesASocketThatHasThePlaceOfTheStandardInput) {
+    const int input = dup(STDIN_FILENO);
+    close(STDIN_FILENO);
+    Load("UDP\n10.0.0.2\nZ:E\n");
+    ASSERT_EQ(g_sockfd, STDIN_FILENO);
+
+    Finalize();
+
+    EXPECT_FALSE(IsOpen(STDIN_FILENO));
+    dup2(input, STDIN_FILENO);
+    close(input);
+}
+
 TEST_F(LogConfiguration, FinalizeLeavesASocketOpenThatNoLineGoesOutBy) {
     Load("UDP\n10.0.0.2\n");
     const int socket = g_sockfd;

@@ -105,6 +105,22 @@ TEST_F(TaskEnd, ASynchronousSenderIsReleasedByATaskThatDestroysItself) {
     task.CCHandler::Destroy();
 }
 
+TEST_F(TaskEnd, WhoseLoopHasEndedIsOnlySentWhatNobodyWaitsFor) {
+    TestTask task;
+    pid_t thread = 0;
+    ASSERT_TRUE(task.Create());
+    task.Run([&thread] { thread = ThisThread(); });
+    EXPECT_TRUE(task.ExitLoop());
+    AwaitEnd(thread);
+
+    EXPECT_FALSE(task.Post(EVENT_COUNT, true));
+    EXPECT_TRUE(task.Post(EVENT_COUNT));
+
+    task.CCTask::Destroy();
+    task.CCHandler::Destroy();
+    EXPECT_EQ(task.count.Value(), 0);
+}
+
 /// A task that begins anew in its own handler and has an event then; the first life's thread has ended.
 TestTask& BegunAnew() {
     // Never freed: nothing that the thread checker sees orders the end of the first life's thread before the

@@ -361,6 +361,11 @@ TEST_F(Task, OnAClockThatWasNeverSetItWaitsForEventsAndIsIdleWhenNoneCome) {
     task.Destroy();
 }
 
+TEST_F(Task, AQueueThatIsEmptyForAMomentIsNotIdle) {
+    EXPECT_TRUE(m_task.t_ExecuteEvent(0));
+    EXPECT_EQ(m_task.idle.Value(), 0);
+}
+
 TEST_F(Task, UsedOutsideOfCreateAndDestroyItAsserts) {
     SurviveAssertions();
     TestTask task;

@@ -42,6 +42,43 @@ protected:
     int m_arrivals = 0;
 };
 
+/// Lets a test hand over an event of its own for the timer that fired last.
+class Forger : public TestTask {
+public:
+    void Hand(std::uint32_t serial) {
+        Run([this, serial] {
+            CSEvent event;
+            event.receiver = this;
+            event.param.l[1] = static_cast<long>(serial);
+            event.param.p = m_timer;
+            t_HandleTimerEvent(&event);
+        });
+    }
+
+protected:
+    void t_SendTimerEvent(CCHandler* handler, void* timer) override {
+        m_timer = timer;
+        TestTask::t_SendTimerEvent(handler, timer);
+    }
+
+private:
+    void* m_timer = nullptr;
+};
+
+TEST_F(Timer, IsNotTakenForAnEarlierOneAtItsAddress) {
+    Forger task;
+    ASSERT_TRUE(task.Create());
+    ASSERT_TRUE(task.SetTimer(1, 1000));
+    ASSERT_TRUE(AwaitPause());
+    fakes::clock::Advance(ms(1000));
+    ASSERT_TRUE(task.fired.Await(1));
+
+    task.Hand(4000000000U);
+
+    EXPECT_EQ(task.fired.Value(), 1);
+    task.Destroy();
+}
+
 TEST_F(Timer, OfOneSecondFiresOncePerSecond) {
     EXPECT_TRUE(m_task.SetTimer(7, 1000));
     ASSERT_TRUE(AwaitPause());

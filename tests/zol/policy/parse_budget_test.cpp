@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+
+#include "allocations.h"
+
 namespace {
 
 TEST(ParseBudget, WhatIsReadMayTakeExactlyAsMuchAsTheBudget) {
@@ -21,6 +25,20 @@ TEST(ParseBudget, WhatIsReadMayTakeExactlyAsMuchAsTheBudget) {
     other.CloseElement("e");
     EXPECT_TRUE(other.AddItem()) << "what the element was charged is given back";
     EXPECT_FALSE(other.OpenElement(""));
+}
+
+TEST(ParseBudget, OfAParserIsGivenBackWhenTheParserIsFreed) {
+    const std::string document = "<a b='" + std::string(1U << 20U, 'x') + "'/>";
+    const long before = ThreadBlocksInUse();
+    for (std::size_t parsed = 0; parsed <= zol::kMaxExpatBytes; parsed += document.size()) {
+        const zol::XmlParserPtr parser = zol::CreateBoundedParser();
+        XML_SetStartElementHandler(parser.get(),
+                                   [](void*, const char*, const char**) {});  // or it keeps no value
+        ASSERT_EQ(XML_Parse(parser.get(), document.data(), static_cast<int>(document.size()), XML_TRUE),
+                  XML_STATUS_OK)
+            << parsed;
+    }
+    EXPECT_EQ(ThreadBlocksInUse(), before) << "and so is the memory";
 }
 
 }  // namespace
