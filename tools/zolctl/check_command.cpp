@@ -1,9 +1,7 @@
-#include <json/writer.h>
-#include <unistd.h>
+#include <json/value.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cstdlib>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -14,6 +12,7 @@
 #include "document.h"
 #include "findings.h"
 #include "key_types.h"
+#include "output.h"
 
 namespace zolctl {
 namespace {
@@ -23,11 +22,6 @@ struct CheckOptions {
     bool isJson = false;
     bool isStrict = false;
 };
-
-bool IsColoured() {
-    const char* refused = std::getenv("NO_COLOR");
-    return isatty(STDOUT_FILENO) == 1 && (refused == nullptr || *refused == '\0');
-}
 
 int StatusOf(const Checked& checked, bool isStrict) {
     if (!checked.unreadable.empty()) {
@@ -59,9 +53,7 @@ int Check(const CheckOptions& options) {
         status = std::max(status, StatusOf(checked, options.isStrict));
     }
     if (options.isJson) {
-        Json::StreamWriterBuilder builder;
-        builder["indentation"] = "  ";
-        std::cout << Json::writeString(builder, list) << '\n';
+        PrintJson(list);
     }
     return status;
 }

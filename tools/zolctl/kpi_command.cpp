@@ -1,4 +1,4 @@
-#include <json/json.h>
+#include <json/value.h>
 #include <CLI/CLI.hpp>
 #include <iostream>
 #include <memory>
@@ -7,6 +7,7 @@
 
 #include "KPILogFramework.h"
 #include "commands.h"
+#include "output.h"
 #include "text.h"
 
 namespace zolctl {
@@ -22,7 +23,7 @@ void PrintText(const std::vector<KPILogFramework::TSKpiEvent>& events) {
     }
 }
 
-void PrintJson(const std::vector<KPILogFramework::TSKpiEvent>& events) {
+Json::Value ToJson(const std::vector<KPILogFramework::TSKpiEvent>& events) {
     Json::Value list(Json::arrayValue);
     for (const auto& event : events) {
         Json::Value one;
@@ -34,9 +35,7 @@ void PrintJson(const std::vector<KPILogFramework::TSKpiEvent>& events) {
         one["description"] = event.description;
         list.append(one);
     }
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "  ";
-    std::cout << Json::writeString(builder, list) << '\n';
+    return list;
 }
 
 int List(bool json) {
@@ -46,7 +45,7 @@ int List(bool json) {
         std::cerr << "zolctl: the event log cannot be read\n";
         return EXIT_UNREACHABLE;
     }
-    json ? PrintJson(events) : PrintText(events);
+    json ? PrintJson(ToJson(events)) : PrintText(events);
     if (const std::int64_t dropped = logger.DroppedEvents(); dropped > 0) {
         std::cerr << "zolctl: " << dropped << " older events were dropped\n";
     }

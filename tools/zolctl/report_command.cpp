@@ -1,6 +1,6 @@
 #include <fcntl.h>
 #include <glib.h>
-#include <json/json.h>
+#include <json/value.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -15,6 +15,7 @@
 #include "commands.h"
 #include "destination.h"
 #include "hand_over.h"
+#include "output.h"
 #include "report.h"
 #include "report_root.h"
 #include "text.h"
@@ -39,12 +40,6 @@ int Fail(const Outcome& outcome) {
     std::cerr << "zolctl: " << outcome.text << '\n';
     return outcome.problem == Problem::Missing || outcome.problem == Problem::Refused ? EXIT_REFUSED
                                                                                       : EXIT_UNREACHABLE;
-}
-
-void PrintJson(const Json::Value& value) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "  ";
-    std::cout << Json::writeString(builder, value) << '\n';
 }
 
 Outcome Read(const ReportRoot& root, const std::string& name, Report& report) {
