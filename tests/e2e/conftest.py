@@ -305,6 +305,10 @@ def daemon(machine):
         assert daemon.stop() == 0, daemon.output()
 
 
+# What zolctl says when it has pushed a policy with one rule, and that runs.
+ACCEPTED = r"accepted, running: 1 of 1 rules, expires \d{4}-\d\d-\d\d \d\d:\d\d\n"
+
+
 def policy(*items, expires=2592000, count=None):
     """A policy document of the given elements."""
     count = len(items) if count is None else count

@@ -8,7 +8,7 @@ import subprocess
 
 import pytest
 
-from conftest import BIN, RUNNING_KEY, TOP, int_rule, policy, processes_on, string_rule, wait_for
+from conftest import ACCEPTED, BIN, RUNNING_KEY, TOP, int_rule, policy, processes_on, string_rule, wait_for
 
 KEY = "db/menu/picture/backlight"
 STORED = "/var/lib/zol/policy.xml"
@@ -231,7 +231,7 @@ def test_errors_keep_a_policy_from_being_sent(machine, daemon, write):
 
     forced = machine.zolctl("policy", "push", "--force", file, check=0)
 
-    assert forced.stdout == "accepted\n" and f"zolctl: {file}:{UNKNOWN_WORD}\n" in forced.stderr
+    assert forced.stdout.startswith("accepted, running: ") and f"zolctl: {file}:{UNKNOWN_WORD}\n" in forced.stderr
     assert machine.path(STORED).exists()
 
 
@@ -240,7 +240,7 @@ def test_warnings_are_told_and_the_policy_is_sent(machine, daemon, write):
 
     pushed = machine.zolctl("policy", "push", file, check=0)
 
-    assert (pushed.stdout, pushed.stderr) == ("accepted\n", f"zolctl: {file}:{EMPTY_RANGE}\n")
+    assert (re.fullmatch(ACCEPTED, pushed.stdout) is not None, pushed.stderr) == (True, f"zolctl: {file}:{EMPTY_RANGE}\n")
 
 
 def test_an_empty_document_is_never_sent(machine, daemon):
@@ -259,5 +259,5 @@ def test_nothing_that_watches_nothing_is_sent_unless_it_must_be(machine, daemon)
 
     assert "refused: -:1:1: nothing is watched" in machine.push("<zolitem/>").stderr
     assert machine.get(RUNNING_KEY) == "true"
-    assert machine.push("<zolitem/>", "--force").stdout == "accepted\n"
+    assert machine.push("<zolitem/>", "--force").stdout == "accepted: nothing to watch\n"
     wait_for(lambda: machine.get(RUNNING_KEY) == "false", "the end of the policy's application")

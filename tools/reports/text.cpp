@@ -2,10 +2,20 @@
 
 #include <time.h>
 
-#include <array>
+#include <iomanip>
+#include <sstream>
 #include <string_view>
 
 namespace tools {
+namespace {
+
+std::string Format(const char* format, const tm& parts) {
+    std::ostringstream text;
+    text << std::put_time(&parts, format);
+    return text.str();
+}
+
+}  // namespace
 
 std::string OneLine(const std::string& text) {
     constexpr std::string_view kSpecial = "\t\n\r\\";
@@ -48,9 +58,14 @@ std::string UtcTime(std::int64_t seconds) {
     const auto time = static_cast<time_t>(seconds);
     tm parts{};
     gmtime_r(&time, &parts);
-    std::array<char, 32> text{};
-    strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts);
-    return text.data();
+    return Format("%Y-%m-%dT%H:%M:%SZ", parts);
+}
+
+std::string LocalTime(std::int64_t seconds) {
+    const auto time = static_cast<time_t>(seconds);
+    tm parts{};
+    localtime_r(&time, &parts);
+    return Format("%Y-%m-%d %H:%M", parts);
 }
 
 }  // namespace tools

@@ -15,5 +15,7 @@ std::string Printable(const std::string& text);
 
 /// Seconds since 1970 as "2026-01-31T23:59:59Z".
 std::string UtcTime(std::int64_t seconds);
+/// The same for people: "2026-01-31 23:59", where the machine is.
+std::string LocalTime(std::int64_t seconds);
 
 }  // namespace tools

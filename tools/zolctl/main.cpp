@@ -10,13 +10,15 @@ namespace {
 
 int Run(int argc, char** argv) {
     CLI::App app{
-        "Talks to the policy daemon: pushes policies, reads and watches keys, lists reported events, takes "
-        "reports."};
+        "Talks to the policy daemon: pushes policies, tells what runs, reads and watches keys, lists "
+        "reported "
+        "events, takes reports."};
     app.require_subcommand(1);
     app.failure_message([](const CLI::App* /*app*/, const CLI::Error& error) {
         return "zolctl: " + tools::OneLine(error.what()) + " (see zolctl --help)\n";
     });
     zolctl::Action action;
+    zolctl::AddStatusCommand(app, action);
     zolctl::AddPolicyCommand(app, action);
     zolctl::AddVconfCommand(app, action);
     zolctl::AddKpiCommand(app, action);

@@ -1,3 +1,6 @@
+#include <glib.h>
+#include <json/value.h>
+
 #include <CLI/CLI.hpp>
 #include <boost/archive/binary_iarchive.hpp>
 #include <boost/archive/binary_oarchive.hpp>
@@ -17,6 +20,7 @@
 #include "document.h"
 #include "findings.h"
 #include "key_types.h"
+#include "policy_daemon.h"
 #include "text.h"
 
 namespace zolctl {
@@ -25,6 +29,8 @@ namespace {
 using tools::OneLine;
 using tools::Printable;
 
+constexpr const char* kNotStored =
+    "zolctl: refused: the daemon could not parse or store the policy (see its log)\n";
 constexpr int kAnswerTimeoutMs = 60000;  ///< applying a policy of thousands of items takes a while
 
 std::vector<unsigned char> Request(const std::string& document) {
@@ -72,24 +78,53 @@ bool MayBeSent(const std::string& file, const std::string& document, bool isForc
     return !isRefused;
 }
 
-int Push(const std::string& file, bool isForced) {
-    std::string document;
-    if (const Unreadable why = ReadDocument(file, document); !why.empty()) {
-        std::cerr << "zolctl: " << why << '\n';
-        return EXIT_UNREACHABLE;
+/// "accepted" and what became of it, in a line.
+void TellAccepted(const std::string& outcome, const std::string& document, const Json::Value& state) {
+    std::cout << "accepted";
+    if (outcome == "stored") {
+        const Json::Value& digests = state["PolicyDigest"];
+        std::cout << ", stored: "
+                  << (digests[0] == digests[1] ? "this policy runs already"
+                                               : "takes effect at the next start");
+    } else if (outcome != "running") {
+        std::cout << ": " << OneLine(outcome);
+    } else if (state.isNull()) {
+        std::cout << ", running";
+    } else {
+        const Json::Int64 expiry = state["Expires"].asInt64();
+        std::cout << ", running: " << state["RulesWatched"].asUInt() << " of " << zol::CountRules(document)
+                  << " rules, " << (expiry != 0 ? "expires " + tools::LocalTime(expiry) : "expired");
     }
-    if (!MayBeSent(file, document, isForced)) {
+    std::cout << '\n';
+}
+
+int PushText(const std::string& document) {
+    PolicyDaemon daemon;
+    Handed handed;
+    if (const auto end = daemon.SetPolicy(document, handed); end != PolicyDaemon::EEnd::ANSWERED) {
+        return daemon.Fail(end);
+    }
+    if (!handed.isAccepted) {
+        std::cerr << kNotStored;
         return EXIT_REFUSED;
     }
+    Json::Value state;
+    static_cast<void>(daemon.Properties(state));  // it was accepted, whether the rest can be told or not
+    TellAccepted(handed.outcome, document, state);
+    return EXIT_OK;
+}
+
+/// A document in an encoding that the typed interface cannot take.
+int PushBytes(const std::string& document) {
     zol::TCDbusClient client(false);
     std::vector<unsigned char> reply;
     switch (client.Call(zol::IControl_FC::SET_POLICY, Request(document), reply, kAnswerTimeoutMs)) {
         case zol::TCDbusClient::EResult::HANDLED:
             if (Accepted(reply)) {
-                std::cout << "accepted\n";
+                std::cout << "accepted; zolctl status tells what runs\n";
                 return EXIT_OK;
             }
-            std::cerr << "zolctl: refused: the daemon could not parse or store the policy (see its log)\n";
+            std::cerr << kNotStored;
             return EXIT_REFUSED;
         case zol::TCDbusClient::EResult::REFUSED:
             std::cerr << "zolctl: refused: the daemon does not take policies\n";
@@ -104,14 +139,29 @@ int Push(const std::string& file, bool isForced) {
     return EXIT_UNREACHABLE;
 }
 
+int Push(const std::string& file, bool isForced) {
+    std::string document;
+    if (const Unreadable why = ReadDocument(file, document); !why.empty()) {
+        std::cerr << "zolctl: " << why << '\n';
+        return EXIT_UNREACHABLE;
+    }
+    if (!MayBeSent(file, document, isForced)) {
+        return EXIT_REFUSED;
+    }
+    const bool isUtf8 =
+        g_utf8_validate(document.data(), static_cast<gssize>(document.size()), nullptr) != FALSE;
+    return isUtf8 ? PushText(document) : PushBytes(document);
+}
+
 }  // namespace
 
 void AddPolicyCommand(CLI::App& app, Action& action) {
     CLI::App* policy = app.add_subcommand("policy", "Policies of the daemon");
     policy->require_subcommand(1);
     AddCheckCommand(*policy, action);
-    CLI::App* push =
-        policy->add_subcommand("push", "Check and send a policy; 0 accepted, 1 refused, 2 not reachable");
+    AddShowCommands(*policy, action);
+    CLI::App* push = policy->add_subcommand(
+        "push", "Check and send a policy, tell what became of it; 0 accepted, 1 refused, 2 not reachable");
     auto file = std::make_shared<std::string>();
     auto isForced = std::make_shared<bool>(false);
     push->add_option("FILE", *file, "XML document, or - for standard input")->required();

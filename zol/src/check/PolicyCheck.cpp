@@ -286,4 +286,12 @@ std::vector<TSPolicyFinding> CheckPolicy(const std::string& xml, const TypeOfKey
     return check.Finish(policy);
 }
 
+std::size_t CountRules(const std::string& xml) {
+    const TypeOfKey noType;
+    TCPolicyCheck observer(noType);
+    ZOLPolicy policy;
+    const bool isTaken = TCPolicyParser().Parse(xml, policy, &observer);
+    return isTaken ? policy.vconfMonitors.size() + policy.policyMonitors.size() : 0;
+}
+
 }  // namespace zol

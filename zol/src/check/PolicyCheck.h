@@ -62,4 +62,7 @@ using TypeOfKey = std::function<int(const std::string& key)>;
 [[nodiscard]] std::vector<TSPolicyFinding> CheckPolicy(const std::string& xml,
                                                        const TypeOfKey& typeOfKey = {});
 
+/// Rules of the document, those that are dropped included. 0 for one that is refused.
+[[nodiscard]] std::size_t CountRules(const std::string& xml);
+
 }  // namespace zol
