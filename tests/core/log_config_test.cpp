@@ -116,12 +116,14 @@ TEST_F(LogConfiguration, FinalizeClosesTheSocketOfLinesThatGoOutByUdp) {
     EXPECT_FALSE(IsOpen(socket));
 }
 
-TEST_F(LogConfiguration, FinalizeClosesASocketThatHasThePlaceOfTheStandardInput) {
+TEST_F(LogConfiguration, ASocketInThePlaceOfTheStandardInputIsOneLikeAnyOther) {
     const int input = dup(STDIN_FILENO);
     close(STDIN_FILENO);
-    Load("UDP\n10.0.0.2\nZ:E\n");
+    Load("UDP\nnot.an.address\nZ:E\n");
     ASSERT_EQ(g_sockfd, STDIN_FILENO);
 
+    SendDebugMsgs(LOG_WAY_UDP, LOG_TYPE_E, "goes out by it");
+    EXPECT_EQ(g_sockfd, STDIN_FILENO);
     Finalize();
 
     EXPECT_FALSE(IsOpen(STDIN_FILENO));
