@@ -65,6 +65,12 @@ TEST_F(IntegerRules, AConditionInLowerCaseIsCodeZeroAndNeverHolds) {
     ExpectErrors({"[m_CheckIntType] condition[0]"});
 }
 
+TEST_F(IntegerRules, AConditionThatIsKnownAndDoesNotHoldIsNoLine) {
+    EXPECT_FALSE(HoldsAtStart(IntItem("IS", 5), 4));
+    EXPECT_FALSE(HoldsAtStart(IntItem("LESS", 5), 5));
+    EXPECT_EQ(Logged("[m_CheckIntType] condition["), 0);
+}
+
 TEST_F(IntegerRules, AnUnknownTypeWordIsTreatedAsAnInteger) {
     ZOLVconfMonitor item = Item("DOUBLE", "IS", kWatched);
     item.intValue = 5;
