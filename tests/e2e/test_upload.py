@@ -42,6 +42,20 @@ def hand_over(machine, number=1, **options):
     return f"t_{number}"
 
 
+def collected(machine, **options):
+    """A report in the spool of a collector that uploads nothing; the folder of its entry."""
+    collector = Collector(machine).started()
+    hand_over(machine, **options)
+    collector.stop()
+    entry, = (collector.spool / "reports").iterdir()
+    return entry
+
+
+def upload(machine, server, entry, scratch):
+    return subprocess.run([BIN / "zol_upload", "--url", server.url, "--scratch", scratch, entry], env=machine.env,
+                          capture_output=True, text=True, timeout=60, check=False)
+
+
 def counts(collector):
     return collector.status()["counts"]
 
@@ -62,6 +76,26 @@ def test_a_report_arrives_with_its_header_first_and_its_files_packed(machine, se
     assert upload.headers["Idempotency-Key"] == upload.id
     assert upload.files == {"core.gz": b"x" * 300000, "below/log.gz": b"line\n"}
     assert collector.names() == [] and list((collector.spool / ".incoming").iterdir()) == []
+
+
+def test_what_cannot_be_packed_is_sent_as_it_is(machine, server):
+    entry = collected(machine, files={"core": b"x" * 300000, "below/log": b"line\n"})
+
+    sent = upload(machine, server, entry, scratch="/proc/none")
+
+    assert (sent.returncode, sent.stdout) == (0, "")
+    assert server.uploads[0][1].files == {"core": b"x" * 300000, "below/log": b"line\n"}
+
+
+def test_what_a_killed_upload_has_left_goes_with_the_next(machine, server):
+    entry = collected(machine)
+    left = machine.path("/scratch/upload")
+    left.mkdir(parents=True)
+    (left / "0").write_text("packed")
+
+    assert upload(machine, server, entry, scratch=left.parent).returncode == 0
+
+    assert list(left.parent.iterdir()) == []
 
 
 def test_reports_arrive_in_the_order_in_which_they_were_taken(machine, server, start):

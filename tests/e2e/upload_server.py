@@ -24,8 +24,11 @@ class Upload:
         self.id = named["id"].decode()
         self.name = named["name"].decode()
         self.whole = named["whole"].decode()
-        self.files = {part.get_filename(): gzip.decompress(part.get_payload(decode=True))
-                      for part in self.parts if part.get_filename()}
+        files = {part.get_filename(): part for part in self.parts if part.get_filename()}
+        self.files = {name: part.get_payload(decode=True) for name, part in files.items()}
+        for name, part in files.items():
+            if part.get_content_type() == "application/gzip":
+                self.files[name] = gzip.decompress(self.files[name])
 
 
 class Server:

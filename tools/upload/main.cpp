@@ -75,9 +75,10 @@ std::string ReadAll(int file) {
     return text;
 }
 
-/// Adds the files of a report to the message, packed. A reason when that cannot be done.
-std::optional<std::string> AddFiles(int folder, const reports::Report& report, const Scratch& scratch,
-                                    Message& message) {
+/// Adds the files of a report to the message, packed where there is room for that. A reason when it cannot be
+/// done.
+std::optional<std::string> AddFiles(int folder, const reports::Report& report, const Options& options,
+                                    const Scratch& scratch, Message& message) {
     for (const reports::File& file : report.files) {
         const base::UniqueFd opened(reports::OpenFileAt(folder, file.name));
         if (!opened) {
@@ -87,11 +88,13 @@ std::optional<std::string> AddFiles(int folder, const reports::Report& report, c
             message.header = ReadAll(opened.Get());
             continue;
         }
-        PackedFile packed{file.name + ".gz", scratch.Path() + "/" + std::to_string(message.files.size())};
-        if (const std::error_code error = Pack(opened.Get(), packed.path)) {
-            return "cannot pack " + file.name + ": " + error.message();
+        const std::string packed = scratch.Path() + "/" + std::to_string(message.files.size());
+        if (!scratch.Path().empty() && !Pack(opened.Get(), packed)) {
+            message.files.push_back({file.name + ".gz", packed, true});
+        } else {
+            // A disk that is full stays so for as long as nothing is uploaded.
+            message.files.push_back({file.name, options.entry + "/" + report.name + "/" + file.name});
         }
-        message.files.push_back(std::move(packed));
     }
     return std::nullopt;
 }
@@ -103,15 +106,13 @@ Answer Upload(const Options& options) {
         return Again(outcome.text);
     }
     const Scratch scratch(options.scratch);
-    if (scratch.Path().empty()) {
-        return Again(options.scratch + ": " + std::strerror(errno));
-    }
     Message message;
     message.header = "{}";
     message.id = collector::IdOf(options.entry);
     message.name = report.name;
     message.isWhole = collector::IsWhole(options.entry);
-    if (const std::optional<std::string> problem = AddFiles(folder.Get(), report, scratch, message)) {
+    if (const std::optional<std::string> problem =
+            AddFiles(folder.Get(), report, options, scratch, message)) {
         return Again(*problem);
     }
     return Send(options.target, message);

@@ -1,6 +1,7 @@
 #include "packing.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <zlib.h>
 
@@ -16,6 +17,8 @@
 namespace upload {
 namespace {
 
+constexpr mode_t kFolderMode = 0700;
+
 using GzipPtr = std::unique_ptr<gzFile_s, base::FreeWith<gzclose>>;
 
 std::error_code Failure() {
@@ -24,15 +27,15 @@ std::error_code Failure() {
 
 }  // namespace
 
-Scratch::Scratch(const std::string& parent) : m_path(parent + "/upload-XXXXXX") {
-    if (mkdtemp(m_path.data()) == nullptr) {
+Scratch::Scratch(const std::string& parent) : m_path(parent + "/upload") {
+    static_cast<void>(base::RemoveTree(AT_FDCWD, m_path.c_str()));
+    if (mkdir(m_path.c_str(), kFolderMode) != 0) {
         m_path.clear();
     }
 }
 
 Scratch::~Scratch() {
     if (!m_path.empty()) {
-        // The collector clears the folder that it lies in at its next start.
         static_cast<void>(base::RemoveTree(AT_FDCWD, m_path.c_str()));
     }
 }

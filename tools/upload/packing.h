@@ -4,7 +4,8 @@
 
 namespace upload {
 
-/// A folder for the packed files of one upload, which goes with all it holds.
+/// A folder for the packed files of one upload, which goes with all it holds. One at a time in a parent: what
+/// an upload that was killed has left there goes, too.
 class Scratch {
 public:
     /// @param parent a folder of this account
@@ -13,7 +14,7 @@ public:
     Scratch(const Scratch&) = delete;
     Scratch& operator=(const Scratch&) = delete;
 
-    /// Empty when it could not be made; errno says why.
+    /// Empty when it could not be made.
     [[nodiscard]] const std::string& Path() const { return m_path; }
 
 private:

@@ -37,14 +37,14 @@ bool Fill(curl_mime* mime, const Message& message) {
     AddText(mime, "id", message.id, "text/plain");
     AddText(mime, "name", message.name, "text/plain");
     AddText(mime, "whole", message.isWhole ? "true" : "false", "text/plain");
-    for (const PackedFile& file : message.files) {
+    for (const PartFile& file : message.files) {
         curl_mimepart* const part = curl_mime_addpart(mime);
         curl_mime_name(part, "file");
         if (curl_mime_filedata(part, file.path.c_str()) != CURLE_OK) {
             return false;
         }
         curl_mime_filename(part, file.name.c_str());
-        curl_mime_type(part, "application/gzip");
+        curl_mime_type(part, file.isPacked ? "application/gzip" : "application/octet-stream");
     }
     return true;
 }

@@ -16,19 +16,20 @@ struct Target {
 };
 
 /// A part that is a file on the disk.
-struct PackedFile {
+struct PartFile {
     std::string name;  ///< what the server is told
     std::string path;
+    bool isPacked = false;
 };
 
 /// One report as it is sent: multipart/form-data with the parts header (JSON), id, name, whole, and one part
-/// file for each file, packed.
+/// file for each file.
 struct Message {
     std::string header;
     std::string id;  ///< also in the HTTP header Idempotency-Key
     std::string name;
     bool isWhole = true;
-    std::vector<PackedFile> files;
+    std::vector<PartFile> files;
 };
 
 enum class Verdict { Done, Refused, Again };
