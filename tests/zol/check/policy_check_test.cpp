@@ -180,6 +180,9 @@ TEST_F(PolicyCheck, ARuleWithoutAKeyIsAnErrorAndWatchesNothing) {
 
 TEST_F(PolicyCheck, NamesTheNearestKnownElementAndAttribute) {
     EXPECT_THAT(Texts(Document("<zol/>")), ElementsAre("element 'zol' means nothing (did you mean zols?)"));
+    EXPECT_THAT(Texts(Document("<zols key='k' condition='IS' type='INT' intvalue='1' tvalue=''/>")),
+                ElementsAre("attribute 'tvalue' of zols means nothing (did you mean intvalue?)"))
+        << "of two as near the first";
     EXPECT_THAT(Texts(Document("<policies/>")), ElementsAre("element 'policies' means nothing"));
     EXPECT_THAT(Texts(Rule("condition='IS' type='INT' intvalue='1' Valu='1' greatr='1'")),
                 ElementsAre("attribute 'Valu' of zols means nothing",
