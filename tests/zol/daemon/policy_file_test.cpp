@@ -267,6 +267,14 @@ TEST_F(StoredPolicyFile, AFileThatIsMalformedOrLongerThanAnyPolicyStartsNothing)
                     DLOG_PRIORITY_ERROR);
 }
 
+TEST_F(StoredPolicyFile, TheLongestPolicyIsReadAgain) {
+    std::string xml = PolicyFor("db/a");
+    xml.resize(zol::kMaxPolicyBytes, ' ');
+    StartWith(xml);
+
+    EXPECT_EQ(fakes::vconf::Registrations("db/a"), 1);
+}
+
 TEST_F(StoredPolicyFile, AFileThatMayNotBeReadIsLogged) {
     Start();
     StorePolicy(PolicyFor("db/a"));
