@@ -91,3 +91,18 @@ def test_the_expiry_is_logged_once_policy_time_passes_it(machine):
     assert machine.log().count("Removing policy") == 1
     assert machine.path("/var/lib/zol/policy.xml").exists()
     assert daemon.stop() == 0
+
+
+def test_where_the_kernel_tells_no_ids_those_of_the_machine_are_taken_and_else_none(machine):
+    for name in ("global_uniqueID", "life_cycleID"):
+        machine.path(f"/proc/{name}").unlink()
+    made = machine.path("/var/lib/zol/device")
+    made.mkdir(parents=True)
+    (made / "unique_id").write_text("made")
+    machine.start_daemon()
+    machine.set(BACKLIGHT, "10", "int")
+
+    machine.push(policy(int_rule(BACKLIGHT, "IS", 10)))
+
+    header = json.loads((machine.published() / "header.json").read_text())
+    assert (header["tgid"], header["lcid"]) == ("made", "NULL")

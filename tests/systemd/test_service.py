@@ -1,4 +1,5 @@
 """The unit, the folders and the accounts, as an image gets them."""
+import json
 import os
 import re
 import shutil
@@ -37,6 +38,24 @@ def test_owners_and_access_are_kept_over_boots(device):
     assert device.run("stat", "--format=%u:%g", "/var/lib/zol/policy.xml").stdout == "951:951\n"
     assert zolctl(device, "vconf", "get", KEY, user="member").stdout == "1\n"
     zolctl(device, "vconf", "set", KEY, "2", user="member")
+
+
+def test_reports_carry_ids_of_the_machine(device):
+    unique = device.run("cat", "/var/lib/zol/device/unique_id").stdout
+    assert re.fullmatch(r"[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}", unique)
+    assert unique.replace("-", "") != device.run("cat", "/etc/machine-id").stdout.strip()
+    assert device.modes("/var/lib/zol/device") == ["755 root root /var/lib/zol/device"]
+
+    zolctl(device, "vconf", "set", KEY, "3", "--type", "int", user="member")
+    zolctl(device, "policy", "push", "-", user="member", stdin=POLICY)
+    path = wait_for(lambda: zolctl(device, "vconf", "get", HANDOVER_KEY, user="member").stdout.strip(), "a path")
+    header = json.loads(device.run("cat", f"{path}/header.json").stdout)
+
+    assert header["tgid"] == unique and path.startswith(f"/tmp/zol/{unique}_")
+    assert header["lcid"] == device.run("cat", "/var/lib/zol/device/life_cycle_id").stdout
+    device.shut_down()
+    device.boot()
+    assert device.run("cat", "/var/lib/zol/device/unique_id").stdout == unique
 
 
 def key_service(device):
