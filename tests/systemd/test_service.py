@@ -40,6 +40,18 @@ def test_owners_and_access_are_kept_over_boots(device):
     zolctl(device, "vconf", "set", KEY, "2", user="member")
 
 
+def test_the_service_is_started_when_it_serves_and_tells_what_runs(device):
+    zolctl(device, "policy", "push", "-", user="member", stdin=POLICY)
+    device.run("systemctl", "restart", "zol")
+
+    assert device.show("StatusText") == "1 rules watched, 0 dropped"
+    zolctl(device, "status", user="member")
+
+    device.run("systemctl", "stop", "dbus.socket", "dbus.service")
+    device.run("systemctl", "restart", "zol")
+    assert (device.show("ActiveState"), device.show("StatusText")) == ("active", "1 rules watched, 0 dropped")
+
+
 def test_reports_carry_ids_of_the_machine(device):
     unique = device.run("cat", "/var/lib/zol/device/unique_id").stdout
     assert re.fullmatch(r"[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}", unique)

@@ -101,6 +101,17 @@ TEST_F(Daemon, WhileItRunsItsSupervisorHearsOfLife) {
         << "it ends with the run";
 }
 
+TEST_F(Daemon, IsReadyOnceItServesAndNotBefore) {
+    Plan plan;
+    plan.whileItRuns = [] { EXPECT_TRUE(fakes::service_watchdog::IsReady()); };
+    EXPECT_EQ(Run(plan), 0);
+
+    fakes::Reset();
+    plan.haveLoop = false;
+    EXPECT_EQ(Run(plan), 0);
+    EXPECT_FALSE(fakes::service_watchdog::IsReady());
+}
+
 TEST_F(Daemon, WithoutASupervisorThereIsNoTimer) {
     Plan plan;
     plan.whileItRuns = [] {

@@ -44,6 +44,10 @@ TEST_F(ServiceWatchdog, TheServiceManagerSaysHowLongItWaitsAndHearsOfLife) {
     service_watchdog_alive();
 
     EXPECT_EQ(Received(), "WATCHDOG=1");
+    service_watchdog_ready();
+    EXPECT_EQ(Received(), "READY=1");
+    service_watchdog_status("100 % idle");
+    EXPECT_EQ(Received(), "STATUS=100 % idle");
 }
 
 TEST_F(ServiceWatchdog, NobodyWatchesAProcessThatWasNotAskedOrAnotherOne) {

@@ -12,6 +12,7 @@
 #include "fake_bt_hid.h"
 #include "fake_clock.h"
 #include "fake_platform_services.h"
+#include "fake_service_watchdog.h"
 #include "policy_manager_fixture.h"
 
 namespace {
@@ -124,6 +125,15 @@ TEST_F(PolicyServiceTest, TheExpiryIsAMomentOfTheWallClockWhereverPolicyTimeStan
     EXPECT_EQ(m_service->State().expires, begin + 1000 - 50);
     m_clock.AccumulateTimeShift(10000);
     EXPECT_EQ(m_service->State().expires, begin + 100) << "late";
+}
+
+TEST_F(PolicyServiceTest, TheSupervisorIsToldWhatRuns) {
+    EXPECT_EQ(fakes::service_watchdog::Status(), "No policy runs");
+    m_service->SetPolicy(Document(ItemFor("db/a") + "<zols key='db/x' condition='IS'/>", 2));
+    EXPECT_EQ(fakes::service_watchdog::Status(), "1 rules watched, 1 dropped");
+    Serve();
+    EXPECT_EQ(fakes::service_watchdog::Status(), "1 rules watched, 1 dropped")
+        << "what it finds at the start";
 }
 
 TEST_F(PolicyServiceTest, WhatRunsHasRunAsLongAlsoWhenTheWallClockWasSet) {

@@ -17,6 +17,7 @@
 #include "ZOLPolicyManager.h"
 #include "platform_clock.h"
 #include "platform_services.h"
+#include "service_watchdog.h"
 
 namespace zol {
 namespace {
@@ -69,13 +70,26 @@ PolicyService::PolicyService(IPolicyServer& server, TCPolicyManager& manager)
     : m_server(server),
       m_manager(manager),
       m_hits(HitNews::Listen([&server](const TSPolicyHit& hit) { server.TellPolicyHit(hit); })) {
-    m_manager.SetChangeListener([&server] { server.TellPolicyChange(); });
+    m_manager.SetChangeListener([this] {
+        m_server.TellPolicyChange();
+        m_TellStatus();
+    });
     m_server.ServePolicy(this);
+    m_TellStatus();
 }
 
 PolicyService::~PolicyService() {
     m_server.ServePolicy(nullptr);
     m_manager.SetChangeListener({});
+}
+
+void PolicyService::m_TellStatus() {
+    std::string line = "No policy runs";
+    if (!m_manager.Sets().empty()) {
+        line = std::to_string(m_manager.Sets().back()->CountWatched()) + " rules watched, " +
+               std::to_string(m_manager.Dropped()) + " dropped";
+    }
+    service_watchdog_status(line.c_str());
 }
 
 TSPolicyAnswer PolicyService::SetPolicy(const std::string& document) {

@@ -27,6 +27,8 @@ public:
     TSPolicyDigests Digests() override;
 
 private:
+    void m_TellStatus();
+
     IPolicyServer& m_server;
     TCPolicyManager& m_manager;
     base::Subscription m_hits;

@@ -20,6 +20,7 @@
 #include "ZOLShiftedClock.h"
 #include "ZOLTestRecording.h"
 #include "device_paths.h"
+#include "service_watchdog.h"
 
 namespace zol_daemon {
 namespace {
@@ -71,6 +72,7 @@ int main() {
         }
         const base::Subscription lifeSigns = GiveLifeSigns();
         if (loop != nullptr) {
+            service_watchdog_ready();
             g_main_loop_run(loop);
         } else {
             ZOL_LOG(LOG_ERROR, "failed to create g_main_loop");
