@@ -77,6 +77,7 @@ TEST_F(AppInstallMonitor, EachStepIsLoggedByTheCallbackFromALineOfItsOwn) {
     EXPECT_EQ(m_notify.Hits(), Hits({kIndex}));
     EXPECT_EQ(Logged("[InstallMonitor] AppInstallCb(), Current Repetition : 1"), 2);
     EXPECT_EQ(Logged("[InstallMonitor] AppInstallCb(), Current Repetition : 2"), 1);
+    EXPECT_EQ(Logged("[InstallMonitor] CurrentTime > ExpireTime, set now time to FirstCallTime"), 1);
     std::vector<std::string> texts = {
         "[InstallMonitor] CurrentTime > ExpireTime, set now time to FirstCallTime",
         "[InstallMonitor] AppInstallCb(), Current Repetition : 2",

@@ -98,6 +98,7 @@ TEST_F(BtPairMonitor, EachStepIsLoggedByTheCallbackFromALineOfItsOwn) {
     EXPECT_EQ(m_notify.Hits(), Hits({kIndex}));
     EXPECT_EQ(Logged("[BtMonitor] BtCountingCb(), Current Repetition : 1"), 2);
     EXPECT_EQ(Logged("[BtMonitor] BtCountingCb(), Current Repetition : 2"), 1);
+    EXPECT_EQ(Logged("[BtMonitor] CurrentTime > ExpiredTime, set now time to FirstCallTime"), 1);
     std::vector<std::string> texts = {"[BtMonitor] BtCountingCb() called, connected : 1",
                                       kIgnored,
                                       "[BtMonitor] CurrentTime > ExpiredTime, set now time to FirstCallTime",

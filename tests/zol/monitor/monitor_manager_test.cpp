@@ -1,6 +1,7 @@
 #include "ZOLMonitorManager.h"
 
 #include <memory>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -91,6 +92,29 @@ TEST_F(MonitorManager, OfTwoInstallItemsWithOneIdTheFirstWinsAndOneWithoutAnIdIs
     EXPECT_EQ(Logged("APP INSTALL monitoring started."), 1);
     EXPECT_EQ(Logged("fail to init APP INSTALL"), 2);
     ExpectErrors({"AppId key is already exist. return false", "AppId is empty", "fail to init APP INSTALL"});
+}
+
+TEST_F(MonitorManager, AnInstallMonitorForWhichThereWasNoMemoryIsMadeWithTheRest) {
+    SetPolicy({Installing("a")});
+    for (std::size_t allocation = 1; Logged("new TCAppInstallMonitor() is NULL") == 0; ++allocation) {
+        ASSERT_LT(allocation, 1000U);
+        m_manager.reset();
+        m_manager = std::make_unique<TCMonitorManager>(&m_notify);
+        ASSERT_TRUE(m_manager->Create());
+        FailAllocation(allocation);
+        try {
+            static_cast<void>(m_manager->StartMonitoring());
+        } catch (const std::bad_alloc&) {
+        }
+        FailAllocation(0);
+    }
+    EXPECT_FALSE(m_manager->IsWatchingAll());
+    EXPECT_TRUE(RegisteredIds().empty());
+
+    m_manager->WatchRest();
+
+    EXPECT_TRUE(m_manager->IsWatchingAll());
+    EXPECT_EQ(RegisteredIds(), std::vector<std::string>({"a"}));
 }
 
 TEST_F(MonitorManager, LaunchItemsAreSkipped) {
