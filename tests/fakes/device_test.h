@@ -7,6 +7,7 @@
 
 #include "fake_dlog.h"
 #include "fakes.h"
+#include "waiting.h"
 
 class DeviceTest : public testing::Test {
 protected:

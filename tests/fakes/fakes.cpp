@@ -1,45 +1,65 @@
 #include "fakes.h"
 
+#include <sys/stat.h>
+
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <mutex>
-#include <optional>
+#include <sstream>
+#include <system_error>
 
 #include "device_path.h"
 #include "fake_internal.h"
-#include "files.h"
-#include "temporary_folder.h"
 
 namespace fs = std::filesystem;
 
 namespace fakes {
 namespace {
 
+/// A folder of its own below $TMPDIR, which goes with the process. Other users may enter it.
 class RootFolder {
 public:
+    RootFolder() = default;
+    ~RootFolder() { Remove(); }
+    RootFolder(const RootFolder&) = delete;
+    RootFolder& operator=(const RootFolder&) = delete;
+
     std::string Path() {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        if (!m_folder) {
+        if (m_path.empty()) {
             Make();
         }
-        return m_folder->Path();
+        return m_path;
     }
 
     void Renew() {
         const std::lock_guard<std::mutex> lock(m_mutex);
+        Remove();
         Make();
     }
 
 private:
     void Make() {
-        m_folder.emplace();
+        m_path = (fs::canonical(fs::temp_directory_path()) / "zol-device-XXXXXX").string();
+        if (mkdtemp(m_path.data()) == nullptr || chmod(m_path.c_str(), 0755) != 0) {
+            std::abort();
+        }
         for (const char* folder : {"dev", "etc", "proc", "tmp", "usr/bin", "var/lib", "var/log", "run"}) {
-            fs::create_directories(fs::path(m_folder->Path()) / folder);
+            fs::create_directories(fs::path(m_path) / folder);
+        }
+    }
+
+    void Remove() {
+        std::error_code ignored;
+        if (!m_path.empty()) {
+            fs::remove_all(m_path, ignored);
         }
     }
 
     std::mutex m_mutex;
-    std::optional<TemporaryFolder> m_folder;
+    std::string m_path;
 };
 
 RootFolder& TheRoot() {
@@ -68,11 +88,16 @@ std::string Root() {
 }
 
 void WriteDeviceFile(const std::string& devicePath, const std::string& content) {
-    WriteFile(Root() + devicePath, content);
+    const fs::path path = Root() + devicePath;
+    fs::create_directories(path.parent_path());
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
 }
 
 std::string ReadDeviceFile(const std::string& devicePath) {
-    return ReadFile(Root() + devicePath);
+    const std::ifstream file(Root() + devicePath, std::ios::binary);
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
 }
 
 bool DeviceFileExists(const std::string& devicePath) {

@@ -2,13 +2,13 @@
 /// Fakes of platform/inc. Linking them gives a test a machine of its own: a throw-away device root, a clock
 /// that stands still until it is moved, a log that can be read, and a key store in memory. Each fake has its
 /// own header; this one resets them all.
+#include <chrono>
 #include <string>
-
-#include "waiting.h"
 
 namespace fakes {
 
-using ::kPatience;
+/// How long a fake waits for what must come; reached only when something is broken.
+constexpr std::chrono::seconds kPatience(60);
 
 /// A fresh machine: empty temporary root, empty log and store, clock at kEpoch. Call it in a fixture's
 /// constructor; threads of an earlier test must be gone.

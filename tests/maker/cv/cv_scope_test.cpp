@@ -10,6 +10,7 @@
 #include "cv_fixture.h"
 #include "fake_clock.h"
 #include "fake_dlog.h"
+#include "waiting.h"
 
 namespace {
 
