@@ -1,9 +1,12 @@
 #include "fake_clock.h"
 
+#include <dirent.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <condition_variable>
 #include <list>
+#include <memory>
 #include <mutex>
 #include <new>
 
@@ -22,21 +25,31 @@ namespace {
 constexpr std::int64_t kNsPerSecond = 1000000000;
 
 struct Sleeper {
-    std::uint64_t until;
-    std::int64_t duration;
-    bool over = false;
-    const bool* rung = nullptr;  // of the alarm that ends it; null for none
+    Sleeper(std::uint64_t begin, std::uint64_t length, const bool* alarm = nullptr)
+        : until(begin + length),
+          duration(static_cast<std::int64_t>(length)),
+          over(length == 0),
+          rung(alarm) {}
+
+    const std::uint64_t until;
+    const std::int64_t duration;
+    bool over;
+    const bool* const rung;  // of the alarm that ends it; null for none
+    std::condition_variable woken;
+
+    bool IsAsleep() const { return !over && (rung == nullptr || !*rung); }
 };
 
 struct State {
     std::mutex mutex;
-    std::condition_variable changed;
+    std::condition_variable changed;        // for those who wait for sleepers
     std::int64_t wallBase = clock::kEpoch;  // seconds; nanoseconds would not go far enough
     std::int64_t wallNs = 0;                // since the base
     std::uint64_t steadyNs = 1000 * static_cast<std::uint64_t>(kNsPerSecond);
     bool failRealtime = false;
     bool sleepAdvances = true;
     std::uint64_t sleptUs = 0;
+    std::int64_t longestNap = 0;
     std::list<Sleeper> sleepers;
 };
 
@@ -49,7 +62,10 @@ void MoveLocked(State& state, nanoseconds wall, nanoseconds steady) {
     state.wallNs += wall.count();
     state.steadyNs += static_cast<std::uint64_t>(steady.count());
     for (Sleeper& sleeper : state.sleepers) {
-        sleeper.over = sleeper.over || sleeper.until <= state.steadyNs;
+        if (!sleeper.over && sleeper.until <= state.steadyNs && sleeper.duration > state.longestNap) {
+            sleeper.over = true;
+            sleeper.woken.notify_all();
+        }
     }
     state.changed.notify_all();
 }
@@ -58,11 +74,9 @@ void MoveLocked(State& state, nanoseconds wall, nanoseconds steady) {
 template <class Ended>
 bool WaitLocked(State& state, std::unique_lock<std::mutex>& lock, std::uint64_t duration, Ended ended,
                 const bool* rung = nullptr) {
-    const auto self = state.sleepers.insert(
-        state.sleepers.end(),
-        {state.steadyNs + duration, static_cast<std::int64_t>(duration), duration == 0, rung});
+    const auto self = state.sleepers.emplace(state.sleepers.end(), state.steadyNs, duration, rung);
     state.changed.notify_all();
-    state.changed.wait(lock, [&] { return self->over || ended(); });
+    self->woken.wait(lock, [&] { return self->over || ended(); });
     state.sleepers.erase(self);
     return ended();
 }
@@ -77,6 +91,7 @@ void ResetClock() {
     state.failRealtime = false;
     state.sleepAdvances = true;
     state.sleptUs = 0;
+    state.longestNap = 0;
     state.changed.notify_all();
 }
 
@@ -114,8 +129,7 @@ bool AwaitSleeper(nanoseconds duration, int sleepers) {
     std::unique_lock<std::mutex> lock(state.mutex);
     return state.changed.wait_for(lock, kPatience, [&] {
         return std::count_if(state.sleepers.begin(), state.sleepers.end(), [&](const Sleeper& sleeper) {
-                   return !sleeper.over && (sleeper.rung == nullptr || !*sleeper.rung) &&
-                          sleeper.duration == duration.count();
+                   return sleeper.IsAsleep() && sleeper.duration == duration.count();
                }) >= sleepers;
     });
 }
@@ -125,6 +139,52 @@ bool PassSleeps(nanoseconds duration, int times) {
         Advance(duration);
     }
     return times == 0;
+}
+
+int CountThreads() {
+    const std::unique_ptr<DIR, int (*)(DIR*)> tasks(opendir("/proc/self/task"), closedir);
+    int count = 0;
+    while (const dirent* task = tasks != nullptr ? readdir(tasks.get()) : nullptr) {
+        count += task->d_name[0] == '.' ? 0 : 1;
+    }
+    return count;
+}
+
+bool AwaitRest(int others) {
+    State& state = The();
+    const auto end = std::chrono::steady_clock::now() + kPatience;
+    std::unique_lock<std::mutex> lock(state.mutex);
+    const auto isAtRest = [&] {
+        // A thread that comes or goes does not tell, so they are counted each time.
+        return std::all_of(state.sleepers.begin(), state.sleepers.end(),
+                           [](const Sleeper& sleeper) { return sleeper.IsAsleep(); }) &&
+               static_cast<int>(state.sleepers.size()) == CountThreads() - others;
+    };
+    while (!isAtRest()) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
+        state.changed.wait_for(lock, std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+void LetNap(nanoseconds longest) {
+    const std::lock_guard<std::mutex> lock(The().mutex);
+    The().longestNap = longest.count();
+}
+
+std::optional<nanoseconds> UntilNextWake() {
+    const State& state = The();
+    const std::lock_guard<std::mutex> lock(The().mutex);
+    std::optional<nanoseconds> next;
+    for (const Sleeper& sleeper : state.sleepers) {
+        if (sleeper.duration > state.longestNap) {
+            const nanoseconds left(sleeper.until > state.steadyNs ? sleeper.until - state.steadyNs : 0);
+            next = std::min(next.value_or(left), left);
+        }
+    }
+    return next;
 }
 
 void SleepAdvances(bool on) {
@@ -180,10 +240,8 @@ int platform_sem_wait_until(sem_t* sem, const platform_time_t* deadline) {
         return (deadline->seconds - state.wallBase) * fakes::kNsPerSecond + deadline->nanoseconds -
                state.wallNs;
     };
-    const std::int64_t duration = std::max<std::int64_t>(0, left());
-    const auto self = state.sleepers.insert(
-        state.sleepers.end(),
-        {state.steadyNs + static_cast<std::uint64_t>(duration), duration, duration == 0});
+    const auto duration = static_cast<std::uint64_t>(std::max<std::int64_t>(0, left()));
+    const auto self = state.sleepers.emplace(state.sleepers.end(), state.steadyNs, duration);
     state.changed.notify_all();
     int result = 0;
     // A post does not tell the fake, so it looks again every real millisecond.
@@ -218,6 +276,11 @@ void platform_alarm_ring(platform_alarm_t* alarm) {
     fakes::State& state = fakes::The();
     const std::lock_guard<std::mutex> lock(state.mutex);
     alarm->rung = true;
+    for (fakes::Sleeper& sleeper : state.sleepers) {
+        if (sleeper.rung == &alarm->rung) {
+            sleeper.woken.notify_all();
+        }
+    }
     state.changed.notify_all();
 }
 }

@@ -2,6 +2,7 @@
 /// Time that stands still until a test moves it.
 #include <chrono>
 #include <cstdint>
+#include <optional>
 
 namespace fakes {
 namespace clock {
@@ -25,6 +26,18 @@ bool AwaitSleeper(std::chrono::nanoseconds duration, int sleepers = 1);
 
 /// Lets time pass so often, each time as soon as a thread sleeps for that long; false when patience ends.
 [[nodiscard]] bool PassSleeps(std::chrono::nanoseconds duration, int times);
+
+/// Waits until every thread of the process but `others` sleeps here with nothing to wake it but time; false
+/// when kPatience ends. Whoever calls counts among the others. What a thread does when another one rings it,
+/// and what that one does then, is done when this returns.
+[[nodiscard]] bool AwaitRest(int others);
+/// Threads that the process has now.
+[[nodiscard]] int CountThreads();
+/// From now on time does not end waits of at most this length, only who rings: the pauses of an idle task,
+/// which would find nothing. Its timers would not find their moment either. Zero after Reset.
+void LetNap(std::chrono::nanoseconds longest);
+/// Time until the first wait is over that time ends; null when there is none.
+[[nodiscard]] std::optional<std::chrono::nanoseconds> UntilNextWake();
 
 /// By default platform_sleep_us lets the time pass by itself and returns at once; off: it blocks until
 /// Advance.

@@ -92,16 +92,16 @@ void DeliverOne(const std::string& key) {
     }
 }
 
-void DeliverChanges() {
+bool DeliverChanges() {
     Store& store = The();
-    for (;;) {
+    for (bool wereAny = false;; wereAny = true) {
         std::vector<std::string> changed;
         {
             const std::lock_guard<std::mutex> lock(store.mutex);
             changed.swap(store.changed);
         }
         if (changed.empty()) {
-            return;
+            return wereAny;
         }
         for (const std::string& key : changed) {
             DeliverOne(key);
@@ -165,9 +165,9 @@ void Unset(const std::string& key) {
     SetAndDeliver(key, {});
 }
 
-void Deliver() {
+bool Deliver() {
     const std::lock_guard<std::recursive_mutex> delivery(The().delivery);
-    DeliverChanges();
+    return DeliverChanges();
 }
 
 void DeliverInsideSets() {

@@ -14,7 +14,8 @@ void Unset(const std::string& key);
 void SetIntBeforeWatched(const std::string& key, int value);
 
 /// Delivers, on the calling thread, the notifications of changes that the code under test made itself.
-void Deliver();
+/// Whether there were any.
+bool Deliver();
 /// Does so from now on inside every set of the code under test, as a device's store may. For one thread.
 void DeliverInsideSets();
 
