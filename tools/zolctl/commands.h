@@ -22,6 +22,7 @@ using Action = std::function<int()>;
 void AddPolicyCommand(CLI::App& app, Action& action);
 /// Below "policy".
 void AddCheckCommand(CLI::App& policy, Action& action);
+void AddTestCommand(CLI::App& policy, Action& action);
 /// Below "policy", too: "show" and "explain".
 void AddShowCommands(CLI::App& policy, Action& action);
 void AddStatusCommand(CLI::App& app, Action& action);

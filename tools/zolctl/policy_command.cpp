@@ -159,6 +159,7 @@ void AddPolicyCommand(CLI::App& app, Action& action) {
     CLI::App* policy = app.add_subcommand("policy", "Policies of the daemon");
     policy->require_subcommand(1);
     AddCheckCommand(*policy, action);
+    AddTestCommand(*policy, action);
     AddShowCommands(*policy, action);
     CLI::App* push = policy->add_subcommand(
         "push", "Check and send a policy, tell what became of it; 0 accepted, 1 refused, 2 not reachable");
