@@ -1,17 +1,20 @@
 #include "isolated.h"
 
 #include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <filesystem>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
@@ -83,6 +86,12 @@ std::string Pack(Told kind, const Place& place, const std::vector<std::string>& 
     return packed.str();
 }
 
+std::string Pack(const Failure& failure) {
+    std::vector<std::string> texts = failure.reasons;
+    texts.insert(texts.begin(), failure.text);
+    return Pack(Told::FAILURE, failure.place, texts);
+}
+
 /// False at the end, and where a process ended in the middle.
 bool Unpack(std::istream& in, Told& kind, Place& place, std::vector<std::string>& texts) {
     char letter = 0;
@@ -105,28 +114,34 @@ bool Unpack(std::istream& in, Told& kind, Place& place, std::vector<std::string>
     return true;
 }
 
+/// The threads of the process take turns anyway, and handing over on one processor takes half the time.
+/// Without it, all is the same.
+void StayOnThisProcessor() {
+    cpu_set_t processors;
+    CPU_ZERO(&processors);
+    CPU_SET(static_cast<unsigned>(std::max(0, sched_getcpu())), &processors);
+    static_cast<void>(sched_setaffinity(0, sizeof(processors), &processors));
+}
+
 [[noreturn]] void PlayHere(const Scenario& scenario, int out) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    StayOnThisProcessor();
     Place last = scenario.place;
-    std::optional<Failure> failure;
+    std::unique_ptr<Player> player;
     try {
-        Player player(scenario, [&](const Place& place) {
+        player = std::make_unique<Player>(scenario, [&](const Place& place) {
             last = place;
             WriteAll(out, Pack(Told::PLACE, place, {}));
         });
-        failure = player.Play();
+        const std::optional<Failure> failure = player->Play();
+        WriteAll(out, failure ? Pack(*failure) : Pack(Told::DONE, last, {}));
     } catch (const std::exception& error) {
-        failure = Failure{last, error.what(), {}};
+        WriteAll(out, Pack(Failure{last, error.what(), {}}));
+        // The daemon may hang: its threads end with the process, whatever they are at.
+        _exit(EXIT_SUCCESS);
     }
-    if (failure) {
-        std::vector<std::string> texts = failure->reasons;
-        texts.insert(texts.begin(), failure->text);
-        WriteAll(out, Pack(Told::FAILURE, failure->place, texts));
-    } else {
-        WriteAll(out, Pack(Told::DONE, last, {}));
-    }
-    // What threads there are end with the process, whatever they are at.
-    _exit(EXIT_SUCCESS);
+    player.reset();
+    std::exit(EXIT_SUCCESS);
 }
 
 std::string EndOf(int status) {

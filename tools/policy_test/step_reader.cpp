@@ -132,7 +132,7 @@ int IndentationBehind(const std::string& text, int line) {
 PolicyText InlinePolicy(const YamlValue& value, const Reading& reading) {
     const Place place = value.At();
     PolicyText policy{place, place.file, std::make_shared<std::string>(value.Text("a policy")),
-                      place.line - 1, place.column - 1};
+                      place.line - 1, place.column - (value.IsQuoted() ? 0 : 1)};
     if (!value.IsQuoted() || policy.xml->find('\n') == std::string::npos) {
         return policy;
     }
