@@ -160,6 +160,10 @@ TEST_F(PolicyServiceTest, HitsAreToldAndTheLastOneIsKept) {
     EXPECT_THAT(m_policyServer.rules, ElementsAre("db/a"));
     fakes::vconf::SetInt("db/a", 1);
     EXPECT_TRUE(Eventually([this] { return m_service->State().pathsWaiting == 1; }));
+    fakes::vconf::SetString(zol::HandOverQueue::KEY, "");
+    EXPECT_TRUE(Eventually([this] { return m_service->State().pathsWaiting == 0; })) << "published";
+    fakes::vconf::SetInt("db/a", 1);
+    EXPECT_TRUE(Eventually([this] { return m_service->State().pathsWaiting == 1; }));
     m_service.reset();
     Stop();
     EXPECT_EQ(zol::HandOverQueue::WaitingInAll(), 0U) << "lost with its queue";
@@ -179,6 +183,18 @@ TEST_F(PolicyServiceTest, AMonitorIsExplainedWithWhatItHasCounted) {
     EXPECT_EQ(TextOf(rule, "ignore"), "1");
     EXPECT_EQ(TextOf(rule, "period-ends"), std::to_string(fakes::clock::kEpoch + 120));
     EXPECT_TRUE(m_service->Explain("pairing").empty()) << "that is no key";
+}
+
+TEST_F(PolicyServiceTest, EachInstallMonitorIsExplained) {
+    m_service->SetPolicy(Document(
+        ItemFor("db/a") + "<monitor kind='1' id='b' name='B' method='11' duration='1' repetition='9'/>"
+                          "<monitor kind='1' id='a' name='A' method='11' duration='1' repetition='9'/>",
+        3));
+
+    const std::vector<zol::TSPolicyRule> rules = m_service->Explain("");
+    ASSERT_EQ(rules.size(), 3U);
+    EXPECT_EQ(TextOf(rules[1], "id") + TextOf(rules[2], "id"), "ba") << "in the order of the policy";
+    EXPECT_EQ(TextOf(rules[1], "kind"), "install");
 }
 
 TEST_F(PolicyServiceTest, AKeyIsExplainedWithWhatItHoldsNow) {
