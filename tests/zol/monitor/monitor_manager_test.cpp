@@ -181,7 +181,7 @@ TEST_F(MonitorManager, WithoutANotifyManagerEveryHitIsLost) {
 
 TEST_F(MonitorManager, ItsTaskIsNamedAcceptsTypeZeroOnlyAndCannotBeCreatedTwice) {
     EXPECT_STREQ(m_manager->Name(), "ZolMonitorManage") << "16 characters are kept";
-    ExpectLogged(DLOG_PRIORITY_INFO, {"[TCMonitorManager] Created"});
+    ExpectLogged(DLOG_PRIORITY_INFO, {"[TCMonitorManager] Create", "[TCMonitorManager] Created"});
     CSEvent event;
     event.receiver = m_manager.get();
     EXPECT_TRUE(CCTask::Send(&event, true));
@@ -205,7 +205,7 @@ TEST_F(MonitorManager, DestroyEndsTheNotifyManagerAndNothingElse) {
     EXPECT_EQ(fakes::bt_hid::Registrations(), 1);
     EXPECT_EQ(RegisteredIds().size(), 1U);
     m_manager->Destroy();
-    ExpectLogged(DLOG_PRIORITY_INFO, {"[TCMonitorManager] Destroyed"});
+    ExpectLogged(DLOG_PRIORITY_INFO, {"[TCMonitorManager] Destroy", "[TCMonitorManager] Destroyed"});
     ExpectAssertedOnceEach({"m_pNotify [zol/src/ZOLMonitorManager"});
 }
 
