@@ -1,5 +1,6 @@
 #include "fake_vconf.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -243,6 +244,19 @@ int vconf_set_str(const char* key, const char* value) {
 }
 int vconf_unset(const char* key) {
     return fakes::SetValue(key, {});
+}
+
+int vconf_next_key(const char* key, char* next, size_t size) {
+    fakes::Store& store = fakes::The();
+    const std::lock_guard<std::mutex> lock(store.mutex);
+    const auto found = std::find_if(store.values.upper_bound(key), store.values.end(),
+                                    [](const auto& each) { return each.second.type != VCONF_TYPE_NONE; });
+    if (found == store.values.end()) {
+        errno = ENOENT;
+        return -1;
+    }
+    next[found->first.copy(next, size - 1)] = '\0';
+    return 0;
 }
 
 int vconf_notify_key_changed(const char* key, vconf_callback_fn callback, void* userData) {

@@ -9,6 +9,8 @@
 /// not a valid key or value, EACCES the caller is not allowed to use the store, EDQUOT the caller has as much
 /// in it as it may have, EIO anything else. A call that finds the store out of order fails within seconds.
 
+#include <stddef.h>
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -45,6 +47,11 @@ int vconf_set_str(const char* key, const char* value);
 
 /// Removes a key. 0 on success, also when there was none; else -1.
 int vconf_unset(const char* key);
+
+/// The first key behind `key` in the order of their bytes; an empty one begins the list.
+/// @param next receives the name, cut to fit
+/// @return 0; -1 when there is none (errno ENOENT) or the store cannot be read
+int vconf_next_key(const char* key, char* next, size_t size);
 
 /// Calls `callback` after every change of `key`, whoever made it, also when the same value is set again.
 /// Several changes may arrive as one call; the last one is never lost, also when the store was out of order

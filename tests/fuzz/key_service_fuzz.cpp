@@ -68,8 +68,8 @@ std::optional<Message> ReadRequest(const std::string& frame) {
     const unsigned type = NumberAt<std::uint8_t>(frame, 1);
     const std::size_t keyBytes = NumberAt<std::uint16_t>(frame, 2);
     const std::size_t textBytes = NumberAt<std::uint32_t>(frame, 4);
-    if (operation < 1 || operation > 4 || type > 3 || keyBytes > 255 || textBytes > 65536 ||
-        frame.size() != kHeadBytes + keyBytes + textBytes ||
+    if (operation < 1 || (operation > 4 && operation != 7) || type > 3 || keyBytes > 255 ||
+        textBytes > 65536 || frame.size() != kHeadBytes + keyBytes + textBytes ||
         frame.find('\0', kHeadBytes) != std::string::npos || (textBytes > 0 && type != 2)) {
         return std::nullopt;
     }
@@ -155,6 +155,11 @@ private:
         if (request.operation == Operation::Get) {
             Require(answer.error == (answer.value.type != 0 ? 0 : ENOENT), "a value or none");
             CheckContent(request.key, answer);
+        } else if (request.operation == Operation::Next) {
+            Require(answer.error == (answer.key.empty() ? ENOENT : 0), "a key or none");
+            Require(answer.key.empty() || (answer.key > request.key && answer.value.type != 0),
+                    "a key behind");
+            CheckContent(answer.key, answer);
         } else {
             Require(answer.error == (isSetOrWatch && !isNamed ? EINVAL : 0), "an answer");
         }

@@ -2,6 +2,8 @@
 #include <glib.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <charconv>
 #include <csignal>
@@ -106,12 +108,50 @@ bool ParseBool(const std::string& text, int& number) {
     return word != words.end();
 }
 
+void Print(const std::string& key, const Value& value) {
+    std::cout << OneLine(key) << '\t' << TypeName(value.type) << '\t' << Shown(value) << '\n';
+}
+
+int List(const std::string& prefix) {
+    constexpr std::size_t kKeyBytes = 256;
+    std::array<char, kKeyBytes> key{};
+    prefix.copy(key.data(), key.size() - 1);
+    // The key that is the prefix itself is not behind it.
+    if (const Value value = prefix.empty() ? Value() : Read(prefix); value.type != VCONF_TYPE_NONE) {
+        Print(prefix, value);
+    }
+    int result = 0;
+    while ((result = vconf_next_key(key.data(), key.data(), key.size())) == 0 &&
+           prefix.compare(0, prefix.size(), key.data(), std::min(prefix.size(), std::strlen(key.data()))) ==
+               0) {
+        // One that goes while it is looked at is none.
+        if (const Value value = Read(key.data()); value.type != VCONF_TYPE_NONE) {
+            Print(key.data(), value);
+        }
+    }
+    return result == 0 || errno == ENOENT ? EXIT_OK
+                                          : Fail("list", prefix.empty() ? "the keys" : prefix, errno);
+}
+
+int Unset(const std::string& key) {
+    const bool isThere = Read(key).type != VCONF_TYPE_NONE;
+    if (!isThere && errno == ENOENT) {
+        std::cerr << "zolctl: no such key: " << OneLine(key) << '\n';
+        return EXIT_REFUSED;
+    }
+    return vconf_unset(key.c_str()) == 0 ? EXIT_OK : Fail("remove", key, errno);
+}
+
 int Set(const std::string& key, const std::string& text, const std::string& typeName) {
     int type = typeName.empty() ? Read(key).type : kTypes.at(typeName);
+    int number = 0;
     if (type == VCONF_TYPE_NONE) {
         type = VCONF_TYPE_STRING;
+        if (ParseInt(text, number) || ParseBool(text, number)) {
+            std::cerr << "zolctl: warning: " << OneLine(key)
+                      << " is new and becomes a string; --type int or --type bool makes it another type\n";
+        }
     }
-    int number = 0;
     if ((type == VCONF_TYPE_INT && !ParseInt(text, number)) ||
         (type == VCONF_TYPE_BOOL && !ParseBool(text, number))) {
         std::cerr << "zolctl: not a value of type " << TypeName(type) << ": " << OneLine(text) << '\n';
@@ -139,13 +179,17 @@ gboolean Quit(gpointer loop) {
     return G_SOURCE_CONTINUE;
 }
 
-int Watch(const std::vector<std::string>& keys) {
+int Watch(const std::vector<std::string>& keys, bool isNow) {
     const base::GMainLoopPtr loop(g_main_loop_new(nullptr, FALSE));
     for (const std::string& key : keys) {
         if (vconf_notify_key_changed(key.c_str(), PrintChange, loop.get()) < 0) {
             return Fail("watch", key, errno);
         }
     }
+    for (const std::string& key : isNow ? keys : std::vector<std::string>()) {
+        Print(key, Read(key));
+    }
+    std::cout.flush();
     g_unix_signal_add(SIGINT, Quit, loop.get());
     g_unix_signal_add(SIGTERM, Quit, loop.get());
     // Whoever reads this through a pipe may start changing keys now.
@@ -162,6 +206,21 @@ void AddGet(CLI::App& vconf, Action& action) {
     auto key = std::make_shared<std::string>();
     get->add_option("KEY", *key)->required();
     get->callback([key, &action] { action = [key] { return Get(*key); }; });
+}
+
+void AddList(CLI::App& vconf, Action& action) {
+    CLI::App* list =
+        vconf.add_subcommand("list", "Print KEY<TAB>TYPE<TAB>VALUE of every key, in their order");
+    auto prefix = std::make_shared<std::string>();
+    list->add_option("PREFIX", *prefix, "Of keys that begin so only");
+    list->callback([prefix, &action] { action = [prefix] { return List(*prefix); }; });
+}
+
+void AddUnset(CLI::App& vconf, Action& action) {
+    CLI::App* unset = vconf.add_subcommand("unset", "Remove a key; 1 when there is no such key");
+    auto key = std::make_shared<std::string>();
+    unset->add_option("KEY", *key)->required();
+    unset->callback([key, &action] { action = [key] { return Unset(*key); }; });
 }
 
 void AddSet(CLI::App& vconf, Action& action) {
@@ -185,8 +244,10 @@ void AddWatch(CLI::App& vconf, Action& action) {
     CLI::App* watch =
         vconf.add_subcommand("watch", "Print KEY<TAB>TYPE<TAB>VALUE at every change, until interrupted");
     auto keys = std::make_shared<std::vector<std::string>>();
+    auto isNow = std::make_shared<bool>(false);
     watch->add_option("KEY", *keys)->required()->expected(1, -1);
-    watch->callback([keys, &action] { action = [keys] { return Watch(*keys); }; });
+    watch->add_flag("--now", *isNow, "Print first what the keys hold now (type none: there is no such key)");
+    watch->callback([=, &action] { action = [=] { return Watch(*keys, *isNow); }; });
 }
 
 }  // namespace
@@ -194,8 +255,15 @@ void AddWatch(CLI::App& vconf, Action& action) {
 void AddVconfCommand(CLI::App& app, Action& action) {
     CLI::App* vconf = app.add_subcommand("vconf", "Keys of the configuration store");
     vconf->require_subcommand(1);
+    vconf->footer(
+        "Examples:\n"
+        "  zolctl vconf list db/menu\n"
+        "  zolctl vconf set db/menu/picture/backlight 10 --type int\n"
+        "  zolctl vconf watch --now db/zol/send_zol_files_path");
     AddGet(*vconf, action);
+    AddList(*vconf, action);
     AddSet(*vconf, action);
+    AddUnset(*vconf, action);
     AddWatch(*vconf, action);
 }
 

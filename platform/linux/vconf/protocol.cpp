@@ -28,7 +28,7 @@ constexpr std::size_t kMaxFrameBytes = sizeof(Head) + kMaxKeyBytes + kMaxTextByt
 
 bool IsMessage(const Head& head, std::size_t size) {
     const bool known = head.operation >= static_cast<std::uint8_t>(Operation::Get) &&
-                       head.operation <= static_cast<std::uint8_t>(Operation::Changed);
+                       head.operation <= static_cast<std::uint8_t>(Operation::Next);
     return known && head.type <= VCONF_TYPE_BOOL && head.keyBytes <= kMaxKeyBytes &&
            head.textBytes <= kMaxTextBytes && size == sizeof(head) + head.keyBytes + head.textBytes &&
            (head.textBytes == 0 || head.type == VCONF_TYPE_STRING);

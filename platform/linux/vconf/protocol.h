@@ -25,7 +25,8 @@ enum class Operation : std::uint8_t {
               ///< that number is not the one that the request holds, the key as it is now is a change, too
     Unwatch,
     Answer,  ///< to the request with the same ticket; `error` is 0 or an errno
-    Changed  ///< sent unasked to those who watch the key
+    Changed,  ///< sent unasked to those who watch the key
+    Next      ///< answered with the first key behind this one, which may be empty, and its value, or ENOENT
 };
 
 /// `Message::change` of a Watch that wants no more than the changes from now on.

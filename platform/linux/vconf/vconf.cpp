@@ -131,6 +131,24 @@ int vconf_unset(const char* key) {
     return Set(key, {});
 }
 
+int vconf_next_key(const char* key, char* next, size_t size) {
+    return Guarded([&] {
+        Message request;
+        Message answer;
+        errno = EINVAL;
+        if (key == nullptr || next == nullptr || size == 0 || (*key != '\0' && !IsKey(key))) {
+            return false;
+        }
+        request.operation = Operation::Next;
+        request.key = key;
+        if (!Link().Call(request, &answer)) {
+            return false;
+        }
+        next[answer.key.copy(next, size - 1)] = '\0';
+        return true;
+    });
+}
+
 int vconf_notify_key_changed(const char* key, vconf_callback_fn callback, void* user_data) {
     return Guarded(
         [&] { return IsKey(key) && callback != nullptr && Watcher().Add(key, callback, user_data); });

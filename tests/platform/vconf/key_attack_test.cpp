@@ -54,7 +54,7 @@ TEST_F(Attacker, WhoSendsWhatIsNoRequestIsCutOff) {
     for (const std::string& frame :
          {std::string(), std::string("x"), good.substr(0, 31), good + "x", good.substr(0, good.size() - 1),
           std::string(32, '\0'), std::string(100, '\xff'), std::string(70000, 'x'),
-          with(0, std::string(1, '\0')), with(0, "\x05"), with(0, "\x06"), with(0, "\x07"), with(1, "\x04"),
+          with(0, std::string(1, '\0')), with(0, "\x05"), with(0, "\x06"), with(0, "\x08"), with(1, "\x04"),
           with(2, "\xff\xff"), with(4, ff4), with(4, std::string("\x01\x00\x00\x00", 4)),
           with(34, std::string(1, '\0'))}) {
         EXPECT_EQ(Answer(frame), -1) << testing::PrintToString(frame.substr(0, 40));

@@ -86,6 +86,35 @@ TEST_F(StoredValue, NeedsAKeyThatIsNeitherEmptyNorTooLong) {
     }
 }
 
+/// All keys, in the order in which the store lists them.
+std::vector<std::string> ListedKeys() {
+    std::vector<std::string> keys;
+    char key[kLongestKey + 1] = "";
+    while (vconf_next_key(key, key, sizeof(key)) == 0) {
+        keys.emplace_back(key);
+    }
+    EXPECT_EQ(errno, ENOENT);
+    return keys;
+}
+
+TEST_F(StoredValue, IsListedInTheOrderOfTheKeysWhereverItIsStored) {
+    const std::string longest(kLongestKey, 'z');
+    EXPECT_TRUE(ListedKeys().empty());
+    for (const char* key :
+         {"memory/b", "other", "db/b", "memory/a", longest.c_str(), "db/a", "db/a/b", "db/gone"}) {
+        ASSERT_TRUE(SetInt(key, 1));
+    }
+    ASSERT_EQ(vconf_unset("db/gone"), 0);
+
+    EXPECT_EQ(ListedKeys(),
+              std::vector<std::string>({"db/a", "db/a/b", "db/b", "memory/a", "memory/b", "other", longest}));
+    char next[4];
+    EXPECT_EQ(vconf_next_key("db/b", next, sizeof(next)), 0);
+    EXPECT_STREQ(next, "mem") << "cut to fit";
+    EXPECT_EQ(vconf_next_key((longest + "z").c_str(), next, sizeof(next)), -1);
+    EXPECT_EQ(errno, EINVAL);
+}
+
 TEST_F(StoredValue, MayBeALongStringButNotATooLongOne) {
     const std::string longest(kLongestText, 'x');
     EXPECT_EQ(vconf_set_str("db/k", longest.c_str()), 0);

@@ -41,6 +41,7 @@ constexpr const char* kSchema =
     " change INTEGER NOT NULL, owner INTEGER NOT NULL) WITHOUT ROWID";
 
 constexpr const char* kGet = "SELECT type, value, change, owner FROM keys WHERE name = ?1";
+constexpr const char* kNext = "SELECT name FROM keys WHERE name > ?1 AND type <> 0 ORDER BY name LIMIT 1";
 constexpr const char* kSet =
     "INSERT OR REPLACE INTO keys(name, type, value, change, owner) VALUES(?1, ?2, ?3, ?4, ?5)";
 constexpr const char* kAll = "SELECT type, value, change, owner, name FROM keys";
@@ -109,6 +110,20 @@ bool KeyDatabase::Get(std::string_view key, Row* out) {
             return code;
         }
         *out = ReadRow(run);
+        return SQLITE_DONE;
+    });
+}
+
+bool KeyDatabase::Next(std::string_view key, std::string* next) {
+    next->clear();
+    return Perform(READ, [&] {
+        base::Run run(m_next);
+        run.Bind(1, key);
+        const int code = run.Step();
+        if (code != SQLITE_ROW) {
+            return code;
+        }
+        *next = run.Text(0);
         return SQLITE_DONE;
     });
 }
@@ -269,7 +284,8 @@ int KeyDatabase::CheckWhole() {
 }
 
 int KeyDatabase::PrepareAll() {
-    for (const auto& [statement, sql] : {std::pair(&m_get, kGet), std::pair(&m_set, kSet)}) {
+    for (const auto& [statement, sql] :
+         {std::pair(&m_get, kGet), std::pair(&m_next, kNext), std::pair(&m_set, kSet)}) {
         *statement = base::Prepare(m_connection.get(), sql);
         if (*statement == nullptr) {
             return Fail(sqlite3_errcode(m_connection.get()), sqlite3_errmsg(m_connection.get()));
@@ -327,6 +343,7 @@ int KeyDatabase::Fail(int code, const std::string& reason) {
 
 void KeyDatabase::Close() {
     m_get.reset();
+    m_next.reset();
     m_set.reset();
     m_connection.reset();
 }

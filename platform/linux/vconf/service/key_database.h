@@ -42,6 +42,9 @@ public:
 
     /// False when the store cannot be read.
     [[nodiscard]] bool Get(std::string_view key, Row* out);
+    /// The first key behind this one in the order of their bytes; `next` is empty when there is none. False
+    /// when the store cannot be read.
+    [[nodiscard]] bool Next(std::string_view key, std::string* next);
     /// Sets the key, or removes it when the value is VCONF_TYPE_NONE, and gives the row its new number. `old`
     /// is what Get said. False when it could not be stored; then the old one stands.
     [[nodiscard]] bool Set(std::string_view key, const Row& old, Row* row);
@@ -77,6 +80,7 @@ private:
     base::DatabasePtr m_connection;
     std::uint64_t m_deadline = 0;  // steady nanoseconds; what takes longer is interrupted
     base::StatementPtr m_get;
+    base::StatementPtr m_next;
     base::StatementPtr m_set;
     std::int64_t m_lastChange = 0;
     std::int64_t m_removals = 0;  // rows of removed keys

@@ -158,6 +158,9 @@ bool Server::Handle(Client* client, const Message& request) {
         case Operation::Get:
             answer.error = Get(request.key, &answer);
             break;
+        case Operation::Next:
+            answer.error = Next(request.key, &answer);
+            break;
         case Operation::Set:
             answer.error = Set(client, request, &row);
             answer.change = row.change;
@@ -198,6 +201,17 @@ int Server::Get(const std::string& key, Message* answer) {
     answer->value = std::move(row.value);
     answer->change = row.change;
     return answer->value.type != VCONF_TYPE_NONE ? 0 : ENOENT;
+}
+
+int Server::Next(const std::string& key, Message* answer) {
+    std::string durable;
+    std::string volatileKey;
+    if (!m_durable->Next(key, &durable) || !m_memory->Next(key, &volatileKey)) {
+        return EIO;
+    }
+    const bool isDurable = volatileKey.empty() || (!durable.empty() && durable < volatileKey);
+    answer->key = std::move(isDurable ? durable : volatileKey);
+    return answer->key.empty() ? ENOENT : Get(answer->key, answer);
 }
 
 /// An errno or 0; without a change `row` says so.

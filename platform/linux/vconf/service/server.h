@@ -52,6 +52,7 @@ private:
     [[nodiscard]] bool Flush(Client* client);
     [[nodiscard]] bool Handle(Client* client, const Message& request);
     int Get(const std::string& key, Message* answer);
+    int Next(const std::string& key, Message* answer);
     int Set(Client* client, const Message& request, Row* row);
     int Watch(Client* client, const Message& request, Row* row);
     void Unwatch(Client* client, const std::string& key);
