@@ -2,10 +2,13 @@
 
 #include <fcntl.h>
 #include <glib.h>
+#include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <optional>
 #include <stdexcept>
+#include <thread>
 
 #include "HandOverQueue.h"
 #include "HitNews.h"
@@ -53,6 +56,17 @@ constexpr std::chrono::milliseconds kIdlePause(10);
 constexpr int kPowerThreads = 1;
 constexpr int kReason = 0;
 
+/// Threads that there are without the daemon. A sanitizer begins one of its own together with the first of
+/// the program's.
+int CountOtherThreads() {
+    pid_t first = 0;
+    std::thread([&first] { first = gettid(); }).join();
+    while (tgkill(getpid(), first, 0) == 0) {
+        std::this_thread::yield();
+    }
+    return fakes::clock::CountThreads() + kPowerThreads;
+}
+
 /// Whether it is the folder of a report, and not something that a scenario has set.
 bool IsReport(const std::string& path) {
     const std::string root = std::string(ZOL_PATH_REPORT_ROOT) + "/";
@@ -84,7 +98,7 @@ struct Device::Daemon {
     std::unique_ptr<zol::PolicyService> service;
 };
 
-Device::Device(std::int64_t start) : m_otherThreads(fakes::clock::CountThreads() + kPowerThreads) {
+Device::Device(std::int64_t start) : m_otherThreads(CountOtherThreads()) {
     fakes::Reset();
     fakes::clock::SetWall(start);
     fakes::clock::LetNap(kIdlePause);
