@@ -6,7 +6,7 @@ import xml.etree.ElementTree
 
 import pytest
 
-from conftest import BIN, EMULATOR, TOP, policy, int_rule, string_rule, wait_for
+from conftest import BIN, EMULATOR, SANITIZER_OPTIONS, int_rule, policy, string_rule, wait_for
 
 # An emulated zolctl cannot start another program.
 COMMAND = [BIN / "zol_policy_test"] if EMULATOR else [BIN / "zolctl", "policy", "test"]
@@ -24,7 +24,7 @@ class Runner:
         self.folder = folder
         self.scratch = folder / "scratch"
         self.scratch.mkdir()
-        self.env = {**os.environ, "TMPDIR": str(self.scratch)}
+        self.env = {**os.environ, **SANITIZER_OPTIONS, "TMPDIR": str(self.scratch)}
         self.write("policy.xml", POLICY)
 
     def write(self, name, text):

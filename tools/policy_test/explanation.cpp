@@ -1,6 +1,8 @@
 #include "explanation.h"
 
+#include <algorithm>
 #include <cstdint>
+#include <iterator>
 #include <map>
 #include <string_view>
 
@@ -10,13 +12,15 @@
 namespace policytest {
 namespace {
 
+using Texts = std::map<std::string, std::string>;
+
 std::string Quoted(const std::string& text) {
     return '"' + text + '"';
 }
 
 /// The items "name=value;" of a description in braces.
-std::map<std::string, std::string> ItemsOf(const std::string& description) {
-    std::map<std::string, std::string> items;
+Texts ItemsOf(const std::string& description) {
+    Texts items;
     std::string_view rest = description;
     rest.remove_prefix(rest.substr(0, 1) == "{" ? 1 : 0);
     while (!rest.empty() && rest != "}") {
@@ -29,23 +33,28 @@ std::map<std::string, std::string> ItemsOf(const std::string& description) {
     return items;
 }
 
-std::string DifferenceOf(const std::string& what, const std::map<std::string, std::string>& found,
-                         const std::map<std::string, std::string>& expected) {
-    for (const auto& [name, value] : expected) {
-        const auto there = found.find(name);
-        if (there == found.end()) {
-            std::vector<std::string_view> known;
-            for (const auto& [each, unused] : found) {
-                known.push_back(each);
-            }
-            const std::string meant(zol::NearestOf(known, name));
-            return what + " has no " + name + (meant.empty() ? "" : " (did you mean " + meant + "?)");
-        }
-        if (there->second != value) {
-            return "the " + name + " of " + what + " is " + Quoted(there->second) + ", not " + Quoted(value);
-        }
+std::string Missing(const std::string& what, const Texts& found, const std::string& name) {
+    std::vector<std::string_view> known;
+    std::transform(found.begin(), found.end(), std::back_inserter(known),
+                   [](const auto& each) { return std::string_view(each.first); });
+    const std::string meant(zol::NearestOf(known, name));
+    return what + " has no " + name + (meant.empty() ? "" : " (did you mean " + meant + "?)");
+}
+
+std::string DifferenceOf(const std::string& what, const Texts& found, const Texts& expected) {
+    const auto differs = [&found](const auto& each) {
+        const auto there = found.find(each.first);
+        return there == found.end() || there->second != each.second;
+    };
+    const auto first = std::find_if(expected.begin(), expected.end(), differs);
+    if (first == expected.end()) {
+        return {};
     }
-    return {};
+    const auto& [name, value] = *first;
+    const auto there = found.find(name);
+    return there == found.end()
+               ? Missing(what, found, name)
+               : "the " + name + " of " + what + " is " + Quoted(there->second) + ", not " + Quoted(value);
 }
 
 /// The values of a rule by their names, as text.
@@ -116,10 +125,10 @@ std::string DescribeMonitor(const Values& rule) {
     return text;
 }
 
-std::string DescribeTexts(const std::string& what, const std::map<std::string, std::string>& texts) {
+std::string DescribeTexts(const std::string& what, const Texts& texts) {
     std::string text;
     for (const auto& [name, value] : texts) {
-        text += ", " + what + " " + name + " " + Quoted(value);
+        text.append(", ").append(what).append(" ").append(name).append(" ").append(Quoted(value));
     }
     return text;
 }

@@ -53,6 +53,28 @@ void HandleSignals(void (*handler)(int)) {
     }
 }
 
+/// As fork does. A signal that has come, or comes, ends the child.
+pid_t Fork() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int number : kSignals) {
+        sigaddset(&signals, number);
+    }
+    sigset_t before;
+    sigprocmask(SIG_BLOCK, &signals, &before);
+    const pid_t child = fork();
+    if (child == 0) {
+        HandleSignals(SIG_DFL);
+    } else {
+        g_child = child;
+        if (g_signal != 0 && child > 0) {
+            kill(child, SIGKILL);
+        }
+    }
+    sigprocmask(SIG_SETMASK, &before, nullptr);
+    return child;
+}
+
 void WriteAll(int fd, const std::string& text) {
     for (std::size_t at = 0; at < text.size();) {
         const ssize_t written = write(fd, text.data() + at, text.size() - at);
@@ -163,7 +185,7 @@ std::optional<Failure> Judge(const Scenario& scenario, const std::string& said, 
     Told kind = Told::PLACE;
     std::vector<std::string> texts;
     while (Unpack(in, kind, place, texts)) {
-        if (kind == Told::DONE) {
+        if (kind == Told::DONE && status == 0) {
             return std::nullopt;
         }
         if (kind == Told::FAILURE) {
@@ -221,16 +243,14 @@ std::optional<Failure> PlayIsolated(const Scenario& scenario) {
     }
     base::UniqueFd in(ends[0]);
     base::UniqueFd out(ends[1]);
-    const pid_t child = fork();
+    const pid_t child = Fork();
     if (child < 0) {
         throw std::runtime_error("cannot start a process: " + base::LastError().message());
     }
     if (child == 0) {
-        HandleSignals(SIG_DFL);
         in.Reset();
         PlayHere(scenario, out.Get());
     }
-    g_child = child;
     out.Reset();
     const std::string said = ReadAll(in.Get());
     const int status = WaitFor(child);

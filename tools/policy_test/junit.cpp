@@ -83,7 +83,7 @@ std::string CaseOf(const Result& result) {
     const std::string element = result.outcome == Result::Outcome::FAILED ? "failure" : "error";
     text += ">\n      <" + element + Attribute("message", result.text) + ">";
     for (const std::string& reason : result.reasons) {
-        text += Escaped(reason) + "\n";
+        text.append(Escaped(reason)).append("\n");
     }
     return text + "</" + element + ">\n    </testcase>\n";
 }
@@ -119,7 +119,10 @@ std::error_code WriteJunit(const std::string& path, const std::vector<Result>& r
     }
     std::string text = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<testsuites" + Counts(all) + ">\n";
     for (const std::string& file : files) {
-        text += "  <testsuite" + Attribute("name", file) + Counts(byFile[file]) + ">\n";
+        text.append("  <testsuite")
+            .append(Attribute("name", file))
+            .append(Counts(byFile[file]))
+            .append(">\n");
         for (const Result* result : byFile[file]) {
             text += CaseOf(*result);
         }

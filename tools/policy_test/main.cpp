@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <optional>
@@ -190,8 +189,6 @@ int Run(int argc, char** argv) {
 int main(int argc, char** argv) {
     // Who reads the output may go at any time: that is a failed write like any other.
     std::signal(SIGPIPE, SIG_IGN);
-    // Moments are UTC, whatever the machine's time zone.
-    setenv("TZ", "UTC0", 1);
     try {
         const int status = policytest::Run(argc, argv);
         if (!std::cout.flush()) {

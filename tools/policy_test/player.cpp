@@ -1,6 +1,7 @@
 #include "player.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "explanation.h"
@@ -22,7 +23,7 @@ std::string ObjectOf(const Action& action) {
     if (const auto* set = std::get_if<SetKeys>(&action)) {
         std::string text;
         for (const auto& [key, value] : set->keys) {
-            text += (text.empty() ? "" : ", ") + key + " = " + FormatKeyValue(value);
+            text.append(text.empty() ? "" : ", ").append(key).append(" = ").append(FormatKeyValue(value));
         }
         return text;
     }
@@ -109,7 +110,7 @@ void Player::Run(const Step& step) {
 void Player::Collect(const Step* step) {
     std::string effect = step != nullptr ? WhatCounted(step->action) : "";
     for (Hit& hit : TakeHits()) {
-        effect += "; " + Describe(hit);
+        effect.append("; ").append(Describe(hit));
         m_came.push_back({std::move(hit), step});
     }
     if (step == nullptr || std::holds_alternative<ExpectHits>(step->action)) {
@@ -218,19 +219,17 @@ void Player::Do(const ExpectHits& action) {
 
 void Player::FailMissing(const ExpectedHit& expected, const std::vector<Came>& unexpected) {
     std::vector<std::string> reasons;
-    for (const Came& came : unexpected) {
-        reasons.push_back("what came instead: " + Describe(came.hit) + "; " +
-                          DifferenceOf(came.hit, expected));
-    }
+    std::transform(unexpected.begin(), unexpected.end(), std::back_inserter(reasons), [&](const Came& came) {
+        return "what came instead: " + Describe(came.hit) + "; " + DifferenceOf(came.hit, expected);
+    });
     Fail(expected.place, "expected " + Describe(expected) + (reasons.empty() ? ", and none came" : ""),
          std::move(reasons));
 }
 
 void Player::FailUnexpected(const std::vector<Came>& unexpected) {
     std::vector<std::string> reasons;
-    for (std::size_t next = 1; next < unexpected.size(); ++next) {
-        reasons.push_back("and " + Describe(unexpected[next].hit));
-    }
+    std::transform(unexpected.begin() + 1, unexpected.end(), std::back_inserter(reasons),
+                   [](const Came& came) { return "and " + Describe(came.hit); });
     Fail(m_step->place, "nothing expects " + Describe(unexpected.front().hit), std::move(reasons));
 }
 

@@ -123,8 +123,8 @@ std::string FormatLength(nanoseconds length) {
     nanoseconds last(0);
     for (const Unit& unit : kUnits) {
         if (unit.length != last && length >= unit.length) {
-            text += (text.empty() ? "" : " ") + std::to_string(length / unit.length) + " " +
-                    std::string(unit.name);
+            text.append(text.empty() ? "" : " ").append(std::to_string(length / unit.length));
+            text.append(" ").append(unit.name);
             length %= unit.length;
         }
         last = unit.length;
