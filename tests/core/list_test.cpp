@@ -137,9 +137,9 @@ TEST_F(List, RunningOffTheEndLeavesTheCursor) {
 TEST_F(List, StepsOfTheWrongSignAssert) {
     Fill(2);
     EXPECT_FALSE(m_list.SetPosition(IPosition::POS_HEAD, -1));
-    EXPECT_EQ(Assertions("index >= 0 [core/src/List"), 1);
+    EXPECT_EQ(Assertions("index >= 0 [core/src/List:72]"), 1);
     EXPECT_FALSE(m_list.SetPosition(IPosition::POS_TAIL, 1));
-    EXPECT_EQ(Assertions("index <= 0 [core/src/List"), 1);
+    EXPECT_EQ(Assertions("index <= 0 [core/src/List:104]"), 1);
 }
 
 TEST_F(List, DestructedWithElementsItAsserts) {

@@ -86,6 +86,7 @@ TEST_F(Task, AnEventIsCopiedAndCarriesAPointerOrTwoNumbers) {
     event.param.l[0] = -1;
     event.param.l[1] = 2147483647;
     EXPECT_TRUE(CCTask::Send(&event, true));
+    EXPECT_EQ(event.sem, nullptr) << "nobody waits any more";
     EXPECT_EQ(receiver.last.type, 7U);
     EXPECT_EQ(receiver.last.param.l[0], -1);
     EXPECT_EQ(receiver.last.param.l[1], 2147483647);

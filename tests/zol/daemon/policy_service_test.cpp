@@ -185,6 +185,14 @@ TEST_F(PolicyServiceTest, AMonitorIsExplainedWithWhatItHasCounted) {
     EXPECT_TRUE(m_service->Explain("pairing").empty()) << "that is no key";
 }
 
+TEST_F(PolicyServiceTest, ARuleThatHeldIsExplainedAsReported) {
+    fakes::vconf::SetInt("db/a", 1);
+    m_service->SetPolicy(PolicyFor("db/a"));
+
+    EXPECT_EQ(TextOf(m_service->Explain("db/a").at(0), "state"), "reported at the start");
+    EXPECT_EQ(m_service->State().rulesWatched, 1U);
+}
+
 TEST_F(PolicyServiceTest, EachInstallMonitorIsExplained) {
     m_service->SetPolicy(Document(
         ItemFor("db/a") + "<monitor kind='1' id='b' name='B' method='11' duration='1' repetition='9'/>"

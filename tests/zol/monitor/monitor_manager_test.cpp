@@ -128,6 +128,7 @@ TEST_F(MonitorManager, TheFirstInstallMonitorThatCannotStartEndsTheStart) {
     EXPECT_FALSE(Start({Installing("c"), Installing("a"), Installing("b")}));
     EXPECT_EQ(RegisteredIds(), std::vector<std::string>({"a"}));
     ExpectErrors({"fail to start APP INSTALL"});
+    EXPECT_FALSE(m_manager->IsWatchingAll());
     EXPECT_EQ(Logged("StartMonitoring() end"), 0);
 }
 
