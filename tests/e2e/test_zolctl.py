@@ -1,4 +1,5 @@
 """What zolctl prints: changes of watched keys, reported events, pushed files."""
+import json
 import re
 import signal
 import subprocess
@@ -84,6 +85,60 @@ def test_reported_events_are_listed_oldest_first_in_tab_separated_columns(machin
         assert row[1:] == [event["time"], "20_errdata", "ZOL", "EV007", event["description"]]
         assert re.fullmatch(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ", row[1])
     assert listed.stderr == ""
+
+
+def report(machine, *values):
+    """An event for each value of a rule's key, in their order."""
+    for number, value in enumerate(values, len(machine.kpi()) + 1):
+        machine.set(NUMBER, str(value), "int")
+        wait_for(lambda number=number: len(machine.kpi()) == number, f"{number} events")
+
+
+def test_of_the_events_the_newest_or_those_since_a_moment_are_listed(machine, daemon):
+    del daemon
+    machine.push(policy(int_rule(NUMBER, "GREATER", 0)))
+    report(machine, 1, 2, 3)
+    everything = machine.zolctl("kpi", "list", check=0).stdout.splitlines()
+
+    def listed(*arguments):
+        return machine.zolctl("kpi", "list", *arguments, check=0).stdout.splitlines()
+
+    assert len(everything) == 3
+    assert listed("-n", "2") == everything[1:] and listed("-n", "9") == everything
+    assert listed("--since", "1h") == listed("--since", "2001-01-01T00:00:00Z") == everything
+    assert listed("--since", "2199-01-01T00:00:00Z") == listed("--since", "0s")[:0] == []
+    events = json.loads(machine.zolctl("kpi", "list", "--json", "-n", "1", check=0).stdout)
+    assert [event["items"]["value"] for event in events] == ["3"] and events[0]["items"]["key"] == NUMBER
+    for wrong in (("--since", "yesterday"), ("--since", "-1h"), ("--since", "1w"), ("-n", "0"), ("-n", "x")):
+        refused = machine.zolctl("kpi", "list", *wrong)
+        assert (refused.returncode, refused.stdout) == (2, "") and refused.stderr.count("\n") == 1
+
+
+def test_events_are_followed_until_interrupted(machine, daemon):
+    del daemon
+    machine.push(policy(int_rule(NUMBER, "GREATER", 0)))
+    report(machine, 1)
+    process = machine.start(BIN / "zolctl", "kpi", "list", "--follow", stdout=subprocess.PIPE, text=True)
+    assert "value=1;" in process.stdout.readline()
+
+    report(machine, 2, 3)
+
+    assert ["value=2;" in process.stdout.readline(), "value=3;" in process.stdout.readline()] == [True, True]
+    process.send_signal(signal.SIGINT)
+    assert process.wait(timeout=60) == 0 and process.stdout.read() == ""
+
+
+@pytest.mark.parametrize("words, hint", [
+    (("stauts",), "A subcommand is required (did you mean status?)"),
+    (("policy", "psh"), "A subcommand is required (did you mean push?)"),
+    (("policy", "push", "--frce", "x"), "The following argument was not expected: --frce (did you mean --force?)"),
+    (("--verison",), "A subcommand is required (did you mean --version?)"), (("vconf",), "A subcommand is required"),
+    (("elephant",), "A subcommand is required")])
+def test_a_word_that_is_unknown_is_answered_with_the_nearest_one(machine, words, hint):
+    told = machine.zolctl(*words)
+
+    assert (told.returncode, told.stdout, told.stderr) == (2, "", f"zolctl: {hint} (see zolctl --help)\n")
+    assert machine.zolctl("--version", check=0).stdout.startswith("zolctl 1.")
 
 
 def test_a_watched_text_of_several_lines_does_not_forge_an_event(machine, daemon):

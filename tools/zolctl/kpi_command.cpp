@@ -1,31 +1,65 @@
+#include <glib.h>
 #include <json/value.h>
+
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "KPILogFramework.h"
+#include "base/glib_handles.h"
 #include "commands.h"
+#include "loop.h"
+#include "moment.h"
 #include "output.h"
 #include "text.h"
 
 namespace zolctl {
 namespace {
 
+using KPILogFramework::TSKpiEvent;
 using tools::OneLine;
 using tools::UtcTime;
 
-void PrintText(const std::vector<KPILogFramework::TSKpiEvent>& events) {
-    for (const auto& event : events) {
+constexpr unsigned kLookMs = 500;
+constexpr std::size_t kMostEvents = KPILogFramework::CLogger::MAX_EVENTS;
+
+struct KpiOptions {
+    bool isJson = false;
+    bool isFollow = false;
+    std::size_t most = 0;  ///< 0: all
+    std::string since;
+};
+
+void PrintText(const std::vector<TSKpiEvent>& events) {
+    for (const TSKpiEvent& event : events) {
         std::cout << event.sequence << '\t' << UtcTime(event.timeSeconds) << '\t' << event.type << '\t'
                   << event.category << '\t' << event.eventId << '\t' << OneLine(event.description) << '\n';
     }
 }
 
-Json::Value ToJson(const std::vector<KPILogFramework::TSKpiEvent>& events) {
+/// The items of "{name=value;...}". A value that holds a semicolon ends there: the description does not say.
+Json::Value ItemsOf(const std::string& description) {
+    Json::Value items(Json::objectValue);
+    std::size_t begin = description.find_first_not_of('{');
+    while (begin < description.size()) {
+        const std::size_t end = std::min(description.find_first_of(";}", begin), description.size());
+        const std::size_t equals = description.find('=', begin);
+        if (equals < end) {
+            items[description.substr(begin, equals - begin)] =
+                description.substr(equals + 1, end - equals - 1);
+        }
+        begin = end + 1;
+    }
+    return items;
+}
+
+Json::Value ToJson(const std::vector<TSKpiEvent>& events) {
     Json::Value list(Json::arrayValue);
-    for (const auto& event : events) {
+    for (const TSKpiEvent& event : events) {
         Json::Value one;
         one["sequence"] = Json::Int64(event.sequence);
         one["time"] = UtcTime(event.timeSeconds);
@@ -33,23 +67,72 @@ Json::Value ToJson(const std::vector<KPILogFramework::TSKpiEvent>& events) {
         one["category"] = event.category;
         one["event_id"] = event.eventId;
         one["description"] = event.description;
+        one["items"] = ItemsOf(event.description);
         list.append(one);
     }
     return list;
 }
 
-int List(bool json) {
-    auto& logger = KPILogFramework::CLogger::GetInstance();
-    std::vector<KPILogFramework::TSKpiEvent> events;
-    if (!logger.ListEvents(events)) {
+/// The events behind a number, of a moment and later. False when the log cannot be read.
+bool Read(std::int64_t behind, std::int64_t since, std::vector<TSKpiEvent>& events) {
+    if (!KPILogFramework::CLogger::GetInstance().ListEvents(events)) {
         std::cerr << "zolctl: the event log cannot be read\n";
+        return false;
+    }
+    events.erase(std::remove_if(events.begin(), events.end(),
+                                [=](const TSKpiEvent& event) {
+                                    return event.sequence <= behind || event.timeSeconds < since;
+                                }),
+                 events.end());
+    return true;
+}
+
+/// Prints what comes until interrupted, or until the output cannot be written or the log not be read.
+int Follow(std::int64_t last) {
+    Loop loop;
+    base::GSourcePtr timer;
+    int status = EXIT_OK;
+    const std::function<void()> look = [&] {
+        std::vector<TSKpiEvent> events;
+        if (!Read(last, 0, events)) {
+            status = EXIT_UNREACHABLE;
+        }
+        PrintText(events);
+        last = events.empty() ? last : events.back().sequence;
+        std::cout.flush();
+        if (status != EXIT_OK || !std::cout) {
+            loop.Quit();
+        }
+        timer = base::StartTimer(nullptr, kLookMs, look);
+    };
+    look();
+    loop.Run();
+    return status;
+}
+
+int List(const KpiOptions& options) {
+    std::int64_t since = 0;
+    if (!options.since.empty()) {
+        const std::optional<std::int64_t> moment = MomentOf(options.since);
+        if (!moment) {
+            std::cerr << "zolctl: --since " << OneLine(options.since) << ": " << kMomentForms << '\n';
+            return EXIT_UNREACHABLE;
+        }
+        since = *moment;
+    }
+    std::vector<TSKpiEvent> events;
+    if (!Read(0, since, events)) {
         return EXIT_UNREACHABLE;
     }
-    json ? PrintJson(ToJson(events)) : PrintText(events);
-    if (const std::int64_t dropped = logger.DroppedEvents(); dropped > 0) {
+    const std::int64_t last = events.empty() ? 0 : events.back().sequence;
+    if (options.most != 0 && events.size() > options.most) {
+        events.erase(events.begin(), events.end() - static_cast<std::ptrdiff_t>(options.most));
+    }
+    options.isJson ? PrintJson(ToJson(events)) : PrintText(events);
+    if (const std::int64_t dropped = KPILogFramework::CLogger::GetInstance().DroppedEvents(); dropped > 0) {
         std::cerr << "zolctl: " << dropped << " older events were dropped\n";
     }
-    return EXIT_OK;
+    return options.isFollow ? Follow(last) : EXIT_OK;
 }
 
 }  // namespace
@@ -58,9 +141,17 @@ void AddKpiCommand(CLI::App& app, Action& action) {
     CLI::App* kpi = app.add_subcommand("kpi", "Events that the daemon reported");
     kpi->require_subcommand(1);
     CLI::App* list = kpi->add_subcommand("list", "Print the events sent, oldest first");
-    auto json = std::make_shared<bool>(false);
-    list->add_flag("--json", *json, "As a JSON array");
-    list->callback([json, &action] { action = [json] { return List(*json); }; });
+    list->footer(
+        "Lines: SEQUENCE, TIME, TYPE, CATEGORY, ID, DESCRIPTION with tabs in between.\n"
+        "Example: zolctl kpi list --since 2h --follow");
+    auto options = std::make_shared<KpiOptions>();
+    CLI::Option* json =
+        list->add_flag("--json", options->isJson, "As a JSON array, the description's items parsed");
+    list->add_option("-n", options->most, "The newest so many only")->check(CLI::Range(std::size_t{1}, kMostEvents));
+    list->add_option("--since", options->since, "Of this time and later: " + std::string(kMomentForms));
+    list->add_flag("-f,--follow", options->isFollow, "Go on with what comes until interrupted")
+        ->excludes(json);
+    list->callback([options, &action] { action = [options] { return List(*options); }; });
 }
 
 }  // namespace zolctl

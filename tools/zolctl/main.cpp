@@ -1,12 +1,45 @@
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <csignal>
 #include <exception>
 #include <iostream>
+#include <string>
+#include <string_view>
+#include <vector>
 
+#include "PolicyNames.h"
 #include "commands.h"
 #include "text.h"
 
 namespace {
+
+/// The command that was entered as far as it is known.
+const CLI::App& Deepest(const CLI::App& app) {
+    const std::vector<CLI::App*> entered = app.get_subcommands();
+    return entered.empty() ? app : Deepest(*entered.back());
+}
+
+/// " (did you mean list?)" for a word that is like a command or an option that may stand there; else empty.
+std::string Hint(const CLI::App& app) {
+    const CLI::App& command = Deepest(app);
+    const std::vector<std::string> left = app.remaining(true);
+    const auto unknown =
+        std::find_if(left.begin(), left.end(), [](const std::string& word) { return word != "--"; });
+    if (unknown == left.end()) {
+        return "";
+    }
+    std::vector<std::string> names;
+    for (const CLI::App* each : command.get_subcommands({})) {
+        names.push_back(each->get_name());
+    }
+    for (const CLI::Option* option : command.get_options()) {
+        for (const std::string& name : option->get_lnames()) {
+            names.push_back("--" + name);
+        }
+    }
+    const std::string_view nearest = zol::NearestOf({names.begin(), names.end()}, *unknown);
+    return nearest.empty() ? "" : " (did you mean " + std::string(nearest) + "?)";
+}
 
 int Run(int argc, char** argv) {
     CLI::App app{
@@ -14,8 +47,9 @@ int Run(int argc, char** argv) {
         "reported "
         "events, takes reports."};
     app.require_subcommand(1);
-    app.failure_message([](const CLI::App* /*app*/, const CLI::Error& error) {
-        return "zolctl: " + tools::OneLine(error.what()) + " (see zolctl --help)\n";
+    app.set_version_flag("--version", "zolctl " ZOL_VERSION, "Print the version and exit");
+    app.failure_message([&app](const CLI::App* /*failed*/, const CLI::Error& error) {
+        return "zolctl: " + tools::OneLine(error.what()) + Hint(app) + " (see zolctl --help)\n";
     });
     zolctl::Action action;
     zolctl::AddStatusCommand(app, action);

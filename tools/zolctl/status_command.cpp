@@ -1,8 +1,6 @@
-#include <glib-unix.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <csignal>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -12,6 +10,7 @@
 #include "base/glib_handles.h"
 #include "commands.h"
 #include "hand_over.h"
+#include "loop.h"
 #include "output.h"
 #include "policy_daemon.h"
 #include "state.h"
@@ -98,22 +97,12 @@ public:
     Watcher() : m_isTerminal(isatty(STDOUT_FILENO) == 1) {}
 
     int Run() {
-        const guint handlers[] = {g_unix_signal_add(SIGINT, Quit, m_loop.get()),
-                                  g_unix_signal_add(SIGTERM, Quit, m_loop.get())};
         Look();
-        g_main_loop_run(m_loop.get());
-        for (const guint handler : handlers) {
-            g_source_remove(handler);
-        }
+        m_loop.Run();
         return EXIT_OK;
     }
 
 private:
-    static gboolean Quit(gpointer loop) {
-        g_main_loop_quit(static_cast<GMainLoop*>(loop));
-        return G_SOURCE_CONTINUE;
-    }
-
     void Look() {
         Json::Value properties;
         std::ostringstream text;
@@ -129,12 +118,12 @@ private:
         }
         m_timer = base::StartTimer(nullptr, kLookMs, [this] { Look(); });
         if (!std::cout) {
-            g_main_loop_quit(m_loop.get());
+            m_loop.Quit();
         }
     }
 
     const bool m_isTerminal;
-    const base::GMainLoopPtr m_loop{g_main_loop_new(nullptr, FALSE)};
+    Loop m_loop;
     PolicyDaemon m_daemon;
     std::string m_shown;
     base::GSourcePtr m_timer;

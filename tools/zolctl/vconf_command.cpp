@@ -1,12 +1,8 @@
-#include <glib-unix.h>
-#include <glib.h>
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
@@ -17,6 +13,7 @@
 
 #include "base/glib_handles.h"
 #include "commands.h"
+#include "loop.h"
 #include "text.h"
 #include "vconf.h"
 
@@ -170,19 +167,14 @@ void PrintChange(keynode_t* node, void* loop) {
     value.text = node->str_value != nullptr ? node->str_value : "";
     std::cout << OneLine(node->keyname) << '\t' << TypeName(value.type) << '\t' << Shown(value) << std::endl;
     if (!std::cout) {
-        g_main_loop_quit(static_cast<GMainLoop*>(loop));
+        static_cast<Loop*>(loop)->Quit();
     }
 }
 
-gboolean Quit(gpointer loop) {
-    g_main_loop_quit(static_cast<GMainLoop*>(loop));
-    return G_SOURCE_CONTINUE;
-}
-
 int Watch(const std::vector<std::string>& keys, bool isNow) {
-    const base::GMainLoopPtr loop(g_main_loop_new(nullptr, FALSE));
+    Loop loop;
     for (const std::string& key : keys) {
-        if (vconf_notify_key_changed(key.c_str(), PrintChange, loop.get()) < 0) {
+        if (vconf_notify_key_changed(key.c_str(), PrintChange, &loop) < 0) {
             return Fail("watch", key, errno);
         }
     }
@@ -190,13 +182,11 @@ int Watch(const std::vector<std::string>& keys, bool isNow) {
         Print(key, Read(key));
     }
     std::cout.flush();
-    g_unix_signal_add(SIGINT, Quit, loop.get());
-    g_unix_signal_add(SIGTERM, Quit, loop.get());
     // Whoever reads this through a pipe may start changing keys now.
     std::cerr << "watching " << keys.size() << (keys.size() == 1 ? " key" : " keys") << std::endl;
-    g_main_loop_run(loop.get());
+    loop.Run();
     for (const std::string& key : keys) {
-        vconf_withdraw_key_changed(key.c_str(), PrintChange, loop.get());
+        vconf_withdraw_key_changed(key.c_str(), PrintChange, &loop);
     }
     return EXIT_OK;
 }
