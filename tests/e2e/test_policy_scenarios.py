@@ -366,6 +366,6 @@ def test_a_path_in_the_key_of_the_collector_leads_nowhere(runner):
     victim = runner.folder / "victim"
     victim.mkdir()
     path = "/tmp/zol/" + "../" * 12 + str(victim)
-    assert runner.play(f"set: {{db/zol/send_zol_files_path: {path}}}",
+    assert runner.play(f"set: {{{LEVEL}: 3}}", f"expect: {LEVEL}", f"set: {{db/zol/send_zol_files_path: {path}}}",
                        f"holds: {{db/zol/send_zol_files_path: {path}}}")[0] == 0
     assert victim.exists()

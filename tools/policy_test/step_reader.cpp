@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <filesystem>
+#include <iterator>
 #include <optional>
 #include <string_view>
 #include <utility>
@@ -94,9 +95,8 @@ const KnownStep& FindStep(const YamlValue& name) {
                                            [&word](const KnownStep& step) { return step.word == word; });
     if (found == kSteps.end()) {
         std::vector<std::string_view> known;
-        for (const KnownStep& step : kSteps) {
-            known.push_back(step.word);
-        }
+        std::transform(kSteps.begin(), kSteps.end(), std::back_inserter(known),
+                       [](const KnownStep& step) { return step.word; });
         RefuseWord(name.At(), "step", word, known);
     }
     return *found;
@@ -130,7 +130,7 @@ int IndentationBehind(const std::string& text, int line) {
 }
 
 PolicyText InlinePolicy(const YamlValue& value, const Reading& reading) {
-    const Place place = value.At();
+    const Place& place = value.At();
     PolicyText policy{place, place.file, std::make_shared<std::string>(value.Text("a policy")),
                       place.line - 1, place.column - (value.IsQuoted() ? 0 : 1)};
     if (!value.IsQuoted() || policy.xml->find('\n') == std::string::npos) {

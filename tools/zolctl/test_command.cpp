@@ -30,6 +30,7 @@ int Test(std::vector<std::string> words) {
     const std::string program = Program();
     words.insert(words.begin(), "zolctl policy test");
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words) {
         arguments.push_back(word.data());
     }
