@@ -26,6 +26,7 @@ void AddTestCommand(CLI::App& policy, Action& action);
 /// Below "policy", too: "show" and "explain".
 void AddShowCommands(CLI::App& policy, Action& action);
 void AddStatusCommand(CLI::App& app, Action& action);
+void AddDoctorCommand(CLI::App& app, Action& action);
 void AddVconfCommand(CLI::App& app, Action& action);
 void AddKpiCommand(CLI::App& app, Action& action);
 void AddReportCommand(CLI::App& app, Action& action);

@@ -57,6 +57,7 @@ int Run(int argc, char** argv) {
     zolctl::AddVconfCommand(app, action);
     zolctl::AddKpiCommand(app, action);
     zolctl::AddReportCommand(app, action);
+    zolctl::AddDoctorCommand(app, action);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -26,6 +26,8 @@ public:
     /// An array with an object for each rule that looks at the key; of all rules for an empty one.
     [[nodiscard]] EEnd Explain(const std::string& key, Json::Value& rules);
 
+    /// Why the last call did not come to anything.
+    [[nodiscard]] const std::string& LastError() const { return m_bus.LastError(); }
     /// Says on standard error why the last call did not come to anything. @return the exit status for it
     [[nodiscard]] int Fail(EEnd end) const;
 
