@@ -40,6 +40,7 @@ TEST_F(NotifyManager, ItsConstructionEmptiesAndWatchesTheKey) {
     EXPECT_EQ(PublishedPath(), "");
     EXPECT_EQ(fakes::vconf::Registrations(kKey), 1);
     ExpectErrors({"TCNotifyManager()", "> success"});
+    EXPECT_EQ(Logged("vconf_set_str fail"), 0);
 
     fakes::vconf::Fail(kKey, fakes::vconf::FAIL_SET | fakes::vconf::FAIL_NOTIFY);
     const NotifyUnderTest other;
