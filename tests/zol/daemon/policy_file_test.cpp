@@ -291,12 +291,19 @@ TEST_F(StoredPolicyFile, AFileThatMayNotBeReadIsLogged) {
                  {"Unable to open policy /var/lib/zol/policy.xml, errno: 13, message: Permission denied"});
 }
 
-TEST_F(StoredPolicyFile, AFileThatGivesFewerBytesThanItSaysIsRefused) {
+TEST_F(StoredPolicyFile, AFileThatGivesFewerBytesThanItSaysIsRefusedAndReadAgain) {
     // Attributes of the kernel call themselves a page long.
     const char* const shorter = "/sys/devices/system/cpu/online";
+    const std::string place = Mapped(ZOL_PATH_POLICY);
     ASSERT_EQ(access(shorter, R_OK), 0);
-    ASSERT_EQ(symlink(shorter, Mapped(ZOL_PATH_POLICY).c_str()), 0);
+    ASSERT_EQ(symlink(shorter, place.c_str()), 0);
     ExpectNotLoaded("expected size 4096", DLOG_PRIORITY_DEBUG);
+
+    Start();
+    ASSERT_EQ(unlink(place.c_str()), 0);
+    StorePolicy(PolicyFor("db/a"));
+    EXPECT_TRUE(LetRetryCome());
+    EXPECT_TRUE(IsRunning());
 }
 
 TEST_F(StoredPolicyFile, ATruncatedFileStillAppliesTheItemsItHolds) {
