@@ -263,9 +263,9 @@ TEST_F(Log, TheUdpPrinterSendsDatagramsWhateverTheWay) {
     host.Watch(g_sockfd);
 
     _PRINT_UDP_F(4, "filtered");
-    _PRINT_UDP_F(1, "hello");
+    _PRINT_UDP_F(1, "hello %d %s", 7, "times");
 
-    EXPECT_THAT(host.Next(), EndsWith(") [0] ZOL--> hello\n"));
+    EXPECT_THAT(host.Next(), EndsWith(") [0] ZOL--> hello 7 times\n"));
     EXPECT_TRUE(fakes::dlog::Lines().empty());
     close(g_sockfd);  // Finalize closes it only when lines go out by UDP
 }
