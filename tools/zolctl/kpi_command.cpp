@@ -147,7 +147,8 @@ void AddKpiCommand(CLI::App& app, Action& action) {
     auto options = std::make_shared<KpiOptions>();
     CLI::Option* json =
         list->add_flag("--json", options->isJson, "As a JSON array, the description's items parsed");
-    list->add_option("-n", options->most, "The newest so many only")->check(CLI::Range(std::size_t{1}, kMostEvents));
+    list->add_option("-n", options->most, "The newest so many only")
+        ->check(CLI::Range(std::size_t{1}, kMostEvents));
     list->add_option("--since", options->since, "Of this time and later: " + std::string(kMomentForms));
     list->add_flag("-f,--follow", options->isFollow, "Go on with what comes until interrupted")
         ->excludes(json);

@@ -36,8 +36,8 @@ const std::string& Root() {
     return *root;
 }
 
-/// What a device's kernel tells of it, and where a machine keeps it whose kernel does not: zol-device-id makes
-/// those files.
+/// What a device's kernel tells of it, and where a machine keeps it whose kernel does not: zol-device-id
+/// makes those files.
 struct IdFile {
     std::string_view device;
     const char* made;

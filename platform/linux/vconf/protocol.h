@@ -24,7 +24,7 @@ enum class Operation : std::uint8_t {
     Watch,    ///< answered with the number of the key's last change; every change from then on is sent. When
               ///< that number is not the one that the request holds, the key as it is now is a change, too
     Unwatch,
-    Answer,  ///< to the request with the same ticket; `error` is 0 or an errno
+    Answer,   ///< to the request with the same ticket; `error` is 0 or an errno
     Changed,  ///< sent unasked to those who watch the key
     Next      ///< answered with the first key behind this one, which may be empty, and its value, or ENOENT
 };
