@@ -47,7 +47,7 @@ struct TSPolicyState {
     std::uint32_t rulesWatched = 0;
     std::uint32_t rulesDropped = 0;  ///< items that are not fit to be watched
     std::int64_t since = 0;          ///< when what runs was applied, seconds since 1970; 0: nothing runs
-    std::int64_t expires = 0;        ///< seconds since 1970; 0: never, or no policy
+    std::int64_t expires = 0;        ///< seconds since 1970; 0: it has expired, or there is none
     std::uint32_t pathsWaiting = 0;  ///< reports that wait for the collector, the published one not counted
     TSPolicyHit lastHit;
     std::vector<std::string> missingServices;

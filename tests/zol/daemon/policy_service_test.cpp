@@ -136,15 +136,19 @@ TEST_F(PolicyServiceTest, TheSupervisorIsToldWhatRuns) {
         << "what it finds at the start";
 }
 
-TEST_F(PolicyServiceTest, WhatRunsHasRunAsLongAlsoWhenTheWallClockWasSet) {
+TEST_F(PolicyServiceTest, WhatRunsHasRunAsLongAlsoWhenTheWallClockWasSetAndThroughStandby) {
     EXPECT_EQ(m_service->State().since, 0) << "nothing runs";
     m_service->SetPolicy(PolicyFor("db/a"));
     const std::int64_t begin = fakes::clock::kEpoch;
 
     EXPECT_EQ(m_service->State().since, begin);
-    fakes::clock::SetWall(begin + 1000000);
-    fakes::clock::Advance(std::chrono::seconds(5));
+    fakes::clock::SetWall(begin + 36000);  // after a standby
+    EXPECT_EQ(m_service->State().since, begin);
+    fakes::clock::SetWall(begin + 36000 + 1000000);
+    m_clock.AccumulateTimeShift(-1000000);  // as the scheduler takes out what the clock was set by
     EXPECT_EQ(m_service->State().since, begin + 1000000);
+    m_service->SetPolicy(PolicyFor("db/b"));
+    EXPECT_EQ(m_service->State().since, begin + 1000000) << "that one is stored";
 }
 
 TEST_F(PolicyServiceTest, HitsAreToldAndTheLastOneIsKept) {

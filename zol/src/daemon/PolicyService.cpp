@@ -5,6 +5,7 @@
 #include <optional>
 #include <utility>
 
+#include "ExceptionWall.h"
 #include "HandOverQueue.h"
 #include "HitNews.h"
 #include "PolicyCheck.h"
@@ -15,6 +16,8 @@
 #include "ZOLControl.h"
 #include "ZOLInformationStorage.h"
 #include "ZOLPolicyManager.h"
+#include "ZOLScheduler.h"
+#include "ZOLShiftedClock.h"
 #include "platform_clock.h"
 #include "platform_services.h"
 #include "service_watchdog.h"
@@ -22,7 +25,7 @@
 namespace zol {
 namespace {
 
-constexpr std::uint64_t kNsPerSecond = 1000000000;
+constexpr const char* kLogModule = "zol::PolicyService";
 /// Keeps the sum with any clock within 64 bits: some 30,000 million years.
 constexpr std::uint64_t kLongestSeconds = 1000000000000000000;
 
@@ -38,20 +41,6 @@ const char* WordOf(TCPolicyManager::EOutcome outcome) {
             break;
     }
     return "refused";
-}
-
-/// As the wall clock stands now, which may have been set meanwhile. Policy time goes as fast as it does, from
-/// another moment.
-void TellTimes(TCPolicyManager& manager, TSPolicyState& state) {
-    platform_time_t now{};
-    if (platform_clock_realtime(&now) != 0) {
-        return;
-    }
-    const std::uint64_t ran = platform_clock_steady_ns() - manager.Sets().back()->BeganNs();
-    state.since = now.seconds - static_cast<std::int64_t>(ran / kNsPerSecond);
-    if (const std::optional<std::uint64_t> left = manager.GetScheduler().GetTimeLeft()) {
-        state.expires = now.seconds + static_cast<std::int64_t>(std::min(*left, kLongestSeconds));
-    }
 }
 
 std::vector<std::string> MissingServices() {
@@ -71,11 +60,11 @@ PolicyService::PolicyService(IPolicyServer& server, TCPolicyManager& manager)
       m_manager(manager),
       m_hits(HitNews::Listen([&server](const TSPolicyHit& hit) { server.TellPolicyHit(hit); })) {
     m_manager.SetChangeListener([this] {
+        m_NoteChange();
         m_server.TellPolicyChange();
-        m_TellStatus();
     });
     m_server.ServePolicy(this);
-    m_TellStatus();
+    CatchAll(kLogModule, [this] { m_NoteChange(); });
 }
 
 PolicyService::~PolicyService() {
@@ -83,7 +72,31 @@ PolicyService::~PolicyService() {
     m_manager.SetChangeListener({});
 }
 
-void PolicyService::m_TellStatus() {
+void PolicyService::m_NoteChange() {
+    const TCPolicyTasks* const running = m_manager.Sets().empty() ? nullptr : m_manager.Sets().back().get();
+    if (running != m_running || m_runningDigest != m_manager.RunningDigest()) {
+        m_since = m_manager.GetScheduler().GetClock().GetCurrentTime();
+        m_running = running;
+        m_runningDigest = m_manager.RunningDigest();
+    }
+    m_TellStatus();
+}
+
+/// As the wall clock stands now, which may have been set meanwhile. Policy time goes as fast as it does, in
+/// standby, too, from another moment.
+void PolicyService::m_TellTimes(TSPolicyState& state) const {
+    platform_time_t now{};
+    if (platform_clock_realtime(&now) != 0) {
+        return;
+    }
+    TCScheduler& scheduler = m_manager.GetScheduler();
+    state.since = now.seconds - (scheduler.GetClock().GetCurrentTime() - m_since);
+    if (const std::optional<std::uint64_t> left = scheduler.GetTimeLeft()) {
+        state.expires = now.seconds + static_cast<std::int64_t>(std::min(*left, kLongestSeconds));
+    }
+}
+
+void PolicyService::m_TellStatus() const {
     std::string line = "No policy runs";
     if (!m_manager.Sets().empty()) {
         line = std::to_string(m_manager.Sets().back()->CountWatched()) + " rules watched, " +
@@ -127,7 +140,7 @@ TSPolicyState PolicyService::State() {
     state.rulesDropped = m_manager.Dropped();
     if (!m_manager.Sets().empty()) {
         state.rulesWatched = static_cast<std::uint32_t>(m_manager.Sets().back()->CountWatched());
-        TellTimes(m_manager, state);
+        m_TellTimes(state);
     }
     state.pathsWaiting = static_cast<std::uint32_t>(HandOverQueue::WaitingInAll());
     state.lastHit = HitNews::Last();

@@ -1,5 +1,6 @@
 #pragma once
 /// What the D-Bus interface org.zol.Policy1 shows and does, on top of the policy manager.
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -9,6 +10,7 @@
 namespace zol {
 
 class TCPolicyManager;
+class TCPolicyTasks;
 
 /// Serves the interface for as long as it lives, and tells of changes and hits. On the thread that dispatches
 /// calls, which is the one that makes and destroys it.
@@ -27,10 +29,15 @@ public:
     TSPolicyDigests Digests() override;
 
 private:
-    void m_TellStatus();
+    void m_NoteChange();
+    void m_TellTimes(TSPolicyState& state) const;
+    void m_TellStatus() const;
 
     IPolicyServer& m_server;
     TCPolicyManager& m_manager;
+    const TCPolicyTasks* m_running = nullptr;  ///< the set that was the last one at the last change
+    std::string m_runningDigest;               ///< of its document
+    std::int64_t m_since = 0;                  ///< when it became so, in policy time
     base::Subscription m_hits;
 };
 

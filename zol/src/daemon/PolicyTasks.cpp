@@ -6,12 +6,11 @@
 #include "ZOLMonitorManager.h"
 #include "ZOLNotifyManager.h"
 #include "ZOLVconfChecker.h"
-#include "platform_clock.h"
 
 namespace zol {
 
 TCPolicyTasks::TCPolicyTasks(std::vector<ZOLVconfMonitor> keys, bool hasMonitors)
-    : m_keys(std::move(keys)), m_hasMonitors(hasMonitors), m_beganNs(platform_clock_steady_ns()) {}
+    : m_keys(std::move(keys)), m_hasMonitors(hasMonitors) {}
 
 TCPolicyTasks::~TCPolicyTasks() = default;
 

@@ -34,9 +34,6 @@ public:
     /// Whether everything runs and nothing that it watches was refused.
     [[nodiscard]] bool IsWatchingAll() const;
 
-    /// When this was made, in nanoseconds of the steady clock.
-    [[nodiscard]] std::uint64_t BeganNs() const { return m_beganNs; }
-
     /// Null while there is none.
     [[nodiscard]] const TCVconfChecker* Checker() const { return m_checker.get(); }
     [[nodiscard]] const TCMonitorManager* Monitors() const { return m_monitors.get(); }
@@ -49,7 +46,6 @@ public:
 private:
     std::vector<ZOLVconfMonitor> m_keys;  ///< until the checker has them
     const bool m_hasMonitors;
-    const std::uint64_t m_beganNs;
     // Those that report go before the one they report to.
     std::unique_ptr<TCNotifyManager> m_notify;
     std::unique_ptr<TCMonitorManager> m_monitors;
