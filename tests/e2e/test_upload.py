@@ -1,5 +1,6 @@
 """zol_collector --upload: what the server gets, and what becomes of a report for each of its answers."""
 import os
+import pathlib
 import shutil
 import signal
 import subprocess
@@ -85,6 +86,26 @@ def test_what_cannot_be_packed_is_sent_as_it_is(machine, server):
 
     assert (sent.returncode, sent.stdout) == (0, "")
     assert server.uploads[0][1].files == {"core": b"x" * 300000, "below/log": b"line\n"}
+
+
+def test_what_is_packed_in_part_gives_its_room_back_before_the_report_is_sent(machine, server):
+    entry = collected(machine, files={"core": os.urandom(300000)})
+    small = machine.path("/small")
+    small.mkdir()
+    left = []
+
+    def look(handler):
+        del handler
+        left.append(list(pathlib.Path(f"/proc/{process.pid}/root{small}/upload").iterdir()))
+
+    server.answers = [look]
+    root = [] if os.geteuid() == 0 else ["--map-root-user"]
+    mount = f"mount -t tmpfs -o size=64k tmpfs {small} && exec \"$0\" \"$@\""
+    process = machine.start("unshare", "--mount", *root, "sh", "-c", mount, BIN / "zol_upload", "--url", server.url,
+                            "--scratch", small, entry)
+
+    assert process.wait(timeout=60) == 3, "it had no answer"
+    assert left == [[]]
 
 
 def test_what_a_killed_upload_has_left_goes_with_the_next(machine, server):

@@ -46,7 +46,9 @@ void Add(CLI::App& app, Options& options) {
     app.add_option("--proxy", options.target.proxy, "Proxy; without: that of the environment");
     app.add_option("--timeout", options.target.timeoutSeconds, "Seconds without a byte")
         ->check(CLI::Range(1L, kLongestTimeout));
-    app.add_option("--scratch", options.scratch, "Folder for packed files")->required();
+    app.add_option("--scratch", options.scratch,
+                   "Folder for packed files, for uploads alone: \"upload\" in it is removed")
+        ->required();
     app.add_option("FOLDER", options.entry, "A folder of the spool: <number>-<id>")->required();
 }
 

@@ -40,7 +40,9 @@ Scratch::~Scratch() {
     }
 }
 
-std::error_code Pack(int from, const std::string& to) {
+namespace {
+
+std::error_code PackInto(int from, const std::string& to) {
     errno = 0;
     GzipPtr packed(gzopen(to.c_str(), "wbe"));
     if (packed == nullptr) {
@@ -57,6 +59,16 @@ std::error_code Pack(int from, const std::string& to) {
         return base::LastError();
     }
     return gzclose(packed.release()) == Z_OK ? std::error_code() : Failure();
+}
+
+}  // namespace
+
+std::error_code Pack(int from, const std::string& to) {
+    const std::error_code error = PackInto(from, to);
+    if (error) {
+        unlink(to.c_str());  // what there is of it takes room that others need
+    }
+    return error;
 }
 
 }  // namespace upload

@@ -21,7 +21,8 @@ private:
     std::string m_path;
 };
 
-/// Packs an opened file into a new one, as gzip does, block by block. The same bytes give the same bytes.
+/// Packs an opened file into a new one, as gzip does, block by block. The same bytes give the same bytes. One
+/// that cannot be packed whole leaves nothing.
 [[nodiscard]] std::error_code Pack(int from, const std::string& to);
 
 }  // namespace upload
