@@ -232,6 +232,10 @@ UNREADABLE = [
     (scenario("set: {a: 99999999999}"),
      "4:14: no key holds the integer 99999999999 (a key has 32 bits; in quotation marks it is a text)"),
     (scenario("set: {a: [1]}"), "4:14: expected the value of a key, not a list"),
+    (scenario("standby: 1500 ms"), "4:14: expected whole seconds"),
+    (scenario("off: 500 ms"), "4:10: expected whole seconds"),
+    (scenario("set: &many {a: " + "x" * 10000 + "}", *["set: *many"] * 2000),
+     "4:20: more than 16777216 bytes of keys and values in one file"),
     (scenario("install:"), "4:5: expected the id of an application, not nothing"),
     (scenario("restart", head="step: 1\n"), "3:1: entry of a scenario 'step' is unknown (did you mean steps?)"),
     (scenario("restart", head="faulty: yes\n"), "3:9: faulty is true or false, not 'yes'"),
@@ -246,7 +250,7 @@ UNREADABLE = [
     ("[" * 100000, "1:1: no scenario: nested too deeply"),
     ("#" * (1 << 20) + "#", "1:1: a scenario file has at most 1048576 bytes"),
     (scenario("expect: &many [" + "pairing, " * 1000 + "]", *["expect: *many"] * 100),
-     "4:8120: more than 100000 steps and expected hits in one file"),
+     "4:8120: more than 100000 steps, keys and expected hits in one file"),
 ]
 
 

@@ -32,7 +32,7 @@ void ReadEntry(Scenario& scenario, const YamlValue& name, const YamlValue& value
     } else if (word == "start") {
         scenario.start = ReadMoment(value);
     } else if (word == "keys") {
-        scenario.keys = ReadKeys(value);
+        scenario.keys = ReadKeys(value, reading);
     } else if (word == "steps") {
         for (const YamlValue& step : value.Items("steps")) {
             scenario.steps.push_back(ReadStep(step, reading));

@@ -18,6 +18,7 @@ namespace {
 
 /// Played in about a minute.
 constexpr std::size_t kMaxParts = 100000;
+constexpr std::size_t kMaxKeyBytes = std::size_t{16} * 1024 * 1024;
 
 using ReadAction = Action (*)(const YamlValue& value, Reading& reading);
 
@@ -37,7 +38,12 @@ std::chrono::nanoseconds ReadLength(const YamlValue& value) {
 }
 
 std::chrono::seconds ReadSeconds(const YamlValue& value) {
-    return std::chrono::duration_cast<std::chrono::seconds>(ReadLength(value));
+    const std::chrono::nanoseconds length = ReadLength(value);
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(length);
+    if (seconds != length) {
+        value.Refuse("expected whole seconds");
+    }
+    return seconds;
 }
 
 void RefuseArgument(const YamlValue& value) {
@@ -55,7 +61,8 @@ std::string ReadId(const YamlValue& value) {
 }
 
 constexpr std::array<KnownStep, 14> kSteps{{
-    {"set", [](const YamlValue& value, Reading&) -> Action { return SetKeys{ReadKeys(value)}; }},
+    {"set",
+     [](const YamlValue& value, Reading& reading) -> Action { return SetKeys{ReadKeys(value, reading)}; }},
     {"connect",
      [](const YamlValue& value, Reading&) -> Action {
          return ConnectRemote{true, value.IsNull() ? "" : value.Text("the address of a remote")};
@@ -85,7 +92,8 @@ constexpr std::array<KnownStep, 14> kSteps{{
      [](const YamlValue& value, Reading& reading) -> Action { return HandOver{ReadPolicy(value, reading)}; }},
     {"expect",
      [](const YamlValue& value, Reading& reading) -> Action { return ReadExpectedHits(value, reading); }},
-    {"holds", [](const YamlValue& value, Reading&) -> Action { return ExpectKeys{ReadKeys(value)}; }},
+    {"holds",
+     [](const YamlValue& value, Reading& reading) -> Action { return ExpectKeys{ReadKeys(value, reading)}; }},
     {"state", [](const YamlValue& value, Reading&) -> Action { return ReadExpectedState(value); }},
 }};
 
@@ -131,8 +139,13 @@ int IndentationBehind(const std::string& text, int line) {
 
 PolicyText InlinePolicy(const YamlValue& value, const Reading& reading) {
     const Place& place = value.At();
-    PolicyText policy{place, place.file, std::make_shared<std::string>(value.Text("a policy")),
-                      place.line - 1, place.column - (value.IsQuoted() ? 0 : 1)};
+    const std::string& text = value.Text("a policy");
+    // Aliases of one share it. No path is like a policy.
+    std::shared_ptr<const std::string>& known = (*reading.policies)[text];
+    if (known == nullptr) {
+        known = std::make_shared<std::string>(text);
+    }
+    PolicyText policy{place, place.file, known, place.line - 1, place.column - (value.IsQuoted() ? 0 : 1)};
     if (!value.IsQuoted() || policy.xml->find('\n') == std::string::npos) {
         return policy;
     }
@@ -152,7 +165,7 @@ std::string PathBeside(const std::string& scenario, const std::string& name) {
 
 void CountPart(const YamlValue& value, Reading& reading) {
     if (++reading.parts > kMaxParts) {
-        value.Refuse("more than " + std::to_string(kMaxParts) + " steps and expected hits in one file");
+        value.Refuse("more than " + std::to_string(kMaxParts) + " steps, keys and expected hits in one file");
     }
 }
 
@@ -173,18 +186,24 @@ PolicyText ReadPolicy(const YamlValue& value, Reading& reading) {
     return {value.At(), path, known, 0, 0};
 }
 
-Keys ReadKeys(const YamlValue& value) {
+Keys ReadKeys(const YamlValue& value, Reading& reading) {
     Keys keys;
     for (const auto& [name, content] : value.Entries("keys")) {
         const std::string& key = name.Text("the name of a key");
         if (key.empty()) {
             name.Refuse("expected the name of a key");
         }
+        CountPart(name, reading);
         if (content.IsNull()) {
             keys.emplace_back(key, KeyValue());
             continue;
         }
         const std::string& text = content.Text("the value of a key");
+        reading.keyBytes += key.size() + text.size();
+        if (reading.keyBytes > kMaxKeyBytes) {
+            content.Refuse("more than " + std::to_string(kMaxKeyBytes) +
+                           " bytes of keys and values in one file");
+        }
         const std::optional<KeyValue> read = content.IsQuoted() ? KeyValue(text) : ParseKeyValue(text);
         if (!read) {
             content.Refuse("no key holds the integer " + text,
