@@ -31,7 +31,8 @@ public:
     BusCaller(const BusCaller&) = delete;
     BusCaller& operator=(const BusCaller&) = delete;
 
-    /// Calls a method and waits at most `timeoutMs` (-1: without limit).
+    /// Calls a method and waits at most `timeoutMs` for the answer (-1: without limit). Connecting takes as
+    /// long again at most, five seconds, or twice that when it cannot be given up.
     /// @param parameters a tuple; a floating one is consumed
     /// @param type of the answer, a tuple; another one is FAILED
     [[nodiscard]] EEnd Call(const BusObject& object, const char* method, GVariant* parameters,

@@ -240,7 +240,7 @@ def test_warnings_are_told_and_the_policy_is_sent(machine, daemon, write):
 
     pushed = machine.zolctl("policy", "push", file, check=0)
 
-    assert (re.fullmatch(ACCEPTED, pushed.stdout) is not None, pushed.stderr) == (True, f"zolctl: {file}:{EMPTY_RANGE}\n")
+    assert re.fullmatch(ACCEPTED, pushed.stdout) and pushed.stderr == f"zolctl: {file}:{EMPTY_RANGE}\n"
 
 
 def test_an_empty_document_is_never_sent(machine, daemon):

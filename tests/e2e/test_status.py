@@ -150,7 +150,8 @@ def test_rules_are_shown_and_explained(machine, daemon):
     unknown = machine.zolctl("policy", "explain", "db/none", "--json")
     assert (unknown.returncode, unknown.stdout, unknown.stderr) == (
         1, "[]\n", "zolctl: no rule that runs looks at db/none\n")
-    no_text = subprocess.run([BIN / "zolctl", "policy", "explain", b"\xff"], env=machine.env, capture_output=True, check=False)
+    no_text = subprocess.run([BIN / "zolctl", "policy", "explain", b"\xff"], env=machine.env, capture_output=True,
+                             check=False)
     assert (no_text.returncode, no_text.stderr) == (1, b"zolctl: no rule that runs looks at \xff\n")
 
 

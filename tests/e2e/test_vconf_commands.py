@@ -20,6 +20,13 @@ def test_keys_are_listed_with_their_types_in_their_order(machine):
     assert machine.zolctl("vconf", "list", "z" * 300, check=0).stdout == ""
 
 
+def test_what_a_terminal_would_obey_is_shown_as_in_c(machine):
+    machine.set("db/\x1b[2J", "red\x1b[31m", "string")
+
+    assert machine.zolctl("vconf", "list", check=0).stdout == "db/\\x1b[2J\tstring\tred\\x1b[31m\n"
+    assert machine.zolctl("vconf", "get", "db/\x1b[2J", check=0).stdout == "red\x1b[31m\n", "as it is"
+
+
 def test_a_key_is_removed_once(machine):
     machine.set("db/a", "1", "int")
 

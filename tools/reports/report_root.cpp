@@ -82,6 +82,10 @@ Outcome ReportRoot::OpenReport(const std::string& name, base::UniqueFd& folder) 
     return {errno == ENOENT ? Problem::Missing : Problem::Unreadable, path, error};
 }
 
+bool ReportRoot::IsGone(const std::string& name) const {
+    return faccessat(m_fd.Get(), name.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT;
+}
+
 std::string PathOf(const std::string& name) {
     return std::string(ZOL_PATH_REPORT_ROOT) + "/" + name;
 }

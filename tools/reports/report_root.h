@@ -20,6 +20,9 @@ public:
     /// Opens one by its name; refuses whatever is not a folder of root's that only root writes to.
     [[nodiscard]] Outcome OpenReport(const std::string& name, base::UniqueFd& folder) const;
 
+    /// Whether nothing of this name is there any more: somebody else may take a report at any moment.
+    [[nodiscard]] bool IsGone(const std::string& name) const;
+
     /// For the ...at calls.
     [[nodiscard]] int Fd() const { return m_fd.Get(); }
 

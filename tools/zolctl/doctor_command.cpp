@@ -29,10 +29,11 @@
 namespace zolctl {
 namespace {
 
-using tools::OneLine;
+using tools::Printable;
 
 /// Below that a policy of some size, or a report, does not fit any more.
 constexpr std::uint64_t kFreeBytes = std::uint64_t{16} * 1024 * 1024;
+constexpr unsigned kSystemctlMs = 5000;
 /// A clock before this moment (2026-01-01) was not set since the machine started.
 constexpr std::int64_t kEarliest = 1767225600;
 
@@ -61,7 +62,7 @@ private:
     void Tell(const char* name, const std::string& text, const std::string& advice = "") {
         m_isSound = m_isSound && advice.empty();
         if (!m_isJson) {
-            std::cout << (advice.empty() ? "ok" : "wrong") << '\t' << name << '\t' << OneLine(text)
+            std::cout << (advice.empty() ? "ok" : "wrong") << '\t' << name << '\t' << Printable(text)
                       << (advice.empty() ? "" : "; " + advice) << '\n';
             return;
         }
@@ -101,23 +102,36 @@ private:
             return;
         }
         for (const char* unit : {"zol.service", "zol-vconf.socket"}) {
-            base::Command command;
-            command.words = {"systemctl", "is-active", "--quiet", unit};
-            command.isQuiet = true;
-            const base::ProcessEnd end = RunProcess(command);
-            const bool isActive = !end.error && end.status == 0;
-            Tell("unit", std::string(unit) + (isActive ? " is active" : " is not active"),
+            if (!Systemctl("cat", unit)) {
+                continue;  // this machine has none: something else serves
+            }
+            const bool isActive = Systemctl("is-active", unit);
+            Tell(unit, isActive ? "is active" : "is not active",
                  isActive ? "" : std::string("systemctl enable --now ") + unit);
         }
     }
 
+    static bool Systemctl(const char* verb, const char* unit) {
+        base::Command command;
+        command.words = {"systemctl", verb, unit};
+        command.isQuiet = true;
+        command.timeoutMs = kSystemctlMs;
+        const base::ProcessEnd end = RunProcess(command);
+        return !end.error && end.status == 0;
+    }
+
+    /// Starts none: that would belong to whoever looks.
     void LookAtStore() {
         std::string path;
-        if (reports::ReadPublished(path)) {
+        if (vconf_is_served() == 0) {
+            Tell("keys", "no key store is served",
+                 "systemctl enable --now zol-vconf.socket, or start the daemon, which serves one");
+        } else if (reports::ReadPublished(path)) {
             Tell("keys", path.empty() ? "the key store answers, no report is published"
                                       : "the key store answers, published: " + path);
         } else {
-            Tell("keys", std::strerror(errno), reports::StoreError(errno));
+            Tell("keys", reports::StoreError(errno),
+                 "call as root or as a member of the group zol, or see the log");
         }
     }
 

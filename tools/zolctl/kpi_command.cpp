@@ -22,9 +22,10 @@ namespace {
 
 using KPILogFramework::TSKpiEvent;
 using tools::OneLine;
+using tools::Printable;
 using tools::UtcTime;
 
-constexpr unsigned kLookMs = 500;
+constexpr unsigned kLookMs = 1000;
 constexpr std::size_t kMostEvents = KPILogFramework::CLogger::MAX_EVENTS;
 
 struct KpiOptions {
@@ -37,7 +38,7 @@ struct KpiOptions {
 void PrintText(const std::vector<TSKpiEvent>& events) {
     for (const TSKpiEvent& event : events) {
         std::cout << event.sequence << '\t' << UtcTime(event.timeSeconds) << '\t' << event.type << '\t'
-                  << event.category << '\t' << event.eventId << '\t' << OneLine(event.description) << '\n';
+                  << event.category << '\t' << event.eventId << '\t' << Printable(event.description) << '\n';
     }
 }
 
@@ -73,32 +74,41 @@ Json::Value ToJson(const std::vector<TSKpiEvent>& events) {
     return list;
 }
 
-/// The events behind a number, of a moment and later. False when the log cannot be read.
-bool Read(std::int64_t behind, std::int64_t since, std::vector<TSKpiEvent>& events) {
-    if (!KPILogFramework::CLogger::GetInstance().ListEvents(events)) {
+/// False when the log cannot be read.
+bool ReadAll(std::vector<TSKpiEvent>& events) {
+    const bool isRead = KPILogFramework::CLogger::GetInstance().ListEvents(events);
+    if (!isRead) {
         std::cerr << "zolctl: the event log cannot be read\n";
-        return false;
     }
+    return isRead;
+}
+
+std::int64_t NewestOf(const std::vector<TSKpiEvent>& events) {
+    return events.empty() ? 0 : events.back().sequence;
+}
+
+/// Leaves those behind a number, of a moment and later.
+void Keep(std::vector<TSKpiEvent>& events, std::int64_t behind, std::int64_t since) {
     events.erase(std::remove_if(events.begin(), events.end(),
                                 [=](const TSKpiEvent& event) {
                                     return event.sequence <= behind || event.timeSeconds < since;
                                 }),
                  events.end());
-    return true;
 }
 
 /// Prints what comes until interrupted, or until the output cannot be written or the log not be read.
-int Follow(std::int64_t last) {
+int Follow(std::int64_t last, std::int64_t since) {
     Loop loop;
     base::GSourcePtr timer;
     int status = EXIT_OK;
     const std::function<void()> look = [&] {
         std::vector<TSKpiEvent> events;
-        if (!Read(last, 0, events)) {
-            status = EXIT_UNREACHABLE;
-        }
+        status = ReadAll(events) ? EXIT_OK : EXIT_UNREACHABLE;
+        const std::int64_t newest = NewestOf(events);
+        // A damaged log is begun anew, and its numbers with it.
+        Keep(events, newest < last ? 0 : last, since);
         PrintText(events);
-        last = events.empty() ? last : events.back().sequence;
+        last = newest;
         std::cout.flush();
         if (status != EXIT_OK || !std::cout) {
             loop.Quit();
@@ -121,10 +131,11 @@ int List(const KpiOptions& options) {
         since = *moment;
     }
     std::vector<TSKpiEvent> events;
-    if (!Read(0, since, events)) {
+    if (!ReadAll(events)) {
         return EXIT_UNREACHABLE;
     }
-    const std::int64_t last = events.empty() ? 0 : events.back().sequence;
+    const std::int64_t last = NewestOf(events);
+    Keep(events, 0, since);
     if (options.most != 0 && events.size() > options.most) {
         events.erase(events.begin(), events.end() - static_cast<std::ptrdiff_t>(options.most));
     }
@@ -132,7 +143,7 @@ int List(const KpiOptions& options) {
     if (const std::int64_t dropped = KPILogFramework::CLogger::GetInstance().DroppedEvents(); dropped > 0) {
         std::cerr << "zolctl: " << dropped << " older events were dropped\n";
     }
-    return options.isFollow ? Follow(last) : EXIT_OK;
+    return options.isFollow ? Follow(last, since) : EXIT_OK;
 }
 
 }  // namespace

@@ -11,8 +11,7 @@ namespace {
 constexpr base::BusObject kPolicy{"org.zol.Daemon1", "/org/zol/Daemon1", "org.zol.Policy1"};
 constexpr base::BusObject kProperties{"org.zol.Daemon1", "/org/zol/Daemon1",
                                       "org.freedesktop.DBus.Properties"};
-constexpr int kTimeoutMs = 10000;
-constexpr int kLongTimeoutMs = 60000;  // applying or explaining a policy of thousands of rules takes a while
+constexpr int kTimeoutMs = 60000;  // applying or explaining a policy of thousands of rules takes a while
 
 Json::Value ToJson(GVariant* value);
 
@@ -60,7 +59,7 @@ Json::Value ToJson(GVariant* value) {
 PolicyDaemon::EEnd PolicyDaemon::SetPolicy(const std::string& document, Handed& handed) {
     base::GVariantPtr answer;
     const EEnd end = m_bus.Call(kPolicy, "SetPolicy", g_variant_new("(s)", document.c_str()), "(bsa(uussss))",
-                                kLongTimeoutMs, answer);
+                                kTimeoutMs, answer);
     if (end == EEnd::ANSWERED) {
         gboolean isAccepted = FALSE;
         const char* outcome = nullptr;
@@ -70,10 +69,10 @@ PolicyDaemon::EEnd PolicyDaemon::SetPolicy(const std::string& document, Handed& 
     return end;
 }
 
-PolicyDaemon::EEnd PolicyDaemon::Properties(Json::Value& properties) {
+PolicyDaemon::EEnd PolicyDaemon::Properties(Json::Value& properties, int timeoutMs) {
     base::GVariantPtr answer;
     const EEnd end = m_bus.Call(kProperties, "GetAll", g_variant_new("(s)", kPolicy.interface), "(a{sv})",
-                                kTimeoutMs, answer);
+                                timeoutMs, answer);
     if (end == EEnd::ANSWERED) {
         properties = ToJson(answer.get())[0];
     }
@@ -84,7 +83,7 @@ PolicyDaemon::EEnd PolicyDaemon::Explain(const std::string& key, Json::Value& ru
     const base::GStringPtr text(g_utf8_make_valid(key.data(), static_cast<gssize>(key.size())));
     base::GVariantPtr answer;
     const EEnd end =
-        m_bus.Call(kPolicy, "Explain", g_variant_new("(s)", text.get()), "(aa{sv})", kLongTimeoutMs, answer);
+        m_bus.Call(kPolicy, "Explain", g_variant_new("(s)", text.get()), "(aa{sv})", kTimeoutMs, answer);
     if (end == EEnd::ANSWERED) {
         rules = ToJson(answer.get())[0];
     }
@@ -94,7 +93,7 @@ PolicyDaemon::EEnd PolicyDaemon::Explain(const std::string& key, Json::Value& ru
 int PolicyDaemon::Fail(EEnd end) const {
     std::cerr << "zolctl: "
               << (end == EEnd::FAILED ? "the daemon refused: " : "the daemon cannot be reached: ")
-              << tools::OneLine(m_bus.LastError()) << '\n';
+              << tools::Printable(m_bus.LastError()) << '\n';
     return end == EEnd::FAILED ? EXIT_REFUSED : EXIT_UNREACHABLE;
 }
 

@@ -22,7 +22,7 @@ public:
     /// @param document valid UTF-8
     [[nodiscard]] EEnd SetPolicy(const std::string& document, Handed& handed);
     /// Every property by its name; a structure is an array.
-    [[nodiscard]] EEnd Properties(Json::Value& properties);
+    [[nodiscard]] EEnd Properties(Json::Value& properties, int timeoutMs = 10000);
     /// An array with an object for each rule that looks at the key; of all rules for an empty one.
     [[nodiscard]] EEnd Explain(const std::string& key, Json::Value& rules);
 

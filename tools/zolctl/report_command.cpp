@@ -62,7 +62,7 @@ Outcome ReadAll(std::vector<Report>& reports) {
         Report report;
         if (const Outcome outcome = Read(root, name, report); !outcome) {
             reports.push_back(std::move(report));
-        } else if (outcome.problem != Problem::Missing) {  // else somebody has just taken it
+        } else if (!root.IsGone(name)) {
             std::cerr << "zolctl: " << outcome.text << '\n';
         }
     }
@@ -263,7 +263,7 @@ int TakeLying(Taker& taker) {
         if (!outcome && report.header && reports::IsSettled(report)) {
             outcome = taker.Take(root, name);
         }
-        if (outcome && outcome.problem != Problem::Missing) {
+        if (outcome && !root.IsGone(name)) {
             status = std::max(status, Fail(outcome));
         }
     }

@@ -12,10 +12,10 @@
 namespace zolctl {
 namespace {
 
-using tools::OneLine;
+using tools::Printable;
 
 std::string Text(const Json::Value& value) {
-    return value.isString() ? '"' + OneLine(value.asString()) + '"' : value.asString();
+    return value.isString() ? '"' + Printable(value.asString()) + '"' : value.asString();
 }
 
 /// "1", or "2.1" for what belongs to another set of tasks than the first.
@@ -27,14 +27,14 @@ std::string NumberOf(const Json::Value& rule) {
 /// What the rule waits for.
 std::string ConditionOf(const Json::Value& rule) {
     if (rule["kind"] == "key") {
-        const std::string what = OneLine(rule["key"].asString()) + ' ' + rule["condition"].asString() + ' ';
+        const std::string what = Printable(rule["key"].asString()) + ' ' + rule["condition"].asString() + ' ';
         return rule.isMember("greater")    ? what + Text(rule["greater"]) + " and " + Text(rule["less"])
                : rule.isMember("strvalue") ? what + Text(rule["strvalue"])
                                            : what + Text(rule["intvalue"]);
     }
     const std::string times = rule["repetition"].asString() + " in " + rule["period"].asString() +
                               " s (method " + rule["method"].asString() + ")";
-    return rule["kind"] == "install" ? "install of " + OneLine(rule["id"].asString()) + ", " + times
+    return rule["kind"] == "install" ? "install of " + Printable(rule["id"].asString()) + ", " + times
                                      : "pairing of remotes, " + times;
 }
 
@@ -75,7 +75,7 @@ int Explain(const std::string& key, bool isJson) {
     }
     if (rules.empty()) {
         std::cerr << "zolctl: no rule that runs looks at "
-                  << (key.empty() ? std::string("anything: no policy runs") : OneLine(key)) << '\n';
+                  << (key.empty() ? std::string("anything: no policy runs") : Printable(key)) << '\n';
         return EXIT_REFUSED;
     }
     for (const Json::Value& rule : isJson ? Json::Value() : rules) {

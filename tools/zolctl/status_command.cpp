@@ -20,9 +20,9 @@
 namespace zolctl {
 namespace {
 
-using tools::OneLine;
+using tools::Printable;
 
-constexpr unsigned kLookMs = 1000;
+constexpr int kLookMs = 1000;  // also how long it may take: nothing interrupts it meanwhile
 
 /// The path that waits for the collector; none when no key store is there to ask, which is not started for
 /// it.
@@ -51,28 +51,28 @@ Json::Value ToJson(const Json::Value& properties) {
 }
 
 void PrintText(std::ostream& out, const Json::Value& properties) {
-    out << "daemon\t" << OneLine(properties["Version"].asString()) << '\n';
+    out << "daemon\t" << Printable(properties["Version"].asString()) << '\n';
     PrintPolicy(out, properties);
     const std::optional<std::string> published = Published();
     out << "reports\t"
         << (!published           ? "the key store is missing"
             : published->empty() ? "none published"
-                                 : OneLine(*published) + " published")
+                                 : Printable(*published) + " published")
         << ", " << properties["PathsWaiting"].asString() << " in line\n";
     out << "hit\t";
     if (const Json::Value& hit = properties["LastHit"]; hit[0].asInt64() != 0) {
-        out << tools::LocalTime(hit[0].asInt64()) << ' ' << OneLine(hit[1].asString());
+        out << tools::LocalTime(hit[0].asInt64()) << ' ' << Printable(hit[1].asString());
         if (!hit[2].asString().empty()) {
-            out << " = " << OneLine(hit[2].asString());
+            out << " = " << Printable(hit[2].asString());
         }
-        out << ", " << OneLine(hit[3].asString()) << '\n';
+        out << ", " << Printable(hit[3].asString()) << '\n';
     } else {
         out << "none since the daemon started\n";
     }
     out << "missing\t";
     std::string names;
     for (const Json::Value& service : properties["MissingServices"]) {
-        names += (names.empty() ? "" : ", ") + OneLine(service.asString());
+        names += (names.empty() ? "" : ", ") + Printable(service.asString());
     }
     out << (names.empty() ? "no service" : names) << '\n';
 }
@@ -106,7 +106,7 @@ private:
     void Look() {
         Json::Value properties;
         std::ostringstream text;
-        if (m_daemon.Properties(properties) == PolicyDaemon::EEnd::ANSWERED) {
+        if (m_daemon.Properties(properties, kLookMs) == PolicyDaemon::EEnd::ANSWERED) {
             PrintText(text, properties);
         } else {
             text << "daemon\tnot reachable\n";

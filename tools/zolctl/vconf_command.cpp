@@ -20,7 +20,7 @@
 namespace zolctl {
 namespace {
 
-using tools::OneLine;
+using tools::Printable;
 
 /// A value as the store holds it.
 struct Value {
@@ -63,13 +63,13 @@ std::string Shown(const Value& value) {
         case VCONF_TYPE_BOOL:
             return value.number != 0 ? "true" : "false";
         default:
-            return OneLine(value.text);
+            return Printable(value.text);
     }
 }
 
 /// Says why an operation on a key failed.
 int Fail(const char* what, const std::string& key, int error) {
-    std::cerr << "zolctl: cannot " << what << ' ' << OneLine(key) << ": "
+    std::cerr << "zolctl: cannot " << what << ' ' << Printable(key) << ": "
               << (error != 0 ? std::strerror(error) : "the key store refused")
               << (error == EACCES ? "; the key store is for root and members of the group zol" : "") << '\n';
     return EXIT_UNREACHABLE;
@@ -82,7 +82,7 @@ int Get(const std::string& key) {
         return Fail("read", key, error);
     }
     if (value.type == VCONF_TYPE_NONE) {
-        std::cerr << "zolctl: no such key: " << OneLine(key) << '\n';
+        std::cerr << "zolctl: no such key: " << Printable(key) << '\n';
         return EXIT_REFUSED;
     }
     std::cout << (value.type == VCONF_TYPE_STRING ? value.text : Shown(value)) << '\n';
@@ -106,7 +106,7 @@ bool ParseBool(const std::string& text, int& number) {
 }
 
 void Print(const std::string& key, const Value& value) {
-    std::cout << OneLine(key) << '\t' << TypeName(value.type) << '\t' << Shown(value) << '\n';
+    std::cout << Printable(key) << '\t' << TypeName(value.type) << '\t' << Shown(value) << '\n';
 }
 
 int List(const std::string& prefix) {
@@ -133,7 +133,7 @@ int List(const std::string& prefix) {
 int Unset(const std::string& key) {
     const bool isThere = Read(key).type != VCONF_TYPE_NONE;
     if (!isThere && errno == ENOENT) {
-        std::cerr << "zolctl: no such key: " << OneLine(key) << '\n';
+        std::cerr << "zolctl: no such key: " << Printable(key) << '\n';
         return EXIT_REFUSED;
     }
     return vconf_unset(key.c_str()) == 0 ? EXIT_OK : Fail("remove", key, errno);
@@ -145,13 +145,13 @@ int Set(const std::string& key, const std::string& text, const std::string& type
     if (type == VCONF_TYPE_NONE) {
         type = VCONF_TYPE_STRING;
         if (ParseInt(text, number) || ParseBool(text, number)) {
-            std::cerr << "zolctl: warning: " << OneLine(key)
+            std::cerr << "zolctl: warning: " << Printable(key)
                       << " is new and becomes a string; --type int or --type bool makes it another type\n";
         }
     }
     if ((type == VCONF_TYPE_INT && !ParseInt(text, number)) ||
         (type == VCONF_TYPE_BOOL && !ParseBool(text, number))) {
-        std::cerr << "zolctl: not a value of type " << TypeName(type) << ": " << OneLine(text) << '\n';
+        std::cerr << "zolctl: not a value of type " << TypeName(type) << ": " << Printable(text) << '\n';
         return EXIT_UNREACHABLE;
     }
     const int result = type == VCONF_TYPE_INT    ? vconf_set_int(key.c_str(), number)
@@ -165,7 +165,8 @@ void PrintChange(keynode_t* node, void* loop) {
     value.type = vconf_keynode_get_type(node);
     value.number = node->int_value;
     value.text = node->str_value != nullptr ? node->str_value : "";
-    std::cout << OneLine(node->keyname) << '\t' << TypeName(value.type) << '\t' << Shown(value) << std::endl;
+    std::cout << Printable(node->keyname) << '\t' << TypeName(value.type) << '\t' << Shown(value)
+              << std::endl;
     if (!std::cout) {
         static_cast<Loop*>(loop)->Quit();
     }
