@@ -12,7 +12,7 @@ from conftest import BIN, TOP
     (("policy", ""), {"check", "test", "show", "explain", "push"}), (("policy", "push", "--"), {"--help", "--force"}),
     (("policy", "push", "--force", ""), set()), (("kpi", "list", "--s"), {"--since"}),
     (("kpi", "list", "-"), {"-h", "--help", "--json", "-n", "--since", "-f", "--follow"}),
-    (("vconf", "get", "db/a", ""), set()), (("--v",), {"--version"})])
+    (("vconf", "get", "db/a", ""), set()), (("foo", ""), set()), (("--v",), {"--version"})])
 def test_commands_and_options_are_those_that_zolctl_has(machine, words, completed):
     script = (f"source {TOP}/packaging/zolctl.bash; COMP_WORDS=(zolctl {shlex.join(words)}); "
               f"COMP_CWORD={len(words)}; _zolctl 2>/dev/null; printf '%s\\n' \"${{COMPREPLY[@]}}\"")
