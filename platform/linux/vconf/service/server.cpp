@@ -184,13 +184,19 @@ bool Server::Handle(Client* client, const Message& request) {
     if (isNews) {
         Tell(client, request.key, row);
     }
-    const auto watchers = m_watchers.find(request.key);
-    if (request.operation == Operation::Set && row.change != kNeverChanged && watchers != m_watchers.end()) {
-        for (Client* const watcher : watchers->second) {
-            Tell(watcher, request.key, row);
-        }
+    if (request.operation == Operation::Set && row.change != kNeverChanged) {
+        TellWatchers(request.key, row);
     }
     return sent != Transfer::Broken;
+}
+
+void Server::TellWatchers(const std::string& key, const Row& row) {
+    const auto watchers = m_watchers.find(key);
+    if (watchers != m_watchers.end()) {
+        for (Client* const watcher : watchers->second) {
+            Tell(watcher, key, row);
+        }
+    }
 }
 
 int Server::Get(const std::string& key, Message* answer) {

@@ -57,6 +57,7 @@ private:
     int Watch(Client* client, const Message& request, Row* row);
     void Unwatch(Client* client, const std::string& key);
     void Tell(Client* client, const std::string& key, const Row& row);
+    void TellWatchers(const std::string& key, const Row& row);
     void Await(const Client& client) const;
     void Close(Client* client);
     void DropWatchersOfReplaced();
