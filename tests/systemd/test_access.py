@@ -59,6 +59,10 @@ MEMBERS, OWNER = {"member", "root"}, {"zol-vconf", "root"}
 ACCESS = [
     ("/var/lib/zol", "list", ALL),
     ("/var/lib/zol", "create", ROOT),
+    ("/var/lib/zol/device", "list", ALL),
+    ("/var/lib/zol/device", "create", ROOT),
+    *((f"/var/lib/zol/device/{name}", how, who) for name in ("unique_id", "life_cycle_id", "chip_id")
+      for how, who in (("read", ALL), ("write", ROOT))),
     ("/var/lib/zol/policy.xml", "read", {"policy", "root"}),
     ("/var/lib/zol/policy.xml", "write", {"policy", "root"}),
     *((path, how, ROOT) for path in ("/var/lib/zol/kpi.db", "/var/lib/zol/kpi.db-wal", "/var/lib/zol/kpi.db-shm")
