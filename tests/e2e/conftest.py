@@ -186,6 +186,17 @@ class Machine:
         if EMULATOR:
             self.start_key_service()
 
+    def spoil_key_store(self):
+        """In the store's place there is something that no store can be."""
+        self.end_key_service()
+        store = self.path("/var/lib/zol/vconfd")
+        if store.exists():
+            store.rename(store.with_name("moved"))
+        store.parent.mkdir(parents=True, exist_ok=True)
+        store.symlink_to(store)
+        for pid in processes_on(self.root, "zol_vconfd"):
+            os.kill(pid, signal.SIGKILL)
+
     # --- the device's state -------------------------------------------------------------------------------
     def path(self, device_path):
         return pathlib.Path(str(self.root) + device_path)

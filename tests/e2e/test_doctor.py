@@ -31,8 +31,7 @@ def test_what_is_wrong_is_told_with_what_to_do(machine):
     machine.path("/var/lib/zol").mkdir(parents=True, exist_ok=True)
     machine.path("/var/lib/zol/policy.xml").write_text("<zolitem><zols")
     machine.path("/var/lib/zol/kpi.db").write_text("no database" * 1000)
-    store = machine.path("/var/lib/zol/vconfd")
-    store.symlink_to(store)
+    machine.spoil_key_store()
     machine.path("/tmp").rmdir()
 
     found = looked_at(machine.zolctl("doctor", check=1))

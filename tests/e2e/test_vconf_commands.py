@@ -62,9 +62,7 @@ def test_a_type_that_is_guessed_for_what_looks_like_another_one_is_told(machine,
 
 @pytest.mark.parametrize("command", [("list",), ("unset", "db/a")])
 def test_a_store_that_cannot_be_read_is_told(machine, command):
-    store = machine.path("/var/lib/zol/vconfd")
-    store.parent.mkdir(parents=True, exist_ok=True)
-    store.symlink_to(store)
+    machine.spoil_key_store()
 
     failed = machine.zolctl("vconf", *command)
 

@@ -182,11 +182,7 @@ def test_a_key_that_is_not_there_is_told_from_a_store_that_cannot_be_read(machin
     machine.set(NUMBER, "1", "int")
 
     missing = machine.zolctl("vconf", "get", TEXT)
-    # In the store's place there is something that no store can be.
-    machine.end_key_service()
-    store = machine.path("/var/lib/zol/vconfd")
-    store.rename(store.with_name("moved"))
-    store.symlink_to(store)
+    machine.spoil_key_store()
     unreadable = machine.zolctl("vconf", "get", NUMBER)
 
     assert (missing.returncode, missing.stderr) == (1, f"zolctl: no such key: {TEXT}\n")
