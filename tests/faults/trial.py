@@ -58,7 +58,7 @@ class Trial:
 
     def __init__(self, fault, programs=("zol_daemon", "zol_vconfd"), usual_lines=frozenset()):
         # Not deep: a unix socket's path has room for 107 bytes only.
-        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="zol-"))
+        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="zol-", dir="/tmp"))
         self.machine = Machine(self.folder)
         self.fault = fault
         self.control = Control(self.folder / "control", fault, programs)
