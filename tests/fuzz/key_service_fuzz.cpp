@@ -46,7 +46,7 @@ using Content = std::tuple<int, int, std::string>;
 
 Content ContentOf(const Message& message) {
     const keystore::Value& value = message.value;
-    return {value.type, value.type == 2 ? 0 : value.number, value.text};
+    return {value.type, value.number, value.text};
 }
 
 /// Everything that somebody has tried to set, key by key; and, as every key once was, nothing.
@@ -99,6 +99,8 @@ public:
         }
         if (std::optional<Message> request = ReadRequest(frame)) {
             if (request->operation == Operation::Set) {
+                const bool isNumber = request->value.type == 1 || request->value.type == 3;
+                request->value.number = isNumber ? request->value.number : 0;
                 m_history[request->key].push_back(ContentOf(*request));
             }
             m_sent.push_back(std::move(*request));

@@ -108,6 +108,26 @@ TEST_F(Attacker, WhoReadsNoChangesGetsTheLastOfEachKeyLater) {
     EXPECT_EQ(m_receiver.Receive(connection.Get(), &message, MSG_DONTWAIT), Transfer::WouldBlock);
 }
 
+TEST_F(Attacker, WhoSetsANumberBesideATextOrARemovalTellsWatchersNothingOfIt) {
+    const base::UniqueFd connection = Connect();
+    Message message;
+    Message watch = Request(Operation::Watch, "db/k");
+    watch.change = keystore::kFromNow;
+    ASSERT_TRUE(SetInt("db/k", 1));
+    ASSERT_EQ(SendFrame(connection.Get(), Pack(watch)), Transfer::Done);
+    ASSERT_EQ(m_receiver.Receive(connection.Get(), &message), Transfer::Done);
+    for (const int type : {VCONF_TYPE_STRING, VCONF_TYPE_NONE}) {
+        Message set = Request(Operation::Set, "db/k");
+        set.value = {type, 7, ""};
+        ASSERT_EQ(Answer(Pack(set)), 0);
+
+        ASSERT_EQ(m_receiver.Receive(connection.Get(), &message), Transfer::Done);
+        EXPECT_EQ(message.operation, Operation::Changed);
+        EXPECT_EQ(message.value.type, type);
+        EXPECT_EQ(message.value.number, 0);
+    }
+}
+
 TEST_F(Attacker, CannotStoreMoreThanItsShare) {
     int stored = 0;
     const std::string text(65536, 'x');

@@ -232,6 +232,9 @@ int Server::Set(Client* client, const Message& request, Row* row) {
         return EIO;
     }
     Row changed{request.value, kNeverChanged, client->account};
+    if (changed.value.type != VCONF_TYPE_INT && changed.value.type != VCONF_TYPE_BOOL) {
+        changed.value.number = 0;  // no part of the value: who watches is told what a get finds
+    }
     if (changed.value.type == VCONF_TYPE_NONE) {
         if (old.value.type == VCONF_TYPE_NONE) {
             return 0;
