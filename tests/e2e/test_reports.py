@@ -107,11 +107,9 @@ def test_all_reports_are_collected_published_in_line_and_left_lying(machine, dae
 
     told = json.loads(machine.zolctl("report", "collect", target, "--json", "--wait", "5", check=0).stdout)
 
-    taken = [one["path"] for one in told]
-    # A machine that is held up may hear of a change twice.
-    assert [path for path in taken if path in paths] == paths and taken[-1] == lying
+    assert [one["path"] for one in told] == [*paths, lying]
     assert told[-1]["moved"] is True
-    assert collected(target) == sorted(pathlib.Path(path).name for path in taken)
+    assert collected(target) == sorted(pathlib.Path(path).name for path in (*paths, lying))
     assert machine.get(HANDOVER_KEY) == "" and "t_1700000000" not in folders(machine)
 
 
@@ -124,6 +122,19 @@ def test_what_may_still_be_written_is_not_collected(machine, target):
                    env=machine.env, check=True, capture_output=True)
 
     assert collected(target) == ["t_1700000000"] and folders(machine) == ["t_1700000001"]
+
+
+def test_a_report_that_is_complete_only_after_it_was_taken_is_told_once(machine, target):
+    path = make_report(machine, "t_1700000000", age=0)
+    publish(machine, path)
+    collecting = machine.start(BIN / "zolctl", "report", "collect", target, "--wait", "3", stdout=subprocess.PIPE,
+                               text=True)
+    wait_for(lambda: (target / "t_1700000000").exists() and machine.get(HANDOVER_KEY) == "", "the report")
+    os.utime(machine.path(path), (0, 0))
+
+    told, _ = collecting.communicate(timeout=60)
+
+    assert (collecting.returncode, told) == (0, f"{target}/t_1700000000\n")
 
 
 def test_what_was_collected_is_not_collected_again(machine, target):

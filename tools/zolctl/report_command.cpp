@@ -8,6 +8,7 @@
 #include <iostream>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -168,10 +169,13 @@ public:
         Taken taken;
         Outcome outcome = m_destination.Take(root, name, taken);
         if (!outcome) {
+            m_names.insert(name);
             Tell(name, taken);
         }
         return outcome;
     }
+    /// A report that was copied still lies where the daemon made it.
+    bool HasTaken(const std::string& name) const { return m_names.count(name) > 0; }
     /// What was taken, as JSON.
     const Json::Value& List() const { return m_list; }
 
@@ -191,6 +195,7 @@ private:
 
     const bool m_json;
     reports::Destination m_destination;
+    std::set<std::string> m_names;
     Json::Value m_list = Json::Value(Json::arrayValue);
 };
 
@@ -258,6 +263,9 @@ int TakeLying(Taker& taker) {
     }
     int status = outcome ? Fail(outcome) : EXIT_OK;
     for (const std::string& name : names) {
+        if (taker.HasTaken(name)) {
+            continue;
+        }
         Report report;
         outcome = Read(root, name, report);
         if (!outcome && report.header && reports::IsSettled(report)) {
