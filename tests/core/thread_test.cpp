@@ -87,6 +87,15 @@ TEST_F(Thread, HasNoIdOnceItsBodyHasReturned) {
     thread.Destroy();
 }
 
+TEST_F(Thread, OneThatEndsBeforeItsMakerGoesOnHasNoIdLeft) {
+    Runner thread([] {});
+    for (int i = 0; i < 1000; ++i) {  // one that does not wait for its maker is seen in some of them
+        ASSERT_TRUE(thread.Create("runner", kStack));
+        ASSERT_TRUE(Eventually([&] { return thread.Id() == static_cast<unsigned long>(-1); }));
+        thread.Destroy();
+    }
+}
+
 TEST_F(Thread, ANameReachesTheSystemWithItsFirstSixteenCharactersOfWhichItKeepsFifteen) {
     std::string name;
     Runner thread([&] { name = KernelName(); });

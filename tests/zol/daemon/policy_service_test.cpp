@@ -197,6 +197,14 @@ TEST_F(PolicyServiceTest, ARuleThatHeldIsExplainedAsReported) {
     EXPECT_EQ(m_service->State().rulesWatched, 1U);
 }
 
+TEST_F(PolicyServiceTest, ARuleWhoseKeyCannotBeReadIsExplainedAsNotReadYet) {
+    fakes::vconf::SetInt("db/a", 0);
+    fakes::vconf::Fail("db/a", fakes::vconf::FAIL_GET);
+    m_service->SetPolicy(PolicyFor("db/a"));
+
+    EXPECT_EQ(TextOf(m_service->Explain("db/a").at(0), "state"), "not read yet");
+}
+
 TEST_F(PolicyServiceTest, EachInstallMonitorIsExplained) {
     m_service->SetPolicy(Document(
         ItemFor("db/a") + "<monitor kind='1' id='b' name='B' method='11' duration='1' repetition='9'/>"

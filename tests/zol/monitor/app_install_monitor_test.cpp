@@ -145,8 +145,12 @@ TEST_F(AppInstallMonitor, AnEventOfTypeZeroStartsItOnItsOwnTaskAndAnyOtherAssert
     EXPECT_EQ(RegisteredIds(), std::vector<std::string>({kId}));
     EXPECT_EQ(Logged("[TCAppInstallMonitor::t_OnEvent] TYPE:0"), 1);
     EXPECT_EQ(Logged("[TCAppInstallMonitor::t_OnEvent] monitoring start"), 1);
-    Post(1);
-    m_monitor->t_OnEvent(nullptr);
+    CSEvent event;
+    event.type = 0;
+    EXPECT_TRUE(m_monitor->t_OnEvent(&event));
+    event.type = 1;
+    EXPECT_FALSE(m_monitor->t_OnEvent(&event));
+    EXPECT_FALSE(m_monitor->t_OnEvent(nullptr));
     ExpectAssertedOnceEach({"!\"[TCAppInstallMonitor] Unknown Event Type\" [zol/src/ZOLAppInstallMonitor",
                             "event [zol/src/ZOLAppInstallMonitor"});
 }

@@ -100,7 +100,7 @@ void TCPolicyCheck::OnElement(const TSElement& element, const ZOLPolicy& policy)
     }
     const std::string tag = ToLowerAscii(element.name);
     const TSKnownElement* known = FindElement(tag);
-    if (!element.isRead || known == nullptr) {
+    if (known == nullptr) {
         m_TellUnknown(element);
         m_open.push_back(EParent::UNKNOWN);
         return;

@@ -18,7 +18,6 @@ struct TSElement {
     const char* name;               ///< as written
     const char* const* attributes;  ///< name and value in turn, as written; ends with null
     const TCAttributes& values;     ///< the same, as they are read
-    bool isRead;                    ///< one of the tags that mean something: it has changed the policy
 };
 
 /// Why a document is not taken.

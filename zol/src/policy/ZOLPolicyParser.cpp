@@ -75,13 +75,13 @@ struct TCPolicyParser::TSCallbacks {
             const TCAttributes collected = Collect(context, attributes);
             std::string tag = ToLowerAscii(name);
             const auto handler = context.parser->m_startHandlers.find(tag);
-            const bool isKnown = handler != context.parser->m_startHandlers.end();
-            if (isKnown && EndUnless(context.budget.AddItem(), context)) {
+            if (handler != context.parser->m_startHandlers.end() &&
+                EndUnless(context.budget.AddItem(), context)) {
                 handler->second(*context.policy, collected, context.observer == nullptr);
             }
             context.currentElement = std::move(tag);
             if (context.observer != nullptr && !context.isBeyondBudget) {
-                context.observer->OnElement({PlaceOf(context.expat), name, attributes, collected, isKnown},
+                context.observer->OnElement({PlaceOf(context.expat), name, attributes, collected},
                                             *context.policy);
             }
         });
