@@ -53,7 +53,7 @@ struct TSPolicyState {
     std::vector<std::string> missingServices;
 };
 
-/// One rule of the policy, as names and values that docs/operator.md lists.
+/// One rule of the policy, as names and values that docs/dbus.md lists.
 using TSPolicyRule = std::vector<
     std::pair<std::string, std::variant<bool, std::int32_t, std::uint32_t, std::int64_t, std::string>>>;
 

@@ -1,5 +1,5 @@
 /// What a device's own libraries of the maker offer to the daemon and to zolctl: these functions and no
-/// others. docs/integrator.md says what each must do; these do next to nothing.
+/// others. docs/platform-interfaces.md says what each must do; these do next to nothing.
 #include "KPILogFramework.h"
 #include "TCDbusClient.h"
 #include "TCDbusServer.h"

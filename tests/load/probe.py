@@ -1,4 +1,4 @@
-"""Asks the daemon ten times a second whether it is in health, as docs/operator.md says; prints the milliseconds of
+"""Asks the daemon ten times a second whether it is in health, as docs/dbus.md says; prints the milliseconds of
 each answer, "silent" when one takes longer than ten seconds, and nothing while there is no daemon or no bus.
 
 usage: probe.py ADDRESS

@@ -11,7 +11,7 @@ from accounts import FROM_NOW, GET, INT, SET, STRING, WATCH, KeyClient, acting_a
 from test_access import to_daemon
 from test_service import HANDOVER_KEY, KEY, POLICY, wait_for, zolctl
 
-# What one account may have; docs/operator.md and docs/platform-linux-store.md.
+# What one account may have; docs/dbus.md and docs/platform-linux-store.md.
 SHARES = {"subscriptions": 16, "connections": 64, "keys": 16384, "texts": 127, "watches": 16384}
 
 

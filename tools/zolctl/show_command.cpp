@@ -133,7 +133,7 @@ void AddShowCommands(CLI::App& policy, Action& action) {
     auto key = std::make_shared<std::string>();
     auto isJsonToo = std::make_shared<bool>(false);
     explain->add_option("KEY", *key, "Without it: every rule that runs");
-    explain->add_flag("--json", *isJsonToo, "As JSON; docs/operator.md lists the names");
+    explain->add_flag("--json", *isJsonToo, "As JSON; docs/dbus.md lists the names");
     explain->callback([=, &action] { action = [=] { return Explain(*key, *isJsonToo); }; });
 }
 
