@@ -18,6 +18,7 @@
 #include "fake_dlog.h"
 #include "full_disk.h"
 #include "policy_manager_fixture.h"
+#include "unprivileged.h"
 
 namespace {
 
@@ -104,19 +105,6 @@ protected:
         EXPECT_FALSE(IsRunning());
         ExpectLogged(priority, {reason});
     }
-};
-
-/// While it lives the process has no privilege over files.
-class Unprivileged {
-public:
-    Unprivileged() : m_user(geteuid()) { m_isOk = m_user != 0 || seteuid(65534) == 0; }
-    ~Unprivileged() { m_isOk = seteuid(m_user) == 0; }
-    Unprivileged(const Unprivileged&) = delete;
-    Unprivileged& operator=(const Unprivileged&) = delete;
-
-private:
-    uid_t m_user;
-    bool m_isOk;
 };
 
 TEST_F(StoredPolicyFile, BelongsToThePolicyAccountAndIsNotForEveryone) {

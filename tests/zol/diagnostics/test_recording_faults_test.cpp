@@ -12,12 +12,14 @@
 #include <cstddef>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <string>
 #include <thread>
 
 #include "dlog.h"
 #include "fake_dlog.h"
 #include "test_recording_fixture.h"
+#include "unprivileged.h"
 
 namespace fs = std::filesystem;
 
@@ -55,25 +57,19 @@ class Protected {
 public:
     explicit Protected(const std::string& folder) : m_folder(folder) {
         chmod(m_folder.c_str(), 0555);
-        if (m_root) {
-            // Root may write everywhere, so this is somebody else's attempt.
-            chmod(fakes::Root().c_str(), 0755);
-            EXPECT_EQ(seteuid(kOther), 0);
-        }
+        chmod(fakes::Root().c_str(), 0755);
+        m_unprivileged.emplace();
     }
     ~Protected() {
-        if (m_root) {
-            EXPECT_EQ(seteuid(0), 0);
-        }
+        m_unprivileged.reset();
         chmod(m_folder.c_str(), 0755);
     }
     Protected(const Protected&) = delete;
     Protected& operator=(const Protected&) = delete;
 
 private:
-    static constexpr uid_t kOther = 65534;
     const std::string m_folder;
-    const bool m_root = geteuid() == 0;
+    std::optional<Unprivileged> m_unprivileged;
 };
 
 TEST_F(TestRecordingFaults, EveryFailureOfTheUsbServiceIsToldAndTheServiceClosed) {
