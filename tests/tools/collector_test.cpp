@@ -54,7 +54,7 @@ TEST_F(Collectors, TakeWhatIsPublishedLater) {
     Publish(kName);
     EXPECT_EQ(Key(), "");
     EXPECT_EQ(m_taken, 1);
-    EXPECT_TRUE(m_spool.WasTaken(kName));
+    EXPECT_TRUE(WasTaken(m_spool, kName));
 }
 
 TEST_F(Collectors, TakeWhatIsPublishedBeforeWhatWasLeftLying) {
@@ -65,8 +65,8 @@ TEST_F(Collectors, TakeWhatIsPublishedBeforeWhatWasLeftLying) {
     // Not told yet.
     ASSERT_EQ(vconf_set_str(reports::kHandOverKey, reports::PathOf("b_2").c_str()), 0);
     ASSERT_TRUE(LetRetryCome());
-    EXPECT_TRUE(m_spool.WasTaken("b_2"));
-    EXPECT_FALSE(m_spool.WasTaken("a_1"));
+    EXPECT_TRUE(WasTaken(m_spool, "b_2"));
+    EXPECT_FALSE(WasTaken(m_spool, "a_1"));
 }
 
 TEST_F(Collectors, TakeWhatWasLeftLyingOnceNothingIsPublishedAnyMore) {
@@ -79,7 +79,7 @@ TEST_F(Collectors, TakeWhatWasLeftLyingOnceNothingIsPublishedAnyMore) {
 
     ASSERT_TRUE(LetRetryCome());
     EXPECT_EQ(m_taken, 2);
-    EXPECT_TRUE(m_spool.WasTaken("a_1"));
+    EXPECT_TRUE(WasTaken(m_spool, "a_1"));
     EXPECT_FALSE(LetRetryCome()) << "nothing is left to do";
 }
 
@@ -96,7 +96,7 @@ TEST_F(Collectors, LeaveLyingWhatMayStillBeWrittenAndLookAgain) {
     fakes::clock::Advance(std::chrono::seconds(10));
     ASSERT_TRUE(LetRetryCome());
     EXPECT_EQ(m_taken, 1);
-    EXPECT_TRUE(m_spool.WasTaken("a_1"));
+    EXPECT_TRUE(WasTaken(m_spool, "a_1"));
     EXPECT_FALSE(LetRetryCome());
 }
 
@@ -110,6 +110,22 @@ TEST_F(Collectors, DoNotTakeAReportTwiceThatIsPublishedLater) {
     EXPECT_EQ(m_taken, 1);
 }
 
+TEST_F(Collectors, TakeWhatTheDaemonAddedToAReportThatWasTakenBeforeItEnded) {
+    MakeReport();
+    SetAge(kName, 0);
+    Publish(kName);
+    ASSERT_TRUE(m_collector.Start());
+    ASSERT_EQ(m_taken, 1);
+    fakes::vconf::Deliver();
+    WriteFile(HostOf(kName) + "/header.json", HeaderText("1700000000") + "\n");
+    SetAge(kName, 60);
+
+    ASSERT_TRUE(LetRetryCome());
+
+    EXPECT_EQ(m_taken, 2);
+    EXPECT_FALSE(LetRetryCome()) << "nothing is left to do";
+}
+
 TEST_F(Collectors, LookNoMoreWhileAReportIsPublished) {
     MakeReport("a_1");
     ASSERT_TRUE(m_collector.Start());
@@ -118,7 +134,7 @@ TEST_F(Collectors, LookNoMoreWhileAReportIsPublished) {
     SetAge("b_2", 0);
     Publish("b_2");
     ASSERT_TRUE(LetRetryCome());
-    EXPECT_FALSE(m_spool.WasTaken("a_1"));
+    EXPECT_FALSE(WasTaken(m_spool, "a_1"));
     EXPECT_EQ(Said("the key store cannot be used"), 1U);
     EXPECT_EQ(m_taken, 1);
 }
@@ -192,11 +208,11 @@ TEST_F(Collectors, ForgetReportsThatLieThereNoLonger) {
     MakeReport();
     ASSERT_TRUE(m_collector.Start());
     ASSERT_TRUE(LetRetryCome());
-    ASSERT_TRUE(m_spool.WasTaken(kName));
+    ASSERT_TRUE(WasTaken(m_spool, kName));
     fs::remove_all(Host("/tmp/zol"));
     fakes::vconf::SetString(reports::kHandOverKey, "");
     ASSERT_TRUE(LetRetryCome());
-    EXPECT_FALSE(m_spool.WasTaken(kName));
+    EXPECT_FALSE(WasTaken(m_spool, kName));
 }
 
 }  // namespace

@@ -16,6 +16,7 @@
 #include "files.h"
 #include "report.h"
 #include "report_root.h"
+#include "spool.h"
 #include "temporary_folder.h"
 
 namespace fs = std::filesystem;
@@ -49,6 +50,10 @@ protected:
         const timespec moment{static_cast<time_t>(fakes::clock::WallSeconds() - seconds), 0};
         const timespec both[] = {moment, moment};
         ASSERT_EQ(utimensat(AT_FDCWD, HostOf(name).c_str(), both, 0), 0);
+    }
+    static bool WasTaken(const collector::Spool& spool, const std::string& name) {
+        reports::ReportRoot root;
+        return !root.Open() && spool.WasTaken(root, name);
     }
     static reports::Outcome Open(const std::string& name, reports::Report* report = nullptr) {
         reports::ReportRoot root;

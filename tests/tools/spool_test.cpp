@@ -1,10 +1,12 @@
 #include "spool.h"
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "full_disk.h"
 #include "report_fixture.h"
+#include "unprivileged.h"
 
 namespace {
 
@@ -97,7 +99,7 @@ TEST_F(Spools, TakeAReportOnceAlsoWhenItIsWithTheServer) {
     const Entry entry = *m_spool->First();
     ASSERT_FALSE(m_spool->Remove(entry));
     EXPECT_EQ(m_spool->First(), nullptr);
-    EXPECT_TRUE(m_spool->WasTaken(kName));
+    EXPECT_TRUE(WasTaken(*m_spool, kName));
 
     Restart();
     ASSERT_FALSE(Take());
@@ -115,8 +117,8 @@ TEST_F(Spools, ForgetReportsThatLieThereNoLonger) {
     TakeWithBody("a_1", 0);
     TakeWithBody("b_2", 0);
     m_spool->ForgetAllBut({"b_2"});
-    EXPECT_FALSE(m_spool->WasTaken("a_1"));
-    EXPECT_TRUE(m_spool->WasTaken("b_2"));
+    EXPECT_FALSE(WasTaken(*m_spool, "a_1"));
+    EXPECT_TRUE(WasTaken(*m_spool, "b_2"));
 }
 
 TEST_F(Spools, RememberAReportWhoseTakingWasCutOff) {
@@ -126,7 +128,7 @@ TEST_F(Spools, RememberAReportWhoseTakingWasCutOff) {
     Restart();
     ASSERT_FALSE(Take());
     EXPECT_FALSE(m_isNew);
-    EXPECT_TRUE(m_spool->WasTaken(kName));
+    EXPECT_TRUE(WasTaken(*m_spool, kName));
 }
 
 TEST_F(Spools, DropTheOldestBodiesFirstAndKeepTheirHeaders) {
@@ -248,6 +250,59 @@ TEST_F(Spools, ForgetWhatSomebodyTookOutOfThem) {
     EXPECT_EQ(Names(), (Texts{"c_3"}));
 }
 
+TEST_F(Spools, RemoveWhatIsLeftOfAnEntryWhoseReportSomebodyTookOut) {
+    Limits limits;
+    limits.reports = 2;
+    Restart(limits);
+    TakeWithBody("a_1", 1);
+    TakeWithBody("b_2", 1);
+    const std::string first = m_spool->PathOf(*m_spool->First());
+    fs::remove_all(first + "/a_1");
+    EXPECT_EQ(List().at(0).bytes, 2 * kBlock) << "its folders";
+    Restart(limits);
+
+    ASSERT_NE(m_spool->First(), nullptr);
+    EXPECT_EQ(m_spool->First()->name.substr(0, 13), "000000000002-");
+    EXPECT_FALSE(fs::exists(first));
+    ASSERT_EQ(m_said.size(), 1U);
+    EXPECT_EQ(m_said[0].find("its report was taken out, the rest is removed: 000000000001-"), 0U);
+
+    fs::remove_all(m_spool->PathOf(*m_spool->First()) + "/b_2");
+    TakeWithBody("c_3", 1);
+    TakeWithBody("d_4", 1);
+    EXPECT_EQ(Names(), (Texts{"c_3", "d_4"}));
+    EXPECT_EQ(m_spool->Counts().droppedReports, 0);
+}
+
+TEST_F(Spools, MissNoReportThatCannotBeOpenedJustNow) {
+    TakeWithBody("a_1", 1);
+    const std::string entry = m_spool->PathOf(*m_spool->First());
+    const std::string report = entry + "/a_1";
+    for (const std::string& folder : {m_path, m_path + "/reports", m_path + "/.incoming", entry}) {
+        ASSERT_EQ(chmod(folder.c_str(), 0777), 0);
+    }
+    for (const auto& [folder, mode] : {std::pair(report, 0), std::pair(m_path + "/reports", 0666)}) {
+        const mode_t usual = ModeOf(folder);
+        ASSERT_EQ(chmod(folder.c_str(), static_cast<mode_t>(mode)), 0);
+        {
+            const Unprivileged unprivileged;
+            EXPECT_NE(m_spool->First(), nullptr) << folder;
+        }
+        ASSERT_EQ(chmod(folder.c_str(), usual), 0);
+    }
+    EXPECT_EQ(Names(), (Texts{"a_1"}));
+}
+
+TEST_F(Spools, TakeAReportAgainThatHasChangedSince) {
+    MakeReport();
+    ASSERT_FALSE(Take());
+    SetAge(kName, 30);
+    EXPECT_FALSE(WasTaken(*m_spool, kName)) << "its folder has changed, so that it may have";
+    ASSERT_FALSE(Take());
+    EXPECT_FALSE(m_isNew);
+    EXPECT_TRUE(WasTaken(*m_spool, kName));
+}
+
 TEST_F(Spools, KeepAReportThatHasGotTheNumberOfOneThatWasDropped) {
     Limits limits;
     limits.reports = 1;
@@ -272,7 +327,7 @@ TEST_F(Spools, HoldNothingOfAReportThatTheDiskHasNoRoomFor) {
     }
     EXPECT_EQ(Names(), Texts());
     EXPECT_TRUE(fs::is_empty(m_path + "/.incoming"));
-    EXPECT_FALSE(m_spool->WasTaken(kName));
+    EXPECT_FALSE(WasTaken(*m_spool, kName));
     ASSERT_FALSE(Take());
     EXPECT_TRUE(m_isNew);
 }

@@ -115,7 +115,7 @@ void Collector::Look() {
     m_isMoreToCome = false;
     Outcome unreadable;
     for (const std::string& name : names) {
-        outcome = m_spool.WasTaken(name) ? Outcome() : TakeLying(root, name);
+        outcome = m_spool.WasTaken(root, name) ? Outcome() : TakeLying(root, name);
         if (outcome.problem == Problem::Unwritable) {
             TryAgain(outcome.text);
             return;

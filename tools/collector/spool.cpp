@@ -77,6 +77,12 @@ std::string NameOf(std::uint64_t sequence, const std::string& id) {
     return std::string(number.data()) + "-" + id;
 }
 
+/// What is remembered of a report: its id, and behind a blank its folder's last change in nanoseconds.
+std::string MarkOf(const std::string& id, const timespec& changed) {
+    constexpr std::int64_t kNsPerSecond = 1000000000;
+    return id + " " + std::to_string(std::int64_t{changed.tv_sec} * kNsPerSecond + changed.tv_nsec);
+}
+
 std::string ReadText(const std::string& file) {
     std::string text;
     std::getline(std::ifstream(file), text, '\0');
@@ -139,7 +145,8 @@ Outcome Spool::Take(const reports::ReportRoot& root, const std::string& name, bo
     if (outcome) {
         return outcome;
     }
-    isNew = !Has(id) && ReadText(m_path + "/" + kTaken + "/" + name) != id;
+    const std::string mark = ReadText(MarkFileOf(name));
+    isNew = !Has(id) && mark.substr(0, mark.find(' ')) != id;
     if (isNew) {
         if ((outcome = Store(folder.Get(), report, id))) {
             static_cast<void>(base::RemoveTree(m_folder.StagingFd(), kNewEntry));
@@ -152,7 +159,7 @@ Outcome Spool::Take(const reports::ReportRoot& root, const std::string& name, bo
                   " links and special files are left out");
         }
     }
-    return Remember(name, id);
+    return Remember(report, id);
 }
 
 Outcome Spool::Stage(int folder, const Report& report, reports::What what) const {
@@ -206,13 +213,21 @@ Outcome Spool::Store(int folder, const Report& report, const std::string& id) {
     return Unwritable(m_path, base::SyncFolder(m_path + "/" + kReports));
 }
 
-Outcome Spool::Remember(const std::string& name, const std::string& id) const {
-    const std::string file = m_path + "/" + kTaken + "/" + name;
-    return ReadText(file) == id ? Outcome() : Unwritable(file, base::ReplaceFile(file, id, kFileMode));
+std::string Spool::MarkFileOf(const std::string& name) const {
+    return m_path + "/" + kTaken + "/" + name;
 }
 
-bool Spool::WasTaken(const std::string& name) const {
-    return access((m_path + "/" + kTaken + "/" + name).c_str(), F_OK) == 0;
+Outcome Spool::Remember(const Report& report, const std::string& id) const {
+    const std::string file = MarkFileOf(report.name);
+    const std::string mark = MarkOf(id, report.changed);
+    return ReadText(file) == mark ? Outcome() : Unwritable(file, base::ReplaceFile(file, mark, kFileMode));
+}
+
+bool Spool::WasTaken(const reports::ReportRoot& root, const std::string& name) const {
+    const std::string mark = ReadText(MarkFileOf(name));
+    struct stat now {};
+    return fstatat(root.Fd(), name.c_str(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
+           mark == MarkOf(mark.substr(0, mark.find(' ')), now.st_mtim);
 }
 
 void Spool::ForgetAllBut(const std::vector<std::string>& names) {
@@ -238,13 +253,29 @@ const Entry* Spool::First() {
     for (auto each = m_entries.begin(); each != m_entries.end();) {
         if (each->second.state != State::Waiting) {
             ++each;
-        } else if (access(PathOf(each->second).c_str(), F_OK) == 0) {
-            return &each->second;
-        } else {
+        } else if (IsTakenOut(each->second)) {
             each = Forget(each);
+        } else {
+            return &each->second;
         }
     }
     return nullptr;
+}
+
+bool Spool::IsTakenOut(const Entry& entry) {
+    Report report;
+    base::UniqueFd folder;
+    if (OpenEntry(PathOf(entry), folder, report).problem != Problem::Missing) {
+        return false;
+    }
+    const bool isLeft = access(PathOf(entry).c_str(), F_OK) == 0;
+    if (isLeft && RemoveFolder(entry)) {
+        return false;
+    }
+    if (isLeft) {
+        m_say("its report was taken out, the rest is removed: " + entry.name);
+    }
+    return true;
 }
 
 std::string Spool::PathOf(const Entry& entry) const {
@@ -264,7 +295,7 @@ Spool::Entries::iterator Spool::Forget(Entries::iterator entry) {
 
 void Spool::ForgetRemoved() {
     for (auto each = m_entries.begin(); each != m_entries.end();) {
-        each = access(PathOf(each->second).c_str(), F_OK) == 0 ? std::next(each) : Forget(each);
+        each = IsTakenOut(each->second) ? Forget(each) : std::next(each);
     }
 }
 
@@ -378,8 +409,9 @@ Outcome ListSpool(const std::string& path, std::vector<Entry>& entries) {
             Report report;
             base::UniqueFd ignored;
             const std::string entry = folder + ("/" + name);
+            static_cast<void>(OpenEntry(entry, ignored, report));
             // One that goes while it is looked at is none.
-            if (SequenceOf(name) && !OpenEntry(entry, ignored, report)) {
+            if (SequenceOf(name) && access(entry.c_str(), F_OK) == 0) {
                 const bool isWhole = IsWhole(entry);
                 const std::uint64_t bytes = SizeOf(report, reports::What::All);
                 const std::uint64_t headerBytes = SizeOf(report, reports::What::HeaderOnly);
@@ -401,8 +433,14 @@ Outcome OpenEntry(const std::string& path, base::UniqueFd& folder, Report& repor
         if (folder) {
             return Describe(folder.Get(), name, report);
         }
+        if (errno != ENOTDIR && errno != ELOOP && errno != ENOENT) {
+            return {Problem::Unreadable, tools::OneLine(path), base::LastError()};
+        }
     }
-    return {Problem::Unreadable, tools::OneLine(path), error ? error : base::LastError()};
+    if (error && error != std::errc::no_such_file_or_directory) {
+        return {Problem::Unreadable, tools::OneLine(path), error};
+    }
+    return {Problem::Missing, tools::OneLine(path) + " holds no report"};
 }
 
 std::string IdOf(const std::string& path) {

@@ -44,7 +44,9 @@ struct Entry {
 ///
 ///     reports/<sequence number>-<id>/<name of the report>/...   waiting
 ///     refused/...                                               the same, refused by the server
-///     taken/<name of the report>                                the id of one that still lies in /tmp/zol
+///     taken/<name of the report>                                of one that still lies in /tmp/zol: its id,
+///     and
+///                                                               when it had changed
 ///     counts.json
 ///
 /// Each change is whole and on the disk, or did not happen, also after a power cut. One thread.
@@ -61,13 +63,13 @@ public:
     /// true when it lies in the spool from now on, also when the call fails behind that.
     [[nodiscard]] reports::Outcome Take(const reports::ReportRoot& root, const std::string& name,
                                         bool& isNew);
-    /// Whether a report of this name was taken and may still lie in the report root.
-    [[nodiscard]] bool WasTaken(const std::string& name) const;
+    /// Whether a report that lies in the report root was taken and has not changed since.
+    [[nodiscard]] bool WasTaken(const reports::ReportRoot& root, const std::string& name) const;
     /// Forgets those that lie there no longer.
     void ForgetAllBut(const std::vector<std::string>& names);
 
-    /// The waiting report that was taken first; null when none waits. One whose folder somebody else has
-    /// taken is forgotten.
+    /// The waiting report that was taken first; null when none waits. One that somebody else has taken out is
+    /// forgotten, and its folder removed when that was left.
     [[nodiscard]] const Entry* First();
     /// The path of its folder, in which the report's own lies.
     [[nodiscard]] std::string PathOf(const Entry& entry) const;
@@ -84,7 +86,9 @@ private:
     [[nodiscard]] reports::Outcome OpenFolders();
     [[nodiscard]] reports::Outcome Stage(int folder, const reports::Report& report, reports::What what) const;
     [[nodiscard]] reports::Outcome Store(int folder, const reports::Report& report, const std::string& id);
-    [[nodiscard]] reports::Outcome Remember(const std::string& name, const std::string& id) const;
+    [[nodiscard]] std::string MarkFileOf(const std::string& name) const;
+    [[nodiscard]] reports::Outcome Remember(const reports::Report& report, const std::string& id) const;
+    [[nodiscard]] bool IsTakenOut(const Entry& entry);
     [[nodiscard]] bool Has(const std::string& id) const;
     [[nodiscard]] reports::Outcome MakeRoom(std::uint64_t bytes);
     [[nodiscard]] reports::Outcome DropBody(Entry& entry);
@@ -103,10 +107,11 @@ private:
     SpoolCounts m_counts;
 };
 
-/// What lies in a spool, in the order in which it was taken; also of one that a collector works on.
+/// What lies in a spool, in the order in which it was taken; also of one that a collector works on. Of an
+/// entry whose report cannot be read it has what could be.
 [[nodiscard]] reports::Outcome ListSpool(const std::string& path, std::vector<Entry>& entries);
 
-/// Opens and reads the report in the folder of an entry.
+/// Opens and reads the report in the folder of an entry; Missing when there is none.
 [[nodiscard]] reports::Outcome OpenEntry(const std::string& path, base::UniqueFd& folder,
                                          reports::Report& report);
 

@@ -110,7 +110,7 @@ std::int64_t Report::Time() const {
         std::from_chars(evid->data(), evid->data() + evid->size(), seconds).ec == std::errc()) {
         return seconds;
     }
-    return changed;
+    return changed.tv_sec;
 }
 
 const std::string* Report::Field(const std::string& member) const {
@@ -128,7 +128,7 @@ Outcome Describe(int folder, const std::string& name, Report& report) {
     if (fstat(folder, &status) != 0) {
         return Unreadable(name);
     }
-    report.changed = status.st_mtim.tv_sec;
+    report.changed = status.st_mtim;
     if (Outcome outcome = AddFiles(folder, "", 0, report)) {
         return outcome;
     }
@@ -165,7 +165,7 @@ bool IsSettled(const Report& report) {
     if (platform_clock_realtime(&now) != 0) {
         return false;
     }
-    return now.seconds - report.changed >= kSettledSeconds || report.changed > now.seconds;
+    return now.seconds - report.changed.tv_sec >= kSettledSeconds || report.changed.tv_sec > now.seconds;
 }
 
 int OpenFileAt(int folder, const std::string& name) {

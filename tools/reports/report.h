@@ -1,6 +1,7 @@
 #pragma once
 /// What a report says about itself.
 #include <cstdint>
+#include <ctime>
 #include <map>
 #include <optional>
 #include <string>
@@ -25,7 +26,7 @@ struct Report {
     std::optional<Header> header;  ///< none: it is missing (the disk was full) or no such header
     std::vector<File> files;       ///< by name
     std::uint64_t bytes = 0;       ///< of all files
-    std::int64_t changed = 0;      ///< the folder, the last time; seconds since 1970
+    timespec changed{};            ///< the folder, the last time; since 1970
     std::size_t leftOut = 0;       ///< links and whatever else is no file
 
     /// When it was made: what its header says, else the folder's last change. Seconds since 1970.
