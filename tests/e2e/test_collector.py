@@ -232,6 +232,7 @@ def test_it_sleeps_and_is_small_while_nothing_is_to_be_done(start_collector):
 
     # The look at what was left lying comes a second after the start.
     wait_for(lambda: wakeups(pid, seconds=3) == 0, "a sleep of three seconds")
+    assert wakeups(pid, seconds=5) == 0
 
     status = pathlib.Path(f"/proc/{pid}/status").read_text()
     assert int(re.search(r"VmRSS:\s*(\d+)", status).group(1)) < 8 * 1024

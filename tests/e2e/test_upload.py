@@ -3,6 +3,7 @@ import os
 import pathlib
 import shutil
 import signal
+import socket
 import subprocess
 
 import pytest
@@ -210,14 +211,23 @@ def test_a_report_of_which_only_the_header_is_left_says_so(machine, server):
     assert server.uploads[0][1].whole == "false" and server.uploads[0][1].files == {}
 
 
-def test_no_server_at_all_is_one_line(machine, server, start):
-    collector = start(url="http://127.0.0.1:9/")
-    hand_over(machine)
-    collector.wait_said("tried again later")
-    wait_for(lambda: counts(collector)["taken"] == 1, "the report")
+def test_no_server_at_all_is_one_line_until_there_is_one(machine, start):
+    with socket.socket() as nobody:
+        nobody.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        nobody.bind(("127.0.0.1", 0))
+        port = nobody.getsockname()[1]
+        collector = start(url=f"http://127.0.0.1:{port}/")
+        hand_over(machine)
+        collector.wait_said("tried again later")
+        assert collector.names() == ["t_1"]
+        server = upload_server.Server(port=port)
+        try:
+            wait_uploaded(collector)
+        finally:
+            server.close()
 
-    assert collector.names() == ["t_1"]
     assert sum("not uploaded" in line and "Failed to connect" in line for line in collector.said()) == 1
+    collector.wait_said("uploads go on")
 
 
 def test_a_wrong_url_is_refused_at_once(machine):

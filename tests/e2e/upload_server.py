@@ -35,7 +35,7 @@ class Server:
     """Answers as `answers` says, one after another, then 200. An answer is a status, (status, headers), or a
     function of the handler."""
 
-    def __init__(self, certificates=None):
+    def __init__(self, certificates=None, port=0):
         self.answers = []
         self.uploads = []
         self.times = []
@@ -63,7 +63,7 @@ class Server:
             def log_message(self, *_):
                 pass
 
-        self.http = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
+        self.http = http.server.ThreadingHTTPServer(("127.0.0.1", port), Handler)
         self.http.daemon_threads = True
         self.http.handle_error = lambda *_: None
         scheme = "http"
