@@ -17,10 +17,8 @@ HERE = pathlib.Path(__file__).resolve().parent
 SUBSCRIBER = TOP / "tests" / "e2e" / "subscriber.py"
 DISK_MIB = 512
 
-PACKAGES = ["systemd", "systemd-sysv", "dbus", "libglib2.0-bin", "procps", "e2fsprogs", "e2fsck-static", "python3",
-            "busybox-static", "libexpat1", "libjsoncpp25", "libglib2.0-0", "libsqlite3-0", "libboost-thread1.74.0",
-            "libboost-chrono1.74.0", "libboost-date-time1.74.0", "libboost-serialization1.74.0", "libsystemd0",
-            "libevdev2", "libnotify4", "python3-dbus", "python3-gi"]
+RUNNING = [line for line in (TOP / "tests" / "image-packages").read_text().splitlines() if not line.startswith("#")]
+PACKAGES = [*RUNNING, "e2fsprogs", "e2fsck-static", "python3", "busybox-static", "python3-dbus", "python3-gi"]
 KERNEL_PACKAGE = "linux-image-cloud-amd64"
 
 # Loaded by the initial root in this order: the ports to the agent and, last of all, the disk.
