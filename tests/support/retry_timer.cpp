@@ -8,6 +8,7 @@ namespace {
 
 /// The timer that the test's own thread made last, to be rung by hand.
 GSource* g_timer = nullptr;
+unsigned g_waitMs = 0;
 
 }  // namespace
 
@@ -20,11 +21,16 @@ extern "C" GSource* g_timeout_source_new(guint interval) {
     }
     g_clear_pointer(&g_timer, g_source_unref);
     g_timer = g_source_ref(timer);
+    g_waitMs = interval;
     return timer;
 }
 
+unsigned RetryDelayMs() {
+    return g_timer != nullptr && g_source_is_destroyed(g_timer) == FALSE ? g_waitMs : 0;
+}
+
 bool LetRetryCome() {
-    if (g_timer == nullptr || g_source_is_destroyed(g_timer) != FALSE) {
+    if (RetryDelayMs() == 0) {
         return false;
     }
     GSource* timer = g_source_ref(g_timer);

@@ -151,6 +151,13 @@ TEST_F(Collectors, SayInOneLineWhatLastsAndGoOn) {
     ASSERT_TRUE(LetRetryCome());
     EXPECT_EQ(m_taken, 1);
     EXPECT_EQ(Said("goes on"), 1U);
+
+    fakes::vconf::Deliver();
+    fakes::vconf::Fail(reports::kHandOverKey, fakes::vconf::FAIL_GET);
+    ASSERT_TRUE(LetRetryCome());
+    EXPECT_EQ(RetryDelayMs(), 100U) << "the first of this time";
+    ASSERT_TRUE(LetRetryCome());
+    EXPECT_EQ(RetryDelayMs(), 200U);
 }
 
 TEST_F(Collectors, KeepAReportPublishedForWhichThereIsNoRoom) {

@@ -156,6 +156,22 @@ TEST_F(PolicyTasks, WhateverCannotStartIsTriedAgainUntilThePolicyIsWatched) {
     }
 }
 
+TEST_F(PolicyTasks, AttemptsComeAfterLongerAndLongerWaitsAndAfterASuccessAtOnceAgain) {
+    StartWith("");
+    for (int again = 0; again < 2; ++again) {
+        fakes::vconf::Fail("db/a", fakes::vconf::FAIL_NOTIFY);
+        EXPECT_TRUE(m_manager->UpdatePolicy(Document(ItemFor("db/a"))));
+        for (const unsigned wait : {100U, 200U, 400U}) {
+            EXPECT_EQ(RetryDelayMs(), wait) << again;
+            EXPECT_TRUE(LetRetryCome());
+        }
+        fakes::vconf::Fail("db/a", fakes::vconf::FAIL_NONE);
+        EXPECT_TRUE(LetRetryCome());
+        EXPECT_EQ(RetryDelayMs(), 0U) << again;
+        EXPECT_TRUE(m_manager->UpdatePolicy("<zolitem/>"));
+    }
+}
+
 TEST_F(PolicyTasks, WhatRunsWhenTheRestIsTriedAgainIsLeftAlone) {
     fakes::vconf::SetInt("db/a", 1);
     fakes::vconf::SetString("db/zol/send_zol_files_path", "");

@@ -107,6 +107,21 @@ TEST_F(UnreadKey, AKeyThatCannotBeReadAfterItsChangeIsReadAgainAndWatchedFurther
     EXPECT_FALSE(LetRetryCome());
 }
 
+TEST_F(UnreadKey, AttemptsComeAfterLongerAndLongerWaitsAndAfterASuccessAtOnceAgain) {
+    Watch({IntItem("GREATER", 4)});
+    for (int again = 0; again < 2; ++again) {
+        fakes::vconf::Fail(kWatched, fakes::vconf::FAIL_GET);
+        SetInt(kWatched, 5);
+        for (const unsigned wait : {100U, 200U, 400U}) {
+            EXPECT_EQ(RetryDelayMs(), wait) << again;
+            EXPECT_TRUE(LetRetryCome());
+        }
+        fakes::vconf::Fail(kWatched, fakes::vconf::FAIL_NONE);
+        EXPECT_TRUE(LetRetryCome());
+        EXPECT_EQ(RetryDelayMs(), 0U) << again;
+    }
+}
+
 TEST_F(UnreadKey, WhatCouldNotBeReadIsForgottenWithTheChecker) {
     fakes::vconf::Fail(kWatched, fakes::vconf::FAIL_GET);
     Watch({IntItem("IS", 5)});
