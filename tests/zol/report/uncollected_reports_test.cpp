@@ -44,6 +44,16 @@ protected:
             Age(Old(i), i);
         }
     }
+    /// A folder left so, on the disk.
+    static long KibibytesOf(const std::string& folder) {
+        long blocks = 0;
+        for (const char* const file : {"", "/header.json"}) {
+            struct stat status {};
+            EXPECT_EQ(stat(Host(folder + file).c_str(), &status), 0);
+            blocks += status.st_blocks;
+        }
+        return blocks / 2;  // of 512 bytes
+    }
     static int Left() {
         const auto all = fs::directory_iterator(Host("/tmp/zol"));
         return static_cast<int>(std::count_if(begin(all), end(all), [](const fs::directory_entry& entry) {
@@ -70,10 +80,13 @@ TEST_F(Uncollected, TheOldestFoldersBeyondTheBytesAreRemoved) {
     for (int i = 1; i <= 4; ++i) {
         Leave(Old(i), i, third);
     }
+    const long kibibytes = 2 * KibibytesOf(Old(1));
 
     Handle(NOTIFY_ZOL_VCONF);
 
     EXPECT_EQ(Left(), 2) << "the folders themselves take something, too";
+    EXPECT_TRUE(fakes::dlog::Has("2 report folders that nobody collected are removed, " +
+                                 std::to_string(kibibytes) + " KiB"));
     EXPECT_TRUE(fs::exists(Host(Old(3))));
     EXPECT_TRUE(fs::exists(Host(Old(4))));
 }

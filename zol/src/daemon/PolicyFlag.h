@@ -14,7 +14,7 @@ struct TSPolicyFlag {
         int value = 0;
         return vconf_get_bool(key, &value) == 0 ? std::optional(value != 0) : std::nullopt;
     }
-    [[nodiscard]] bool Set(bool isOn) const { return vconf_set_bool(key, isOn ? 1 : 0) == 0; }
+    [[nodiscard]] bool Set(bool isOn) const { return vconf_set_bool(key, static_cast<int>(isOn)) == 0; }
 };
 
 /// Tasks were created for the current policy.
