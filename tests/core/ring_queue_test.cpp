@@ -31,12 +31,13 @@ TEST_F(RingQueue, UsedOutOfOrderItAssertsAndItRefusesToHaveNoSlots) {
     void* out = nullptr;
     EXPECT_FALSE(queue.Create(0));
     EXPECT_FALSE(queue.Add(nullptr));
-    EXPECT_FALSE(queue.Get(&out, 0));
     ASSERT_TRUE(queue.Create(2));
     EXPECT_FALSE(queue.Create(2));
     queue.Destroy();
-    ExpectAssertedOnceEach(
-        {"m [core/src/RingQueue:55]", "m [core/src/RingQueue:72]", "!m [core/src/RingQueue:21]"});
+    EXPECT_FALSE(queue.Get(&out, 0));
+    queue.Destroy();
+    ExpectAssertedOnceEach({"m [core/src/RingQueue:55]", "!m [core/src/RingQueue:21]",
+                            "m [core/src/RingQueue:72]", "m [core/src/RingQueue:42]"});
 }
 
 TEST_F(RingQueue, ThatIsDestructedBeforeDestroyAsserts) {

@@ -258,6 +258,8 @@ TEST_F(KeyChange, ABoolKeyIsIgnoredAlsoWhenItHoldsAnIntegerByTheTimeItIsTold) {
     fakes::vconf::SetBool(kWatched, true);
 
     EXPECT_EQ(Reported(), Reports({"db/k=7"})) << "for the change to 7, and not for the one before it";
+    EXPECT_EQ(Logged("find!"), 2);
+    EXPECT_EQ(Logged("found on list!"), 1);
 }
 
 TEST_F(KeyChange, TheLastOfTenThousandItemsIsFound) {
