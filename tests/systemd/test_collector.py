@@ -102,9 +102,3 @@ def test_it_uploads_with_the_rights_that_it_has(machine):
         server.kill()
         server.wait()
     wait_for(lambda: not machine.run("ls", f"{SPOOL}/reports").stdout, "an empty spool")
-
-
-def test_what_the_unit_names_is_there(machine):
-    document = machine.run("systemctl", "show", "zol-collector", "--value", "-p", "Documentation").stdout.strip()
-
-    machine.run("test", "-s", re.sub("^file://", "", document))
