@@ -43,9 +43,10 @@ public:
     [[nodiscard]] int AddEventLogSync(const std::string& type, const std::string& category,
                                       const std::string& eventId, const std::string& description);
 
-    /// The stored events, oldest first; none when there is no store. False when there is one and it cannot be
-    /// read. Reading makes and repairs nothing.
-    [[nodiscard]] bool ListEvents(std::vector<TSKpiEvent>& events);
+    /// The stored events whose sequence number is greater than `after`, oldest first; all of them when the
+    /// log was begun anew and has no number that high. None when there is no store. False when there is one
+    /// and it cannot be read. Reading makes and repairs nothing.
+    [[nodiscard]] bool ListEvents(std::vector<TSKpiEvent>& events, std::int64_t after = 0);
     /// How many events were dropped since the store was made; 0 when there is none, -1 when it cannot be
     /// read.
     [[nodiscard]] std::int64_t DroppedEvents();

@@ -26,7 +26,7 @@ int CLogger::AddEventLogSync(const std::string& /*type*/, const std::string& /*c
     return RESULT_SUCCESS;
 }
 
-bool CLogger::ListEvents(std::vector<TSKpiEvent>& events) {
+bool CLogger::ListEvents(std::vector<TSKpiEvent>& events, std::int64_t /*after*/) {
     events = {{1, 0, "20_errdata", "ZOL", "EV007", "of the device's own log"}};
     return true;
 }

@@ -132,6 +132,21 @@ def test_events_are_followed_until_interrupted(machine, daemon):
     assert late.wait(timeout=60) == 0 and late.stdout.read() == ""
 
 
+def test_events_of_a_log_that_was_begun_anew_are_followed(machine, daemon):
+    del daemon
+    machine.push(policy(int_rule(NUMBER, "GREATER", 0)))
+    report(machine, 1, 2)
+    process = machine.start(BIN / "zolctl", "kpi", "list", "--follow", stdout=subprocess.PIPE, text=True)
+    assert [process.stdout.readline().split("\t")[0] for _ in range(2)] == ["1", "2"]
+
+    for file in machine.path("/var/lib/zol").glob("kpi.db*"):
+        file.unlink()
+    report(machine, 3)
+
+    new = process.stdout.readline()
+    assert new.startswith("1\t") and "value=3;" in new
+
+
 @pytest.mark.parametrize("words, hint", [
     (("stauts",), "A subcommand is required (did you mean status?)"),
     (("policy", "psh"), "A subcommand is required (did you mean push?)"),

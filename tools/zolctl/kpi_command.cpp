@@ -21,7 +21,6 @@ namespace zolctl {
 namespace {
 
 using KPILogFramework::TSKpiEvent;
-using tools::OneLine;
 using tools::Printable;
 using tools::UtcTime;
 
@@ -74,25 +73,24 @@ Json::Value ToJson(const std::vector<TSKpiEvent>& events) {
     return list;
 }
 
-/// False when the log cannot be read.
-bool ReadAll(std::vector<TSKpiEvent>& events) {
-    const bool isRead = KPILogFramework::CLogger::GetInstance().ListEvents(events);
+/// Those after a sequence number. False when the log cannot be read.
+bool Read(std::vector<TSKpiEvent>& events, std::int64_t after) {
+    const bool isRead = KPILogFramework::CLogger::GetInstance().ListEvents(events, after);
     if (!isRead) {
         std::cerr << "zolctl: the event log cannot be read\n";
     }
     return isRead;
 }
 
-std::int64_t NewestOf(const std::vector<TSKpiEvent>& events) {
-    return events.empty() ? 0 : events.back().sequence;
+/// Of the events that were read last, or of those before when there are none.
+std::int64_t NewestOf(const std::vector<TSKpiEvent>& events, std::int64_t before) {
+    return events.empty() ? before : events.back().sequence;
 }
 
-/// Leaves those behind a number, of a moment and later.
-void Keep(std::vector<TSKpiEvent>& events, std::int64_t behind, std::int64_t since) {
+/// Leaves those of a moment and later.
+void Keep(std::vector<TSKpiEvent>& events, std::int64_t since) {
     events.erase(std::remove_if(events.begin(), events.end(),
-                                [=](const TSKpiEvent& event) {
-                                    return event.sequence <= behind || event.timeSeconds < since;
-                                }),
+                                [=](const TSKpiEvent& event) { return event.timeSeconds < since; }),
                  events.end());
 }
 
@@ -103,12 +101,10 @@ int Follow(std::int64_t last, std::int64_t since) {
     int status = EXIT_OK;
     const std::function<void()> look = [&] {
         std::vector<TSKpiEvent> events;
-        status = ReadAll(events) ? EXIT_OK : EXIT_UNREACHABLE;
-        const std::int64_t newest = NewestOf(events);
-        // A damaged log is begun anew, and its numbers with it.
-        Keep(events, newest < last ? 0 : last, since);
+        status = Read(events, last) ? EXIT_OK : EXIT_UNREACHABLE;
+        last = NewestOf(events, last);
+        Keep(events, since);
         PrintText(events);
-        last = newest;
         std::cout.flush();
         if (status != EXIT_OK || !std::cout) {
             loop.Quit();
@@ -121,21 +117,13 @@ int Follow(std::int64_t last, std::int64_t since) {
 }
 
 int List(const KpiOptions& options) {
-    std::int64_t since = 0;
-    if (!options.since.empty()) {
-        const std::optional<std::int64_t> moment = MomentOf(options.since);
-        if (!moment) {
-            std::cerr << "zolctl: --since " << OneLine(options.since) << ": " << kMomentForms << '\n';
-            return EXIT_UNREACHABLE;
-        }
-        since = *moment;
-    }
+    const std::optional<std::int64_t> since = SinceOf(options.since);
     std::vector<TSKpiEvent> events;
-    if (!ReadAll(events)) {
+    if (!since || !Read(events, 0)) {
         return EXIT_UNREACHABLE;
     }
-    const std::int64_t last = NewestOf(events);
-    Keep(events, 0, since);
+    const std::int64_t last = NewestOf(events, 0);
+    Keep(events, *since);
     if (options.most != 0 && events.size() > options.most) {
         events.erase(events.begin(), events.end() - static_cast<std::ptrdiff_t>(options.most));
     }
@@ -143,7 +131,7 @@ int List(const KpiOptions& options) {
     if (const std::int64_t dropped = KPILogFramework::CLogger::GetInstance().DroppedEvents(); dropped > 0) {
         std::cerr << "zolctl: " << dropped << " older events were dropped\n";
     }
-    return options.isFollow ? Follow(last, since) : EXIT_OK;
+    return options.isFollow ? Follow(last, *since) : EXIT_OK;
 }
 
 }  // namespace

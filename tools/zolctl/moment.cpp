@@ -3,10 +3,12 @@
 #include <glib.h>
 
 #include <charconv>
+#include <iostream>
 #include <map>
 
 #include "base/handles.h"
 #include "platform_clock.h"
+#include "text.h"
 
 namespace zolctl {
 namespace {
@@ -36,6 +38,15 @@ std::optional<std::int64_t> MomentOf(const std::string& text) {
     }
     const DateTimePtr moment(g_date_time_new_from_iso8601(text.c_str(), nullptr));
     return moment != nullptr ? std::optional<std::int64_t>(g_date_time_to_unix(moment.get())) : std::nullopt;
+}
+
+std::optional<std::int64_t> SinceOf(const std::string& option) {
+    const std::optional<std::int64_t> moment =
+        option.empty() ? std::optional<std::int64_t>(0) : MomentOf(option);
+    if (!moment) {
+        std::cerr << "zolctl: --since " << tools::OneLine(option) << ": " << kMomentForms << '\n';
+    }
+    return moment;
 }
 
 }  // namespace zolctl

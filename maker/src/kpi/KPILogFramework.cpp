@@ -45,7 +45,8 @@ constexpr const char* kSetup =
 constexpr const char* kInsert =
     "INSERT INTO event (time, type, category, event_id, description) VALUES (?, ?, ?, ?, ?)";
 constexpr const char* kSelect =
-    "SELECT sequence, time, type, category, event_id, description FROM event ORDER BY sequence";
+    "SELECT sequence, time, type, category, event_id, description FROM event"
+    " WHERE sequence > CASE WHEN (SELECT max(sequence) FROM event) < ?1 THEN 0 ELSE ?1 END ORDER BY sequence";
 
 int WaitWhileBusy(void* /*unused*/, int steps) {
     if (steps >= kBusySteps) {
@@ -111,7 +112,7 @@ public:
     /// after a failure they go on waiting, but for the oldest ones beyond the limits. Throws nothing.
     [[nodiscard]] int StoreWaiting();
     std::size_t Waiting() const { return m_waiting.size(); }
-    [[nodiscard]] bool List(std::vector<TSKpiEvent>& events);
+    [[nodiscard]] bool List(std::vector<TSKpiEvent>& events, std::int64_t after);
     std::int64_t Dropped();
 
 private:
@@ -388,7 +389,7 @@ CLogger::Store::EPresence CLogger::Store::OpenExisting() {
     return HoldsTables() ? EPresence::OPEN : EPresence::ABSENT;
 }
 
-bool CLogger::Store::List(std::vector<TSKpiEvent>& events) {
+bool CLogger::Store::List(std::vector<TSKpiEvent>& events, std::int64_t after) {
     events.clear();
     const EPresence presence = OpenExisting();
     if (presence != EPresence::OPEN) {
@@ -396,6 +397,7 @@ bool CLogger::Store::List(std::vector<TSKpiEvent>& events) {
     }
     const base::StatementPtr statement = base::Prepare(m_database.get(), kSelect);
     base::Run select(statement);
+    select.Bind(1, after);
     int result = SQLITE_ROW;
     while ((result = select.Step()) == SQLITE_ROW) {
         events.push_back({select.Number(0), select.Number(1), std::string(select.Text(2)),
@@ -452,9 +454,9 @@ void CLogger::StoreAtEnd() {
     }
 }
 
-bool CLogger::ListEvents(std::vector<TSKpiEvent>& events) {
+bool CLogger::ListEvents(std::vector<TSKpiEvent>& events, std::int64_t after) {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    return base::CatchAll([&] { return m_store->List(events); }, Report);
+    return base::CatchAll([&] { return m_store->List(events, after); }, Report);
 }
 
 std::int64_t CLogger::DroppedEvents() {

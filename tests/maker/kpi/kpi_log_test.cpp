@@ -57,18 +57,19 @@ protected:
     static int Add(const std::string& description) {
         return CLogger::GetInstance().AddEventLogSync("20_errdata", "ZOL", "EV007", description);
     }
-    static std::vector<TSKpiEvent> List() {
+    static std::vector<TSKpiEvent> List(std::int64_t after = 0) {
         std::vector<TSKpiEvent> events;
-        EXPECT_TRUE(CLogger::GetInstance().ListEvents(events));
+        EXPECT_TRUE(CLogger::GetInstance().ListEvents(events, after));
         return events;
     }
-    static std::vector<std::string> Descriptions() {
+    static std::vector<std::string> DescriptionsAfter(std::int64_t sequence) {
         std::vector<std::string> descriptions;
-        for (const TSKpiEvent& event : List()) {
+        for (const TSKpiEvent& event : List(sequence)) {
             descriptions.push_back(event.description);
         }
         return descriptions;
     }
+    static std::vector<std::string> Descriptions() { return DescriptionsAfter(0); }
     /// What was there is a log no longer: the event that is added begins a new one.
     static void ExpectNewLog() {
         EXPECT_EQ(Add("after"), 1);
@@ -255,6 +256,27 @@ TEST_F(KpiLog, ReadingADamagedLogFailsAndLeavesItAlone) {
     EXPECT_EQ(Dropped(), -1);
 
     EXPECT_EQ(fakes::ReadDeviceFile(ZOL_PATH_KPI_DB), garbage);
+}
+
+TEST_F(KpiLog, ListsWhatFollowsASequenceNumber) {
+    for (const char* description : {"one", "two", "three"}) {
+        EXPECT_EQ(Add(description), CLogger::RESULT_SUCCESS);
+    }
+    const std::int64_t second = List()[1].sequence;
+
+    EXPECT_THAT(DescriptionsAfter(second), ElementsAre("three"));
+    EXPECT_THAT(DescriptionsAfter(second + 1), ElementsAre());
+}
+
+TEST_F(KpiLog, ListsAllOfALogThatWasBegunAnewAndHasNoNumberThatHigh) {
+    EXPECT_EQ(Add("one"), CLogger::RESULT_SUCCESS);
+    EXPECT_EQ(Add("two"), CLogger::RESULT_SUCCESS);
+    const std::int64_t last = List().back().sequence;
+    fakes::Reset();
+
+    EXPECT_EQ(Add("new"), CLogger::RESULT_SUCCESS);
+
+    EXPECT_THAT(DescriptionsAfter(last), ElementsAre("new"));
 }
 
 TEST_F(KpiLog, ADatabaseOfSomebodyElsesShapeIsSetAside) {
