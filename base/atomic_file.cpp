@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <utility>
 
 #include "base/folders.h"
@@ -11,8 +12,26 @@
 #include "base/unique_fd.h"
 
 namespace base {
+namespace {
 
-ReplacementFile::ReplacementFile(std::string path) : m_path(std::move(path)), m_temporary(m_path + ".new") {}
+UniqueFd Create(const std::string& path, mode_t mode) {
+    return UniqueFd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+}
+
+/// Under the first name of "<path>.new.<number>" that nothing has.
+UniqueFd CreateUnused(const std::string& path, mode_t mode, std::string& name) {
+    UniqueFd file;
+    for (int number = 1; !file && (number == 1 || errno == EEXIST); ++number) {
+        name = path + ".new." + std::to_string(number);
+        file = Create(name, mode);
+    }
+    return file;
+}
+
+}  // namespace
+
+ReplacementFile::ReplacementFile(std::string path, Beside name)
+    : m_path(std::move(path)), m_name(name), m_temporary(m_path + ".new") {}
 
 ReplacementFile::~ReplacementFile() {
     m_file.reset();
@@ -22,8 +41,13 @@ ReplacementFile::~ReplacementFile() {
 }
 
 std::error_code ReplacementFile::Open(mode_t mode) {
-    unlink(m_temporary.c_str());  // what a crash left behind, or somebody put there
-    UniqueFd fd(open(m_temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+    UniqueFd fd;
+    if (m_name == Beside::Known) {
+        unlink(m_temporary.c_str());  // what a crash left behind, or somebody put there
+        fd = Create(m_temporary, mode);
+    } else {
+        fd = CreateUnused(m_path, mode, m_temporary);
+    }
     if (!fd) {
         return LastError();
     }
@@ -78,8 +102,8 @@ std::error_code ReplacementFile::PutInPlace(std::string_view content) {
     return Replace();
 }
 
-std::error_code ReplaceFile(const std::string& path, std::string_view content, mode_t mode) {
-    ReplacementFile file(path);
+std::error_code ReplaceFile(const std::string& path, std::string_view content, mode_t mode, Beside name) {
+    ReplacementFile file(path, name);
     const std::error_code error = file.Open(mode);
     return error ? error : file.PutInPlace(content);
 }

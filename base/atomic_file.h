@@ -11,14 +11,20 @@
 
 namespace base {
 
-/// Writes "<path>.new" beside a file and moves it over the file at the end, so that a power cut, a crash or a
+/// Under which name a replacement is written.
+enum class Beside {
+    Known,  ///< "<path>.new": what a crash left there is gone with the next replacement; one writer at a time
+    Unused  ///< one that nothing has, for folders where anything may lie
+};
+
+/// Writes another file beside a file and moves it over the file at the end, so that a power cut, a crash or a
 /// full disk leaves the old content or the new one. A link in the file's place is replaced, not followed. For
 /// a caller that wants to know of each step; the steps run in the order of their declaration, all but Open
 /// need its success. What was not moved is removed.
 class ReplacementFile {
 public:
     /// @param path of the file to replace; it need not exist
-    explicit ReplacementFile(std::string path);
+    explicit ReplacementFile(std::string path, Beside name = Beside::Known);
     ~ReplacementFile();
     ReplacementFile(const ReplacementFile&) = delete;
     ReplacementFile& operator=(const ReplacementFile&) = delete;
@@ -43,12 +49,14 @@ public:
 
 private:
     const std::string m_path;
-    const std::string m_temporary;
+    const Beside m_name;
+    std::string m_temporary;
     FilePtr m_file;
     bool m_isLeftOver = false;  // the temporary file exists and is ours to remove
 };
 
 /// All steps of ReplacementFile at once. An error leaves the old file, unless only the last sync failed.
-[[nodiscard]] std::error_code ReplaceFile(const std::string& path, std::string_view content, mode_t mode);
+[[nodiscard]] std::error_code ReplaceFile(const std::string& path, std::string_view content, mode_t mode,
+                                          Beside name = Beside::Known);
 
 }  // namespace base

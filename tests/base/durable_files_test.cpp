@@ -74,6 +74,21 @@ TEST_F(ReplaceFile, LeavesTheOldContentWhenItIsNotCarriedThrough) {
     EXPECT_EQ(Content(), (Files{{"file", "old"}}));
 }
 
+TEST_F(ReplaceFile, LeavesWhatLiesBesideItWhenItIsToTakeANameThatNothingHas) {
+    Write("file", "old");
+    Write("file.new", "mine");
+    Write("file.new.1", "also mine");
+    fs::create_symlink("file.new", Path("file.new.2"));
+
+    EXPECT_FALSE(base::ReplaceFile(Path(), "new", 0640, base::Beside::Unused));
+
+    EXPECT_EQ(
+        Content(),
+        (Files{{"file", "new"}, {"file.new", "mine"}, {"file.new.1", "also mine"}, {"file.new.2", "mine"}}));
+    EXPECT_EQ(base::ReplaceFile(Path("missing/file"), "x", 0640, base::Beside::Unused),
+              std::errc::no_such_file_or_directory);
+}
+
 class SetAside : public DurableFiles {
 protected:
     /// Sets "file" aside, which succeeds.

@@ -339,6 +339,19 @@ def test_the_junit_report_has_all_results_whatever_they_are_called(runner):
     assert cases["bad<.yaml"][0].find("error").get("message").startswith("bad<.yaml:2:")
 
 
+def test_the_junit_report_replaces_no_other_file_than_the_one_that_is_named(runner):
+    runner.write("good.yaml", scenario("restart"))
+    for name in ("results.xml", "results.xml.new", "results.xml.new.1"):
+        runner.write(name, "mine")
+    before = set(os.listdir(runner.folder))
+
+    assert runner.run("good.yaml", "--junit", "results.xml")[0] == 0
+
+    assert set(os.listdir(runner.folder)) == before
+    assert xml.etree.ElementTree.parse(runner.folder / "results.xml").getroot().get("tests") == "1"
+    assert {(runner.folder / f"results.xml.{name}").read_text() for name in ("new", "new.1")} == {"mine"}
+
+
 def test_the_junit_report_goes_into_a_pipe_and_replaces_no_device(runner):
     runner.write("good.yaml", scenario("restart"))
     result = subprocess.run([*COMMAND, "good.yaml", "--junit", "/dev/stderr"], cwd=runner.folder, env=runner.env,

@@ -91,7 +91,7 @@ std::string CaseOf(const Result& result) {
 std::error_code Write(const std::string& path, const std::string& text) {
     struct stat status {};
     if (stat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode)) {
-        return base::ReplaceFile(path, text, kFileMode);
+        return base::ReplaceFile(path, text, kFileMode, base::Beside::Unused);
     }
     const base::UniqueFd file(open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY));
     for (std::size_t at = 0; file && at < text.size();) {
