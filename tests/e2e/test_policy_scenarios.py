@@ -308,14 +308,26 @@ def test_bad_usage_and_a_lost_output_are_status_2(runner):
 
 
 @pytest.mark.skipif(bool(EMULATOR), reason="an emulated zolctl cannot start another program")
-def test_zolctl_says_when_the_program_that_plays_is_not_installed(runner):
-    alone = runner.folder / "zolctl"
+def test_zolctl_finds_the_program_that_plays_where_it_is_installed_and_says_when_it_is_not(runner):
+    (runner.folder / "bin").mkdir()
+    alone = runner.folder / "bin" / "zolctl"
     alone.write_bytes((BIN / "zolctl").read_bytes())
     alone.chmod(0o755)
-    result = subprocess.run([alone, "policy", "test", "x"], capture_output=True, text=True, timeout=60, check=False)
-    assert (result.returncode, result.stdout) == (2, "")
-    assert result.stderr.startswith("zolctl: cannot start /")
-    assert result.stderr.endswith("/libexec/zol/zol_policy_test: No such file or directory\n")
+    installed = runner.folder / "libexec" / "zol" / "zol_policy_test"
+
+    def run():
+        result = subprocess.run([alone, "policy", "test", "a b"], capture_output=True, text=True, timeout=60,
+                                check=False)
+        return result.returncode, result.stdout, result.stderr
+
+    assert run() == (2, "", "zolctl: policy test: this installation has no zol_policy_test "
+                     f"({runner.folder}/bin/../libexec/zol/zol_policy_test)\n")
+    installed.parent.mkdir(parents=True)
+    installed.write_text('#!/bin/sh\necho "played $1"\nexit 1\n')
+    assert run() == (2, "", f"zolctl: cannot start {runner.folder}/bin/../libexec/zol/zol_policy_test: "
+                     "Permission denied\n")
+    installed.chmod(0o755)
+    assert run() == (1, "played a b\n", "")
 
 
 # --- results for continuous integration ---------------------------------------------------------------------------

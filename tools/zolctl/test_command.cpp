@@ -17,12 +17,14 @@ namespace {
 
 constexpr const char* kProgram = "zol_policy_test";
 
-/// Beside the program that runs here (a build), else where it is installed.
+/// Beside the program that runs here (a build), else where it is installed together with that.
 std::string Program() {
     std::error_code ignored;
-    const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", ignored);
-    const std::string beside = (self.parent_path() / kProgram).string();
-    return access(beside.c_str(), X_OK) == 0 ? beside : std::string(ZOL_PROGRAM_DIR) + "/" + kProgram;
+    const std::filesystem::path folder =
+        std::filesystem::read_symlink("/proc/self/exe", ignored).parent_path();
+    const std::string beside = (folder / kProgram).string();
+    return access(beside.c_str(), X_OK) == 0 ? beside
+                                             : (folder / ZOL_PROGRAM_DIR_FROM_HERE / kProgram).string();
 }
 
 /// Becomes the program that has the daemon's parts, with the same arguments.
@@ -37,7 +39,11 @@ int Test(std::vector<std::string> words) {
     arguments.push_back(nullptr);
     std::signal(SIGPIPE, SIG_DFL);
     execv(program.c_str(), arguments.data());
-    std::cerr << "zolctl: cannot start " << program << ": " << std::strerror(errno) << '\n';
+    if (errno == ENOENT) {
+        std::cerr << "zolctl: policy test: this installation has no " << kProgram << " (" << program << ")\n";
+    } else {
+        std::cerr << "zolctl: cannot start " << program << ": " << std::strerror(errno) << '\n';
+    }
     return EXIT_UNREACHABLE;
 }
 
