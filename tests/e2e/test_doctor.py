@@ -1,8 +1,11 @@
 """zolctl doctor: what is as it should be and what is not."""
 import json
+import re
 import signal
+import subprocess
+import time
 
-from conftest import int_rule, policy
+from conftest import BIN, int_rule, policy
 
 RULE = int_rule("db/menu/level", "IS", 3)
 
@@ -44,6 +47,20 @@ def test_what_is_wrong_is_told_with_what_to_do(machine):
     assert found["events"] == ("wrong", "the event log cannot be read; see the log")
     assert found["reports"] == ("wrong", "/tmp: No such file or directory; systemd-tmpfiles --create")
     assert found["state"][0] == found["clock"][0] == "ok"
+
+
+def test_a_clock_that_was_not_set_is_told(machine):
+    def clock(ahead):
+        told = subprocess.run([BIN / "zolctl_steered", "doctor"], text=True, timeout=60, check=False,
+                              env={**machine.env, "ZOL_TEST_CLOCK_AHEAD": str(ahead)}, capture_output=True)
+        return looked_at(told)["clock"]
+
+    since_1970 = int(time.time())
+    verdict, text = clock(-since_1970)
+    assert verdict == "wrong"
+    assert re.fullmatch(r"it is 1970-01-01T\S+Z; set it: policies expire and reports are named by it", text)
+    assert clock(1767225600 + 3600 - since_1970)[0] == "ok"
+    assert clock(1767225600 - 3600 - since_1970)[0] == "wrong"
 
 
 def test_a_daemon_that_hangs_is_told(machine, daemon):
