@@ -1,11 +1,9 @@
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <ctime>
 #include <iterator>
 #include <list>
@@ -13,6 +11,7 @@
 #include <utility>
 
 #include "base/inotify.h"
+#include "base/system_error.h"
 #include "base/unique_fd.h"
 #include "source.h"
 
@@ -37,11 +36,14 @@ std::int64_t ClockUs(clockid_t clock) {
 class LogFile {
 public:
     explicit LogFile(const std::string& path) : m_fd(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
-        if (m_fd && fstat(m_fd.Get(), &m_status) != 0) {
+        m_error = base::ErrorUnless(m_fd && fstat(m_fd.Get(), &m_status) == 0);
+        if (m_error) {
             m_fd.Reset();
         }
     }
 
+    /// Why it is not open.
+    std::error_code Error() const { return m_error; }
     bool IsOpen() const { return static_cast<bool>(m_fd); }
     bool Same(const LogFile& other) const {
         return m_status.st_dev == other.m_status.st_dev && m_status.st_ino == other.m_status.st_ino;
@@ -72,6 +74,7 @@ public:
 
 private:
     base::UniqueFd m_fd;
+    std::error_code m_error;
     struct stat m_status {};
     std::string m_pending;  // read and not yet returned
     std::size_t m_begin = 0;
@@ -86,12 +89,16 @@ public:
 
     /// Finds files that are new since the last time.
     void Discover() {
+        m_refused.clear();
         // Newest first: a file that is renamed meanwhile is met again under its older name, not missed.
         std::vector<LogFile> found;
         const std::string stem = m_path.substr(0, m_path.size() - kEnd.size());
         for (int age = 0; age <= kOldFiles; ++age) {
             LogFile file(age == 0 ? m_path : stem + "." + std::to_string(age) + std::string(kEnd));
             const auto isThis = [&file](const LogFile& other) { return other.Same(file); };
+            if (file.Error() && file.Error() != std::errc::no_such_file_or_directory) {
+                m_refused = file.Error();
+            }
             if (!file.IsOpen() || std::any_of(found.begin(), found.end(), isThis)) {
                 continue;
             }
@@ -125,8 +132,13 @@ public:
 
     void Pop() { m_hasNext = false; }
 
+    /// Why a file that is there was not opened.
+    std::error_code Refused() const { return m_refused; }
+    bool IsThere() const { return !m_files.empty(); }
+
 private:
     std::string m_path;
+    std::error_code m_refused;
     std::list<LogFile> m_files;  // oldest first
     Record m_next;
     bool m_hasNext = false;
@@ -157,14 +169,25 @@ public:
         return true;
     }
 
-    bool Wait() override {
+    bool Wait(int stop) override {
         if (m_watch < 0 && WatchFolder()) {
             // What was logged between the last look and the watch wakes nobody.
             return true;
         }
-        const bool going = WaitForInput(m_inotify.Fd(), m_watch < 0 ? kMissingFolderMs : -1);
+        const bool going = WaitForInput(m_inotify.Fd(), stop, m_watch < 0 ? kMissingFolderMs : -1);
         TakeEvents();
         return going;
+    }
+
+    std::error_code Missing() const override {
+        bool isThere = false;
+        for (const LogBufferFiles& buffer : m_buffers) {
+            if (buffer.Refused()) {
+                return buffer.Refused();
+            }
+            isThere = isThere || buffer.IsThere();
+        }
+        return isThere ? std::error_code() : std::make_error_code(std::errc::no_such_file_or_directory);
     }
 
 private:
@@ -203,13 +226,6 @@ private:
 
 std::unique_ptr<Source> MakeFileSource(const std::string& folder, const std::vector<std::string>& buffers) {
     return std::make_unique<FileSource>(folder, buffers);
-}
-
-bool WaitForInput(int fd, int timeoutMs) {
-    // No events are asked of the output: that its reader is gone is reported all the same.
-    std::array<pollfd, 2> fds = {pollfd{fd, POLLIN, 0}, pollfd{STDOUT_FILENO, 0, 0}};
-    const int ready = poll(fds.data(), fds.size(), timeoutMs);
-    return (ready >= 0 || errno == EINTR) && (fds[1].revents & (POLLERR | POLLHUP)) == 0;
 }
 
 }  // namespace dlogutil

@@ -46,14 +46,20 @@ public:
     bool Drain(const std::function<void(const Record&)>& sink) override {
         int more = 0;
         while ((more = sd_journal_next(m_journal.get())) > 0) {
+            m_isThere = true;
             sink(Current());
         }
         return more == 0;
     }
 
-    bool Wait() override {
+    bool Wait(int stop) override {
         const int fd = sd_journal_get_fd(m_journal.get());
-        return fd >= 0 && WaitForInput(fd, -1) && sd_journal_process(m_journal.get()) >= 0;
+        return fd >= 0 && WaitForInput(fd, stop, -1) && sd_journal_process(m_journal.get()) >= 0;
+    }
+
+    /// The journal keeps what an account may not read from it as if it were not there.
+    std::error_code Missing() const override {
+        return m_isThere ? std::error_code() : std::make_error_code(std::errc::no_such_file_or_directory);
     }
 
 private:
@@ -81,6 +87,7 @@ private:
     }
 
     JournalPtr m_journal;
+    bool m_isThere = false;
 };
 
 /// Matches of the same field add up; those of different fields narrow down.

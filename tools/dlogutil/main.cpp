@@ -1,13 +1,9 @@
 /// dlogutil: shows the platform log and follows it.
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
 #include <map>
 
-#include "device_path.h"
-#include "device_paths.h"
 #include "record.h"
 #include "source.h"
 
@@ -53,10 +49,7 @@ std::unique_ptr<Source> Open(const Options& options, const std::vector<std::stri
     const std::vector<std::string> buffers = options.buffer == "all"
                                                  ? std::vector<std::string>{"main", "system"}
                                                  : std::vector<std::string>{options.buffer};
-    if (access(DevicePath(ZOL_PATH_JOURNAL_SOCKET).c_str(), F_OK) == 0) {
-        return dlogutil::MakeJournalSource(DevicePath("/"), buffers, tags);
-    }
-    return dlogutil::MakeFileSource(DevicePath(ZOL_PATH_LOG_DIR), buffers);
+    return dlogutil::OpenLog(buffers, tags);
 }
 
 /// Whole lines at once, however the output is buffered: somebody may be waiting for them behind a pipe.

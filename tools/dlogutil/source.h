@@ -2,6 +2,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "record.h"
@@ -19,8 +20,14 @@ public:
     /// Hands over what there is and has not been handed over yet, oldest first. False on an error.
     [[nodiscard]] virtual bool Drain(const std::function<void(const Record&)>& sink) = 0;
 
-    /// Waits until there may be more. False when nobody reads the output any more, or on an error.
-    [[nodiscard]] virtual bool Wait() = 0;
+    /// Waits until there may be more, or until `stop` has input. False when nobody reads the output any more,
+    /// or on an error.
+    /// @param stop a descriptor, or -1
+    [[nodiscard]] virtual bool Wait(int stop = -1) = 0;
+
+    /// After a Drain: why the log, or a part of it, was not read. "No such file or directory" when there is
+    /// none yet.
+    [[nodiscard]] virtual std::error_code Missing() const = 0;
 };
 
 /// The log files in `folder`; reads the buffers with these names.
@@ -34,7 +41,12 @@ public:
                                                         const std::vector<std::string>& buffers,
                                                         const std::vector<std::string>& tags);
 
-/// Waits for input on `fd`. False when the reader of the standard output is gone.
-[[nodiscard]] bool WaitForInput(int fd, int timeoutMs);
+/// The journal where there is one (below ZOL_ROOT when it is set), else the log files; for the rest see
+/// above. Null when the journal cannot be opened.
+[[nodiscard]] std::unique_ptr<Source> OpenLog(const std::vector<std::string>& buffers,
+                                              const std::vector<std::string>& tags);
+
+/// Waits for input on `fd` or `stop`. False when the reader of the standard output is gone.
+[[nodiscard]] bool WaitForInput(int fd, int stop, int timeoutMs);
 
 }  // namespace dlogutil
