@@ -9,7 +9,7 @@ import pytest
 
 from conftest import BIN, TOP, wait_for
 
-COMMANDS = {"status", "policy", "vconf", "kpi", "report", "doctor"}
+COMMANDS = {"status", "policy", "vconf", "kpi", "report", "log", "doctor"}
 POLICY = {"check", "test", "show", "explain", "push"}
 LIST_OPTIONS = {"-h", "--help", "--json", "-n", "--since", "-f", "--follow"}
 

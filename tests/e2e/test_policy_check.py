@@ -1,7 +1,6 @@
 """zolctl policy check, and the check before a push."""
 import json
 import os
-import pty
 import re
 import signal
 import subprocess
@@ -9,6 +8,7 @@ import subprocess
 import pytest
 
 from conftest import ACCEPTED, BIN, RUNNING_KEY, TOP, int_rule, policy, processes_on, string_rule, wait_for
+from terminal import on_terminal
 
 KEY = "db/menu/picture/backlight"
 STORED = "/var/lib/zol/policy.xml"
@@ -32,23 +32,6 @@ def check(machine, *arguments, **options):
     """Exit status, output, errors."""
     result = machine.zolctl("policy", "check", *arguments, **options)
     return result.returncode, result.stdout, result.stderr
-
-
-def on_terminal(machine, *command, **environment):
-    """What a program shows on a terminal."""
-    controller, terminal = pty.openpty()
-    process = subprocess.Popen([str(word) for word in command], env={**machine.env, **environment},
-                               stdin=terminal, stdout=terminal, stderr=terminal)
-    os.close(terminal)
-    shown = b""
-    try:
-        while chunk := os.read(controller, 65536):
-            shown += chunk
-    except OSError:
-        pass  # nobody holds the terminal any more
-    os.close(controller)
-    process.wait(timeout=60)
-    return shown.decode().replace("\r\n", "\n")
 
 
 # --- the check ---------------------------------------------------------------------------------------------------

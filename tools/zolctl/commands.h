@@ -29,6 +29,7 @@ void AddStatusCommand(CLI::App& app, Action& action);
 void AddDoctorCommand(CLI::App& app, Action& action);
 void AddVconfCommand(CLI::App& app, Action& action);
 void AddKpiCommand(CLI::App& app, Action& action);
+void AddLogCommand(CLI::App& app, Action& action);
 void AddReportCommand(CLI::App& app, Action& action);
 
 }  // namespace zolctl

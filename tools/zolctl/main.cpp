@@ -44,8 +44,7 @@ std::string Hint(const CLI::App& app) {
 int Run(int argc, char** argv) {
     CLI::App app{
         "Talks to the policy daemon: pushes policies, tells what runs, reads and watches keys, lists "
-        "reported "
-        "events, takes reports."};
+        "reported events, takes reports, shows the log."};
     app.require_subcommand(1);
     app.set_version_flag("--version", "zolctl " ZOL_VERSION, "Print the version and exit");
     app.failure_message([&app](const CLI::App* /*failed*/, const CLI::Error& error) {
@@ -57,6 +56,7 @@ int Run(int argc, char** argv) {
     zolctl::AddVconfCommand(app, action);
     zolctl::AddKpiCommand(app, action);
     zolctl::AddReportCommand(app, action);
+    zolctl::AddLogCommand(app, action);
     zolctl::AddDoctorCommand(app, action);
     try {
         app.parse(argc, argv);
