@@ -139,9 +139,10 @@ int List(const KpiOptions& options) {
 void AddKpiCommand(CLI::App& app, Action& action) {
     CLI::App* kpi = app.add_subcommand("kpi", "Events that the daemon reported");
     kpi->require_subcommand(1);
+    kpi->footer("Example: zolctl kpi list -n 10");
     CLI::App* list = kpi->add_subcommand("list", "Print the events sent, oldest first");
     list->footer(
-        "Lines: SEQUENCE, TIME, TYPE, CATEGORY, ID, DESCRIPTION with tabs in between.\n"
+        "Lines: SEQUENCE, TIME, TYPE, CATEGORY, ID, DESCRIPTION with tabs in between.\n\n"
         "Example: zolctl kpi list --since 2h --follow");
     auto options = std::make_shared<KpiOptions>();
     CLI::Option* json =

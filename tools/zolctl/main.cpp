@@ -46,6 +46,11 @@ int Run(int argc, char** argv) {
         "Talks to the policy daemon: pushes policies, tells what runs, reads and watches keys, lists "
         "reported events, takes reports, shows the log."};
     app.require_subcommand(1);
+    app.footer(
+        "Examples:\n"
+        "  zolctl policy check policy.xml && zolctl policy push policy.xml\n"
+        "  zolctl status\n"
+        "  zolctl policy push --help");
     app.set_version_flag("--version", "zolctl " ZOL_VERSION, "Print the version and exit");
     app.failure_message([&app](const CLI::App* /*failed*/, const CLI::Error& error) {
         return "zolctl: " + tools::OneLine(error.what()) + Hint(app) + " (see zolctl --help)\n";

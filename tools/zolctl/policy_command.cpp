@@ -158,11 +158,21 @@ int Push(const std::string& file, bool isForced) {
 void AddPolicyCommand(CLI::App& app, Action& action) {
     CLI::App* policy = app.add_subcommand("policy", "Policies of the daemon");
     policy->require_subcommand(1);
+    policy->footer(
+        "Examples:\n"
+        "  zolctl policy check policy.xml\n"
+        "  zolctl policy test scenarios/*.yaml\n"
+        "  zolctl policy push policy.xml\n"
+        "  zolctl policy show");
     AddCheckCommand(*policy, action);
     AddTestCommand(*policy, action);
     AddShowCommands(*policy, action);
     CLI::App* push = policy->add_subcommand(
         "push", "Check and send a policy, tell what became of it; 0 accepted, 1 refused, 2 not reachable");
+    push->footer(
+        "Examples:\n"
+        "  zolctl policy push policy.xml\n"
+        "  generate-policy | zolctl policy push -");
     auto file = std::make_shared<std::string>();
     auto isForced = std::make_shared<bool>(false);
     push->add_option("FILE", *file, "XML document, or - for standard input")->required();

@@ -317,10 +317,17 @@ struct Arguments {
 
 using Body = int (*)(const Arguments& arguments);
 
+/// What --help says of a command.
+struct Help {
+    const char* text;
+    const char* example;
+};
+
 std::shared_ptr<Arguments> AddCommand(CLI::App& parent, Action& action, const std::string& name,
-                                      const std::string& text, Body body) {
+                                      const Help& help, Body body) {
     auto arguments = std::make_shared<Arguments>();
-    CLI::App* command = parent.add_subcommand(name, text);
+    CLI::App* command = parent.add_subcommand(name, help.text);
+    command->footer(std::string("Example: ") + help.example);
     command->add_flag("--json", arguments->json, "As JSON");
     command->callback([=, &action] { action = [=] { return body(*arguments); }; });
     return arguments;
@@ -338,16 +345,22 @@ void AddReportCommand(CLI::App& app, Action& action) {
         "  zolctl report list\n"
         "  zolctl report take /var/tmp            # the published one; then the daemon publishes the next\n"
         "  zolctl report collect /var/tmp --json  # all that wait, and those that nobody was told of");
-    AddCommand(*report, action, "list", "Print time, id, life cycle, bytes, state and path, oldest first",
+    AddCommand(*report, action, "list",
+               {"Print time, id, life cycle, bytes, state and path, oldest first", "zolctl report list"},
                [](const Arguments& given) { return List(given.json); });
-    auto shown = AddCommand(*report, action, "show", "Print the header and the files of one report",
+    auto shown = AddCommand(*report, action, "show",
+                            {"Print the header and the files of one report",
+                             "zolctl report show \"$(zolctl vconf get db/zol/send_zol_files_path)\""},
                             [](const Arguments& given) { return Show(given.path, given.json); });
     report->get_subcommand("show")->add_option("PATH", shown->path, "Its path or its name")->required();
-    auto taken = AddCommand(*report, action, "take", "Take the published report and empty the key",
+    auto taken = AddCommand(*report, action, "take",
+                            {"Take the published report and empty the key", "zolctl report take /var/tmp"},
                             [](const Arguments& given) { return TakeOne(given.path, given.json); });
     report->get_subcommand("take")->add_option("DIR", taken->path, "Where to; without: the current folder");
     auto all =
-        AddCommand(*report, action, "collect", "Take all reports: published, in line, and those left lying",
+        AddCommand(*report, action, "collect",
+                   {"Take all reports: published, in line, and those left lying",
+                    "zolctl report collect /var/tmp --wait 5"},
                    [](const Arguments& given) { return Collect(given.path, given.waitSeconds, given.json); });
     CLI::App* collect = report->get_subcommand("collect");
     collect->add_option("DIR", all->path, "Where to")->required();

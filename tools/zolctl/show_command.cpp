@@ -121,7 +121,8 @@ void AddShowCommands(CLI::App& policy, Action& action) {
         "show", "Print which policy runs and its rules; 2 when the daemon is not reachable");
     show->footer(
         "Lines: running, stored and rules as zolctl status has them; then a line for each rule:\n"
-        "NUMBER<TAB>KIND<TAB>WHAT<TAB>STATE.");
+        "NUMBER<TAB>KIND<TAB>WHAT<TAB>STATE.\n\n"
+        "Example: zolctl policy show --json");
     auto isJson = std::make_shared<bool>(false);
     show->add_flag("--json", *isJson, "As JSON");
     show->callback([=, &action] { action = [=] { return Show(*isJson); }; });

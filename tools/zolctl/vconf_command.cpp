@@ -195,6 +195,7 @@ int Watch(const std::vector<std::string>& keys, bool isNow) {
 void AddGet(CLI::App& vconf, Action& action) {
     CLI::App* get = vconf.add_subcommand("get", "Print a key's value; 1 when there is no such key");
     auto key = std::make_shared<std::string>();
+    get->footer("Example: zolctl vconf get db/zol/send_zol_files_path");
     get->add_option("KEY", *key)->required();
     get->callback([key, &action] { action = [key] { return Get(*key); }; });
 }
@@ -203,6 +204,7 @@ void AddList(CLI::App& vconf, Action& action) {
     CLI::App* list =
         vconf.add_subcommand("list", "Print KEY<TAB>TYPE<TAB>VALUE of every key, in their order");
     auto prefix = std::make_shared<std::string>();
+    list->footer("Example: zolctl vconf list db/menu");
     list->add_option("PREFIX", *prefix, "Of keys that begin so only");
     list->callback([prefix, &action] { action = [prefix] { return List(*prefix); }; });
 }
@@ -210,6 +212,7 @@ void AddList(CLI::App& vconf, Action& action) {
 void AddUnset(CLI::App& vconf, Action& action) {
     CLI::App* unset = vconf.add_subcommand("unset", "Remove a key; 1 when there is no such key");
     auto key = std::make_shared<std::string>();
+    unset->footer("Example: zolctl vconf unset db/menu/picture/backlight");
     unset->add_option("KEY", *key)->required();
     unset->callback([key, &action] { action = [key] { return Unset(*key); }; });
 }
@@ -222,6 +225,10 @@ void AddSet(CLI::App& vconf, Action& action) {
     };
     CLI::App* set = vconf.add_subcommand("set", "Set a key; other processes are told at once");
     auto given = std::make_shared<Arguments>();
+    set->footer(
+        "Examples:\n"
+        "  zolctl vconf set db/menu/picture/backlight 10 --type int\n"
+        "  zolctl vconf set --type string file/menu/mode -- -none-");
     set->add_option("KEY", given->key)->required();
     set->add_option("VALUE", given->value)->required();
     set->add_option("--type", given->type,
@@ -236,6 +243,7 @@ void AddWatch(CLI::App& vconf, Action& action) {
         vconf.add_subcommand("watch", "Print KEY<TAB>TYPE<TAB>VALUE at every change, until interrupted");
     auto keys = std::make_shared<std::vector<std::string>>();
     auto isNow = std::make_shared<bool>(false);
+    watch->footer("Example: zolctl vconf watch --now db/zol/send_zol_files_path db/menu/picture/backlight");
     watch->add_option("KEY", *keys)->required()->expected(1, -1);
     watch->add_flag("--now", *isNow, "Print first what the keys hold now (type none: there is no such key)");
     watch->callback([=, &action] { action = [=] { return Watch(*keys, *isNow); }; });
