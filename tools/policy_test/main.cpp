@@ -13,6 +13,7 @@
 #include "isolated.h"
 #include "junit.h"
 #include "policies.h"
+#include "progress.h"
 #include "scenario_reader.h"
 #include "text.h"
 
@@ -68,7 +69,15 @@ std::vector<Scenario> ReadAll(const Options& options, std::vector<Result>& resul
     return all;
 }
 
-std::optional<Failure> CheckAndPlay(const Scenario& scenario, std::set<std::string>& said) {
+/// What the run has come to.
+struct Progress {
+    std::size_t scenarios = 0;
+    std::size_t played = 0;
+    std::set<std::string> said;  ///< remarks about policies
+    tools::ProgressLine line;
+};
+
+std::optional<Failure> CheckAndPlay(const Scenario& scenario, Progress& run) {
     const PolicyRemarks remarks = CheckPolicies(scenario);
     if (remarks.hasErrors && !scenario.isFaulty) {
         const Place place = scenario.policy ? scenario.policy->place : scenario.place;
@@ -76,17 +85,22 @@ std::optional<Failure> CheckAndPlay(const Scenario& scenario, std::set<std::stri
                        remarks.lines};
     }
     for (const std::string& line : remarks.lines) {
-        if (said.insert(line).second) {
+        if (run.said.insert(line).second) {
             std::cout << line << '\n';
         }
     }
     std::cout.flush();
-    return PlayIsolated(scenario);
+    if (run.scenarios > 1) {
+        run.line.Show(tools::Bar(run.played, run.scenarios) + " scenarios");
+    }
+    std::optional<Failure> failure = PlayIsolated(scenario);
+    run.line.Clear();
+    return failure;
 }
 
-Result ResultOf(const Scenario& scenario, std::set<std::string>& said) {
+Result ResultOf(const Scenario& scenario, Progress& run) {
     const auto begin = std::chrono::steady_clock::now();
-    const std::optional<Failure> failure = CheckAndPlay(scenario, said);
+    const std::optional<Failure> failure = CheckAndPlay(scenario, run);
     Result result{scenario.place, scenario.name, Result::Outcome::PASSED, {}, {}};
     result.took = std::chrono::steady_clock::now() - begin;
     if (failure) {
@@ -142,10 +156,12 @@ int Test(const Options& options) {
     const std::vector<Scenario> scenarios = ReadAll(options, results);
     {
         const Scratch scratch;
-        std::set<std::string> said;
+        Progress run;
+        run.scenarios = scenarios.size();
         for (const Scenario& scenario : scenarios) {
-            results.push_back(ResultOf(scenario, said));
+            results.push_back(ResultOf(scenario, run));
             Print(results.back());
+            ++run.played;
         }
     }
     PrintSummary(results);

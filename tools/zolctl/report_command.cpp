@@ -17,6 +17,7 @@
 #include "destination.h"
 #include "hand_over.h"
 #include "output.h"
+#include "progress.h"
 #include "report.h"
 #include "report_root.h"
 #include "text.h"
@@ -178,9 +179,13 @@ public:
     bool HasTaken(const std::string& name) const { return m_names.count(name) > 0; }
     /// What was taken, as JSON.
     const Json::Value& List() const { return m_list; }
+    std::size_t Count() const { return m_names.size(); }
+    /// How far it is; cleared when a report is told of.
+    tools::ProgressLine& Progress() { return m_progress; }
 
 private:
     void Tell(const std::string& name, const Taken& taken) {
+        m_progress.Clear();
         if (!m_json) {
             std::cout << OneLine(taken.path) << (taken.isNew ? "" : "\tknown") << '\n';
             return;
@@ -197,6 +202,7 @@ private:
     reports::Destination m_destination;
     std::set<std::string> m_names;
     Json::Value m_list = Json::Value(Json::arrayValue);
+    tools::ProgressLine m_progress;
 };
 
 int TakeOne(const std::string& folder, bool json) {
@@ -262,7 +268,9 @@ int TakeLying(Taker& taker) {
         outcome = root.List(names);
     }
     int status = outcome ? Fail(outcome) : EXIT_OK;
+    std::size_t looked = 0;
     for (const std::string& name : names) {
+        taker.Progress().Show(tools::Bar(looked++, names.size()) + " reports that lie there");
         if (taker.HasTaken(name)) {
             continue;
         }
@@ -271,6 +279,7 @@ int TakeLying(Taker& taker) {
         if (!outcome && report.header && reports::IsSettled(report)) {
             outcome = taker.Take(root, name);
         }
+        taker.Progress().Clear();
         if (outcome && !root.IsGone(name)) {
             status = std::max(status, Fail(outcome));
         }
@@ -278,12 +287,22 @@ int TakeLying(Taker& taker) {
     return status;
 }
 
+/// As NextPath has it, and says so meanwhile.
+bool Await(NextPath& next, std::string& path, Taker& taker) {
+    taker.Progress().Show(std::to_string(taker.Count()) + " taken, waiting for the next to be published");
+    const bool isKept = next.Await(path);
+    const int error = errno;
+    taker.Progress().Clear();
+    errno = error;
+    return isKept;
+}
+
 int CollectAll(Taker& taker, unsigned waitSeconds) {
     NextPath next(waitSeconds);
     std::string path;
     bool isKept = next.Watch();
     int status = EXIT_OK;
-    while (isKept && (isKept = next.Await(path)) && !path.empty()) {
+    while (isKept && (isKept = Await(next, path, taker)) && !path.empty()) {
         const Outcome outcome = taker.TakePublished(path);
         if (outcome) {
             status = std::max(status, Fail(outcome));
