@@ -136,22 +136,29 @@ class Device:
 
 
 @contextlib.contextmanager
-def booted_device():
+def booted_machine(prepare):
+    """A machine that is booted once prepare(device) has put files into it."""
     folder = pathlib.Path(tempfile.mkdtemp(prefix="zol-device-"))
     device = None
     try:
         device = Device(folder)
-        device.install()
+        prepare(device)
         device.boot()
-        device.run("useradd", "--system", "--groups", "zol", "member")
-        device.run("useradd", "--system", "stranger")
-        device.run("systemctl", "start", "zol")
-        device.wait_until_serving()
         yield device
     finally:
         if device is not None:
             device.close()
         shutil.rmtree(folder, ignore_errors=True)
+
+
+@contextlib.contextmanager
+def booted_device():
+    with booted_machine(Device.install) as device:
+        device.run("useradd", "--system", "--groups", "zol", "member")
+        device.run("useradd", "--system", "stranger")
+        device.run("systemctl", "start", "zol")
+        device.wait_until_serving()
+        yield device
 
 
 @pytest.fixture
