@@ -55,7 +55,7 @@ def hit(machine, key, value, kind="int"):
 def test_the_life_of_a_rule_for_a_key_is_told_and_that_of_no_other(machine, daemon):
     del daemon
     machine.push(policy(int_rule(KEY, "IS", 3), int_rule(OTHER, "IS", 3), string_rule(TEXT, "IS", "shop")))
-    for key, value, kind in ((OTHER, "3", "int"), (TEXT, "shop", "string"), (KEY, "3", "int")):
+    for key, value, kind in ((TEXT, "shop", "string"), (KEY, "3", "int"), (OTHER, "3", "int")):
         hit(machine, key, value, kind)
     machine.set(KEY, "1", "int")
     machine.wait_log("> find!", times=4)
@@ -116,6 +116,23 @@ def test_the_life_of_a_rule_for_pairings_or_installations_is_told(machine):
         places = [next((at for at, text in enumerate(told) if word in text), -1) for word in words]
         assert -1 not in places and places == sorted(places)
         assert told.count(SENT) == 1 and not any(KEY in text for text in told)
+
+
+def test_lines_that_do_not_name_their_rule_are_known_by_what_their_thread_has_logged_before(machine):
+    lines = [(2, f"ZOLVconfChecker: m_KeyChangedCb(1) > [m_KeyChangedCb] key : {KEY}"),
+             (3, f"ZOLVconfChecker: m_KeyChangedCb(1) > [m_KeyChangedCb] key : {OTHER}"),
+             (2, "ZOLVconfChecker: m_Check(2) > find!"), (3, "ZOLVconfChecker: m_Check(2) > find! as well"),
+             (2, "ZOLScheduler: m_Run(3) > something else"), (2, "ZOLVconfChecker: m_Check(2) > of nobody"),
+             (4, f"ZOLNotifyManager: m_GetKpiDescription(4) > kpiDesc : {{evid=1;key={KEY};value=3;}}"),
+             (4, "ZOLNotifyManager: t_OnEvent(5) > the next report"),
+             (4, "ZOLNotifyManager: m_UpdateVconfKey(6) > the path of the next report")]
+    write(machine, "".join(line(at, text, tag="ZOL", thread=thread) for at, (thread, text) in enumerate(lines)))
+
+    def places(*arguments):
+        return [[text for _, text in lines].index(text) for text in shown(machine, *arguments)]
+
+    assert places("--rule", KEY) == places("--key", KEY, "--rule", KEY) == [0, 2, 6]
+    assert places("--rule", OTHER) == [1, 3]
 
 
 # --- which lines --------------------------------------------------------------------------------------------------
