@@ -136,15 +136,19 @@ def test_events_of_a_log_that_was_begun_anew_are_followed(machine, daemon):
     del daemon
     machine.push(policy(int_rule(NUMBER, "GREATER", 0)))
     report(machine, 1, 2)
-    process = machine.start(BIN / "zolctl", "kpi", "list", "--follow", stdout=subprocess.PIPE, text=True)
-    assert [process.stdout.readline().split("\t")[0] for _ in range(2)] == ["1", "2"]
+    output = machine.folder / "followed"
+    with output.open("w") as file:
+        machine.start(BIN / "zolctl", "kpi", "list", "--follow", stdout=file)
+    followed = output.read_text
+    wait_for(lambda: followed().count("\n") == 2, "two events")
 
     for file in machine.path("/var/lib/zol").glob("kpi.db*"):
         file.unlink()
     report(machine, 3)
 
-    new = process.stdout.readline()
-    assert new.startswith("1\t") and "value=3;" in new
+    wait_for(lambda: followed().count("\n") == 3, "an event of the new log")
+    assert [event.split("\t")[0] for event in followed().splitlines()] == ["1", "2", "1"]
+    assert "value=3;" in followed().splitlines()[2]
 
 
 @pytest.mark.parametrize("words, hint", [
