@@ -1,8 +1,9 @@
-"""Figures of the running daemon: key set in another process to path published, start to first answer, idle CPU and
-resident memory. Prints one line each."""
+"""Figures of the running daemon: key set in another process to path published, zolctl status, start to first answer,
+idle CPU and resident memory. Prints one line each."""
 import argparse
 import os
 import pathlib
+import resource
 import shutil
 import statistics
 import subprocess
@@ -52,6 +53,22 @@ def key_to_path(machine, items, rounds):
         machine.set(HANDOVER_KEY, "", "string")
     daemon.stop()
     return times
+
+
+def status(machine, rounds):
+    """Milliseconds of a whole zolctl status, its start included, beside a daemon that watches a rule; and how many of
+    them it has a processor, on average."""
+    daemon = machine.start_daemon()
+    assert machine.push(policy(int_rule(KEY, "IS", 7))).returncode == 0
+    times = []
+    used = resource.getrusage(resource.RUSAGE_CHILDREN)
+    for _ in range(rounds):
+        before = time.monotonic()
+        subprocess.run([BIN / "zolctl", "status"], env=machine.env, stdout=subprocess.DEVNULL, check=True)
+        times.append((time.monotonic() - before) * 1000)
+    now = resource.getrusage(resource.RUSAGE_CHILDREN)
+    daemon.stop()
+    return times, (now.ru_utime + now.ru_stime - used.ru_utime - used.ru_stime) / rounds * 1000
 
 
 def start_to_answer(machine, rounds):
@@ -109,6 +126,9 @@ def main():
         times = with_machine(key_to_path, items, options.rounds)
         print(f"key set to path published, policy of {items:5} items: median {statistics.median(times):.1f} ms, "
               f"p99 {percentile(times, 0.99):.1f} ms (the setting process's own start included)")
+    times, processor = with_machine(status, options.rounds)
+    print(f"zolctl status, start to end: median {statistics.median(times):.1f} ms, "
+          f"p99 {percentile(times, 0.99):.1f} ms, {processor:.1f} ms of processor")
     times = with_machine(start_to_answer, max(5, options.rounds // 10))
     print(f"start to first SetPolicy answered: median {statistics.median(times):.0f} ms, max {max(times):.0f} ms "
           f"(the asking process's own starts included)")
