@@ -159,8 +159,9 @@ def test_a_full_destination_keeps_the_report_published(machine, target):
                          stderr=subprocess.PIPE, text=True)
     _, errors = full.communicate(timeout=60)
 
-    assert full.returncode == 2 and "cannot copy t_1700000000/core: File too large" in errors
-    assert errors.count("\n") == 1
+    # A build that counts coverage has lines of its own.
+    lines = [line for line in errors.splitlines() if not line.startswith("profiling:")]
+    assert (full.returncode, lines) == (2, ["zolctl: cannot copy t_1700000000/core: File too large"])
     assert machine.get(HANDOVER_KEY) == path and collected(target) == []
 
 

@@ -230,6 +230,21 @@ def test_no_server_at_all_is_one_line_until_there_is_one(machine, start):
     collector.wait_said("uploads go on")
 
 
+def test_what_cannot_be_read_does_not_hold_up_the_others(machine, server, start):
+    broken = machine.folder / "spool" / "reports" / "000000000001-broken"
+    broken.parent.mkdir(parents=True)
+    broken.write_text("")
+    collector = start()
+
+    hand_over(machine)
+    wait_uploaded(collector)
+    hand_over(machine, 2)
+    wait_uploaded(collector, 2)
+
+    assert sum("cannot be read, tried again behind the others" in line for line in collector.said()) == 1
+    assert broken.exists()
+
+
 def test_a_wrong_url_is_refused_at_once(machine):
     collector = Collector(machine, "--upload", "ftp://127.0.0.1/")
 

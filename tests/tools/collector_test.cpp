@@ -206,6 +206,24 @@ TEST_F(Collectors, AreNotHeldUpByWhatIsNoReport) {
     EXPECT_EQ(m_said.size(), 3U);
 }
 
+TEST_F(Collectors, SayThatTheyGoOnOnlyOfWhatGoesOn) {
+    MakeReport("a_1");
+    // There it cannot be remembered that it was taken.
+    fs::create_directories(m_folder.Path() + "/spool/taken/a_1/x");
+    ASSERT_TRUE(m_collector.Start());
+    ASSERT_TRUE(LetRetryCome());
+    ASSERT_EQ(Said("taken/a_1"), 1U);
+
+    MakeReport("b_2");
+    Publish("b_2");
+    fakes::vconf::Deliver();
+    ASSERT_TRUE(LetRetryCome());
+
+    EXPECT_EQ(m_taken, 2);
+    EXPECT_EQ(Said("goes on"), 0U);
+    EXPECT_EQ(Said("taken/a_1"), 1U);
+}
+
 TEST_F(Collectors, SayThatTheyMayNotWatchTheKey) {
     fakes::vconf::Fail(reports::kHandOverKey, fakes::vconf::FAIL_NOTIFY);
     EXPECT_FALSE(m_collector.Start());

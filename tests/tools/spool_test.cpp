@@ -274,6 +274,24 @@ TEST_F(Spools, RemoveWhatIsLeftOfAnEntryWhoseReportSomebodyTookOut) {
     EXPECT_EQ(m_spool->Counts().droppedReports, 0);
 }
 
+TEST_F(Spools, DropTheOldestThatCannotBeOpenedWhenThereIsNoRoom) {
+    Limits limits;
+    limits.bytes = 8 * kBlock;
+    Restart(limits);
+    TakeWithBody("a_1", 4);
+    // Its folder is no folder any more.
+    const std::string entry = m_spool->PathOf(*m_spool->First());
+    fs::remove_all(entry);
+    WriteFile(entry, "");
+    EXPECT_NE(m_spool->First(), nullptr) << "it may be another time";
+
+    TakeWithBody("b_2", 4);
+
+    EXPECT_FALSE(fs::exists(entry));
+    EXPECT_EQ(Names(), (Texts{"b_2"}));
+    EXPECT_EQ(m_spool->Counts().droppedReports, 1);
+}
+
 TEST_F(Spools, MissNoReportThatCannotBeOpenedJustNow) {
     TakeWithBody("a_1", 1);
     const std::string entry = m_spool->PathOf(*m_spool->First());

@@ -39,17 +39,19 @@ bool Collector::Start() {
 
 void Collector::KeyChangedCb(keynode_t* /*node*/, void* self) {
     auto* const collector = static_cast<Collector*>(self);
-    base::CatchAll([=] { collector->HandleKey(); }, [=](const char* why) { collector->TryAgain(why); });
+    base::CatchAll([=] { collector->HandleKey(); },
+                   [=](const char* why) { collector->TryAgain(collector->m_keyComplaint, why); });
 }
 
 void Collector::HandleKey() {
     m_timer.reset();
     std::string path;
     if (!reports::ReadPublished(path)) {
-        TryAgain(reports::StoreError(errno));
+        TryAgain(m_keyComplaint, reports::StoreError(errno));
     } else if (!path.empty()) {
         TakePublished(path);
     } else {
+        Succeeded(m_keyComplaint);
         LookAfter(m_settleMs);
     }
 }
@@ -62,7 +64,7 @@ void Collector::TakePublished(const std::string& path) {
         case Problem::Unwritable:
         case Problem::Busy:
         case Problem::NoStore:
-            TryAgain(outcome.text);
+            TryAgain(m_keyComplaint, outcome.text);
             return;
         case Problem::Missing:
         case Problem::Refused:
@@ -72,7 +74,8 @@ void Collector::TakePublished(const std::string& path) {
             break;
     }
     // The emptied key is a change, which calls again.
-    Succeeded();
+    Succeeded(m_keyComplaint);
+    m_backoff.Reset();
 }
 
 Outcome Collector::Take(const reports::ReportRoot& root, const std::string& name) {
@@ -89,7 +92,7 @@ Outcome Collector::Take(const reports::ReportRoot& root, const std::string& name
 
 void Collector::LookAfter(unsigned milliseconds) {
     m_timer = base::StartTimer(nullptr, milliseconds, [this] {
-        base::CatchAll([this] { Look(); }, [this](const char* why) { TryAgain(why); });
+        base::CatchAll([this] { Look(); }, [this](const char* why) { TryAgain(m_lookComplaint, why); });
     });
 }
 
@@ -107,7 +110,7 @@ void Collector::Look() {
         outcome = root.List(names);
     }
     if (outcome && outcome.problem != Problem::Missing) {
-        TryAgain(outcome.text);
+        TryAgain(m_lookComplaint, outcome.text);
         return;
     }
     m_spool.ForgetAllBut(names);
@@ -117,7 +120,7 @@ void Collector::Look() {
     for (const std::string& name : names) {
         outcome = m_spool.WasTaken(root, name) ? Outcome() : TakeLying(root, name);
         if (outcome.problem == Problem::Unwritable) {
-            TryAgain(outcome.text);
+            TryAgain(m_lookComplaint, outcome.text);
             return;
         }
         if (outcome.problem == Problem::Unreadable) {
@@ -125,10 +128,11 @@ void Collector::Look() {
         }
     }
     if (unreadable) {
-        TryAgain(unreadable.text);
+        TryAgain(m_lookComplaint, unreadable.text);
         return;
     }
-    Succeeded();
+    Succeeded(m_lookComplaint);
+    m_backoff.Reset();
     if (m_isMoreToCome) {
         LookAfter(m_settleMs);
     }
@@ -151,21 +155,20 @@ Outcome Collector::TakeLying(const reports::ReportRoot& root, const std::string&
     return Take(root, name);
 }
 
-void Collector::TryAgain(const std::string& why) {
-    if (why != m_complaint) {
+void Collector::TryAgain(std::string& complaint, const std::string& why) {
+    if (why != complaint) {
         m_say(why);
-        m_complaint = why;
+        complaint = why;
     }
     m_timer = base::StartTimer(nullptr, m_backoff.Next(), [this] {
-        base::CatchAll([this] { HandleKey(); }, [this](const char* what) { TryAgain(what); });
+        base::CatchAll([this] { HandleKey(); }, [this](const char* what) { TryAgain(m_keyComplaint, what); });
     });
 }
 
-void Collector::Succeeded() {
-    if (!std::exchange(m_complaint, "").empty()) {
+void Collector::Succeeded(std::string& complaint) {
+    if (!std::exchange(complaint, "").empty()) {
         m_say("goes on");
     }
-    m_backoff.Reset();
 }
 
 }  // namespace collector

@@ -37,15 +37,16 @@ private:
     void LookAfter(unsigned milliseconds);
     void Look();
     [[nodiscard]] reports::Outcome TakeLying(const reports::ReportRoot& root, const std::string& name);
-    void TryAgain(const std::string& why);
-    void Succeeded();
+    void TryAgain(std::string& complaint, const std::string& why);
+    void Succeeded(std::string& complaint);
 
     Spool& m_spool;
     const unsigned m_settleMs;
     const std::function<void(const std::string&)> m_say;
     const std::function<void()> m_onTaken;
     base::Backoff m_backoff;
-    std::string m_complaint;  ///< the fault that lasts; empty for none
+    std::string m_keyComplaint;   ///< the fault of what is published that lasts; empty for none
+    std::string m_lookComplaint;  ///< that of what was left lying
     bool m_isMoreToCome = false;
     base::GSourcePtr m_timer;    ///< of the next look or attempt; null while nothing is to be done
     base::Subscription m_watch;  ///< last, and so withdrawn before the rest goes

@@ -89,6 +89,27 @@ std::string ReadText(const std::string& file) {
     return text;
 }
 
+/// Opens the folder of the report in that of an entry.
+Outcome OpenReportIn(const std::string& path, base::UniqueFd& folder, std::string& name) {
+    const base::UniqueFd entry(open(path.c_str(), kAsFolder));
+    std::vector<std::string> names;
+    const std::error_code error = entry ? base::ListFolder(entry.Get(), names) : base::LastError();
+    for (std::string& each : names) {
+        folder.Reset(openat(entry.Get(), each.c_str(), kAsFolder));
+        if (folder) {
+            name = std::move(each);
+            return {};
+        }
+        if (errno != ENOTDIR && errno != ELOOP && errno != ENOENT) {
+            return {Problem::Unreadable, tools::OneLine(path), base::LastError()};
+        }
+    }
+    if (error && error != std::errc::no_such_file_or_directory) {
+        return {Problem::Unreadable, tools::OneLine(path), error};
+    }
+    return {Problem::Missing, tools::OneLine(path) + " holds no report"};
+}
+
 }  // namespace
 
 Spool::Spool(const Limits& limits, std::function<void(const std::string&)> say)
@@ -249,9 +270,9 @@ bool Spool::Has(const std::string& id) const {
                        [&](const auto& each) { return each.second.Id() == id; });
 }
 
-const Entry* Spool::First() {
+const Entry* Spool::First(const std::set<std::string>& without) {
     for (auto each = m_entries.begin(); each != m_entries.end();) {
-        if (each->second.state != State::Waiting) {
+        if (each->second.state != State::Waiting || without.count(each->second.name) > 0) {
             ++each;
         } else if (IsTakenOut(each->second)) {
             each = Forget(each);
@@ -263,9 +284,9 @@ const Entry* Spool::First() {
 }
 
 bool Spool::IsTakenOut(const Entry& entry) {
-    Report report;
     base::UniqueFd folder;
-    if (OpenEntry(PathOf(entry), folder, report).problem != Problem::Missing) {
+    std::string name;
+    if (OpenReportIn(PathOf(entry), folder, name).problem != Problem::Missing) {
         return false;
     }
     const bool isLeft = access(PathOf(entry).c_str(), F_OK) == 0;
@@ -330,29 +351,43 @@ Outcome Spool::MakeRoom(std::uint64_t bytes) {
     if (m_bytes + bytes > m_limits.bytes || m_entries.size() >= m_limits.reports) {
         ForgetRemoved();
     }
-    for (auto each = m_entries.begin(); each != m_entries.end() && m_bytes + bytes > m_limits.bytes; ++each) {
-        Entry& entry = each->second;
-        if (entry.bodyBytes == 0) {
-            continue;
+    for (auto each = m_entries.begin(); each != m_entries.end() && m_bytes + bytes > m_limits.bytes;) {
+        Outcome outcome = each->second.bodyBytes > 0 ? TakeBodyAway(each->second) : Outcome();
+        if (outcome.problem != Problem::Unreadable) {
+            ++each;
+        } else {
+            outcome = DropReport(each++);  // or it would hold up all that come
         }
-        if (Outcome outcome = DropBody(entry)) {
+        if (outcome) {
             return outcome;
         }
-        m_bytes -= entry.bodyBytes;
-        entry.bytes -= entry.bodyBytes;
-        entry.bodyBytes = 0;
-        m_say("no room: only the header of the oldest report is kept, " + entry.name);
-        Count(&SpoolCounts::droppedBodies);
     }
     while (!m_entries.empty() && (m_bytes + bytes > m_limits.bytes || m_entries.size() >= m_limits.reports)) {
-        const Entry& oldest = m_entries.begin()->second;
-        if (Outcome outcome = RemoveFolder(oldest)) {
+        if (Outcome outcome = DropReport(m_entries.begin())) {
             return outcome;
         }
-        m_say("no room: the oldest report is dropped, " + oldest.name);
-        Forget(m_entries.begin());
-        Count(&SpoolCounts::droppedReports);
     }
+    return {};
+}
+
+Outcome Spool::TakeBodyAway(Entry& entry) {
+    if (Outcome outcome = DropBody(entry)) {
+        return outcome;
+    }
+    m_bytes -= entry.bodyBytes;
+    entry.bytes -= std::exchange(entry.bodyBytes, 0);
+    m_say("no room: only the header of the oldest report is kept, " + entry.name);
+    Count(&SpoolCounts::droppedBodies);
+    return {};
+}
+
+Outcome Spool::DropReport(Entries::iterator entry) {
+    if (Outcome outcome = RemoveFolder(entry->second)) {
+        return outcome;
+    }
+    m_say("no room: the oldest report is dropped, " + entry->second.name);
+    Forget(entry);
+    Count(&SpoolCounts::droppedReports);
     return {};
 }
 
@@ -425,22 +460,9 @@ Outcome ListSpool(const std::string& path, std::vector<Entry>& entries) {
 }
 
 Outcome OpenEntry(const std::string& path, base::UniqueFd& folder, Report& report) {
-    const base::UniqueFd entry(open(path.c_str(), kAsFolder));
-    std::vector<std::string> names;
-    const std::error_code error = entry ? base::ListFolder(entry.Get(), names) : base::LastError();
-    for (const std::string& name : names) {
-        folder.Reset(openat(entry.Get(), name.c_str(), kAsFolder));
-        if (folder) {
-            return Describe(folder.Get(), name, report);
-        }
-        if (errno != ENOTDIR && errno != ELOOP && errno != ENOENT) {
-            return {Problem::Unreadable, tools::OneLine(path), base::LastError()};
-        }
-    }
-    if (error && error != std::errc::no_such_file_or_directory) {
-        return {Problem::Unreadable, tools::OneLine(path), error};
-    }
-    return {Problem::Missing, tools::OneLine(path) + " holds no report"};
+    std::string name;
+    const Outcome outcome = OpenReportIn(path, folder, name);
+    return outcome ? outcome : Describe(folder.Get(), name, report);
 }
 
 std::string IdOf(const std::string& path) {

@@ -4,6 +4,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -44,9 +45,7 @@ struct Entry {
 ///
 ///     reports/<sequence number>-<id>/<name of the report>/...   waiting
 ///     refused/...                                               the same, refused by the server
-///     taken/<name of the report>                                of one that still lies in /tmp/zol: its id,
-///     and
-///                                                               when it had changed
+///     taken/<name of a report>        its id and last change, while it lies in /tmp/zol
 ///     counts.json
 ///
 /// Each change is whole and on the disk, or did not happen, also after a power cut. One thread.
@@ -70,7 +69,8 @@ public:
 
     /// The waiting report that was taken first; null when none waits. One that somebody else has taken out is
     /// forgotten, and its folder removed when that was left.
-    [[nodiscard]] const Entry* First();
+    /// @param without names of entries to pass over
+    [[nodiscard]] const Entry* First(const std::set<std::string>& without = {});
     /// The path of its folder, in which the report's own lies.
     [[nodiscard]] std::string PathOf(const Entry& entry) const;
     /// It is with the server. Nothing to do, here and below, for one that was dropped meanwhile.
@@ -92,6 +92,8 @@ private:
     [[nodiscard]] bool Has(const std::string& id) const;
     [[nodiscard]] reports::Outcome MakeRoom(std::uint64_t bytes);
     [[nodiscard]] reports::Outcome DropBody(Entry& entry);
+    [[nodiscard]] reports::Outcome TakeBodyAway(Entry& entry);
+    [[nodiscard]] reports::Outcome DropReport(Entries::iterator entry);
     [[nodiscard]] reports::Outcome RemoveFolder(const Entry& entry);
     [[nodiscard]] Entries::iterator Find(const Entry& entry);
     Entries::iterator Forget(Entries::iterator entry);

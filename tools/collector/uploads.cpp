@@ -32,8 +32,15 @@ Uploads::Uploads(Spool& spool, std::vector<std::string> command, RetryDelay dela
     : m_spool(spool), m_command(std::move(command)), m_delay(std::move(delay)), m_say(std::move(say)) {}
 
 void Uploads::Wake() {
-    const Entry* const first = m_spool.First();
-    if (m_entry || m_timer != nullptr || first == nullptr) {
+    if (m_entry || m_timer != nullptr) {
+        return;
+    }
+    const Entry* const first = m_spool.First(m_passedOver);
+    if (first == nullptr) {
+        if (!m_passedOver.empty()) {
+            m_passedOver.clear();
+            WakeLater(0);
+        }
         return;
     }
     std::optional<Entry> entry(*first);
@@ -85,6 +92,9 @@ void Uploads::Ended(int waitStatus) {
     } else if (status == upload::EXIT_REFUSED) {
         m_say("refused by the server: " + entry.name + ": " + reason);
         outcome = m_spool.Refuse(entry);
+    } else if (status == upload::EXIT_REPORT) {
+        PassOver(entry.name, reason);
+        return;
     } else {
         TryAgain(std::strtoull(said.c_str(), nullptr, 10), reason.empty() ? "zol_upload failed" : reason);
         return;
@@ -105,6 +115,18 @@ void Uploads::TryAgain(std::uint64_t wishSeconds, const std::string& why) {
         m_say("not uploaded, tried again later: " + why);
         m_complaint = why;
     }
+    WakeLater(wishSeconds);
+}
+
+void Uploads::PassOver(const std::string& name, const std::string& why) {
+    m_passedOver.insert(name);
+    if (m_unreadable.insert(name).second) {
+        m_say("cannot be read, tried again behind the others: " + name + ": " + why);
+    }
+    Wake();
+}
+
+void Uploads::WakeLater(std::uint64_t wishSeconds) {
     m_timer = base::StartTimer(nullptr, static_cast<unsigned>(m_delay.Next(wishSeconds)), [this] {
         m_timer.reset();
         base::CatchAll([this] { Wake(); }, [this](const char* what) { TryAgain(0, what); });

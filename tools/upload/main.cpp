@@ -27,7 +27,8 @@ using namespace upload;
 constexpr const char* kAbout =
     "Sends one report of the spool: what zol_collector --upload runs for each. Statuses: 0 the server has "
     "it, 1 it "
-    "does not want it, 2 an argument is wrong, 3 it may work another time. On the standard output, but for "
+    "does not want it, 2 an argument is wrong, 3 it may work another time, 4 the report cannot be read. On "
+    "the standard output, but for "
     "0: how "
     "many seconds to wait at least, a blank, the reason.";
 constexpr long kLongestTimeout = 3600;
@@ -56,13 +57,22 @@ int Tell(const Answer& answer) {
     if (answer.verdict != Verdict::Done) {
         std::cout << answer.wishSeconds << ' ' << tools::OneLine(answer.reason) << std::endl;
     }
-    return answer.verdict == Verdict::Done      ? EXIT_DONE
-           : answer.verdict == Verdict::Refused ? EXIT_REFUSED
-                                                : EXIT_AGAIN;
+    switch (answer.verdict) {
+        case Verdict::Done:
+            return EXIT_DONE;
+        case Verdict::Refused:
+            return EXIT_REFUSED;
+        case Verdict::Unreadable:
+            return EXIT_REPORT;
+        case Verdict::Again:
+            break;
+    }
+    return EXIT_AGAIN;
 }
 
-Answer Again(const std::string& reason) {
+Answer Failed(Verdict verdict, const std::string& reason) {
     Answer answer;
+    answer.verdict = verdict;
     answer.reason = reason;
     return answer;
 }
@@ -105,7 +115,7 @@ Answer Upload(const Options& options) {
     reports::Report report;
     base::UniqueFd folder;
     if (const reports::Outcome outcome = collector::OpenEntry(options.entry, folder, report)) {
-        return Again(outcome.text);
+        return Failed(Verdict::Unreadable, outcome.text);
     }
     const Scratch scratch(options.scratch);
     Message message;
@@ -115,7 +125,7 @@ Answer Upload(const Options& options) {
     message.isWhole = collector::IsWhole(options.entry);
     if (const std::optional<std::string> problem =
             AddFiles(folder.Get(), report, options, scratch, message)) {
-        return Again(*problem);
+        return Failed(Verdict::Unreadable, *problem);
     }
     return Send(options.target, message);
 }
@@ -144,6 +154,6 @@ int main(int argc, char** argv) {
     try {
         return Run(argc, argv);
     } catch (const std::exception& error) {
-        return Tell(Again(error.what()));
+        return Tell(Failed(Verdict::Again, error.what()));
     }
 }

@@ -32,7 +32,7 @@ struct Message {
     std::vector<PartFile> files;
 };
 
-enum class Verdict { Done, Refused, Again };
+enum class Verdict { Done, Refused, Again, Unreadable };
 
 struct Answer {
     Verdict verdict = Verdict::Again;
@@ -40,7 +40,8 @@ struct Answer {
     std::string reason;             ///< for all but Done
 };
 
-/// What an HTTP status means for a report: 2xx has it, 4xx does not want it except 408 and 429.
+/// What an HTTP status means for a report: 2xx has it, 4xx does not want it, except for those that are about
+/// the request or the moment: 407, 408, 421, 425 and 429.
 [[nodiscard]] Verdict Judge(long status);
 
 /// Sends the message and waits for the answer. Follows no redirection.

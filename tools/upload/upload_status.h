@@ -8,7 +8,8 @@ enum EExit {
     EXIT_DONE = 0,     ///< the server has it
     EXIT_REFUSED = 1,  ///< the server does not want it, now or later
     EXIT_USAGE = 2,    ///< an argument is wrong
-    EXIT_AGAIN = 3     ///< it may work another time
+    EXIT_AGAIN = 3,    ///< it may work another time
+    EXIT_REPORT = 4    ///< the same, and it is the report that cannot be read: others may go first
 };
 
 }  // namespace upload
