@@ -225,7 +225,7 @@ def test_reports_that_somebody_took_out_of_the_spool_are_not_missed(machine, sta
     assert collector.status()["counts"]["dropped_reports"] == 1
 
 
-@pytest.mark.skipif(bool(EMULATOR) or BUILD.name in ("asan", "tsan"), reason="is about the product's own memory")
+@pytest.mark.skipif(bool(EMULATOR) or BUILD.name in ("asan", "tsan", "coverage"), reason="is about the product's own memory")
 def test_it_sleeps_and_is_small_while_nothing_is_to_be_done(start_collector):
     collector = start_collector("--upload", "http://127.0.0.1:9/").started()
     pid = collector.process.pid
