@@ -75,6 +75,14 @@ def test_a_hit_is_expected_with_its_value_its_time_its_event_and_its_report(runn
     assert status == 0, output
 
 
+@pytest.mark.parametrize("expected", [("at: 08:00:00", "value: 3"), ("value: 3", "at: 08:00:00")])
+def test_hits_are_expected_in_any_order_whoever_else_they_fit(runner, expected):
+    runner.write("policy.xml", policy(int_rule(LEVEL, "GREATER", 2)))
+    hits = ", ".join(f"{{rule: {LEVEL}, {what}}}" for what in expected)
+    assert runner.play(f"set: {{{LEVEL}: 3}}", f"set: {{{LEVEL}: 4}}", f"expect: [{hits}]")[0] == 0
+    assert runner.play(f"set: {{{LEVEL}: 4}}", f"set: {{{LEVEL}: 5}}", f"expect: [{hits}]")[0] == 1
+
+
 def test_a_scenario_comes_from_standard_input_too(runner):
     assert runner.run("-", input=scenario("restart").encode())[:2] == (
         0, "ok    -:1: as written\n1 scenario: 1 passed, 0 failed\n")
@@ -250,7 +258,10 @@ UNREADABLE = [
     ("[" * 100000, "1:1: no scenario: nested too deeply"),
     ("#" * (1 << 20) + "#", "1:1: a scenario file has at most 1048576 bytes"),
     (scenario("expect: &many [" + "pairing, " * 1000 + "]", *["expect: *many"] * 100),
-     "4:8120: more than 100000 steps, keys and expected hits in one file"),
+     "4:8120: more than 100000 steps, keys, expected hits and entries of them in one file"),
+    (scenario("expect: {rule: pairing, header: &many {" + ", ".join(f"a{number}: x" for number in range(2000)) + "}}",
+              *["expect: {rule: pairing, header: *many}"] * 50),
+     "4:17934: more than 100000 steps, keys, expected hits and entries of them in one file"),
 ]
 
 

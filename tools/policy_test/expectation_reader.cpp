@@ -14,9 +14,11 @@ namespace {
 
 constexpr const char* kNone = "none";
 
-std::map<std::string, std::string> ReadTexts(const YamlValue& value, const std::string& what) {
+std::map<std::string, std::string> ReadTexts(const YamlValue& value, const std::string& what,
+                                             Reading& reading) {
     std::map<std::string, std::string> texts;
     for (const auto& [name, text] : value.Entries(what)) {
+        CountPart(name, reading);
         texts.emplace(name.Text("a name"), text.IsNull() ? "" : text.Text("a text"));
     }
     return texts;
@@ -31,7 +33,7 @@ std::string ReadAt(const YamlValue& value) {
     return *at;
 }
 
-void ReadEntry(ExpectedHit& hit, const YamlValue& name, const YamlValue& value) {
+void ReadEntry(ExpectedHit& hit, const YamlValue& name, const YamlValue& value, Reading& reading) {
     const std::string& word = name.Text("a name");
     if (word == "rule") {
         hit.rule = value.Text("a key, the id of an application, or pairing");
@@ -42,9 +44,9 @@ void ReadEntry(ExpectedHit& hit, const YamlValue& name, const YamlValue& value) 
     } else if (word == "report") {
         hit.report = value.Text("the path of the report's folder");
     } else if (word == "kpi") {
-        hit.kpi = ReadTexts(value, "items of the KPI event");
+        hit.kpi = ReadTexts(value, "items of the KPI event", reading);
     } else if (word == "header") {
-        hit.header = ReadTexts(value, "entries of header.json");
+        hit.header = ReadTexts(value, "entries of header.json", reading);
     } else {
         RefuseWord(name.At(), "entry of a hit", word, {"rule", "value", "at", "report", "kpi", "header"});
     }
@@ -62,7 +64,7 @@ ExpectedHit ReadHit(const YamlValue& value, Reading& reading) {
         return hit;
     }
     for (const auto& [name, entry] : value.Entries("what comes of a hit")) {
-        ReadEntry(hit, name, entry);
+        ReadEntry(hit, name, entry, reading);
     }
     if (!hit.rule) {
         value.Refuse("a hit has a rule", "\"rule: \" and a key, the id of an application, or pairing");

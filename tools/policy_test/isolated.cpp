@@ -34,6 +34,10 @@ constexpr std::array<int, 3> kSignals{SIGINT, SIGTERM, SIGHUP};
 /// failure.
 enum class Told : char { PLACE = 'p', FAILURE = 'f', DONE = 'd' };
 
+/// In which a step must end, however slow the machine: a daemon that hangs is told of as one that this signal
+/// has ended.
+constexpr unsigned kLongestStepSeconds = 600;
+
 volatile sig_atomic_t g_signal = 0;
 volatile sig_atomic_t g_child = 0;
 
@@ -153,6 +157,7 @@ void StayOnThisProcessor() {
     try {
         player = std::make_unique<Player>(scenario, [&](const Place& place) {
             last = place;
+            alarm(kLongestStepSeconds);
             WriteAll(out, Pack(Told::PLACE, place, {}));
         });
         const std::optional<Failure> failure = player->Play();

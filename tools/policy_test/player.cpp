@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "explanation.h"
+#include "matching.h"
 #include "values.h"
 
 namespace policytest {
@@ -59,7 +60,7 @@ std::string Compared(const Device::Count& before, const Device::Count& now) {
            (isOtherPeriod && before.counted > 0 ? " of another period" : "");
 }
 
-/// How much is said of a hit: who says more chooses first.
+/// How much is said of a hit.
 std::size_t DetailOf(const ExpectedHit& hit) {
     return (hit.value ? 1U : 0U) + (hit.at ? 1U : 0U) + (hit.report ? 1U : 0U) + hit.kpi.size() +
            hit.header.size();
@@ -188,7 +189,7 @@ void Player::Do(const HandOver& action) {
 }
 
 void Player::Do(const ExpectHits& action) {
-    // Who says more of a hit chooses first, so that who says less does not take it away.
+    // Who says more of a hit chooses first, so that a failure is told of who says less.
     std::vector<const ExpectedHit*> expected;
     for (const ExpectedHit& hit : action.hits) {
         expected.push_back(&hit);
@@ -196,16 +197,20 @@ void Player::Do(const ExpectHits& action) {
     std::stable_sort(expected.begin(), expected.end(), [](const ExpectedHit* left, const ExpectedHit* right) {
         return DetailOf(*left) > DetailOf(*right);
     });
-    std::vector<Came> unexpected = std::exchange(m_came, {});
+    const std::vector<Came> came = std::exchange(m_came, {});
+    Matching matching(expected.size(), came.size(), [&](std::size_t hit, std::size_t each) {
+        return DifferenceOf(came[each].hit, *expected[hit]).empty();
+    });
     std::vector<const ExpectedHit*> missing;
-    for (const ExpectedHit* hit : expected) {
-        const auto found = std::find_if(unexpected.begin(), unexpected.end(), [hit](const Came& came) {
-            return DifferenceOf(came.hit, *hit).empty();
-        });
-        if (found == unexpected.end()) {
-            missing.push_back(hit);
-        } else {
-            unexpected.erase(found);
+    for (std::size_t hit = 0; hit < expected.size(); ++hit) {
+        if (!matching.Place(hit)) {
+            missing.push_back(expected[hit]);
+        }
+    }
+    std::vector<Came> unexpected;
+    for (std::size_t each = 0; each < came.size(); ++each) {
+        if (matching.IsFree(each)) {
+            unexpected.push_back(came[each]);
         }
     }
     if (!missing.empty()) {

@@ -1,6 +1,8 @@
 #include "policies.h"
 
 #include <algorithm>
+#include <set>
+#include <string>
 
 #include "PolicyCheck.h"
 #include "findings.h"
@@ -37,8 +39,10 @@ PolicyRemarks CheckPolicies(const Scenario& scenario) {
     if (scenario.policy) {
         Check(*scenario.policy, scenario.keys, remarks);
     }
+    std::set<const std::string*> known;
     for (const Step& step : scenario.steps) {
-        if (const auto* handOver = std::get_if<HandOver>(&step.action)) {
+        const auto* handOver = std::get_if<HandOver>(&step.action);
+        if (handOver != nullptr && known.insert(handOver->policy.xml.get()).second) {
             Check(handOver->policy, {}, remarks);
         }
     }

@@ -5,6 +5,7 @@
 #include <string_view>
 #include <utility>
 
+#include "PolicyObserver.h"
 #include "ZOLPolicyParser.h"
 #include "device.h"
 #include "document.h"
@@ -59,10 +60,15 @@ std::vector<const PolicyText*> PoliciesOf(const Scenario& scenario) {
 /// The rules that a hit may name.
 std::set<std::string> RulesOf(const Scenario& scenario) {
     std::set<std::string> rules;
+    std::set<const std::string*> known;
+    zol::IPolicyObserver silent;
     for (const PolicyText* text : PoliciesOf(scenario)) {
+        if (!known.insert(text->xml.get()).second) {
+            continue;  // the same file once more
+        }
         zol::ZOLPolicy policy;
         // What is read of one that is refused is as good: the findings say why it is.
-        static_cast<void>(zol::TCPolicyParser().Parse(*text->xml, policy));
+        static_cast<void>(zol::TCPolicyParser().Parse(*text->xml, policy, &silent));
         for (const zol::ZOLVconfMonitor& item : policy.vconfMonitors) {
             rules.insert(item.key);
         }

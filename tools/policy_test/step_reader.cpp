@@ -165,7 +165,8 @@ std::string PathBeside(const std::string& scenario, const std::string& name) {
 
 void CountPart(const YamlValue& value, Reading& reading) {
     if (++reading.parts > kMaxParts) {
-        value.Refuse("more than " + std::to_string(kMaxParts) + " steps, keys and expected hits in one file");
+        value.Refuse("more than " + std::to_string(kMaxParts) +
+                     " steps, keys, expected hits and entries of them in one file");
     }
 }
 

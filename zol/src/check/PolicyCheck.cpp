@@ -287,10 +287,9 @@ std::vector<TSPolicyFinding> CheckPolicy(const std::string& xml, const TypeOfKey
 }
 
 std::size_t CountRules(const std::string& xml) {
-    const TypeOfKey noType;
-    TCPolicyCheck observer(noType);
+    IPolicyObserver silent;  // without an observer each item is logged
     ZOLPolicy policy;
-    const bool isTaken = TCPolicyParser().Parse(xml, policy, &observer);
+    const bool isTaken = TCPolicyParser().Parse(xml, policy, &silent);
     return isTaken ? policy.vconfMonitors.size() + policy.policyMonitors.size() : 0;
 }
 

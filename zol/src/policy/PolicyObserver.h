@@ -29,20 +29,20 @@ enum class EPolicyRefusal {
 };
 
 /// Is called in the order of the document on the thread that parses. What an observer throws ends the parse
-/// as NO_MEMORY.
+/// as NO_MEMORY. This one does nothing with what it is told.
 class IPolicyObserver {
 public:
     virtual ~IPolicyObserver() = default;
     /// @param policy what has been read so far, this element included
-    virtual void OnElement(const TSElement& element, const ZOLPolicy& policy) = 0;
-    virtual void OnElementEnd() = 0;
+    virtual void OnElement(const TSElement& /*element*/, const ZOLPolicy& /*policy*/) {}
+    virtual void OnElementEnd() {}
     /// The document is taken, though it ends before it should: in the middle of a tag, inside an element, or
     /// without any.
     /// @param where it ends, or where what is cut in two begins
-    virtual void OnCutShort(const TSPlace& where) = 0;
+    virtual void OnCutShort(const TSPlace& /*where*/) {}
     /// Nothing follows.
     /// @param words what exactly is wrong
-    virtual void OnRefused(const TSPlace& where, EPolicyRefusal reason, const char* words) = 0;
+    virtual void OnRefused(const TSPlace& /*where*/, EPolicyRefusal /*reason*/, const char* /*words*/) {}
 };
 
 }  // namespace zol
