@@ -79,7 +79,7 @@ def test_without_a_policy_the_status_says_so(machine, daemon):
         "running\tno policy\nstored\tno policy\nrules\t0 watched, 0 dropped\n")
     explained = machine.zolctl("policy", "explain")
     assert (explained.returncode, explained.stderr) == (
-        1, "zolctl: no rule that runs looks at anything: no policy runs\n")
+        1, "zolctl: no rule that runs looks at anything\n")
 
 
 def test_the_status_tells_what_runs_and_what_waits(machine, daemon):
@@ -137,9 +137,15 @@ def test_rules_are_shown_and_explained(machine, daemon):
         "1\tpairing\tpairing of remotes, 2 in 300 s (method 31)\twatched",
         "2\tinstall\tinstall of org.kaldo.example, 3 in 3600 s (method 11)\twatched"]
     assert machine.zolctl("policy", "explain", NUMBER, check=0).stdout == (
-        f"1 {NUMBER} IS 3: watched\n  now: there is no such key, the rule does not hold\n"
-        f"3 {NUMBER} BETWEEN 1 and 9: watched\n  now: there is no such key, the rule does not hold\n"
+        f"1 {NUMBER} IS 3: watched\n  now: there is no such key\n"
+        f"3 {NUMBER} BETWEEN 1 and 9: watched\n  now: there is no such key\n"
         "  a change of the key is judged by rule 1 alone, which names it first\n")
+    machine.set(NUMBER, "true", "bool")
+    assert "\n  now: true (bool), which is compared with nothing\n" in machine.zolctl(
+        "policy", "explain", NUMBER, check=0).stdout
+    machine.set(NUMBER, "10", "int")
+    assert "\n  now: 10 (int), the rule does not hold\n" in machine.zolctl(
+        "policy", "explain", NUMBER, check=0).stdout
     everything = machine.zolctl("policy", "explain", check=0).stdout
     assert f'2 {TEXT} IS "here": reported at the start\n  now: "here" (string), the rule holds\n' in everything
     assert "\n  counted: 0 of 2\n  ignored: what follows within 15 s\n" in everything

@@ -60,7 +60,7 @@ def test_a_type_that_is_guessed_for_what_looks_like_another_one_is_told(machine,
     assert machine.zolctl("vconf", "set", "db/new", "2", check=0).stderr == "", "it has a type"
 
 
-@pytest.mark.parametrize("command", [("list",), ("unset", "db/a")])
+@pytest.mark.parametrize("command", [("list",), ("unset", "db/a"), ("set", "db/a", "5"), ("watch", "--now", "db/a")])
 def test_a_store_that_cannot_be_read_is_told(machine, command):
     machine.spoil_key_store()
 

@@ -36,58 +36,89 @@ std::string PlaceOf(const std::string& file, const TSPolicyFinding& finding) {
     return Printable(file) + ":" + std::to_string(finding.line) + ":" + std::to_string(finding.column) + ":";
 }
 
-/// The lines of a document, which end as XML has it. Asked for in their order, they are found in one pass.
-class Lines {
-public:
-    explicit Lines(std::string_view text) : m_text(text), m_rest(text) {}
-
-    /// @param number from 1. @return empty behind the end
-    std::string_view At(unsigned number) {
-        if (number < m_number) {
-            m_rest = m_text;
-            m_number = 1;
-        }
-        for (; m_number < number; ++m_number) {
-            const std::size_t end = m_rest.find_first_of("\r\n");
-            if (end == std::string_view::npos) {
-                return {};
-            }
-            m_rest.remove_prefix(end + (m_rest.substr(end, 2) == "\r\n" ? 2 : 1));
-        }
-        return m_rest.substr(0, m_rest.find_first_of("\r\n"));
-    }
-
-private:
-    std::string_view m_text;
-    std::string_view m_rest;  // from line m_number on
-    unsigned m_number = 1;
-};
-
 bool IsContinuation(char byte) {
     return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U;
 }
 
+std::size_t CountCharacters(std::string_view text) {
+    return static_cast<std::size_t>(
+        std::count_if(text.begin(), text.end(), [](char byte) { return !IsContinuation(byte); }));
+}
+
+/// Places in a document, whose lines end as XML has it. Asked for in their order, they are found in one pass.
+class Places {
+public:
+    explicit Places(std::string_view text) : m_text(text) {}
+
+    /// Goes to the beginning of a line, unless it is there already. @param line from 1
+    void GoTo(unsigned line) {
+        if (line == m_line) {
+            return;
+        }
+        if (line < m_line || m_line == 0) {
+            m_line = 1;
+            m_begin = 0;
+        }
+        for (; m_line < line && m_begin < m_text.size(); ++m_line) {
+            m_begin = std::min(m_text.find_first_of("\r\n", m_begin), m_text.size());
+            m_begin += m_text.substr(m_begin, 2) == "\r\n" ? 2 : 1;
+        }
+        m_begin = std::min(m_begin, m_text.size());
+        Rewind();
+        m_isLong = CountCharacters(Read(0, kShownCharacters + 1)) > kShownCharacters;
+    }
+    [[nodiscard]] bool IsLong() const { return m_isLong; }
+    /// At most so many characters of the line, from one of them on.
+    std::string_view Read(std::size_t from, std::size_t most) {
+        if (from < m_character) {
+            Rewind();
+        }
+        for (; m_character < from && !IsEnd(m_at); ++m_character) {
+            m_at = Behind(m_at);
+        }
+        std::size_t end = m_at;
+        for (std::size_t count = 0; count < most && !IsEnd(end); ++count) {
+            end = Behind(end);
+        }
+        return m_text.substr(m_at, end - m_at);
+    }
+
+private:
+    void Rewind() {
+        m_at = m_begin;
+        m_character = 0;
+    }
+    bool IsEnd(std::size_t at) const {
+        return at >= m_text.size() || m_text[at] == '\r' || m_text[at] == '\n';
+    }
+    /// Where the character ends that begins there.
+    std::size_t Behind(std::size_t at) const {
+        do {
+            ++at;
+        } while (at < m_text.size() && IsContinuation(m_text[at]));
+        return at;
+    }
+
+    const std::string_view m_text;
+    unsigned m_line = 0;      ///< 0: nowhere yet
+    bool m_isLong = false;    ///< more than is shown
+    std::size_t m_begin = 0;  ///< of the line
+    std::size_t m_at = 0;     ///< in bytes, of the character m_character of the line
+    std::size_t m_character = 0;
+};
+
 /// The line with a mark below the place; of a long line what stands around it.
-void PrintSource(std::ostream& out, std::string_view line, unsigned place) {
-    const auto characters = static_cast<std::size_t>(
-        std::count_if(line.begin(), line.end(), [](char byte) { return !IsContinuation(byte); }));
-    const std::size_t column = place - 1;
-    if (column > characters || line.empty()) {
+void PrintSource(std::ostream& out, Places& places, const TSPolicyFinding& finding) {
+    const std::size_t column = finding.column - 1;
+    places.GoTo(finding.line);
+    const std::size_t begin = places.IsLong() && column > kShownBefore ? column - kShownBefore : 0;
+    std::string shown(places.Read(begin, kShownCharacters));
+    if (shown.empty() || column > begin + CountCharacters(shown)) {
         return;
     }
-    const std::size_t begin =
-        characters > kShownCharacters && column > kShownBefore ? column - kShownBefore : 0;
-    std::string shown;
-    std::size_t number = 0;
-    for (const char byte : line) {
-        number += IsContinuation(byte) ? 0 : 1;
-        if (number > begin + kShownCharacters) {
-            break;
-        }
-        if (number > begin) {
-            shown += static_cast<unsigned char>(byte) < 0x20 ? ' ' : byte;  // one column each, tabs too
-        }
-    }
+    // One column each, tabs too.
+    std::replace_if(
+        shown.begin(), shown.end(), [](char byte) { return static_cast<unsigned char>(byte) < 0x20; }, ' ');
     out << "    " << Printable(shown) << "\n    " << std::string(column - begin, ' ') << kBold << '^'
         << kPlain << '\n';
 }
@@ -112,7 +143,7 @@ std::string LineOf(const std::string& file, const std::string& severity, const T
 void PrintFindings(std::ostream& out, const Checked& checked, bool isColoured) {
     const bool isShown =
         isColoured && g_utf8_validate(checked.text.data(), static_cast<gssize>(checked.text.size()), nullptr);
-    Lines lines(checked.text);
+    Places places(checked.text);
     for (const TSPolicyFinding& finding : checked.findings) {
         if (!isColoured) {
             out << LineOf(checked.file, Severity(finding), finding) << '\n';
@@ -121,7 +152,7 @@ void PrintFindings(std::ostream& out, const Checked& checked, bool isColoured) {
         out << kBold << PlaceOf(checked.file, finding) << ' ' << (finding.isError ? kRed : kYellow)
             << Severity(finding) << ':' << kPlain << ' ' << Told(finding) << '\n';
         if (isShown) {
-            PrintSource(out, lines.At(finding.line), finding.column);
+            PrintSource(out, places, finding);
         }
     }
 }

@@ -183,10 +183,6 @@ int Log(const LogOptions& options) {
     if (!since) {
         return EXIT_UNREACHABLE;
     }
-    std::unique_ptr<Interrupts> interrupts;
-    if (options.isFollow) {
-        interrupts = std::make_unique<Interrupts>();
-    }
     const std::unique_ptr<Source> source = dlogutil::OpenLog({"main", "system"}, {});
     Selection selection(options, *since);
     if (source == nullptr || !Show(*source, selection)) {
@@ -197,7 +193,7 @@ int Log(const LogOptions& options) {
             return status;
         }
     }
-    return options.isFollow ? Follow(*source, selection, *interrupts) : EXIT_OK;
+    return options.isFollow ? Follow(*source, selection, Interrupts()) : EXIT_OK;
 }
 
 }  // namespace
@@ -208,7 +204,8 @@ void AddLogCommand(CLI::App& app, Action& action) {
     log->footer(
         "Lines: DATE TIME LEVEL/TAG(PROCESS:THREAD): TEXT, as dlogutil prints them. The level is one of\n"
         "V D I W E F: verbose, debug, information, warning, error, fatal. Most of what the daemon does is\n"
-        "logged at E, so that it always reaches the log.\n\n"
+        "logged at E, so that it always reaches the log. Of a journal it is what was logged since the "
+        "boot.\n\n"
         "Examples:\n"
         "  zolctl log --since 10m\n"
         "  zolctl log --follow --rule db/menu/picture/backlight\n"

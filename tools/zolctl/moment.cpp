@@ -2,6 +2,7 @@
 
 #include <glib.h>
 
+#include <algorithm>
 #include <charconv>
 #include <iostream>
 #include <map>
@@ -34,7 +35,9 @@ std::optional<std::int64_t> DurationOf(const std::string& text) {
 std::optional<std::int64_t> MomentOf(const std::string& text) {
     if (const std::optional<std::int64_t> ago = DurationOf(text)) {
         platform_time_t now{};
-        return platform_clock_realtime(&now) == 0 ? std::optional(now.seconds - *ago) : std::nullopt;
+        return platform_clock_realtime(&now) == 0
+                   ? std::optional(std::max(now.seconds - *ago, std::int64_t{0}))
+                   : std::nullopt;
     }
     const DateTimePtr moment(g_date_time_new_from_iso8601(text.c_str(), nullptr));
     return moment != nullptr ? std::optional<std::int64_t>(g_date_time_to_unix(moment.get())) : std::nullopt;
@@ -44,7 +47,7 @@ std::optional<std::int64_t> SinceOf(const std::string& option) {
     const std::optional<std::int64_t> moment =
         option.empty() ? std::optional<std::int64_t>(0) : MomentOf(option);
     if (!moment) {
-        std::cerr << "zolctl: --since " << tools::OneLine(option) << ": " << kMomentForms << '\n';
+        std::cerr << "zolctl: --since " << tools::OneLine(option) << " is no time: " << kMomentForms << '\n';
     }
     return moment;
 }

@@ -81,15 +81,15 @@ bool MayBeSent(const std::string& file, const std::string& document, bool isForc
 /// "accepted" and what became of it, in a line.
 void TellAccepted(const std::string& outcome, const std::string& document, const Json::Value& state) {
     std::cout << "accepted";
-    if (outcome == "stored") {
+    if (outcome != "stored" && outcome != "running") {
+        std::cout << ": " << OneLine(outcome);
+    } else if (state.isNull()) {
+        std::cout << ", " << outcome;
+    } else if (outcome == "stored") {
         const Json::Value& digests = state["PolicyDigest"];
         std::cout << ", stored: "
                   << (digests[0] == digests[1] ? "this policy runs already"
                                                : "takes effect at the next start");
-    } else if (outcome != "running") {
-        std::cout << ": " << OneLine(outcome);
-    } else if (state.isNull()) {
-        std::cout << ", running";
     } else {
         const Json::Int64 expiry = state["Expires"].asInt64();
         std::cout << ", running: " << state["RulesWatched"].asUInt() << " of " << zol::CountRules(document)

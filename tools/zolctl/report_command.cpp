@@ -270,10 +270,11 @@ int TakeLying(Taker& taker) {
     int status = outcome ? Fail(outcome) : EXIT_OK;
     std::size_t looked = 0;
     for (const std::string& name : names) {
-        taker.Progress().Show(tools::Bar(looked++, names.size()) + " reports that lie there");
+        ++looked;
         if (taker.HasTaken(name)) {
             continue;
         }
+        taker.Progress().Show(tools::Bar(looked - 1, names.size()) + " reports that lie there");
         Report report;
         outcome = Read(root, name, report);
         if (!outcome && report.header && reports::IsSettled(report)) {

@@ -42,11 +42,16 @@ void PrintKey(const Json::Value& rule) {
     const std::string type = rule["value-type"].asString();
     std::cout << "  now: ";
     if (rule.isMember("value")) {
-        std::cout << Text(rule["value"]) << " (" << type << "), ";
+        std::cout << Text(rule["value"]) << " (" << type << ")";
     } else {
-        std::cout << (type == "none" ? "there is no such key, " : "the key cannot be read, ");
+        std::cout << (type == "none" ? "there is no such key" : "the key cannot be read");
     }
-    std::cout << (rule["holds"].asBool() ? "the rule holds\n" : "the rule does not hold\n");
+    if (rule.isMember("holds")) {
+        std::cout << (rule["holds"].asBool() ? ", the rule holds" : ", the rule does not hold");
+    } else if (rule.isMember("value")) {
+        std::cout << ", which is compared with nothing";
+    }
+    std::cout << '\n';
     if (rule.isMember("judged-by")) {
         std::cout << "  a change of the key is judged by rule " << rule["judged-by"].asString()
                   << " alone, which names it first\n";
@@ -74,8 +79,8 @@ int Explain(const std::string& key, bool isJson) {
         PrintJson(rules);
     }
     if (rules.empty()) {
-        std::cerr << "zolctl: no rule that runs looks at "
-                  << (key.empty() ? std::string("anything: no policy runs") : Printable(key)) << '\n';
+        std::cerr << "zolctl: no rule that runs looks at " << (key.empty() ? "anything" : Printable(key))
+                  << '\n';
         return EXIT_REFUSED;
     }
     for (const Json::Value& rule : isJson ? Json::Value() : rules) {

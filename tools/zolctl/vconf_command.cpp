@@ -142,6 +142,9 @@ int Unset(const std::string& key) {
 int Set(const std::string& key, const std::string& text, const std::string& typeName) {
     int type = typeName.empty() ? Read(key).type : kTypes.at(typeName);
     int number = 0;
+    if (type == VCONF_TYPE_NONE && errno != ENOENT) {
+        return Fail("read", key, errno);
+    }
     if (type == VCONF_TYPE_NONE) {
         type = VCONF_TYPE_STRING;
         if (ParseInt(text, number) || ParseBool(text, number)) {
@@ -180,7 +183,11 @@ int Watch(const std::vector<std::string>& keys, bool isNow) {
         }
     }
     for (const std::string& key : isNow ? keys : std::vector<std::string>()) {
-        Print(key, Read(key));
+        const Value value = Read(key);
+        if (value.type == VCONF_TYPE_NONE && errno != ENOENT) {
+            return Fail("read", key, errno);
+        }
+        Print(key, value);
     }
     std::cout.flush();
     // Whoever reads this through a pipe may start changing keys now.
