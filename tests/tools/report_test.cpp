@@ -113,6 +113,29 @@ TEST_F(Reports, WithoutAHeaderThatCanBeReadTellTheirAge) {
     EXPECT_FALSE(report.header);
 }
 
+TEST_F(Reports, WithAHeaderThatIsBrokenAtAnyByteAreDescribedAllTheSame) {
+    const std::string whole = HeaderText("1700000000");
+    MakeReport();
+    int headers = 0;
+    for (std::size_t place = 0; place <= whole.size(); ++place) {
+        std::vector<std::string> texts{whole.substr(0, place)};
+        for (const char byte : {'\0', '"', '{', '}', '[', '\\', '9', '\xFF'}) {
+            texts.push_back(whole);
+            texts.back().insert(place, 1, byte);
+        }
+        for (const std::string& text : texts) {
+            WriteFile(HostOf(kName) + "/header.json", text);
+            reports::Report report;
+            const reports::Outcome outcome = Open(kName, &report);
+            ASSERT_FALSE(outcome) << outcome.text << ": " << text;
+            ASSERT_EQ(report.files.size(), 1U);
+            ASSERT_EQ(report.files[0].bytes, text.size());
+            headers += report.header ? 1 : 0;
+        }
+    }
+    EXPECT_GT(headers, 100) << "a byte more in a text is another text";
+}
+
 TEST_F(Reports, HaveAnIdOfTheirNameAndContents) {
     MakeReport();
     WriteFile(HostOf(kName) + "/a", "bc");

@@ -364,6 +364,9 @@ TEST_F(Spools, BeginAnewWithDamagedCounts) {
     Restart();
     EXPECT_EQ(m_spool->Counts().taken, 0);
     EXPECT_EQ(m_spool->Counts().refused, 3);
+    WriteFile(m_path + "/counts.json", std::string(100000, '['));
+    Restart();
+    EXPECT_EQ(m_spool->Counts().refused, 0);
     EXPECT_EQ(Names(), (Texts{"a_1"}));
 }
 

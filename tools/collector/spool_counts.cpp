@@ -18,7 +18,11 @@ SpoolCounts SpoolCounts::Load(const std::string& file) {
     std::ifstream input(file);
     Json::Value value;
     Json::String errors;
-    if (!Json::parseFromStream(Json::CharReaderBuilder(), input, &value, &errors) || !value.isObject()) {
+    try {
+        if (!Json::parseFromStream(Json::CharReaderBuilder(), input, &value, &errors) || !value.isObject()) {
+            return counts;
+        }
+    } catch (const Json::Exception&) {  // nested too deeply
         return counts;
     }
     ForEach(counts, [&](const char* name, std::int64_t& count) {
