@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "PolicyNames.h"
+#include "event_items.h"
 #include "values.h"
 
 namespace policytest {
@@ -16,21 +17,6 @@ using Texts = std::map<std::string, std::string>;
 
 std::string Quoted(const std::string& text) {
     return '"' + text + '"';
-}
-
-/// The items "name=value;" of a description in braces.
-Texts ItemsOf(const std::string& description) {
-    Texts items;
-    std::string_view rest = description;
-    rest.remove_prefix(rest.substr(0, 1) == "{" ? 1 : 0);
-    while (!rest.empty() && rest != "}") {
-        const std::string_view item = rest.substr(0, rest.find_first_of(";}"));
-        const std::size_t equals = item.find('=');
-        items.emplace(item.substr(0, equals),
-                      equals == std::string_view::npos ? "" : item.substr(equals + 1));
-        rest.remove_prefix(std::min(rest.size(), item.size() + 1));
-    }
-    return items;
 }
 
 std::string Missing(const std::string& what, const Texts& found, const std::string& name) {
@@ -161,7 +147,7 @@ std::string DifferenceOf(const Hit& hit, const ExpectedHit& expected) {
     if (expected.report && told.report != *expected.report) {
         return "the report is " + told.report + ", not " + *expected.report;
     }
-    std::string difference = DifferenceOf("the KPI event", ItemsOf(hit.kpi), expected.kpi);
+    std::string difference = DifferenceOf("the KPI event", reports::ItemsOf(hit.kpi), expected.kpi);
     return difference.empty() ? DifferenceOf("header.json", hit.header, expected.header) : difference;
 }
 

@@ -12,6 +12,7 @@
 #include "KPILogFramework.h"
 #include "base/glib_handles.h"
 #include "commands.h"
+#include "event_items.h"
 #include "loop.h"
 #include "moment.h"
 #include "output.h"
@@ -41,22 +42,6 @@ void PrintText(const std::vector<TSKpiEvent>& events) {
     }
 }
 
-/// The items of "{name=value;...}". A value that holds a semicolon ends there: the description does not say.
-Json::Value ItemsOf(const std::string& description) {
-    Json::Value items(Json::objectValue);
-    std::size_t begin = description.find_first_not_of('{');
-    while (begin < description.size()) {
-        const std::size_t end = std::min(description.find_first_of(";}", begin), description.size());
-        const std::size_t equals = description.find('=', begin);
-        if (equals < end) {
-            items[description.substr(begin, equals - begin)] =
-                description.substr(equals + 1, end - equals - 1);
-        }
-        begin = end + 1;
-    }
-    return items;
-}
-
 Json::Value ToJson(const std::vector<TSKpiEvent>& events) {
     Json::Value list(Json::arrayValue);
     for (const TSKpiEvent& event : events) {
@@ -67,7 +52,10 @@ Json::Value ToJson(const std::vector<TSKpiEvent>& events) {
         one["category"] = event.category;
         one["event_id"] = event.eventId;
         one["description"] = event.description;
-        one["items"] = ItemsOf(event.description);
+        one["items"] = Json::Value(Json::objectValue);
+        for (const auto& [name, value] : reports::ItemsOf(event.description)) {
+            one["items"][name] = value;
+        }
         list.append(one);
     }
     return list;
