@@ -9,6 +9,7 @@ import time
 import pytest
 
 from conftest import BIN, HANDOVER_KEY, int_rule, policy, processes_on, string_rule, wait_for
+from services import MOCK, Mock
 
 NUMBER = "db/menu/level"
 TEXT = "db/menu/text"
@@ -186,3 +187,14 @@ def test_a_watched_status_is_printed_when_it_changes_and_while_the_daemon_is_awa
 
     process.send_signal(signal.SIGTERM)
     assert process.wait(timeout=60) == 0
+
+
+def test_a_daemon_that_answers_with_errors_is_told_from_one_that_is_not_there(machine):
+    other = Mock(machine, "org.zol.Daemon1", "org.zol.Daemon1", "/org/zol/Daemon1", "org.zol.Daemon1")
+    other.object("/org/zol/Daemon1", MOCK).AddMethod("org.zol.Policy1", "SetPolicy", "s", "bsa(uussss)",
+                                                     "ret = (True, 'stored', [])")
+
+    for command in (("status",), ("policy", "show"), ("policy", "explain")):
+        failed = machine.zolctl(*command)
+        assert failed.returncode == 2 and failed.stderr.startswith("zolctl: the daemon answers with an error: ")
+    assert machine.push(policy(int_rule(NUMBER, "IS", 3))).stdout == "accepted, stored\n", "and what runs is unknown"

@@ -102,7 +102,8 @@ int PushText(const std::string& document) {
     PolicyDaemon daemon;
     Handed handed;
     if (const auto end = daemon.SetPolicy(document, handed); end != PolicyDaemon::EEnd::ANSWERED) {
-        return daemon.Fail(end);
+        const int status = daemon.Fail(end);
+        return end == PolicyDaemon::EEnd::FAILED ? EXIT_REFUSED : status;
     }
     if (!handed.isAccepted) {
         std::cerr << kNotStored;

@@ -92,9 +92,10 @@ PolicyDaemon::EEnd PolicyDaemon::Explain(const std::string& key, Json::Value& ru
 
 int PolicyDaemon::Fail(EEnd end) const {
     std::cerr << "zolctl: "
-              << (end == EEnd::FAILED ? "the daemon refused: " : "the daemon cannot be reached: ")
+              << (end == EEnd::FAILED ? "the daemon answers with an error: "
+                                      : "the daemon cannot be reached: ")
               << tools::Printable(m_bus.LastError()) << '\n';
-    return end == EEnd::FAILED ? EXIT_REFUSED : EXIT_UNREACHABLE;
+    return EXIT_UNREACHABLE;
 }
 
 }  // namespace zolctl
