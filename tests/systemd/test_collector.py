@@ -60,6 +60,22 @@ def test_it_may_write_nothing_else(machine):
     machine.run("systemd-analyze", "security", "--threshold=25", "--no-pager", "zol-collector.service")
 
 
+def test_the_doctor_looks_at_the_units_that_are_wanted(machine):
+    def units():
+        lines = zolctl(machine, "doctor", check=False).stdout.splitlines()
+        return [line for line in lines if line.split("\t")[1].startswith("zol")]
+
+    served = ["ok\tzol.service\tis active", "ok\tzol-vconf.socket\tis active"]
+    assert units() == served
+    machine.run("systemctl", "enable", "zol-collector")
+    assert units() == [*served, "ok\tzol-collector.service\tis active"]
+    machine.run("systemctl", "stop", "zol-collector")
+    assert units() == [*served, "wrong\tzol-collector.service\tis not active; systemctl enable --now "
+                       "zol-collector.service"]
+    machine.run("systemctl", "disable", "zol-collector")
+    machine.run("systemctl", "start", "zol-collector")
+
+
 def test_it_comes_back_and_takes_nothing_twice(machine):
     before = collector(machine)
     machine.run("mkdir", "-p", "/run/systemd/system/zol-collector.service.d")

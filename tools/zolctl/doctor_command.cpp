@@ -101,9 +101,12 @@ private:
         if (access("/run/systemd/system", F_OK) != 0 || DevicePath("/") != "/") {
             return;
         }
-        for (const char* unit : {"zol.service", "zol-vconf.socket"}) {
-            if (!Systemctl("cat", unit)) {
-                continue;  // this machine has none: something else serves
+        // Where one is missing something else serves; the collector runs only where somebody wants it.
+        constexpr const char* kUnits[][2] = {
+            {"zol.service", "cat"}, {"zol-vconf.socket", "cat"}, {"zol-collector.service", "is-enabled"}};
+        for (const auto& [unit, verb] : kUnits) {
+            if (!Systemctl(verb, unit)) {
+                continue;
             }
             const bool isActive = Systemctl("is-active", unit);
             Tell(unit, isActive ? "is active" : "is not active",
