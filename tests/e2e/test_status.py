@@ -171,6 +171,16 @@ def test_without_a_daemon_there_is_one_line_and_no_output(machine, command):
     assert told.stderr.startswith(UNREACHABLE) and told.stderr.count("\n") == 1
 
 
+def test_a_daemon_that_hangs_is_given_up_in_one_line(machine, daemon):
+    daemon.process.send_signal(signal.SIGSTOP)
+    waiting = [machine.start(BIN / "zolctl", *command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+               for command in (("status",), ("policy", "show"))]
+    for process in waiting:
+        output, errors = process.communicate(timeout=60)
+        assert (process.returncode, output, errors.count("\n")) == (2, "", 1) and errors.startswith(UNREACHABLE)
+    daemon.process.send_signal(signal.SIGCONT)
+
+
 def test_a_watched_status_is_printed_when_it_changes_and_while_the_daemon_is_away(machine, daemon):
     process = machine.start(BIN / "zolctl", "status", "--watch", stdout=subprocess.PIPE, text=True)
 

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <filesystem>
 #include <string>
 
@@ -45,8 +46,8 @@ protected:
         }
     }
     /// A folder left so, on the disk.
-    static long KibibytesOf(const std::string& folder) {
-        long blocks = 0;
+    static std::int64_t KibibytesOf(const std::string& folder) {
+        std::int64_t blocks = 0;
         for (const char* const file : {"", "/header.json"}) {
             struct stat status {};
             EXPECT_EQ(stat(Host(folder + file).c_str(), &status), 0);
@@ -80,7 +81,7 @@ TEST_F(Uncollected, TheOldestFoldersBeyondTheBytesAreRemoved) {
     for (int i = 1; i <= 4; ++i) {
         Leave(Old(i), i, third);
     }
-    const long kibibytes = 2 * KibibytesOf(Old(1));
+    const std::int64_t kibibytes = 2 * KibibytesOf(Old(1));
 
     Handle(NOTIFY_ZOL_VCONF);
 
