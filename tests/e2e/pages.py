@@ -123,8 +123,10 @@ class Shell:
         modes = termios.tcgetattr(inner)
         modes[1] &= ~termios.OPOST
         termios.tcsetattr(inner, termios.TCSANOW, modes)
+        # Who runs the tests in the background ignores the signal that some pages send, and bash cannot undo that.
         self.process = subprocess.Popen(["bash", "--norc"], stdin=subprocess.PIPE, stdout=inner, stderr=inner,
-                                        env=env, cwd=folder, start_new_session=True)
+                                        env=env, cwd=folder, start_new_session=True,
+                                        preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL))
         self.folder = folder
         os.close(inner)
         self.printed = b""
