@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -55,22 +56,25 @@ bool CopyFile(const base::OpenedFolder& folder, const std::string& name, const s
     return to && sent > 0;
 }
 
-/// Deletes what SQLite may have made of the copy.
+/// Deletes what SQLite may have made of the copy. Without a word to the allocator at its end: it may end for
+/// lack of memory.
 class Copy {
 public:
-    explicit Copy(std::string path) : m_path(std::move(path)) { Delete(); }
+    explicit Copy(const std::string& path) : m_files{path, path + kLogEnd, path + "-shm", path + "-journal"} {
+        Delete();
+    }
     ~Copy() { Delete(); }
     Copy(const Copy&) = delete;
     Copy& operator=(const Copy&) = delete;
-    const std::string& Path() const { return m_path; }
+    const std::string& Path() const { return m_files.front(); }
 
 private:
-    void Delete() {
-        for (const char* end : {"", kLogEnd, "-shm", "-journal"}) {
-            unlink((m_path + end).c_str());
+    void Delete() const {
+        for (const std::string& file : m_files) {
+            unlink(file.c_str());
         }
     }
-    const std::string m_path;
+    const std::array<std::string, 4> m_files;
 };
 
 bool ReadKey(const base::Run& run, std::string* key, Value* value) {
