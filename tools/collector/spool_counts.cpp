@@ -5,6 +5,7 @@
 #include <fstream>
 
 #include "base/atomic_file.h"
+#include "base/json_text.h"
 
 namespace collector {
 namespace {
@@ -34,7 +35,7 @@ SpoolCounts SpoolCounts::Load(const std::string& file) {
 std::error_code SpoolCounts::Save(const std::string& file) const {
     Json::Value value;
     ForEach(*this, [&](const char* name, std::int64_t count) { value[name] = Json::Int64(count); });
-    return base::ReplaceFile(file, Json::writeString(Json::StreamWriterBuilder(), value), kMode);
+    return base::ReplaceFile(file, base::JsonText(Json::StreamWriterBuilder(), value), kMode);
 }
 
 }  // namespace collector

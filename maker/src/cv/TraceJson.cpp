@@ -5,6 +5,8 @@
 
 #include <string_view>
 
+#include "base/json_text.h"
+
 namespace cv {
 namespace {
 
@@ -95,9 +97,9 @@ std::string TraceJson(const TSDump& dump) {
     writer["indentation"] = "";
     // One entry at a time: a tree of the whole recording would need several times the memory of the text.
     std::string text =
-        "{\"displayTimeUnit\":\"ms\",\"otherData\":" + Json::writeString(writer, OtherData(dump)) +
-        ",\"traceEvents\":[\n" + Json::writeString(writer, ProcessEntry());
-    const auto append = [&](const Json::Value& entry) { text += ",\n" + Json::writeString(writer, entry); };
+        "{\"displayTimeUnit\":\"ms\",\"otherData\":" + base::JsonText(writer, OtherData(dump)) +
+        ",\"traceEvents\":[\n" + base::JsonText(writer, ProcessEntry());
+    const auto append = [&](const Json::Value& entry) { text += ",\n" + base::JsonText(writer, entry); };
     for (const TSEvent& event : dump.events) {
         append(EventEntry(event));
     }

@@ -41,9 +41,11 @@ std::string NameOf(const std::string& path) {
     return path.substr(path.find_last_of('/') + 1);
 }
 
-void Record(const std::string& step) {
+/// Notes what `step` returns; nobody else's call asks for memory.
+template <class Step>
+void Record(Step step) {
     if (t_durableSteps != nullptr) {
-        t_durableSteps->push_back(step);
+        t_durableSteps->push_back(step());
     }
 }
 
@@ -53,7 +55,7 @@ void Record(const std::string& step) {
 
 extern "C" int fsync(int descriptor) {
     static const auto next = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "fsync"));
-    Record(SyncStep(descriptor));
+    Record([=] { return SyncStep(descriptor); });
     if (std::exchange(t_failNextSync, false)) {
         errno = EIO;
         return -1;
@@ -63,7 +65,7 @@ extern "C" int fsync(int descriptor) {
 
 extern "C" int rename(const char* from, const char* to) noexcept {
     static const auto next = reinterpret_cast<int (*)(const char*, const char*)>(dlsym(RTLD_NEXT, "rename"));
-    Record("rename " + NameOf(from) + " to " + NameOf(to));
+    Record([=] { return "rename " + NameOf(from) + " to " + NameOf(to); });
     return next(from, to);
 }
 

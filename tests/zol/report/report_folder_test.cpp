@@ -1,12 +1,14 @@
 #include "ReportFolder.h"
 
 #include <atomic>
+#include <new>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "ZOLKpiManager.h"
 #include "device_test.h"
+#include "failing_new.h"
 
 namespace {
 
@@ -28,6 +30,33 @@ TEST_F(ReportFolderTest, TheHeadersPathIsCutAt127BytesToo) {
 
     EXPECT_TRUE(fakes::DeviceFileExists(folder.Path() + "/head"));
     EXPECT_FALSE(fakes::DeviceFileExists(folder.Path() + "/header.json"));
+}
+
+TEST_F(ReportFolderTest, ItsHeaderIsWholeOrNotThereWhereverMemoryRunsOut) {
+    const ReportFolder folder("tg-1", "17");
+    ASSERT_TRUE(folder.Make());
+    const TCKpiManager identifiers;
+    const std::string header = folder.Path() + "/header.json";
+    const ReportFolder::HeaderErrors errors = folder.WriteHeader(identifiers);
+    ASSERT_FALSE(errors.open || errors.write);
+    const std::string whole = fakes::ReadDeviceFile(header);
+
+    const auto isWritten = [&] {
+        try {
+            const ReportFolder::HeaderErrors found = folder.WriteHeader(identifiers);
+            return !found.open && !found.write;
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
+    };
+    bool wasEnough = false;
+    for (std::size_t next = 1; !wasEnough; ++next) {
+        FailAllocation(next);
+        const bool isDone = isWritten();
+        wasEnough = FailAllocation(0) > 0;
+        EXPECT_EQ(isDone, wasEnough) << "allocation " << next;
+        ASSERT_EQ(fakes::ReadDeviceFile(header), whole) << "allocation " << next;
+    }
 }
 
 TEST_F(ReportFolderTest, IsWrittenBySeveralThreadsAtATimeWithoutAnErrorOfAny) {

@@ -10,6 +10,7 @@
 #include "TSFileSystem.h"
 #include "ZOLKpiManager.h"
 #include "base/atomic_file.h"
+#include "base/json_text.h"
 #include "base/system_error.h"
 #include "base/unique_fd.h"
 #include "device_path.h"
@@ -45,7 +46,7 @@ ReportFolder::HeaderErrors ReportFolder::WriteHeader(const TCKpiManager& identif
     header["lcid"] = identifiers.Get(KPI_LCID);
     header["evid"] = identifiers.Get(KPI_EVID);
     header["Content-Type"] = "multipart/form-data";
-    const std::string text = Json::writeString(Json::StreamWriterBuilder(), header);
+    const std::string text = base::JsonText(Json::StreamWriterBuilder(), header);
 
     // Two sets of tasks may report in the same second: they share the folder and the temporary file's name.
     static std::mutex mutex;
