@@ -147,6 +147,15 @@ def test_what_may_work_another_time_is_one_line_and_tried_again(machine, server,
     assert server.names() == ["t_1"] and counts(collector)["refused"] == 0
 
 
+def test_what_fails_several_times_is_one_line(machine, server, start):
+    server.answers = [500, 500]
+    collector = start()
+    hand_over(machine)
+    wait_uploaded(collector)
+
+    assert len(server.names(500)) == 2 and sum("answers 500" in line for line in collector.said()) == 1
+
+
 @pytest.mark.parametrize("status", [400, 401, 404, 413])
 def test_what_the_server_does_not_want_is_set_aside_and_counted(machine, server, start, status):
     server.answers = [status]

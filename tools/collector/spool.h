@@ -45,7 +45,7 @@ struct Entry {
 ///
 ///     reports/<sequence number>-<id>/<name of the report>/...   waiting
 ///     refused/...                                               the same, refused by the server
-///     taken/<name of a report>        its id and last change, while it lies in /tmp/zol
+///     taken/<name of a report>                                  its id and last change, while it lies there
 ///     counts.json
 ///
 /// Each change is whole and on the disk, or did not happen, also after a power cut. One thread.

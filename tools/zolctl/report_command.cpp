@@ -268,13 +268,12 @@ int TakeLying(Taker& taker) {
         outcome = root.List(names);
     }
     int status = outcome ? Fail(outcome) : EXIT_OK;
+    names.erase(std::remove_if(names.begin(), names.end(),
+                               [&](const std::string& name) { return taker.HasTaken(name); }),
+                names.end());
     std::size_t looked = 0;
     for (const std::string& name : names) {
-        ++looked;
-        if (taker.HasTaken(name)) {
-            continue;
-        }
-        taker.Progress().Show(tools::Bar(looked - 1, names.size()) + " reports that lie there");
+        taker.Progress().Show(tools::Bar(looked++, names.size()) + " reports that lie there");
         Report report;
         outcome = Read(root, name, report);
         if (!outcome && report.header && reports::IsSettled(report)) {

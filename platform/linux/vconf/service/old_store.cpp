@@ -56,8 +56,8 @@ bool CopyFile(const base::OpenedFolder& folder, const std::string& name, const s
     return to && sent > 0;
 }
 
-/// Deletes what SQLite may have made of the copy. Without a word to the allocator at its end: it may end for
-/// lack of memory.
+/// Deletes what SQLite may have made of the copy. Its end allocates nothing: it may come because memory has
+/// run out.
 class Copy {
 public:
     explicit Copy(const std::string& path) : m_files{path, path + kLogEnd, path + "-shm", path + "-journal"} {
