@@ -129,7 +129,7 @@ class Trial:
         # What wraps it may tell of the signal as a status.
         if abs(status) in (signal.SIGTRAP, signal.SIGABRT) and said and self.fault.kind in SHORT_OF_MEMORY:
             self.ended = "ended by GLib"
-        elif status == 0 and self.fault.kind in SHORT_OF_MEMORY and self.loss_lines():
+        elif status in (0, 1) and self.fault.kind in SHORT_OF_MEMORY and self.loss_lines():
             self.ended = "ended in order"
         else:
             self.find(f"the daemon ended with {status}: {output[-400:].strip()}")

@@ -1,4 +1,5 @@
 #include <cstdio>
+#include <exception>
 #include <optional>
 #include <string_view>
 
@@ -7,12 +8,14 @@
 
 namespace {
 
+constexpr int kExitCannotStart = 1;     // no memory for the first step
 constexpr int kExitUsage = 2;           // arguments that the daemon does not know
 constexpr int kExitAlreadyRunning = 3;  // another daemon runs on this device root
 constexpr const char* kUsage =
     "Usage: zol_daemon [--help | --version]\n"
     "Without arguments: the policy daemon, in the foreground, until SIGTERM, SIGINT or SIGHUP.\n"
-    "Exit status: 0 ended in order, 2 wrong usage, 3 a daemon runs on this device already.\n";
+    "Exit status: 0 ended in order, 1 cannot start, 2 wrong usage,\n"
+    "3 a daemon runs on this device already.\n";
 
 /// The exit status.
 int AnswerArguments(int count, const char* const* arguments) {
@@ -36,10 +39,15 @@ int main(int argc, char** argv) {
         return AnswerArguments(argc, argv);
     }
     // Before anything is touched: a second daemon would take the first one's reports and double its events.
-    if (const std::optional<pid_t> other = zol_daemon::FindOtherInstance()) {
-        std::fprintf(stderr, "zol_daemon: process %d is the daemon of this device already\n",
-                     static_cast<int>(*other));
-        return kExitAlreadyRunning;
+    try {
+        if (const std::optional<pid_t> other = zol_daemon::FindOtherInstance()) {
+            std::fprintf(stderr, "zol_daemon: process %d is the daemon of this device already\n",
+                         static_cast<int>(*other));
+            return kExitAlreadyRunning;
+        }
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "zol_daemon: cannot start: %s\n", error.what());
+        return kExitCannotStart;
     }
     return zol_daemon::main();
 }
