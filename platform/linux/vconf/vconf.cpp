@@ -64,8 +64,11 @@ bool Get(const char* key, int type, Message* answer) {
 int GetNumber(const char* key, int type, int* out) {
     return Guarded([&] {
         Message answer;
-        errno = EINVAL;
-        if (out == nullptr || !Get(key, type, &answer)) {
+        if (out == nullptr) {
+            errno = EINVAL;
+            return false;
+        }
+        if (!Get(key, type, &answer)) {
             return false;
         }
         *out = answer.value.number;

@@ -168,6 +168,26 @@ TEST_F(BtPairMonitor, AKeyThatCannotBeReadReportsNothingAndKeepsTheStoredId) {
     EXPECT_EQ(m_notify.Hits(), Hits({kIndex}));
 }
 
+TEST_F(BtPairMonitor, WhileTheStoredIdCannotBeReadItDoesNotStartForThenItWouldTakeARepetitionForTheFirst) {
+    fakes::vconf::SetString(kIdKey, "A");
+    fakes::vconf::Fail(kIdKey, fakes::vconf::FAIL_GET);
+    TCBtPairMonitor& monitor = Make(kLastConnected);
+    EXPECT_FALSE(monitor.StartMonitoring());
+    EXPECT_EQ(Logged("vconf_get_str fail"), 2);
+    EXPECT_FALSE(monitor.IsMonitoring());
+    fakes::vconf::Fail(kIdKey, fakes::vconf::FAIL_NONE);
+    EXPECT_TRUE(monitor.StartMonitoring());
+    Connect();
+    EXPECT_EQ(m_notify.Hits(), Hits({kIndex}));
+}
+
+TEST_F(BtPairMonitor, AnIdThatIsNotThereOrThatCountingDoesNotNeedKeepsItFromNothing) {
+    EXPECT_TRUE(Make(kLastConnected).StartMonitoring());
+    EXPECT_EQ(Logged("vconf_get_str fail"), 1);
+    fakes::vconf::Fail(kIdKey, fakes::vconf::FAIL_GET);
+    EXPECT_TRUE(Make(kCounting).StartMonitoring());
+}
+
 TEST_F(BtPairMonitor, AnUnknownMethodIsRefusedWithMinusOneAndARefusalOfThePlatformWithItsResult) {
     EXPECT_FALSE(Make(33).StartMonitoring());
     fakes::bt_hid::FailRegistrations(-22);

@@ -1,5 +1,7 @@
 #include "ZOLBtPairMonitor.h"
 
+#include <cerrno>
+
 #include "ExceptionWall.h"
 #include "Log.h"
 #include "PolicyTimes.h"
@@ -25,11 +27,13 @@ bt_hid_smart_rc_connection_cb CallbackOf(int method) {
     }
 }
 
-/// The id that the platform published; null, and logged, when it cannot be read.
+/// The id that the platform published; null with errno, and logged, when it cannot be read.
 zol::VconfString ReadLastConnected() {
     zol::VconfString id = zol::GetVconfString(TCBtPairMonitor::KEY_LAST_CONNECTED);
     if (id == nullptr) {
+        const int reason = errno;
         ZOL_LOG(LOG_ERROR, "vconf_get_str fail");
+        errno = reason;
     }
     return id;
 }
@@ -44,7 +48,7 @@ TCBtPairMonitor::TCBtPairMonitor(TCNotifyManager* notify, int durationMinutes, i
         ZOL_LOG(LOG_ERROR, "set default ignoreTime");
         m_ignoreTime = zol::kDefaultIgnoreSeconds;
     }
-    m_StoreLastConnected();
+    m_isIdUnread = !m_StoreLastConnected();
 }
 
 TCBtPairMonitor::~TCBtPairMonitor() {
@@ -61,6 +65,13 @@ bool TCBtPairMonitor::Create() {
 }
 
 bool TCBtPairMonitor::StartMonitoring() {
+    // Without the id the next pairing of the same remote would pass for its first.
+    if (m_isIdUnread && GetMethod() == zol::METHOD_BT_LAST_CONNECTED) {
+        m_isIdUnread = !m_StoreLastConnected();
+        if (m_isIdUnread) {
+            return false;
+        }
+    }
     if (!RegisterBtCallback()) {
         ZOL_LOG(LOG_ERROR, "[BtMonitor] RegisterBtCallback() fail");
         return false;
@@ -118,7 +129,7 @@ void TCBtPairMonitor::BtLastConnectedCb(bool connected, bt_device_info_s* /*devi
     if (monitor == nullptr) {
         ZOL_LOG(LOG_INFO, "[BtMonitor] BtLastConnectedCb() called, pMonitor is NULL");
     } else if (!connected) {
-        monitor->m_StoreLastConnected();
+        static_cast<void>(monitor->m_StoreLastConnected());  // the id before it stays
     } else if (monitor->m_CompareLastConnected()) {
         static_cast<void>(monitor->NotifyZOL());  // a hit that finds no room is lost; there is no line for it
     }
@@ -155,9 +166,10 @@ bool TCBtPairMonitor::m_CompareLastConnected() {
     return false;
 }
 
-void TCBtPairMonitor::m_StoreLastConnected() {
+bool TCBtPairMonitor::m_StoreLastConnected() {
     const zol::VconfString current = ReadLastConnected();
     if (current != nullptr) {
         m_LastConnectedId = current.get();
     }
+    return current != nullptr || errno == ENOENT || errno == EINVAL;
 }

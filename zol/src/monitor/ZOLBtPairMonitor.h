@@ -32,8 +32,8 @@ public:
 
     /// Starts the task. False, and logged, when it cannot.
     [[nodiscard]] bool Create();
-    /// Registers for the remote's connections. False, and logged, when the method is unknown or the platform
-    /// refuses.
+    /// Registers for the remote's connections. False, and logged, when the method is unknown, the platform
+    /// refuses, or method 32 does not know yet which remote was connected last.
     [[nodiscard]] bool StartMonitoring();
     /// Whether it is registered.
     [[nodiscard]] bool IsMonitoring() const { return static_cast<bool>(m_registration); }
@@ -51,11 +51,13 @@ public:
 private:
     bool m_CheckIgnoreTime(std::int64_t now);
     bool m_CompareLastConnected();
-    void m_StoreLastConnected();
+    /// False when the store did not answer; a key that is missing or no string is an answer.
+    bool m_StoreLastConnected();
 
     bool m_bCalled = false;  ///< there has been a counting callback: m_lastCallTime means something
     std::int64_t m_lastCallTime = 0;
     std::string m_LastConnectedId;
+    bool m_isIdUnread = false;  ///< before the registration: the store did not answer
     std::int32_t m_ignoreTime;
     base::Subscription m_registration;  ///< goes first: the callback uses all of the above
 };
