@@ -63,8 +63,10 @@ void LogindMonitor::OnLimit(const SystemService::Reply& reply) {
 void LogindMonitor::OnPrepare(int reason, bool begins) {
     m_going = begins;
     if (begins) {
-        if (m_delay != nullptr) {
-            m_givenDelay = m_delay;
+        // Out of m_delay at once: when memory runs out below, the machine is not held up.
+        PowerDelay delay = std::exchange(m_delay, nullptr);
+        if (delay != nullptr) {
+            m_givenDelay = delay;
             m_limitTimer = StartTimer(m_limit, [this] {
                 if (!m_givenDelay.expired()) {
                     PLATFORM_LOG(WARN, "power-off work is not done in %u ms: the machine goes on", m_limit);
@@ -72,7 +74,7 @@ void LogindMonitor::OnPrepare(int reason, bool begins) {
                 CloseGivenDelay();
             });
         }
-        m_handlers.powerOff(reason, std::exchange(m_delay, nullptr));
+        m_handlers.powerOff(reason, std::move(delay));
         return;
     }
     // The machine is back, or stayed: work that still goes on has nothing left to hold up.
