@@ -21,15 +21,23 @@ public:
 
     /// What the operation ended with; null when the time is over first.
     GAsyncResult* Wait(unsigned milliseconds) {
-        bool expired = false;
-        const GSourcePtr timer = StartTimer(m_context.get(), milliseconds, [&expired] { expired = true; });
-        while (m_result == nullptr && !expired) {
+        // Without an allocation that could fail: destructors wait here.
+        gboolean expired = FALSE;
+        const GSourcePtr timer(g_timeout_source_new(milliseconds));
+        g_source_set_callback(timer.get(), ExpiredCb, &expired, nullptr);
+        g_source_attach(timer.get(), m_context.get());
+        while (m_result == nullptr && expired == FALSE) {
             g_main_context_iteration(m_context.get(), TRUE);
         }
         return m_result.get();
     }
 
 private:
+    static gboolean ExpiredCb(gpointer expired) {
+        *static_cast<gboolean*>(expired) = TRUE;
+        return G_SOURCE_REMOVE;
+    }
+
     const GMainContextPtr m_context;
     GObjectPtr<GAsyncResult> m_result;
 };
