@@ -197,6 +197,7 @@ TEST_F(TestRecordingFaults, AShellThatCannotBeStartedIsToldByBothToasts) {
     EXPECT_TRUE(Recording());
     EXPECT_THAT(ToolCalls(), IsEmpty());
     EXPECT_EQ(Logged("[TestRecording] Fail to run shell"), 2);
+    EXPECT_EQ(Logged("[TestRecording] cannot run \""), 3) << "two toasts and the focus log";
     ExpectErrors({"[TestRecording] Fail to run shell"});
 }
 

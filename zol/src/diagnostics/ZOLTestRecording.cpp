@@ -301,5 +301,10 @@ int TCTestRecording::m_runShell(const std::string& command, int inherited) {
     shell.words = {"/bin/sh", "-c", command};
     shell.inherited = inherited;
     const base::ProcessEnd end = base::RunProcess(shell);
-    return end.error ? -1 : end.status;
+    if (end.error) {
+        ZOL_LOG(LOG_ERROR, "[TestRecording] cannot run \"%s\": %s", command.c_str(),
+                end.error.message().c_str());
+        return -1;
+    }
+    return end.status;
 }
