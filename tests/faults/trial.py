@@ -25,7 +25,8 @@ LOSS = re.compile(
     re.IGNORECASE)
 # How GLib ends a process that lacks memory, a thread or a descriptor.
 GLIB_END = re.compile(r"GLib.*ERROR.*(failed to allocate|creating thread|creating pipes|Creating pipes|"
-                      r"Cannot create|eventfd)|failed to allocate \d+ bytes", re.IGNORECASE)
+                      r"Cannot create|eventfd)|failed to allocate \d+ bytes|"
+                      r"GLib \(gthread-posix.c\): Unexpected error from C library during", re.IGNORECASE)
 SHORT_OF_MEMORY = {"allocation", "mmap", "thread"}
 
 
