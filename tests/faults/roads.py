@@ -145,10 +145,10 @@ def commands(trial):
     trial.control.arm()
     wrapper = [str(word) for word in trial.wrapper()]
     pushed = trial.broken_tool(wrapper, "policy", "push", "-", stdin=FIRST.text)
+    # One that was not acknowledged may still be on its way: what is stored is looked at in the end.
     trial.attempted = FIRST
     if pushed.returncode == 0:
         trial.stored, trial.attempted = FIRST, None
-    trial.check_stored()
     changed = trial.broken_tool(wrapper, "vconf", "set", "db/one", "7", "--type", "int")
     if changed.returncode == 0 and trial.get("db/one") != "7":
         trial.find("zolctl says that a key is set, and it is not")
