@@ -19,8 +19,8 @@ class CCHandler;
 ///
 /// What a handler throws is one line in the runtime log; its event counts as handled and the loop goes on.
 ///
-/// An idle loop pauses for at most 10 ms at a time: an event, a due timer and a timer newly set end the pause
-/// at once, and a wall clock set forward is seen within that time.
+/// An idle loop sleeps until an event is sent, a timer is set or the wall clock, which may be set meanwhile,
+/// reaches the next due time. Nothing else wakes it.
 ///
 /// Any thread may Send, Ping and set or kill timers. Create and Destroy are called by one thread. Operations
 /// outside of Create and Destroy assert and return false or 0 where the assertion returns.

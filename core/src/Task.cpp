@@ -4,15 +4,14 @@
 #include "Logging.h"
 #include "Record.h"
 #include "TaskRecord.h"
-#include "Time.h"
 #include "base/exception_wall.h"
 
 namespace {
 
 constexpr const char* kSource = "core/src/Task";
 constexpr std::uint32_t kNoTimeout = 4294967295U;
+constexpr std::uint64_t kMsPerSecond = 1000;
 constexpr std::uint64_t kNsPerMs = 1000000;
-constexpr std::uint64_t kIdlePauseNs = 10 * kNsPerMs;
 
 }  // namespace
 
@@ -104,16 +103,9 @@ void CCTask::t_Main() {
 }
 
 void CCTask::m_Pause(TSTask* record) {
-    const std::uint64_t now = CCTime::CurrentUtc();
-    std::uint64_t pause = kIdlePauseNs;
-    if (record->nextDue <= (now + kIdlePauseNs) / kNsPerMs) {
-        const std::uint64_t due = record->nextDue * kNsPerMs;
-        if (due <= now) {
-            return;
-        }
-        pause = due - now;
-    }
-    platform_alarm_wait(record->alarm.get(), pause);
+    const platform_time_t due{static_cast<std::int64_t>(record->nextDue / kMsPerSecond),
+                              static_cast<std::int64_t>(record->nextDue % kMsPerSecond * kNsPerMs)};
+    platform_alarm_wait_until(record->alarm.get(), record->nextDue == TSTask::kNothingDue ? nullptr : &due);
 }
 
 bool CCTask::t_ExecuteEvent(unsigned long timeout) {

@@ -64,7 +64,7 @@ struct CCTask::TSTask {
     std::array<char, kNameLength + 1> name{};
     CInternalHandler handler;
 
-    // Ends the pause of an idle loop.
+    // Ends the pause of an idle loop: rung when an event is queued, a timer set or the loop told to end.
     std::unique_ptr<platform_alarm_t, base::FreeWith<platform_alarm_free>> alarm{platform_alarm_new()};
     // The loop is over: nobody gives a sender's semaphore any more. Guarded by the task's m_lock.
     bool ended = false;

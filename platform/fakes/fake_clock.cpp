@@ -5,9 +5,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <condition_variable>
+#include <iterator>
+#include <limits>
 #include <list>
 #include <mutex>
 #include <new>
+#include <optional>
+#include <utility>
 
 #include "fake_internal.h"
 #include "platform_clock.h"
@@ -23,18 +27,17 @@ namespace {
 
 constexpr std::int64_t kNsPerSecond = 1000000000;
 
-struct Sleeper {
-    Sleeper(std::uint64_t begin, std::uint64_t length, const bool* alarm = nullptr)
-        : until(begin + length),
-          duration(static_cast<std::int64_t>(length)),
-          over(length == 0),
-          rung(alarm) {}
+/// When a wait is over: a moment of the steady clock, one of the wall clock, or never.
+struct End {
+    std::optional<std::uint64_t> steadyNs;
+    std::optional<platform_time_t> wall;
+};
 
-    const std::uint64_t until;
-    const std::int64_t duration;
-    bool over;
-    const bool* const rung;  // of the alarm that ends it; null for none
-    std::condition_variable woken;
+struct Sleeper {
+    End end;
+    const bool* rung = nullptr;  // of the alarm that ends it; null for none
+    bool over = false;
+    std::condition_variable woken{};
 
     bool IsAsleep() const { return !over && (rung == nullptr || !*rung); }
 };
@@ -48,8 +51,22 @@ struct State {
     bool failRealtime = false;
     bool sleepAdvances = true;
     std::uint64_t sleptUs = 0;
-    std::int64_t longestNap = 0;
     std::list<Sleeper> sleepers;
+
+    /// What is left of a wait; clock::kForever for one that time does not end.
+    nanoseconds Left(const End& end) const {
+        if (end.steadyNs) {
+            return nanoseconds(*end.steadyNs > steadyNs ? *end.steadyNs - steadyNs : 0);
+        }
+        // Beyond a century nothing waits for its end, and nanoseconds do not go much further.
+        constexpr std::int64_t kCentury = 36525 * std::int64_t{86400};
+        if (!end.wall || end.wall->seconds - wallBase > kCentury) {
+            return clock::kForever;
+        }
+        const std::int64_t left =
+            (end.wall->seconds - wallBase) * kNsPerSecond + end.wall->nanoseconds - wallNs;
+        return nanoseconds(std::max<std::int64_t>(left, 0));
+    }
 };
 
 State& The() {
@@ -57,11 +74,9 @@ State& The() {
     return *state;
 }
 
-void MoveLocked(State& state, nanoseconds wall, nanoseconds steady) {
-    state.wallNs += wall.count();
-    state.steadyNs += static_cast<std::uint64_t>(steady.count());
+void WakeLocked(State& state) {
     for (Sleeper& sleeper : state.sleepers) {
-        if (!sleeper.over && sleeper.until <= state.steadyNs && sleeper.duration > state.longestNap) {
+        if (!sleeper.over && state.Left(sleeper.end) == nanoseconds(0)) {
             sleeper.over = true;
             sleeper.woken.notify_all();
         }
@@ -69,15 +84,34 @@ void MoveLocked(State& state, nanoseconds wall, nanoseconds steady) {
     state.changed.notify_all();
 }
 
-/// Waits on the steady clock until `duration` is over or `ended` holds; true when `ended` holds.
-template <class Ended>
-bool WaitLocked(State& state, std::unique_lock<std::mutex>& lock, std::uint64_t duration, Ended ended,
+void MoveLocked(State& state, nanoseconds wall, nanoseconds steady) {
+    state.wallNs += wall.count();
+    state.steadyNs += static_cast<std::uint64_t>(steady.count());
+    WakeLocked(state);
+}
+
+std::uint64_t SteadyAfter(const State& state, std::uint64_t time) {
+    constexpr std::uint64_t kLatest = std::numeric_limits<std::int64_t>::max();
+    return time < kLatest - state.steadyNs ? state.steadyNs + time : kLatest;
+}
+
+/// Waits until the end or until `rung`, when it is not null, is true.
+void WaitLocked(State& state, std::unique_lock<std::mutex>& lock, const End& end,
                 const bool* rung = nullptr) {
-    const auto self = state.sleepers.emplace(state.sleepers.end(), state.steadyNs, duration, rung);
+    state.sleepers.emplace_back();
+    const auto self = std::prev(state.sleepers.end());
+    self->end = end;
+    self->rung = rung;
+    self->over = state.Left(end) == nanoseconds(0);
     state.changed.notify_all();
-    self->woken.wait(lock, [&] { return self->over || ended(); });
+    self->woken.wait(lock, [&] { return !self->IsAsleep(); });
     state.sleepers.erase(self);
-    return ended();
+}
+
+/// 1 when it was rung, 0 when the end came first.
+int WaitLocked(State& state, std::unique_lock<std::mutex>& lock, const End& end, platform_alarm_t* alarm) {
+    WaitLocked(state, lock, end, &alarm->rung);
+    return std::exchange(alarm->rung, false) ? 1 : 0;
 }
 
 }  // namespace
@@ -90,7 +124,6 @@ void ResetClock() {
     state.failRealtime = false;
     state.sleepAdvances = true;
     state.sleptUs = 0;
-    state.longestNap = 0;
     state.changed.notify_all();
 }
 
@@ -100,7 +133,7 @@ void SetWall(std::int64_t seconds, std::int64_t nanosecondsPart) {
     const std::lock_guard<std::mutex> lock(The().mutex);
     The().wallBase = seconds;
     The().wallNs = nanosecondsPart;
-    The().changed.notify_all();
+    WakeLocked(The());
 }
 
 std::int64_t WallSeconds() {
@@ -128,7 +161,7 @@ bool AwaitSleeper(nanoseconds duration, int sleepers) {
     std::unique_lock<std::mutex> lock(state.mutex);
     return state.changed.wait_for(lock, kPatience, [&] {
         return std::count_if(state.sleepers.begin(), state.sleepers.end(), [&](const Sleeper& sleeper) {
-                   return sleeper.IsAsleep() && sleeper.duration == duration.count();
+                   return sleeper.IsAsleep() && state.Left(sleeper.end) == duration;
                }) >= sleepers;
     });
 }
@@ -165,20 +198,12 @@ bool AwaitRest(int others) {
     return true;
 }
 
-void LetNap(nanoseconds longest) {
-    const std::lock_guard<std::mutex> lock(The().mutex);
-    The().longestNap = longest.count();
-}
-
-std::optional<nanoseconds> UntilNextWake() {
+nanoseconds UntilNextWake() {
     const State& state = The();
     const std::lock_guard<std::mutex> lock(The().mutex);
-    std::optional<nanoseconds> next;
+    nanoseconds next = kForever;
     for (const Sleeper& sleeper : state.sleepers) {
-        if (sleeper.duration > state.longestNap) {
-            const nanoseconds left(sleeper.until > state.steadyNs ? sleeper.until - state.steadyNs : 0);
-            next = std::min(next.value_or(left), left);
-        }
+        next = std::min(next, state.Left(sleeper.end));
     }
     return next;
 }
@@ -222,7 +247,7 @@ void platform_sleep_us(uint64_t microseconds) {
         fakes::MoveLocked(state, time, time);
         return;
     }
-    fakes::WaitLocked(state, lock, microseconds * 1000, [] { return false; });
+    fakes::WaitLocked(state, lock, {fakes::SteadyAfter(state, microseconds * 1000), {}});
 }
 
 int platform_sem_wait_until(sem_t* sem, const platform_time_t* deadline) {
@@ -232,16 +257,15 @@ int platform_sem_wait_until(sem_t* sem, const platform_time_t* deadline) {
     }
     fakes::State& state = fakes::The();
     std::unique_lock<std::mutex> lock(state.mutex);
-    const auto left = [&] {
-        return (deadline->seconds - state.wallBase) * fakes::kNsPerSecond + deadline->nanoseconds -
-               state.wallNs;
-    };
-    const auto duration = static_cast<std::uint64_t>(std::max<std::int64_t>(0, left()));
-    const auto self = state.sleepers.emplace(state.sleepers.end(), state.steadyNs, duration);
+    state.sleepers.emplace_back();
+    const auto self = std::prev(state.sleepers.end());
+    self->end.wall = *deadline;
+    const auto left = [&] { return state.Left(self->end); };
+    self->over = left() == nanoseconds(0);
     state.changed.notify_all();
     int result = 0;
     // A post does not tell the fake, so it looks again every real millisecond.
-    while ((result = sem_trywait(sem)) != 0 && left() > 0) {
+    while ((result = sem_trywait(sem)) != 0 && left() > nanoseconds(0)) {
         state.changed.wait_for(lock, std::chrono::milliseconds(1));
     }
     state.sleepers.erase(self);
@@ -262,10 +286,17 @@ void platform_alarm_free(platform_alarm_t* alarm) {
 int platform_alarm_wait(platform_alarm_t* alarm, uint64_t nanosecondsToWait) {
     fakes::State& state = fakes::The();
     std::unique_lock<std::mutex> lock(state.mutex);
-    const bool rung = fakes::WaitLocked(
-        state, lock, nanosecondsToWait, [alarm] { return alarm->rung; }, &alarm->rung);
-    alarm->rung = false;
-    return rung ? 1 : 0;
+    return fakes::WaitLocked(state, lock, {fakes::SteadyAfter(state, nanosecondsToWait), {}}, alarm);
+}
+
+int platform_alarm_wait_until(platform_alarm_t* alarm, const platform_time_t* moment) {
+    fakes::State& state = fakes::The();
+    std::unique_lock<std::mutex> lock(state.mutex);
+    fakes::End end;
+    if (moment != nullptr) {
+        end.wall = *moment;
+    }
+    return fakes::WaitLocked(state, lock, end, alarm);
 }
 
 void platform_alarm_ring(platform_alarm_t* alarm) {

@@ -2,7 +2,6 @@
 /// Time that stands still until a test moves it.
 #include <chrono>
 #include <cstdint>
-#include <optional>
 
 namespace fakes {
 namespace clock {
@@ -10,7 +9,10 @@ namespace clock {
 /// Wall clock after Reset: seconds since 1970.
 constexpr std::int64_t kEpoch = 1700000000;
 
-/// Sets the wall clock only: the steady clock and sleepers are not moved.
+/// What is left of a wait that time does not end.
+constexpr std::chrono::nanoseconds kForever = std::chrono::nanoseconds::max();
+
+/// Sets the wall clock only; wakes who waits for a moment of it that has come.
 void SetWall(std::int64_t seconds, std::int64_t nanoseconds = 0);
 std::int64_t WallSeconds();
 /// Lets time pass on both clocks and wakes every sleeper whose time is over.
@@ -20,11 +22,11 @@ void AdvanceSteady(std::chrono::nanoseconds time);
 /// Makes platform_clock_realtime fail (return -1).
 void FailRealtime(bool fail);
 
-/// Waits until a thread sleeps or waits for exactly this long; false when fakes::kPatience ends. Threads that
-/// Advance has woken do not count.
+/// Waits until a thread sleeps or waits that has exactly this long to go; false when fakes::kPatience ends.
+/// Threads that Advance has woken do not count.
 bool AwaitSleeper(std::chrono::nanoseconds duration, int sleepers = 1);
 
-/// Lets time pass so often, each time as soon as a thread sleeps for that long; false when patience ends.
+/// Lets time pass so often, each time as soon as a thread has that long to sleep; false when patience ends.
 [[nodiscard]] bool PassSleeps(std::chrono::nanoseconds duration, int times);
 
 /// Waits until every thread of the process but `others` sleeps here with nothing to wake it but time; false
@@ -33,11 +35,8 @@ bool AwaitSleeper(std::chrono::nanoseconds duration, int sleepers = 1);
 [[nodiscard]] bool AwaitRest(int others);
 /// Threads that the process has now.
 [[nodiscard]] int CountThreads();
-/// From now on time does not end waits of at most this length, only who rings: the pauses of an idle task,
-/// which would find nothing. Its timers would not find their moment either. Zero after Reset.
-void LetNap(std::chrono::nanoseconds longest);
-/// Time until the first wait is over that time ends; null when there is none.
-[[nodiscard]] std::optional<std::chrono::nanoseconds> UntilNextWake();
+/// Time until the first wait is over; kForever when time ends none.
+[[nodiscard]] std::chrono::nanoseconds UntilNextWake();
 
 /// By default platform_sleep_us lets the time pass by itself and returns at once; off: it blocks until
 /// Advance.

@@ -38,6 +38,9 @@ platform_alarm_t* platform_alarm_new(void);
 void platform_alarm_free(platform_alarm_t* alarm);
 /// Waits for a ring or for `nanoseconds` of steady time. 1 when rung, 0 when the time is over.
 int platform_alarm_wait(platform_alarm_t* alarm, uint64_t nanoseconds);
+/// Waits for a ring or until the wall clock is at `moment` or past it, also when it is set there; null: for a
+/// ring only. Costs nothing meanwhile. 1 when rung, 0 when the moment has come.
+int platform_alarm_wait_until(platform_alarm_t* alarm, const platform_time_t* moment);
 /// Any thread; never blocks for long; allocates nothing.
 void platform_alarm_ring(platform_alarm_t* alarm);
 

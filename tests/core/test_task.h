@@ -81,6 +81,8 @@ class TaskFixture : public RuntimeLog {
 protected:
     using ms = std::chrono::milliseconds;
 
-    /// Waits until the loop has nothing to do before the moment `left` from now.
-    static bool AwaitPause(ms left = ms(10)) { return fakes::clock::AwaitSleeper(left); }
+    /// Waits until the loop has nothing to do for so long.
+    static bool AwaitPause(std::chrono::nanoseconds left = fakes::clock::kForever) {
+        return fakes::clock::AwaitSleeper(left);
+    }
 };

@@ -20,8 +20,9 @@
 namespace {
 
 constexpr uint64_t kNsPerSecond = 1000000000;
-/// Waits below this are the runtime's own pauses, whose length nobody watches; they stay as they are.
+/// Shorter waits are retries, whose length nobody watches; they stay as they are.
 constexpr uint64_t kShortestSteered = kNsPerSecond;
+constexpr gulong kLookUs = 1000;  ///< between looks at a clock that may jump
 
 uint64_t Setting(const char* name) {
     const char* text = std::getenv(name);
@@ -71,6 +72,13 @@ uint64_t WallNs() {
     return start + PassedNs();
 }
 
+/// Asked anew each time: the clock may jump meanwhile.
+bool HasCome(const platform_time_t& moment) {
+    const int64_t until =
+        (moment.seconds - Ahead()) * static_cast<int64_t>(kNsPerSecond) + moment.nanoseconds;
+    return static_cast<int64_t>(WallNs()) >= until;
+}
+
 uint64_t RealLength(uint64_t nanoseconds) {
     return nanoseconds < kShortestSteered ? nanoseconds : nanoseconds / Speed();
 }
@@ -105,14 +113,11 @@ int platform_sem_wait_until(sem_t* sem, const platform_time_t* deadline) {
         return -1;
     }
     while (sem_trywait(sem) != 0) {
-        // Anew each time: the clock may jump meanwhile.
-        const int64_t until =
-            (deadline->seconds - Ahead()) * static_cast<int64_t>(kNsPerSecond) + deadline->nanoseconds;
-        if (static_cast<int64_t>(WallNs()) >= until) {
+        if (HasCome(*deadline)) {
             errno = ETIMEDOUT;
             return -1;
         }
-        g_usleep(1000);
+        g_usleep(kLookUs);
     }
     return 0;
 }
@@ -131,6 +136,21 @@ int platform_alarm_wait(platform_alarm_t* alarm, uint64_t nanoseconds) {
     const bool rung = alarm->rang.wait_for(lock, time, [alarm] { return alarm->rung; });
     alarm->rung = false;
     return rung ? 1 : 0;
+}
+
+int platform_alarm_wait_until(platform_alarm_t* alarm, const platform_time_t* moment) {
+    std::unique_lock<std::mutex> lock(alarm->mutex);
+    while (!alarm->rung) {
+        if (moment == nullptr) {
+            alarm->rang.wait(lock);
+        } else if (HasCome(*moment)) {
+            return 0;
+        } else {
+            alarm->rang.wait_for(lock, std::chrono::microseconds(kLookUs));
+        }
+    }
+    alarm->rung = false;
+    return 1;
 }
 
 void platform_alarm_ring(platform_alarm_t* alarm) {

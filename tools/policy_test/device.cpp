@@ -50,8 +50,6 @@ constexpr const char* kAddress = "00:00:00:00:00:01";
 /// Lasts until power-off.
 constexpr const char* kMemoryPrefix = "memory/";
 
-/// The pauses of idle tasks: they have no timers, and are rung for everything else.
-constexpr std::chrono::milliseconds kIdlePause(10);
 /// Sleeps in its own main loop, which the fake of its notifications waits for.
 constexpr int kPowerThreads = 1;
 constexpr int kReason = 0;
@@ -101,7 +99,6 @@ struct Device::Daemon {
 Device::Device(std::int64_t start) : m_otherThreads(CountOtherThreads()) {
     fakes::Reset();
     fakes::clock::SetWall(start);
-    fakes::clock::LetNap(kIdlePause);
     fakes::WriteDeviceFile(ZOL_PATH_UNIQUE_ID, kUniqueId);
     fakes::WriteDeviceFile(ZOL_PATH_LIFE_CYCLE_ID, kLifeCycleId);
     fakes::WriteDeviceFile(ZOL_PATH_RELEASE_MARKER, "");
@@ -220,7 +217,7 @@ void Device::Install(const std::string& id, bool isInstalled) {
 
 void Device::Pass(nanoseconds time) {
     while (time > nanoseconds(0)) {
-        nanoseconds step = std::min(time, fakes::clock::UntilNextWake().value_or(time));
+        nanoseconds step = std::min(time, fakes::clock::UntilNextWake());
         step = std::min(step, UntilNextTimer().value_or(step));
         fakes::clock::Advance(step);
         Rest();

@@ -11,6 +11,7 @@
 #include <limits>
 #include <mutex>
 #include <new>
+#include <utility>
 
 struct platform_alarm_s {
     std::mutex mutex;
@@ -47,8 +48,8 @@ int platform_sem_wait_until(sem_t* sem, const platform_time_t* deadline) {
         errno = EINVAL;
         return -1;
     }
-    // Polling tasks ask with a deadline of now a hundred times a second: sem_timedwait would put them to
-    // sleep for it, and every such switch costs as much as the pass itself.
+    // Tasks ask with a deadline of now at each pass: sem_timedwait would put them to sleep for it, and every
+    // such switch costs as much as the pass itself.
     if (sem_trywait(sem) == 0) {
         return 0;
     }
@@ -81,9 +82,26 @@ int platform_alarm_wait(platform_alarm_t* alarm, uint64_t nanoseconds) {
     constexpr uint64_t kLongest = 365ULL * 24 * 3600 * 1000000000;
     const std::chrono::nanoseconds time(static_cast<int64_t>(std::min(nanoseconds, kLongest)));
     std::unique_lock<std::mutex> lock(alarm->mutex);
-    const bool rung = alarm->rang.wait_for(lock, time, [alarm] { return alarm->rung; });
-    alarm->rung = false;
-    return rung ? 1 : 0;
+    alarm->rang.wait_for(lock, time, [alarm] { return alarm->rung; });
+    return std::exchange(alarm->rung, false) ? 1 : 0;
+}
+
+int platform_alarm_wait_until(platform_alarm_t* alarm, const platform_time_t* moment) {
+    // Moments that nanoseconds since 1970 do not reach, the year 2255 and later, do not come.
+    constexpr int64_t kLatest = 9000000000;
+    std::unique_lock<std::mutex> lock(alarm->mutex);
+    const auto hasRung = [alarm] { return alarm->rung; };
+    if (moment == nullptr || moment->seconds > kLatest) {
+        alarm->rang.wait(lock, hasRung);
+    } else {
+        // The kernel's timer of an absolute wait on the wall clock goes off when that clock is set past it.
+        const auto since =
+            std::chrono::seconds(moment->seconds) + std::chrono::nanoseconds(moment->nanoseconds);
+        alarm->rang.wait_until(
+            lock, std::chrono::time_point<std::chrono::system_clock, std::chrono::nanoseconds>(since),
+            hasRung);
+    }
+    return std::exchange(alarm->rung, false) ? 1 : 0;
 }
 
 void platform_alarm_ring(platform_alarm_t* alarm) {

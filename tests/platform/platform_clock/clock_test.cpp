@@ -68,6 +68,28 @@ TEST(ClockAlarm, ARingBeforeTheWaitEndsItAndIsUsedUp) {
 
     EXPECT_EQ(platform_alarm_wait(alarm, 60000000000U), 1);
     EXPECT_EQ(platform_alarm_wait(alarm, 0), 0);
+    platform_alarm_ring(alarm);
+    EXPECT_EQ(platform_alarm_wait_until(alarm, nullptr), 1);
+    const platform_time_t past = InSeconds(-1);
+    EXPECT_EQ(platform_alarm_wait_until(alarm, &past), 0);
+    platform_alarm_free(alarm);
+}
+
+TEST(ClockAlarm, WaitsUntilAMomentHowLateItMayBeOrUntilItIsRung) {
+    platform_alarm_t* alarm = platform_alarm_new();
+    platform_time_t soon = InSeconds(0);
+    soon.seconds += (soon.nanoseconds + 20000000) / 1000000000;
+    soon.nanoseconds = (soon.nanoseconds + 20000000) % 1000000000;
+    EXPECT_EQ(platform_alarm_wait_until(alarm, &soon), 0);
+    const platform_time_t now = InSeconds(0);
+    EXPECT_TRUE(now.seconds > soon.seconds ||
+                (now.seconds == soon.seconds && now.nanoseconds >= soon.nanoseconds));
+    for (const platform_time_t& moment :
+         {InSeconds(3600), InSeconds(20000000000), platform_time_t{INT64_MAX, 999999999}}) {
+        std::thread ringer([alarm] { platform_alarm_ring(alarm); });
+        EXPECT_EQ(platform_alarm_wait_until(alarm, &moment), 1) << moment.seconds;
+        ringer.join();
+    }
     platform_alarm_free(alarm);
 }
 
