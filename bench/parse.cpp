@@ -7,21 +7,14 @@
 #include "PolicyCheck.h"
 #include "ZOLPolicy.h"
 #include "ZOLPolicyParser.h"
+#include "policy_document.h"
 
 namespace {
 
-std::string Document(int items) {
-    std::string text = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<zolitem numofzol=\"" +
-                       std::to_string(items) + "\">\n<zol_expired_time time=\"2592000\"/>\n";
-    for (int i = 0; i < items; ++i) {
-        text += "<zols key=\"db/menu/group" + std::to_string(i / 100) + "/key" + std::to_string(i) +
-                "\" condition=\"BETWEEN\" type=\"INT\" greater=\"5\" less=\"15\"/>\n";
-    }
-    return text + "</zolitem>\n";
-}
+using bench::PolicyDocument;
 
 void PolicyParser(benchmark::State& state) {
-    const std::string document = Document(10000);
+    const std::string document = PolicyDocument(10000);
     const zol::TCPolicyParser parser;
     for (auto _ : state) {
         zol::ZOLPolicy policy;
@@ -34,7 +27,7 @@ BENCHMARK(PolicyParser)->Unit(benchmark::kMillisecond);
 
 /// A number of findings that a document may well have, one item in ten.
 void PolicyCheck(benchmark::State& state) {
-    std::string document = Document(10000);
+    std::string document = PolicyDocument(10000);
     for (std::size_t at = 0, item = 0; (at = document.find("BETWEEN", at)) != std::string::npos; ++at) {
         if (item++ % 10 == 0) {
             document.replace(at, 7, "BETWEN");
@@ -53,7 +46,7 @@ void XMLCALL IgnoreEnd(void* /*data*/, const XML_Char* /*name*/) {}
 void XMLCALL IgnoreText(void* /*data*/, const XML_Char* /*text*/, int /*length*/) {}
 
 void BareExpat(benchmark::State& state) {
-    const std::string document = Document(10000);
+    const std::string document = PolicyDocument(10000);
     for (auto _ : state) {
         XML_Parser parser = XML_ParserCreate(nullptr);
         XML_SetElementHandler(parser, IgnoreStart, IgnoreEnd);
