@@ -3,10 +3,15 @@
 #include <memory>
 #include <utility>
 
+#include "context_thread.h"
 #include "guarded.h"
 #include "platform_log.h"
 
 namespace platform {
+
+namespace {
+constexpr unsigned kRetryMs = 1000;
+}  // namespace
 
 SystemService::SystemService(Description description, Handlers handlers)
     : m_description(std::move(description)),
@@ -34,7 +39,23 @@ void SystemService::OnConnected() {
 
 void SystemService::AppearedCb(GDBusConnection* /*connection*/, const char* /*name*/, const char* owner,
                                gpointer data) {
-    Guarded("system bus", [&] { static_cast<SystemService*>(data)->OnAppeared(owner); });
+    auto* const self = static_cast<SystemService*>(data);
+    const bool isFollowed = Guarded("system bus", [&] {
+        self->OnAppeared(owner);
+        return true;
+    });
+    if (!isFollowed) {
+        Guarded("system bus", [&] { self->FollowAgain(); });
+    }
+}
+
+// Half of what follows the service would be worse than none: from the beginning, a little later.
+void SystemService::FollowAgain() {
+    DropService();
+    m_retry = StartTimer(kRetryMs, [this] {
+        LeaveBus();
+        OnConnected();
+    });
 }
 
 void SystemService::VanishedCb(GDBusConnection* connection, const char* /*name*/, gpointer data) {
@@ -67,6 +88,7 @@ void SystemService::OnLost(const char* reason) {
 }
 
 void SystemService::DropService() {
+    m_retry.reset();
     if (!Present()) {
         return;
     }

@@ -86,6 +86,7 @@ private:
               ReplyFunction function);
     void OnConnected();
     void OnAppeared(const char* owner);
+    void FollowAgain();
     void OnVanished();
     void OnLost(const char* reason);
     void DropService();
@@ -99,6 +100,7 @@ private:
     guint m_nameWatch = 0;
     std::string m_owner;  ///< unique name of the service; empty while it is missing
     std::list<Subscription> m_subscriptions;
+    base::GSourcePtr m_retry;
     unsigned m_pending = 0;  ///< replies that GLib still owes
     State m_state = State::Unknown;
     ServiceMark m_mark;

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <utility>
@@ -125,6 +126,22 @@ TEST_F(Service, AMissingServiceIsOneLogLineAndItIsFollowedWhenItComes) {
     EXPECT_THAT(Missing(), IsEmpty());
     EXPECT_EQ(log.Count("the lamp is missing"), 2);
     EXPECT_EQ(log.Count("the lamp"), 4);
+}
+
+TEST_F(Service, AFollowerThatLackedMemoryWhenTheServiceCameFollowsItALittleLater) {
+    bus.Start();
+    const auto lamp = Lamp();
+    std::atomic<int> looks{0};
+    Follower follower([&looks] {
+        if (++looks == 1) {
+            throw std::bad_alloc();
+        }
+    });
+    EXPECT_TRUE(log.WaitFor("the lamp is there"));
+    EXPECT_EQ(log.Count("std::bad_alloc"), 1);
+    lamp->Emit(kPath, kName, "Said", g_variant_new("(s)", "one"));
+
+    EXPECT_THAT(follower.reports.WaitFor(3), ElementsAre("vanished", "appeared", "one"));
 }
 
 TEST_F(Service, ABusThatIsMissingOrGoesAwayIsOneLogLineEachHoweverOftenItIsTried) {
