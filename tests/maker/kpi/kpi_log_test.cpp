@@ -442,4 +442,28 @@ TEST_F(KpiLog, ALogThatWasRemovedIsBegunAnew) {
     ExpectNewLog();
 }
 
+TEST_F(KpiLog, MemoryThatTheDatabaseLacksAtAnyMomentLosesNoEvent) {
+    std::vector<std::string> added;
+    const auto add = [&added] {
+        added.push_back(std::to_string(added.size()));
+        return Add(added.back());
+    };
+    ASSERT_EQ(add(), CLogger::RESULT_SUCCESS);
+    int failures = 0;
+    for (std::int64_t memory = 0;; memory += 128) {
+        ASSERT_LT(memory, 1 << 20);
+        sqlite3_hard_heap_limit64(sqlite3_memory_used() + memory);
+        const int result = add();
+        sqlite3_hard_heap_limit64(0);
+        if (result == CLogger::RESULT_SUCCESS) {
+            break;
+        }
+        ++failures;
+        ASSERT_EQ(add(), CLogger::RESULT_SUCCESS) << "with memory again";
+    }
+    EXPECT_GT(failures, 10);
+    EXPECT_EQ(Descriptions(), added);
+    EXPECT_FALSE(fs::exists(Host(".damaged")));
+}
+
 }  // namespace
