@@ -12,6 +12,7 @@
 #include "Log.h"
 #include "PolicyFile.h"
 #include "PolicyFlag.h"
+#include "PolicyObserver.h"
 #include "PolicyTasks.h"
 #include "PolicyValidation.h"
 #include "PolicyWords.h"
@@ -195,7 +196,9 @@ bool TCPolicyManager::m_Load(ZOLPolicy& policy, bool& mayDoBetterLater, std::str
         return false;
     }
     digest = DigestOf(read.text);
-    return TCPolicyParser().Parse(read.text, policy);
+    const std::optional<EPolicyRefusal> refusal = TCPolicyParser().FindRefusal(read.text, policy);
+    mayDoBetterLater = refusal == EPolicyRefusal::NO_MEMORY;
+    return !refusal;
 }
 
 bool TCPolicyManager::m_Store(const std::string& xml) {

@@ -142,7 +142,7 @@ struct TCPolicyParser::TSCallbacks {
         }
     }
 
-    static void TellRefusal(const TSParseContext& context) {
+    static EPolicyRefusal TellRefusal(const TSParseContext& context) {
         const XML_Error error = XML_GetErrorCode(context.expat);
         EPolicyRefusal reason = EPolicyRefusal::MALFORMED;
         if (context.isBeyondBudget) {
@@ -150,7 +150,15 @@ struct TCPolicyParser::TSCallbacks {
         } else if (error == XML_ERROR_NO_MEMORY || error == XML_ERROR_ABORTED) {
             reason = EPolicyRefusal::NO_MEMORY;
         }
-        context.observer->OnRefused(PlaceOf(context.expat), reason, XML_ErrorString(error));
+        if (context.observer != nullptr) {
+            context.observer->OnRefused(PlaceOf(context.expat), reason, XML_ErrorString(error));
+        } else {
+            ZOL_LOG(LOG_ERROR, "Error while parsing policy: %s, line: %lu, col: %lu", XML_ErrorString(error),
+                    static_cast<unsigned long>(XML_GetCurrentLineNumber(context.expat)),
+                    static_cast<unsigned long>(XML_GetCurrentColumnNumber(context.expat)));
+            ZOL_LOG(LOG_ERROR, "Parsing failed.");
+        }
+        return reason;
     }
 };
 
@@ -161,43 +169,42 @@ TCPolicyParser::TCPolicyParser()
                       {"monitor", &m_HandleMonitorTag}} {}
 
 bool TCPolicyParser::Parse(const std::string& xml, ZOLPolicy& policy, IPolicyObserver* observer) const {
+    return !FindRefusal(xml, policy, observer);
+}
+
+std::optional<EPolicyRefusal> TCPolicyParser::FindRefusal(const std::string& xml, ZOLPolicy& policy,
+                                                          IPolicyObserver* observer) const {
     policy.vconfMonitors.clear();
     if (xml.size() > kMaxPolicyBytes) {
         if (observer != nullptr) {
             observer->OnRefused({}, EPolicyRefusal::TOO_LONG, "too long");
-            return false;
+        } else {
+            ZOL_LOG(LOG_ERROR, "Policy of %zu bytes refused, at most %zu are read", xml.size(),
+                    kMaxPolicyBytes);
+            ZOL_LOG(LOG_ERROR, "Parsing failed.");
         }
-        ZOL_LOG(LOG_ERROR, "Policy of %zu bytes refused, at most %zu are read", xml.size(), kMaxPolicyBytes);
-        ZOL_LOG(LOG_ERROR, "Parsing failed.");
-        return false;
+        return EPolicyRefusal::TOO_LONG;
     }
     const XmlParserPtr parser = CreateBoundedParser();
     if (parser == nullptr) {
         if (observer != nullptr) {
             observer->OnRefused({}, EPolicyRefusal::NO_MEMORY, "out of memory");
-            return false;
+        } else {
+            ZOL_LOG(LOG_ERROR, "Couldnt create parser");
         }
-        ZOL_LOG(LOG_ERROR, "Couldnt create parser");
-        return false;
+        return EPolicyRefusal::NO_MEMORY;
     }
     TSParseContext context{this, &policy, parser.get(), observer, {}, {}};
     TSCallbacks::Register(context);
 
     // Not final: a document that was only cut short still gives the items before the cut.
-    const bool isTaken =
-        XML_Parse(parser.get(), xml.data(), static_cast<int>(xml.size()), XML_FALSE) == XML_STATUS_OK;
-    if (observer != nullptr) {
-        isTaken ? TSCallbacks::TellWhetherCutShort(context) : TSCallbacks::TellRefusal(context);
-        return isTaken;
+    if (XML_Parse(parser.get(), xml.data(), static_cast<int>(xml.size()), XML_FALSE) == XML_STATUS_OK) {
+        if (observer != nullptr) {
+            TSCallbacks::TellWhetherCutShort(context);
+        }
+        return std::nullopt;
     }
-    if (!isTaken) {
-        ZOL_LOG(LOG_ERROR, "Error while parsing policy: %s, line: %lu, col: %lu",
-                XML_ErrorString(XML_GetErrorCode(parser.get())),
-                static_cast<unsigned long>(XML_GetCurrentLineNumber(parser.get())),
-                static_cast<unsigned long>(XML_GetCurrentColumnNumber(parser.get())));
-        ZOL_LOG(LOG_ERROR, "Parsing failed.");
-    }
-    return isTaken;
+    return TSCallbacks::TellRefusal(context);
 }
 
 void TCPolicyParser::m_HandleMonitorInfoTag(ZOLPolicy& policy, const TCAttributes& attributes,

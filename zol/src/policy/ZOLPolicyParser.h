@@ -1,6 +1,7 @@
 #pragma once
 /// Turns the text of a policy into a ZOLPolicy.
 #include <map>
+#include <optional>
 #include <string>
 
 #include "ZOLPolicy.h"
@@ -8,6 +9,7 @@
 namespace zol {
 
 class IPolicyObserver;
+enum class EPolicyRefusal;
 class TCAttributes;
 class TCElements;
 
@@ -33,6 +35,9 @@ public:
     ///        for none.
     [[nodiscard]] bool Parse(const std::string& xml, ZOLPolicy& policy,
                              IPolicyObserver* observer = nullptr) const;
+    /// The same for who does something about the reason; none when the text was taken.
+    [[nodiscard]] std::optional<EPolicyRefusal> FindRefusal(const std::string& xml, ZOLPolicy& policy,
+                                                            IPolicyObserver* observer = nullptr) const;
 
 private:
     using StartHandler = void (*)(ZOLPolicy&, const TCAttributes&, bool isLogged);
