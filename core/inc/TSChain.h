@@ -32,7 +32,6 @@ struct TSChain {
         Node* const node = current;
         (node->previous != nullptr ? node->previous->next : head) = node->next;
         (node->next != nullptr ? node->next->previous : tail) = node->previous;
-        marker = Node{};
         marker.previous = node->previous;
         marker.next = node->next;
         current = &marker;

@@ -261,7 +261,7 @@ class StringHash : public ContainerFixture {};
 
 TEST_F(StringHash, KeepsACopyOfEachKey) {
     CCStringHash hash;
-    ASSERT_TRUE(hash.Create(10, CCStringHash::kNulTerminated));
+    ASSERT_TRUE(hash.Create(10, static_cast<unsigned long>(-1)));
     std::string key = "volume";
     const int data = 0;
     EXPECT_TRUE(hash.Add(key.c_str(), &data));

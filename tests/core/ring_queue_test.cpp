@@ -26,6 +26,16 @@ TEST_F(RingQueue, HoldsOnePointerLessThanItHasSlots) {
     queue.Destroy();
 }
 
+TEST_F(RingQueue, ThatIsTakenForFullWhileItIsEmptyGivesNothing) {
+    CCRingQueue queue;
+    ASSERT_TRUE(queue.Create(4));
+    EXPECT_TRUE(queue.Give());
+    void* value = this;
+    EXPECT_FALSE(queue.Get(&value, 0));
+    EXPECT_EQ(value, this);
+    queue.Destroy();
+}
+
 TEST_F(RingQueue, UsedOutOfOrderItAssertsAndItRefusesToHaveNoSlots) {
     CCRingQueue queue;
     void* out = nullptr;

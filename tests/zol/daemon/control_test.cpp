@@ -160,6 +160,7 @@ TEST_F(Control, AStringOrSignatureThatAnnouncesMoreThanItCarriesIsRefusedBeforeR
         EXPECT_EQ(Logged(reason), 2);
     }
     ExpectRefused(Announcing(5, StringPosition()));
+    EXPECT_EQ(Logged("Request announces 5 bytes and carries 4"), 1);
 }
 
 TEST_F(Control, APolicyLongerThanTheLimitIsRefusedBeforeRoomIsMade) {

@@ -240,6 +240,7 @@ TEST_F(PowerThread, SubscribesAndUnsubscribesInOrderAlsoWhereASourceOfTheMainCon
     EXPECT_EQ(ZOLPowerUtils::m_StopMainLoop(m_power.get()), 0);
     Stop();
 
+    EXPECT_FALSE(fakes::dlog::Has("Unable to subscribe"));
     EXPECT_THAT(fakes::device_power::Calls(), ElementsAre("subscribe_poweroff", "subscribe_wakeup",
                                                           "unsubscribe_wakeup", "unsubscribe_poweroff"));
 }

@@ -312,6 +312,14 @@ TEST_F(PolicyParser, ALongChainOfEntitiesIsRefusedBeforeItCanExhaustTheStack) {
     ExpectAborted("<!DOCTYPE a [" + dtd + "]><a>&e99999;</a>");
 }
 
+TEST_F(PolicyParser, ManyAttributeDeclarationsAreRefused) {
+    std::string dtd;
+    for (int attribute = 0; attribute < 100000; ++attribute) {
+        dtd += "<!ATTLIST a b" + std::to_string(attribute) + " CDATA #IMPLIED>";
+    }
+    ExpectAborted("<!DOCTYPE a [" + dtd + "]><a/>");
+}
+
 std::string ElementWithAttributes(int count) {
     std::string xml = "<zols key=\"k\"";
     for (int attribute = 1; attribute < count; ++attribute) {
