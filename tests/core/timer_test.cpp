@@ -270,4 +270,37 @@ TEST_F(Timer, MayBeSetAndKilledByOtherThreadsWhileItFires) {
     EXPECT_TRUE(m_ids.empty()) << "all were killed";
 }
 
+TEST_F(Timer, AMillionEventsOfFourThreadsAgainstTimersAndClockJumpsAreAllHandled) {
+    constexpr int kSenders = 4;
+    constexpr int kEach = 250000;
+    std::atomic<bool> isOver{false};
+    std::thread jumper([this, &isOver] {
+        for (std::int64_t turn = 0; !isOver; ++turn) {
+            EXPECT_TRUE(m_task.SetTimer(1, 1 + static_cast<unsigned long>(turn % 3)));
+            fakes::clock::SetWall(fakes::clock::kEpoch + turn * 7919 % 7200);
+            fakes::clock::Advance(ms(1));
+            if (turn % 5 == 0) {
+                EXPECT_TRUE(m_task.KillTimer(1));
+            }
+        }
+    });
+    std::vector<std::thread> senders;
+    for (int sender = 0; sender < kSenders; ++sender) {
+        senders.emplace_back([this] {
+            for (int sent = 0; sent < kEach; ++sent) {
+                // Every hundredth waits for its turn, so that the queue runs empty and the task falls asleep.
+                while (!m_task.Post(EVENT_COUNT, sent % 100 == 0)) {
+                    std::this_thread::yield();
+                }
+            }
+        });
+    }
+    for (std::thread& sender : senders) {
+        sender.join();
+    }
+    isOver = true;
+    jumper.join();
+    EXPECT_TRUE(m_task.count.Await(kSenders * kEach));
+}
+
 }  // namespace

@@ -149,8 +149,8 @@ def install(tree):
     run("chroot", tree, "useradd", "--system", "--user-group", "stranger")
     agent = tree / "usr/local/lib/zol-vm"
     agent.mkdir(parents=True)
-    for script in (HERE / "agent.py", SUBSCRIBER):
-        shutil.copy(script, agent)
+    for helper in (HERE / "agent.py", SUBSCRIBER, BUILD / "bin/clock_probe"):
+        shutil.copy(helper, agent)
     run("cc", "-shared", "-fPIC", "-o", agent / "no_sync.so", HERE / "no_sync.c")
     etc = tree / "etc"
     (etc / "systemd/system/zol-vm-agent.service").write_text(AGENT_UNIT)
@@ -180,7 +180,7 @@ def make_disk(disk):
 def built():
     """A digest of what a disk is made of: the installed programs, the packaging and these scripts."""
     digest = hashlib.sha256()
-    programs = [BUILD / "bin" / name for name in ("zol_daemon", "zol_vconfd", "zolctl")]
+    programs = [BUILD / "bin" / name for name in ("zol_daemon", "zol_vconfd", "zolctl", "clock_probe")]
     for path in [*programs, *sorted((TOP / "packaging").iterdir()), HERE / "agent.py", HERE / "no_sync.c",
                  HERE / "image.py", SUBSCRIBER]:
         digest.update(path.read_bytes())
