@@ -27,7 +27,8 @@ struct CCFixedRingQueue::TSRecord {
         if (size > SIZE_MAX / slots) {
             return false;
         }
-        buffers.reset(new (std::nothrow) unsigned char[size * slots]());
+        // Not cleared: memory that nobody has written yet costs nothing.
+        buffers.reset(new (std::nothrow) unsigned char[size * slots]);
         valid.reset(new (std::nothrow) bool[slots]());
         count = slots;
         elementSize = size;
@@ -61,6 +62,9 @@ struct CCFixedRingQueue::TSRecord {
         std::memcpy(out, Buffer(read), elementSize);
         valid[read] = false;
         read = (read + 1) % count;
+        if (read == write) {
+            read = write = 0;  // the next one lies where this one lay, and not in memory of its own
+        }
         return true;
     }
 };

@@ -1,47 +1,48 @@
 #include "vconf/watch_registry.h"
 
 #include <algorithm>
+#include <vector>
 
 #include "guarded.h"
 
 namespace keystore {
 
+template <typename Matches>
+WatchRegistry::Watches::iterator WatchRegistry::Find(const std::string& key, Matches matches) {
+    const auto [begin, end] = m_watches.equal_range(key);
+    const auto found = std::find_if(begin, end, [&](const auto& each) { return matches(each.second); });
+    return found != end ? found : m_watches.end();
+}
+
 void WatchRegistry::Add(const std::string& key, vconf_callback_fn callback, void* userData,
                         const Position& start) {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    std::vector<RegistrationPtr>& watches = m_watches[key];
-    for (const RegistrationPtr& watch : watches) {
-        if (watch->callback == callback && watch->userData == userData) {
-            ++watch->count;
-            return;
-        }
+    const auto known = Find(key, [&](const Registration& each) {
+        return each.callback == callback && each.userData == userData;
+    });
+    if (known != m_watches.end()) {
+        ++known->second.count;
+        return;
     }
-    watches.push_back(std::make_shared<Registration>(Registration{callback, userData, start, 1}));
+    m_lastId += m_lastId == UINT32_MAX ? 2 : 1;
+    m_watches.emplace(key, Registration{callback, userData, start, 1, m_lastId});
 }
 
 bool WatchRegistry::Withdraw(const std::string& key, vconf_callback_fn callback, void* userData) {
     std::unique_lock<std::mutex> lock(m_mutex);
-    const auto found = m_watches.find(key);
-    if (found == m_watches.end()) {
-        return false;
-    }
-    std::vector<RegistrationPtr>& watches = found->second;
-    const auto place = std::find_if(watches.begin(), watches.end(), [&](const RegistrationPtr& watch) {
-        return watch->callback == callback && watch->userData == userData;
+    const auto known = Find(key, [&](const Registration& each) {
+        return each.callback == callback && each.userData == userData;
     });
-    if (place == watches.end()) {
+    if (known == m_watches.end()) {
         return false;
     }
-    const RegistrationPtr withdrawn = *place;
-    if (--withdrawn->count > 0) {
+    if (--known->second.count > 0) {
         return true;
     }
-    watches.erase(place);
-    if (watches.empty()) {
-        m_watches.erase(found);
-    }
+    const std::uint32_t withdrawn = known->second.id;
+    m_watches.erase(known);
     if (m_runner != std::this_thread::get_id()) {
-        m_returned.wait(lock, [&] { return m_running != withdrawn.get(); });
+        m_returned.wait(lock, [&] { return m_running != withdrawn; });
     }
     return true;
 }
@@ -52,35 +53,36 @@ bool WatchRegistry::Has(const std::string& key) {
 }
 
 void WatchRegistry::Deliver(const Change& change) {
-    std::vector<RegistrationPtr> watches;
+    // Those that are there now; a callback may add and withdraw.
+    std::vector<std::uint32_t> ids;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        const auto found = m_watches.find(change.key);
-        if (found == m_watches.end()) {
-            return;
-        }
-        watches = found->second;
+        const auto [begin, end] = m_watches.equal_range(change.key);
+        std::for_each(begin, end, [&](const auto& each) { ids.push_back(each.second.id); });
     }
     const Value& value = change.value;
-    for (const RegistrationPtr& watch : watches) {
+    for (const std::uint32_t id : ids) {
         keynode_t node{change.key.c_str(), value.type, value.number,
                        value.type == VCONF_TYPE_STRING ? value.text.c_str() : nullptr};
-        Call(*watch, node, change.position);
+        Call(id, node, change.position);
     }
 }
 
-void WatchRegistry::Call(Registration& registration, keynode_t& node, const Position& position) {
+void WatchRegistry::Call(std::uint32_t id, keynode_t& node, const Position& position) {
+    Registration registration{};
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        if (registration.count == 0 || !registration.start.Before(position)) {
+        const auto found = Find(node.keyname, [id](const Registration& each) { return each.id == id; });
+        if (found == m_watches.end() || !found->second.start.Before(position)) {
             return;
         }
-        m_running = &registration;
+        registration = found->second;
+        m_running = id;
         m_runner = std::this_thread::get_id();
     }
     platform::Guarded(node.keyname, [&] { registration.callback(&node, registration.userData); });
     const std::lock_guard<std::mutex> lock(m_mutex);
-    m_running = nullptr;
+    m_running = 0;
     m_runner = std::thread::id();
     m_returned.notify_all();
 }

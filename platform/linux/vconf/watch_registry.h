@@ -1,12 +1,11 @@
 #pragma once
 #include <condition_variable>
 #include <cstdint>
-#include <memory>
+#include <functional>
+#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
-#include <unordered_map>
-#include <vector>
 
 #include "vconf.h"
 #include "vconf/protocol.h"
@@ -55,16 +54,22 @@ private:
         vconf_callback_fn callback;
         void* userData;
         Position start;
-        int count;  // 0 when it has been withdrawn
+        int count;
+        std::uint32_t id;  // above 0
     };
-    using RegistrationPtr = std::shared_ptr<Registration>;
+    /// Those of one key stand in the order in which they came.
+    using Watches = std::multimap<std::string, Registration, std::less<>>;
 
-    void Call(Registration& registration, keynode_t& node, const Position& position);
+    /// The end when there is none. Under m_mutex.
+    template <typename Matches>
+    Watches::iterator Find(const std::string& key, Matches matches);
+    void Call(std::uint32_t id, keynode_t& node, const Position& position);
 
-    std::mutex m_mutex;  // guards everything below and the registrations
+    std::mutex m_mutex;  // guards everything below
     std::condition_variable m_returned;
-    std::unordered_map<std::string, std::vector<RegistrationPtr>> m_watches;
-    const Registration* m_running = nullptr;  // whose callback is being called
+    Watches m_watches;
+    std::uint32_t m_lastId = 0;
+    std::uint32_t m_running = 0;  // whose callback is being called
     std::thread::id m_runner;
 };
 

@@ -296,9 +296,9 @@ TEST_F(CheckerLife, DestroyEndsTheTaskAndKeepsWatching) {
 }
 
 TEST_F(CheckerLife, AHandlerThatCannotBeBoundIsLoggedAndTheTaskIsUndone) {
-    TCVconfChecker other(nullptr, {});
+    TCVconfChecker other(nullptr, std::vector<ZOLVconfMonitor>());
     ASSERT_TRUE(other.Create());
-    TCVconfChecker checker(nullptr, {});
+    TCVconfChecker checker(nullptr, std::vector<ZOLVconfMonitor>());
     ASSERT_TRUE(checker.CCHandler::Create(&other));
 
     EXPECT_FALSE(checker.Create());

@@ -9,7 +9,7 @@
 
 namespace zol {
 
-TCPolicyTasks::TCPolicyTasks(std::vector<ZOLVconfMonitor> keys, bool hasMonitors)
+TCPolicyTasks::TCPolicyTasks(SharedVconfItems keys, bool hasMonitors)
     : m_keys(std::move(keys)), m_hasMonitors(hasMonitors) {}
 
 TCPolicyTasks::~TCPolicyTasks() = default;
@@ -36,16 +36,15 @@ bool TCPolicyTasks::StartChecker() {
         m_checker->WatchRest();
         return true;
     }
-    if (m_keys.empty()) {
+    if (m_keys->empty()) {
         return true;
     }
     auto checker = std::make_unique<TCVconfChecker>(m_notify.get(), m_keys);
     if (!checker->Create()) {
         return false;
     }
-    checker->CheckNow(m_keys);
+    checker->CheckNow(*m_keys);
     m_checker = std::move(checker);
-    m_keys = {};
     return true;
 }
 
@@ -72,7 +71,7 @@ bool TCPolicyTasks::IsAnythingRunning() const {
 }
 
 bool TCPolicyTasks::IsWatchingAll() const {
-    const bool areKeysWatched = m_checker != nullptr ? m_checker->IsWatchingAll() : m_keys.empty();
+    const bool areKeysWatched = m_checker != nullptr ? m_checker->IsWatchingAll() : m_keys->empty();
     const bool areMonitorsWatching = m_monitors != nullptr ? m_monitors->IsWatchingAll() : !m_hasMonitors;
     return IsAnythingRunning() && m_notify->IsWatchingAll() && areKeysWatched && areMonitorsWatching;
 }

@@ -19,7 +19,7 @@ class TCPolicyTasks {
 public:
     /// @param keys        for the checker; none: there is no checker
     /// @param hasMonitors whether the information storage has items for the monitors
-    TCPolicyTasks(std::vector<ZOLVconfMonitor> keys, bool hasMonitors);
+    TCPolicyTasks(SharedVconfItems keys, bool hasMonitors);
     /// Ends every task that was started.
     ~TCPolicyTasks();
     TCPolicyTasks(const TCPolicyTasks&) = delete;
@@ -44,7 +44,7 @@ public:
     void ReportUntil(std::uint64_t moment);
 
 private:
-    std::vector<ZOLVconfMonitor> m_keys;  ///< until the checker has them
+    const SharedVconfItems m_keys;
     const bool m_hasMonitors;
     // Those that report go before the one they report to.
     std::unique_ptr<TCNotifyManager> m_notify;

@@ -36,11 +36,11 @@ constexpr int kWaitForever = -1;
 /// A set has a thread and the memory of a queue for each of its tasks.
 constexpr std::size_t kMaxTaskSets = 8;
 
-void KeepInStorage(const ZOLPolicy& policy) {
+void KeepInStorage(ZOLPolicy policy) {
     TCInformationStorage* storage = TCInformationStorage::Instance();
     const auto count = static_cast<unsigned>(policy.numOfZol);
-    storage->SetZOLMonitorInformation(count, policy.vconfMonitors);
-    storage->SetZOLMonitorInformation(count, policy.policyMonitors);
+    storage->SetZOLMonitorInformation(count, std::move(policy.vconfMonitors));
+    storage->SetZOLMonitorInformation(count, std::move(policy.policyMonitors));
 }
 
 /// Whether what failed for this reason may well succeed a while later.
@@ -79,7 +79,7 @@ void TCPolicyManager::ReloadSchedule() {
     std::string digest;
     m_isReloadDue = false;
     if (m_Load(policy, m_isReloadDue, digest)) {
-        m_ApplyStored(policy, digest);
+        m_ApplyStored(std::move(policy), digest);
         return;
     }
     m_CreatePolicyThread(kNoTasks);
@@ -97,18 +97,18 @@ void TCPolicyManager::m_ReadAgain() {
     const bool isRead = m_Load(policy, mayDoBetterLater, digest);
     m_isReloadDue = mayDoBetterLater;
     if (isRead) {
-        m_ApplyStored(policy, digest);
+        m_ApplyStored(std::move(policy), digest);
     }
 }
 
-void TCPolicyManager::m_ApplyStored(const ZOLPolicy& policy, const std::string& digest) {
+void TCPolicyManager::m_ApplyStored(ZOLPolicy policy, const std::string& digest) {
     m_UpdateScheduler(policy, false);
     ZOL_LOG(LOG_ERROR, "Set policy information.");
     if (m_GetCorvelPolicy()) {
         ZOL_LOG(LOG_ERROR, "Monitoring is already running.");
         return;
     }
-    KeepInStorage(policy);
+    KeepInStorage(std::move(policy));
     if (m_CreatePolicyThread(kStartTasks)) {
         m_runningDigest = digest;
     }
@@ -149,7 +149,7 @@ bool TCPolicyManager::m_Update(const std::string& xml) {
         m_isReloadDue = false;
         m_UpdateScheduler(policy, true);
         TCInformationStorage::Instance()->SetPolicyVersion(policy.version);
-        KeepInStorage(policy);
+        KeepInStorage(std::move(policy));
         const bool isWatched = m_CreatePolicyThread(kStartTasks);
         m_outcome = isWatched ? EOutcome::RUNNING : EOutcome::NOTHING;
         m_runningDigest = isWatched ? DigestOf(xml) : m_runningDigest;
@@ -238,15 +238,14 @@ bool TCPolicyManager::m_CreatePolicyThread(int start) {
         return false;
     }
     TCInformationStorage* storage = TCInformationStorage::Instance();
-    unsigned vconfCount = 0;
-    unsigned monitorCount = 0;
+    unsigned count = 0;
     std::vector<ZOLVconfMonitor> vconfItems;
     std::vector<ZOLPolicyMonitor> monitorItems;
-    storage->GetZOLMonitorInformation(vconfCount, vconfItems);
-    storage->GetZOLMonitorInformation(monitorCount, monitorItems);
+    storage->GetZOLMonitorInformation(count, vconfItems);
+    storage->GetZOLMonitorInformation(count, monitorItems);
     const std::size_t given = vconfItems.size() + monitorItems.size();
-    m_RemoveInvalidVconfPolicy(vconfCount, vconfItems);
-    m_RemoveInvalidMonitorPolicy(monitorCount, monitorItems);
+    const unsigned vconfCount = m_RemoveInvalidVconfPolicy(std::move(vconfItems));
+    const unsigned monitorCount = m_RemoveInvalidMonitorPolicy(std::move(monitorItems));
 
     const unsigned totalCount = vconfCount + monitorCount;
     m_dropped = static_cast<std::uint32_t>(given - totalCount);
@@ -260,7 +259,7 @@ bool TCPolicyManager::m_CreatePolicyThread(int start) {
         m_SetCorvelPolicy(false);
         return false;
     }
-    m_tasks.push_back(std::make_unique<TCPolicyTasks>(std::move(vconfItems), monitorCount > 0));
+    m_tasks.push_back(std::make_unique<TCPolicyTasks>(storage->GetVconfItems(), monitorCount > 0));
     m_isFlagWaiting = true;
     m_WatchPolicy();
     if (m_isSetUnfinished) {
@@ -296,32 +295,36 @@ void TCPolicyManager::m_StartTasks() {
     }
 }
 
-void TCPolicyManager::m_RemoveInvalidVconfPolicy(unsigned& count, std::vector<ZOLVconfMonitor>& items) {
-    std::vector<ZOLVconfMonitor> valid;
-    for (ZOLVconfMonitor& item : items) {
-        if (m_CheckThisVconfPolicy(item)) {
-            valid.push_back(std::move(item));
-        } else {
+unsigned TCPolicyManager::m_RemoveInvalidVconfPolicy(std::vector<ZOLVconfMonitor> items) {
+    // In place: the items of a long policy are most of what the daemon has.
+    auto kept = items.begin();
+    for (auto item = kept; item != items.end(); ++item) {
+        if (!m_CheckThisVconfPolicy(*item)) {
             ZOL_LOG(LOG_ERROR, "removed");
+        } else {
+            std::iter_swap(kept++, item);
         }
     }
-    items = std::move(valid);
-    count = static_cast<unsigned>(items.size());
-    TCInformationStorage::Instance()->SetZOLMonitorInformation(count, items);
+    items.erase(kept, items.end());
+    const auto count = static_cast<unsigned>(items.size());
+    TCInformationStorage::Instance()->SetZOLMonitorInformation(count, std::move(items));
+    return count;
 }
 
-void TCPolicyManager::m_RemoveInvalidMonitorPolicy(unsigned& count, std::vector<ZOLPolicyMonitor>& items) {
-    std::vector<ZOLPolicyMonitor> valid;
-    for (ZOLPolicyMonitor& item : items) {
-        if (m_CheckThisMonitorPolicy(item)) {
-            valid.push_back(std::move(item));
-        } else {
+unsigned TCPolicyManager::m_RemoveInvalidMonitorPolicy(std::vector<ZOLPolicyMonitor> items) {
+    // In place: the items of a long policy are most of what the daemon has.
+    auto kept = items.begin();
+    for (auto item = kept; item != items.end(); ++item) {
+        if (!m_CheckThisMonitorPolicy(*item)) {
             ZOL_LOG(LOG_ERROR, "removed");
+        } else {
+            std::iter_swap(kept++, item);
         }
     }
-    items = std::move(valid);
-    count = static_cast<unsigned>(items.size());
-    TCInformationStorage::Instance()->SetZOLMonitorInformation(count, items);
+    items.erase(kept, items.end());
+    const auto count = static_cast<unsigned>(items.size());
+    TCInformationStorage::Instance()->SetZOLMonitorInformation(count, std::move(items));
+    return count;
 }
 
 bool TCPolicyManager::m_CheckThisVconfPolicy(const ZOLVconfMonitor& item) {

@@ -99,7 +99,7 @@ private:
     [[nodiscard]] bool m_Update(const std::string& xml);
     void m_TellChange();
     void m_ReadAgain();
-    void m_ApplyStored(const ZOLPolicy& policy, const std::string& digest);
+    void m_ApplyStored(ZOLPolicy policy, const std::string& digest);
     [[nodiscard]] static bool m_Store(const std::string& xml);
     void m_UpdateScheduler(const ZOLPolicy& policy, bool isNewPolicy);
     /// @return whether there is anything to watch
@@ -108,8 +108,9 @@ private:
     [[nodiscard]] std::size_t m_CountSets() const;
     void m_WatchPolicy();
     void m_StartTasks();
-    static void m_RemoveInvalidVconfPolicy(unsigned& count, std::vector<ZOLVconfMonitor>& items);
-    static void m_RemoveInvalidMonitorPolicy(unsigned& count, std::vector<ZOLPolicyMonitor>& items);
+    /// Keeps the valid items in the storage. @return how many there are
+    static unsigned m_RemoveInvalidVconfPolicy(std::vector<ZOLVconfMonitor> items);
+    static unsigned m_RemoveInvalidMonitorPolicy(std::vector<ZOLPolicyMonitor> items);
     [[nodiscard]] static bool m_CheckThisVconfPolicy(const ZOLVconfMonitor& item);
     [[nodiscard]] static bool m_CheckThisMonitorPolicy(const ZOLPolicyMonitor& item);
     static std::int32_t m_GetCondition(const std::string& word);

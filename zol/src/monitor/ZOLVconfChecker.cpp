@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <numeric>
 #include <utility>
 
 #include "ExceptionWall.h"
@@ -26,12 +27,19 @@ constexpr const char* kNoText = "null";
 
 }  // namespace
 
-TCVconfChecker::TCVconfChecker(TCNotifyManager* notify, std::vector<ZOLVconfMonitor> items)
-    : m_pNotify(notify), m_monitorList(std::move(items)), m_states(m_monitorList.size(), EState::WAITING) {
-    for (std::size_t position = 0; position < m_monitorList.size(); ++position) {
-        m_firstItem.emplace(m_monitorList[position].key, position);
-    }
+TCVconfChecker::TCVconfChecker(TCNotifyManager* notify, SharedVconfItems items)
+    : m_pNotify(notify),
+      m_monitorList(std::move(items)),
+      m_byKey(Items().size()),
+      m_states(Items().size(), EState::WAITING) {
+    std::iota(m_byKey.begin(), m_byKey.end(), 0U);
+    std::stable_sort(m_byKey.begin(), m_byKey.end(),
+                     [this](auto one, auto other) { return Items()[one].key < Items()[other].key; });
+    m_watches.reserve(Items().size());
 }
+
+TCVconfChecker::TCVconfChecker(TCNotifyManager* notify, std::vector<ZOLVconfMonitor> items)
+    : TCVconfChecker(notify, std::make_shared<const std::vector<ZOLVconfMonitor>>(std::move(items))) {}
 
 TCVconfChecker::~TCVconfChecker() {
     if (CCTask::FlagCreate()) {
@@ -83,10 +91,10 @@ void TCVconfChecker::m_NotifyPending() {
 }
 
 bool TCVconfChecker::m_CheckOrWatch(std::size_t position) {
-    const ZOLVconfMonitor& item = m_monitorList[position];
+    const ZOLVconfMonitor& item = Items()[position];
     EState& state = m_states[position];
     // Watched first, so that no change falls in between.
-    KeyWatch watch = WatchKey(item.key, m_KeyChangedCb, this);
+    KeyWatch watch = m_Watch(item.key);
     const bool isNoKey = errno == EINVAL;
     const bool isString = m_GetValueType(item.type) == VALUE_TYPE_STRING;
     if (m_CheckItem(item, isString)) {
@@ -108,8 +116,16 @@ bool TCVconfChecker::m_CheckOrWatch(std::size_t position) {
     return true;
 }
 
+KeyWatch TCVconfChecker::m_Watch(const std::string& key) {
+    if (vconf_notify_key_changed(key.c_str(), m_KeyChangedCb, this) < 0) {
+        return {};
+    }
+    // Without an allocation: the key stays where it is as long as the watch.
+    return KeyWatch([this, name = key.c_str()] { vconf_withdraw_key_changed(name, m_KeyChangedCb, this); });
+}
+
 void TCVconfChecker::m_ReadLater(std::size_t position, bool isString, KeyWatch watch) {
-    ZOL_LOG(LOG_ERROR, "[%s] cannot be read: trying again until it can", m_monitorList[position].key.c_str());
+    ZOL_LOG(LOG_ERROR, "[%s] cannot be read: trying again until it can", Items()[position].key.c_str());
     m_unread.push_back({position, isString, std::move(watch)});
     m_states[position] = EState::UNREAD;
     if (m_retry == nullptr) {
@@ -124,7 +140,7 @@ void TCVconfChecker::m_ReadAgain() {
         // Each is an attempt of up to seconds: the first that fails says how the store is.
         while (!m_unread.empty()) {
             Unread& next = m_unread.back();
-            const bool holds = m_CheckItem(m_monitorList[next.position], next.isString);
+            const bool holds = m_CheckItem(Items()[next.position], next.isString);
             if (m_isUnreadable) {
                 // The next time with another one: it may be this key alone.
                 std::rotate(m_unread.begin(), m_unread.end() - 1, m_unread.end());
@@ -161,14 +177,22 @@ void TCVconfChecker::m_KeyChangedCb(keynode_t* node, void* userData) {
     }
 }
 
+std::optional<std::size_t> TCVconfChecker::m_FindFirst(std::string_view key) const {
+    const auto first = std::lower_bound(
+        m_byKey.begin(), m_byKey.end(), key,
+        [this](auto position, std::string_view wanted) { return Items()[position].key < wanted; });
+    return first != m_byKey.end() && Items()[*first].key == key ? std::optional<std::size_t>(*first)
+                                                                : std::nullopt;
+}
+
 bool TCVconfChecker::m_Check(const keynode_t* node) {
-    const auto first = m_firstItem.find(node->keyname);
-    if (first == m_firstItem.end()) {
+    const std::optional<std::size_t> first = m_FindFirst(node->keyname);
+    if (!first) {
         return false;
     }
-    const ZOLVconfMonitor& item = m_monitorList[first->second];
+    const ZOLVconfMonitor& item = Items()[*first];
     ZOL_LOG(LOG_ERROR, "find!");
-    m_DropUnread(first->second);
+    m_DropUnread(*first);
     // The key's own type decides, whatever the item says.
     const int type = vconf_keynode_get_type(node);
     if (type != VCONF_TYPE_STRING && type != VCONF_TYPE_INT) {
@@ -177,7 +201,7 @@ bool TCVconfChecker::m_Check(const keynode_t* node) {
     const bool isString = type == VCONF_TYPE_STRING;
     const bool holds = m_CheckItem(item, isString);
     if (m_isUnreadable) {
-        m_ReadLater(first->second, isString, {});
+        m_ReadLater(*first, isString, {});
     }
     return holds;
 }

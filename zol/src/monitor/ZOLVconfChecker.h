@@ -3,8 +3,9 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
-#include <unordered_map>
+#include <string_view>
 #include <vector>
 
 #include "Event.h"
@@ -35,6 +36,7 @@ public:
 
     /// @param notify receiver of the hits, not owned, must outlive this object; null: hits are lost
     /// @param items  the policy's items; of several with one key only the first is looked at on a change
+    TCVconfChecker(TCNotifyManager* notify, SharedVconfItems items);
     TCVconfChecker(TCNotifyManager* notify, std::vector<ZOLVconfMonitor> items);
     /// Withdraws every key callback and, when the task runs, Destroy. Not on the task's own thread.
     ~TCVconfChecker() override;
@@ -57,12 +59,12 @@ public:
     /// Whether nothing is left to WatchRest.
     [[nodiscard]] bool IsWatchingAll() const { return m_refused.empty(); }
 
-    [[nodiscard]] const std::vector<ZOLVconfMonitor>& Items() const { return m_monitorList; }
+    [[nodiscard]] const std::vector<ZOLVconfMonitor>& Items() const { return *m_monitorList; }
     /// How the item at this position stands. On the thread of CheckNow.
     [[nodiscard]] EState StateOf(std::size_t position) const { return m_states[position]; }
     /// Position of the first item with this one's key.
     [[nodiscard]] std::size_t JudgedBy(std::size_t position) const {
-        return m_firstItem.at(m_monitorList[position].key);
+        return *m_FindFirst(Items()[position].key);
     }
 
     /// Posts NOTIFY_ZOL_VCONF to the notify manager. A full queue is logged and the event lost; the queued
@@ -82,6 +84,8 @@ private:
         KeyWatch watch;  ///< goes when the item holds; none after a change: that one goes on being watched
     };
 
+    /// Position of the first item with this key; none when there is no such item.
+    [[nodiscard]] std::optional<std::size_t> m_FindFirst(std::string_view key) const;
     bool m_Check(const keynode_t* node);
     bool m_CheckItem(const ZOLVconfMonitor& item, bool isString);
     bool m_CheckIntType(const std::string& key, int greater, int less, int& out);
@@ -93,6 +97,8 @@ private:
     /// Reports an item that holds, watches another one. False when another attempt may do better: nothing can
     /// be done about a name that no key may have.
     [[nodiscard]] bool m_CheckOrWatch(std::size_t position);
+    /// Of an item; false with errno when vconf refuses.
+    [[nodiscard]] KeyWatch m_Watch(const std::string& key);
     void m_ReadLater(std::size_t position, bool isString, KeyWatch watch);
     void m_ReadAgain();
     /// A change of its key supersedes the read that is due.
@@ -101,8 +107,8 @@ private:
     void m_AddNotify(ZOLVconfMonitor item, int value, std::string text);
 
     TCNotifyManager* const m_pNotify;
-    const std::vector<ZOLVconfMonitor> m_monitorList;
-    std::unordered_map<std::string, std::size_t> m_firstItem;  ///< key to its first position in m_monitorList
+    const SharedVconfItems m_monitorList;
+    std::vector<std::uint32_t> m_byKey;  ///< positions in m_monitorList, by key, those of one key in order
     std::atomic<bool> m_bNotifyPending{false};
     std::vector<EState> m_states;        ///< of the items
     std::vector<std::size_t> m_refused;  ///< positions of items whose keys vconf would not watch

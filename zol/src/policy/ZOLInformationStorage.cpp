@@ -34,12 +34,12 @@ void TCInformationStorage::Initialize(TCPolicyManager* manager, IDbusServer* ser
 
 int TCInformationStorage::GetPolicyVersion() {
     const Lock lock(m_mutex);
-    return m_information.policyVersion;
+    return m_policyVersion;
 }
 
 void TCInformationStorage::SetPolicyVersion(int version) {
     const Lock lock(m_mutex);
-    m_information.policyVersion = version;
+    m_policyVersion = version;
     if (vconf_set_int(kPolicyVersionKey, version) == -1) {
         ZOL_LOG(LOG_ERROR, "Unable to save policy version!");
     }
@@ -47,31 +47,36 @@ void TCInformationStorage::SetPolicyVersion(int version) {
 
 void TCInformationStorage::SetZOLMonitorInformation(unsigned count, std::vector<ZOLVconfMonitor> items) {
     const Lock lock(m_mutex);
-    m_information.count = count;
-    m_information.vconfMonitors = std::move(items);
+    m_count = count;
+    m_vconfMonitors = std::make_shared<const std::vector<ZOLVconfMonitor>>(std::move(items));
 }
 
 void TCInformationStorage::SetZOLMonitorInformation(unsigned count, std::vector<ZOLPolicyMonitor> items) {
     const Lock lock(m_mutex);
-    m_information.count = count;
-    m_information.policyMonitors = std::move(items);
+    m_count = count;
+    m_policyMonitors = std::move(items);
 }
 
 void TCInformationStorage::GetZOLMonitorInformation(unsigned& count, std::vector<ZOLVconfMonitor>& items) {
     const Lock lock(m_mutex);
-    count = m_information.count;
-    items = m_information.vconfMonitors;
+    count = m_count;
+    items = *m_vconfMonitors;
+}
+
+SharedVconfItems TCInformationStorage::GetVconfItems() {
+    const Lock lock(m_mutex);
+    return m_vconfMonitors;
 }
 
 void TCInformationStorage::GetZOLMonitorInformation(unsigned& count, std::vector<ZOLPolicyMonitor>& items) {
     const Lock lock(m_mutex);
-    count = m_information.count;
-    items = m_information.policyMonitors;
+    count = m_count;
+    items = m_policyMonitors;
 }
 
 void TCInformationStorage::GetZOLPolicyInformation(TSCurrentZOLPolicyInformation& out) {
     const Lock lock(m_mutex);
-    out = m_information;
+    out = {m_policyVersion, m_count, *m_vconfMonitors, m_policyMonitors};
 }
 
 void TCInformationStorage::ResetProcessInformation() {

@@ -46,6 +46,8 @@ public:
 
     /// Copies the count and the vconf items out.
     void GetZOLMonitorInformation(unsigned& count, std::vector<ZOLVconfMonitor>& items);
+    /// The vconf items without a copy.
+    [[nodiscard]] SharedVconfItems GetVconfItems();
     /// Copies the count and the behaviour monitors out.
     void GetZOLMonitorInformation(unsigned& count, std::vector<ZOLPolicyMonitor>& items);
 
@@ -66,7 +68,10 @@ private:
 
     TCPolicyManager* m_policyManager = nullptr;
     IDbusServer* m_server = nullptr;
-    TSCurrentZOLPolicyInformation m_information;
+    std::int32_t m_policyVersion = -1;
+    std::uint32_t m_count = 0;
+    SharedVconfItems m_vconfMonitors = std::make_shared<std::vector<ZOLVconfMonitor>>();
+    std::vector<ZOLPolicyMonitor> m_policyMonitors;
 };
 
 }  // namespace zol

@@ -2,6 +2,7 @@
 /// The policy as the daemon holds it: plain values, copied freely.
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -43,6 +44,9 @@ struct ZOLVconfMonitor {
     std::string strValue = "null";
     std::string type;  ///< a word of EValueType, as it stood in the document
 };
+
+/// Items that several objects look at; nobody changes them any more. Never null.
+using SharedVconfItems = std::shared_ptr<const std::vector<ZOLVconfMonitor>>;
 
 /// One behaviour monitor.
 struct ZOLPolicyMonitor {
