@@ -26,7 +26,7 @@ constexpr int kBusySteps = 100;               // 2 s in all
 constexpr const char* kSetup =
     // Only a synced journal survives a power cut; short ones keep the flash usage low.
     "PRAGMA synchronous = FULL;"
-    "PRAGMA wal_autocheckpoint = 128;"
+    "PRAGMA wal_autocheckpoint = 512;"
     "PRAGMA cache_size = -256;"
     "BEGIN IMMEDIATE;"
     "CREATE TABLE IF NOT EXISTS event ("
@@ -145,7 +145,8 @@ int CLogger::Store::CheckPages() {
 }
 
 int CLogger::Store::Prepare() {
-    int result = Execute("PRAGMA journal_mode = WAL");
+    // Of a new log: an event is a few hundred bytes, and a page is what is written for it.
+    int result = Execute("PRAGMA page_size = 1024; PRAGMA journal_mode = WAL");
     if (result == SQLITE_OK) {
         result = CheckPages();
     }
