@@ -29,11 +29,12 @@ constexpr std::int64_t kLastNumber = std::int64_t{1} << 62;
 // So many removed keys keep their rows for clients that were away meanwhile.
 constexpr std::int64_t kKeptRemovals = 1024;
 
-// The write-ahead log is folded into the database every 256 pages (1 MiB) and cut back to that size. All
-// accounts together have 64 MiB.
-constexpr const char* kSettings =
-    "PRAGMA journal_mode=WAL; PRAGMA cache_size=-256; PRAGMA wal_autocheckpoint=256;"
-    "PRAGMA journal_size_limit=1048576; PRAGMA max_page_count=16384;";
+// What is written for a key is a page. A store that was made with longer ones keeps them.
+constexpr const char* kNewStore =
+    "PRAGMA page_size=1024; PRAGMA journal_mode=OFF; PRAGMA synchronous=OFF; BEGIN";
+// The write-ahead log is folded into the database at this size and cut back to it.
+constexpr std::int64_t kLogBytes = 1024 * 1024;
+constexpr std::int64_t kMaxBytes = 64 * kLogBytes;  // all accounts together
 
 // A removed key keeps its row without a value, so that clients that were away learn of its removal.
 constexpr const char* kSchema =
@@ -212,8 +213,7 @@ int KeyDatabase::Make() {
     if (file) {
         made = OpenHardened(path, SQLITE_OPEN_READWRITE, &m_deadline, &reason);
     }
-    int code = made != nullptr ? Execute(made, "PRAGMA journal_mode=OFF; PRAGMA synchronous=OFF; BEGIN")
-                               : SQLITE_CANTOPEN;
+    int code = made != nullptr ? Execute(made, kNewStore) : SQLITE_CANTOPEN;
     code = code == SQLITE_OK ? Execute(made, kSchema) : code;
     // What was set aside was newer than what an earlier version has left.
     bool isTaken = false;
@@ -250,21 +250,35 @@ int KeyDatabase::Connect() {
     if (m_connection == nullptr) {
         return SQLITE_CANTOPEN;
     }
-    const char* const durability =
-        m_durability == Durability::PowerCut ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=OFF";
-    for (const char* sql : {kSettings, durability}) {
-        const int code = Execute(m_connection, sql);
-        if (code != SQLITE_OK) {
-            return Fail(code, sqlite3_errmsg(m_connection.get()));
-        }
-    }
-    for (const auto step : {&KeyDatabase::CheckWhole, &KeyDatabase::PrepareAll, &KeyDatabase::Count}) {
+    for (const auto step :
+         {&KeyDatabase::Configure, &KeyDatabase::CheckWhole, &KeyDatabase::PrepareAll, &KeyDatabase::Count}) {
         const int code = (this->*step)();
         if (code != SQLITE_OK) {
             return code;
         }
     }
     return SQLITE_OK;
+}
+
+int KeyDatabase::Configure() {
+    int code = SQLITE_ERROR;
+    std::int64_t pageBytes = 0;
+    {
+        const base::StatementPtr size = base::Prepare(m_connection.get(), "PRAGMA page_size");
+        base::Run run(size);
+        code = run.Step();
+        pageBytes = code == SQLITE_ROW ? run.Number(0) : 0;
+    }
+    if (pageBytes > 0) {
+        const std::string settings =
+            std::string("PRAGMA journal_mode=WAL; PRAGMA cache_size=-256; PRAGMA synchronous=") +
+            (m_durability == Durability::PowerCut ? "FULL" : "OFF") +
+            "; PRAGMA wal_autocheckpoint=" + std::to_string(kLogBytes / pageBytes) +
+            "; PRAGMA journal_size_limit=" + std::to_string(kLogBytes) +
+            "; PRAGMA max_page_count=" + std::to_string(kMaxBytes / pageBytes);
+        code = Execute(m_connection, settings.c_str());
+    }
+    return code == SQLITE_OK ? SQLITE_OK : Fail(code, sqlite3_errmsg(m_connection.get()));
 }
 
 int KeyDatabase::CheckWhole() {

@@ -63,6 +63,7 @@ private:
     [[nodiscard]] int Open();
     [[nodiscard]] int Make();
     [[nodiscard]] int Connect();
+    [[nodiscard]] int Configure();
     [[nodiscard]] int CheckWhole();
     [[nodiscard]] int PrepareAll();
     [[nodiscard]] int Count();
