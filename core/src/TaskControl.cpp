@@ -26,12 +26,12 @@ void AnswerPing(const CSEvent& event) {
 }  // namespace
 
 bool CCTask::TSTask::CInternalHandler::Create(CCTask* task, TSTask* record) {
-    if (!AssertAtsc3(m == nullptr, "!m", kSource, 85)) {
-        return false;
+    const bool isFree = AssertAtsc3(m == nullptr, "!m", kSource, 85);
+    if (isFree) {
+        m_owner = task;
+        m = record;
     }
-    m_owner = task;
-    m = record;
-    return CCHandler::Create(task);
+    return isFree && CCHandler::Create(task);
 }
 
 void CCTask::TSTask::CInternalHandler::Destroy() {

@@ -1,6 +1,7 @@
 """How the daemon comes up, once on each device, and ends."""
 import os
 import re
+import shutil
 import signal
 import subprocess
 
@@ -84,7 +85,7 @@ def test_each_of_its_signals_ends_the_daemon_in_order(machine, how):
 
 
 def test_a_backlog_is_reported_for_a_while_and_the_rest_is_given_up_with_a_count(machine):
-    hits = 3000
+    hits = 6000
     # Five seconds of this daemon are fifty milliseconds.
     machine.env["ZOL_TEST_CLOCK_SPEED"] = "100"
     daemon = machine.start_daemon("zol_daemon_steered")
@@ -154,6 +155,15 @@ def test_a_daemon_that_was_killed_leaves_no_lock_behind(machine):
     machine.start_daemon().stop(signal.SIGKILL)
 
     assert machine.start_daemon().stop() == 0
+
+
+def test_on_a_device_without_a_run_folder_a_second_daemon_is_noticed_all_the_same(machine):
+    shutil.rmtree(machine.path("/run"))
+    machine.start_daemon()
+
+    second = machine.start_daemon(wait=False)
+
+    assert second.process.wait(timeout=DEADLINE) == 3
 
 
 def test_devices_side_by_side_have_a_daemon_each(machine, other_machine):

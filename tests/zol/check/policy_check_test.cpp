@@ -2,6 +2,8 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
+
 #include <map>
 #include <string>
 #include <utility>
@@ -377,7 +379,21 @@ TEST_F(PolicyCheck, ListsNoMoreThanItSaysAndKeepsTheErrors) {
     const std::vector<TSPolicyFinding> findings = CheckPolicy(Document(items + "\n<zols/>"));
     ASSERT_EQ(findings.size(), zol::kMaxPolicyFindings + 2);
     EXPECT_EQ(findings.back().text, "5 more warnings are not listed");
+    EXPECT_FALSE(findings.back().isError);
     EXPECT_TRUE(findings[zol::kMaxPolicyFindings].isError);
+}
+
+TEST_F(PolicyCheck, CountsErrorsThatItDoesNotListAsErrors) {
+    std::string items;
+    for (std::size_t i = 0; i < zol::kMaxPolicyFindings + 3; ++i) {
+        items += "<zols/>";
+    }
+    const std::vector<TSPolicyFinding> findings = CheckPolicy(Document(items));
+    const auto more = std::find_if(findings.begin(), findings.end(), [](const TSPolicyFinding& each) {
+        return each.text == "3 more errors are not listed";
+    });
+    ASSERT_NE(more, findings.end());
+    EXPECT_TRUE(more->isError);
 }
 
 TEST_F(PolicyCheck, CutsLongQuotesBetweenCharacters) {
