@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
@@ -39,6 +40,7 @@ void RotatingFile::Write(std::string_view lines) {
         return;
     }
     const ssize_t written = write(m_file.Get(), lines.data(), lines.size());
+    m_size += std::max<ssize_t>(written, 0);
     if (written == static_cast<ssize_t>(lines.size())) {
         m_isReported = false;
     } else {
@@ -50,10 +52,18 @@ void RotatingFile::Write(std::string_view lines) {
 
 /// True when the file under the path is open and has room for so many bytes.
 bool RotatingFile::IsReady(std::int64_t more) {
+    if (m_file && Fits(more) && m_clock() < m_nextLook) {
+        return true;
+    }
     if (!IsCurrent() && !(Open() && IsCurrent())) {
         return false;
     }
-    return m_size == 0 || m_size + more <= m_limits.maxBytes || Rotate();
+    m_nextLook = m_clock() + kLookNs;
+    return Fits(more) || Rotate();
+}
+
+bool RotatingFile::Fits(std::int64_t more) const {
+    return m_size == 0 || m_size + more <= m_limits.maxBytes;
 }
 
 /// True when what is open is what stands under the path.
@@ -95,6 +105,7 @@ std::error_code RotatingFile::OpenNow() {
         return std::make_error_code(std::errc::invalid_argument);
     }
     m_file = std::move(file);
+    m_size = status.st_size;
     return {};
 }
 

@@ -15,6 +15,10 @@ namespace base {
 /// the file was deleted, could not be opened, or became something else than a regular file. Never follows a
 /// link in the file's place, never waits for a pipe's reader. Not thread-safe. A line allocates nothing,
 /// unless the file has to be opened or rotated.
+///
+/// What others do to the file is looked at with a line that is kLookNs or more after the last look: lines in
+/// between still go to a file that was deleted or renamed, and what other processes write in between may take
+/// the file beyond its limit.
 class RotatingFile {
 public:
     struct Place {
@@ -32,6 +36,8 @@ public:
     /// A clock that never jumps, in nanoseconds.
     using Clock = std::uint64_t (*)();
 
+    static constexpr std::uint64_t kLookNs = 1000000;
+
     /// Nothing is opened before the first line.
     RotatingFile(Place place, Limits limits, Clock clock, Report report);
 
@@ -41,6 +47,7 @@ public:
 
 private:
     bool IsReady(std::int64_t more);
+    bool Fits(std::int64_t more) const;
     bool IsCurrent();
     bool Open();
     std::error_code OpenNow();
@@ -57,7 +64,8 @@ private:
     std::string m_openPath;            // of the file, without links
     UniqueFd m_folder;
     UniqueFd m_file;
-    std::int64_t m_size = 0;          // of the file when it was last looked at
+    std::int64_t m_size = 0;          // of the file when it was last looked at, and what was written since
+    std::uint64_t m_nextLook = 0;     // nanoseconds
     std::uint64_t m_nextAttempt = 0;  // nanoseconds before which nothing is opened: it has just failed
     bool m_isReported = false;
 };

@@ -37,6 +37,9 @@ protected:
                 }};
     }
 
+    /// With the next line the file is looked at again.
+    static void NextLook() { g_now += base::RotatingFile::kLookNs; }
+
     const TemporaryFolder m_root;
     std::vector<std::string> m_reports;
 };
@@ -74,12 +77,48 @@ TEST_F(RotatingFile, ComesBackAfterItWasDeletedWithItsFolder) {
     base::RotatingFile file = Make();
     file.Write("lost\n");
     fs::remove(Path());
+    NextLook();
     file.Write("one\n");
     EXPECT_EQ(Read(), "one\n");
     fs::remove_all(m_root.Path() + "/log");
+    NextLook();
     file.Write("two\n");
     EXPECT_EQ(Read(), "two\n");
     EXPECT_TRUE(m_reports.empty());
+}
+
+TEST_F(RotatingFile, IsLookedAtOnceInAMillisecond) {
+    base::RotatingFile file = Make();
+    file.Write("one\n");
+    fs::rename(Path(), Path("renamed"));
+    g_now = base::RotatingFile::kLookNs - 1;
+    file.Write("two\n");
+    EXPECT_EQ(Read("renamed"), "one\ntwo\n");
+    EXPECT_FALSE(fs::exists(Path()));
+    NextLook();
+    file.Write("three\n");
+    EXPECT_EQ(Read(), "three\n");
+}
+
+TEST_F(RotatingFile, CountsWhatOthersWroteWithTheNextLook) {
+    base::RotatingFile one = Make(10);
+    base::RotatingFile other = Make(10);
+    one.Write("a\n");
+    other.Write("bcdefg\n");
+    one.Write("hi\n");
+    EXPECT_EQ(Read(), "a\nbcdefg\nhi\n");
+    NextLook();
+    one.Write("j\n");
+    EXPECT_EQ(Read("main.1.log"), "a\nbcdefg\nhi\n");
+    EXPECT_EQ(Read(), "j\n");
+}
+
+TEST_F(RotatingFile, IsNotRotatedWhenSomebodyHasEmptiedIt) {
+    base::RotatingFile file = Make(10);
+    file.Write("12345678\n");
+    fs::resize_file(Path(), 0);
+    file.Write("abc\n");
+    EXPECT_EQ(ReadFolder(Path("")), (Files{{"main.log", "abc\n"}}));
 }
 
 TEST_F(RotatingFile, IsTriedAgainASecondLaterAndReportedOnce) {
@@ -97,6 +136,7 @@ TEST_F(RotatingFile, IsTriedAgainASecondLaterAndReportedOnce) {
 
     fs::remove_all(m_root.Path() + "/log");
     WriteFile(m_root.Path() + "/log", "again");
+    NextLook();
     file.Write("lost\n");
     EXPECT_EQ(m_reports.size(), 2U);
 }
@@ -126,6 +166,7 @@ TEST_F(RotatingFile, DoesNotWriteOnIntoAPipeThatTookItsPlace) {
     file.Write("one\n");
     fs::remove(Path());
     ASSERT_EQ(mkfifo(Path().c_str(), 0644), 0);
+    NextLook();
     const base::UniqueFd reader(open(Path().c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     file.Write("lost\n");
     char byte = 0;
