@@ -3,16 +3,18 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <charconv>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <ctime>
 #include <memory>
 #include <mutex>
+#include <string_view>
 #include <system_error>
 
 #include "MakerLog.h"
 #include "base/exception_wall.h"
+#include "base/log_text.h"
 #include "base/rotating_file.h"
 #include "device_path.h"
 #include "device_paths.h"
@@ -29,7 +31,8 @@ struct Line {
     std::size_t length;
 };
 
-std::mutex g_mutex;  // guards the two below
+std::mutex g_mutex;  // guards the three below
+base::LocalStamp g_stamp;
 Line g_line;
 std::unique_ptr<base::RotatingFile>& TheFile() {
     // Never freed: lines may come from static destructors.
@@ -49,29 +52,31 @@ std::unique_ptr<base::RotatingFile> NewFile() {
         [](const char* what, const std::error_code& error) { Report(what, error.message().c_str()); });
 }
 
-__attribute__((format(printf, 2, 0))) void AppendV(Line& line, const char* format, va_list arguments) {
-    const std::size_t room = sizeof(line.text) - line.length;
-    const int added = std::vsnprintf(line.text + line.length, room, format, arguments);
-    if (added > 0) {
-        line.length += std::min(static_cast<std::size_t>(added), room - 1);
-    }
-}
-
-__attribute__((format(printf, 2, 3))) void Append(Line& line, const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    AppendV(line, format, arguments);
-    va_end(arguments);
+void Append(Line& line, std::string_view text) {
+    const std::size_t room = sizeof(line.text) - 1 - line.length;
+    line.length += text.copy(line.text + line.length, room);
 }
 
 void AppendNow(Line& line) {
     platform_time_t now{};
-    tm local{};
     platform_clock_realtime(&now);
-    const auto seconds = static_cast<time_t>(now.seconds);
-    localtime_r(&seconds, &local);
-    line.length += std::strftime(line.text, sizeof(line.text), "%Y-%m-%d %H:%M:%S", &local);
-    Append(line, ".%03d", static_cast<int>(now.nanoseconds / 1000000));
+    Append(line, g_stamp.Of(now.seconds, now.nanoseconds));
+}
+
+void AppendNumber(Line& line, unsigned number) {
+    std::array<char, 10> digits;
+    const char* end = std::to_chars(digits.data(), digits.data() + digits.size(), number).ptr;
+    Append(line, {digits.data(), static_cast<std::size_t>(end - digits.data())});
+}
+
+__attribute__((format(printf, 2, 0))) void AppendMessage(Line& line, const char* format, va_list arguments) {
+    char* const end = line.text + line.length;
+    const std::string_view text = base::FormatText(end, sizeof(line.text) - line.length, format, arguments);
+    if (text.data() == end) {
+        line.length += text.size();
+    } else {
+        Append(line, text);
+    }
 }
 
 /// One message is one line, whatever it holds.
@@ -79,9 +84,11 @@ void Terminate(Line& line) {
     while (line.length > 0 && line.text[line.length - 1] == '\n') {
         --line.length;
     }
-    std::replace_if(
-        line.text, line.text + line.length,
-        [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; }, ' ');
+    if (base::HasControls({line.text, line.length})) {
+        std::replace_if(
+            line.text, line.text + line.length,
+            [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; }, ' ');
+    }
     line.text[line.length++] = '\n';
 }
 
@@ -105,8 +112,12 @@ void TCDebug::VExternal(const char* className, const char* function, unsigned li
     const std::lock_guard<std::mutex> lock(g_mutex);
     g_line.length = 0;
     AppendNow(g_line);
-    Append(g_line, " %s %s(%u) ", className, function, line);
-    AppendV(g_line, format, arguments);
+    for (const char* part : {" ", className, " ", function, "("}) {
+        Append(g_line, part);
+    }
+    AppendNumber(g_line, line);
+    Append(g_line, ") ");
+    AppendMessage(g_line, format, arguments);
     Terminate(g_line);
     if (TheFile() != nullptr) {
         base::CatchAll(

@@ -1,16 +1,20 @@
 #include "dlog.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "base/exception_wall.h"
+#include "base/log_text.h"
 #include "device_path.h"
 #include "device_paths.h"
 #include "dlog/log_sinks.h"
@@ -47,6 +51,33 @@ Outputs& The() {
     return *outputs;
 }
 
+std::atomic<pid_t> g_process{0};
+thread_local pid_t t_thread = 0;
+
+// Each is a system call, and stays the same until the process forks.
+pid_t Process() {
+    pid_t process = g_process.load(std::memory_order_relaxed);
+    if (process == 0) {
+        // Registered once in each family of processes: a child inherits it.
+        static const int registered = pthread_atfork(nullptr, nullptr, [] {
+            g_process.store(0, std::memory_order_relaxed);
+            t_thread = 0;
+        });
+        process = getpid();
+        if (registered == 0) {
+            g_process.store(process, std::memory_order_relaxed);
+        }
+    }
+    return process;
+}
+
+pid_t Thread() {
+    if (t_thread == 0) {
+        t_thread = gettid();
+    }
+    return t_thread;
+}
+
 int Level(int priority) {
     return std::clamp<int>(priority, DLOG_PRIORITY_VERBOSE, DLOG_PRIORITY_FATAL) - DLOG_PRIORITY_VERBOSE;
 }
@@ -54,16 +85,12 @@ int Level(int priority) {
 __attribute__((format(printf, 4, 0))) void Emit(int buffer, int priority, const char* tag, const char* format,
                                                 va_list arguments) {
     std::array<char, dlog::kMaxMessage> message;
-    // The analyzer loses track of a list that was begun by the caller's caller.
-    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
-    const int written = std::vsnprintf(message.data(), message.size(), format, arguments);
-    std::size_t length = std::min(static_cast<std::size_t>(std::max(written, 0)), message.size() - 1);
-    while (length > 0 && (message[length - 1] == '\n' || message[length - 1] == '\r')) {
-        --length;
+    std::string_view text = base::FormatText(message.data(), message.size(), format, arguments);
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) {
+        text.remove_suffix(1);
     }
     Outputs& outputs = The();
-    dlog::Message line{Level(priority), tag != nullptr ? tag : "", {message.data(), length}, {}, getpid(),
-                       gettid()};
+    dlog::Message line{Level(priority), tag != nullptr ? tag : "", text, {}, Process(), Thread()};
     clock_gettime(CLOCK_REALTIME, &line.time);
     (buffer == DLOG_BUFFER_SYSTEM ? outputs.system : outputs.main)->Write(line);
     if (outputs.terminal != nullptr) {

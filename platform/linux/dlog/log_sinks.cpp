@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <charconv>
 #include <cstdint>
 #include <cstdio>
 
@@ -43,26 +44,31 @@ LineFormatter::LineFormatter() {
 }
 
 std::string_view LineFormatter::Format(const Message& message) {
-    if (message.time.tv_sec != m_second) {
-        std::tm local{};
-        localtime_r(&message.time.tv_sec, &local);
-        std::array<char, 32> stamp;
-        m_stamp.assign(stamp.data(), strftime(stamp.data(), stamp.size(), "%Y-%m-%d %H:%M:%S", &local));
-        m_second = message.time.tv_sec;
-    }
-    std::array<char, 64> part;
-    std::snprintf(part.data(), part.size(), ".%03d %c/", static_cast<int>(message.time.tv_nsec / 1000000),
-                  Letter(message));
-    m_line.assign(m_stamp).append(part.data());
+    m_line.assign(m_stamp.Of(message.time.tv_sec, message.time.tv_nsec)).push_back(' ');
+    m_line.push_back(Letter(message));
+    m_line.push_back('/');
     AppendVisible(message.tag);
-    std::snprintf(part.data(), part.size(), "(%d:%d): ", message.process, message.thread);
-    m_line.append(part.data());
+    m_line.push_back('(');
+    AppendNumber(message.process);
+    m_line.push_back(':');
+    AppendNumber(message.thread);
+    m_line.append("): ");
     AppendVisible(message.text);
     m_line.push_back('\n');
     return m_line;
 }
 
+void LineFormatter::AppendNumber(int number) {
+    std::array<char, 12> digits;
+    const char* end = std::to_chars(digits.data(), digits.data() + digits.size(), number).ptr;
+    m_line.append(digits.data(), static_cast<std::size_t>(end - digits.data()));
+}
+
 void LineFormatter::AppendVisible(std::string_view text) {
+    if (!base::HasControls(text)) {
+        m_line.append(text);
+        return;
+    }
     constexpr const char* kDigits = "0123456789abcdef";
     for (const char character : text) {
         const auto code = static_cast<unsigned char>(character);

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/log_text.h"
 #include "base/rotating_file.h"
 
 namespace dlog {
@@ -44,10 +45,10 @@ public:
     std::string_view Format(const Message& message);
 
 private:
+    void AppendNumber(int number);
     void AppendVisible(std::string_view text);
 
-    std::time_t m_second = -1;  // that m_stamp shows
-    std::string m_stamp;
+    base::LocalStamp m_stamp;
     std::string m_line;
 };
 

@@ -2,9 +2,11 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <string>
 #include <utility>
@@ -32,6 +34,24 @@ int LogMany(const child::Arguments& arguments) {
     return 0;
 }
 const child::Program kLogMany("log-many", LogMany);
+
+/// The same, and stays.
+int LogManyAndStay(const child::Arguments& arguments) {
+    LogMany(arguments);
+    child::WaitForRelease();
+    return 0;
+}
+const child::Program kLogManyAndStay("log-many-and-stay", LogManyAndStay);
+
+/// The lines of the file and of those that it was rotated into.
+std::vector<std::string> ReadAllLines(const TemporaryFolder& root) {
+    std::vector<std::string> lines;
+    for (const char* name : {"main.2.log", "main.1.log", "main.log"}) {
+        const std::vector<std::string> more = ReadLines(root.Path() + "/var/log/zol/" + name);
+        lines.insert(lines.end(), more.begin(), more.end());
+    }
+    return lines;
+}
 
 /// The log of this process.
 class LogLine : public testing::Test {
@@ -143,6 +163,51 @@ TEST_F(LogLine, OfManyProcessesStaysWhole) {
     for (const std::string& line : lines) {
         ASSERT_THAT(line, MatchesRegex("[0-9. :-]+ I/MANY\\([0-9]+:[0-9]+\\): [0-9]+ y{600}"));
     }
+}
+
+TEST_F(LogLine, OfManyProcessesIsKeptWhileTheyRotate) {
+    constexpr int kWriters = 4;
+    constexpr int kLines = 350;
+    const std::string text(4000, 'y');
+    const TemporaryFolder root;
+    std::vector<Process> writers;
+    for (int index = 0; index < kWriters; ++index) {
+        writers.emplace_back("log-many", child::Arguments{std::to_string(kLines), text}, root.Path());
+    }
+    for (Process& writer : writers) {
+        EXPECT_EQ(writer.ReadLine(), "done");
+        EXPECT_EQ(writer.Wait(), 0);
+    }
+    const std::vector<std::string> lines = ReadAllLines(root);
+    EXPECT_FALSE(ReadLines(root.Path() + "/var/log/zol/main.2.log").empty());
+    EXPECT_EQ(lines.size(), static_cast<std::size_t>(kWriters * kLines));
+    for (const std::string& line : lines) {
+        ASSERT_THAT(line, MatchesRegex("[0-9. :-]+ I/MANY\\([0-9]+:[0-9]+\\): [0-9]+ y{4000}"));
+    }
+}
+
+TEST_F(LogLine, IsThereAlthoughItsProcessWasKilled) {
+    const TemporaryFolder root;
+    Process writer("log-many-and-stay", {"100", "text"}, root.Path());
+    EXPECT_EQ(writer.ReadLine(), "done");
+    writer.Kill();
+    EXPECT_EQ(writer.Wait(), -SIGKILL);
+    const std::vector<std::string> lines = ReadAllLines(root);
+    ASSERT_EQ(lines.size(), 100U);
+    EXPECT_THAT(lines.back(), EndsWith("): 99 text"));
+}
+
+TEST_F(LogLine, OfAForkedProcessHasItsOwnIds) {
+    Logged("of the parent");
+    const pid_t child = fork();
+    if (child == 0) {
+        Logged("of the child");
+        _exit(0);
+    }
+    ASSERT_EQ(waitpid(child, nullptr, 0), child);
+    const std::string id = std::to_string(child);
+    EXPECT_THAT(Last(), HasSubstr("(" + id + ":" + id + "): of the child"));
+    EXPECT_THAT(Logged("of the parent"), HasSubstr("(" + std::to_string(getpid()) + ":"));
 }
 
 TEST_F(LogLine, IsDroppedWhenTheFolderCannotBeMade) {
