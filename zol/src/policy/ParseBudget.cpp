@@ -11,7 +11,7 @@ namespace {
 
 /// What an item takes beside its texts, rounded up.
 constexpr std::size_t kItemBytes = 160;
-/// What an attribute is charged beside its texts. Its memory is only lent while its element is read; the
+/// What an attribute is charged beside its texts. The attributes of all elements share their memory; the
 /// charge, which stays, bounds the work that defaulted attributes can make of small elements.
 constexpr std::size_t kAttributeBytes = 16;
 

@@ -14,8 +14,13 @@ bool IsBlank(char c) {
     return c != '\0' && std::strchr(" \t\n\v\f\r", c) != nullptr;
 }
 
-bool EqualIgnoringCase(const std::string& left, const std::string& right) {
-    return left.size() == right.size() && ToLowerAscii(left) == ToLowerAscii(right);
+char LowerAscii(char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+bool EqualIgnoringCase(std::string_view left, std::string_view right) {
+    return std::equal(left.begin(), left.end(), right.begin(), right.end(),
+                      [](char one, char other) { return LowerAscii(one) == LowerAscii(other); });
 }
 
 /// Blanks, one sign and digits at the front of a text.
@@ -53,24 +58,36 @@ std::int32_t Clamp(const Number& number) {
 }  // namespace
 
 std::string ToLowerAscii(std::string text) {
-    for (char& c : text) {
-        if (c >= 'A' && c <= 'Z') {
-            c = static_cast<char>(c - 'A' + 'a');
-        }
-    }
+    std::transform(text.begin(), text.end(), text.begin(), LowerAscii);
     return text;
 }
 
-void TCAttributes::Insert(const std::string& name, const std::string& value) {
-    m_values[ToLowerAscii(name)] = value;
+void AssignLowerAscii(std::string& out, std::string_view text) {
+    out.resize(text.size());
+    std::transform(text.begin(), text.end(), out.begin(), LowerAscii);
 }
 
-const std::string* TCAttributes::m_Find(const std::string& name) const {
-    const auto found = m_values.find(name);
-    return found != m_values.end() ? &found->second : nullptr;
+void TCAttributes::Insert(std::string_view name, std::string_view value) {
+    if (m_count == m_attributes.size()) {
+        m_attributes.emplace_back();
+    }
+    TSAttribute& attribute = m_attributes[m_count];
+    AssignLowerAscii(attribute.name, name);
+    attribute.value = value;
+    ++m_count;
 }
 
-bool TCAttributes::GetValue(const std::string& name, std::string& out) const {
+const std::string* TCAttributes::m_Find(std::string_view name) const {
+    // Of two with one name the later one counts.
+    for (std::size_t at = m_count; at > 0; --at) {
+        if (m_attributes[at - 1].name == name) {
+            return &m_attributes[at - 1].value;
+        }
+    }
+    return nullptr;
+}
+
+bool TCAttributes::GetValue(std::string_view name, std::string& out) const {
     const std::string* value = m_Find(name);
     if (value == nullptr) {
         return false;
@@ -79,7 +96,7 @@ bool TCAttributes::GetValue(const std::string& name, std::string& out) const {
     return true;
 }
 
-bool TCAttributes::GetValue(const std::string& name, std::int32_t& out) const {
+bool TCAttributes::GetValue(std::string_view name, std::int32_t& out) const {
     const std::string* value = m_Find(name);
     if (value == nullptr) {
         return false;
@@ -91,14 +108,14 @@ bool TCAttributes::GetValue(const std::string& name, std::int32_t& out) const {
     return true;
 }
 
-bool TCAttributes::GetValue(const std::string& name, std::uint32_t& out) const {
+bool TCAttributes::GetValue(std::string_view name, std::uint32_t& out) const {
     auto number = static_cast<std::int32_t>(out);
     const bool found = GetValue(name, number);
     out = static_cast<std::uint32_t>(number);
     return found;
 }
 
-bool TCAttributes::GetValue(const std::string& name, std::uint64_t& out) const {
+bool TCAttributes::GetValue(std::string_view name, std::uint64_t& out) const {
     const std::string* value = m_Find(name);
     if (value == nullptr) {
         return false;
@@ -112,7 +129,7 @@ bool TCAttributes::GetValue(const std::string& name, std::uint64_t& out) const {
     return true;
 }
 
-bool TCAttributes::GetValue(const std::string& name, double& out) const {
+bool TCAttributes::GetValue(std::string_view name, double& out) const {
     const std::string* value = m_Find(name);
     if (value == nullptr) {
         return false;
@@ -126,7 +143,7 @@ bool TCAttributes::GetValue(const std::string& name, double& out) const {
     return true;
 }
 
-bool TCAttributes::GetValue(const std::string& name, bool& out) const {
+bool TCAttributes::GetValue(std::string_view name, bool& out) const {
     const std::string* value = m_Find(name);
     if (value == nullptr) {
         return false;
@@ -135,7 +152,7 @@ bool TCAttributes::GetValue(const std::string& name, bool& out) const {
     return true;
 }
 
-bool TCAttributes::HasAttrOfValue(const std::string& name, const std::string& value) const {
+bool TCAttributes::HasAttrOfValue(std::string_view name, std::string_view value) const {
     const std::string* found = m_Find(name);
     return found != nullptr && EqualIgnoringCase(*found, value);
 }

@@ -1,13 +1,18 @@
 #pragma once
 /// What one XML element carries: its attributes with typed reads, and its text.
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace zol {
 
 /// `text` with A to Z replaced by a to z; every other byte, UTF-8 included, stays.
 std::string ToLowerAscii(std::string text);
+/// The same into `out`, whose memory is used again.
+void AssignLowerAscii(std::string& out, std::string_view text);
 
 /// The attributes of one element. Names are kept in lower case, so that documents may spell them as they
 /// like; reads expect the lower-case name. A plain value, not thread-safe.
@@ -17,32 +22,42 @@ std::string ToLowerAscii(std::string text);
 /// machines.
 class TCAttributes {
 public:
+    /// Forgets all of them; keeps the memory for those of the next element.
+    void Clear() { m_count = 0; }
+
     /// Adds an attribute or replaces the value of the one with this name, whatever its case.
-    void Insert(const std::string& name, const std::string& value);
+    void Insert(std::string_view name, std::string_view value);
 
     /// The value as written. True.
-    bool GetValue(const std::string& name, std::string& out) const;
+    bool GetValue(std::string_view name, std::string& out) const;
     /// The decimal number the value begins with; text behind it is ignored. A value that does not begin with
     /// a number leaves `out` alone; one beyond 32 bits gives the nearest limit. True all the same.
-    bool GetValue(const std::string& name, std::int32_t& out) const;
+    bool GetValue(std::string_view name, std::int32_t& out) const;
     /// As the signed read, its result taken modulo 2^32 ("-1" gives 4294967295).
-    bool GetValue(const std::string& name, std::uint32_t& out) const;
+    bool GetValue(std::string_view name, std::uint32_t& out) const;
     /// The decimal number the value begins with, read as 32-bit unsigned: more than 4294967295 gives
     /// 4294967295, a negative number counts modulo 2^32, no number gives 0. True.
-    bool GetValue(const std::string& name, std::uint64_t& out) const;
+    bool GetValue(std::string_view name, std::uint64_t& out) const;
     /// The whole value as a floating-point number; an empty one gives 0. False, and `out` untouched, when
     /// anything else stands in the value.
-    bool GetValue(const std::string& name, double& out) const;
+    bool GetValue(std::string_view name, double& out) const;
     /// False for "false" (in any case) and "0", true for everything else. True.
-    bool GetValue(const std::string& name, bool& out) const;
+    bool GetValue(std::string_view name, bool& out) const;
 
     /// True when the attribute exists and equals `value`, ASCII case ignored.
-    bool HasAttrOfValue(const std::string& name, const std::string& value) const;
+    bool HasAttrOfValue(std::string_view name, std::string_view value) const;
 
 private:
-    const std::string* m_Find(const std::string& name) const;
+    struct TSAttribute {
+        std::string name;
+        std::string value;
+    };
 
-    std::map<std::string, std::string> m_values;
+    const std::string* m_Find(std::string_view name) const;
+
+    // In the order of the document; those behind the first m_count lend their memory to what comes.
+    std::vector<TSAttribute> m_attributes;
+    std::size_t m_count = 0;
 };
 
 /// Text of elements by element name, and the element that is being read. A plain value, not thread-safe.

@@ -2,6 +2,7 @@
 
 #include <expat.h>
 
+#include <string_view>
 #include <utility>
 
 #include "Log.h"
@@ -27,6 +28,7 @@ struct TCPolicyParser::TSParseContext {
     XML_Parser expat;
     IPolicyObserver* observer;
     std::string currentElement;
+    TCAttributes attributes;  // of the element that is being read
     TCParseBudget budget;
     bool isBeyondBudget = false;
 };
@@ -52,18 +54,17 @@ struct TCPolicyParser::TSCallbacks {
         return isWithin;
     }
 
-    static TCAttributes Collect(TSParseContext& context, const XML_Char* const* attributes) {
-        TCAttributes collected;
+    static void Collect(TSParseContext& context, const XML_Char* const* attributes) {
+        context.attributes.Clear();
         context.budget.BeginAttributes();
         for (; attributes[0] != nullptr && attributes[1] != nullptr; attributes += 2) {
-            const std::string name = attributes[0];
-            const std::string value = attributes[1];
+            const std::string_view name = attributes[0];
+            const std::string_view value = attributes[1];
             if (!EndUnless(context.budget.AddAttribute(name.size() + value.size()), context)) {
                 break;
             }
-            collected.Insert(name, value);
+            context.attributes.Insert(name, value);
         }
-        return collected;
     }
 
     static void StartElement(void* userData, const XML_Char* name, const XML_Char** attributes) {
@@ -72,16 +73,15 @@ struct TCPolicyParser::TSCallbacks {
             return;
         }
         Guard(context, [&] {
-            const TCAttributes collected = Collect(context, attributes);
-            std::string tag = ToLowerAscii(name);
-            const auto handler = context.parser->m_startHandlers.find(tag);
+            Collect(context, attributes);
+            AssignLowerAscii(context.currentElement, name);
+            const auto handler = context.parser->m_startHandlers.find(context.currentElement);
             if (handler != context.parser->m_startHandlers.end() &&
                 EndUnless(context.budget.AddItem(), context)) {
-                handler->second(*context.policy, collected, context.observer == nullptr);
+                handler->second(*context.policy, context.attributes, context.observer == nullptr);
             }
-            context.currentElement = std::move(tag);
             if (context.observer != nullptr && !context.isBeyondBudget) {
-                context.observer->OnElement({PlaceOf(context.expat), name, attributes, collected},
+                context.observer->OnElement({PlaceOf(context.expat), name, attributes, context.attributes},
                                             *context.policy);
             }
         });
@@ -194,7 +194,7 @@ std::optional<EPolicyRefusal> TCPolicyParser::FindRefusal(const std::string& xml
         }
         return EPolicyRefusal::NO_MEMORY;
     }
-    TSParseContext context{this, &policy, parser.get(), observer, {}, {}};
+    TSParseContext context{this, &policy, parser.get(), observer, {}, {}, {}};
     TSCallbacks::Register(context);
 
     // Not final: a document that was only cut short still gives the items before the cut.
