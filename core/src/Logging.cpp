@@ -7,12 +7,15 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cinttypes>
+#include <array>
+#include <charconv>
 #include <cstdarg>
+#include <cstddef>
 #include <cstring>
 #include <ctime>
 #include <mutex>
 #include <new>
+#include <string_view>
 
 #include "base/handles.h"
 #include "device_path.h"
@@ -162,6 +165,18 @@ bool Wanted(unsigned type) {
     return (type & g_logType.load(std::memory_order_relaxed)) != 0;
 }
 
+char* Write(char* out, std::string_view text) {
+    return std::copy(text.begin(), text.end(), out);
+}
+
+/// In `width` places at least.
+char* WriteNumber(char* out, std::uint64_t number, int base, int width, char fill) {
+    std::array<char, 20> digits;
+    const char* end = std::to_chars(digits.data(), digits.data() + digits.size(), number, base).ptr;
+    out = std::fill_n(out, std::max<std::ptrdiff_t>(width - (end - digits.data()), 0), fill);
+    return std::copy(static_cast<const char*>(digits.data()), end, out);
+}
+
 /// Apart from _PRINT so that a filtered line does not pay for the buffer.
 __attribute__((noinline, format(printf, 4, 0))) void Emit(ELogWay way, unsigned type, int sequenceWidth,
                                                           const char* format, va_list arguments) {
@@ -171,12 +186,23 @@ __attribute__((noinline, format(printf, 4, 0))) void Emit(ELogWay way, unsigned 
     const auto stamp = static_cast<std::uint32_t>((static_cast<std::uint64_t>(now.seconds) * 1000000U +
                                                    static_cast<std::uint64_t>(now.nanoseconds) / 1000U) %
                                                   kStampWrap);
-    const unsigned long long sequence = g_seqNum.fetch_add(1, std::memory_order_relaxed);
+    const std::uint64_t sequence = g_seqNum.fetch_add(1, std::memory_order_relaxed);
 
+    // "[%c][%08lx](%09u) [%*llu] %s ", which printf would need longer for than all the rest takes.
     char line[kLineSize];
-    std::size_t length = static_cast<std::size_t>(
-        std::snprintf(line, sizeof(line), "[%c][%08lx](%09" PRIu32 ") [%*llu] %s ", _TYPE_TO_CHAR(lineType),
-                      ThreadId(), stamp, sequenceWidth, sequence, g_module));
+    char* end = line;
+    *end++ = '[';
+    *end++ = _TYPE_TO_CHAR(lineType);
+    end = Write(end, "][");
+    end = WriteNumber(end, ThreadId(), 16, 8, '0');
+    end = Write(end, "](");
+    end = WriteNumber(end, stamp, 10, 9, '0');
+    end = Write(end, ") [");
+    end = WriteNumber(end, sequence, 10, sequenceWidth, ' ');
+    end = Write(end, "] ");
+    end = Write(end, g_module);
+    *end++ = ' ';
+    auto length = static_cast<std::size_t>(end - line);
     const int message = std::vsnprintf(line + length, kTextSize - length, format, arguments);
     if (message > 0) {
         length = std::min(length + static_cast<std::size_t>(message), kTextSize - 1);
