@@ -35,8 +35,7 @@ bool KeyWatcher::Add(const std::string& key, vconf_callback_fn callback, void* u
     // Without a service: all that the next connection brings.
     const Position start{m_connections,
                          isAnswered ? answer.change : std::numeric_limits<std::int64_t>::max()};
-    m_registry.Add(key, callback, userData, start);
-    m_watched.emplace(key, Watched{isAnswered ? answer.change : kNeverChanged});
+    m_registry.Add(key, callback, userData, start, isAnswered ? answer.change : kNeverChanged);
     DispatchRest();
     return true;
 }
@@ -74,7 +73,7 @@ bool KeyWatcher::Withdraw(const std::string& key, vconf_callback_fn callback, vo
         return false;
     }
     const std::lock_guard<std::mutex> lock(m_mutex);
-    if (!m_registry.Has(key) && m_watched.erase(key) > 0 && m_socket) {
+    if (!m_registry.Has(key) && m_socket) {
         Message request;
         request.operation = Operation::Unwatch;
         request.key = key;
@@ -108,11 +107,11 @@ void KeyWatcher::Dispatch() {
         const std::lock_guard<std::mutex> lock(m_mutex);
         if (m_socket && !ReceiveWaiting()) {
             Disconnect();
-        } else if (!m_socket && !m_watched.empty() && g_get_monotonic_time() >= m_retryAt) {
+        } else if (!m_socket && !m_registry.IsEmpty() && g_get_monotonic_time() >= m_retryAt) {
             static_cast<void>(Connect());  // tried again when m_retryAt has come
         }
         changes.swap(m_changes);
-        g_source_set_ready_time(m_source.get(), m_socket || m_watched.empty() ? -1 : m_retryAt);
+        g_source_set_ready_time(m_source.get(), m_socket || m_registry.IsEmpty() ? -1 : m_retryAt);
     }
     for (const Change& change : changes) {
         m_registry.Deliver(change);
@@ -130,11 +129,11 @@ bool KeyWatcher::Connect() {
     }
     ++m_connections;
     m_socketTag = g_source_add_unix_fd(m_source.get(), m_socket.Get(), G_IO_IN);
-    for (const auto& [key, watched] : m_watched) {
+    for (auto next = m_registry.Next(""); next; next = m_registry.Next(next->first)) {
         Message request;
         request.operation = Operation::Watch;
-        request.key = key;
-        request.change = watched.change;
+        request.key = next->first;
+        request.change = next->second;
         if (!Post(&request)) {
             return false;
         }
@@ -214,19 +213,17 @@ void KeyWatcher::Take(const Message& message) {
         NoteAnswer(message);
         return;
     }
-    const auto found = m_watched.find(message.key);
-    if (found == m_watched.end()) {
-        return;
-    }
-    Watched& watched = found->second;
-    watched.change = message.change;
     Change change{{m_connections, message.change}, message.key, message.value};
-    if (watched.pending < m_changes.size() && m_changes[watched.pending].key == message.key) {
-        m_changes[watched.pending] = std::move(change);
-    } else {
-        watched.pending = m_changes.size();
-        m_changes.push_back(std::move(change));
-    }
+    const bool isWatched = m_registry.Update(message.key, [&](Arrived* arrived) {
+        if (arrived->pending < m_changes.size() && m_changes[arrived->pending].key == message.key) {
+            m_changes[arrived->pending] = std::move(change);
+        } else {
+            arrived->pending = static_cast<std::uint32_t>(m_changes.size());
+            m_changes.push_back(std::move(change));
+        }
+        arrived->change = message.change;
+    });
+    static_cast<void>(isWatched);  // withdrawn meanwhile: nobody asks for it
 }
 
 }  // namespace keystore

@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <mutex>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "base/backoff.h"
@@ -30,11 +29,6 @@ public:
     [[nodiscard]] bool Withdraw(const std::string& key, vconf_callback_fn callback, void* userData);
 
 private:
-    struct Watched {
-        std::int64_t change;      // the last one that arrived here
-        std::size_t pending = 0;  // its place in m_changes, if it is still there
-    };
-
     static gboolean DispatchSource(GSource* source, GSourceFunc callback, gpointer userData);
     static gboolean OnSource(gpointer self);
     static GSourceFuncs s_sourceFunctions;
@@ -58,7 +52,6 @@ private:
     Receiver m_receiver;
     std::uint64_t m_connections = 0;  // how many there have been
     std::uint32_t m_lastTicket = 0;
-    std::unordered_map<std::string, Watched> m_watched;
     std::vector<Change> m_changes;  // to be delivered, one for each key
     base::GSourcePtr m_source;
     gpointer m_socketTag = nullptr;

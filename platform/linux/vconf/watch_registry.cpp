@@ -15,7 +15,7 @@ WatchRegistry::Watches::iterator WatchRegistry::Find(const std::string& key, Mat
 }
 
 void WatchRegistry::Add(const std::string& key, vconf_callback_fn callback, void* userData,
-                        const Position& start) {
+                        const Position& start, std::int64_t change) {
     const std::lock_guard<std::mutex> lock(m_mutex);
     const auto known = Find(key, [&](const Registration& each) {
         return each.callback == callback && each.userData == userData;
@@ -25,7 +25,7 @@ void WatchRegistry::Add(const std::string& key, vconf_callback_fn callback, void
         return;
     }
     m_lastId += m_lastId == UINT32_MAX ? 2 : 1;
-    m_watches.emplace(key, Registration{callback, userData, start, 1, m_lastId});
+    m_watches.emplace(key, Registration{callback, userData, start, 1, m_lastId, {change, 0}});
 }
 
 bool WatchRegistry::Withdraw(const std::string& key, vconf_callback_fn callback, void* userData) {
@@ -40,7 +40,12 @@ bool WatchRegistry::Withdraw(const std::string& key, vconf_callback_fn callback,
         return true;
     }
     const std::uint32_t withdrawn = known->second.id;
-    m_watches.erase(known);
+    const Arrived arrived = known->second.arrived;
+    const bool wasFirst = known == m_watches.lower_bound(key);
+    const auto next = m_watches.erase(known);
+    if (wasFirst && next != m_watches.end() && next->first == key) {
+        next->second.arrived = arrived;
+    }
     if (m_runner != std::this_thread::get_id()) {
         m_returned.wait(lock, [&] { return m_running != withdrawn; });
     }
@@ -50,6 +55,28 @@ bool WatchRegistry::Withdraw(const std::string& key, vconf_callback_fn callback,
 bool WatchRegistry::Has(const std::string& key) {
     const std::lock_guard<std::mutex> lock(m_mutex);
     return m_watches.count(key) > 0;
+}
+
+bool WatchRegistry::IsEmpty() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_watches.empty();
+}
+
+std::optional<std::pair<std::string, std::int64_t>> WatchRegistry::Next(const std::string& key) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    const auto next = m_watches.upper_bound(key);
+    return next != m_watches.end() ? std::optional(std::pair(next->first, next->second.arrived.change))
+                                   : std::nullopt;
+}
+
+bool WatchRegistry::Update(const std::string& key, const std::function<void(Arrived*)>& update) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    const auto first = m_watches.lower_bound(key);
+    if (first == m_watches.end() || first->first != key) {
+        return false;
+    }
+    update(&first->second.arrived);
+    return true;
 }
 
 void WatchRegistry::Deliver(const Change& change) {

@@ -4,8 +4,10 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "vconf.h"
 #include "vconf/protocol.h"
@@ -28,6 +30,12 @@ struct Change {
     Value value;  ///< of type VCONF_TYPE_NONE when the key was removed
 };
 
+/// How far the changes of a watched key have come here.
+struct Arrived {
+    std::int64_t change = 0;    ///< number of the last one
+    std::uint32_t pending = 0;  ///< its place among those to be delivered, if it is still there
+};
+
 /// Who wants to hear of which key. A change costs one look-up, however many keys are watched. Callbacks run
 /// without a lock held. Any thread; Deliver on one thread at a time.
 class WatchRegistry {
@@ -37,7 +45,9 @@ public:
     WatchRegistry& operator=(const WatchRegistry&) = delete;
 
     /// The callback hears of changes after `start` only. The same three again are counted, not called twice.
-    void Add(const std::string& key, vconf_callback_fn callback, void* userData, const Position& start);
+    /// @param change how far the changes have come when the key was not watched before
+    void Add(const std::string& key, vconf_callback_fn callback, void* userData, const Position& start,
+             std::int64_t change);
 
     /// Takes one registration back; false when there is none. After the last one the callback is not running
     /// and will not run: waits for it, unless called from inside a callback.
@@ -45,6 +55,11 @@ public:
 
     /// True when somebody watches the key.
     [[nodiscard]] bool Has(const std::string& key);
+    [[nodiscard]] bool IsEmpty();
+    /// The first watched key behind another one ("" is before all), and its last change.
+    [[nodiscard]] std::optional<std::pair<std::string, std::int64_t>> Next(const std::string& key);
+    /// Lets `update` see and set how far a key is, under the lock. False when nobody watches it.
+    [[nodiscard]] bool Update(const std::string& key, const std::function<void(Arrived*)>& update);
 
     /// Calls those who watch the key of this change.
     void Deliver(const Change& change);
@@ -56,6 +71,7 @@ private:
         Position start;
         int count;
         std::uint32_t id;  // above 0
+        Arrived arrived;   // of the key; the first registration of each has it
     };
     /// Those of one key stand in the order in which they came.
     using Watches = std::multimap<std::string, Registration, std::less<>>;
