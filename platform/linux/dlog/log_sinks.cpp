@@ -1,17 +1,15 @@
 #include "dlog/log_sinks.h"
 
-// Where in this file a line was sent from is of no use to its reader.
-#define SD_JOURNAL_SUPPRESS_LOCATION
-
-#include <sys/uio.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <syslog.h>
-#include <systemd/sd-journal.h>
 #include <unistd.h>
 
 #include <array>
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
+#include <utility>
 
 #include "device_path.h"
 #include "platform_clock.h"
@@ -25,16 +23,14 @@ constexpr base::RotatingFile::Limits kLimits = {std::int64_t{2} * 1024 * 1024, 2
 // A line of the longest message with what stands before it.
 constexpr std::size_t kLineBytes = kMaxMessage + 256;
 
+constexpr int kQueueBytes = 8 * 1024 * 1024;
+
 constexpr std::string_view kLetters = "VDIWEF";
 constexpr std::array<int, 6> kSyslogPriorities = {LOG_DEBUG,   LOG_DEBUG, LOG_INFO,
                                                   LOG_WARNING, LOG_ERR,   LOG_CRIT};
 
 char Letter(const Message& message) {
     return kLetters[static_cast<std::size_t>(message.level)];
-}
-
-iovec Field(std::string_view text) {
-    return {const_cast<char*>(text.data()), text.size()};
 }
 
 }  // namespace
@@ -101,27 +97,43 @@ void TerminalSink::Write(const Message& message) {
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
 }
 
-JournalSink::JournalSink(const char* bufferName) : m_buffer(std::string("DLOG_BUFFER=") + bufferName) {
-    m_text.reserve(kLineBytes);
+JournalSink::JournalSink(const char* bufferName, std::string socketPath)
+    : m_buffer(bufferName),
+      m_socketPath(std::move(socketPath)),
+      m_socket(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    // As long a queue as the journal's own clients ask for: a writer waits when it is full.
+    setsockopt(m_socket.Get(), SOL_SOCKET, SO_SNDBUF, &kQueueBytes, sizeof(kQueueBytes));
+    m_frame.reserve(kLineBytes);
 }
 
 void JournalSink::Write(const Message& message) {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    m_text.assign("MESSAGE=").append(message.text);
-    m_tag.assign("SYSLOG_IDENTIFIER=").append(message.tag);
-    const int priority = kSyslogPriorities[static_cast<std::size_t>(message.level)];
-    // Short enough to need no memory of the heap's.
-    const std::string priorityField = "PRIORITY=" + std::to_string(priority);
-    std::array<char, 15> letter = {"DLOG_PRIORITY="};
-    letter.back() = Letter(message);
-    const std::string threadField = "TID=" + std::to_string(message.thread);
-    const std::array<iovec, 6> fields = {Field(m_text),
-                                         Field(priorityField),
-                                         Field(m_tag),
-                                         Field(m_buffer),
-                                         Field({letter.data(), letter.size()}),
-                                         Field(threadField)};
-    sd_journal_sendv(fields.data(), static_cast<int>(fields.size()));
+    m_frame.clear();
+    Add("MESSAGE", message.text);
+    Add("PRIORITY", std::to_string(kSyslogPriorities[static_cast<std::size_t>(message.level)]));
+    Add("SYSLOG_IDENTIFIER", message.tag);
+    Add("DLOG_BUFFER", m_buffer);
+    Add("DLOG_PRIORITY", std::string(1, Letter(message)));
+    Add("TID", std::to_string(message.thread));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    m_socketPath.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    // Nobody can be told when the journal is gone.
+    static_cast<void>(sendto(m_socket.Get(), m_frame.data(), m_frame.size(), MSG_NOSIGNAL,
+                             reinterpret_cast<const sockaddr*>(&address), sizeof(address)));
+}
+
+void JournalSink::Add(std::string_view name, std::string_view value) {
+    m_frame.append(name);
+    if (value.find('\n') == std::string_view::npos) {
+        m_frame.push_back('=');
+    } else {
+        m_frame.push_back('\n');
+        for (unsigned bit = 0; bit < 64; bit += 8) {
+            m_frame.push_back(static_cast<char>(std::uint64_t{value.size()} >> bit));
+        }
+    }
+    m_frame.append(value).push_back('\n');
 }
 
 }  // namespace dlog

@@ -9,6 +9,8 @@
 
 #include "base/log_text.h"
 #include "base/rotating_file.h"
+#include "base/unique_fd.h"
+#include "device_paths.h"
 
 namespace dlog {
 
@@ -79,14 +81,17 @@ private:
 /// priority's letter as DLOG_PRIORITY.
 class JournalSink : public Sink {
 public:
-    explicit JournalSink(const char* bufferName);
+    explicit JournalSink(const char* bufferName, std::string socketPath = ZOL_PATH_JOURNAL_SOCKET);
     void Write(const Message& message) override;
 
 private:
+    void Add(std::string_view name, std::string_view value);
+
     const std::string m_buffer;
-    std::mutex m_mutex;  // guards what follows
-    std::string m_text;
-    std::string m_tag;
+    const std::string m_socketPath;
+    const base::UniqueFd m_socket;
+    std::mutex m_mutex;   // guards what follows
+    std::string m_frame;  // in the journal's native protocol
 };
 
 }  // namespace dlog

@@ -1,4 +1,3 @@
-#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -7,14 +6,13 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
 
 #include "base/unique_fd.h"
+#include "device_paths.h"
 #include "child_process.h"
 #include "dlog/log_sinks.h"
 #include "source.h"
@@ -30,50 +28,19 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 
-constexpr const char* kJournalSocket = "/run/systemd/journal/socket";
-
-/// Where the library's messages to the journal go instead; null for no change. Other threads of the program
-/// send too.
-std::atomic<const sockaddr_un*> g_redirected{nullptr};
-
-}  // namespace
-
-/// The library sends to the machine's journal and to nothing else; its datagrams are led to the test's
-/// socket. Named outright: with 64-bit time on a 32-bit machine the headers rename the function, but not the
-/// library's call of it.
-extern "C" ssize_t SendOrRedirect(int fd, const msghdr* message, int flags) __asm__("sendmsg");
-
-ssize_t SendOrRedirect(int fd, const msghdr* message, int flags) {
-    using Function = ssize_t (*)(int, const msghdr*, int);
-    static const auto real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "sendmsg"));
-    const auto* to = static_cast<const sockaddr_un*>(message->msg_name);
-    const sockaddr_un* other = g_redirected;
-    if (other == nullptr || to == nullptr || to->sun_family != AF_UNIX ||
-        std::strcmp(to->sun_path, kJournalSocket) != 0) {
-        return real(fd, message, flags);
-    }
-    msghdr redirected = *message;
-    redirected.msg_name = const_cast<sockaddr_un*>(other);
-    redirected.msg_namelen = sizeof(*other);
-    return real(fd, &redirected, flags);
-}
-
-namespace {
-
 /// The receiving end of the journal's native protocol.
 class JournalSocket {
 public:
-    JournalSocket() : m_fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    JournalSocket()
+        : m_path(m_folder.Path() + "/socket"), m_fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
         m_address.sun_family = AF_UNIX;
-        const std::string path = m_folder.Path() + "/socket";
-        path.copy(m_address.sun_path, sizeof(m_address.sun_path) - 1);
+        m_path.copy(m_address.sun_path, sizeof(m_address.sun_path) - 1);
         EXPECT_EQ(bind(m_fd.Get(), reinterpret_cast<const sockaddr*>(&m_address), sizeof(m_address)), 0);
-        g_redirected = &m_address;
     }
-    ~JournalSocket() { g_redirected = nullptr; }
     JournalSocket(const JournalSocket&) = delete;
     JournalSocket& operator=(const JournalSocket&) = delete;
 
+    const std::string& Path() const { return m_path; }
     /// The next message; empty when there is none.
     std::string Receive() {
         std::array<char, 8192> message;
@@ -83,6 +50,7 @@ public:
 
 private:
     TemporaryFolder m_folder;
+    const std::string m_path;
     base::UniqueFd m_fd;
     sockaddr_un m_address{};
 };
@@ -99,14 +67,14 @@ TestLine Line(int level, const char* tag, const char* text) {
     return {level, tag, text};
 }
 
-void Write(const char* buffer, const TestLine& line) {
-    dlog::JournalSink(buffer).Write({line.level, line.tag, line.text, {}, kProcess, kThread});
+void Write(const JournalSocket& socket, const char* buffer, const TestLine& line) {
+    dlog::JournalSink(buffer, socket.Path()).Write({line.level, line.tag, line.text, {}, kProcess, kThread});
 }
 
 /// What the sink of a buffer sends for a line.
 std::string Sent(const char* buffer, const TestLine& line) {
     JournalSocket socket;
-    Write(buffer, line);
+    Write(socket, buffer, line);
     return socket.Receive();
 }
 
@@ -136,8 +104,8 @@ TEST(JournalSink, SendsALineBreakInsideItsField) {
 class JournalReader : public testing::Test {
 protected:
     JournalReader() {
-        fs::create_directories(m_root.Path() + fs::path(kJournalSocket).parent_path().string());
-        std::ofstream(m_root.Path() + kJournalSocket).flush();
+        fs::create_directories(m_root.Path() + fs::path(ZOL_PATH_JOURNAL_SOCKET).parent_path().string());
+        std::ofstream(m_root.Path() + ZOL_PATH_JOURNAL_SOCKET).flush();
         fs::create_directories(m_journal);
         sd_id128_t boot{};
         EXPECT_EQ(sd_id128_get_boot(&boot), 0);

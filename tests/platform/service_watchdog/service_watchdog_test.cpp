@@ -6,10 +6,14 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstddef>
+#include <cstdlib>
 #include <cstring>
 #include <string>
+#include <tuple>
 
 #include "base/unique_fd.h"
+#include "supervisor.h"
 #include "temporary_folder.h"
 #include "variable.h"
 
@@ -55,8 +59,44 @@ TEST_F(ServiceWatchdog, NobodyWatchesAProcessThatWasNotAskedOrAnotherOne) {
     EXPECT_EQ(service_watchdog_interval_us(), 0U);
 
     m_process.Set(nullptr);
+    m_interval.Set("soon");
+    EXPECT_EQ(service_watchdog_interval_us(), 0U);
     m_interval.Set(nullptr);
     EXPECT_EQ(service_watchdog_interval_us(), 0U);
+}
+
+TEST_F(ServiceWatchdog, TheServiceManagerMayHaveASocketInNoFolderOrNone) {
+    const std::string name = "zol-test-" + std::to_string(getpid());
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    name.copy(address.sun_path + 1, name.size());
+    const base::UniqueFd other{socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+    ASSERT_EQ(bind(other.Get(), reinterpret_cast<const sockaddr*>(&address), length), 0);
+    m_address.Set(("@" + name).c_str());
+    service_watchdog_ready();
+    std::array<char, 64> text{};
+    EXPECT_EQ(recv(other.Get(), text.data(), text.size(), MSG_DONTWAIT), 7);
+
+    for (const std::string& nowhere : {std::string("relative"), std::string(), "/" + std::string(200, 'x')}) {
+        m_address.Set(nowhere.c_str());
+        service_watchdog_ready();
+    }
+    m_address.Set(nullptr);
+    service_watchdog_ready();
+    EXPECT_EQ(Received(), "");
+}
+
+TEST(HandedSockets, AreThoseOfThisProcessAndNoChildIsToldOfThem) {
+    const std::string self = std::to_string(getpid());
+    for (const auto& [process, count, expected] :
+         {std::tuple(self.c_str(), "0", 0), std::tuple("1", "1", 0), std::tuple(self.c_str(), "none", 0)}) {
+        const Variable pid("LISTEN_PID", process);
+        const Variable number("LISTEN_FDS", count);
+        EXPECT_EQ(platform::TakeHandedSockets(), expected) << process << " " << count;
+        EXPECT_EQ(std::getenv("LISTEN_PID"), nullptr);
+        EXPECT_EQ(std::getenv("LISTEN_FDS"), nullptr);
+    }
 }
 
 }  // namespace

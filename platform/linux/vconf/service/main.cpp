@@ -4,7 +4,6 @@
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -20,6 +19,7 @@
 #include "guarded.h"
 #include "platform_clock.h"
 #include "platform_log.h"
+#include "supervisor.h"
 #include "vconf/service/access.h"
 #include "vconf/service/key_database.h"
 #include "vconf/service/options.h"
@@ -146,8 +146,8 @@ void BeginCleanly(const Options& options) {
 }
 
 int Serve(const Options& options) {
-    const bool isActivated = sd_listen_fds(1) == 1;
-    UniqueFd listener(isActivated ? SD_LISTEN_FDS_START : -1);
+    const bool isActivated = platform::TakeHandedSockets() == 1;
+    UniqueFd listener(isActivated ? platform::kFirstHandedSocket : -1);
     const std::string durable = OwnFolder(ZOL_PATH_VCONF_DIR);
     const std::string memory = OwnFolder(ZOL_PATH_VCONF_MEMORY_DIR);
     if (durable.empty() || memory.empty()) {
