@@ -181,8 +181,8 @@ def built():
     """A digest of what a disk is made of: the installed programs, the packaging and these scripts."""
     digest = hashlib.sha256()
     programs = [BUILD / "bin" / name for name in ("zol_daemon", "zol_vconfd", "zolctl", "clock_probe")]
-    for path in [*programs, *sorted(path for path in (TOP / "packaging").rglob("*") if path.is_file()), HERE / "agent.py", HERE / "no_sync.c",
-                 HERE / "image.py", SUBSCRIBER]:
+    packaging = sorted(path for path in (TOP / "packaging").rglob("*") if path.is_file())
+    for path in [*programs, *packaging, HERE / "agent.py", HERE / "no_sync.c", HERE / "image.py", SUBSCRIBER]:
         digest.update(path.read_bytes())
     return digest.hexdigest()
 
