@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "base/unique_fd.h"
-#include "device_paths.h"
 #include "child_process.h"
+#include "device_paths.h"
 #include "dlog/log_sinks.h"
 #include "source.h"
 #include "temporary_folder.h"
