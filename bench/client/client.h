@@ -36,7 +36,7 @@ public:
     Collector& operator=(const Collector&) = delete;
     /// Waits for a path. @return when the notification came
     std::int64_t AwaitPath();
-    /// Removes the published report and empties the key; returns when the path is no longer published.
+    /// Removes the published report and empties the key; returns when that has been notified.
     void Take();
 
 private:
@@ -45,6 +45,7 @@ private:
     std::condition_variable m_changed;
     std::string m_path;
     std::int64_t m_published = 0;
+    int m_changes = 0;
 };
 
 /// Calls `callback(value)` after each change of an integer or boolean key.

@@ -30,6 +30,7 @@ Collector::Collector() {
         const std::lock_guard<std::mutex> lock(self->m_mutex);
         self->m_path = node->str_value != nullptr ? node->str_value : "";
         self->m_published = now;
+        ++self->m_changes;
         self->m_changed.notify_one();
     };
     m_watch = Watch(kHandOverKey, changed, this);
@@ -44,6 +45,7 @@ std::int64_t Collector::AwaitPath() {
 void Collector::Take() {
     std::unique_lock<std::mutex> lock(m_mutex);
     const std::string taken = m_path;
+    const int changes = m_changes;
     lock.unlock();
     std::error_code ignored;  // the next report may have the same name, and be there already
     std::filesystem::remove_all(DevicePath(taken), ignored);
@@ -51,7 +53,8 @@ void Collector::Take() {
         std::abort();
     }
     lock.lock();
-    m_changed.wait(lock, [&] { return m_path != taken; });
+    // Not by the path: reports of one second have one name.
+    m_changed.wait(lock, [&] { return m_changes != changes; });
 }
 
 base::Subscription WatchNumber(const std::string& key, void (*callback)(int value)) {

@@ -12,11 +12,12 @@ ROUNDS = 10
 QUIET = 0.3  # seconds without a count after which a piece of work is over
 PROGRAMS = {"daemon": "zol_daemon", "key service": "zol_vconfd"}
 
-# A piece of work: what the client is told. Nobody takes the paths of the hits before the last one does.
+# A piece of work: what the client is told, and a line of the daemon's log by which it is over. Nobody takes the paths of
+# the hits before the last one does.
 WORKS = {
-    "key change without a hit": ("set", KEY),
-    "key change with a hit, its path waiting in line": ("set", KEY, HIT),
-    "path taken, the next one published": ("take",),
+    "key change without a hit": (("set", KEY), ""),
+    "key change with a hit, its path waiting in line": (("set", KEY, HIT), "add current path to list"),
+    "path taken, the next one published": (("take",), ""),
 }
 
 
@@ -31,14 +32,17 @@ def settled(read):
     return seen
 
 
-def counted(read, client):
+def counted(read, machine, client):
     """By piece of work, by name, how much of each count one of them takes."""
-    client.ask("set", 1, KEY, HIT)  # the path that is published while others wait
+    client.ask("set", 1, KEY, HIT)  # its path is published while others wait
+    machine.published()
     found = {}
-    for work, (command, *words) in WORKS.items():
+    for work, ((command, *words), line) in WORKS.items():
         before = settled(read)
-        for _ in range(ROUNDS):
+        for number in range(ROUNDS):
             client.ask(command, 1, *words)
+            if line:
+                machine.wait_log(line, times=number + 1)
             after = settled(read)
         found[work] = {name: (after[name] - before[name]) / ROUNDS for name in after}
     return found
@@ -67,7 +71,7 @@ def on_control(wrap, program, names):
             def read():
                 counts = control.counts()
                 return {name: counts[kind] for kind, name in names.items()}
-            return counted(read, client)
+            return counted(read, machine, client)
 
 
 def written(pid):
@@ -79,7 +83,7 @@ def bytes_written():
     """By program. Messages on sockets are not among them."""
     with new_machine() as machine, running(machine, document(1)) as (daemon, client):
         pids = {PROGRAMS["daemon"]: daemon.pid(), PROGRAMS["key service"]: service_pid(machine)}
-        return counted(lambda: {name: written(pid) for name, pid in pids.items()}, client)
+        return counted(lambda: {name: written(pid) for name, pid in pids.items()}, machine, client)
 
 
 def costs(effort):

@@ -18,6 +18,7 @@ __all__ = ["BIN", "BUILD", "BUS_NAME", "HANDOVER_KEY", "KEY", "HIT", "TOP", "Cli
 
 KEY = "db/bench/watched"
 HIT = 7
+PATIENCE = 300  # seconds after which a client has failed
 
 
 @contextlib.contextmanager
@@ -81,10 +82,17 @@ class Client:
         """Microseconds and, if there is one, the word of each round."""
         print(command, rounds, *arguments, file=self.process.stdin)
         samples = []
-        while (words := self.answers.get())[0] != "done":
-            assert words[0] != "ended", f"bench_client ended: {command}"
+        while (words := self._answer(command))[0] != "done":
             samples.append((float(words[0]), *words[1:]))
         return samples
+
+    def _answer(self, command):
+        try:
+            words = self.answers.get(timeout=PATIENCE)
+        except queue.Empty:
+            words = ["ended"]
+        assert words[0] != "ended", f"bench_client has no answer to '{command}'"
+        return words
 
     def times(self, command, rounds, *arguments):
         """Microseconds alone."""
@@ -102,7 +110,7 @@ class Client:
         """When, in seconds of the monotonic clock, each of these came next."""
         found = {}
         while set(names) - set(found):
-            name, when = self.moments.get(timeout=60)
+            name, when = self.moments.get(timeout=PATIENCE)
             found.setdefault(name, when / 1e9)
         return found
 

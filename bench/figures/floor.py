@@ -10,6 +10,7 @@ import tempfile
 import time
 
 from device import service_pid, wait_for
+from programs import SETUP, Missing
 
 SYNCS = ("fsync", "fdatasync")
 CALLS = ("openat", "write", "pwrite64", *SYNCS, "rename", "renameat", "renameat2", "mkdir", "mkdirat", "unlink",
@@ -48,7 +49,7 @@ def understood(line, root):
 def record(machine, daemon, work):
     """The writes of the daemon and the key service while `work` runs."""
     if shutil.which(NEEDED) is None:
-        raise SystemExit("bench: strace is missing: scripts/setup --bench installs it")
+        raise Missing(f"strace is {SETUP}")
     out = machine.folder / "writes"
     command = [NEEDED, "-f", "-y", "-s", "0", "-e", f"trace={','.join(CALLS)}", "-o", out]
     tracer = subprocess.Popen([*command, "-p", str(daemon.pid()), "-p", str(service_pid(machine))],

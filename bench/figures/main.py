@@ -2,7 +2,10 @@
 scripts/bench runs it."""
 import argparse
 import pathlib
+import queue
+import subprocess
 import sys
+import traceback
 
 import calls
 import changes
@@ -33,18 +36,23 @@ def tell(text):
 
 
 def measure(names, how):
-    """Rows of these groups. One that cannot be measured is told of."""
-    rows = []
+    """Rows of these groups, and how many groups failed. One that cannot be measured does not end the others."""
+    rows, failed = [], 0
     for name in names:
         tell(name)
         try:
             of_group = GROUPS[name](how)
         except programs.Missing as missing:
-            tell(f"{name}: {missing}")
+            tell(f"{name}: left out, {missing}")
+            continue
+        except (AssertionError, OSError, subprocess.SubprocessError, queue.Empty) as failure:
+            traceback.print_exc()
+            tell(f"{name}: cannot be measured: {failure!r}")
+            failed += 1
             continue
         rows += of_group
         print("\n".join(results.table(of_group)) + "\n", flush=True)
-    return rows
+    return rows, failed
 
 
 def write_page(file, rows, machine):
@@ -71,14 +79,14 @@ def main():
     print(", ".join(f"{name}: {value}" for name, value in machine.items()) + "\n", flush=True)
     if warning:
         tell(warning)
-    rows = measure(options.groups or GROUPS, effort.QUICK if options.quick else effort.Effort())
+    rows, failed = measure(options.groups or GROUPS, effort.QUICK if options.quick else effort.Effort())
     if options.json:
         results.write_json(options.json, rows, machine)
     if options.page:
         write_page(options.page, rows, machine)
     if warning:
         tell(warning)
-    return 0
+    return 1 if failed else 0
 
 
 if __name__ == "__main__":
