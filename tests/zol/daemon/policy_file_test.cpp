@@ -15,6 +15,7 @@
 #include "ZOLPolicy.h"
 #include "device_path.h"
 #include "dlog.h"
+#include "failing_new.h"
 #include "fake_dlog.h"
 #include "full_disk.h"
 #include "policy_manager_fixture.h"
@@ -228,6 +229,25 @@ TEST_F(StoredPolicyFile, OneThatCannotBeReadForAWhileIsAppliedAsSoonAsItCan) {
     EXPECT_FALSE(LetRetryCome());
 }
 
+TEST_F(StoredPolicyFile, MemoryThatRunsOutWhileItIsReadAgainDoesNotLeaveItUnwatched) {
+    std::size_t left = 0;
+    for (std::size_t allocation = 1; left == 0; ++allocation) {
+        StartWith("");
+        StorePolicy(PolicyFor("db/a"));
+        {
+            const NoDescriptors none;
+            m_manager->ReloadSchedule();
+        }
+        FailAllocation(allocation);
+        EXPECT_TRUE(LetRetryCome());
+        left = FailAllocation(0);
+
+        LetRetryCome();
+        ASSERT_EQ(fakes::vconf::Registrations("db/a"), 1) << allocation;
+        EXPECT_FALSE(LetRetryCome());
+    }
+}
+
 TEST_F(StoredPolicyFile, OneThatCannotBeReadForAWhileGivesWayToANewOne) {
     Start();
     StorePolicy(PolicyFor("db/a"));
@@ -251,6 +271,7 @@ TEST_F(StoredPolicyFile, APipeInItsPlaceDoesNotHoldUpTheStart) {
 TEST_F(StoredPolicyFile, AFileThatIsMalformedOrLongerThanAnyPolicyStartsNothing) {
     StorePolicy("<zolitem><zols</zolitem>");
     ExpectNotLoaded("Parsing failed.", DLOG_PRIORITY_ERROR);
+    EXPECT_FALSE(LetRetryCome()) << "it will be no better then";
 
     ASSERT_EQ(truncate(Mapped(ZOL_PATH_POLICY).c_str(), zol::kMaxPolicyBytes + 1), 0);
     ExpectNotLoaded("Policy /var/lib/zol/policy.xml of 4194305 bytes refused, at most 4194304 are read",

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cinttypes>
 #include <optional>
+#include <system_error>
 #include <utility>
 
 #include "ExceptionWall.h"
@@ -94,11 +95,11 @@ void TCPolicyManager::m_ReadAgain() {
     ZOLPolicy policy;
     bool mayDoBetterLater = false;
     std::string digest;
-    const bool isRead = m_Load(policy, mayDoBetterLater, digest);
-    m_isReloadDue = mayDoBetterLater;
-    if (isRead) {
+    if (m_Load(policy, mayDoBetterLater, digest)) {
         m_ApplyStored(std::move(policy), digest);
     }
+    // Last: what throws on its way is tried again.
+    m_isReloadDue = mayDoBetterLater;
 }
 
 void TCPolicyManager::m_ApplyStored(ZOLPolicy policy, const std::string& digest) {
@@ -173,11 +174,11 @@ bool TCPolicyManager::LoadPolicy(ZOLPolicy& policy) {
 
 bool TCPolicyManager::m_Load(ZOLPolicy& policy, bool& mayDoBetterLater, std::string& digest) {
     const std::string path = TCDirsManager::GetPolicyXmlPath();
-    if (!TSFileSystem::Exists(path)) {
+    const TSPolicyRead read = ReadPolicyFile(path);
+    if (read.open == std::errc::no_such_file_or_directory || read.open == std::errc::not_a_directory) {
         ZOL_LOG(LOG_DEBUG, "Policy %s does not exist", path.c_str());
         return false;
     }
-    const TSPolicyRead read = ReadPolicyFile(path);
     if (read.open) {
         ZOL_LOG(LOG_DEBUG, "Unable to open policy %s, errno: %d, message: %s", path.c_str(),
                 read.open.value(), read.open.message().c_str());
