@@ -99,6 +99,23 @@ TEST_F(FixedRingQueue, ElementsComeOutInOrderAcrossTheEndOfTheRing) {
     EXPECT_EQ(m_queue.Size(), 0U);
 }
 
+TEST_F(FixedRingQueue, ElementsThatComeOneByOneLieInOnePlace) {
+    Create(kSlots);
+    const void* place = nullptr;
+    for (int value = 0; value < 10; ++value) {
+        AddAll({value});
+        const void* const before = place;
+        const auto note = [](const void* element, const void* context) {
+            **static_cast<const void** const*>(context) = element;
+            return false;
+        };
+        const void** const out = &place;
+        m_queue.t_RemoveIf(note, &out);
+        EXPECT_TRUE(before == nullptr || before == place) << "and not in memory of its own";
+        EXPECT_EQ(Get(), value);
+    }
+}
+
 TEST_F(FixedRingQueue, PeekReadsWithoutTakingAndLikeRemoveRefusesPlacesThatHoldNothing) {
     Create(kSlots);
     AddAll({1, 2});

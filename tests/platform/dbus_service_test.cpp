@@ -58,9 +58,9 @@ public:
 
 private:
     void OnAppeared() {
-        m_look();
         m_service->Subscribe({kPath, kName, nullptr, nullptr},
                              [this](const char* /*path*/, GVariant* value) { Add(value); });
+        m_look();
         reports.Add("appeared");
     }
     /// A text; null: an error.
@@ -130,10 +130,11 @@ TEST_F(Service, AMissingServiceIsOneLogLineAndItIsFollowedWhenItComes) {
 
 TEST_F(Service, AFollowerThatLackedMemoryWhenTheServiceCameFollowsItALittleLater) {
     bus.Start();
-    const auto lamp = Lamp();
+    auto lamp = Lamp();
     std::atomic<int> looks{0};
-    Follower follower([&looks] {
+    Follower follower([&] {
         if (++looks == 1) {
+            lamp->Emit(kPath, kName, "Said", g_variant_new("(s)", "to half a follower"));
             throw std::bad_alloc();
         }
     });
@@ -142,6 +143,16 @@ TEST_F(Service, AFollowerThatLackedMemoryWhenTheServiceCameFollowsItALittleLater
     lamp->Emit(kPath, kName, "Said", g_variant_new("(s)", "one"));
 
     EXPECT_THAT(follower.reports.WaitFor(3), ElementsAre("vanished", "appeared", "one"));
+
+    lamp.reset();
+    EXPECT_TRUE(log.WaitFor("the lamp is missing"));
+    lamp = Lamp();
+    EXPECT_TRUE(log.WaitFor("the lamp is there", 2));
+    lamp->Emit(kPath, kName, "Said", g_variant_new("(s)", "two"));
+
+    EXPECT_THAT(follower.reports.WaitFor(6),
+                ElementsAre("vanished", "appeared", "one", "vanished", "appeared", "two"))
+        << "once each";
 }
 
 TEST_F(Service, ABusThatIsMissingOrGoesAwayIsOneLogLineEachHoweverOftenItIsTried) {

@@ -1,7 +1,9 @@
 #include <glib.h>
+#include <gmock/gmock.h>
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <map>
 #include <string>
 #include <thread>
@@ -145,6 +147,33 @@ TEST_F(WatchedKey, IsHeardByEveryoneWhoWatchesIt) {
     EXPECT_TRUE(ServeUntil([&] { return first.calls == 1 && second.calls == 1; }));
 }
 
+struct Listener {
+    std::string name;
+    std::vector<std::string>* calls;
+};
+
+TEST_F(WatchedKey, IsHeardByItsWatchersInTheOrderInWhichTheyCame) {
+    std::vector<std::string> calls;
+    Listener first{"first", &calls};
+    Listener second{"second", &calls};
+    Listener third{"third", &calls};
+    const auto callback = [](keynode_t*, void* data) {
+        const auto* self = static_cast<Listener*>(data);
+        self->calls->push_back(self->name);
+    };
+    for (Listener* listener : {&first, &second, &third}) {
+        ASSERT_EQ(vconf_notify_key_changed("db/k", callback, listener), 0);
+    }
+    ASSERT_EQ(vconf_withdraw_key_changed("db/k", callback, &second), 0);
+    ASSERT_EQ(vconf_notify_key_changed("db/k", callback, &second), 0);
+    ASSERT_TRUE(SetInt("db/k", 1));
+    ASSERT_TRUE(ServeAllSoFar());
+    EXPECT_THAT(calls, testing::ElementsAre("first", "third", "second"));
+    for (Listener* listener : {&first, &second, &third}) {
+        EXPECT_EQ(vconf_withdraw_key_changed("db/k", callback, listener), 0);
+    }
+}
+
 struct Inside {
     int calls = 0;
     int read = 0;
@@ -207,6 +236,7 @@ TEST_F(WatchedKey, WithdrawnByAnotherThreadIsNotBeingHeardAnyMore) {
         while (!self->withdrawing) {
             std::this_thread::yield();
         }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));  // in which nothing may return
         self->finished = true;
     };
     ASSERT_TRUE(vconf_notify_key_changed("db/k", callback, &slow) == 0);

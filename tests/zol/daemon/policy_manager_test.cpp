@@ -13,6 +13,7 @@ namespace {
 
 using fakes::dlog::Count;
 using fakes::dlog::Has;
+using testing::ElementsAre;
 using testing::Return;
 
 constexpr const char* kVersionKey = "db/private/tvs-cv/policy_version";
@@ -252,6 +253,24 @@ TEST_F(PolicyManager, InvalidItemsAreTakenOutBeforeAnythingIsWatched) {
     EXPECT_EQ(Count("removed"), 3);
     ExpectErrors({"removed", "ZOL_BT_PAIR, method is not valid [33]"});
     ExpectInOrder({"vconfPolicyCount[1]", "monitorList[0]", "totalCount[1]"});
+}
+
+TEST_F(PolicyManager, ValidItemsKeepTheirOrderWhateverIsTakenOutBetweenThem) {
+    const std::string invalid =
+        "<zols key=\"x\" condition=\"is\" type=\"INT\"/><monitor kind=\"3\" method=\"33\"/>";
+    const auto valid = [](const std::string& name) {
+        return ItemFor(name) + "<monitor kind=\"1\" id=\"" + name + "\" name=\"App\" method=\"11\"/>";
+    };
+    StartAndPush(Document(invalid + valid("a") + invalid + invalid + valid("b") + valid("c") + invalid));
+
+    std::vector<std::string> names;
+    for (const auto& item : Applied().vconfMonitors) {
+        names.push_back(item.key);
+    }
+    for (const auto& monitor : Applied().policyMonitors) {
+        names.push_back(monitor.id);
+    }
+    EXPECT_THAT(names, ElementsAre("a", "b", "c", "a", "b", "c"));
 }
 
 TEST_F(PolicyManager, APolicyOfInvalidItemsOnlyMakesNoTask) {

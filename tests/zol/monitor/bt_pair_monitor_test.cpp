@@ -181,9 +181,11 @@ TEST_F(BtPairMonitor, WhileTheStoredIdCannotBeReadItDoesNotStartForThenItWouldTa
     EXPECT_EQ(m_notify.Hits(), Hits({kIndex}));
 }
 
-TEST_F(BtPairMonitor, AnIdThatIsNotThereOrThatCountingDoesNotNeedKeepsItFromNothing) {
+TEST_F(BtPairMonitor, AnIdThatIsNoneOrThatCountingDoesNotNeedKeepsItFromNothing) {
     EXPECT_TRUE(Make(kLastConnected).StartMonitoring());
     EXPECT_EQ(Logged("vconf_get_str fail"), 1);
+    fakes::vconf::SetInt(kIdKey, 1);
+    EXPECT_TRUE(Make(kLastConnected).StartMonitoring()) << "nor is a number one";
     fakes::vconf::Fail(kIdKey, fakes::vconf::FAIL_GET);
     EXPECT_TRUE(Make(kCounting).StartMonitoring());
 }
