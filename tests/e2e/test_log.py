@@ -147,7 +147,7 @@ def test_lines_are_chosen_by_key_level_and_time(machine):
     assert shown(machine, "--since", "1h") == [KEY] and len(shown(machine)) == 5
     assert len(shown(machine, "--since", "200000000d")) == 5
     assert shown(machine, "--key", "menu/level") == [] == shown(machine, "--rule", "db/none")
-    for wrong in (("--since", "yesterday"), ("--level", "X"), ("--key",)):
+    for wrong in (("--since", "yesterday"), ("--since", "1000000001d"), ("--level", "X"), ("--key",)):
         refused = machine.zolctl("log", *wrong)
         assert (refused.returncode, refused.stdout) == (2, "") and refused.stderr.count("\n") == 1
 

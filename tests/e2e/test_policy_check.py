@@ -140,6 +140,17 @@ def test_a_long_line_is_shown_around_the_place(machine, write):
     assert shown.splitlines()[1].index("<zolz") == shown.splitlines()[2].index("^")
 
 
+def test_a_line_of_up_to_a_hundred_characters_is_shown_whole(machine, write):
+    lines = ["  <!--" + "x" * (length - 16) + "--><zolz/>" for length in (101, 100)]
+    lines.append("  <zolz/><!--" + "x" * 100 + "-->")
+    file = write("wide.xml", GOOD.replace("  <zols", "\n".join([*lines, "  <zols"])))
+
+    shown = re.sub(r"\x1b\[[0-9;]*m", "", on_terminal(machine, BIN / "zolctl", "policy", "check", file)).splitlines()
+
+    assert shown[1::3] == ["    " + lines[0][54:], "    " + lines[1], "    " + lines[2][:100]]
+    assert shown[2::3] == [" " * 44 + "^", " " * 97 + "^", " " * 6 + "^"]
+
+
 def test_the_help_shows_an_example(machine):
     text = machine.zolctl("policy", "check", "--help", check=0).stdout
 

@@ -60,10 +60,18 @@ def test_a_type_that_is_guessed_for_what_looks_like_another_one_is_told(machine,
     assert machine.zolctl("vconf", "set", "db/new", "2", check=0).stderr == "", "it has a type"
 
 
-@pytest.mark.parametrize("command", [("list",), ("unset", "db/a"), ("set", "db/a", "5"), ("watch", "--now", "db/a")])
+@pytest.mark.parametrize("command", [
+    ("get", "db/a"), ("list",), ("unset", "db/a"), ("set", "db/a", "5"), ("set", "db/a", "5", "--type", "int"),
+    ("watch", "--now", "db/a")], ids=" ".join)
 def test_a_store_that_cannot_be_read_is_told(machine, command):
     machine.spoil_key_store()
 
     failed = machine.zolctl("vconf", *command)
 
     assert failed.returncode == 2 and failed.stderr.startswith("zolctl: cannot ") and failed.stderr.count("\n") == 1
+
+
+def test_a_name_that_no_key_may_have_is_not_watched(machine):
+    failed = machine.zolctl("vconf", "watch", "db/a", "k" * 5000)
+
+    assert failed.returncode == 2 and failed.stderr.startswith("zolctl: cannot watch k") and failed.stdout == ""

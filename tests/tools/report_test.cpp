@@ -96,7 +96,8 @@ TEST_F(Reports, TellTheirHeaderAndTheirFiles) {
 TEST_F(Reports, WithoutAHeaderThatCanBeReadTellTheirAge) {
     for (const std::string& text :
          {std::string(), std::string("{"), std::string("[]"), std::string("17"), std::string(70000, ' '),
-          std::string(4000, '[') + std::string(4000, ']')}) {
+          std::string(4000, '[') + std::string(4000, ']'),
+          R"({"a": [[[[[[[[[["deep"]]]]]]]]]], "evid": "1700000000"})" + std::string()}) {
         MakeReport();
         WriteFile(HostOf(kName) + "/header.json", text);
         SetAge(kName, 30);
@@ -111,6 +112,15 @@ TEST_F(Reports, WithoutAHeaderThatCanBeReadTellTheirAge) {
     Report report;
     ASSERT_FALSE(Open(kName, &report));
     EXPECT_FALSE(report.header);
+}
+
+TEST_F(Reports, HaveTheTextsOfTheirHeaderOnly) {
+    MakeReport();
+    WriteFile(HostOf(kName) + "/header.json",
+              R"({"id": {"a": "b"}, "list": ["a"], "number": 7, "none": null, "evid": "1700000000"})");
+    Report report;
+    ASSERT_FALSE(Open(kName, &report));
+    EXPECT_EQ(report.header, (reports::Header{{"evid", "1700000000"}}));
 }
 
 TEST_F(Reports, WithAHeaderThatIsBrokenAtAnyByteAreDescribedAllTheSame) {

@@ -292,6 +292,39 @@ TEST_F(Spools, DropTheOldestThatCannotBeOpenedWhenThereIsNoRoom) {
     EXPECT_EQ(m_spool->Counts().droppedReports, 1);
 }
 
+TEST_F(Spools, DropWhatCannotBeOpenedRatherThanOlderReports) {
+    Limits limits;
+    limits.bytes = 8 * kBlock;
+    Restart(limits);
+    TakeWithBody("a_1", 1);
+    TakeWithBody("b_2", 1);
+    const std::string broken = m_spool->PathOf(List().back());
+    fs::remove_all(broken);
+    WriteFile(broken, "");
+
+    TakeWithBody("c_3", 1);
+
+    EXPECT_FALSE(fs::exists(broken));
+    EXPECT_EQ(Names(), (Texts{"a_1 header", "c_3"}));
+}
+
+TEST_F(Spools, KeepTheFolderOfAReportThatWasTakenOutInMindUntilItIsRemoved) {
+    TakeWithBody("a_1", 1);
+    const std::string entry = m_spool->PathOf(*m_spool->First());
+    fs::remove_all(entry + "/a_1");
+    for (const std::string& folder : {m_path, m_path + "/.incoming", entry}) {
+        ASSERT_EQ(chmod(folder.c_str(), 0777), 0);
+    }
+    ASSERT_EQ(chmod((m_path + "/reports").c_str(), 0555), 0);
+    {
+        const Unprivileged unprivileged;
+        EXPECT_NE(m_spool->First(), nullptr);
+    }
+    ASSERT_EQ(chmod((m_path + "/reports").c_str(), 0700), 0);
+    EXPECT_EQ(m_spool->First(), nullptr);
+    EXPECT_FALSE(fs::exists(entry));
+}
+
 TEST_F(Spools, MissNoReportThatCannotBeOpenedJustNow) {
     TakeWithBody("a_1", 1);
     const std::string entry = m_spool->PathOf(*m_spool->First());
