@@ -35,6 +35,9 @@ public:
         }
     }
 
+    /// Leaves the registration to somebody else, who withdraws it.
+    void Release() { m_withdraw = nullptr; }
+
 private:
     std::function<void()> m_withdraw;
 };

@@ -35,13 +35,20 @@ TCVconfChecker::TCVconfChecker(TCNotifyManager* notify, SharedVconfItems items)
     std::iota(m_byKey.begin(), m_byKey.end(), 0U);
     std::stable_sort(m_byKey.begin(), m_byKey.end(),
                      [this](auto one, auto other) { return Items()[one].key < Items()[other].key; });
-    m_watches.reserve(Items().size());
 }
 
 TCVconfChecker::TCVconfChecker(TCNotifyManager* notify, std::vector<ZOLVconfMonitor> items)
     : TCVconfChecker(notify, std::make_shared<const std::vector<ZOLVconfMonitor>>(std::move(items))) {}
 
 TCVconfChecker::~TCVconfChecker() {
+    for (const Unread& unread : m_unread) {
+        m_states[unread.position] = unread.watch ? EState::UNREAD : EState::WATCHED;
+    }
+    for (std::size_t position = 0; position < m_states.size(); ++position) {
+        if (m_states[position] == EState::WATCHED) {
+            vconf_withdraw_key_changed(Items()[position].key.c_str(), m_KeyChangedCb, this);
+        }
+    }
     if (CCTask::FlagCreate()) {
         TCVconfChecker::Destroy();
     }
@@ -110,7 +117,7 @@ bool TCVconfChecker::m_CheckOrWatch(std::size_t position) {
     if (m_isUnreadable) {
         m_ReadLater(position, isString, std::move(watch));
     } else {
-        m_watches.push_back(std::move(watch));
+        watch.Release();
         state = EState::WATCHED;
     }
     return true;
@@ -147,8 +154,8 @@ void TCVconfChecker::m_ReadAgain() {
                 break;
             }
             const bool isWatchedNoMore = holds && next.watch;
-            if (!isWatchedNoMore && next.watch) {
-                m_watches.push_back(std::move(next.watch));
+            if (!isWatchedNoMore) {
+                next.watch.Release();
             }
             m_states[next.position] = isWatchedNoMore ? EState::REPORTED : EState::WATCHED;
             m_unread.pop_back();
@@ -212,9 +219,7 @@ void TCVconfChecker::m_DropUnread(std::size_t position) {
     if (unread == m_unread.end()) {
         return;
     }
-    if (unread->watch) {
-        m_watches.push_back(std::move(unread->watch));
-    }
+    unread->watch.Release();
     m_unread.erase(unread);
     m_states[position] = EState::WATCHED;
 }

@@ -110,13 +110,13 @@ private:
     const SharedVconfItems m_monitorList;
     std::vector<std::uint32_t> m_byKey;  ///< positions in m_monitorList, by key, those of one key in order
     std::atomic<bool> m_bNotifyPending{false};
-    std::vector<EState> m_states;        ///< of the items
+    /// Of the items. One that is WATCHED is registered, and has no object of its own for it: most are.
+    std::vector<EState> m_states;
     std::vector<std::size_t> m_refused;  ///< positions of items whose keys vconf would not watch
     bool m_isUnreadable = false;         ///< the last read failed, and not for want of the key
     base::Backoff m_backoff;
     std::vector<Unread> m_unread;
     base::GSourcePtr m_retry;
-    std::vector<KeyWatch> m_watches;  ///< go first: the callback uses all of the above
 };
 
 }  // namespace zol
