@@ -185,7 +185,7 @@ void StringHashStandard(benchmark::State& state) {
 }
 BENCHMARK(StringHashStandard);
 
-/// Fills an array and reads each element.
+/// Fills an array, reads each element, and empties it.
 void ArrayCore(benchmark::State& state) {
     const auto ignore = [](void*, void*) {};
     for (auto _ : state) {

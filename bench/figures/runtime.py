@@ -53,7 +53,7 @@ def containers(effort):
              "Queue": ("event queue, one event in and out", "std::queue, mutex and condition variable"),
              "IntegerHash": ("hash of 1,000 numbers, each found", "std::unordered_map"),
              "StringHash": ("hash of 1,000 texts, each found", "std::unordered_map"),
-             "Array": ("pointer array, 1,000 added and read", "std::vector")}
+             "Array": ("pointer array, 1,000 added, read, and told of when removed", "std::vector")}
     return [row(CONTAINERS, f"{what}, processor time", "ns", samples[f"{name}Core"],
                 peers=[(standard, samples[f"{name}Standard"])]) for name, (what, standard) in pairs.items()]
 
