@@ -57,7 +57,8 @@ std::vector<std::string> ReadAllLines(const TemporaryFolder& root) {
 class LogLine : public testing::Test {
 protected:
     static std::string Path(const char* name) {
-        return std::string(std::getenv("ZOL_ROOT")) + "/var/log/zol/" + name;
+        const char* root = std::getenv("ZOL_ROOT");
+        return std::string(root != nullptr ? root : "") + "/var/log/zol/" + name;
     }
     static std::size_t Count() { return ReadLines(Path("main.log")).size(); }
     static std::string Last(const char* name = "main.log") {
