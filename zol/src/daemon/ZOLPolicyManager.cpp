@@ -79,7 +79,7 @@ void TCPolicyManager::ReloadSchedule() {
     ZOLPolicy policy;
     std::string digest;
     m_isReloadDue = false;
-    if (m_Load(policy, m_isReloadDue, digest)) {
+    if (m_Load(policy, m_isReloadDue, &digest)) {
         m_ApplyStored(std::move(policy), digest);
         return;
     }
@@ -95,7 +95,7 @@ void TCPolicyManager::m_ReadAgain() {
     ZOLPolicy policy;
     bool mayDoBetterLater = false;
     std::string digest;
-    if (m_Load(policy, mayDoBetterLater, digest)) {
+    if (m_Load(policy, mayDoBetterLater, &digest)) {
         m_ApplyStored(std::move(policy), digest);
     }
     // Last: what throws on its way is tried again.
@@ -168,11 +168,10 @@ bool TCPolicyManager::m_Update(const std::string& xml) {
 
 bool TCPolicyManager::LoadPolicy(ZOLPolicy& policy) {
     bool mayDoBetterLater = false;
-    std::string digest;
-    return m_Load(policy, mayDoBetterLater, digest);
+    return m_Load(policy, mayDoBetterLater, nullptr);
 }
 
-bool TCPolicyManager::m_Load(ZOLPolicy& policy, bool& mayDoBetterLater, std::string& digest) {
+bool TCPolicyManager::m_Load(ZOLPolicy& policy, bool& mayDoBetterLater, std::string* digest) {
     const std::string path = TCDirsManager::GetPolicyXmlPath();
     const TSPolicyRead read = ReadPolicyFile(path);
     if (read.open == std::errc::no_such_file_or_directory || read.open == std::errc::not_a_directory) {
@@ -196,7 +195,9 @@ bool TCPolicyManager::m_Load(ZOLPolicy& policy, bool& mayDoBetterLater, std::str
         mayDoBetterLater = true;
         return false;
     }
-    digest = DigestOf(read.text);
+    if (digest != nullptr) {
+        *digest = DigestOf(read.text);
+    }
     const std::optional<EPolicyRefusal> refusal = TCPolicyParser().FindRefusal(read.text, policy);
     mayDoBetterLater = refusal == EPolicyRefusal::NO_MEMORY;
     return !refusal;

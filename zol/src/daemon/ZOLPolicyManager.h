@@ -94,8 +94,8 @@ public:
 private:
     /// @param mayDoBetterLater set when it failed for want of a descriptor or memory, or the file could not
     /// be read
-    /// @param digest of what was parsed
-    [[nodiscard]] static bool m_Load(ZOLPolicy& policy, bool& mayDoBetterLater, std::string& digest);
+    /// @param digest of what was parsed; null: nobody asks, and a long document takes milliseconds
+    [[nodiscard]] static bool m_Load(ZOLPolicy& policy, bool& mayDoBetterLater, std::string* digest);
     [[nodiscard]] bool m_Update(const std::string& xml);
     void m_TellChange();
     void m_ReadAgain();
