@@ -183,7 +183,9 @@ TEST_F(LogLine, OfManyProcessesIsKeptWhileTheyRotate) {
     EXPECT_FALSE(ReadLines(root.Path() + "/var/log/zol/main.2.log").empty());
     EXPECT_EQ(lines.size(), static_cast<std::size_t>(kWriters * kLines));
     for (const std::string& line : lines) {
-        ASSERT_THAT(line, MatchesRegex("[0-9. :-]+ I/MANY\\([0-9]+:[0-9]+\\): [0-9]+ y{4000}"));
+        ASSERT_THAT(line, HasSubstr(" I/MANY("));
+        ASSERT_THAT(line, EndsWith(" " + text));
+        ASSERT_EQ(line.find('y'), line.size() - text.size());
     }
 }
 
