@@ -11,7 +11,7 @@ namespace {
 constexpr const char* kSource = "core/src/Task";
 
 // The largest 32-bit wait, compared with moments since 1970: on a clock that is set every moment lies behind
-// it, and the loop polls.
+// it, and the queue is looked at without waiting: it is m_Pause that waits.
 constexpr std::uint64_t kLongestWait = 4294967295U;
 
 struct TimerEvents {
