@@ -227,6 +227,7 @@ void Device::Pass(nanoseconds time) {
 
 void Device::SetClock(std::int64_t seconds) {
     fakes::clock::SetWall(seconds);
+    Rest();
 }
 
 std::int64_t Device::Now() {

@@ -55,8 +55,8 @@ public:
     void Install(const std::string& id, bool isInstalled);
 
     void Pass(std::chrono::nanoseconds time);
-    /// The wall clock only; nothing is told of it.
-    static void SetClock(std::int64_t seconds);
+    /// The wall clock only; who waits for a moment of it is told when it has come.
+    void SetClock(std::int64_t seconds);
     /// The wall clock, seconds since 1970.
     [[nodiscard]] static std::int64_t Now();
 

@@ -168,7 +168,7 @@ void Player::Do(const PassTime& action) {
 }
 
 void Player::Do(const SetClock& action) {
-    Device::SetClock(action.seconds);
+    m_device.SetClock(action.seconds);
 }
 
 void Player::Do(const StandBy& action) {
