@@ -20,8 +20,8 @@ class CCHandler;
 /// What a handler throws is one line in the runtime log; its event counts as handled and the loop goes on.
 ///
 /// An idle loop sleeps until an event is sent, a timer is set or the wall clock, which may be set meanwhile,
-/// reaches the next due time. Nothing else wakes it. On a clock that was never set, in the first fifty days of
-/// 1970, only an event or a due time does: a timer that another thread sets counts from the next one on.
+/// reaches the next due time. Nothing else wakes it. On a clock that was never set, in the first fifty days
+/// of 1970, only an event or a due time does: a timer that another thread sets counts from the next one on.
 ///
 /// Any thread may Send, Ping and set or kill timers. Create and Destroy are called by one thread. Operations
 /// outside of Create and Destroy assert and return false or 0 where the assertion returns.
