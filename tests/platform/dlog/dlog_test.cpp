@@ -146,19 +146,24 @@ TEST_F(LogLine, OfManyThreadsStaysWhole) {
     }
 }
 
+/// Has so many processes at once write as many lines each, and waits for their end.
+void LetManyWrite(const TemporaryFolder& root, int writers, int lines, const std::string& text) {
+    std::vector<Process> running;
+    for (int index = 0; index < writers; ++index) {
+        running.emplace_back("log-many", child::Arguments{std::to_string(lines), text}, root.Path());
+    }
+    for (Process& writer : running) {
+        EXPECT_EQ(writer.ReadLine(), "done");
+        EXPECT_EQ(writer.Wait(), 0);
+    }
+}
+
 TEST_F(LogLine, OfManyProcessesStaysWhole) {
     constexpr int kWriters = 4;
     constexpr int kLines = 200;
     const std::string text(600, 'y');
     const TemporaryFolder root;
-    std::vector<Process> writers;
-    for (int index = 0; index < kWriters; ++index) {
-        writers.emplace_back("log-many", child::Arguments{std::to_string(kLines), text}, root.Path());
-    }
-    for (Process& writer : writers) {
-        EXPECT_EQ(writer.ReadLine(), "done");
-        EXPECT_EQ(writer.Wait(), 0);
-    }
+    LetManyWrite(root, kWriters, kLines, text);
     const std::vector<std::string> lines = ReadLines(root.Path() + "/var/log/zol/main.log");
     EXPECT_EQ(lines.size(), static_cast<std::size_t>(kWriters * kLines));
     for (const std::string& line : lines) {
@@ -171,14 +176,7 @@ TEST_F(LogLine, OfManyProcessesIsKeptWhileTheyRotate) {
     constexpr int kLines = 350;
     const std::string text(4000, 'y');
     const TemporaryFolder root;
-    std::vector<Process> writers;
-    for (int index = 0; index < kWriters; ++index) {
-        writers.emplace_back("log-many", child::Arguments{std::to_string(kLines), text}, root.Path());
-    }
-    for (Process& writer : writers) {
-        EXPECT_EQ(writer.ReadLine(), "done");
-        EXPECT_EQ(writer.Wait(), 0);
-    }
+    LetManyWrite(root, kWriters, kLines, text);
     const std::vector<std::string> lines = ReadAllLines(root);
     EXPECT_FALSE(ReadLines(root.Path() + "/var/log/zol/main.2.log").empty());
     EXPECT_EQ(lines.size(), static_cast<std::size_t>(kWriters * kLines));
