@@ -8,6 +8,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <cinttypes>
 #include <cstdint>
 #include <cstdio>
 #include <thread>
@@ -106,8 +107,8 @@ milliseconds TimeUntil(const Clockwork& clockwork, int fired) {
     return std::chrono::duration_cast<milliseconds>(Steady::now() - begin);
 }
 
-bool Tell(const char* what, long value, bool isRight) {
-    std::printf("%s: %ld%s\n", what, value, isRight ? "" : " WRONG");
+bool Tell(const char* what, std::int64_t value, bool isRight) {
+    std::printf("%s: %" PRId64 "%s\n", what, value, isRight ? "" : " WRONG");
     return isRight;
 }
 
