@@ -33,7 +33,7 @@ constexpr std::int64_t kKeptRemovals = 1024;
 constexpr const char* kNewStore =
     "PRAGMA page_size=1024; PRAGMA journal_mode=OFF; PRAGMA synchronous=OFF; BEGIN";
 // The write-ahead log is folded into the database at this size and cut back to it.
-constexpr std::int64_t kLogBytes = 1024 * 1024;
+constexpr std::int64_t kLogBytes = std::int64_t{1024} * 1024;
 constexpr std::int64_t kMaxBytes = 64 * kLogBytes;  // all accounts together
 
 // A removed key keeps its row without a value, so that clients that were away learn of its removal.
