@@ -1,7 +1,7 @@
 #include "ZOLPolicyManager.h"
 
+#include <algorithm>
 #include <boost/thread/exceptions.hpp>
-#include <cerrno>
 #include <cinttypes>
 #include <optional>
 #include <system_error>
@@ -44,10 +44,23 @@ void KeepInStorage(ZOLPolicy policy) {
     storage->SetZOLMonitorInformation(count, std::move(policy.policyMonitors));
 }
 
-/// Whether what failed for this reason may well succeed a while later.
-bool IsPassing(const std::error_code& error) {
-    const int reason = error.value();
-    return reason == EMFILE || reason == ENFILE || reason == ENOMEM || reason == EIO;
+/// Keeps the valid items in the storage; a line of `function` tells of each other one. @return how many are
+/// kept
+template <class Item>
+unsigned KeepValid(std::vector<Item> items, bool (*isValid)(const Item&), const char* function) {
+    // In place: the items of a long policy are most of what the daemon has.
+    auto kept = items.begin();
+    for (auto item = kept; item != items.end(); ++item) {
+        if (isValid(*item)) {
+            std::iter_swap(kept++, item);
+        } else {
+            WriteLog(LOG_ERROR, kLogModule, __FILE__, function, __LINE__, "removed");
+        }
+    }
+    items.erase(kept, items.end());
+    const auto count = static_cast<unsigned>(items.size());
+    TCInformationStorage::Instance()->SetZOLMonitorInformation(count, std::move(items));
+    return count;
 }
 
 }  // namespace
@@ -298,35 +311,11 @@ void TCPolicyManager::m_StartTasks() {
 }
 
 unsigned TCPolicyManager::m_RemoveInvalidVconfPolicy(std::vector<ZOLVconfMonitor> items) {
-    // In place: the items of a long policy are most of what the daemon has.
-    auto kept = items.begin();
-    for (auto item = kept; item != items.end(); ++item) {
-        if (!m_CheckThisVconfPolicy(*item)) {
-            ZOL_LOG(LOG_ERROR, "removed");
-        } else {
-            std::iter_swap(kept++, item);
-        }
-    }
-    items.erase(kept, items.end());
-    const auto count = static_cast<unsigned>(items.size());
-    TCInformationStorage::Instance()->SetZOLMonitorInformation(count, std::move(items));
-    return count;
+    return KeepValid(std::move(items), m_CheckThisVconfPolicy, __func__);
 }
 
 unsigned TCPolicyManager::m_RemoveInvalidMonitorPolicy(std::vector<ZOLPolicyMonitor> items) {
-    // In place: the items of a long policy are most of what the daemon has.
-    auto kept = items.begin();
-    for (auto item = kept; item != items.end(); ++item) {
-        if (!m_CheckThisMonitorPolicy(*item)) {
-            ZOL_LOG(LOG_ERROR, "removed");
-        } else {
-            std::iter_swap(kept++, item);
-        }
-    }
-    items.erase(kept, items.end());
-    const auto count = static_cast<unsigned>(items.size());
-    TCInformationStorage::Instance()->SetZOLMonitorInformation(count, std::move(items));
-    return count;
+    return KeepValid(std::move(items), m_CheckThisMonitorPolicy, __func__);
 }
 
 bool TCPolicyManager::m_CheckThisVconfPolicy(const ZOLVconfMonitor& item) {

@@ -57,6 +57,11 @@ TSPolicyRead ReadPolicyFile(const std::string& path) {
     return result;
 }
 
+bool IsPassing(const std::error_code& error) {
+    const int reason = error.value();
+    return reason == EMFILE || reason == ENFILE || reason == ENOMEM || reason == EIO;
+}
+
 TSPolicyWrite WritePolicyFile(const std::string& path, const std::string& text) {
     TSPolicyWrite result;
     base::ReplacementFile file(DevicePath(path));

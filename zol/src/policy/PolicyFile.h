@@ -20,6 +20,9 @@ struct TSPolicyRead {
 /// @param path of the device
 [[nodiscard]] TSPolicyRead ReadPolicyFile(const std::string& path);
 
+/// Whether opening that failed for this reason may well succeed a while later.
+[[nodiscard]] bool IsPassing(const std::error_code& error);
+
 /// How replacing the file went, step by step. The old file stays unless every step went well.
 struct TSPolicyWrite {
     std::error_code open;
